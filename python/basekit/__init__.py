@@ -1,0 +1,1 @@
+"""basekit: signals and destruction, file locations, callback adapters."""
