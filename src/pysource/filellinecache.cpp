@@ -160,13 +160,15 @@ void CFileLogicalLineCache::SaveWordsToDb() {
 }
 
 void SetWordStore(nb::handle store) {
-    if (!store.is_none() && !PyCallable_Check(store.ptr()))
+    if (store.is_none()) {
+        Py_CLEAR(gWordStore);
+        return;
+    }
+    if (!PyCallable_Check(store.ptr()))
         throw nb::type_error("SetWordStore: the store must be callable or None");
-    Py_XINCREF(store.ptr());
+    Py_INCREF(store.ptr());
     Py_XDECREF(gWordStore);
-    gWordStore = store.is_none() ? nullptr : store.ptr();
-    if (store.is_none())
-        Py_DECREF(store.ptr());
+    gWordStore = store.ptr();
 }
 
 nb::handle GetWordStore() { return gWordStore ? nb::handle(gWordStore) : nb::handle(); }
