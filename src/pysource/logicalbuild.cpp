@@ -139,41 +139,32 @@ std::string CanonicalEncoding(const std::string &name) {
 // be recorded, then with replacement.
 bool DecodeWithCodec(std::string_view data, const std::string &encoding, Py_ssize_t base_offset,
                      DecodedSource &out) {
-    PyObject *text = PyUnicode_Decode(data.data(), (Py_ssize_t) data.size(), encoding.c_str(),
-                                      "strict");
-    if (!text) {
-        if (!PyErr_ExceptionMatches(PyExc_UnicodeDecodeError)) {
-            PyErr_Clear();
+    nb::bytes raw(data.data(), data.size());
+    nb::object text;
+    try {
+        text = raw.attr("decode")(encoding.c_str(), "strict");
+    } catch (nb::python_error &e) {
+        if (!e.matches(PyExc_UnicodeDecodeError))
             return false;
-        }
-        PyObject *type, *value, *tb;
-        PyErr_Fetch(&type, &value, &tb);
         Py_ssize_t start = 0;
         std::string reason = "undecodable bytes";
-        if (value && PyUnicodeDecodeError_GetStart(value, &start) == 0) {
-            PyObject *r = PyUnicodeDecodeError_GetReason(value);
-            if (r) {
-                const char *c = PyUnicode_AsUTF8(r);
-                if (c)
-                    reason = c;
-                Py_DECREF(r);
-            }
+        try {
+            start = nb::cast<Py_ssize_t>(e.value().attr("start"));
+            reason = nb::cast<std::string>(nb::str(e.value().attr("reason")));
+        } catch (nb::python_error &) {
+        } catch (nb::cast_error &) {
         }
-        PyErr_Clear();
-        Py_XDECREF(type);
-        Py_XDECREF(value);
-        Py_XDECREF(tb);
         AddError(out, LineOfOffset(data, (size_t) start), base_offset + start,
                  encoding + ": " + reason);
-        text = PyUnicode_Decode(data.data(), (Py_ssize_t) data.size(), encoding.c_str(),
-                                "replace");
-        if (!text) {
-            PyErr_Clear();
+        try {
+            text = raw.attr("decode")(encoding.c_str(), "replace");
+        } catch (nb::python_error &) {
             return false;
         }
     }
-    nb::object owner = nb::steal(text);
-    PyObject *utf8 = PyUnicode_AsEncodedString(text, "utf-8", "replace");
+    if (!PyUnicode_Check(text.ptr()))
+        return false;
+    PyObject *utf8 = PyUnicode_AsEncodedString(text.ptr(), "utf-8", "replace");
     if (!utf8) {
         PyErr_Clear();
         return false;
