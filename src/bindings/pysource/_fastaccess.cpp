@@ -1,0 +1,56 @@
+#include "bindutil.h"
+
+#include "pysource/fastaccess.h"
+
+using pysource::CLogger;
+
+namespace {
+
+struct PyCLogger : CLogger {
+    NB_TRAMPOLINE(CLogger, 1);
+    void Log(int level, nb::handle fmt, nb::handle args) override {
+        NB_OVERRIDE(Log, level, fmt, args);
+    }
+};
+
+int LoggerTraverse(PyObject *self, visitproc visit, void *arg) {
+    Py_VISIT(Py_TYPE(self));
+    if (!nb::inst_ready(self))
+        return 0;
+    return nb::inst_ptr<CLogger>(self)->Traverse(visit, arg);
+}
+
+int LoggerClear(PyObject *self) {
+    if (nb::inst_ready(self))
+        nb::inst_ptr<CLogger>(self)->Clear();
+    return 0;
+}
+
+PyType_Slot kLoggerSlots[] = {{Py_tp_traverse, (void *) LoggerTraverse},
+                              {Py_tp_clear, (void *) LoggerClear},
+                              {0, nullptr}};
+
+}  // namespace
+
+NB_MODULE(_fastaccess, m) {
+    bindutil::ImportDependencies({});
+    m.doc() = "The clock, the log front and the fast helpers of the scanners";
+
+    pysource::RegisterFastAccessModule(m);
+    m.def("GetNowTime", &pysource::GetNowTime);
+    m.def("OutOfTime", &pysource::OutOfTime, nb::arg("end_time"));
+
+    nb::class_<CLogger, PyCLogger>(m, "CLogger", bindutil::IntrusiveHolder<CLogger>(),
+                                   nb::type_slots(kLoggerSlots))
+        .def(nb::init<nb::handle>(), nb::arg("receiver") = nb::none())
+        .def("Log", &CLogger::Log, nb::arg("level"), nb::arg("s"), nb::arg("args") = nb::tuple())
+        .def("Log1", &CLogger::Log1, nb::arg("s"), nb::arg("args") = nb::tuple())
+        .def("Log2", &CLogger::Log2, nb::arg("s"), nb::arg("args") = nb::tuple())
+        .def("Log3", &CLogger::Log3, nb::arg("s"), nb::arg("args") = nb::tuple())
+        .def("__call__", [](CLogger &self, nb::handle fmt, nb::args args) { self.Call(fmt, args); },
+             nb::arg("fmt"), nb::arg("args"))
+        .def_prop_rw("fReceiver", &CLogger::Receiver, &CLogger::SetReceiver,
+                     nb::arg("receiver").none())
+        .def("IsOn", &CLogger::IsOn)
+        .def_static("LoggingLevelFor", &CLogger::LoggingLevelFor, nb::arg("level"));
+}
