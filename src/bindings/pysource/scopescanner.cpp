@@ -19,4 +19,10 @@ NB_MODULE(scopescanner, m) {
     scopescanner_bind::BindScanners(m, values);
     scopescanner_bind::BindScopeBodyFinder(m, values);
     values.InstallGetattr(m);
+
+    // Torn down with the module's namespace, before the interpreter ends.
+    m.attr("_gModuleStateRelease") = nb::capsule(&m, [](void *) noexcept {
+        pysource::ReleaseStackItemFreeList();
+        pysource::ReleaseScanProtocolState();
+    });
 }

@@ -28,10 +28,12 @@ namespace {
 
 constexpr const char *kStateChangedFormat = "Scan state changed to %s for %r scope: %r scan: %r";
 
-// A state lives as long as the process: one reference is kept forever.
-CNamedConstant *MakeState(const char *name) {
+// The module's references to the six states, in creation order.
+CProcessRef gStateObjects[6];
+
+CNamedConstant *MakeState(CProcessRef &holder, const char *name) {
     nb::ref<CNamedConstant> state = new CNamedConstant(nb::str(name));
-    nb::cast(state).inc_ref();  // gives it its Python object, kept for good
+    holder.Set(nb::cast(state));
     return state.get();
 }
 
@@ -47,10 +49,6 @@ nb::object ScanStateSignals() {
     nb::list signals;
     signals.append("scan-state-changed");
     return signals;
-}
-
-nb::object LoggerClass() {
-    return nb::module_::import_("pysource._fastaccess").attr("CLogger");
 }
 
 }  // namespace
@@ -72,6 +70,8 @@ CLogicalLine *NoValueLogical() {
 }
 
 void DbgSetScanStats_(nb::handle stats) {
+    if (!stats.is_none() && !PyDict_Check(stats.ptr()))
+        throw nb::type_error("scan statistics go into a dict, or None to turn them off");
     _gDbgScanStats.Set(stats);
     if (stats.is_none()) {
         _gDbgSeenCalled.Set(nb::none());
@@ -119,12 +119,24 @@ void InitNoValueMarkers() {
 void InitScanStates() {
     if (kReadyToScan)
         return;
-    kReadyToScan = MakeState("ready-to-scan");
-    kWaitingForData = MakeState("waiting-for-data");
-    kFinishedScanning = MakeState("finished");
-    kTimedOut = MakeState("timed-out");
-    kScanAbandoned = MakeState("scan-abandoned");
-    kWaitingForScans = MakeState("waiting-for-scans");
+    kReadyToScan = MakeState(gStateObjects[0], "ready-to-scan");
+    kWaitingForData = MakeState(gStateObjects[1], "waiting-for-data");
+    kFinishedScanning = MakeState(gStateObjects[2], "finished");
+    kTimedOut = MakeState(gStateObjects[3], "timed-out");
+    kScanAbandoned = MakeState(gStateObjects[4], "scan-abandoned");
+    kWaitingForScans = MakeState(gStateObjects[5], "waiting-for-scans");
+}
+
+void ReleaseScanProtocolState() {
+    kReadyToScan = kWaitingForData = kFinishedScanning = nullptr;
+    kTimedOut = kScanAbandoned = kWaitingForScans = nullptr;
+    for (CProcessRef &state : gStateObjects)
+        state.Release();
+    kNoValue_.Release();
+    kNoValueLogical_.Release();
+    _gDbgScanStats.Release();
+    _gDbgSeenCalled.Release();
+    _gDbgSeenArgs.Release();
 }
 
 nb::object ProtocolModuleValue(std::string_view name) {
@@ -157,14 +169,12 @@ CScannerBase_::CScannerBase_(nb::handle scope, nb::handle scan_name, nb::handle 
     fScanState = kReadyToScan;
     _fScanCalled = false;
     if (log.is_none()) {
-        _fLog = LoggerClass()();
+        _fLog = new CLogger();
     } else {
-        int is_logger = PyObject_IsInstance(log.ptr(), LoggerClass().ptr());
-        if (is_logger < 0)
-            throw nb::python_error();
-        if (!is_logger)
+        CLogger *logger = nullptr;
+        if (!nb::try_cast<CLogger *>(log, logger) || !logger)
             throw nb::type_error("the log of a scanner must be a CLogger or None");
-        _fLog = nb::borrow(log);
+        _fLog = logger;
     }
     fScope = nb::borrow(scope);
     fScanName = nb::borrow(scan_name);
@@ -172,9 +182,11 @@ CScannerBase_::CScannerBase_(nb::handle scope, nb::handle scan_name, nb::handle 
 }
 
 void CScannerBase_::LogScanState(CNamedConstant *state) {
+    if (!_fLog->IsOn())
+        return;  // nothing would be formatted or sent
     nb::handle scope = fScope;
-    _fLog(kStateChangedFormat, nb::ref<CNamedConstant>(state), scope.attr("loc"),
-          scope.attr("name"), fScanName);
+    (*_fLog)(kStateChangedFormat, nb::ref<CNamedConstant>(state), scope.attr("loc"),
+             scope.attr("name"), fScanName);
 }
 
 void CScannerBase_::SetScanState_(nb::ref<CNamedConstant> state) {

@@ -13,15 +13,17 @@
 #include <string_view>
 
 #include "basekit/destroyable.h"
+#include "pysource/fastaccess.h"
 #include "pysource/logicalline.h"
 
 namespace nb = nanobind;
 
 namespace pysource {
 
-// A Python object held by the module for the life of the process.  It has a
-// trivial destructor on purpose: static destructors run after the interpreter
-// is gone, when releasing a Python object would touch freed memory.
+// A Python object held by the module.  It has a trivial destructor on
+// purpose: static destructors run after the interpreter is gone, when
+// releasing a Python object would touch freed memory.  The module releases
+// its objects when it is torn down (Release).
 class CProcessRef {
 public:
     nb::handle get() const { return nb::handle(fObj); }
@@ -31,6 +33,11 @@ public:
         PyObject *old = fObj;
         fObj = value.ptr();
         Py_XINCREF(fObj);
+        Py_XDECREF(old);
+    }
+    void Release() {
+        PyObject *old = fObj;
+        fObj = nullptr;
         Py_XDECREF(old);
     }
 
@@ -82,6 +89,9 @@ void DbgCountScanHit_(nb::handle event);
 // (after the free list) the states (needs CNamedConstant bound).
 void InitNoValueMarkers();
 void InitScanStates();
+// Module teardown: drops the module's references (the states stay usable by
+// identity for whoever still holds one).
+void ReleaseScanProtocolState();
 
 // Current value of a module variable that may change at run time (switches,
 // statistics); an invalid object for any other name.
@@ -106,7 +116,7 @@ public:
 
     nb::ref<CNamedConstant> fScanState;
     bool _fScanCalled = false;
-    nb::object _fLog;
+    nb::ref<CLogger> _fLog;
     nb::object fScope;
     nb::object fScanName;
 

@@ -210,6 +210,11 @@ void InitStackItemFreeList() {
         gStackItemFreeList.Set(nb::list());
 }
 
+void ReleaseStackItemFreeList() {
+    gStackItemFreeList.Release();
+    gModuleScopeNameText.Release();
+}
+
 nb::list StackItemFreeList() { return nb::borrow<nb::list>(gStackItemFreeList.get()); }
 
 CScopeStackItem_ &AsStackItem(nb::handle obj) {
@@ -221,7 +226,7 @@ CScopeStackItem_ &AsStackItem(nb::handle obj) {
 
 nb::ref<CScopeStackItem_> NewStackItem_() {
     nb::handle free_list = gStackItemFreeList.get();
-    Py_ssize_t size = PyList_GET_SIZE(free_list.ptr());
+    Py_ssize_t size = free_list.is_valid() ? PyList_GET_SIZE(free_list.ptr()) : 0;
     if (size == 0)
         return new CScopeStackItem_();
     nb::ref<CScopeStackItem_> item = &AsStackItem(PyList_GET_ITEM(free_list.ptr(), size - 1));
@@ -232,7 +237,8 @@ nb::ref<CScopeStackItem_> NewStackItem_() {
 void DelStackItem_(CScopeStackItem_ &item) {
     nb::ref<CScopeStackItem_> keep = &item;
     item.Clear();
-    Append(gStackItemFreeList.get(), StackItemObject(item));
+    if (gStackItemFreeList.ptr())  // not after module teardown
+        Append(gStackItemFreeList.get(), StackItemObject(item));
 }
 
 CScopeStackItem_ &GetStackItem_(nb::handle stack, Py_ssize_t i) {

@@ -12,6 +12,7 @@
 
 #include "basekit/destroyable.h"
 #include "pysource/logicalline.h"
+#include "pysource/srctokenizer.h"
 #include "pysource/scopescanner/protocol.h"
 
 namespace nb = nanobind;
@@ -21,10 +22,10 @@ namespace pysource {
 // The name of a file's root scope.  Must equal symbolinfo's kModuleScopeName.
 inline constexpr const char *kModuleScopeName = "";
 
-// Token types (as pysource.srctokenizer numbers them) that matter to scope
-// structure: the decorator operator and a comment.
-inline constexpr int kDecoratorTokenType = 50;
-inline constexpr int kCommentTokenType = 202;
+// Token types that matter to scope structure: the decorator operator and a
+// comment (pysource.srctokenizer's numbers 50 and 202).
+inline constexpr int kDecoratorTokenType = kTokAt;
+inline constexpr int kCommentTokenType = kTokComment;
 
 // The CLogicalLine behind `obj`, or a TypeError naming `what`.
 CLogicalLine *AsLogical(nb::handle obj, const char *what = "a logical");
@@ -69,6 +70,7 @@ public:
 // The free list of cleared items (a module list, used as a stack).
 nb::list StackItemFreeList();
 void InitStackItemFreeList();
+void ReleaseStackItemFreeList();  // module teardown
 nb::ref<CScopeStackItem_> NewStackItem_();
 void DelStackItem_(CScopeStackItem_ &item);
 // Item `i` of a stack list (negative counts from the end); IndexError outside.
