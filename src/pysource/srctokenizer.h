@@ -161,7 +161,7 @@ public:
     bool EndedInContinuation() const { return fEndedInContinuation; }
     // Forget open brackets: the builder calls this when it cuts off a logical
     // that a missing closing bracket would otherwise run to the end of file.
-    void ResetDepth() { fDepth = 0; fLogicalHasTokens = false; }
+    void ResetDepth() { fDepth = 0; }
 
 private:
     void AdvanceLines(Py_ssize_t from, Py_ssize_t to);
