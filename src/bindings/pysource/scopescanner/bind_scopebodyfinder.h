@@ -166,7 +166,7 @@ inline void BindScopeBodyFinder(nb::module_ &m, CModuleValues &) {
              nb::arg("parent").none(), nb::arg("logical").none(), nb::arg("logical_i"))
         .def_ro("fCompletedScopeList", &CScopeBodyFinder_::fCompletedScopeList)
         .def_ro("_fLogicalList", &CScopeBodyFinder_::_fLogicalList)
-        .def_rw("_fScanPos", &CScopeBodyFinder_::_fScanPos)
+        .def_ro("_fScanPos", &CScopeBodyFinder_::_fScanPos)
         .def_ro("_fScopeStack", &CScopeBodyFinder_::_fScopeStack)
         .def_ro("_fIgnoreSubScopes", &CScopeBodyFinder_::_fIgnoreSubScopes)
         .def_rw("_fIgnoredIndent", &CScopeBodyFinder_::_fIgnoredIndent)
