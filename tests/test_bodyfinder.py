@@ -434,6 +434,20 @@ class TestOneScope:
         assert finder.PopCompletedScopeBody() == [lines[i] for i in (2, 3, 4, 7, 8, 12)]
         assert finder.PopCompletedScopeBody() is None
 
+    def test_comments_trailing_an_ignored_method_split_by_indent(self):
+        lines = logicals("""
+            class C:
+                def m(self):
+                    pass
+                    # deep, dropped with m
+                # shallow, kept
+                b = 2
+        """)
+        finder = ss._CScopeBodyFinder(lines, 0, True)
+        finder.ProcessUntilEnd()
+        assert completed(finder) == [
+            ("C", ["def m ( self ) :", "# shallow, kept", "b = 2"])]
+
     def test_early_stop_leaves_the_ending_statement_in_no_body(self):
         lines = logicals(CLASS_WITH_METHODS)
         finder = ss._CScopeBodyFinder(lines, 1, True)
