@@ -64,7 +64,7 @@ static_assert(sizeof(kKindInfo) / sizeof(kKindInfo[0]) == (size_t) LogicalKind::
 // that no static destructor touches Python after it has gone).
 PyObject *gKindTexts[(size_t) LogicalKind::kCount] = {};
 
-bool IsKeyword(std::string_view t) {
+bool IsKeywordText(std::string_view t) {
     static const char *const kKeywords[] = {
         "False", "None", "True", "and", "as", "assert", "async", "await", "break", "class",
         "continue", "def", "del", "elif", "else", "except", "finally", "for", "from", "global",
@@ -97,7 +97,7 @@ bool CanStartSoftKeywordOperand(const TokenSpan &s, size_t i) {
         return false;
     int type = s.Type(i);
     if (type == kTokName)
-        return !IsKeyword(s.Text(i)) || s.Is(i, "None") || s.Is(i, "True") ||
+        return !IsKeywordText(s.Text(i)) || s.Is(i, "None") || s.Is(i, "True") ||
                s.Is(i, "False") || s.Is(i, "not") || s.Is(i, "lambda") || s.Is(i, "await");
     return type == kTokNumber || type == kTokString || IsOpening(type) || type == kTokMinus ||
            type == kTokPlus || type == kTokStar || type == kTokTilde || type == kTokEllipsis;
@@ -146,6 +146,8 @@ nb::list AsList(nb::handle seq, const char *what) {
 }
 
 }  // namespace
+
+bool IsPythonKeyword(std::string_view word) { return IsKeywordText(word); }
 
 const StartKeyword kStartKeywordTable[] = {
     {"assert", LogicalKind::kAssert},
@@ -254,7 +256,7 @@ Py_ssize_t DefinedNameIndex(const TokenSpan &s) {
     if (!(s.Is(i, "def") || s.Is(i, "class")))
         return -1;
     i++;
-    if (i < s.count && s.Type(i) == kTokName && !IsKeyword(s.Text(i)))
+    if (i < s.count && s.Type(i) == kTokName && !IsKeywordText(s.Text(i)))
         return (Py_ssize_t) i;
     return -1;
 }
@@ -289,14 +291,14 @@ LogicalKind ClassifyTokens(const TokenSpan &s) {
         return LogicalKind::kMatch;
     if (word == "case" && IsSoftKeywordHeader(s))
         return LogicalKind::kCase;
-    if (word == "type" && s.count >= 3 && s.Type(1) == kTokName && !IsKeyword(s.Text(1)) &&
+    if (word == "type" && s.count >= 3 && s.Type(1) == kTokName && !IsKeywordText(s.Text(1)) &&
         (s.Type(2) == kTokEqual || s.Type(2) == kTokLSqb))
         return LogicalKind::kTypeStatement;
     if (word == "print" && s.count >= 2) {
         // The statement form of old code: `print x`, `print "a"`, `print >>f, x`.
         int second = s.Type(1);
         if (second == kTokString || second == kTokNumber || second == kTokRightShift ||
-            (second == kTokName && !IsKeyword(s.Text(1))))
+            (second == kTokName && !IsKeywordText(s.Text(1))))
             return LogicalKind::kPrint;
     }
     return ClassifyByOperators(s);

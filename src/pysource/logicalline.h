@@ -115,6 +115,9 @@ Py_ssize_t FindHeaderColon(const TokenSpan &span);
 // Index of the name token of a def or class statement, or -1.
 Py_ssize_t DefinedNameIndex(const TokenSpan &span);
 
+// True for the reserved words of Python 3 (soft keywords excluded).
+bool IsPythonKeyword(std::string_view word);
+
 // A scope leaf with its scope index: "f|0", "f|1", ...
 nb::str LeafWithScopeIndex(std::string_view leaf, Py_ssize_t index);
 
