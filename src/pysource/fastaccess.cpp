@@ -165,8 +165,7 @@ void CNonNestedSearch::InitWith(nb::handle to_search, nb::handle to_find_bytes, 
     fSearchBytes = std::move(search_bytes);
     fSearchText = std::move(search_text);
     fFindBytes = nb::borrow(to_find_bytes);
-    InitNonNestedStruct(fState, text.ptr, PyBytes_AS_STRING(to_find_bytes.ptr()),
-                        PyBytes_GET_SIZE(to_find_bytes.ptr()), start, end);
+    InitNonNestedStruct(fState, text.ptr, to_find_bytes, start, end);
 }
 
 Py_ssize_t FindStringEndNonNested_(const tNonNestedStruct &st, Py_ssize_t pos) {

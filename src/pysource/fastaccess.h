@@ -10,6 +10,7 @@
 #include <nanobind/intrusive/counter.h>
 #include <nanobind/intrusive/ref.h>
 
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -181,6 +182,8 @@ struct tNonNestedStruct {
 
 inline void InitNonNestedStruct(tNonNestedStruct &st, utf8_ptr search, utf8_ptr find,
                                 Py_ssize_t find_len, Py_ssize_t start, Py_ssize_t end) {
+    assert(!search || (start >= 0 && end >= 0 && (std::size_t) start <= std::strlen(search) &&
+                       (std::size_t) end <= std::strlen(search)));
     st.search = search;
     st.find = find;
     st.find_len = find_len;
@@ -189,6 +192,15 @@ inline void InitNonNestedStruct(tNonNestedStruct &st, utf8_ptr search, utf8_ptr 
     st.end = find_len != 0 ? end : 0;
     st.first = find_len != 0 ? find[0] : 0;
     st.nesting = 0;
+}
+
+// The same with the sequence given as a bytes object, which the caller keeps.
+inline void InitNonNestedStruct(tNonNestedStruct &st, utf8_ptr search, nb::handle to_find_bytes,
+                                Py_ssize_t start, Py_ssize_t end) {
+    if (!PyBytes_Check(to_find_bytes.ptr()))
+        throw nb::type_error("InitNonNestedStruct: the sequence to find must be bytes");
+    InitNonNestedStruct(st, search, PyBytes_AS_STRING(to_find_bytes.ptr()),
+                        PyBytes_GET_SIZE(to_find_bytes.ptr()), start, end);
 }
 
 // The offset just past the string literal whose opening quote is at `pos`,

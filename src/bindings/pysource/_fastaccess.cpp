@@ -1,4 +1,5 @@
 #include "bindutil.h"
+#include "gcslots.h"
 
 #include "pysource/fastaccess.h"
 
@@ -15,23 +16,6 @@ struct PyCLogger : CLogger {
     }
 };
 
-int LoggerTraverse(PyObject *self, visitproc visit, void *arg) {
-    Py_VISIT(Py_TYPE(self));
-    if (!nb::inst_ready(self))
-        return 0;
-    return nb::inst_ptr<CLogger>(self)->Traverse(visit, arg);
-}
-
-int LoggerClear(PyObject *self) {
-    if (nb::inst_ready(self))
-        nb::inst_ptr<CLogger>(self)->Clear();
-    return 0;
-}
-
-PyType_Slot kLoggerSlots[] = {{Py_tp_traverse, (void *) LoggerTraverse},
-                              {Py_tp_clear, (void *) LoggerClear},
-                              {0, nullptr}};
-
 }  // namespace
 
 NB_MODULE(_fastaccess, m) {
@@ -43,7 +27,7 @@ NB_MODULE(_fastaccess, m) {
     m.def("OutOfTime", &pysource::OutOfTime, nb::arg("end_time"));
 
     nb::class_<CLogger, PyCLogger>(m, "CLogger", bindutil::IntrusiveHolder<CLogger>(),
-                                   nb::type_slots(kLoggerSlots))
+                                   nb::type_slots(gcslots::kSlots<CLogger>))
         .def(nb::init<nb::handle>(), nb::arg("receiver") = nb::none())
         .def("Log", &CLogger::Log, nb::arg("level"), nb::arg("s"), nb::arg("args") = nb::tuple())
         .def("Log1", &CLogger::Log1, nb::arg("s"), nb::arg("args") = nb::tuple())
