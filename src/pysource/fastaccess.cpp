@@ -1,6 +1,9 @@
 #include "pysource/fastaccess.h"
 
+#include "pysource/srctokenizer.h"
+
 #include <algorithm>
+#include <string>
 
 namespace pysource {
 
@@ -107,5 +110,125 @@ void CLogger::Clear() {
     fReceiver = nb::none();
     fReceiverIsLogger = false;
 }
+
+// ---------------------------------------------------------------------------
+// Small helpers
+
+void SetUpdate(nb::handle target, nb::handle other) {
+    if (target.is_none())
+        return;
+    if (!PySet_Check(target.ptr()))
+        throw nb::type_error("SetUpdate: the target must be a set or None");
+    nb::object iter = nb::steal(PyObject_GetIter(other.ptr()));
+    if (!iter.is_valid())
+        throw nb::python_error();
+    while (PyObject *item = PyIter_Next(iter.ptr())) {
+        int rc = PySet_Add(target.ptr(), item);
+        Py_DECREF(item);
+        if (rc < 0)
+            throw nb::python_error();
+    }
+    if (PyErr_Occurred())
+        throw nb::python_error();
+}
+
+double DoubleValueForPyIntBits(nb::handle l) {
+    if (!PyLong_Check(l.ptr()))
+        throw nb::type_error("DoubleValueForPyIntBits: expected an int");
+    unsigned long long bits = PyLong_AsUnsignedLongLongMask(l.ptr());
+    if (bits == (unsigned long long) -1 && PyErr_Occurred())
+        throw nb::python_error();
+    return DoubleValueForULongLongBits(bits);
+}
+
+// ---------------------------------------------------------------------------
+// The non-nested search
+
+void CNonNestedSearch::InitWith(nb::handle to_search, nb::handle to_find_bytes, Py_ssize_t start,
+                                Py_ssize_t end) {
+    if (!PyBytes_Check(to_find_bytes.ptr()))
+        throw nb::type_error("CNonNestedSearch.InitWith: to_find_bytes must be bytes");
+    Utf8Buffer text{nullptr, 0};
+    nb::object search_bytes, search_text;
+    if (PyBytes_Check(to_search.ptr())) {
+        search_bytes = nb::borrow(to_search);
+        text = GetUtf8Buffer(to_search);
+    } else if (PyUnicode_Check(to_search.ptr())) {
+        search_text = nb::borrow(to_search);
+        text = GetUtf8Buffer(to_search);
+    }
+    if (text.ptr && (start < 0 || start > text.len || end < 0 || end > text.len))
+        throw nb::value_error(("CNonNestedSearch.InitWith: start " + std::to_string(start) +
+                               " and end " + std::to_string(end) +
+                               " must lie in the text of length " + std::to_string(text.len))
+                                  .c_str());
+    fSearchBytes = std::move(search_bytes);
+    fSearchText = std::move(search_text);
+    fFindBytes = nb::borrow(to_find_bytes);
+    InitNonNestedStruct(fState, text.ptr, to_find_bytes, start, end);
+}
+
+Py_ssize_t FindStringEndNonNested_(const tNonNestedStruct &st, Py_ssize_t pos) {
+    if (!st.search || pos < 0 || pos >= st.end) {
+        PyErr_SetString(PyExc_ValueError, "no string literal starts at that offset of the search");
+        return -2;
+    }
+    // An unterminated literal is no error here: the search skips to where the
+    // scan stopped (the end of the line, or `end` for a triple-quoted one).
+    bool unterminated = false;
+    return FindStringLiteralEnd(st.search, pos, st.end, &unterminated);
+}
+
+void CNonNestedSearch::Clear() {
+    fSearchBytes = nb::object();
+    fSearchText = nb::object();
+    fFindBytes = nb::object();
+    InitNonNestedStruct(fState, nullptr, "", 0, 0, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Python-facing forms
+
+namespace fastaccess_py {
+
+signed char CharArg(nb::handle c) {
+    PyObject *o = c.ptr();
+    long value;
+    if (PyLong_Check(o)) {
+        value = PyLong_AsLong(o);
+        if (value == -1 && PyErr_Occurred())
+            throw nb::python_error();
+    } else if (PyBytes_Check(o) && PyBytes_GET_SIZE(o) == 1) {
+        value = (unsigned char) PyBytes_AS_STRING(o)[0];
+    } else if (PyUnicode_Check(o) && PyUnicode_GET_LENGTH(o) == 1) {
+        value = std::min<long>(PyUnicode_READ_CHAR(o, 0), 0xFF);
+    } else {
+        throw nb::type_error("expected a byte: an int, or a bytes or str of length 1");
+    }
+    if (value < -128 || value > 255)
+        throw nb::value_error(("byte value out of range: " + std::to_string(value)).c_str());
+    return (signed char) value;
+}
+
+bool IsAlnum(nb::handle c) { return pysource::IsAlnum(CharArg(c)); }
+bool IsDigit(nb::handle c) { return pysource::IsDigit(CharArg(c)); }
+
+double DoubleValueForULongLongBits(nb::handle l) {
+    if (!PyLong_Check(l.ptr()))
+        throw nb::type_error("DoubleValueForULongLongBits: expected an int");
+    unsigned long long bits = PyLong_AsUnsignedLongLong(l.ptr());
+    if (bits == (unsigned long long) -1 && PyErr_Occurred())
+        throw nb::python_error();
+    return pysource::DoubleValueForULongLongBits(bits);
+}
+
+Py_ssize_t FindStringEndNonNested_(const CNonNestedSearch &search, Py_ssize_t pos) {
+    Py_ssize_t e = pysource::FindStringEndNonNested_(search.State(), pos);
+    if (e == -2)
+        throw nb::python_error();
+    return e;
+}
+
+}  // namespace fastaccess_py
 
 }  // namespace pysource

@@ -98,33 +98,31 @@ inline bool AsciiIsDigit(std::uint32_t c) { return c >= '0' && c <= '9'; }
 inline bool AsciiIsAlpha(std::uint32_t c) { return ((c | 0x20) >= 'a' && (c | 0x20) <= 'z'); }
 inline bool AsciiIsAlnum(std::uint32_t c) { return AsciiIsDigit(c) || AsciiIsAlpha(c); }
 
+// A character class at a position: `ascii` decides an ASCII byte without a
+// decode, `wide` the decoded non-ASCII character.
+template <bool (*ascii)(std::uint32_t), bool (*wide)(std::uint32_t)>
+inline bool ClassAtUtf8Pos(utf8_ptr p, Py_ssize_t pos, Py_ssize_t end_pos) {
+    if (!InText(pos, end_pos))
+        return false;
+    unsigned char c = (unsigned char) p[pos];
+    if (c < 0x80)
+        return ascii(c);
+    return wide(NonInlineUcs4CharAtUtf8Pos_(p, pos, end_pos));
+}
+
+inline bool WideIsSpace(std::uint32_t u) { return u > 127 ? Py_UNICODE_ISSPACE(u) : AsciiIsSpace(u); }
+inline bool WideIsDigit(std::uint32_t u) { return Py_UNICODE_ISDIGIT(u); }
+// Alpha, decimal, digit or numeric.
+inline bool WideIsAlnum(std::uint32_t u) { return Py_UNICODE_ISALNUM(u); }
+
 inline bool IsSpaceAtUtf8Pos(utf8_ptr p, Py_ssize_t pos, Py_ssize_t end_pos) {
-    if (!InText(pos, end_pos))
-        return false;
-    unsigned char c = (unsigned char) p[pos];
-    if (c < 0x80)
-        return AsciiIsSpace(c);
-    std::uint32_t u = NonInlineUcs4CharAtUtf8Pos_(p, pos, end_pos);
-    return u > 127 ? Py_UNICODE_ISSPACE(u) : AsciiIsSpace(u);
+    return ClassAtUtf8Pos<AsciiIsSpace, WideIsSpace>(p, pos, end_pos);
 }
-
 inline bool IsDigitAtUtf8Pos(utf8_ptr p, Py_ssize_t pos, Py_ssize_t end_pos) {
-    if (!InText(pos, end_pos))
-        return false;
-    unsigned char c = (unsigned char) p[pos];
-    if (c < 0x80)
-        return AsciiIsDigit(c);
-    return Py_UNICODE_ISDIGIT(NonInlineUcs4CharAtUtf8Pos_(p, pos, end_pos));
+    return ClassAtUtf8Pos<AsciiIsDigit, WideIsDigit>(p, pos, end_pos);
 }
-
 inline bool IsAlnumAtUtf8Pos(utf8_ptr p, Py_ssize_t pos, Py_ssize_t end_pos) {
-    if (!InText(pos, end_pos))
-        return false;
-    unsigned char c = (unsigned char) p[pos];
-    if (c < 0x80)
-        return AsciiIsAlnum(c);
-    // Alpha, decimal, digit or numeric.
-    return Py_UNICODE_ISALNUM(NonInlineUcs4CharAtUtf8Pos_(p, pos, end_pos));
+    return ClassAtUtf8Pos<AsciiIsAlnum, WideIsAlnum>(p, pos, end_pos);
 }
 
 // The test for code points above 127: the one-character string's own

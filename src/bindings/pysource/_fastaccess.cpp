@@ -1,8 +1,11 @@
 #include "bindutil.h"
+#include "gcslots.h"
 
 #include "pysource/fastaccess.h"
 
 using pysource::CLogger;
+using pysource::CNonNestedSearch;
+namespace py = pysource::fastaccess_py;
 
 namespace {
 
@@ -12,23 +15,6 @@ struct PyCLogger : CLogger {
         NB_OVERRIDE(Log, level, fmt, args);
     }
 };
-
-int LoggerTraverse(PyObject *self, visitproc visit, void *arg) {
-    Py_VISIT(Py_TYPE(self));
-    if (!nb::inst_ready(self))
-        return 0;
-    return nb::inst_ptr<CLogger>(self)->Traverse(visit, arg);
-}
-
-int LoggerClear(PyObject *self) {
-    if (nb::inst_ready(self))
-        nb::inst_ptr<CLogger>(self)->Clear();
-    return 0;
-}
-
-PyType_Slot kLoggerSlots[] = {{Py_tp_traverse, (void *) LoggerTraverse},
-                              {Py_tp_clear, (void *) LoggerClear},
-                              {0, nullptr}};
 
 }  // namespace
 
@@ -41,7 +27,7 @@ NB_MODULE(_fastaccess, m) {
     m.def("OutOfTime", &pysource::OutOfTime, nb::arg("end_time"));
 
     nb::class_<CLogger, PyCLogger>(m, "CLogger", bindutil::IntrusiveHolder<CLogger>(),
-                                   nb::type_slots(kLoggerSlots))
+                                   nb::type_slots(gcslots::kSlots<CLogger>))
         .def(nb::init<nb::handle>(), nb::arg("receiver") = nb::none())
         .def("Log", &CLogger::Log, nb::arg("level"), nb::arg("s"), nb::arg("args") = nb::tuple())
         .def("Log1", &CLogger::Log1, nb::arg("s"), nb::arg("args") = nb::tuple())
@@ -53,4 +39,28 @@ NB_MODULE(_fastaccess, m) {
                      nb::arg("receiver").none())
         .def("IsOn", &CLogger::IsOn)
         .def_static("LoggingLevelFor", &CLogger::LoggingLevelFor, nb::arg("level"));
+
+    m.def("SetUpdate", &pysource::SetUpdate, nb::arg("target").none(), nb::arg("other"));
+    m.def("StrInStr", &pysource::StrInStr, nb::arg("sub").none(), nb::arg("whole").none());
+    m.def("IsAlnum", &py::IsAlnum, nb::arg("c"));
+    m.def("IsDigit", &py::IsDigit, nb::arg("c"));
+    m.def("ULongLongValueForDoubleBits", &pysource::ULongLongValueForDoubleBits, nb::arg("f"));
+    m.def("DoubleValueForULongLongBits", &py::DoubleValueForULongLongBits, nb::arg("l"));
+    m.def("DoubleValueForPyIntBits", &pysource::DoubleValueForPyIntBits, nb::arg("l"));
+    m.def("LocationsEqual", &pysource::LocationsEqual, nb::arg("loc1").none(),
+          nb::arg("loc2").none());
+
+    nb::class_<CNonNestedSearch>(m, "CNonNestedSearch")
+        .def(nb::init<>())
+        .def("InitWith", &CNonNestedSearch::InitWith, nb::arg("to_search").none(),
+             nb::arg("to_find_bytes").none(), nb::arg("start"), nb::arg("end"))
+        .def("FindNext", &CNonNestedSearch::FindNext)
+        .def("Clear", &CNonNestedSearch::Clear)
+        .def_prop_ro("pos", [](const CNonNestedSearch &s) { return s.State().pos; })
+        .def_prop_ro("end", [](const CNonNestedSearch &s) { return s.State().end; })
+        .def_prop_ro("nesting", [](const CNonNestedSearch &s) { return s.State().nesting; })
+        .def_prop_ro("find_len", [](const CNonNestedSearch &s) { return s.State().find_len; })
+        .def_prop_ro("fIsIdle", &CNonNestedSearch::IsIdle);
+    m.def("_FindStringEndNonNested", &py::FindStringEndNonNested_, nb::arg("search"),
+          nb::arg("pos"));
 }
