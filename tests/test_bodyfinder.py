@@ -9,48 +9,19 @@ import pytest
 
 from basekit.destroyable import CDestroyable
 from pysource import scopescanner as ss
+from pysource.filellinecache import BuildLogicalLines
 from pysource.logicalline import CreateLogical
 from pysource.scopebodycache import GetFullNameForScopeDef
-from pysource.srctokenizer import Tokenize
 
-_SKIPPED_TOKENS = {0, 4, 201}  # end marker, NEWLINE, NL
-
-
-def make_logical(text, indent=0, line=1, line_count=1):
-    data = text.encode()
-    toks, ttypes, positions = [], [], []
-    for ttype, offset, length, _line, _col in Tokenize(text):
-        if ttype in _SKIPPED_TOKENS:
-            continue
-        toks.append(data[offset:offset + length].decode())
-        ttypes.append(ttype)
-        positions.append(offset)
-    return CreateLogical(indent=indent, start_line=line, line_count=line_count, toks=toks,
-                         ttypes=ttypes, positions=positions, spaces_in_indent=indent > 0,
-                         tabs_in_indent=False, incomplete=False, line_text=text)
+def make_logical(text, indent=0):
+    """One statement as a logical, at `indent`."""
+    (logical,) = BuildLogicalLines(" " * indent + text)
+    return logical
 
 
 def logicals(source):
-    """One logical per non-blank line of `source`, with the scope names that a
-    file's logical line cache gives them."""
-    result, open_scopes = [], []  # open_scopes: (indent, full name)
-    for lineno, line in enumerate(textwrap.dedent(source).splitlines(), 1):
-        text = line.strip()
-        if not text:
-            continue
-        indent = len(line) - len(line.lstrip(" "))
-        logical = make_logical(text, indent, lineno)
-        if not text.startswith("#"):
-            while open_scopes and indent <= open_scopes[-1][0]:
-                open_scopes.pop()
-        enclosing = open_scopes[-1][1] if open_scopes else ""
-        logical.fScopeName = enclosing
-        if ss.IsScopeDef(logical):
-            name = text.replace("async ", "").split()[1].split("(")[0].rstrip(":")
-            logical.fLocalScopeName = name
-            open_scopes.append((indent, f"{enclosing}.{name}" if enclosing else name))
-        result.append(logical)
-    return result
+    """The logical lines of `source` as a file's logical line cache makes them."""
+    return BuildLogicalLines(textwrap.dedent(source))
 
 
 def texts(logical_list):
@@ -97,7 +68,8 @@ class TestScopeDefPredicates:
         assert not ss.IsAsyncDef(make_logical("async with x:"))
 
     def test_logical_contains_lineno(self):
-        logical = make_logical("x = (1,\n 2)", line=10, line_count=2)
+        logical = CreateLogical(indent=0, start_line=10, line_count=2,
+                                toks=["x", "=", "(", "1", ",", "2", ")"])
         assert [ss.LogicalContainsLineno(logical, n) for n in (9, 10, 11, 12)] == [
             False, True, True, False]
         with pytest.raises(AttributeError):
@@ -115,8 +87,8 @@ class TestScopeDefPredicates:
                 def m(self):
                     pass
         """)[:2]
-        assert GetFullNameForScopeDef(top) == "C"
-        assert GetFullNameForScopeDef(method) == "C.m"
+        assert GetFullNameForScopeDef(top) == "C|0"
+        assert GetFullNameForScopeDef(method) == "C.m|0"
         with pytest.raises(TypeError):
             GetFullNameForScopeDef(make_logical("x = 1"))  # defines no scope
 
@@ -177,7 +149,7 @@ class TestStackItems:
     def test_free_list_returns_the_same_item_cleared(self):
         item = ss._NewStackItem()
         body, decorators, methods = item.body, item.decorator_logicals, item.child_method_list
-        item.scope_name, item.scope_index, item.not_parsed_count = "C.m", 4, 2
+        item.scope_name, item.scope_index, item.not_parsed_count = "C.m|0", 4, 2
         item.scope_def = item.containing_class_def = make_logical("def m(self):")
         item.is_async_def = True
         body.append(make_logical("x = 1"))
@@ -278,10 +250,10 @@ class TestWholeFile:
     def test_bodies_in_order_of_completion(self):
         lines, finder = run_finder(NESTED)
         assert completed(finder) == [
-            ("C.m", ["return 1"]),
-            ("C", ["x = 1", "def m ( self ) :", "y = 2"]),
-            ("f.g", ["pass"]),
-            ("f", ["def g ( ) :"]),
+            ("C.m|0", ["return 1"]),
+            ("C|0", ["x = 1", "def m ( self ) :", "y = 2"]),
+            ("f.g|0", ["pass"]),
+            ("f|0", ["def g ( ) :"]),
             ("", ["import os", "class C :", "def f ( ) :", "z = 3"]),
         ]
         assert [item.scope_def for item in finder.fCompletedScopeList] == [
@@ -302,8 +274,8 @@ class TestWholeFile:
         finder = ss._CScopeBodyFinder(lines, -1, False)
         for _ in range(6):  # through "y = 2"
             finder.ProcessNextLogical()
-        assert [item.scope_name for item in finder.fCompletedScopeList] == ["C.m"]
-        assert [item.scope_name for item in finder._fScopeStack] == ["", "C"]
+        assert [item.scope_name for item in finder.fCompletedScopeList] == ["C.m|0"]
+        assert [item.scope_name for item in finder._fScopeStack] == ["", "C|0"]
         assert ss._GetStackItemIndentLevel(finder._fScopeStack, -1) == 0
 
     def test_one_dedent_closes_two_scopes(self):
@@ -318,7 +290,7 @@ class TestWholeFile:
             finder.ProcessNextLogical()
         assert finder.fCompletedScopeList == []
         assert finder.ProcessNextLogical() is lines[3]
-        assert [item.scope_name for item in finder.fCompletedScopeList] == ["f.g", "f"]
+        assert [item.scope_name for item in finder.fCompletedScopeList] == ["f.g|0", "f|0"]
         assert len(finder._fScopeStack) == 1
 
     def test_decorators_async_and_names_of_items(self):
@@ -331,7 +303,7 @@ class TestWholeFile:
                     pass
         """)
         method = finder.fCompletedScopeList[0]
-        assert method.scope_name == "C.m" and method.is_async_def
+        assert method.scope_name == "C.m|0" and method.is_async_def
         assert method.decorator_logicals == [lines[1], lines[3]]
         assert texts(finder.fCompletedScopeList[1].body) == [
             "@ staticmethod", "# about m", "@ cache", "async def m ( ) :"]
@@ -346,7 +318,7 @@ class TestWholeFile:
             y = 2
         """)
         assert completed(finder) == [
-            ("f", ["x = 1", "# end of f"]),
+            ("f|0", ["x = 1", "# end of f"]),
             ("", ["def f ( ) :", "# top level", "y = 2"]),
         ]
 
@@ -360,9 +332,9 @@ class TestWholeFile:
                     pass
         """)
         assert completed(finder) == [
-            ("C.m", ["pass"]),
-            ("C.n", ["pass"]),
-            ("C", ["def m ( self ) :", "# between methods", "def n ( self ) :"]),
+            ("C.m|0", ["pass"]),
+            ("C.n|0", ["pass"]),
+            ("C|0", ["def m ( self ) :", "# between methods", "def n ( self ) :"]),
             ("", ["class C :"]),
         ]
 
@@ -374,7 +346,7 @@ class TestWholeFile:
                 # deep
             y = 2
         """)
-        assert completed(finder)[0] == ("f", ["x = 1", "# shallow", "# deep"])
+        assert completed(finder)[0] == ("f|0", ["x = 1", "# shallow", "# deep"])
 
     def test_trailing_comments_at_end_of_file(self):
         _, finder = run_finder("""
@@ -384,7 +356,7 @@ class TestWholeFile:
             # outside
         """)
         assert completed(finder) == [
-            ("f", ["x = 1", "# inside"]),
+            ("f|0", ["x = 1", "# inside"]),
             ("", ["def f ( ) :", "# outside"]),
         ]
 
@@ -394,7 +366,7 @@ class TestWholeFile:
                     # oddly deep
                 x = 1
         """)
-        assert completed(finder)[0] == ("f", ["# oddly deep", "x = 1"])
+        assert completed(finder)[0] == ("f|0", ["# oddly deep", "x = 1"])
 
     def test_a_non_logical_in_the_list_is_a_type_error(self):
         finder = ss._CScopeBodyFinder([make_logical("x = 1"), "y = 2"], -1, False)
@@ -428,7 +400,7 @@ class TestOneScope:
         assert finder._fScanPos == 2
         finder.ProcessUntilEnd()
         assert completed(finder) == [
-            ("C", ["a = 1", "# before m", "def m ( self ) :", "# between",
+            ("C|0", ["a = 1", "# before m", "def m ( self ) :", "# between",
                    "def n ( self ) :", "b = 2"]),
         ]
         assert finder.PopCompletedScopeBody() == [lines[i] for i in (2, 3, 4, 7, 8, 12)]
@@ -446,7 +418,7 @@ class TestOneScope:
         finder = ss._CScopeBodyFinder(lines, 0, True)
         finder.ProcessUntilEnd()
         assert completed(finder) == [
-            ("C", ["def m ( self ) :", "# shallow, kept", "b = 2"])]
+            ("C|0", ["def m ( self ) :", "# shallow, kept", "b = 2"])]
 
     def test_early_stop_leaves_the_ending_statement_in_no_body(self):
         lines = logicals(CLASS_WITH_METHODS)
@@ -464,8 +436,8 @@ class TestOneScope:
         lines = logicals(CLASS_WITH_METHODS)
         _, finder = lines, ss._CScopeBodyFinder(lines, 1, False)
         finder.ProcessUntilEnd()
-        assert [name for name, _ in completed(finder)] == ["C.m", "C.n.inner", "C.n", "C"]
-        assert completed(finder)[2] == ("C.n", ["def inner ( ) :", "# deep in n"])
+        assert [name for name, _ in completed(finder)] == ["C.m|0", "C.n.inner|0", "C.n|0", "C|0"]
+        assert completed(finder)[2] == ("C.n|0", ["def inner ( ) :", "# deep in n"])
 
     def test_scope_at_the_end_of_the_file_completes_at_the_end(self):
         lines = logicals("""
@@ -477,7 +449,7 @@ class TestOneScope:
         """)
         finder = ss._CScopeBodyFinder(lines, 1, True)
         finder.ProcessUntilEnd()
-        assert completed(finder) == [("f", ["# first", "y = 1", "# last"])]
+        assert completed(finder) == [("f|0", ["# first", "y = 1", "# last"])]
 
     def test_top_scope_only_at_the_root_ignores_every_def_body(self):
         _, finder = run_finder(CLASS_WITH_METHODS, -1, True)
@@ -523,7 +495,7 @@ class TestRecycling:
         _, again = run_finder(NESTED)
         assert {id(item) for item in again.fCompletedScopeList} == {id(item) for item in items}
         assert ss._gStackItemFreeList == []
-        assert completed(again)[0] == ("C.m", ["return 1"])
+        assert completed(again)[0] == ("C.m|0", ["return 1"])
 
     def test_destroy_returns_open_items_only(self):
         lines = logicals(NESTED)
@@ -531,7 +503,7 @@ class TestRecycling:
         for _ in range(5):  # inside C.m
             finder.ProcessNextLogical()
         open_items = list(finder._fScopeStack)
-        assert [item.scope_name for item in open_items] == ["", "C", "C.m"]
+        assert [item.scope_name for item in open_items] == ["", "C|0", "C.m|0"]
         finder.destroy()
         assert ss._gStackItemFreeList == open_items
         assert all(item.body == [] for item in open_items)
