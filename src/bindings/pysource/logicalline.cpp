@@ -47,7 +47,7 @@ NB_MODULE(logicalline, m) {
     m.attr("kTokenBytesById") = token_bytes;
 
     nb::class_<CLogicalLine>(m, "CLogicalLine", bindutil::IntrusiveHolder<CLogicalLine>(),
-                             nb::type_slots(kLogicalSlots))
+                             nb::is_weak_referenceable(), nb::type_slots(kLogicalSlots))
         .def_prop_rw("fType", [](const CLogicalLine &l) { return l.fType; },
                      [](CLogicalLine &l, nb::handle kind) { l.SetKind(LogicalKindFromText(kind)); })
         .def_prop_ro("fToks", &CLogicalLine::GetToks)
