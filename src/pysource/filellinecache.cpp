@@ -91,24 +91,33 @@ bool CFileLogicalLineCache::Update() {
         return false;
     }
     double mtime = (double) st.st_mtim.tv_sec + (double) st.st_mtim.tv_nsec / 1e9;
-    if (fHaveContent && content == fContent) {
-        fMatchedDiskMTime = nb::float_(mtime);
-        return true;
-    }
-    DecodedSource decoded = DecodeSource(content);
-    std::vector<nb::ref<CLogicalLine>> fresh = BuildLogicalLines(decoded.utf8);
+    bool had_content = fHaveContent;
     nb::list added, removed;
+    if (ReplaceContent(std::move(content), mtime, false, added, removed) && had_content)
+        EmitModified(added, removed);
+    return true;
+}
+
+bool CFileLogicalLineCache::ReplaceContent(std::string content, double mtime, bool is_utf8_text,
+                                           nb::list &added, nb::list &removed) {
+    fMatchedDiskMTime = nb::float_(mtime);
+    if (fHaveContent && content == fContent)
+        return false;
+    DecodedSource decoded;
+    if (is_utf8_text) {
+        decoded.utf8 = content;
+        decoded.encoding = "utf-8";
+    } else {
+        decoded = DecodeSource(content);
+    }
+    std::vector<nb::ref<CLogicalLine>> fresh = BuildLogicalLines(decoded.utf8);
     nb::list merged = MergeLogicalLists(_fLogicalList, fresh, added, removed);
     _fLogicalList = merged;
     fDecodeErrors = DecodeErrorsToList(decoded.errors);
     fEncoding = decoded.encoding;
     fChecksum = EOLBlindChecksum(content);
     fContent = std::move(content);
-    fMatchedDiskMTime = nb::float_(mtime);
-    bool changed = fHaveContent;
     fHaveContent = true;
-    if (changed)
-        EmitModified(added, removed);
     return true;
 }
 

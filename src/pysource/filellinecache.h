@@ -26,7 +26,7 @@ public:
     // `loc`: an object with an `fUrl` ("file://..."), a str path or a path-like.
     explicit CFileLogicalLineCache(nb::handle loc);
 
-    bool Update();
+    virtual bool Update();
     nb::object GetEOLBlindChecksum() const;    // str, or None before content was read
     Py_ssize_t IndexForLineno_(Py_ssize_t lineno) const;  // -1 when no logical holds the line
     void SaveWordsToDb();
@@ -38,9 +38,19 @@ public:
     std::string fPath;             // empty when the location isn't a local file
     std::string fEncoding;
 
+protected:
+    // Takes `content` as the cache's content, modified at `mtime`: the bytes
+    // of a file (decoded as such) or, with `is_utf8_text`, text already
+    // decoded.  Builds the logicals unless the content is the one held.
+    // Returns true when the logicals were rebuilt, with what changed in
+    // `added` and `removed`.  Emits nothing.
+    bool ReplaceContent(std::string content, double mtime, bool is_utf8_text, nb::list &added,
+                        nb::list &removed);
+    void EmitModified(nb::list added, nb::list removed);
+    bool HaveContent() const { return fHaveContent; }
+
 private:
     void DropContent();
-    void EmitModified(nb::list added, nb::list removed);
 
     std::string fContent;  // bytes of the last successful read
     bool fHaveContent = false;
