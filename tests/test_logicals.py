@@ -267,6 +267,12 @@ class TestCreateLogical:
             l.GetTokenString(5)
         assert (l.fParsed, l.fTypeEquivs, l.fArgTypeEquivs) == (None, None, None)
 
+    def test_token_list_changed_by_a_caller(self):
+        l = CreateLogical(toks=["a", "b", "c"])
+        l.fToks.clear()
+        assert l.GetTokenString(2) == "c" and l.fTokenCount == 3
+        assert l.fToks == ["a", "b", "c"]
+
     def test_empty_tokens(self):
         l = CreateLogical(toks=[])
         assert l.fTokenCount == 0 and l.fToks == [] and l.fType == ll.kUnknown

@@ -329,8 +329,9 @@ void CLogicalLine::SetKind(LogicalKind kind) {
 }
 
 nb::object CLogicalLine::GetToks() {
-    if (fToksCache.is_valid())
+    if (fToksCache.is_valid() && PyList_GET_SIZE(fToksCache.ptr()) == TokenCount())
         return fToksCache;
+    fToksCache = nb::object();
     PyObject *list = PyList_New((Py_ssize_t) fTokens.size());
     if (!list)
         throw nb::python_error();
@@ -349,7 +350,9 @@ nb::object CLogicalLine::GetTokenString(Py_ssize_t i) {
         i += n;
     if (i < 0 || i >= n)
         throw nb::index_error("token index out of range");
-    if (fToksCache.is_valid())
+    // The cached list is handed out, so a caller may have changed it: use it
+    // only while it still has one entry per token.
+    if (fToksCache.is_valid() && PyList_GET_SIZE(fToksCache.ptr()) == n)
         return nb::borrow(PyList_GET_ITEM(fToksCache.ptr(), i));
     std::string_view text = TokenText(i);
     if (TokenType(i) == kTokError) {
