@@ -120,6 +120,16 @@ class TestJoining:
             (ll.kComment, 2, ["# deeper"]),
         ]
 
+    def test_type_comments_stay_behind_the_statements_they_annotate(self):
+        src = ("x = f(a,  # type: not here\n      b)  # type: List[int]\n"
+               "for a in b:  #type: int\n    pass\n"
+               "def g(a):  # type: (int) -> str\n    pass\n"
+               "if c:  # type: int\n    y = 1  # a plain comment\n")
+        last = [l.fToks[-1] for l in logicals(src)]
+        assert last == ["# type: List[int]", "#type: int", "pass", "# type: (int) -> str", "pass",
+                        ":", "1"]
+        assert logicals(src)[0].fTokenTypes[-1] == 202
+
     def test_semicolons_split_statements(self):
         src = "if x:\n    a = 1; b = 2;\n    c = f(';'); d = [e; 0] if 0 else 1\n"
         got = [(l.fType, l.fIndentLevel, l.fFirstLine, l.fToks[0]) for l in logicals(src)]

@@ -195,6 +195,7 @@ private:
     };
 
     void Push(const ScannedToken &tok);
+    void AttachTypeComment();
     void FlushStatement(bool incomplete);
     void EmitComment(const ScannedToken &tok);
     void Emit(size_t b, size_t e, int indent, LogicalKind kind);
@@ -212,7 +213,29 @@ private:
     std::vector<nb::ref<CLogicalLine>> fOut;
     bool fLineSpaces = false;
     bool fLineTabs = false;
+    Py_ssize_t fLastEmitStart = 0;  // offset in fText where the last logical's text starts
+    ScannedToken fTypeComment;      // a `# type:` comment behind the current statement
+    bool fHaveTypeComment = false;
 };
+
+// `# type: ...` (white space allowed around "type").
+bool IsTypeComment(std::string_view comment) {
+    size_t i = 1;
+    while (i < comment.size() && (comment[i] == ' ' || comment[i] == '\t'))
+        i++;
+    return comment.substr(i, 5) == "type:";
+}
+
+// The statement kinds that a trailing type comment annotates.
+bool TakesTypeComment(LogicalKind kind) {
+    switch (kind) {
+    case LogicalKind::kAssignment: case LogicalKind::kAnnAssignment:
+    case LogicalKind::kForBeginning: case LogicalKind::kWith: case LogicalKind::kFunctionDef:
+        return true;
+    default:
+        return false;
+    }
+}
 
 int LogicalBuilder::ExpandedColumn(const ScannedToken &tok) const {
     int col = 0;
@@ -283,6 +306,7 @@ void LogicalBuilder::Emit(size_t b, size_t e, int indent, LogicalKind kind) {
     Py_ssize_t end = last.offset + last.length;
     nb::ref<CLogicalLine> logical = new CLogicalLine();
     CLogicalLine &l = *logical;
+    fLastEmitStart = start;
     l.fText.assign(fText.data() + start, (size_t) (end - start));
     l.fTokens.reserve(e - b);
     for (size_t i = b; i < e; i++)
@@ -350,10 +374,26 @@ void LogicalBuilder::FlushStatement(bool incomplete) {
         Emit(b, semi, indent, kind);
         b = semi + 1;
     }
-    if (incomplete && fOut.size() > emitted_before)
-        fOut.back()->fIncomplete = true;
+    if (fOut.size() > emitted_before) {
+        if (fHaveTypeComment && fTypeComment.line == fPending.back().last_line)
+            AttachTypeComment();
+        if (incomplete)
+            fOut.back()->fIncomplete = true;
+    }
+    fHaveTypeComment = false;
     fPending.clear();
     fSpanToks.clear();
+}
+
+void LogicalBuilder::AttachTypeComment() {
+    CLogicalLine &l = *fOut.back();
+    if (!TakesTypeComment(l.fKind))
+        return;
+    size_t text_end = (size_t) fLastEmitStart + l.fText.size();
+    size_t comment_end = (size_t) (fTypeComment.offset + fTypeComment.length);
+    l.fText.append(fText.data() + text_end, comment_end - text_end);
+    l.fTokens.push_back(Token{(std::uint32_t) (fTypeComment.offset - fLastEmitStart),
+                              (std::uint32_t) fTypeComment.length, kTokComment});
 }
 
 std::vector<nb::ref<CLogicalLine>> LogicalBuilder::Run() {
@@ -375,8 +415,12 @@ std::vector<nb::ref<CLogicalLine>> LogicalBuilder::Run() {
         case kTokNL:
             break;
         case kTokComment:
-            if (fPending.empty())
+            if (fPending.empty()) {
                 EmitComment(tok);
+            } else if (IsTypeComment(fText.substr((size_t) tok.offset, (size_t) tok.length))) {
+                fTypeComment = tok;
+                fHaveTypeComment = true;
+            }
             break;
         default:
             // A def or class at the start of a line can't be inside brackets:

@@ -5,9 +5,11 @@
 // Rules of the logicals:
 // - A logical is a statement: physical lines joined by backslash
 //   continuation and by open brackets.  Comments inside or behind a statement
-//   aren't tokens of it; a comment on a line of its own is a kComment logical
-//   of its own, with the comment's column as its indent.  Blank lines make
-//   nothing.
+//   aren't tokens of it, but for a type comment (`# type: ...`) behind the
+//   last line of an assignment, annotated assignment, for, with or def
+//   header: that one is kept as the statement's last token, for the analyzer.
+//   A comment on a line of its own is a kComment logical of its own, with the
+//   comment's column as its indent.  Blank lines make nothing.
 // - Statements separated by `;` are logicals of their own, with the indent of
 //   the line they stand on.
 // - A compound statement with its body on the same line (`def f(): return 1`,
