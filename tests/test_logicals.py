@@ -318,6 +318,8 @@ class TestCreateLogical:
         b = CreateLogical(toks=["x"])
         assert a != b and {a: 1, b: 2}[a] == 1
         assert "expression" in repr(a) and "x" in repr(a)
+        long = CreateLogical(toks=["'" + "é" * 100 + "'"])
+        assert repr(long).endswith("...>") and "é" * 20 in repr(long)
 
     def test_analyzer_fields_may_hold_cycles(self):
         l = CreateLogical(toks=["x"])

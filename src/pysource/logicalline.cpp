@@ -408,7 +408,10 @@ std::string CLogicalLine::Repr() const {
         if (i)
             out += ' ';
         if (t.size() > budget) {
-            out.append(t.substr(0, budget));
+            size_t cut = budget;  // not inside a UTF-8 sequence
+            while (cut > 0 && ((unsigned char) t[cut] & 0xC0) == 0x80)
+                cut--;
+            out.append(t.substr(0, cut));
             out += "...";
             budget = 0;
             break;
