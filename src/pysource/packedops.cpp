@@ -178,12 +178,15 @@ SuffixSplit SplitLogicalIndexSuffix(std::string_view istr) {
     if (digits_start > 0 && istr[digits_start - 1] == '-')
         --digits_start;
     if (digits_start < static_cast<std::size_t>(kPrefixLen) ||
-        istr.substr(digits_start - kPrefixLen, kPrefixLen) != kLogicalIndexPrefix)
+        istr.substr(digits_start - static_cast<std::size_t>(kPrefixLen), kPrefixLen) !=
+            kLogicalIndexPrefix)
         return {istr, std::nullopt};
     const auto mark = static_cast<std::ptrdiff_t>(digits_start) - kPrefixLen;
     // Only a mark at nesting level zero is a suffix; inside a string or a
     // bracket the same bytes are text.
-    CNestLevelSearch search(istr, kLogicalIndexPrefix, kPrefixLen);
+    // A plain expression has no prefix of its own to step over.
+    const std::ptrdiff_t start = GetInfoBytesKind(istr) == kPlainEquivKind ? 0 : kPrefixLen;
+    CNestLevelSearch search(istr, kLogicalIndexPrefix, start);
     std::ptrdiff_t at = search.FindNext();
     while (at >= 0 && at < mark)
         at = search.FindNext();
