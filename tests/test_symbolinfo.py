@@ -1,7 +1,6 @@
 import ast
 import math
 import sys
-import types
 
 import pytest
 from hypothesis import given, settings, strategies as st
@@ -295,8 +294,7 @@ def test_every_layout_round_trips_in_a_compound(name, type_params, args, ret, de
     assert si.UnpackCalled(called_single) == (name, condition)
     assert si.UnpackConditionalInfo(cond_single) == (condition, def_single)
     assert si.ScopeNameDefinedByInfo(cond_single) == name
-    loc, scope_name, rest = si.UnpackLocationAndScope(marked)
-    assert (loc, scope_name, rest) == (url, scope, literal_single)
+    assert si.UnpackLocationAndScope(marked, False) == (url, scope, literal_single)
     suffixed = si.AppendLogicalIndexBytesSuffix(literal_single, str(index).encode())
     assert si.SplitLogicalIndexSuffix(suffixed) == (literal_single, index)
     assert si.UnpackLiteralInfo(suffixed) == (name, literal)
@@ -320,7 +318,7 @@ class TestMarks:
         inner = si.PrefixWithLocationAndScope(b"x", None, "C.f")
         assert si.PrefixWithLocationAndScope(inner, None, "D") == inner
         outer = si.PrefixWithLocationAndScope(inner, Loc("file:///m.py"), "D")
-        assert si.UnpackLocationAndScope(outer) == ("file:///m.py", "C.f", b"x")
+        assert si.UnpackLocationAndScope(outer, False) == ("file:///m.py", "C.f", b"x")
         elsewhere = si.PrefixWithLocationAndScope(b"x", Loc("file:///a.py"), None)
         assert si.PrefixWithLocationAndScope(elsewhere, Loc("file:///b.py"), "E") == elsewhere
         builtin = si.kBuiltinModulePrefix + b"int"
@@ -338,21 +336,20 @@ class TestMarks:
         with pytest.raises(TypeError):
             si.PrefixWithLocationAndScope(b"x", object(), "C")
 
-    def test_url_turns_back_into_a_location_when_the_module_offers_it(self, monkeypatch):
-        made = []
+    def test_a_location_survives_any_characters_of_its_path(self, tmp_path):
+        from basekit.location import CLocalFileLocation
 
-        class CLocalFileLocation:
-            def __init__(self, path):
-                made.append(path)
+        loc = CLocalFileLocation(str(tmp_path / "a b;c'd(é).py"))
+        marked = si.PrefixWithLocationAndScope(b":tint", loc, "C.f")
+        assert si.NonNestedSplit(marked + b";:S1", b";") == [marked, b":S1"]
+        assert si.UnpackLocationAndScope(marked) == (loc, "C.f", b":tint")
+        assert si.UnpackLocationAndScope(marked)[0] is loc
 
-        fake = types.ModuleType("basekit.location")
-        fake.CLocalFileLocation = CLocalFileLocation
-        monkeypatch.setitem(sys.modules, "basekit.location", fake)
+    def test_url_stays_text_without_the_location_module(self, monkeypatch):
+        monkeypatch.setitem(sys.modules, "basekit.location", None)
         marked = si.PrefixWithLocationAndScope(b"x", Loc("file:///p/a;b.py"), "C")
-        loc, scope_name, rest = si.UnpackLocationAndScope(marked)
-        assert isinstance(loc, CLocalFileLocation) and made == ["/p/a;b.py"]
-        assert (scope_name, rest) == ("C", b"x")
-        assert si.LocationForUrl("buffer:1") is None
+        assert si.UnpackLocationAndScope(marked) == ("file:///p/a;b.py", "C", b"x")
+        assert si.LocationForUrl("file:///p") is None
 
     def test_join_info_bytes(self):
         assert si.JoinInfoBytes(b":S1", b":tint") == b":S1;:tint"

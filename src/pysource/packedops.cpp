@@ -20,8 +20,10 @@ bool NeedsEscape(char c) {
     }
 }
 
+// A leading quote is escaped too: in the packed single a kind letter such as
+// "f" or "u" stands right before it and would read as a string prefix.
 bool CanStandAsIs(std::string_view text) {
-    return !text.empty() && text[0] != kFieldEscape && IsBalancedText(text) &&
+    return !text.empty() && text[0] != kFieldEscape && !IsQuote(text[0]) && IsBalancedText(text) &&
            NonNestedFind(text, ",") < 0 && NonNestedFind(text, ";") < 0;
 }
 
