@@ -193,6 +193,7 @@ class TestBuildersRoundTrip:
 
     def test_called(self):
         ibytes = si.PackCalled(".append", "x, (1; 2), 'a,b'")
+        assert b"%" not in ibytes  # ordinary argument text stays readable
         assert si.packedops.UnpackCalled(ibytes) == (".append", "x, (1; 2), 'a,b'")
         assert si.SplitArguments(si.UnpackCalled(ibytes)[1]) == ["x", "(1; 2)", "'a,b'"]
         with pytest.raises(ValueError):

@@ -20,10 +20,11 @@ bool NeedsEscape(char c) {
     }
 }
 
-// A leading quote is escaped too: in the packed single a kind letter such as
-// "f" or "u" stands right before it and would read as a string prefix.
-bool CanStandAsIs(std::string_view text) {
-    return !text.empty() && text[0] != kFieldEscape && !IsQuote(text[0]) && IsBalancedText(text) &&
+// In the first field a leading quote is escaped too: the kind letter (such as
+// "f" or "u") stands right before it and would read as a string prefix.
+bool CanStandAsIs(std::string_view text, bool first_field) {
+    return !text.empty() && text[0] != kFieldEscape && !(first_field && IsQuote(text[0])) &&
+           IsBalancedText(text) &&
            NonNestedFind(text, ",") < 0 && NonNestedFind(text, ";") < 0;
 }
 
@@ -81,10 +82,10 @@ std::optional<std::string_view> UnwrapOnce(std::string_view single) {
 
 }  // namespace
 
-std::string EncodeField(OptView text) {
+std::string EncodeField(OptView text, bool first_field) {
     if (!text)
         return std::string();
-    if (CanStandAsIs(*text))
+    if (CanStandAsIs(*text, first_field))
         return std::string(*text);
     static const char kHex[] = "0123456789ABCDEF";
     std::string out(1, kFieldEscape);
@@ -126,7 +127,7 @@ std::string PackFields(std::string_view prefix, const std::vector<OptView> &fiel
     for (std::size_t i = 0; i < fields.size(); ++i) {
         if (i)
             out.append(1, kFieldSep);
-        out.append(EncodeField(fields[i]));
+        out.append(EncodeField(fields[i], i == 0));
     }
     return out;
 }
@@ -227,8 +228,13 @@ std::string PackClassInfo(std::string_view full_name, OptView type_params, OptVi
     return PackFields(kClassPrefix, fields);
 }
 
+// The argument text goes in parentheses: its commas are then nested, and
+// the field stays readable.
 std::string PackCalled(std::string_view suffix, std::string_view arg_text) {
-    return PackFields(kCalledPrefix, {suffix, arg_text});
+    std::string call;
+    call.reserve(arg_text.size() + 2);
+    call.append(1, '(').append(arg_text).append(1, ')');
+    return PackFields(kCalledPrefix, {suffix, call});
 }
 
 std::string BuildArgInfo(long long arg_i, OptView name) {
@@ -334,8 +340,10 @@ std::pair<std::string, std::string> UnpackCalled(std::string_view single) {
     if (GetInfoBytesKind(bare) != kCalledKind)
         throw NotOfKind(single, "a call");
     UnpackedFields unpacked = UnpackFields(bare);
-    return {FieldAt(unpacked, 0).value_or(std::string()),
-            FieldAt(unpacked, 1).value_or(std::string())};
+    std::string call = FieldAt(unpacked, 1).value_or(std::string());
+    if (call.size() < 2 || call.front() != '(' || call.back() != ')')
+        throw NotOfKind(single, "a call");
+    return {FieldAt(unpacked, 0).value_or(std::string()), call.substr(1, call.size() - 2)};
 }
 
 std::optional<ArgInfo> UnpackArgInfo(std::string_view single) {
