@@ -453,6 +453,7 @@ class TestExpressions:
         assert si.IsSingleNameToken("_x1") and si.IsSingleNameToken("названия")
         assert not si.IsSingleNameToken("1x") and not si.IsSingleNameToken("a.b")
         assert not si.IsSingleNameToken("") and not si.IsSingleNameToken("a\u00a0")
+        assert not si.IsSingleNameToken(b"\xff") and not si.IsSingleNameToken("\u0661a")
         for text in ["1.5", "1e3", ".5", "-2.", "1_000.0", "1E-3"]:
             assert si.IsFloat(text), text
         for text in ["1", "0x1F", "1j", "e3", ".", "1e", "abc"]:
