@@ -164,7 +164,7 @@ bool IsSingleNameToken(std::string_view text) {
         for (std::ptrdiff_t pos = 0; pos < end; pos = AdjustUtf8Pos(text.data(), pos, 1, end))
             if (!IsIdentifierCharAtUtf8Pos(text.data(), pos, end, pos == 0))
                 return false;
-    } catch (const nb::python_error &) {
+    } catch (const std::exception &) {
         return false;  // malformed UTF-8 is no name
     }
     return true;
