@@ -259,6 +259,10 @@ class TestBuildersRoundTrip:
             assert ast.literal_eval(encoded.decode()) == text
             assert si.NonNestedSplit(encoded + b";x", b";") == [encoded, b"x"]
 
+    def test_wrong_kind_message_is_text_whatever_the_bytes(self):
+        with pytest.raises(ValueError, match=r"\\xff"):
+            si.UnpackCalled(b":S\xff\xfe")
+
     def test_malformed_escape_is_a_value_error(self):
         with pytest.raises(ValueError):
             si.UnpackDecoratorInfo(si.kDecoratorPrefix + b"1,%%zz")

@@ -38,9 +38,19 @@ int HexValue(char c) {
     return -1;
 }
 
+// The message shows the start of the bytes with anything but printable ASCII
+// escaped, so that it is valid text whatever the bytes hold.
 std::invalid_argument NotOfKind(std::string_view single, const char *what) {
+    static const char kHex[] = "0123456789abcdef";
     std::string message = "info bytes are not ";
-    message.append(what).append(": ").append(single.substr(0, 80));
+    message.append(what).append(": ");
+    for (char c : single.substr(0, 80)) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte < 0x7f)
+            message.append(1, c);
+        else
+            message.append("\\x").append(1, kHex[byte >> 4]).append(1, kHex[byte & 15]);
+    }
     return std::invalid_argument(message);
 }
 
@@ -51,11 +61,10 @@ std::string RequireText(const OptText &field, std::string_view single, const cha
 }
 
 long long ParseInteger(std::string_view digits, std::string_view single, const char *what) {
-    long long value = 0;
-    auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (result.ec != std::errc() || result.ptr != digits.data() + digits.size())
+    auto value = ParseLogicalIndex(digits);
+    if (!value)
         throw NotOfKind(single, what);
-    return value;
+    return *value;
 }
 
 const OptText &FieldAt(const UnpackedFields &unpacked, std::size_t i) {
