@@ -135,8 +135,7 @@ Py_hash_t CSingleResolvedInfo::Hash() const {
     Py_hash_t bytes_hash = PyObject_Hash(ibytes.ptr());
     if (bytes_hash == -1)
         throw nb::python_error();
-    Py_hash_t combined = bytes_hash * 1000003 + scope->Hash();
-    return combined == -1 ? -2 : combined;
+    return CombineHashes(bytes_hash, scope->Hash());
 }
 
 nb::str CSingleResolvedInfo::Repr() const {

@@ -109,8 +109,7 @@ Py_hash_t CScope::Hash() const {
     if (name_hash == -1)
         throw nb::python_error();
     auto loc_bits = static_cast<Py_hash_t>(reinterpret_cast<std::uintptr_t>(loc.ptr()) >> 4);
-    Py_hash_t combined = name_hash ^ (loc_bits * 1000003);
-    return combined == -1 ? -2 : combined;
+    return CombineHashes(loc_bits, name_hash);
 }
 
 nb::str CScope::Repr() const {
@@ -132,8 +131,7 @@ Py_hash_t CFullyScopedName::Hash() const {
     Py_hash_t name_hash = PyObject_Hash(name.ptr());
     if (name_hash == -1)
         throw nb::python_error();
-    Py_hash_t combined = scope->Hash() * 31 + name_hash + (type_hint ? 7 : 0);
-    return combined == -1 ? -2 : combined;
+    return CombineHashes(CombineHashes(scope->Hash(), name_hash), type_hint ? 1 : 0);
 }
 
 nb::str CFullyScopedName::Repr() const {

@@ -7,6 +7,7 @@
 #include <nanobind/intrusive/counter.h>
 #include <nanobind/intrusive/ref.h>
 
+#include <cstdint>
 #include <string_view>
 
 namespace nb = nanobind;
@@ -14,6 +15,14 @@ namespace nb = nanobind;
 namespace pysource::symbolinfo {
 
 class CFullyScopedName;
+
+// Two hashes mixed into one, in unsigned arithmetic (wrapping is meant);
+// never -1, which Python reserves for errors.
+inline Py_hash_t CombineHashes(Py_hash_t seed, Py_hash_t value) {
+    auto mixed = static_cast<std::uint64_t>(seed) * 1000003u ^ static_cast<std::uint64_t>(value);
+    auto combined = static_cast<Py_hash_t>(mixed);
+    return combined == -1 ? -2 : combined;
+}
 
 class CScope : public nb::intrusive_base {
 public:
