@@ -1,0 +1,74 @@
+"""Splitting a file into scope bodies: the body finder beside the standard
+library's parser collecting the same bodies from a syntax tree.
+
+Run by hand: python bench/bench_bodyfinder.py [repeats]
+Prints logicals per second for both and their ratio; no pass/fail.
+"""
+
+import ast
+import sys
+import time
+
+from pysource import scopescanner as ss
+from pysource.filellinecache import BuildLogicalLines
+
+
+def make_source(classes=300, methods=8):
+    parts = ["import os\n", "CONST = 1\n"]
+    for c in range(classes):
+        parts.append(f"class C{c}(object):\n    attr = {c}\n")
+        for m in range(methods):
+            parts.append(
+                f"    # method {m}\n"
+                f"    @property\n"
+                f"    def m{m}(self, x=1):\n"
+                f"        y = x + {m}\n"
+                f"        def inner():\n"
+                f"            return y\n"
+                f"        return inner()\n"
+            )
+        parts.append(f"def f{c}(a, b):\n    return a + b\n")
+    return "".join(parts)
+
+
+def finder_bodies(logicals):
+    finder = ss._CScopeBodyFinder(logicals, -1, False)
+    finder.ProcessUntilEnd()
+    count = 0
+    while finder.PopCompletedScopeBody() is not None:
+        count += 1
+    finder.destroy()
+    return count
+
+
+def parser_bodies(source):
+    tree = ast.parse(source)
+    scopes = (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)
+    return 1 + sum(isinstance(node, scopes) for node in ast.walk(tree))
+
+
+def best_of(repeats, func, *args):
+    best = float("inf")
+    for _ in range(repeats):
+        start = time.perf_counter()
+        result = func(*args)
+        best = min(best, time.perf_counter() - start)
+    return best, result
+
+
+def main():
+    repeats = int(sys.argv[1]) if len(sys.argv) > 1 else 5
+    source = make_source()
+    logicals = BuildLogicalLines(source)
+    finder_time, finder_count = best_of(repeats, finder_bodies, logicals)
+    parser_time, parser_count = best_of(repeats, parser_bodies, source)
+    assert finder_count == parser_count, (finder_count, parser_count)
+    n = len(logicals)
+    print(f"{n} logicals, {finder_count} scopes")
+    print(f"body finder          {n / finder_time:12.0f} logicals/s")
+    print(f"stdlib parse + walk  {n / parser_time:12.0f} logicals/s")
+    print(f"ratio (finder/parser speed): {parser_time / finder_time:.1f}x")
+
+
+if __name__ == "__main__":
+    main()

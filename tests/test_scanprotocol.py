@@ -1,0 +1,257 @@
+"""The scan protocol: states, scanner base classes, switches, statistics."""
+
+import types
+
+import pytest
+
+from basekit.destroyable import CDestroyable
+from pysource import scopescanner as ss
+from pysource._fastaccess import CLogger
+from pysource.logicalline import CLogicalLine
+
+STATE_NAMES = [
+    ("kReadyToScan", "ready-to-scan"),
+    ("kWaitingForData", "waiting-for-data"),
+    ("kFinishedScanning", "finished"),
+    ("kTimedOut", "timed-out"),
+    ("kScanAbandoned", "scan-abandoned"),
+    ("kWaitingForScans", "waiting-for-scans"),
+]
+
+
+class RawLogger(CLogger):
+    """Keeps every message unformatted: (level, format, args)."""
+
+    def __init__(self):
+        super().__init__(lambda level, text: None)  # a receiver turns logging on
+        self.records = []
+
+    def Log(self, level, s, args=()):
+        self.records.append((level, s, tuple(args)))
+
+
+def make_scope(name="pkg.mod.f"):
+    return types.SimpleNamespace(loc="/src/pkg/mod.py", name=name)
+
+
+STATE_FORMAT = "Scan state changed to %s for %r scope: %r scan: %r"
+
+
+class TestStates:
+    def test_six_singletons_with_their_names(self):
+        for attr, name in STATE_NAMES:
+            state = getattr(ss, attr)
+            assert isinstance(state, ss.CNamedConstant)
+            assert state._fName == name
+            assert repr(state) == name and str(state) == name
+        assert len({id(getattr(ss, attr)) for attr, _ in STATE_NAMES}) == 6
+
+    def test_states_compare_by_identity_not_by_name(self):
+        twin = ss.CNamedConstant("finished")
+        assert repr(twin) == "finished"
+        assert twin != ss.kFinishedScanning
+        assert ss.kFinishedScanning == ss.kFinishedScanning
+
+    def test_named_constant_needs_a_text_name(self):
+        with pytest.raises(TypeError):
+            ss.CNamedConstant(3)
+
+
+class TestScannerBase:
+    def test_constructor_fields_and_first_log_line(self):
+        log = RawLogger()
+        scope = make_scope()
+        scanner = ss._CScannerBase(scope, "primary", log)
+        assert scanner.fScanState is ss.kReadyToScan
+        assert scanner._fScanCalled is False
+        assert scanner._fLog is log
+        assert scanner.fScope is scope
+        assert scanner.fScanName == "primary"
+        assert scanner.has_signal("scan-state-changed")
+        assert log.records == [
+            (1, STATE_FORMAT, (ss.kReadyToScan, "/src/pkg/mod.py", "pkg.mod.f", "primary"))
+        ]
+
+    def test_no_log_gives_a_silent_logger_of_its_own(self):
+        a = ss._CScannerBase(make_scope(), "primary", None)
+        b = ss._CScannerBase(make_scope(), "primary", None)
+        assert isinstance(a._fLog, CLogger) and not a._fLog.IsOn()
+        assert a._fLog is not b._fLog
+
+    def test_log_must_be_a_logger(self):
+        with pytest.raises(TypeError, match="CLogger"):
+            ss._CScannerBase(make_scope(), "primary", print)
+
+    def test_state_change_logs_stores_then_emits_self(self):
+        log = RawLogger()
+        scanner = ss._CScannerBase(make_scope("m"), "derived", log)
+        seen = []
+        scanner.connect("scan-state-changed", lambda s: seen.append((s, s.fScanState)))
+        scanner._SetScanState(ss.kWaitingForData)
+        assert seen == [(scanner, ss.kWaitingForData)]
+        assert log.records[-1] == (
+            1, STATE_FORMAT, (ss.kWaitingForData, "/src/pkg/mod.py", "m", "derived"))
+
+    def test_same_state_neither_logs_nor_emits(self):
+        log = RawLogger()
+        scanner = ss._CScannerBase(make_scope(), "primary", log)
+        seen = []
+        scanner.connect("scan-state-changed", seen.append)
+        scanner._SetScanState(ss.kReadyToScan)
+        assert seen == [] and len(log.records) == 1
+        scanner._SetScanState(ss.kFinishedScanning)
+        scanner._SetScanState(ss.kFinishedScanning)
+        assert seen == [scanner] and len(log.records) == 2
+
+    def test_state_message_formats_through_a_plain_receiver(self):
+        lines = []
+        scanner = ss._CScannerBase(make_scope("a.b"), "primary",
+                                   CLogger(lambda level, text: lines.append(text)))
+        scanner._SetScanState(ss.kScanAbandoned)
+        assert lines == [
+            "Scan state changed to ready-to-scan for '/src/pkg/mod.py' scope: 'a.b' scan: 'primary'",
+            "Scan state changed to scan-abandoned for '/src/pkg/mod.py' scope: 'a.b' scan: 'primary'",
+        ]
+
+    def test_handler_error_surfaces_after_the_state_is_stored(self):
+        scanner = ss._CScannerBase(make_scope(), "primary", None)
+
+        def boom(s):
+            raise KeyError("handler")
+
+        scanner.connect("scan-state-changed", boom)
+        with pytest.raises(KeyError):
+            scanner._SetScanState(ss.kFinishedScanning)
+        assert scanner.fScanState is ss.kFinishedScanning
+
+    def test_only_states_are_accepted(self):
+        scanner = ss._CScannerBase(make_scope(), "primary", None)
+        with pytest.raises(TypeError):
+            scanner._SetScanState("finished")
+        assert scanner.fScanState is ss.kReadyToScan
+
+    def test_scan_called_flag_is_writable(self):
+        scanner = ss._CScannerBase(make_scope(), "primary", None)
+        scanner._fScanCalled = True
+        assert scanner._fScanCalled is True
+
+
+class TestScannerSubclasses:
+    def test_base_scan_is_not_implemented(self):
+        with pytest.raises(NotImplementedError):
+            ss.CScanner().Scan(0.0)
+        with pytest.raises(NotImplementedError):
+            ss._CScannerBase(make_scope(), "primary", None).Scan(1e300)
+
+    def test_python_scanner_with_a_time_out_keeps_its_state(self):
+        class Slow(ss._CScannerBase):
+            def __init__(self):
+                super().__init__(make_scope(), "primary", None)
+                self.calls = 0
+
+            def Scan(self, end_time):
+                self.calls += 1
+                if self.calls < 2:
+                    return ss.kTimedOut
+                self._SetScanState(ss.kFinishedScanning)
+                return self.fScanState
+
+        scanner = Slow()
+        assert scanner.Scan(0.0) is ss.kTimedOut
+        assert scanner.fScanState is ss.kReadyToScan
+        assert scanner.Scan(0.0) is ss.kFinishedScanning
+        assert isinstance(scanner, CDestroyable)
+
+    def test_python_override_of_destroy_impl_runs_on_destroy(self):
+        events = []
+
+        class Owned(ss.CScanner):
+            def _destroy_impl(self):
+                events.append("impl")
+
+        scanner = Owned()
+        scanner.destroy()
+        assert events == ["impl"] and scanner.fDestroyed
+
+
+class TestSwitches:
+    def test_defaults(self):
+        assert ss.kVerboseLogging is False
+        assert ss.kSaveLiteralText is False
+        assert ss.kMaxDerivedMergedKeys == 20
+        assert ss.kSpecializeGenericsFromArgs is False
+        assert ss.kLazyCalledArgEvaluation is True
+
+    def test_setters_return_the_prior_value_and_the_module_follows(self):
+        try:
+            assert ss.SetLazyCalledArgEvaluation(False) is True
+            assert ss.kLazyCalledArgEvaluation is False
+            assert ss.SetLazyCalledArgEvaluation(False) is False
+            assert ss.SetSpecializeGenericsFromArgs(True) is False
+            assert ss.kSpecializeGenericsFromArgs is True
+        finally:
+            ss.SetLazyCalledArgEvaluation(True)
+            ss.SetSpecializeGenericsFromArgs(False)
+        assert ss.kLazyCalledArgEvaluation is True
+
+    def test_unknown_module_attribute_is_an_attribute_error(self):
+        with pytest.raises(AttributeError, match="kNoSuchSwitch"):
+            ss.kNoSuchSwitch
+
+
+class TestMarkers:
+    def test_no_value_is_a_plain_object(self):
+        assert type(ss._kNoValue) is object
+        assert ss._kNoValue is not None
+
+    def test_no_value_logical_is_an_empty_logical(self):
+        logical = ss._kNoValueLogical
+        assert isinstance(logical, CLogicalLine)
+        assert logical.fTokenCount == 0 and list(logical.fToks) == []
+        assert (logical.fIndentLevel, logical.fFirstLine, logical.fLineCount) == (0, 0, 1)
+        assert ss.IsScopeDef(logical) is False
+
+
+class TestStatistics:
+    @pytest.fixture(autouse=True)
+    def stats_off_afterwards(self):
+        yield
+        ss._DbgSetScanStats(None)
+
+    def test_off_by_default_and_turned_off_by_none(self):
+        assert ss._gDbgScanStats is None
+        stats = {}
+        ss._DbgSetScanStats(stats)
+        assert ss._gDbgScanStats is stats
+        assert ss._gDbgSeenCalled == set() and ss._gDbgSeenArgs == set()
+        assert ss._gDbgSeenCalled is not ss._gDbgSeenArgs
+        ss._DbgSetScanStats(None)
+        assert ss._gDbgScanStats is None
+        assert ss._gDbgSeenCalled is None and ss._gDbgSeenArgs is None
+
+    def test_each_enable_gives_new_seen_sets(self):
+        ss._DbgSetScanStats({})
+        first = ss._gDbgSeenCalled
+        ss._DbgSetScanStats({})
+        assert ss._gDbgSeenCalled is not first
+
+    def test_duplicate_keys_are_counted(self):
+        stats = {}
+        ss._DbgSetScanStats(stats)
+        seen = ss._gDbgSeenCalled
+        ss._DbgCountScanEvent("called-name", seen, "f")
+        ss._DbgCountScanEvent("called-name", seen, "f")
+        ss._DbgCountScanEvent("called-name", seen, "g")
+        assert stats == {("scan-dup", "called-name"): 3, ("scan-dup", "called-name-dup"): 1}
+        assert seen == {"f", "g"}
+
+    def test_hits_count_without_a_seen_set(self):
+        stats = {("scan-dup", "called-name-memo-hit"): 5}
+        ss._DbgSetScanStats(stats)
+        ss._DbgCountScanHit("called-name-memo-hit")
+        assert stats == {("scan-dup", "called-name-memo-hit"): 6}
+
+    def test_stats_must_be_a_dict_or_none(self):
+        with pytest.raises(TypeError):
+            ss._DbgSetScanStats([])
+        assert ss._gDbgScanStats is None
