@@ -577,6 +577,39 @@ class TestDescribe:
     def test_each_kind(self, ibytes, expected):
         assert si.DescribeInfo(ibytes) == expected
 
+    def test_every_kind_is_described(self):
+        wrapped = si.kSetPrefix
+        samples = {
+            "PlainEquiv": b"a.b",
+            "Arg": si.BuildArgInfo(0, None),
+            "Called": si.PackCalled("", "x"),
+            "Class": si.PackClassInfo("C", None, None),
+            "Conditional": si.BuildConditionalInfo(b"c", wrapped),
+            "Decorator": si.BuildDecoratorInfo(0, "d"),
+            "Function": si.BuildDefInfoStr(si.kFunctionPrefix, "f", None, "()", None, []),
+            "Method": si.BuildDefInfoStr(si.kMethodPrefix, "C.f", None, "(self)", None, []),
+            "UnboundMethod": si.BuildDefInfoStr(si.kUnboundMethodPrefix, "C.f", None, "(self)", None, []),
+            "TypedLiteral": si.BuildLiteralInfo(b"int", "1"),
+            "TypeParameter": si.BuildTypeParameterInfo("T", "TypeVar"),
+            "SpecificScope": si.PrefixWithLocationAndScope(wrapped, None, "C"),
+            "SpecificUrl": si.PrefixWithLocationAndScope(wrapped, Loc("u"), None),
+            "BuiltinModule": si.kBuiltinModulePrefix + wrapped,
+            "TypingModule": si.kTypingModulePrefix + wrapped,
+            "DefLineScope": si.kDefLineScopePrefix + b"C.f," + wrapped,
+            "LogicalIndex": si.kLogicalIndexPrefix + b"3",
+            "TypeHint": si.kTypeHintPrefix + b"int",
+            "InferredTypeHint": si.kInferredTypeHintPrefix + b"list[int]",
+        }
+        for name, meaning in [(row[0], row[2]) for row in si.KindTable()]:
+            kind = getattr(si, "k%sKind" % name)
+            single = samples.get(name) or si.BuildFieldsInfo(kind, ["x"])
+            assert si.GetInfoBytesKind(single) == kind, name
+            text = si.DescribeInfo(single)
+            assert "malformed" not in text and "unknown" not in text, (name, text)
+            first_word = meaning.split()[0]
+            assert first_word in text or name in ("Conditional", "TypeParameter", "Get", "Set",
+                                                  "SetTypeHint", "PlainEquiv"), (name, text)
+
     def test_compound_and_malformed(self):
         assert si.DescribeInfo(si.kSetPrefix + b"1;" + si.kGetPrefix + b"2") == \
             "first set at logical 1; first read at logical 2"
