@@ -60,6 +60,10 @@ class TestKindsAndPrefixes:
         assert si.IsDefKind(si.kFunctionKind[0])  # an int byte works too
         with pytest.raises(ValueError):
             si.IsDefKind(b"ab")
+        with pytest.raises(ValueError):
+            si.IsDefKind(256)
+        with pytest.raises(OverflowError):
+            si.IsDefKind(1 << 80)
 
     def test_kind_filter(self):
         kind_filter = si.CKindFilter([si.kSetKind, si.kGetKind])
@@ -624,3 +628,24 @@ def test_singletons_share_the_module_operations():
     assert si.exprops.SplitTrailers("a.b") == si.SplitTrailers("a.b")
     assert "int" in si.builtintypenames.names and si.builtintypenames.IsBuiltinTypeName("str")
     assert not si.builtintypenames.IsBuiltinTypeName("Foo")
+
+
+info_like = st.lists(
+    st.sampled_from([b":", b";", b",", b"%", b"%2", b"(", b")", b"'", b'"', b"\\", b"\x00", b"\xff",
+                     b"a", b"1", b"-", b"#"] + [getattr(si, "k%sPrefix" % n) for n in PREFIXED_NAMES]),
+    max_size=20,
+).map(b"".join)
+
+
+@settings(max_examples=400, deadline=None)
+@given(ibytes=info_like)
+def test_any_bytes_give_a_description_or_a_clear_error(ibytes):
+    assert isinstance(si.DescribeInfo(ibytes), str)
+    for unpack in (si.PopLeadingPrefixes, si.SplitLogicalIndexSuffix, si.InfoDefinesScope,
+                   si.ScopeNameDefinedByInfo, si.UnpackDefInfoStr, si.UnpackClassInfo, si.UnpackCalled, si.UnpackDecoratorInfo,
+                   si.UnpackLiteralInfo, si.UnpackConditionalInfo, si.UnpackTypeHint,
+                   si.UnpackLocationAndScope, si.UnpackFieldsInfo, si.UnpackTypeParameterInfo):
+        try:
+            unpack(ibytes)
+        except (ValueError, UnicodeDecodeError):
+            pass

@@ -63,6 +63,8 @@ nb::bytes KindBytes(Kind kind) { return ToBytes(std::string_view(&kind, 1)); }
 Kind KindFromPy(nb::handle kind) {
     if (PyLong_Check(kind.ptr())) {
         long value = PyLong_AsLong(kind.ptr());
+        if (value == -1 && PyErr_Occurred())
+            throw nb::python_error();
         if (value < 0 || value > 255)
             throw nb::value_error("a kind is one byte");
         return static_cast<Kind>(value);
