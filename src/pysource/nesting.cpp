@@ -1,0 +1,116 @@
+#include "pysource/nesting.h"
+
+#include "pysource/srctokenizer.h"
+
+namespace pysource::symbolinfo {
+
+std::ptrdiff_t StringLiteralEnd(const char *text, std::ptrdiff_t quote_pos, std::ptrdiff_t end,
+                                bool *terminated) {
+    bool error = false;
+    std::ptrdiff_t after = FindStringLiteralEnd(text, quote_pos, end, &error);
+    if (terminated)
+        *terminated = !error;
+    return after > quote_pos ? after : quote_pos + 1;
+}
+
+std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex_(const char *utf8_ptr, std::ptrdiff_t pos,
+                                                   std::ptrdiff_t end_pos) {
+    std::ptrdiff_t nesting = 0;
+    while (pos < end_pos) {
+        char c = utf8_ptr[pos];
+        if (IsQuote(c)) {
+            std::ptrdiff_t after = StringLiteralEnd(utf8_ptr, pos, end_pos);
+            pos = after > pos ? after : pos + 1;
+        } else {
+            ++pos;
+            if (IsOpeningBracket(c))
+                ++nesting;
+            else if (IsClosingBracket(c))
+                --nesting;
+        }
+        if (nesting <= 0)
+            return pos;
+    }
+    return end_pos;
+}
+
+CNestLevelSearch::CNestLevelSearch(std::string_view text, std::string_view sub,
+                                   std::ptrdiff_t start, std::ptrdiff_t end) {
+    const auto size = static_cast<std::ptrdiff_t>(text.size());
+    if (end < 0 || end > size)
+        end = size;
+    if (start < 0)
+        start = 0;
+    InitNonNestedStruct(fState, text.data(), sub.data(), static_cast<std::ptrdiff_t>(sub.size()),
+                        start > end ? end : start, end);
+}
+
+std::ptrdiff_t NonNestedFind(std::string_view text, std::string_view sub, std::ptrdiff_t start,
+                             std::ptrdiff_t end) {
+    return CNestLevelSearch(text, sub, start, end).FindNext();
+}
+
+std::vector<std::string_view> NonNestedSplit(std::string_view text, std::string_view sep,
+                                             std::ptrdiff_t max_split) {
+    std::vector<std::string_view> parts;
+    CNestLevelSearch search(text, sep);
+    std::size_t part_start = 0;
+    std::ptrdiff_t splits = 0;
+    while (max_split < 0 || splits < max_split) {
+        std::ptrdiff_t at = search.FindNext();
+        if (at < 0)
+            break;
+        parts.push_back(text.substr(part_start, static_cast<std::size_t>(at) - part_start));
+        part_start = static_cast<std::size_t>(at) + sep.size();
+        ++splits;
+    }
+    parts.push_back(text.substr(part_start));
+    return parts;
+}
+
+std::ptrdiff_t MatchingBracket(std::string_view text, std::ptrdiff_t open_pos) {
+    const auto size = static_cast<std::ptrdiff_t>(text.size());
+    if (open_pos < 0 || open_pos >= size || !IsOpeningBracket(text[open_pos]))
+        return -1;
+    std::ptrdiff_t nesting = 0;
+    for (std::ptrdiff_t pos = open_pos; pos < size;) {
+        char c = text[pos];
+        if (IsQuote(c)) {
+            pos = StringLiteralEnd(text.data(), pos, size);
+            continue;
+        }
+        if (IsOpeningBracket(c)) {
+            ++nesting;
+        } else if (IsClosingBracket(c) && --nesting == 0) {
+            return pos;
+        }
+        ++pos;
+    }
+    return -1;
+}
+
+bool IsBalancedText(std::string_view text) {
+    const char *data = text.data();
+    const auto size = static_cast<std::ptrdiff_t>(text.size());
+    std::ptrdiff_t nesting = 0;
+    for (std::ptrdiff_t pos = 0; pos < size;) {
+        char c = data[pos];
+        if (IsQuote(c)) {
+            bool terminated = false;
+            pos = StringLiteralEnd(data, pos, size, &terminated);
+            if (!terminated)
+                return false;
+            continue;
+        }
+        if (IsOpeningBracket(c)) {
+            ++nesting;
+        } else if (IsClosingBracket(c)) {
+            if (--nesting < 0)
+                return false;
+        }
+        ++pos;
+    }
+    return nesting == 0;
+}
+
+}  // namespace pysource::symbolinfo
