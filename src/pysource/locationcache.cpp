@@ -2,6 +2,8 @@
 
 #include <nanobind/stl/string.h>
 
+#include <algorithm>
+
 #include "pysource/scoperef.h"
 
 namespace pysource {
@@ -34,10 +36,6 @@ std::string DirName(const std::string &path) {
     return slash == std::string::npos ? std::string() : path.substr(0, slash);
 }
 
-nb::object LocalFileLocation(const std::string &path) {
-    return nb::module_::import_("basekit.location").attr("CLocalFileLocation")(path);
-}
-
 }  // namespace
 
 CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_dirs,
@@ -63,6 +61,11 @@ CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_
     } else {
         fLibraryDirs = PathList(library_dirs, "library_dirs");
     }
+    std::vector<std::string> unique;
+    for (const std::string &dir : fLibraryDirs)
+        if (std::find(unique.begin(), unique.end(), dir) == unique.end())
+            unique.push_back(dir);
+    fLibraryDirs.swap(unique);
 }
 
 CLocationCache::~CLocationCache() = default;

@@ -2,6 +2,8 @@
 
 #include <nanobind/stl/string.h>
 
+#include "basekit/location.h"
+
 namespace pysource {
 
 ScopeView ViewScope(nb::handle scope) {
@@ -30,6 +32,13 @@ nb::object MakeScope(nb::handle loc, std::string_view name) {
 std::string LocationUrl(nb::handle loc) {
     if (!loc.is_valid() || loc.is_none())
         throw nb::type_error("expected a location, got None");
+    basekit::CLocalFileLocation *local = nullptr;
+    if (nb::try_cast<basekit::CLocalFileLocation *>(loc, local) && local)
+        return nb::cast<std::string>(local->Url());
+    basekit::CRemoteLocation *remote = nullptr;
+    if (nb::try_cast<basekit::CRemoteLocation *>(loc, remote) && remote)
+        return nb::cast<std::string>(remote->Url());
+    // An embedder's own kind of location: its URL form by name.
     nb::object url = nb::getattr(loc, "fUrl", nb::none());
     if (!PyUnicode_Check(url.ptr()))
         throw nb::type_error("a location must have a str fUrl");
@@ -37,16 +46,18 @@ std::string LocationUrl(nb::handle loc) {
 }
 
 nb::object LocationFromUrl(std::string_view url) {
-    nb::object location = nb::module_::import_("basekit.location");
-    return location.attr("LocationFromUrl")(nb::str(url.data(), url.size()));
+    return basekit::LocationForUrl(nb::str(url.data(), url.size()));
 }
 
 std::string LocationPath(nb::handle loc) {
-    std::string url = LocationUrl(loc);
-    static constexpr std::string_view kFilePrefix = "file://";
-    if (url.compare(0, kFilePrefix.size(), kFilePrefix) != 0)
-        return std::string();
-    return url.substr(kFilePrefix.size());
+    basekit::CLocalFileLocation *local = nullptr;
+    if (loc.is_valid() && nb::try_cast<basekit::CLocalFileLocation *>(loc, local) && local)
+        return nb::cast<std::string>(local->Path());
+    return std::string();
+}
+
+nb::object LocalFileLocation(const std::string &path) {
+    return nb::cast(basekit::CLocalFileLocation::Get(nb::str(path.data(), path.size())));
 }
 
 }  // namespace pysource

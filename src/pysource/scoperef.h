@@ -39,4 +39,7 @@ nb::object LocationFromUrl(std::string_view url);
 // The local file path of a location, or "" when it is not a local file.
 std::string LocationPath(nb::handle loc);
 
+// The (interned) location of a local file.
+nb::object LocalFileLocation(const std::string &path);
+
 }  // namespace pysource

@@ -18,7 +18,7 @@ struct PyCLocationCache : CLocationCache {
 };
 
 NB_MODULE(locationcache, m) {
-    bindutil::ImportDependencies({});
+    bindutil::ImportDependencies({"basekit.location"});
     m.doc() = "Facts about locations: built-in and typing locations, stubs, the Python version, "
               "where derived info is wanted";
 
