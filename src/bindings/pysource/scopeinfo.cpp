@@ -127,7 +127,7 @@ NB_MODULE(scopeinfo, m) {
              nb::arg("incomplete"))
         .def("MergeResolvedImports", &CScopeInfo::MergeResolvedImports,
              nb::arg("resolved_imports").none())
-        .def("FinalizeForSave", &CScopeInfo::FinalizeForSave)
+        .def("FinalizeForSave", [](CScopeInfo &self) { self.CScopeInfo::FinalizeForSave(); })
         .def("__repr__", [](CScopeInfo &self) {
             return nb::str("<CScopeInfo {!r} names={}>").format(self.key.get(), nb::len(self.type_equivs));
         });
@@ -145,23 +145,24 @@ NB_MODULE(scopeinfo, m) {
             },
             nb::arg("loc_cache").none() = nb::none(), nb::arg("db_path").none() = nb::none(),
             nb::arg("primary_scan_name") = "primary")
-        .def("AddScopeInfo", &CInfoCache::AddScopeInfo, nb::arg("info"), nb::arg("can_write") = false)
-        .def("AddScopeInfoListForSingleScan", &CInfoCache::AddScopeInfoListForSingleScan,
+        .def("AddScopeInfo", [](CInfoCache &self, nb::handle info, bool can_write) { return self.CInfoCache::AddScopeInfo(info, can_write); }, nb::arg("info"), nb::arg("can_write") = false)
+        .def("AddScopeInfoListForSingleScan", [](CInfoCache &self, nb::handle scope, nb::handle scan_name, nb::handle infos, bool replace) { return self.CInfoCache::AddScopeInfoListForSingleScan(scope, scan_name, infos, replace); },
              nb::arg("scope"), nb::arg("scan_name"), nb::arg("infos"),
              nb::arg("replace_previous") = false)
-        .def("GetLocDiskMTime", &CInfoCache::GetLocDiskMTime, nb::arg("loc"))
-        .def("GetScopeInfo", &CInfoCache::GetScopeInfo, nb::arg("scope"))
-        .def("CountScopeInfoRecords", &CInfoCache::CountScopeInfoRecords, nb::arg("scope"))
-        .def("WriteToDatabase", &CInfoCache::WriteToDatabase, nb::arg("locs").none() = nb::none())
-        .def("FinishedWithScans", &CInfoCache::FinishedWithScans, nb::arg("scope"),
+        .def("GetLocDiskMTime", [](CInfoCache &self, nb::handle loc) { return self.CInfoCache::GetLocDiskMTime(loc); }, nb::arg("loc"))
+        .def("GetScopeInfo", [](CInfoCache &self, nb::handle scope) { return self.CInfoCache::GetScopeInfo(scope); }, nb::arg("scope"))
+        .def("CountScopeInfoRecords", [](CInfoCache &self, nb::handle scope) { return self.CInfoCache::CountScopeInfoRecords(scope); }, nb::arg("scope"))
+        .def("WriteToDatabase", [](CInfoCache &self, nb::handle locs) { return self.CInfoCache::WriteToDatabase(locs); }, nb::arg("locs").none() = nb::none())
+        .def("FinishedWithScans", [](CInfoCache &self, nb::handle scope, nb::handle scan_name) { return self.CInfoCache::FinishedWithScans(scope, scan_name); }, nb::arg("scope"),
              nb::arg("scan_name"))
-        .def("Trim", &CInfoCache::Trim)
-        .def("BeginDeferScopesModified", &CInfoCache::BeginDeferScopesModified)
-        .def("FlushScopesModified", &CInfoCache::FlushScopesModified)
-        .def("ChangeScansDone", &CInfoCache::ChangeScansDone, nb::arg("loc"), nb::arg("scan_name"),
+        .def("Trim", [](CInfoCache &self) { return self.CInfoCache::Trim(); })
+        .def("BeginDeferScopesModified", [](CInfoCache &self) { return self.CInfoCache::BeginDeferScopesModified(); })
+        .def("FlushScopesModified", [](CInfoCache &self) { return self.CInfoCache::FlushScopesModified(); })
+        .def("ChangeScansDone", [](CInfoCache &self, nb::handle loc, nb::handle scan_name, bool done, nb::handle disk_mtime) { return self.CInfoCache::ChangeScansDone(loc, scan_name, done, disk_mtime); }, nb::arg("loc"), nb::arg("scan_name"),
              nb::arg("done"), nb::arg("disk_mtime").none())
-        .def("SetEOLBlindChecksum", &CInfoCache::SetEOLBlindChecksum, nb::arg("loc"),
+        .def("SetEOLBlindChecksum", [](CInfoCache &self, nb::handle loc, nb::handle checksum, nb::handle mtime) { return self.CInfoCache::SetEOLBlindChecksum(loc, checksum, mtime); }, nb::arg("loc"),
              nb::arg("checksum").none(), nb::arg("mtime").none())
+        .def("_destroy_impl", [](CInfoCache &self) { self.CInfoCache::_destroy_impl(); })
         .def("GetScansDone", &CInfoCache::GetScansDone, nb::arg("loc"))
         .def("IsScanDone", &CInfoCache::IsScanDone, nb::arg("loc"), nb::arg("scan_name"),
              nb::arg("disk_mtime").none())
@@ -192,6 +193,8 @@ NB_MODULE(scopeinfo, m) {
              nb::arg("deps").none() = nb::tuple())
         .def("InvalidateScope", &CScopeDependantCache::InvalidateScope, nb::arg("scope"))
         .def("Clear", &CScopeDependantCache::Clear)
+        .def("_destroy_impl",
+             [](CScopeDependantCache &self) { self.CScopeDependantCache::_destroy_impl(); })
         .def("__len__", &CScopeDependantCache::Count)
         .def("__contains__", &CScopeDependantCache::Contains)
         .def_ro("fName", &CScopeDependantCache::fName)
