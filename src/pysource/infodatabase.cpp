@@ -109,6 +109,8 @@ CInfoDatabase::CInfoDatabase(std::string path) : fPath(std::move(path)) {
 CInfoDatabase::~CInfoDatabase() {
     if (!Py_IsInitialized())
         return;
+    // The owner may go while an exception is on its way out: keep it.
+    nb::error_scope pending_error;
     try {
         Close();
     } catch (...) {
