@@ -1,0 +1,63 @@
+// CSingleResolvedInfo: one possible value of an expression, as the
+// inference engine gives it: the info bytes that describe it, the scope it
+// denotes or was found in, and its location.  The predicates and accessors
+// read the info bytes; the engine may subclass and refine them.
+#pragma once
+
+#include "pysource/scope.h"
+
+#include <nanobind/nanobind.h>
+
+#include <string>
+#include <string_view>
+
+namespace nb = nanobind;
+
+namespace pysource::symbolinfo {
+
+class CSingleResolvedInfo : public nb::intrusive_base {
+public:
+    // `loc` None means the scope's location.  `class_ref` is the text of an
+    // expression whose class this single stands for (a class that can't be
+    // written down by name), or None.
+    CSingleResolvedInfo(nb::handle ibytes, nb::ref<CScope> scope, nb::object loc = nb::none(),
+                        nb::object class_ref = nb::none());
+    virtual ~CSingleResolvedInfo() = default;
+
+    nb::bytes ibytes;
+    nb::ref<CScope> scope;
+    nb::object loc;
+    nb::object fClassRef;
+
+    virtual bool IsDef();
+    virtual bool IsClass(bool include_builtin = true);
+    virtual bool IsMethod();
+    virtual bool IsBound();
+    // Literals are instances of their class unless `include_literals` is false.
+    virtual bool IsInstance(bool include_literals = true);
+    virtual bool IsModule();
+    // With `with_value`, only a literal whose value is known.
+    virtual bool IsLiteral(bool with_value = false);
+    virtual bool HasInstanceName();
+    virtual bool IsClassRef();
+    virtual nb::object GetTypeName();
+    virtual nb::object GetClassName();
+    virtual nb::object GetDefinedScope();
+    virtual nb::object GetInstanceClassName();
+    virtual nb::object GetClassRefBytes();
+
+    bool Equals(const CSingleResolvedInfo &other) const;
+    Py_hash_t Hash() const;
+    nb::str Repr() const;
+
+protected:
+    std::string_view Bare() const;  // the single without marks and suffix
+    char BareKind() const;
+};
+
+// A single for the class `name` at `loc`; `scope_or_loc` may instead be the
+// class's CScope, with `name` left out.
+nb::ref<CSingleResolvedInfo> CreateSingleResolvedForClass(nb::handle scope_or_loc,
+                                                          nb::handle name = nb::none());
+
+}  // namespace pysource::symbolinfo
