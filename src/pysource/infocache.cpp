@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "pysource/recordcodec.h"
+#include "pysource/scope.h"
 #include "pysource/scopedependantcache.h"
 
 namespace pysource {
@@ -246,8 +247,11 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, nb::handle info_obj, bool pers
         }
         return AddResult::kDiscarded;
     }
-    if (key.fScanName == fPrimaryScanName && info.disk_mtime > entry.latest_record_mtime)
-        entry.latest_record_mtime = info.disk_mtime;
+    if (key.fScanName == fPrimaryScanName) {
+        if (info.disk_mtime > entry.latest_record_mtime)
+            entry.latest_record_mtime = info.disk_mtime;
+        nb::cast<symbolinfo::CScope &>(key.for_scope).fPrimaryScanned = true;
+    }
 
     if (found) {
         ScopeEntry &scope_entry = scope_it->second;

@@ -2,26 +2,27 @@
 
 #include <nanobind/stl/string.h>
 
+#include <algorithm>
+#include <vector>
+
+#include "pysource/nesting.h"
+#include "pysource/packedops.h"
+#include "pysource/pytext.h"
+#include "pysource/symbolinfo.h"
+
 namespace pysource {
 
 nb::handle EmptyFrozenset() {
-    static PyObject *empty = PyFrozenSet_New(nullptr);  // lives for the process
-    if (!empty)
-        throw nb::python_error();
-    return empty;
-}
-
-nb::object AsStrObject(nb::handle name) {
-    if (PyUnicode_Check(name.ptr()))
-        return nb::borrow(name);
-    if (PyBytes_Check(name.ptr())) {
-        PyObject *text = PyUnicode_DecodeUTF8(PyBytes_AS_STRING(name.ptr()),
-                                              PyBytes_GET_SIZE(name.ptr()), "strict");
-        if (!text)
-            throw nb::python_error();
-        return nb::steal(text);
+    // The vocabulary's shared empty frozenset, so that there is one in the
+    // process; held for the life of the process.
+    static PyObject *empty = nullptr;
+    if (!empty) {
+        nb::object shared = nb::module_::import_("pysource.symbolinfo").attr("kEmptyFrozenSet");
+        if (!PyFrozenSet_CheckExact(shared.ptr()) || PySet_GET_SIZE(shared.ptr()) != 0)
+            throw nb::type_error("pysource.symbolinfo.kEmptyFrozenSet is not an empty frozenset");
+        empty = shared.release().ptr();
     }
-    throw nb::type_error("a name must be str or bytes");
+    return empty;
 }
 
 // ---------------------------------------------------------------------------
@@ -241,17 +242,24 @@ CScopeInfo &AsScopeInfo(nb::handle obj) {
 nb::object JoinCompoundInfo(nb::handle existing, nb::handle addition) {
     if (!PyBytes_Check(existing.ptr()) || !PyBytes_Check(addition.ptr()))
         throw nb::type_error("info must be bytes");
-    if (PyBytes_GET_SIZE(addition.ptr()) == 0 || SameValue(existing, addition))
+    std::string_view have(PyBytes_AS_STRING(existing.ptr()), (size_t) PyBytes_GET_SIZE(existing.ptr()));
+    std::string_view add(PyBytes_AS_STRING(addition.ptr()), (size_t) PyBytes_GET_SIZE(addition.ptr()));
+    if (add.empty() || have == add)
         return nb::borrow(existing);
-    if (PyBytes_GET_SIZE(existing.ptr()) == 0)
+    if (have.empty())
         return nb::borrow(addition);
-    std::string_view a(PyBytes_AS_STRING(existing.ptr()), (size_t) PyBytes_GET_SIZE(existing.ptr()));
-    std::string_view b(PyBytes_AS_STRING(addition.ptr()), (size_t) PyBytes_GET_SIZE(addition.ptr()));
-    std::string joined;
-    joined.reserve(a.size() + 1 + b.size());
-    joined.append(a).push_back(';');
-    joined.append(b);
-    return nb::steal(PyBytes_FromStringAndSize(joined.data(), (Py_ssize_t) joined.size()));
+    std::vector<std::string_view> known = symbolinfo::NonNestedSplit(have, ";");
+    std::string joined(have);
+    bool grew = false;
+    for (std::string_view single : symbolinfo::NonNestedSplit(add, ";")) {
+        if (std::find(known.begin(), known.end(), single) != known.end())
+            continue;
+        joined = symbolinfo::JoinInfoBytes(joined, single);
+        grew = true;
+    }
+    if (!grew)
+        return nb::borrow(existing);
+    return symbolinfo::ToBytes(joined);
 }
 
 namespace {
@@ -259,8 +267,7 @@ namespace {
 // `ibytes`, written in the terms of `scope`, marked so that it reads the same
 // in another scope of the same file: each single gets the scope mark.
 nb::object ReadInScope(nb::handle ibytes, const ScopeView &scope) {
-    nb::object prefix = nb::module_::import_("pysource.symbolinfo").attr("PrefixWithLocationAndScope");
-    return prefix(ibytes, nb::none(), scope.name);
+    return symbolinfo::PyPrefixWithLocationAndScope(ibytes, nb::none(), scope.name);
 }
 
 // Folds the instance attributes of each record of `records` into `target`.

@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "pysource/pytext.h"
 #include "pysource/scoperef.h"
 
 namespace nb = nanobind;
@@ -30,10 +31,6 @@ inline nb::object AddResultObject(AddResult r) { return nb::int_((int) r); }
 
 // The one shared empty frozenset (kEmptyFrozenset).
 nb::handle EmptyFrozenset();
-
-// `name` as text: str objects are returned as they are, bytes are decoded as
-// UTF-8; anything else is a TypeError.
-nb::object AsStrObject(nb::handle name);
 
 class CScopeInfoKey : public nb::intrusive_base {
 public:
@@ -127,7 +124,8 @@ inline PyObject *CScopeInfo::LookupInfoBytes(PyObject *name_str, bool inst) cons
 }
 
 inline nb::object CScopeInfo::GetInfoBytes(nb::handle name, nb::handle dflt, bool inst) const {
-    nb::object key_text = PyUnicode_CheckExact(name.ptr()) ? nb::borrow(name) : AsStrObject(name);
+    nb::object key_text =
+        PyUnicode_CheckExact(name.ptr()) ? nb::borrow(name) : nb::object(symbolinfo::AsStr(name, "name"));
     PyObject *value = LookupInfoBytes(key_text.ptr(), inst);
     return value ? nb::borrow(value) : nb::borrow(dflt);
 }
@@ -142,7 +140,8 @@ nb::object MergeScopeInfoSeq(nb::handle info, nb::handle first, nb::handle secon
 CScopeInfo &AsScopeInfo(nb::handle obj);
 
 // Joins two compound info strings, leaving out the singles of `addition`
-// that `existing` already holds.
+// that `existing` already holds (so merging the same record twice, or the
+// same fact from two scans, repeats nothing).
 nb::object JoinCompoundInfo(nb::handle existing, nb::handle addition);
 
 }  // namespace pysource

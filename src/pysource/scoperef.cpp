@@ -3,30 +3,23 @@
 #include <nanobind/stl/string.h>
 
 #include "basekit/location.h"
+#include "pysource/scope.h"
 
 namespace pysource {
 
 ScopeView ViewScope(nb::handle scope) {
-    if (!scope.is_valid() || scope.is_none())
-        throw nb::type_error("expected a scope, got None");
+    symbolinfo::CScope *cscope = nullptr;
+    if (!scope.is_valid() || !nb::try_cast<symbolinfo::CScope *>(scope, cscope) || !cscope)
+        throw nb::type_error("expected a CScope");
     ScopeView view;
-    if (!nb::hasattr(scope, "loc") || !nb::hasattr(scope, "name"))
-        throw nb::type_error("expected a scope (an object with loc and name)");
-    view.loc = scope.attr("loc");
-    view.name = scope.attr("name");
-    if (!PyUnicode_Check(view.name.ptr()))
-        throw nb::type_error("a scope name must be str");
-    Py_ssize_t size = 0;
-    const char *data = PyUnicode_AsUTF8AndSize(view.name.ptr(), &size);
-    if (!data)
-        throw nb::python_error();
-    view.name_view = std::string_view(data, (size_t) size);
+    view.loc = cscope->loc;
+    view.name = cscope->name;
+    view.name_view = cscope->NameView();
     return view;
 }
 
 nb::object MakeScope(nb::handle loc, std::string_view name) {
-    nb::object make = nb::module_::import_("pysource.symbolinfo").attr("Scope");
-    return make(loc, nb::str(name.data(), name.size()));
+    return nb::cast(symbolinfo::Scope(nb::borrow(loc), nb::str(name.data(), name.size())));
 }
 
 std::string LocationUrl(nb::handle loc) {

@@ -18,7 +18,7 @@ struct PyCLocationCache : CLocationCache {
 };
 
 NB_MODULE(locationcache, m) {
-    bindutil::ImportDependencies({"basekit.location"});
+    bindutil::ImportDependencies({"basekit.location", "pysource.symbolinfo"});
     m.doc() = "Facts about locations: built-in and typing locations, stubs, the Python version, "
               "where derived info is wanted";
 

@@ -54,7 +54,8 @@ auto ObjectField(nb::object T::*field) {
 }  // namespace
 
 NB_MODULE(scopeinfo, m) {
-    bindutil::ImportDependencies({"basekit.destroyable", "basekit.location", "pysource.locationcache"});
+    bindutil::ImportDependencies(
+        {"basekit.destroyable", "basekit.location", "pysource.symbolinfo", "pysource.locationcache"});
     m.doc() = "Records of scans and the info cache that stores them";
 
     nb::exception<InfoDatabaseError>(m, "CInfoDatabaseError", PyExc_RuntimeError);
