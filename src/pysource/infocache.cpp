@@ -160,8 +160,14 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
 
 void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
     const std::string &path = fDatabase->Path();
-    auto make_scope = [this](std::string_view url, std::string_view name) {
-        return ScopeFromStore(url, name);
+    // Records of one file name few scopes many times: one object each.
+    std::map<std::pair<std::string, std::string>, nb::object, std::less<>> made;
+    auto make_scope = [&](std::string_view url, std::string_view name) {
+        auto key = std::make_pair(std::string(url), std::string(name));
+        auto it = made.find(key);
+        if (it == made.end())
+            it = made.emplace(std::move(key), ScopeFromStore(url, name)).first;
+        return it->second;
     };
     for (nb::handle row : rows) {
         std::string scope_name = nb::cast<std::string>(row[0]);
@@ -172,10 +178,8 @@ void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
         ScanId scan_id(scanned_url, scanned_name, scan);
         if (fReplacedScans.count(scan_id))
             continue;  // replaced by a newer scan whose rows are not written yet
-        nb::object for_scope = ScopeFromStore(entry.url, scope_name);
-        nb::object scanned = (scanned_url == entry.url && scanned_name == scope_name)
-                                 ? for_scope
-                                 : ScopeFromStore(scanned_url, scanned_name);
+        nb::object for_scope = make_scope(entry.url, scope_name);
+        nb::object scanned = make_scope(scanned_url, scanned_name);
         nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
         std::int64_t flags = nb::cast<std::int64_t>(row[6]);
         nb::ref<CScopeInfo> info(new CScopeInfo(key, row[4], row[5], (flags & 1) != 0));
@@ -600,6 +604,8 @@ void CInfoCache::NoteChanged(nb::handle scope) {
             throw nb::python_error();
         return;
     }
+    if (ConnectionCount("scopes-modified") == 0)
+        return;
     nb::object batch = nb::steal(PyFrozenSet_New(nb::make_tuple(scope).ptr()));
     emit("scopes-modified", nb::make_tuple(SelfObject(), batch));
 }
@@ -613,6 +619,8 @@ void CInfoCache::FlushScopesModified() {
         return;
     nb::object batch = nb::steal(PyFrozenSet_New(fPendingScopes.ptr()));
     fPendingScopes = nb::steal(PySet_New(nullptr));
+    if (ConnectionCount("scopes-modified") == 0)
+        return;
     emit("scopes-modified", nb::make_tuple(SelfObject(), batch));
 }
 
@@ -713,7 +721,7 @@ nb::object CInfoCache::DatabaseMessage() const {
 }
 
 nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope_name,
-                                 const RecordSlot &slot) {
+                                 const RecordSlot &slot, std::int64_t scanned_id) {
     const CScopeInfo &info = *slot.info;
     auto url_of = [this](nb::handle loc) { return UrlOf(loc); };
     auto scopes_blob = [&](nb::handle scopes) -> nb::object {
@@ -721,8 +729,7 @@ nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope
             return nb::none();
         return EncodeScopes(scopes, url_of);
     };
-    return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, slot.scanned_url,
-                          slot.scanned_name, info.ibytes, info.disk_mtime, info.incomplete ? 1 : 0,
+    return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, scanned_id, slot.scanned_name, info.ibytes, info.disk_mtime, info.incomplete ? 1 : 0,
                           EncodeNameMap(info.type_equivs),
                           OptionalBlob(info.inst_type_equivs, &EncodeNameMap),
                           OptionalBlob(info.domains, &EncodeNameMap), scopes_blob(info.scopes_seen),
@@ -740,6 +747,7 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
     auto wanted = [&](const std::string &url) { return all || urls.count(url) != 0; };
 
     std::vector<std::pair<LocEntry *, RecordSlot *>> written;
+    std::unordered_set<const RecordSlot *> written_set;
     std::vector<LocEntry *> meta_written, new_ids, partial_deletes;
     std::vector<ScanId> scans_replaced;
     nb::list upserts, deletes;
@@ -750,18 +758,32 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
         }
         return entry.db_id;
     };
+    // The id of a location that may be in the file already, or 0.
+    auto stored_id_of = [&](const std::string &url) -> std::int64_t {
+        LocEntry &entry = EntryForUrl(url, nb::handle());
+        EnsureMeta(entry);
+        return entry.db_id;
+    };
     auto write_slot = [&](LocEntry &entry, const std::string &scope_name, RecordSlot &slot) {
+        if (!written_set.insert(&slot).second)
+            return;
         db_id_of(entry);
-        upserts.append(RowForSlot(entry, scope_name, slot));
+        std::int64_t scanned_id = db_id_of(EntryForUrl(slot.scanned_url, nb::handle()));
+        upserts.append(RowForSlot(entry, scope_name, slot, scanned_id));
         written.emplace_back(&entry, &slot);
     };
 
     fDatabase->Begin();
     try {
+        nb::list replaced_rows;
+        for (const ScanId &scan : fReplacedScans)
+            if (wanted(std::get<0>(scan)))
+                if (std::int64_t id = stored_id_of(std::get<0>(scan)))
+                    replaced_rows.append(nb::make_tuple(id, std::get<1>(scan), std::get<2>(scan)));
+        fDatabase->DeleteRecordsOfScans(replaced_rows);
         for (const ScanId &scan : fReplacedScans) {
             if (!wanted(std::get<0>(scan)))
                 continue;
-            fDatabase->DeleteRecordsOfScan(std::get<0>(scan), std::get<1>(scan), std::get<2>(scan));
             scans_replaced.push_back(scan);
             auto it = fRecordsOfScan.find(scan);
             if (it == fRecordsOfScan.end())
@@ -791,7 +813,9 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
             if (!entry->deleted.empty() && entry->db_id != 0) {
                 for (auto &[scope, scan, scanned_url, scanned_name] : entry->deleted)
                     if (whole || wanted(scanned_url))
-                        deletes.append(nb::make_tuple(entry->db_id, scope, scan, scanned_url, scanned_name));
+                        if (std::int64_t scanned_id = stored_id_of(scanned_url))
+                            deletes.append(
+                                nb::make_tuple(entry->db_id, scope, scan, scanned_id, scanned_name));
                 partial_deletes.push_back(entry);
             }
             if (entry->dirty_records == 0)
@@ -802,6 +826,8 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
                         write_slot(*entry, scope_name, slot);
         }
         fDatabase->DeleteRecords(deletes);
+        // In key order the B-tree fills page by page instead of at random.
+        upserts.sort();
         fDatabase->UpsertRecords(upserts);
         CInfoDatabase::CallWriteHook(fDatabase->Path());
         fDatabase->Commit();

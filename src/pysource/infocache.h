@@ -143,7 +143,8 @@ private:
     void Touch(LocEntry &entry) { entry.last_use = ++fUseClock; }
     void EvictRecords(LocEntry &entry);
 
-    nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot);
+    nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
+                         std::int64_t scanned_id);
     void MarkDirty(LocEntry &entry) { fDirtyEntries.insert(&entry); }
     bool CanEvict(const LocEntry &entry) const;
 

@@ -8,8 +8,8 @@ namespace pysource {
 
 namespace {
 
-// Record rows: target location id, scope name, scan name, URL and name of
-// the scanned scope (the key), then ibytes, disk_mtime, flags, type_equivs,
+// Record rows: target location id, scope name, scan name, location id and
+// name of the scanned scope (the key), then ibytes, disk_mtime, flags, type_equivs,
 // inst_type_equivs, _domains, scopes_seen, resolved_imports.
 const char *const kSchema[] = {
     "CREATE TABLE locations ("
@@ -28,7 +28,7 @@ const char *const kSchema[] = {
     " loc_id INTEGER NOT NULL REFERENCES locations(id),"
     " scope TEXT NOT NULL,"
     " scan_name TEXT NOT NULL,"
-    " scanned_url TEXT NOT NULL,"
+    " scanned_loc_id INTEGER NOT NULL REFERENCES locations(id),"
     " scanned_scope TEXT NOT NULL,"
     " ibytes BLOB NOT NULL,"
     " disk_mtime REAL NOT NULL,"
@@ -38,8 +38,8 @@ const char *const kSchema[] = {
     " domains BLOB,"
     " scopes_seen BLOB,"
     " resolved_imports BLOB,"
-    " PRIMARY KEY (loc_id, scope, scan_name, scanned_url, scanned_scope))",
-    "CREATE INDEX records_by_scan ON records (scanned_url, scanned_scope, scan_name)",
+    " PRIMARY KEY (loc_id, scope, scan_name, scanned_loc_id, scanned_scope)) WITHOUT ROWID",
+    "CREATE INDEX records_by_scan ON records (scanned_loc_id, scanned_scope, scan_name)",
 };
 
 const char *const kOurTables[] = {"records", "scans_done", "locations"};
@@ -82,6 +82,7 @@ CInfoDatabase::CInfoDatabase(std::string path) : fPath(std::move(path)) {
             Close();
             Fail("opening", "the file is an SQLite database of another program; it was left as it is");
         }
+        Execute("PRAGMA cache_size=-32768");  // KiB: big writes stay off the disk until commit
         if (app == kApplicationId && ver == kSchemaVersion) {
             Execute("PRAGMA journal_mode=WAL");
             Execute("PRAGMA synchronous=NORMAL");
@@ -238,9 +239,10 @@ void CInfoDatabase::ReplaceScansDone(std::int64_t loc_id, nb::handle rows) {
 
 nb::object CInfoDatabase::LoadRecords(std::int64_t loc_id) {
     return Guarded("reading records", [&] {
-        return Execute("SELECT scope, scan_name, scanned_url, scanned_scope, ibytes, disk_mtime, "
-                       "flags, type_equivs, inst_type_equivs, domains, scopes_seen, "
-                       "resolved_imports FROM records WHERE loc_id = ?",
+        return Execute("SELECT r.scope, r.scan_name, l.url, r.scanned_scope, r.ibytes, "
+                       "r.disk_mtime, r.flags, r.type_equivs, r.inst_type_equivs, r.domains, "
+                       "r.scopes_seen, r.resolved_imports FROM records r "
+                       "JOIN locations l ON l.id = r.scanned_loc_id WHERE r.loc_id = ?",
                        nb::make_tuple(loc_id))
             .attr("fetchall")();
     });
@@ -248,7 +250,7 @@ nb::object CInfoDatabase::LoadRecords(std::int64_t loc_id) {
 
 void CInfoDatabase::UpsertRecords(nb::handle rows) {
     Guarded("writing records", [&] {
-        ExecuteMany("INSERT OR REPLACE INTO records (loc_id, scope, scan_name, scanned_url, "
+        ExecuteMany("INSERT OR REPLACE INTO records (loc_id, scope, scan_name, scanned_loc_id, "
                     "scanned_scope, ibytes, disk_mtime, flags, type_equivs, inst_type_equivs, "
                     "domains, scopes_seen, resolved_imports) "
                     "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
@@ -259,17 +261,16 @@ void CInfoDatabase::UpsertRecords(nb::handle rows) {
 void CInfoDatabase::DeleteRecords(nb::handle keys) {
     Guarded("deleting records", [&] {
         ExecuteMany("DELETE FROM records WHERE loc_id = ? AND scope = ? AND scan_name = ? "
-                    "AND scanned_url = ? AND scanned_scope = ?",
+                    "AND scanned_loc_id = ? AND scanned_scope = ?",
                     keys);
     });
 }
 
-void CInfoDatabase::DeleteRecordsOfScan(const std::string &scanned_url,
-                                        const std::string &scanned_scope,
-                                        const std::string &scan_name) {
-    Guarded("deleting records of a scan", [&] {
-        Execute("DELETE FROM records WHERE scanned_url = ? AND scanned_scope = ? AND scan_name = ?",
-                nb::make_tuple(scanned_url, scanned_scope, scan_name));
+void CInfoDatabase::DeleteRecordsOfScans(nb::handle scans) {
+    Guarded("deleting records of scans", [&] {
+        ExecuteMany("DELETE FROM records WHERE scanned_loc_id = ? AND scanned_scope = ? "
+                    "AND scan_name = ?",
+                    scans);
     });
 }
 

@@ -66,15 +66,18 @@ public:
     nb::object LoadScansDone(std::int64_t loc_id);
     void ReplaceScansDone(std::int64_t loc_id, nb::handle rows);
 
-    // Record rows of one target location, in the column order of kRecordColumns.
+    // Record rows of one target location: (scope, scan_name, scanned URL,
+    // scanned_scope, ibytes, disk_mtime, flags, type_equivs, inst_type_equivs,
+    // domains, scopes_seen, resolved_imports).
     nb::object LoadRecords(std::int64_t loc_id);
-    // Each row: a tuple in the column order of the records table.
+    // Each row: a tuple in the column order of the records table (loc_id,
+    // scope, scan_name, scanned_loc_id, scanned_scope, then as above).
     void UpsertRecords(nb::handle rows);
-    // Each key: (loc_id, scope, scan_name, scanned_url, scanned_scope).
+    // Each key: (loc_id, scope, scan_name, scanned_loc_id, scanned_scope).
     void DeleteRecords(nb::handle keys);
-    // Every row written by one scan of one scope.
-    void DeleteRecordsOfScan(const std::string &scanned_url, const std::string &scanned_scope,
-                             const std::string &scan_name);
+    // Every row written by the given scans, each (scanned_loc_id,
+    // scanned_scope, scan_name).
+    void DeleteRecordsOfScans(nb::handle scans);
 
     // Number of rows in the records table (for tests and reports).
     std::int64_t CountRecords();
