@@ -182,6 +182,9 @@ nb::ref<CRemoteLocation> CRemoteLocation::Get(nb::handle url) {
 void CRemoteLocation::SetContent(nb::handle content, nb::handle mtime) {
     if (!PyBytes_Check(content.ptr()) && !PyUnicode_Check(content.ptr()))
         throw nb::type_error("CRemoteLocation.SetContent: the content must be bytes or str");
+    // Text must be encodable, so that whoever reads the content can have its UTF-8.
+    if (PyUnicode_Check(content.ptr()) && !PyUnicode_AsUTF8AndSize(content.ptr(), nullptr))
+        throw nb::python_error();
     nb::object new_mtime;
     if (mtime.is_valid() && !mtime.is_none()) {
         new_mtime = nb::float_(mtime);

@@ -71,6 +71,15 @@ enum class LogicalKind : std::uint8_t {
 nb::handle LogicalKindText(LogicalKind kind);
 // The C++ spelling of a kind's constant name, e.g. "kClassDef".
 const char *LogicalKindConstantName(LogicalKind kind);
+// The kind whose text equals `text`; a value error for any other text.
+LogicalKind LogicalKindFromText(nb::handle text);
+// Keywords that fix the kind of a statement they start, with that kind
+// (the table behind kStartKeywords).  Ends with a null keyword.
+struct StartKeyword {
+    const char *keyword;
+    LogicalKind kind;
+};
+extern const StartKeyword kStartKeywordTable[];
 
 struct Token {
     std::uint32_t offset;  // byte offset into CLogicalLine::fText
@@ -78,8 +87,44 @@ struct Token {
     std::int32_t type;     // srctokenizer token type number
 };
 
+// The tokens of one statement, as offsets into a text (used while
+// classifying, before a logical is made).
+struct TokenSpan {
+    const char *base;
+    const Token *toks;
+    size_t count;
+    std::string_view Text(size_t i) const {
+        return std::string_view(base + toks[i].offset, toks[i].length);
+    }
+    int Type(size_t i) const { return toks[i].type; }
+    bool Is(size_t i, std::string_view text) const { return i < count && Text(i) == text; }
+};
+
+// The kind of a statement from its tokens.  Keywords at the start decide
+// (soft keywords `match`, `case` and `type` only in their statement forms);
+// otherwise the first `=`, augmented operator or `:` outside brackets (and
+// ahead of any `lambda`) makes an assignment of that sort; a statement of
+// string tokens only is a string expression; anything else an expression.
+// A `def` or `class` without a name behind it is kUnknown.
+LogicalKind ClassifyTokens(const TokenSpan &span);
+// True for the kinds of compound statement headers (that end in a colon).
+bool IsCompoundHeaderKind(LogicalKind kind);
+// Index of the colon that ends a compound statement header, or -1.  Colons
+// inside brackets and those that belong to a `lambda` don't count.
+Py_ssize_t FindHeaderColon(const TokenSpan &span);
+// Index of the name token of a def or class statement, or -1.
+Py_ssize_t DefinedNameIndex(const TokenSpan &span);
+
+// True for the reserved words of Python 3 (soft keywords excluded).
+bool IsPythonKeyword(std::string_view word);
+
+// A scope leaf with its scope index: "f|0", "f|1", ...
+nb::str LeafWithScopeIndex(std::string_view leaf, Py_ssize_t index);
+
 class CLogicalLine : public nb::intrusive_base {
 public:
+    CLogicalLine();
+
     // Read on every logical: plain fields.
     LogicalKind fKind = LogicalKind::kUnknown;
     nb::object fType;            // interned kind text, same as LogicalKindText(fKind)
@@ -107,12 +152,42 @@ public:
     }
     int TokenType(Py_ssize_t i) const { return fTokens[(size_t) i].type; }
 
-    // Python views, made on demand and cached.
+    TokenSpan Span() const { return TokenSpan{fText.data(), fTokens.data(), fTokens.size()}; }
+
+    // Sets the kind and its text together.
+    void SetKind(LogicalKind kind);
+
+    // Python views, made on demand and cached.  Error tokens are handed out
+    // with kErrorTokenPrefix ahead of their text.
     nb::object GetToks();         // list of str
-    nb::object GetTokenString(Py_ssize_t i);  // str; IndexError outside the range
+    nb::object GetTokenString(Py_ssize_t i);  // str; negative i counts from the end; IndexError outside
+    // (line, column) of every token: as given to CreateLogical, or worked out
+    // from fText (columns in characters).
+    nb::object GetPositions();
+    std::string Repr() const;
+
+    // Garbage-collector support for the Python objects held here.
+    int Traverse(visitproc visit, void *arg);
+    void Clear();
+
+    nb::object fPositionsGiven;  // positions passed to CreateLogical, or None
 
 private:
     nb::object fToksCache;
 };
+
+// Makes a logical from its parts, as CreateLogical of pysource.logicalline:
+// `toks` is a sequence of token texts; `ttypes` their types or None (then they
+// are classified from the texts); `positions` None or one entry per token;
+// `line_text` None or a text holding the tokens in order (then the tokens
+// point into it; otherwise the text is the tokens joined by spaces).  The kind
+// comes from the tokens; a def or class gets its leaf name with index 0.
+nb::ref<CLogicalLine> CreateLogical(int indent, Py_ssize_t start_line, Py_ssize_t line_count,
+                                    nb::handle toks, nb::handle ttypes, nb::handle positions,
+                                    bool spaces_in_indent, bool tabs_in_indent, bool incomplete,
+                                    nb::handle line_text);
+
+// Makes the interned kind texts; called once when logicalline is imported.
+void InitLogicalKindTexts();
 
 }  // namespace pysource

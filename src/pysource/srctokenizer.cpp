@@ -748,6 +748,15 @@ Py_ssize_t UpdateNestingLevel(Py_ssize_t level, nb::handle tok) {
     return NestingAfter(level, Utf8OfText(tok, "token"));
 }
 
+nb::tuple FindStringLiteralEndOfText(nb::handle text, Py_ssize_t quote_pos) {
+    std::string_view utf8 = Utf8OfText(text, "text");
+    if (quote_pos < 0 || quote_pos >= (Py_ssize_t) utf8.size())
+        throw nb::index_error("quote position out of range");
+    bool error = false;
+    Py_ssize_t end = FindStringLiteralEnd(utf8.data(), quote_pos, (Py_ssize_t) utf8.size(), &error);
+    return nb::make_tuple(end, error);
+}
+
 nb::list TokenizeToList(nb::handle text) {
     std::string_view utf8 = Utf8OfText(text, "text");
     nb::list out;

@@ -161,7 +161,7 @@ public:
     bool EndedInContinuation() const { return fEndedInContinuation; }
     // Forget open brackets: the builder calls this when it cuts off a logical
     // that a missing closing bracket would otherwise run to the end of file.
-    void ResetDepth() { fDepth = 0; fLogicalHasTokens = false; }
+    void ResetDepth() { fDepth = 0; }
 
 private:
     void AdvanceLines(Py_ssize_t from, Py_ssize_t to);
@@ -217,6 +217,8 @@ int GetTokenType(nb::handle tok, Py_ssize_t pos);
 Py_ssize_t GetTokenEnd(nb::handle text, Py_ssize_t pos, bool skip_space);
 // Bracket level after `tok`: +1 for an opening bracket, -1 for a closing one.
 Py_ssize_t UpdateNestingLevel(Py_ssize_t level, nb::handle tok);
+// FindStringLiteralEnd on a str or bytes: (end, error) in bytes.
+nb::tuple FindStringLiteralEndOfText(nb::handle text, Py_ssize_t quote_pos);
 // Every token of a text as (type, byte offset, byte length, line, byte column).
 nb::list TokenizeToList(nb::handle text);
 

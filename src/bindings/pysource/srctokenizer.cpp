@@ -56,6 +56,10 @@ NB_MODULE(srctokenizer, m) {
           [](Py_ssize_t level, nb::handle tok, nb::args) { return UpdateNestingLevel(level, tok); },
           nb::arg("level"), nb::arg("tok"), nb::arg("args"),
           "Bracket nesting level after `tok`, starting from `level`.");
+    m.def("FindStringLiteralEnd", &FindStringLiteralEndOfText, nb::arg("text"),
+          nb::arg("quote_pos"),
+          "(end, error): byte index behind the string literal whose opening quote is at "
+          "byte `quote_pos`; prefix letters ahead of the quote are taken into account.");
     m.def("Tokenize", &TokenizeToList, nb::arg("text"),
           "Every token of `text` as (type, byte offset, byte length, line, byte column), "
           "line ends (NEWLINE, NL) included.");

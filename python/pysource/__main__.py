@@ -1,0 +1,5 @@
+import sys
+
+from pysource.cli import main
+
+sys.exit(main())

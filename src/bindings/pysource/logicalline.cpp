@@ -1,0 +1,91 @@
+#include "bindutil.h"
+
+#include "pysource/logicalline.h"
+#include "pysource/srctokenizer.h"
+
+#include <nanobind/stl/string.h>
+
+using namespace pysource;
+
+static int LogicalTraverse(PyObject *self, visitproc visit, void *arg) {
+    Py_VISIT(Py_TYPE(self));
+    if (!nb::inst_ready(self))
+        return 0;
+    return nb::inst_ptr<CLogicalLine>(self)->Traverse(visit, arg);
+}
+
+static int LogicalClear(PyObject *self) {
+    if (nb::inst_ready(self))
+        nb::inst_ptr<CLogicalLine>(self)->Clear();
+    return 0;
+}
+
+static PyType_Slot kLogicalSlots[] = {
+    {Py_tp_traverse, (void *) LogicalTraverse},
+    {Py_tp_clear, (void *) LogicalClear},
+    {0, nullptr}};
+
+NB_MODULE(logicalline, m) {
+    bindutil::ImportDependencies({"pysource.srctokenizer"});
+    m.doc() = "Logical lines of Python source: CLogicalLine, CreateLogical and the logical kinds.";
+    InitLogicalKindTexts();
+
+    for (int k = 0; k < (int) LogicalKind::kCount; k++)
+        m.attr(LogicalKindConstantName((LogicalKind) k)) = LogicalKindText((LogicalKind) k);
+    m.attr("kErrorTokenPrefix") = nb::str(kErrorTokenPrefix.data(), kErrorTokenPrefix.size());
+    m.attr("kErrorTokenPrefixBytes") = nb::bytes(kErrorTokenPrefix.data(), kErrorTokenPrefix.size());
+    nb::dict start_keywords;
+    for (const StartKeyword *k = kStartKeywordTable; k->keyword; k++)
+        start_keywords[k->keyword] = LogicalKindText(k->kind);
+    m.attr("kStartKeywords") = start_keywords;
+    nb::dict token_bytes;
+    for (int id = 0; id <= kMaxFixedTextTokenId; id++) {
+        std::string_view text = TokenIdText(id);
+        if (!text.empty())
+            token_bytes[nb::int_(id)] = nb::bytes(text.data(), text.size());
+    }
+    m.attr("kTokenBytesById") = token_bytes;
+
+    nb::class_<CLogicalLine>(m, "CLogicalLine", bindutil::IntrusiveHolder<CLogicalLine>(),
+                             nb::is_weak_referenceable(), nb::type_slots(kLogicalSlots))
+        .def_prop_rw("fType", [](const CLogicalLine &l) { return l.fType; },
+                     [](CLogicalLine &l, nb::handle kind) { l.SetKind(LogicalKindFromText(kind)); })
+        .def_prop_ro("fToks", &CLogicalLine::GetToks)
+        .def_prop_ro("fTokenCount", &CLogicalLine::TokenCount)
+        .def_rw("fFirstLine", &CLogicalLine::fFirstLine)
+        .def_rw("fLineCount", &CLogicalLine::fLineCount)
+        .def_rw("fIndentLevel", &CLogicalLine::fIndentLevel)
+        .def_rw("fSpacesInIndent", &CLogicalLine::fSpacesInIndent)
+        .def_rw("fTabsInIndent", &CLogicalLine::fTabsInIndent)
+        .def_rw("fIncomplete", &CLogicalLine::fIncomplete)
+        .def_prop_rw("fScopeName", [](const CLogicalLine &l) { return l.fScopeName; },
+                     [](CLogicalLine &l, nb::object v) { l.fScopeName = v; })
+        .def_prop_rw("fLocalScopeName", [](const CLogicalLine &l) { return l.fLocalScopeName; },
+                     [](CLogicalLine &l, nb::object v) { l.fLocalScopeName = v; })
+        .def_prop_rw("fParsed", [](const CLogicalLine &l) { return l.fParsed; },
+                     [](CLogicalLine &l, nb::object v) { l.fParsed = v; })
+        .def_prop_rw("fTypeEquivs", [](const CLogicalLine &l) { return l.fTypeEquivs; },
+                     [](CLogicalLine &l, nb::object v) { l.fTypeEquivs = v; })
+        .def_prop_rw("fArgTypeEquivs", [](const CLogicalLine &l) { return l.fArgTypeEquivs; },
+                     [](CLogicalLine &l, nb::object v) { l.fArgTypeEquivs = v; })
+        .def_prop_ro("fTokenTypes",
+                     [](const CLogicalLine &l) {
+                         nb::list out;
+                         for (const Token &t : l.fTokens)
+                             out.append(t.type);
+                         return out;
+                     })
+        .def_prop_ro("fPositions", &CLogicalLine::GetPositions)
+        .def_prop_ro("fText", [](const CLogicalLine &l) {
+            return nb::str(l.fText.data(), l.fText.size());
+        })
+        .def("GetTokenString", &CLogicalLine::GetTokenString, nb::arg("i"))
+        .def("__repr__", &CLogicalLine::Repr);
+
+    m.def("CreateLogical", &CreateLogical, nb::kw_only(), nb::arg("indent") = 0,
+          nb::arg("start_line") = 1, nb::arg("line_count") = 1, nb::arg("toks") = nb::tuple(),
+          nb::arg("ttypes") = nb::none(), nb::arg("positions") = nb::none(),
+          nb::arg("spaces_in_indent") = false, nb::arg("tabs_in_indent") = false,
+          nb::arg("incomplete") = false, nb::arg("line_text") = nb::none(),
+          "Makes a logical from its parts; the kind comes from the tokens.");
+}

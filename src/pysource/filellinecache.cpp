@@ -1,0 +1,185 @@
+#include "pysource/filellinecache.h"
+
+#include "pysource/srctokenizer.h"
+
+#include <nanobind/stl/string.h>
+
+#include <sys/stat.h>
+
+#include <cstdio>
+
+namespace pysource {
+
+namespace {
+
+// Held for the life of the process; never released at exit, so that no static
+// destructor runs after the interpreter is gone.
+PyObject *gWordStore = nullptr;
+
+bool ReadWholeFile(const std::string &path, std::string *out) {
+    std::FILE *f = std::fopen(path.c_str(), "rb");
+    if (!f)
+        return false;
+    out->clear();
+    char buf[65536];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
+        out->append(buf, n);
+    bool ok = !std::ferror(f);
+    std::fclose(f);
+    return ok;
+}
+
+}  // namespace
+
+std::string PathForLocation(nb::handle loc) {
+    if (PyUnicode_Check(loc.ptr()))
+        return nb::cast<std::string>(loc);
+    nb::object url = nb::getattr(loc, "fUrl", nb::none());
+    if (PyUnicode_Check(url.ptr())) {
+        std::string text = nb::cast<std::string>(url);
+        if (text.rfind("file://", 0) != 0)
+            return {};
+        nb::object unquoted = nb::module_::import_("urllib.parse").attr("unquote")(text.substr(7));
+        return nb::cast<std::string>(unquoted);
+    }
+    PyObject *path = PyOS_FSPath(loc.ptr());
+    if (!path) {
+        PyErr_Clear();
+        return {};
+    }
+    nb::object owner = nb::steal(path);
+    if (!PyUnicode_Check(path))
+        return {};
+    return nb::cast<std::string>(owner);
+}
+
+CFileLogicalLineCache::CFileLogicalLineCache(nb::handle loc)
+    : CDestroyable(nb::make_tuple("modified")),
+      fMatchedDiskMTime(nb::none()),
+      fLoc(nb::borrow(loc)),
+      fPath(PathForLocation(loc)) {}
+
+void CFileLogicalLineCache::EmitModified(nb::list added, nb::list removed) {
+    CLogicalLineDelta delta;
+    delta.added = std::move(added);
+    delta.removed = std::move(removed);
+    emit("modified", nb::make_tuple(SelfObject(), nb::cast(std::move(delta))));
+}
+
+void CFileLogicalLineCache::DropContent() {
+    fMatchedDiskMTime = nb::float_(0.0);
+    if (!fHaveContent)
+        return;
+    fHaveContent = false;
+    fContent.clear();
+    fChecksum.clear();
+    nb::list removed = _fLogicalList;
+    _fLogicalList = nb::list();
+    fDecodeErrors = nb::list();
+    EmitModified(nb::list(), removed);
+}
+
+bool CFileLogicalLineCache::Update() {
+    if (fPath.empty())
+        return false;
+    struct stat st;
+    std::string content;
+    if (::stat(fPath.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        !ReadWholeFile(fPath, &content)) {
+        DropContent();
+        return false;
+    }
+    double mtime = (double) st.st_mtim.tv_sec + (double) st.st_mtim.tv_nsec / 1e9;
+    bool had_content = fHaveContent;
+    nb::list added, removed;
+    if (ReplaceContent(std::move(content), mtime, false, added, removed) && had_content)
+        EmitModified(added, removed);
+    return true;
+}
+
+bool CFileLogicalLineCache::ReplaceContent(std::string content, double mtime, bool is_utf8_text,
+                                           nb::list &added, nb::list &removed) {
+    fMatchedDiskMTime = nb::float_(mtime);
+    if (fHaveContent && content == fContent)
+        return false;
+    DecodedSource decoded;
+    if (is_utf8_text) {
+        decoded.utf8 = content;
+        decoded.encoding = "utf-8";
+    } else {
+        decoded = DecodeSource(content);
+    }
+    std::vector<nb::ref<CLogicalLine>> fresh = BuildLogicalLines(decoded.utf8);
+    nb::list merged = MergeLogicalLists(_fLogicalList, fresh, added, removed);
+    _fLogicalList = merged;
+    fDecodeErrors = DecodeErrorsToList(decoded.errors);
+    fEncoding = decoded.encoding;
+    fChecksum = EOLBlindChecksum(content);
+    fContent = std::move(content);
+    fHaveContent = true;
+    return true;
+}
+
+nb::object CFileLogicalLineCache::GetEOLBlindChecksum() const {
+    if (!fHaveContent)
+        return nb::none();
+    return nb::str(fChecksum.data(), fChecksum.size());
+}
+
+Py_ssize_t CFileLogicalLineCache::IndexForLineno_(Py_ssize_t lineno) const {
+    // Logicals are in source order, with first and last lines that never
+    // decrease: the first logical whose last line reaches `lineno` holds it,
+    // if any does.
+    Py_ssize_t lo = 0, hi = (Py_ssize_t) nb::len(_fLogicalList);
+    while (lo < hi) {
+        Py_ssize_t mid = (lo + hi) / 2;
+        const CLogicalLine *l = nb::cast<const CLogicalLine *>(_fLogicalList[mid]);
+        if (l->fFirstLine + l->fLineCount - 1 < lineno)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    if (lo >= (Py_ssize_t) nb::len(_fLogicalList))
+        return -1;
+    const CLogicalLine *l = nb::cast<const CLogicalLine *>(_fLogicalList[lo]);
+    return l->fFirstLine <= lineno ? lo : -1;
+}
+
+nb::set CollectWords(nb::handle logicals) {
+    nb::set words;
+    for (nb::handle item : logicals) {
+        const CLogicalLine *l = nb::cast<const CLogicalLine *>(item);
+        for (Py_ssize_t i = 0; i < l->TokenCount(); i++) {
+            if (l->TokenType(i) != kTokName)
+                continue;
+            std::string_view word = l->TokenText(i);
+            if (!IsPythonKeyword(word))
+                words.add(nb::str(word.data(), word.size()));
+        }
+    }
+    return words;
+}
+
+void CFileLogicalLineCache::SaveWordsToDb() {
+    nb::handle store = GetWordStore();
+    if (!store.is_valid() || store.is_none() || !fHaveContent)
+        return;
+    store(fLoc, CollectWords(_fLogicalList));
+}
+
+void SetWordStore(nb::handle store) {
+    if (store.is_none()) {
+        Py_CLEAR(gWordStore);
+        return;
+    }
+    if (!PyCallable_Check(store.ptr()))
+        throw nb::type_error("SetWordStore: the store must be callable or None");
+    Py_INCREF(store.ptr());
+    Py_XDECREF(gWordStore);
+    gWordStore = store.ptr();
+}
+
+nb::handle GetWordStore() { return gWordStore ? nb::handle(gWordStore) : nb::handle(); }
+
+}  // namespace pysource

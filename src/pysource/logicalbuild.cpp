@@ -1,0 +1,535 @@
+#include "pysource/logicalbuild.h"
+
+#include "pysource/srctokenizer.h"
+
+#include <nanobind/stl/string.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <unordered_map>
+
+namespace pysource {
+
+namespace {
+
+constexpr size_t kMaxRecordedDecodeErrors = 100;
+constexpr std::string_view kUtf8Bom = "\xEF\xBB\xBF";
+
+// ---- decoding --------------------------------------------------------------
+
+std::string_view LineAt(std::string_view text, size_t *pos) {
+    size_t start = *pos;
+    size_t i = start;
+    while (i < text.size() && text[i] != '\n' && text[i] != '\r')
+        i++;
+    std::string_view line = text.substr(start, i - start);
+    if (i < text.size())
+        i += (text[i] == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ? 2 : 1;
+    *pos = i;
+    return line;
+}
+
+bool IsCommentOrBlank(std::string_view line) {
+    for (char c : line) {
+        if (c == ' ' || c == '\t' || c == '\f')
+            continue;
+        return c == '#';
+    }
+    return true;
+}
+
+// The encoding named by `coding[:=]name` in a comment line, or empty.
+std::string CookieInLine(std::string_view line) {
+    size_t i = 0;
+    while (i < line.size() && (line[i] == ' ' || line[i] == '\t' || line[i] == '\f'))
+        i++;
+    if (i >= line.size() || line[i] != '#')
+        return {};
+    for (size_t at = line.find("coding", i); at != std::string_view::npos;
+         at = line.find("coding", at + 1)) {
+        size_t j = at + 6;
+        if (j >= line.size() || (line[j] != ':' && line[j] != '='))
+            continue;
+        j++;
+        while (j < line.size() && (line[j] == ' ' || line[j] == '\t'))
+            j++;
+        size_t k = j;
+        while (k < line.size() && (IsAsciiIdentChar((unsigned char) line[k]) || line[k] == '-' ||
+                                   line[k] == '.'))
+            k++;
+        if (k > j)
+            return std::string(line.substr(j, k - j));
+    }
+    return {};
+}
+
+std::string FindCodingCookie(std::string_view text) {
+    size_t pos = 0;
+    std::string_view first = LineAt(text, &pos);
+    std::string cookie = CookieInLine(first);
+    if (!cookie.empty() || !IsCommentOrBlank(first))
+        return cookie;
+    return CookieInLine(LineAt(text, &pos));
+}
+
+Py_ssize_t LineOfOffset(std::string_view text, size_t offset) {
+    Py_ssize_t line = 1;
+    for (size_t i = 0; i < offset && i < text.size(); i++)
+        if (text[i] == '\n' || (text[i] == '\r' && !(i + 1 < text.size() && text[i + 1] == '\n')))
+            line++;
+    return line;
+}
+
+void AddError(DecodedSource &out, Py_ssize_t line, Py_ssize_t offset, std::string message) {
+    if (out.errors.size() < kMaxRecordedDecodeErrors)
+        out.errors.push_back(DecodeError{line, offset, std::move(message)});
+}
+
+// UTF-8 with every invalid byte replaced by U+FFFD and recorded.
+void DecodeUtf8Lenient(std::string_view data, Py_ssize_t base_offset, DecodedSource &out) {
+    out.utf8.reserve(data.size());
+    Py_ssize_t line = 1;
+    size_t i = 0;
+    while (i < data.size()) {
+        size_t run = i;
+        while (run < data.size() && (unsigned char) data[run] < 0x80) {
+            if (data[run] == '\n' || (data[run] == '\r' && !(run + 1 < data.size() && data[run + 1] == '\n')))
+                line++;
+            run++;
+        }
+        out.utf8.append(data.data() + i, run - i);
+        i = run;
+        if (i >= data.size())
+            break;
+        int len = 1;
+        std::uint32_t cp = DecodeUtf8At(data.data(), (Py_ssize_t) i, (Py_ssize_t) data.size(), &len);
+        if (cp == 0xFFFD && len == 1) {
+            char buf[64];
+            std::snprintf(buf, sizeof buf, "invalid utf-8 byte 0x%02x", (unsigned char) data[i]);
+            AddError(out, line, base_offset + (Py_ssize_t) i, buf);
+            out.utf8.append("\xEF\xBF\xBD");
+        } else {
+            out.utf8.append(data.data() + i, (size_t) len);
+        }
+        i += (size_t) len;
+    }
+}
+
+std::string CanonicalEncoding(const std::string &name) {
+    std::string lower;
+    for (char c : name)
+        lower += (c == '_') ? '-' : (char) ((c >= 'A' && c <= 'Z') ? c - 'A' + 'a' : c);
+    if (lower == "utf-8" || lower.rfind("utf-8-", 0) == 0 || lower == "utf8")
+        return "utf-8";
+    PyObject *info = PyObject_CallMethod(nb::module_::import_("codecs").ptr(), "lookup", "s",
+                                         name.c_str());
+    if (!info) {
+        PyErr_Clear();
+        return {};
+    }
+    nb::object owner = nb::steal(info);
+    nb::object canonical = nb::getattr(owner, "name", nb::none());
+    if (!PyUnicode_Check(canonical.ptr()))
+        return {};
+    return nb::cast<std::string>(canonical);
+}
+
+// Decodes with a Python codec: strict first, so that the first bad spot can
+// be recorded, then with replacement.
+bool DecodeWithCodec(std::string_view data, const std::string &encoding, Py_ssize_t base_offset,
+                     DecodedSource &out) {
+    PyObject *text = PyUnicode_Decode(data.data(), (Py_ssize_t) data.size(), encoding.c_str(),
+                                      "strict");
+    if (!text) {
+        if (!PyErr_ExceptionMatches(PyExc_UnicodeDecodeError)) {
+            PyErr_Clear();
+            return false;
+        }
+        PyObject *type, *value, *tb;
+        PyErr_Fetch(&type, &value, &tb);
+        Py_ssize_t start = 0;
+        std::string reason = "undecodable bytes";
+        if (value && PyUnicodeDecodeError_GetStart(value, &start) == 0) {
+            PyObject *r = PyUnicodeDecodeError_GetReason(value);
+            if (r) {
+                const char *c = PyUnicode_AsUTF8(r);
+                if (c)
+                    reason = c;
+                Py_DECREF(r);
+            }
+        }
+        PyErr_Clear();
+        Py_XDECREF(type);
+        Py_XDECREF(value);
+        Py_XDECREF(tb);
+        AddError(out, LineOfOffset(data, (size_t) start), base_offset + start,
+                 encoding + ": " + reason);
+        text = PyUnicode_Decode(data.data(), (Py_ssize_t) data.size(), encoding.c_str(),
+                                "replace");
+        if (!text) {
+            PyErr_Clear();
+            return false;
+        }
+    }
+    nb::object owner = nb::steal(text);
+    PyObject *utf8 = PyUnicode_AsEncodedString(text, "utf-8", "replace");
+    if (!utf8) {
+        PyErr_Clear();
+        return false;
+    }
+    nb::object utf8_owner = nb::steal(utf8);
+    out.utf8.assign(PyBytes_AS_STRING(utf8), (size_t) PyBytes_GET_SIZE(utf8));
+    out.encoding = encoding;
+    return true;
+}
+
+// ---- building ----------------------------------------------------------------
+
+nb::str MakeStr(std::string_view text) { return nb::str(text.data(), text.size()); }
+
+class LogicalBuilder {
+public:
+    explicit LogicalBuilder(std::string_view text) : fText(text) {
+        fScopes.push_back(Scope{-1, nb::str(""), {}});
+    }
+
+    std::vector<nb::ref<CLogicalLine>> Run();
+
+private:
+    struct Scope {
+        int indent;
+        nb::object name;  // normalised full name
+        std::unordered_map<std::string, Py_ssize_t> counts;
+    };
+
+    void Push(const ScannedToken &tok);
+    void FlushStatement(bool incomplete);
+    void EmitComment(const ScannedToken &tok);
+    void Emit(size_t b, size_t e, int indent, LogicalKind kind);
+    void PlaceInScope(CLogicalLine &l);
+    int ExpandedColumn(const ScannedToken &tok) const;
+    void IndentChars(const ScannedToken &tok, bool *spaces, bool *tabs) const;
+    TokenSpan Span(size_t b, size_t e) const {
+        return TokenSpan{fText.data(), fSpanToks.data() + b, e - b};
+    }
+
+    std::string_view fText;
+    std::vector<ScannedToken> fPending;  // tokens of the current statement line
+    std::vector<Token> fSpanToks;        // the same, as offsets into fText
+    std::vector<Scope> fScopes;
+    std::vector<nb::ref<CLogicalLine>> fOut;
+    bool fLineSpaces = false;
+    bool fLineTabs = false;
+};
+
+int LogicalBuilder::ExpandedColumn(const ScannedToken &tok) const {
+    int col = 0;
+    for (Py_ssize_t i = tok.LineStart(); i < tok.offset; i++) {
+        unsigned char c = (unsigned char) fText[(size_t) i];
+        if (c == '\t')
+            col = (col / 8 + 1) * 8;
+        else if (c == '\f')
+            col = 0;
+        else if ((c & 0xC0) != 0x80)
+            col++;
+    }
+    return col;
+}
+
+void LogicalBuilder::IndentChars(const ScannedToken &tok, bool *spaces, bool *tabs) const {
+    *spaces = *tabs = false;
+    for (Py_ssize_t i = tok.LineStart(); i < tok.offset; i++) {
+        char c = fText[(size_t) i];
+        if (c == ' ')
+            *spaces = true;
+        else if (c == '\t')
+            *tabs = true;
+        else if (c != '\f')
+            break;
+    }
+}
+
+void LogicalBuilder::Push(const ScannedToken &tok) {
+    fPending.push_back(tok);
+    fSpanToks.push_back(Token{(std::uint32_t) tok.offset, (std::uint32_t) tok.length, tok.type});
+}
+
+void LogicalBuilder::PlaceInScope(CLogicalLine &l) {
+    if (l.fKind == LogicalKind::kComment) {
+        size_t i = fScopes.size() - 1;
+        while (i > 0 && fScopes[i].indent >= l.fIndentLevel)
+            i--;
+        l.fScopeName = fScopes[i].name;
+        return;
+    }
+    while (fScopes.size() > 1 && fScopes.back().indent >= l.fIndentLevel)
+        fScopes.pop_back();
+    Scope &parent = fScopes.back();
+    l.fScopeName = parent.name;
+    if (l.fKind != LogicalKind::kClassDef && l.fKind != LogicalKind::kFunctionDef)
+        return;
+    std::string leaf(l.TokenText(DefinedNameIndex(l.Span())));
+    Py_ssize_t index = parent.counts[leaf]++;
+    l.fLocalScopeName = LeafWithScopeIndex(leaf, index);
+    nb::object component = index == 0 ? nb::object(MakeStr(leaf)) : l.fLocalScopeName;
+    nb::object full = component;
+    if (PyUnicode_GET_LENGTH(parent.name.ptr()) > 0) {
+        PyObject *joined = PyUnicode_FromFormat("%U.%U", parent.name.ptr(), component.ptr());
+        if (!joined)
+            throw nb::python_error();
+        full = nb::steal(joined);
+    }
+    fScopes.push_back(Scope{l.fIndentLevel, full, {}});
+}
+
+void LogicalBuilder::Emit(size_t b, size_t e, int indent, LogicalKind kind) {
+    if (b >= e)
+        return;
+    const ScannedToken &first = fPending[b];
+    const ScannedToken &last = fPending[e - 1];
+    Py_ssize_t start = first.LineStart();
+    Py_ssize_t end = last.offset + last.length;
+    nb::ref<CLogicalLine> logical = new CLogicalLine();
+    CLogicalLine &l = *logical;
+    l.fText.assign(fText.data() + start, (size_t) (end - start));
+    l.fTokens.reserve(e - b);
+    for (size_t i = b; i < e; i++)
+        l.fTokens.push_back(Token{(std::uint32_t) (fPending[i].offset - start),
+                                  (std::uint32_t) fPending[i].length, fPending[i].type});
+    l.SetKind(kind);
+    l.fIndentLevel = indent;
+    l.fFirstLine = first.line;
+    l.fLineCount = last.last_line - first.line + 1;
+    l.fSpacesInIndent = fLineSpaces;
+    l.fTabsInIndent = fLineTabs;
+    PlaceInScope(l);
+    fOut.push_back(std::move(logical));
+}
+
+void LogicalBuilder::EmitComment(const ScannedToken &tok) {
+    bool spaces = false, tabs = false;
+    IndentChars(tok, &spaces, &tabs);
+    fPending.clear();
+    fSpanToks.clear();
+    Push(tok);
+    fLineSpaces = spaces;
+    fLineTabs = tabs;
+    Emit(0, 1, ExpandedColumn(tok), LogicalKind::kComment);
+    fPending.clear();
+    fSpanToks.clear();
+}
+
+void LogicalBuilder::FlushStatement(bool incomplete) {
+    size_t n = fPending.size();
+    if (n == 0)
+        return;
+    size_t emitted_before = fOut.size();
+    IndentChars(fPending[0], &fLineSpaces, &fLineTabs);
+    int indent = ExpandedColumn(fPending[0]);
+    size_t b = 0;
+    while (b < n) {
+        if (fSpanToks[b].type == kTokSemi) {
+            b++;
+            continue;
+        }
+        size_t semi = b;
+        int depth = 0;
+        for (; semi < n; semi++) {
+            int type = fSpanToks[semi].type;
+            if (type == kTokLPar || type == kTokLSqb || type == kTokLBrace)
+                depth++;
+            else if ((type == kTokRPar || type == kTokRSqb || type == kTokRBrace) && depth > 0)
+                depth--;
+            else if (type == kTokSemi && depth == 0)
+                break;
+        }
+        TokenSpan part = Span(b, semi);
+        LogicalKind kind = ClassifyTokens(part);
+        if (IsCompoundHeaderKind(kind)) {
+            Py_ssize_t colon = FindHeaderColon(part);
+            size_t body = b + (size_t) colon + 1;
+            if (colon > 0 && body < n) {
+                Emit(b, body, indent, kind);
+                indent = std::max(ExpandedColumn(fPending[body]), indent + 1);
+                b = body;
+                continue;
+            }
+        }
+        Emit(b, semi, indent, kind);
+        b = semi + 1;
+    }
+    if (incomplete && fOut.size() > emitted_before)
+        fOut.back()->fIncomplete = true;
+    fPending.clear();
+    fSpanToks.clear();
+}
+
+std::vector<nb::ref<CLogicalLine>> LogicalBuilder::Run() {
+    CTokenScanner scanner(fText.data(), (Py_ssize_t) fText.size());
+    ScannedToken tok;
+    while (scanner.Next(tok)) {
+        switch (tok.type) {
+        case kTokNewline: {
+            bool cut_off = false;
+            if (tok.length == 0 && !fPending.empty()) {
+                const ScannedToken &last = fPending.back();
+                cut_off = scanner.Depth() > 0 || scanner.EndedInContinuation() ||
+                          (last.type == kTokError &&
+                           last.offset + last.length == (Py_ssize_t) fText.size());
+            }
+            FlushStatement(cut_off);
+            break;
+        }
+        case kTokNL:
+            break;
+        case kTokComment:
+            if (fPending.empty())
+                EmitComment(tok);
+            break;
+        default:
+            // A def or class at the start of a line can't be inside brackets:
+            // a bracket was left open, and the statement ends here.
+            if (!fPending.empty() && scanner.Depth() > 0 && tok.type == kTokName &&
+                tok.line > fPending.back().last_line) {
+                std::string_view word = fText.substr((size_t) tok.offset, (size_t) tok.length);
+                if (word == "def" || word == "class") {
+                    FlushStatement(true);
+                    scanner.ResetDepth();
+                }
+            }
+            Push(tok);
+        }
+    }
+    FlushStatement(true);
+    return std::move(fOut);
+}
+
+}  // namespace
+
+// ---- public ---------------------------------------------------------------------
+
+DecodedSource DecodeSource(std::string_view data) {
+    DecodedSource out;
+    out.encoding = "utf-8";
+    bool bom = data.substr(0, kUtf8Bom.size()) == kUtf8Bom;
+    std::string_view body = bom ? data.substr(kUtf8Bom.size()) : data;
+    Py_ssize_t base = bom ? (Py_ssize_t) kUtf8Bom.size() : 0;
+    std::string cookie = FindCodingCookie(body);
+    std::string encoding = "utf-8";
+    if (!cookie.empty()) {
+        encoding = CanonicalEncoding(cookie);
+        if (encoding.empty()) {
+            AddError(out, 1, 0, "unknown encoding: " + cookie);
+            encoding = "utf-8";
+        } else if (bom && encoding != "utf-8") {
+            AddError(out, 1, 0, "encoding problem: utf-8 byte order mark with coding: " + cookie);
+            encoding = "utf-8";
+        }
+    }
+    if (encoding != "utf-8") {
+        if (DecodeWithCodec(body, encoding, base, out))
+            return out;
+        AddError(out, 1, 0, "cannot decode with " + encoding + ", read as utf-8");
+    }
+    DecodeUtf8Lenient(body, base, out);
+    return out;
+}
+
+std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8) {
+    if (utf8.size() >= (size_t) UINT32_MAX)
+        throw nb::value_error("source text too large");
+    return LogicalBuilder(utf8).Run();
+}
+
+std::string EOLBlindChecksum(std::string_view data) {
+    std::uint64_t hash = 1469598103934665603ULL;
+    auto add = [&hash](unsigned char c) {
+        hash ^= c;
+        hash *= 1099511628211ULL;
+    };
+    for (size_t i = 0; i < data.size(); i++) {
+        char c = data[i];
+        if (c == '\r') {
+            if (i + 1 < data.size() && data[i + 1] == '\n')
+                i++;
+            c = '\n';
+        }
+        add((unsigned char) c);
+    }
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", (unsigned long long) hash);
+    return buf;
+}
+
+bool SameLogical(const CLogicalLine &a, const CLogicalLine &b) {
+    if (a.fKind != b.fKind || a.fFirstLine != b.fFirstLine || a.fLineCount != b.fLineCount ||
+        a.fIndentLevel != b.fIndentLevel || a.fIncomplete != b.fIncomplete ||
+        a.fSpacesInIndent != b.fSpacesInIndent || a.fTabsInIndent != b.fTabsInIndent ||
+        a.fText != b.fText || a.fTokens.size() != b.fTokens.size())
+        return false;
+    auto equal = [](const nb::object &x, const nb::object &y) {
+        int r = PyObject_RichCompareBool(x.ptr(), y.ptr(), Py_EQ);
+        if (r < 0)
+            throw nb::python_error();
+        return r == 1;
+    };
+    return equal(a.fScopeName, b.fScopeName) && equal(a.fLocalScopeName, b.fLocalScopeName);
+}
+
+nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogicalLine>> &fresh,
+                           nb::list &added, nb::list &removed) {
+    nb::list old = nb::borrow<nb::list>(current);
+    size_t old_n = nb::len(old);
+    size_t same = 0;
+    while (same < old_n && same < fresh.size()) {
+        CLogicalLine *prior = nb::cast<CLogicalLine *>(old[same]);
+        if (!SameLogical(*prior, *fresh[same]))
+            break;
+        same++;
+    }
+    nb::list result;
+    for (size_t i = 0; i < same; i++)
+        result.append(old[i]);
+    for (size_t i = same; i < old_n; i++)
+        removed.append(old[i]);
+    for (size_t i = same; i < fresh.size(); i++) {
+        nb::object o = nb::cast(fresh[i]);
+        result.append(o);
+        added.append(o);
+    }
+    return result;
+}
+
+nb::list LogicalsToList(const std::vector<nb::ref<CLogicalLine>> &logicals) {
+    PyObject *list = PyList_New((Py_ssize_t) logicals.size());
+    if (!list)
+        throw nb::python_error();
+    nb::list result = nb::steal<nb::list>(list);
+    for (size_t i = 0; i < logicals.size(); i++)
+        PyList_SET_ITEM(list, (Py_ssize_t) i, nb::cast(logicals[i]).release().ptr());
+    return result;
+}
+
+nb::list DecodeErrorsToList(const std::vector<DecodeError> &errors) {
+    nb::list out;
+    for (const DecodeError &e : errors)
+        out.append(nb::make_tuple(e.line, e.offset, MakeStr(e.message)));
+    return out;
+}
+
+nb::list BuildLogicalLinesFromPython(nb::handle source) {
+    if (PyBytes_Check(source.ptr())) {
+        DecodedSource decoded = DecodeSource(Utf8OfText(source, "source"));
+        return LogicalsToList(BuildLogicalLines(decoded.utf8));
+    }
+    return LogicalsToList(BuildLogicalLines(Utf8OfText(source, "source")));
+}
+
+nb::tuple DecodeSourceFromPython(nb::bytes data) {
+    DecodedSource decoded = DecodeSource(std::string_view(data.c_str(), data.size()));
+    return nb::make_tuple(MakeStr(decoded.utf8), MakeStr(decoded.encoding),
+                          DecodeErrorsToList(decoded.errors));
+}
+
+}  // namespace pysource

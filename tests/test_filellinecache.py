@@ -1,0 +1,184 @@
+import os
+import subprocess
+import sys
+import urllib.parse
+
+import pytest
+
+from pysource import filellinecache as flc
+from pysource import logicalline as ll
+from pysource.filellinecache import CFileLogicalLineCache, EOLBlindChecksum
+
+
+class UrlLocation:
+    def __init__(self, path):
+        self.fUrl = "file://" + urllib.parse.quote(str(path))
+
+
+def write(path, text, mtime=None):
+    path.write_bytes(text.encode() if isinstance(text, str) else text)
+    if mtime is not None:
+        os.utime(path, (mtime, mtime))
+
+
+@pytest.fixture
+def events():
+    return []
+
+
+def make_cache(loc, events):
+    cache = CFileLogicalLineCache(loc)
+    cache.connect("modified", lambda c, delta: events.append((c, list(delta.added),
+                                                              list(delta.removed))))
+    return cache
+
+
+class TestReading:
+    def test_update_reads_and_builds(self, tmp_path, events):
+        path = tmp_path / "m dir" / "mod.py"
+        path.parent.mkdir()
+        write(path, "import os\n\ndef f():\n    return 1\n", mtime=1_000_000.5)
+        cache = make_cache(UrlLocation(path), events)
+        assert cache.fMatchedDiskMTime is None and cache.GetEOLBlindChecksum() is None
+        assert cache.Update() is True
+        assert [l.fType for l in cache._fLogicalList] == [ll.kImport, ll.kFunctionDef, ll.kReturn]
+        assert cache.fMatchedDiskMTime == pytest.approx(1_000_000.5)
+        assert cache.fDecodeErrors == [] and cache.fEncoding == "utf-8"
+        assert events == []  # the first read is no change
+        cache.destroy()
+
+    @pytest.mark.parametrize("make_loc", [str, os.fspath, lambda p: p, UrlLocation])
+    def test_location_forms(self, tmp_path, make_loc):
+        path = tmp_path / "a.py"
+        write(path, "x = 1\n")
+        cache = CFileLogicalLineCache(make_loc(path))
+        assert cache.Update() and len(cache._fLogicalList) == 1
+
+    def test_missing_or_foreign_location_is_false_not_an_error(self, tmp_path):
+        missing = CFileLogicalLineCache(str(tmp_path / "nope.py"))
+        assert missing.Update() is False and missing.fMatchedDiskMTime == 0.0
+        assert missing._fLogicalList == []
+        assert CFileLogicalLineCache(str(tmp_path)).Update() is False  # a directory
+        remote = type("Remote", (), {"fUrl": "ssh://host/x.py"})()
+        assert CFileLogicalLineCache(remote).Update() is False
+        assert CFileLogicalLineCache(object()).Update() is False
+
+    def test_decode_errors_are_recorded_on_the_cache(self, tmp_path):
+        path = tmp_path / "bad.py"
+        write(path, b"x = 1\ns = '\xff'\n")
+        cache = CFileLogicalLineCache(str(path))
+        assert cache.Update()
+        assert [e[0] for e in cache.fDecodeErrors] == [2] and len(cache._fLogicalList) == 2
+
+
+class TestChanges:
+    def test_modified_with_delta_and_kept_objects(self, tmp_path, events):
+        path = tmp_path / "m.py"
+        write(path, "a = 1\nb = 2\nc = 3\n")
+        cache = make_cache(str(path), events)
+        cache.Update()
+        first, second, third = cache._fLogicalList
+        first.fTypeEquivs = [("a", b"x")]
+        old_list = cache._fLogicalList
+        write(path, "a = 1\nb = 22\nc = 3\nd = 4\n")
+        assert cache.Update()
+        new = cache._fLogicalList
+        assert new is not old_list and old_list == [first, second, third]
+        assert new[0] is first and first.fTypeEquivs == [("a", b"x")]
+        [(emitter, added, removed)] = events
+        assert emitter is cache
+        assert removed == [second, third]
+        assert added == new[1:] and [l.fToks[0] for l in added] == ["b", "c", "d"]
+
+    def test_unchanged_content_emits_nothing_and_keeps_the_list(self, tmp_path, events):
+        path = tmp_path / "m.py"
+        write(path, "a = 1\n", mtime=1000)
+        cache = make_cache(str(path), events)
+        cache.Update()
+        before = cache._fLogicalList
+        write(path, "a = 1\n", mtime=2000)
+        assert cache.Update() and cache._fLogicalList is before and events == []
+        assert cache.fMatchedDiskMTime == 2000
+
+    def test_file_that_goes_away(self, tmp_path, events):
+        path = tmp_path / "m.py"
+        write(path, "a = 1\n")
+        cache = make_cache(str(path), events)
+        cache.Update()
+        old = list(cache._fLogicalList)
+        path.unlink()
+        assert cache.Update() is False
+        assert cache._fLogicalList == [] and cache.fMatchedDiskMTime == 0.0
+        assert events == [(cache, [], old)]
+
+    def test_destroy_ends_connections(self, tmp_path, events):
+        path = tmp_path / "m.py"
+        write(path, "a = 1\n")
+        cache = make_cache(str(path), events)
+        cache.Update()
+        cache.destroy()
+        write(path, "a = 2\n")
+        cache.Update()
+        assert events == []
+
+
+class TestQueries:
+    def test_eol_blind_checksum(self, tmp_path):
+        sums = []
+        for eol in ("\n", "\r\n", "\r"):
+            path = tmp_path / f"m{len(sums)}.py"
+            write(path, f"def f():{eol}    return 1{eol}")
+            cache = CFileLogicalLineCache(str(path))
+            cache.Update()
+            sums.append(cache.GetEOLBlindChecksum())
+        assert sums[0] == sums[1] == sums[2]
+        assert EOLBlindChecksum(b"a\nb") != EOLBlindChecksum(b"a\nc")
+        assert EOLBlindChecksum(b"a\n\nb") != EOLBlindChecksum(b"a\nb")
+
+    def test_index_for_lineno(self, tmp_path):
+        path = tmp_path / "m.py"
+        write(path, "x = (1,\n     2)\n\ndef f(): return 1\n# c\n")
+        cache = CFileLogicalLineCache(str(path))
+        cache.Update()
+        assert [cache._IndexForLineno(n) for n in range(0, 7)] == [-1, 0, 0, -1, 1, 3, -1]
+
+    def test_save_words_to_db(self, tmp_path):
+        path = tmp_path / "m.py"
+        write(path, "import os\nclass Cls:\n    def meth(self, arg): return arg or None\n")
+        cache = CFileLogicalLineCache(str(path))
+        cache.Update()
+        cache.SaveWordsToDb()  # without a store: nothing happens
+        received = []
+        flc.SetWordStore(lambda loc, words: received.append((loc, words)))
+        try:
+            cache.SaveWordsToDb()
+        finally:
+            flc.SetWordStore(None)
+        assert received == [(str(path), {"os", "Cls", "meth", "self", "arg"})]
+        cache.SaveWordsToDb()
+        assert len(received) == 1
+        with pytest.raises(TypeError):
+            flc.SetWordStore(3)
+
+
+class TestCommand:
+    def run(self, *args):
+        # (a development install may announce its rebuild; keep that out of the output)
+        env = dict(os.environ, SKBUILD_EDITABLE_VERBOSE="0")
+        return subprocess.run([sys.executable, "-m", "pysource", *args], capture_output=True,
+                              text=True, env=env)
+
+    def test_logicals_listing(self, tmp_path):
+        path = tmp_path / "m.py"
+        write(path, "class C:\n    def f(self): return 'a\\nb'\n")
+        out = self.run("logicals", str(path))
+        assert out.returncode == 0, out.stderr
+        lines = out.stdout.splitlines()
+        assert len(lines) == 3
+        assert "class-def" in lines[0] and "local C|0" in lines[0]
+        assert "function-def" in lines[1] and "scope C " in lines[1] and "local f|0" in lines[1]
+        assert "return" in lines[2] and "scope C.f " in lines[2] and "'a\\\\nb'" in lines[2]
+
+    def test_missing_file(self, tmp_path):
+        out = self.run("logicals", str(tmp_path / "none.py"))
+        assert out.returncode == 2 and "no such file" in out.stderr
