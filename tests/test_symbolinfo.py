@@ -1,7 +1,6 @@
 import ast
 import math
 import sys
-import types
 
 import pytest
 from hypothesis import given, settings, strategies as st
@@ -194,6 +193,7 @@ class TestBuildersRoundTrip:
 
     def test_called(self):
         ibytes = si.PackCalled(".append", "x, (1; 2), 'a,b'")
+        assert b"%" not in ibytes  # ordinary argument text stays readable
         assert si.packedops.UnpackCalled(ibytes) == (".append", "x, (1; 2), 'a,b'")
         assert si.SplitArguments(si.UnpackCalled(ibytes)[1]) == ["x", "(1; 2)", "'a,b'"]
         with pytest.raises(ValueError):
@@ -259,6 +259,10 @@ class TestBuildersRoundTrip:
             assert ast.literal_eval(encoded.decode()) == text
             assert si.NonNestedSplit(encoded + b";x", b";") == [encoded, b"x"]
 
+    def test_wrong_kind_message_is_text_whatever_the_bytes(self):
+        with pytest.raises(ValueError, match=r"\\xff"):
+            si.UnpackCalled(b":S\xff\xfe")
+
     def test_malformed_escape_is_a_value_error(self):
         with pytest.raises(ValueError):
             si.UnpackDecoratorInfo(si.kDecoratorPrefix + b"1,%%zz")
@@ -295,8 +299,7 @@ def test_every_layout_round_trips_in_a_compound(name, type_params, args, ret, de
     assert si.UnpackCalled(called_single) == (name, condition)
     assert si.UnpackConditionalInfo(cond_single) == (condition, def_single)
     assert si.ScopeNameDefinedByInfo(cond_single) == name
-    loc, scope_name, rest = si.UnpackLocationAndScope(marked)
-    assert (loc, scope_name, rest) == (url, scope, literal_single)
+    assert si.UnpackLocationAndScope(marked, False) == (url, scope, literal_single)
     suffixed = si.AppendLogicalIndexBytesSuffix(literal_single, str(index).encode())
     assert si.SplitLogicalIndexSuffix(suffixed) == (literal_single, index)
     assert si.UnpackLiteralInfo(suffixed) == (name, literal)
@@ -320,7 +323,7 @@ class TestMarks:
         inner = si.PrefixWithLocationAndScope(b"x", None, "C.f")
         assert si.PrefixWithLocationAndScope(inner, None, "D") == inner
         outer = si.PrefixWithLocationAndScope(inner, Loc("file:///m.py"), "D")
-        assert si.UnpackLocationAndScope(outer) == ("file:///m.py", "C.f", b"x")
+        assert si.UnpackLocationAndScope(outer, False) == ("file:///m.py", "C.f", b"x")
         elsewhere = si.PrefixWithLocationAndScope(b"x", Loc("file:///a.py"), None)
         assert si.PrefixWithLocationAndScope(elsewhere, Loc("file:///b.py"), "E") == elsewhere
         builtin = si.kBuiltinModulePrefix + b"int"
@@ -338,21 +341,20 @@ class TestMarks:
         with pytest.raises(TypeError):
             si.PrefixWithLocationAndScope(b"x", object(), "C")
 
-    def test_url_turns_back_into_a_location_when_the_module_offers_it(self, monkeypatch):
-        made = []
+    def test_a_location_survives_any_characters_of_its_path(self, tmp_path):
+        from basekit.location import CLocalFileLocation
 
-        class CLocalFileLocation:
-            def __init__(self, path):
-                made.append(path)
+        loc = CLocalFileLocation(str(tmp_path / "a b;c'd(é).py"))
+        marked = si.PrefixWithLocationAndScope(b":tint", loc, "C.f")
+        assert si.NonNestedSplit(marked + b";:S1", b";") == [marked, b":S1"]
+        assert si.UnpackLocationAndScope(marked) == (loc, "C.f", b":tint")
+        assert si.UnpackLocationAndScope(marked)[0] is loc
 
-        fake = types.ModuleType("basekit.location")
-        fake.CLocalFileLocation = CLocalFileLocation
-        monkeypatch.setitem(sys.modules, "basekit.location", fake)
+    def test_url_stays_text_without_the_location_module(self, monkeypatch):
+        monkeypatch.setitem(sys.modules, "basekit.location", None)
         marked = si.PrefixWithLocationAndScope(b"x", Loc("file:///p/a;b.py"), "C")
-        loc, scope_name, rest = si.UnpackLocationAndScope(marked)
-        assert isinstance(loc, CLocalFileLocation) and made == ["/p/a;b.py"]
-        assert (scope_name, rest) == ("C", b"x")
-        assert si.LocationForUrl("buffer:1") is None
+        assert si.UnpackLocationAndScope(marked) == ("file:///p/a;b.py", "C", b"x")
+        assert si.LocationForUrl("file:///p") is None
 
     def test_join_info_bytes(self):
         assert si.JoinInfoBytes(b":S1", b":tint") == b":S1;:tint"
@@ -455,6 +457,7 @@ class TestExpressions:
         assert si.IsSingleNameToken("_x1") and si.IsSingleNameToken("названия")
         assert not si.IsSingleNameToken("1x") and not si.IsSingleNameToken("a.b")
         assert not si.IsSingleNameToken("") and not si.IsSingleNameToken("a\u00a0")
+        assert not si.IsSingleNameToken(b"\xff") and not si.IsSingleNameToken("\u0661a")
         for text in ["1.5", "1e3", ".5", "-2.", "1_000.0", "1E-3"]:
             assert si.IsFloat(text), text
         for text in ["1", "0x1F", "1j", "e3", ".", "1e", "abc"]:

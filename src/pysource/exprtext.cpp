@@ -2,7 +2,7 @@
 
 #include "pysource/nesting.h"
 
-#include <Python.h>
+#include "pysource/strutils.h"
 
 namespace pysource::symbolinfo {
 
@@ -157,25 +157,17 @@ std::vector<std::string_view> SplitArguments(std::string_view arg_text) {
 bool IsAtomExpr(std::string_view text) { return SplitTrailers(text).has_value(); }
 
 bool IsSingleNameToken(std::string_view text) {
-    if (text.empty() || IsAsciiDigit(text[0]))
+    const auto end = static_cast<std::ptrdiff_t>(text.size());
+    if (end == 0)
         return false;
-    bool ascii = true;
-    for (char c : text) {
-        if (static_cast<unsigned char>(c) >= 0x80)
-            ascii = false;
-        else if (!IsWordByte(c))
-            return false;
+    try {
+        for (std::ptrdiff_t pos = 0; pos < end; pos = AdjustUtf8Pos(text.data(), pos, 1, end))
+            if (!IsIdentifierCharAtUtf8Pos(text.data(), pos, end, pos == 0))
+                return false;
+    } catch (const std::exception &) {
+        return false;  // malformed UTF-8 is no name
     }
-    if (ascii)
-        return true;
-    PyObject *str = PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "strict");
-    if (!str) {
-        PyErr_Clear();
-        return false;
-    }
-    int identifier = PyUnicode_IsIdentifier(str);
-    Py_DECREF(str);
-    return identifier == 1;
+    return true;
 }
 
 bool IsFloat(std::string_view text) {

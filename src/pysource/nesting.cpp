@@ -1,38 +1,16 @@
 #include "pysource/nesting.h"
 
+#include "pysource/srctokenizer.h"
+
 namespace pysource::symbolinfo {
 
 std::ptrdiff_t StringLiteralEnd(const char *text, std::ptrdiff_t quote_pos, std::ptrdiff_t end,
                                 bool *terminated) {
-    const char quote = text[quote_pos];
-    const bool triple =
-        quote_pos + 2 < end && text[quote_pos + 1] == quote && text[quote_pos + 2] == quote;
-    std::ptrdiff_t pos = quote_pos + (triple ? 3 : 1);
-    while (pos < end) {
-        char c = text[pos];
-        if (c == '\\') {
-            pos += 2;
-            continue;
-        }
-        if (c == quote) {
-            if (!triple) {
-                if (terminated)
-                    *terminated = true;
-                return pos + 1;
-            }
-            if (pos + 2 < end && text[pos + 1] == quote && text[pos + 2] == quote) {
-                if (terminated)
-                    *terminated = true;
-                return pos + 3;
-            }
-        } else if (c == '\n' && !triple) {
-            break;
-        }
-        ++pos;
-    }
+    bool error = false;
+    std::ptrdiff_t after = FindStringLiteralEnd(text, quote_pos, end, &error);
     if (terminated)
-        *terminated = false;
-    return pos < end ? pos : end;
+        *terminated = !error;
+    return after > quote_pos ? after : quote_pos + 1;
 }
 
 std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex_(const char *utf8_ptr, std::ptrdiff_t pos,
@@ -57,51 +35,14 @@ std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex_(const char *utf8_ptr, std::pt
 }
 
 CNestLevelSearch::CNestLevelSearch(std::string_view text, std::string_view sub,
-                                   std::ptrdiff_t start, std::ptrdiff_t end)
-    : fText(text), fSub(sub) {
+                                   std::ptrdiff_t start, std::ptrdiff_t end) {
     const auto size = static_cast<std::ptrdiff_t>(text.size());
-    fEnd = (end < 0 || end > size) ? size : end;
-    fPos = start < 0 ? 0 : start;
-    if (sub.empty())
-        fEnd = 0;  // an empty sequence finds nothing
-}
-
-std::ptrdiff_t CNestLevelSearch::FindNext() {
-    const char *data = fText.data();
-    const auto sub_len = static_cast<std::ptrdiff_t>(fSub.size());
-    while (fPos < fEnd) {
-        const std::ptrdiff_t at = fPos;
-        const char c = data[fPos++];
-        if (fNesting == 0 && c == fSub[0]) {
-            if (sub_len == 1) {
-                if (IsOpeningBracket(c))
-                    fNesting = 1;
-                else if (IsClosingBracket(c))
-                    fNesting = -1;
-                return at;
-            }
-            if (at + sub_len <= fEnd && fText.compare(at, fSub.size(), fSub) == 0) {
-                for (char m : fSub) {
-                    if (IsOpeningBracket(m))
-                        ++fNesting;
-                    else if (IsClosingBracket(m))
-                        --fNesting;
-                }
-                fPos = at + sub_len;
-                return at;
-            }
-        }
-        if (IsQuote(c)) {
-            std::ptrdiff_t after = StringLiteralEnd(data, at, fEnd);
-            if (after > fPos)
-                fPos = after;
-        } else if (IsOpeningBracket(c)) {
-            ++fNesting;
-        } else if (IsClosingBracket(c)) {
-            --fNesting;
-        }
-    }
-    return -1;
+    if (end < 0 || end > size)
+        end = size;
+    if (start < 0)
+        start = 0;
+    InitNonNestedStruct(fState, text.data(), sub.data(), static_cast<std::ptrdiff_t>(sub.size()),
+                        start > end ? end : start, end);
 }
 
 std::ptrdiff_t NonNestedFind(std::string_view text, std::string_view sub, std::ptrdiff_t start,

@@ -6,6 +6,8 @@
 // ASCII, and never occur inside a multi-byte sequence, so nothing is decoded.
 #pragma once
 
+#include "pysource/fastaccess.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -13,14 +15,15 @@
 
 namespace pysource::symbolinfo {
 
-inline bool IsOpeningBracket(char c) { return c == '(' || c == '[' || c == '{'; }
-inline bool IsClosingBracket(char c) { return c == ')' || c == ']' || c == '}'; }
+using pysource::IsClosingBracket;
+using pysource::IsOpeningBracket;
 inline bool IsQuote(char c) { return c == '"' || c == '\''; }
 
 // The offset just past the string literal whose opening quote is at
-// `quote_pos` (triple quotes and backslash escapes understood; a one-line
-// string also ends at a newline).  An unterminated string runs to `end`, and
-// `*terminated` (when given) says which case it was.
+// `quote_pos`, by the tokenizer's own string scanner (prefix letters before
+// the quote, triple quotes, escapes).  An unterminated string ends at the end
+// of its line (or at `end` for triple quotes), and `*terminated` (when given)
+// says which case it was.
 std::ptrdiff_t StringLiteralEnd(const char *text, std::ptrdiff_t quote_pos, std::ptrdiff_t end,
                                 bool *terminated = nullptr);
 
@@ -43,22 +46,18 @@ inline std::ptrdiff_t NextNonNestedUtf8PtrIndex(const char *utf8_ptr, std::ptrdi
     return pos + 1;
 }
 
-// A resumable search for `sub` at nesting level zero.  Brackets of the three
-// kinds count alike; the balance carries over from one match to the next, and
-// the brackets inside a match count too.  The texts are borrowed.
+// A resumable search for `sub` at nesting level zero: the shared non-nested
+// search over a view.  Brackets of the three kinds count alike; the balance
+// carries over from one match to the next.  The texts are borrowed.
 class CNestLevelSearch {
 public:
     CNestLevelSearch(std::string_view text, std::string_view sub, std::ptrdiff_t start = 0,
                      std::ptrdiff_t end = -1);
     // The offset of the next match, or -1 when there is none.
-    std::ptrdiff_t FindNext();
+    std::ptrdiff_t FindNext() { return FindNextNonNestedStruct(fState); }
 
 private:
-    std::string_view fText;
-    std::string_view fSub;
-    std::ptrdiff_t fPos;
-    std::ptrdiff_t fEnd;
-    std::ptrdiff_t fNesting = 0;
+    tNonNestedStruct fState;
 };
 
 // The first match of `sub` at nesting level zero from `start`, or -1.

@@ -20,8 +20,11 @@ bool NeedsEscape(char c) {
     }
 }
 
-bool CanStandAsIs(std::string_view text) {
-    return !text.empty() && text[0] != kFieldEscape && IsBalancedText(text) &&
+// In the first field a leading quote is escaped too: the kind letter (such as
+// "f" or "u") stands right before it and would read as a string prefix.
+bool CanStandAsIs(std::string_view text, bool first_field) {
+    return !text.empty() && text[0] != kFieldEscape && !(first_field && IsQuote(text[0])) &&
+           IsBalancedText(text) &&
            NonNestedFind(text, ",") < 0 && NonNestedFind(text, ";") < 0;
 }
 
@@ -35,9 +38,19 @@ int HexValue(char c) {
     return -1;
 }
 
+// The message shows the start of the bytes with anything but printable ASCII
+// escaped, so that it is valid text whatever the bytes hold.
 std::invalid_argument NotOfKind(std::string_view single, const char *what) {
+    static const char kHex[] = "0123456789abcdef";
     std::string message = "info bytes are not ";
-    message.append(what).append(": ").append(single.substr(0, 80));
+    message.append(what).append(": ");
+    for (char c : single.substr(0, 80)) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte < 0x7f)
+            message.append(1, c);
+        else
+            message.append("\\x").append(1, kHex[byte >> 4]).append(1, kHex[byte & 15]);
+    }
     return std::invalid_argument(message);
 }
 
@@ -48,11 +61,10 @@ std::string RequireText(const OptText &field, std::string_view single, const cha
 }
 
 long long ParseInteger(std::string_view digits, std::string_view single, const char *what) {
-    long long value = 0;
-    auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (result.ec != std::errc() || result.ptr != digits.data() + digits.size())
+    auto value = ParseLogicalIndex(digits);
+    if (!value)
         throw NotOfKind(single, what);
-    return value;
+    return *value;
 }
 
 const OptText &FieldAt(const UnpackedFields &unpacked, std::size_t i) {
@@ -79,10 +91,10 @@ std::optional<std::string_view> UnwrapOnce(std::string_view single) {
 
 }  // namespace
 
-std::string EncodeField(OptView text) {
+std::string EncodeField(OptView text, bool first_field) {
     if (!text)
         return std::string();
-    if (CanStandAsIs(*text))
+    if (CanStandAsIs(*text, first_field))
         return std::string(*text);
     static const char kHex[] = "0123456789ABCDEF";
     std::string out(1, kFieldEscape);
@@ -124,7 +136,7 @@ std::string PackFields(std::string_view prefix, const std::vector<OptView> &fiel
     for (std::size_t i = 0; i < fields.size(); ++i) {
         if (i)
             out.append(1, kFieldSep);
-        out.append(EncodeField(fields[i]));
+        out.append(EncodeField(fields[i], i == 0));
     }
     return out;
 }
@@ -225,8 +237,13 @@ std::string PackClassInfo(std::string_view full_name, OptView type_params, OptVi
     return PackFields(kClassPrefix, fields);
 }
 
+// The argument text goes in parentheses: its commas are then nested, and
+// the field stays readable.
 std::string PackCalled(std::string_view suffix, std::string_view arg_text) {
-    return PackFields(kCalledPrefix, {suffix, arg_text});
+    std::string call;
+    call.reserve(arg_text.size() + 2);
+    call.append(1, '(').append(arg_text).append(1, ')');
+    return PackFields(kCalledPrefix, {suffix, call});
 }
 
 std::string BuildArgInfo(long long arg_i, OptView name) {
@@ -332,8 +349,10 @@ std::pair<std::string, std::string> UnpackCalled(std::string_view single) {
     if (GetInfoBytesKind(bare) != kCalledKind)
         throw NotOfKind(single, "a call");
     UnpackedFields unpacked = UnpackFields(bare);
-    return {FieldAt(unpacked, 0).value_or(std::string()),
-            FieldAt(unpacked, 1).value_or(std::string())};
+    std::string call = FieldAt(unpacked, 1).value_or(std::string());
+    if (call.size() < 2 || call.front() != '(' || call.back() != ')')
+        throw NotOfKind(single, "a call");
+    return {FieldAt(unpacked, 0).value_or(std::string()), call.substr(1, call.size() - 2)};
 }
 
 std::optional<ArgInfo> UnpackArgInfo(std::string_view single) {

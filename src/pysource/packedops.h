@@ -6,7 +6,8 @@
 //   - empty: no value;
 //   - the text itself, when it is balanced (brackets and strings close, see
 //     IsBalancedText), holds no level-zero "," or ";" and doesn't start with
-//     "%": source text such as "List[int]" or "(a, b=';')" stays readable;
+//     "%" (nor, in the first field, with a quote): source text such as
+//     "List[int]" or "(a, b=';')" stays readable;
 //   - "%" + the text with "%,;()[]{}\"'" and control bytes escaped as %XX:
 //     any other text, the empty text ("%") included.
 // So ";" and "," never occur at level zero inside a field, and a compound
@@ -28,7 +29,8 @@ using OptView = std::optional<std::string_view>;
 inline constexpr char kFieldSep = ',';
 inline constexpr char kFieldEscape = '%';
 
-std::string EncodeField(OptView text);
+// `first_field`: the field follows the kind letter directly.
+std::string EncodeField(OptView text, bool first_field = false);
 // Raises std::invalid_argument on a malformed escape.
 OptText DecodeField(std::string_view field);
 

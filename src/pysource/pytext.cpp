@@ -1,30 +1,21 @@
 #include "pysource/pytext.h"
 
+#include "pysource/strutils.h"
+
 #include <string>
 
 namespace pysource::symbolinfo {
 
-namespace {
-
-bool IsContinuationByte(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
-
-}  // namespace
-
 bool IsText(nb::handle obj) { return PyUnicode_Check(obj.ptr()) || PyBytes_Check(obj.ptr()); }
 
 std::string_view TextView(nb::handle obj, const char *what) {
-    if (PyBytes_Check(obj.ptr()))
-        return {PyBytes_AS_STRING(obj.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(obj.ptr()))};
-    if (PyUnicode_Check(obj.ptr())) {
-        Py_ssize_t size = 0;
-        const char *data = PyUnicode_AsUTF8AndSize(obj.ptr(), &size);
-        if (!data)
-            throw nb::python_error();
-        return {data, static_cast<std::size_t>(size)};
+    if (!IsText(obj)) {
+        std::string message(what);
+        message.append(" must be str or bytes, not ").append(Py_TYPE(obj.ptr())->tp_name);
+        throw nb::type_error(message.c_str());
     }
-    std::string message(what);
-    message.append(" must be str or bytes, not ").append(Py_TYPE(obj.ptr())->tp_name);
-    throw nb::type_error(message.c_str());
+    Utf8Buffer buffer = GetUtf8Buffer(obj);
+    return {buffer.ptr, static_cast<std::size_t>(buffer.len)};
 }
 
 nb::str ToStr(std::string_view utf8) {
@@ -44,27 +35,21 @@ nb::object ToSameType(std::string_view utf8, nb::handle like) {
 }
 
 nb::str AsStr(nb::handle obj, const char *what) {
-    if (PyUnicode_Check(obj.ptr()))
-        return nb::borrow<nb::str>(obj);
-    return ToStr(TextView(obj, what));
+    TextView(obj, what);  // the type check, with the argument's name
+    return nb::borrow<nb::str>(pysource::AsStr(obj));
 }
 
 std::ptrdiff_t CharToByteOffset(std::string_view utf8, std::ptrdiff_t char_offset) {
-    std::ptrdiff_t chars = 0;
-    for (std::size_t i = 0; i < utf8.size(); ++i) {
-        if (IsContinuationByte(utf8[i]))
-            continue;
-        if (chars == char_offset)
-            return static_cast<std::ptrdiff_t>(i);
-        ++chars;
-    }
-    return static_cast<std::ptrdiff_t>(utf8.size());
+    const auto end = static_cast<std::ptrdiff_t>(utf8.size());
+    if (char_offset <= 0 || end == 0)
+        return 0;
+    return AdjustUtf8Pos(utf8.data(), 0, char_offset, end);
 }
 
 std::ptrdiff_t ByteToCharOffset(std::string_view utf8, std::ptrdiff_t byte_offset) {
     std::ptrdiff_t chars = 0;
     for (std::ptrdiff_t i = 0; i < byte_offset && i < static_cast<std::ptrdiff_t>(utf8.size()); ++i)
-        if (!IsContinuationByte(utf8[static_cast<std::size_t>(i)]))
+        if (IsUtf8LeadByte(static_cast<unsigned char>(utf8[static_cast<std::size_t>(i)])))
             ++chars;
     return chars;
 }

@@ -24,9 +24,24 @@ bool IsSuffixStart(char c) {
 }
 
 // Offset in `leaf` of its scope index separator, or -1.
-std::ptrdiff_t IndexSepInLeaf(std::string_view leaf) {
-    std::ptrdiff_t at = NonNestedFind(leaf, kScopeIndexSep);
-    return at;
+std::ptrdiff_t IndexSepInLeaf(std::string_view leaf) { return NonNestedFind(leaf, kScopeIndexSep); }
+
+// `name` copied one level-zero step at a time (a bracket group or a string
+// is one step), without the steps that `drop(data, pos, next)` refuses; it
+// may move `next` on to drop more than the step.
+template <typename Drop>
+std::string CopyKeptSteps(std::string_view name, Drop drop) {
+    std::string out;
+    out.reserve(name.size());
+    const char *data = name.data();
+    const auto end = static_cast<std::ptrdiff_t>(name.size());
+    for (std::ptrdiff_t pos = 0; pos < end;) {
+        std::ptrdiff_t next = NextNonNestedUtf8PtrIndex(data, pos, end);
+        if (!drop(data, pos, next))
+            out.append(data + pos, static_cast<std::size_t>(next - pos));
+        pos = next;
+    }
+    return out;
 }
 
 }  // namespace
@@ -73,17 +88,9 @@ std::pair<std::string_view, std::string_view> SplitScopeNameFromSuffixes(std::st
 }
 
 std::string RemoveAllScopeNameSubscripts(std::string_view name) {
-    std::string out;
-    out.reserve(name.size());
-    const char *data = name.data();
-    const auto end = static_cast<std::ptrdiff_t>(name.size());
-    for (std::ptrdiff_t pos = 0; pos < end;) {
-        std::ptrdiff_t next = NextNonNestedUtf8PtrIndex(data, pos, end);
-        if (data[pos] != '[')
-            out.append(data + pos, static_cast<std::size_t>(next - pos));
-        pos = next;
-    }
-    return out;
+    return CopyKeptSteps(name, [](const char *data, std::ptrdiff_t pos, std::ptrdiff_t &) {
+        return data[pos] == '[';
+    });
 }
 
 long LeafScopeIndex(std::string_view name) {
@@ -116,21 +123,14 @@ std::string AppendScopeIndex(std::string_view name, long index) {
 }
 
 std::string NormalizeScopeName(std::string_view name) {
-    std::string out;
-    out.reserve(name.size());
-    const char *data = name.data();
     const auto end = static_cast<std::ptrdiff_t>(name.size());
-    for (std::ptrdiff_t pos = 0; pos < end;) {
-        std::ptrdiff_t next = NextNonNestedUtf8PtrIndex(data, pos, end);
-        if (data[pos] == kScopeIndexSep[0] && pos + 1 < end && data[pos + 1] == '0' &&
-            (pos + 2 == end || !IsDigit(data[pos + 2]))) {
-            pos += 2;
-            continue;
-        }
-        out.append(data + pos, static_cast<std::size_t>(next - pos));
-        pos = next;
-    }
-    return out;
+    return CopyKeptSteps(name, [end](const char *data, std::ptrdiff_t pos, std::ptrdiff_t &next) {
+        if (data[pos] != kScopeIndexSep[0] || pos + 1 >= end || data[pos + 1] != '0' ||
+            (pos + 2 < end && IsDigit(data[pos + 2])))
+            return false;
+        next = pos + 2;
+        return true;
+    });
 }
 
 std::string DefLineScope(std::string_view name) {

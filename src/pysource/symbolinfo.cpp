@@ -392,23 +392,19 @@ nb::object LocationForUrl(nb::handle url) {
     } catch (const nb::python_error &) {
         return nb::none();
     }
-    if (nb::hasattr(location_module, "LocationFromUrl"))
-        return location_module.attr("LocationFromUrl")(url);
-    std::string_view text = TextView(url, "URL");
-    constexpr std::string_view kFileScheme = "file://";
-    if (text.starts_with(kFileScheme) && nb::hasattr(location_module, "CLocalFileLocation"))
-        return location_module.attr("CLocalFileLocation")(ToStr(text.substr(kFileScheme.size())));
-    return nb::none();
+    if (!nb::hasattr(location_module, "LocationForUrl"))
+        return nb::none();
+    return location_module.attr("LocationForUrl")(url);
 }
 
-nb::tuple PyUnpackLocationAndScope(nb::handle ibytes) {
+nb::tuple PyUnpackLocationAndScope(nb::handle ibytes, bool as_location) {
     std::string_view rest = TextView(ibytes, "ibytes");
     nb::object loc = nb::none();
     nb::object scope_name = nb::none();
     for (auto mark = UnpackScopeMark(rest); mark; mark = UnpackScopeMark(rest)) {
         if (mark->kind == kSpecificUrlKind && loc.is_none() && scope_name.is_none()) {
             nb::str url = ToStr(mark->text.value_or(std::string()));
-            nb::object found = LocationForUrl(url);
+            nb::object found = as_location ? LocationForUrl(url) : nb::none();
             loc = found.is_none() ? nb::object(url) : found;
         } else if (mark->kind == kSpecificScopeKind && scope_name.is_none()) {
             scope_name = TextOrNone(mark->text);
@@ -464,8 +460,8 @@ nb::tuple CPackedOps_::UnpackLiteralInfo(nb::handle ibytes) { return PyUnpackLit
 nb::tuple CPackedOps_::UnpackConditionalInfo(nb::handle ibytes) {
     return PyUnpackConditionalInfo(ibytes);
 }
-nb::tuple CPackedOps_::UnpackLocationAndScope(nb::handle ibytes) {
-    return PyUnpackLocationAndScope(ibytes);
+nb::tuple CPackedOps_::UnpackLocationAndScope(nb::handle ibytes, bool as_location) {
+    return PyUnpackLocationAndScope(ibytes, as_location);
 }
 CUnpackedDeclTypeParam CPackedOps_::UnpackTypeParameterInfo(nb::handle ibytes) {
     return PyUnpackTypeParameterInfo(ibytes);

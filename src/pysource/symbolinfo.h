@@ -125,8 +125,12 @@ nb::list PyUnpackFieldsInfo(nb::handle ibytes);
 
 // Scope and location marks, compounds.
 nb::bytes PyPrefixWithLocationAndScope(nb::handle info, nb::handle loc, nb::handle scope_name);
+// The location of a URL through basekit.location, imported when first
+// needed; None when that module isn't there.
 nb::object LocationForUrl(nb::handle url);
-nb::tuple PyUnpackLocationAndScope(nb::handle ibytes);
+// (location, scope name, rest) of the leading URL and scope marks; with
+// `as_location` false, or no location module, the URL stays text.
+nb::tuple PyUnpackLocationAndScope(nb::handle ibytes, bool as_location = true);
 nb::tuple PyPopLeadingPrefixes(nb::handle ibytes);
 nb::bytes PyJoinInfoBytes(nb::handle a, nb::handle b);
 nb::object PyScopeNameDefinedByInfo(nb::handle ibytes);
@@ -153,7 +157,7 @@ public:
     virtual nb::tuple UnpackDecoratorInfo(nb::handle ibytes);
     virtual nb::tuple UnpackLiteralInfo(nb::handle ibytes);
     virtual nb::tuple UnpackConditionalInfo(nb::handle ibytes);
-    virtual nb::tuple UnpackLocationAndScope(nb::handle ibytes);
+    virtual nb::tuple UnpackLocationAndScope(nb::handle ibytes, bool as_location = true);
     virtual CUnpackedDeclTypeParam UnpackTypeParameterInfo(nb::handle ibytes);
     virtual nb::list UnpackFieldsInfo(nb::handle ibytes);
 };

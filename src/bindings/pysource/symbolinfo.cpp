@@ -145,7 +145,8 @@ NB_MODULE(symbolinfo, m) {
     m.def("PrefixWithLocationAndScope", &si::PyPrefixWithLocationAndScope, nb::arg("info"),
           nb::arg("loc").none(), nb::arg("scope_name").none());
     m.def("LocationForUrl", &si::LocationForUrl, nb::arg("url"));
-    m.def("UnpackLocationAndScope", &si::PyUnpackLocationAndScope, nb::arg("ibytes"));
+    m.def("UnpackLocationAndScope", &si::PyUnpackLocationAndScope, nb::arg("ibytes"),
+          nb::arg("as_location") = true);
     m.def("PopLeadingPrefixes", &si::PyPopLeadingPrefixes, nb::arg("ibytes"));
     m.def("JoinInfoBytes", &si::PyJoinInfoBytes, nb::arg("a"), nb::arg("b"));
     m.def("ScopeNameDefinedByInfo", &si::PyScopeNameDefinedByInfo, nb::arg("ibytes"));
@@ -277,7 +278,8 @@ NB_MODULE(symbolinfo, m) {
         .def("UnpackDecoratorInfo", &si::CPackedOps_::UnpackDecoratorInfo, nb::arg("ibytes"))
         .def("UnpackLiteralInfo", &si::CPackedOps_::UnpackLiteralInfo, nb::arg("ibytes"))
         .def("UnpackConditionalInfo", &si::CPackedOps_::UnpackConditionalInfo, nb::arg("ibytes"))
-        .def("UnpackLocationAndScope", &si::CPackedOps_::UnpackLocationAndScope, nb::arg("ibytes"))
+        .def("UnpackLocationAndScope", &si::CPackedOps_::UnpackLocationAndScope, nb::arg("ibytes"),
+             nb::arg("as_location") = true)
         .def("UnpackTypeParameterInfo", &si::CPackedOps_::UnpackTypeParameterInfo, nb::arg("ibytes"))
         .def("UnpackFieldsInfo", &si::CPackedOps_::UnpackFieldsInfo, nb::arg("ibytes"));
     nb::class_<si::CExprOps_>(m, "_CExprOps")
