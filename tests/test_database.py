@@ -250,3 +250,33 @@ class TestUnusableFiles:
             conn.execute("UPDATE records SET type_equivs = x'05ff'")
         with pytest.raises(CInfoDatabaseError, match="damaged"):
             CInfoCache(db_path=db).GetScopeInfo(Scope(a, ""))
+
+
+class TestWordsAndChecksums:
+    def test_a_file_cache_hands_its_words_and_checksum_to_the_database(self, tmp_path):
+        from basekit.location import CLocalFileLocation
+        from pysource import filellinecache
+
+        source = tmp_path / "m.py"
+        source.write_text("def spam(eggs):\n    return eggs + ham\n")
+        loc = CLocalFileLocation(str(source))
+        db = tmp_path / "index.db"
+        cache = CInfoCache(db_path=db)
+        filellinecache.SetWordStore(cache.SaveWords)
+        try:
+            lines = filellinecache.CFileLogicalLineCache(loc)
+            assert lines.Update()
+            lines.SaveWordsToDb()
+        finally:
+            filellinecache.SetWordStore(None)
+        checksum = lines.GetEOLBlindChecksum()
+        cache.SetEOLBlindChecksum(loc, checksum, lines.fMatchedDiskMTime)
+        cache.ChangeScansDone(loc, PRIMARY, True, lines.fMatchedDiskMTime)
+        cache.WriteToDatabase([loc])
+
+        reopened = CInfoCache(db_path=db)
+        assert {"spam", "eggs", "ham"} <= reopened.GetWords(loc)
+        assert "def" not in reopened.GetWords(loc)
+        assert reopened.GetEOLBlindChecksum(loc) == checksum
+        # Disk time and checksum tell that the file need not be scanned again.
+        assert reopened.IsScanDone(loc, PRIMARY, source.stat().st_mtime)
