@@ -514,8 +514,7 @@ nb::list CInfoCache::GetScopesForLoc(nb::handle loc) {
 // Per-location facts
 
 double CInfoCache::GetLocDiskMTime(nb::handle loc) {
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     if (entry.disk_mtime > 1.0)
         return entry.disk_mtime;
     if (entry.latest_record_mtime > 1.0)
@@ -526,8 +525,7 @@ double CInfoCache::GetLocDiskMTime(nb::handle loc) {
 void CInfoCache::ChangeScansDone(nb::handle loc, nb::handle scan_name, bool done, nb::handle disk_mtime) {
     std::string scan = ScanNameArg(scan_name, "ChangeScansDone");
     double t = DiskTimeArg(disk_mtime, "ChangeScansDone");
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     if (done) {
         entry.scans_done[scan] = t;
         if (t > 1.0)
@@ -535,24 +533,20 @@ void CInfoCache::ChangeScansDone(nb::handle loc, nb::handle scan_name, bool done
     } else {
         entry.scans_done.erase(scan);
     }
-    entry.meta_dirty = true;
-    MarkDirty(entry);
+    MetaChanged(entry);
 }
 
 void CInfoCache::SetEOLBlindChecksum(nb::handle loc, nb::handle checksum, nb::handle mtime) {
     double t = DiskTimeArg(mtime, "SetEOLBlindChecksum");
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     entry.checksum = nb::borrow(checksum);
     if (t > 1.0)
         entry.disk_mtime = t;
-    entry.meta_dirty = true;
-    MarkDirty(entry);
+    MetaChanged(entry);
 }
 
 nb::object CInfoCache::GetScansDone(nb::handle loc) {
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     nb::dict out;
     for (auto &[scan, t] : entry.scans_done)
         out[nb::str(scan.data(), scan.size())] = nb::float_(t);
@@ -562,15 +556,13 @@ nb::object CInfoCache::GetScansDone(nb::handle loc) {
 bool CInfoCache::IsScanDone(nb::handle loc, nb::handle scan_name, nb::handle disk_mtime) {
     std::string scan = ScanNameArg(scan_name, "IsScanDone");
     double t = DiskTimeArg(disk_mtime, "IsScanDone");
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     auto it = entry.scans_done.find(scan);
     return it != entry.scans_done.end() && t > 1.0 && it->second == t;
 }
 
 nb::object CInfoCache::GetEOLBlindChecksum(nb::handle loc) {
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     return entry.checksum;
 }
 
@@ -581,16 +573,13 @@ void CInfoCache::SaveWords(nb::handle loc, nb::handle words) {
     for (nb::handle word : frozen)
         if (!PyUnicode_Check(word.ptr()))
             throw nb::type_error("SaveWords: words must be str");
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     entry.words = frozen;
-    entry.meta_dirty = true;
-    MarkDirty(entry);
+    MetaChanged(entry);
 }
 
 nb::object CInfoCache::GetWords(nb::handle loc) {
-    LocEntry &entry = EntryFor(loc);
-    EnsureMeta(entry);
+    LocEntry &entry = MetaOf(loc);
     return entry.words;
 }
 

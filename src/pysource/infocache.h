@@ -146,6 +146,16 @@ private:
     nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
                          std::int64_t scanned_id);
     void MarkDirty(LocEntry &entry) { fDirtyEntries.insert(&entry); }
+    // The entry of `loc` with its stored facts read.
+    LocEntry &MetaOf(nb::handle loc) {
+        LocEntry &entry = EntryFor(loc);
+        EnsureMeta(entry);
+        return entry;
+    }
+    void MetaChanged(LocEntry &entry) {
+        entry.meta_dirty = true;
+        MarkDirty(entry);
+    }
     bool CanEvict(const LocEntry &entry) const;
 
     std::unique_ptr<CInfoDatabase> fDatabase;
