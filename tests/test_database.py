@@ -248,8 +248,13 @@ class TestUnusableFiles:
         cache.CloseDatabase()
         with sqlite3.connect(db) as conn:
             conn.execute("UPDATE records SET type_equivs = x'05ff'")
+        reader = CInfoCache(db_path=db)
         with pytest.raises(CInfoDatabaseError, match="damaged"):
-            CInfoCache(db_path=db).GetScopeInfo(Scope(a, ""))
+            reader.GetScopeInfo(Scope(a, ""))
+        # Nothing half-read stays behind to pass for the whole file.
+        with pytest.raises(CInfoDatabaseError, match=str(db)):
+            reader.CountScopeInfoRecords(Scope(a, ""))
+        assert reader.fRecordsInMemory == 0
 
 
 class TestWordsAndChecksums:

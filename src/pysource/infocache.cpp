@@ -154,8 +154,16 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
     if (entry.records_loaded)
         return;
     entry.records_loaded = true;
-    if (fDatabase && entry.db_id != 0)
+    if (!fDatabase || entry.db_id == 0)
+        return;
+    try {
         LoadRecordRows(entry, fDatabase->LoadRecords(entry.db_id));
+    } catch (...) {
+        // Half a location would pass for all of it: drop what was read, so
+        // that every later use meets the same error.
+        EvictRecords(entry);
+        throw;
+    }
 }
 
 void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
@@ -220,7 +228,7 @@ Py_ssize_t CInfoCache::LocationsInMemory() const {
 // ---------------------------------------------------------------------------
 // Records
 
-AddResult CInfoCache::AddRecord(CScopeInfo &info, nb::handle info_obj, bool persist) {
+AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
     CScopeInfoKey &key = *info.key;
     LocEntry &entry = EntryFor(key.fForView.loc);
     EnsureRecords(entry);
@@ -303,7 +311,6 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, nb::handle info_obj, bool pers
     fRecordsOfScan[ScanId(scanned_url, scanned_name, key.fScanName)].emplace(entry.url, scope_name);
     ++entry.record_count;
     ++fRecordsInMemory;
-    (void) info_obj;
     NoteChanged(key.for_scope);
     return AddResult::kChanged;
 }
@@ -365,7 +372,7 @@ void CInfoCache::RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPl
 
 nb::object CInfoCache::AddScopeInfo(nb::handle info, bool can_write) {
     CScopeInfo &record = AsScopeInfo(info);
-    return AddResultObject(AddRecord(record, info, can_write));
+    return AddResultObject(AddRecord(record, can_write));
 }
 
 nb::object CInfoCache::AddScopeInfoListForSingleScan(nb::handle scope, nb::handle scan_name,
@@ -374,7 +381,7 @@ nb::object CInfoCache::AddScopeInfoListForSingleScan(nb::handle scope, nb::handl
     std::string scan = ScanNameArg(scan_name, "AddScopeInfoListForSingleScan");
     ScanId scan_id(UrlOf(view.loc), std::string(view.name_view), scan);
 
-    std::vector<std::pair<CScopeInfo *, nb::object>> records;
+    std::vector<std::pair<CScopeInfo *, nb::object>> records;  // the objects keep the records alive
     std::set<RecordPlace> places;
     for (nb::handle item : infos) {
         CScopeInfo &record = AsScopeInfo(item);
@@ -392,7 +399,7 @@ nb::object CInfoCache::AddScopeInfoListForSingleScan(nb::handle scope, nb::handl
     }
     Py_ssize_t changed = 0;
     for (auto &[record, obj] : records)
-        if (AddRecord(*record, obj, true) == AddResult::kChanged)
+        if (AddRecord(*record, true) == AddResult::kChanged)
             ++changed;
     fScansWithNewRecords.insert(scan_id);
     return nb::int_(changed);
@@ -654,7 +661,8 @@ void CInfoCache::Trim() {
                 scope_entry.merged.reset();
         fMergedCount = 0;
     }
-    if (!fDatabase || (Py_ssize_t) fRecordsInMemory <= fMaxRecordsInMemory)
+    if (!fDatabase || (Py_ssize_t) fRecordsInMemory <= fMaxRecordsInMemory ||
+        fRecordsInMemory < fNextEvictionAttempt)
         return;
     std::vector<LocEntry *> candidates;
     for (auto &[url, entry] : fEntries)
@@ -668,6 +676,11 @@ void CInfoCache::Trim() {
             break;
         EvictRecords(*entry);
     }
+    // Still above the bound: everything left waits to be written.  Don't
+    // look again on every call, only after a write or real growth.
+    fNextEvictionAttempt = (Py_ssize_t) fRecordsInMemory > fMaxRecordsInMemory
+                               ? fRecordsInMemory + (std::size_t) fMaxRecordsInMemory / 10 + 1
+                               : 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -843,6 +856,7 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
     }
     for (const ScanId &scan : scans_replaced)
         fReplacedScans.erase(scan);
+    fNextEvictionAttempt = 0;
     for (auto it = fDirtyEntries.begin(); it != fDirtyEntries.end();) {
         LocEntry *entry = *it;
         if (entry->dirty_records == 0 && entry->deleted.empty() && !entry->meta_dirty)

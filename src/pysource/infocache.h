@@ -135,7 +135,7 @@ private:
     nb::object LocationForUrl(std::string_view url);
     LocEntry *FindEntry(const std::string &url);
 
-    AddResult AddRecord(CScopeInfo &info, nb::handle info_obj, bool persist);
+    AddResult AddRecord(CScopeInfo &info, bool persist);
     void RemoveSlot(LocEntry &entry, const std::string &scope_name, std::size_t index);
     void RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPlace> *keep);
     void NoteChanged(nb::handle scope);
@@ -168,6 +168,7 @@ private:
     std::unordered_set<LocEntry *> fDirtyEntries;  // with anything not yet written
     std::size_t fRecordsInMemory = 0;
     std::size_t fMergedCount = 0;
+    std::size_t fNextEvictionAttempt = 0;  // Trim waits for this many records
     std::uint64_t fUseClock = 0;
     int fDeferDepth = 0;
     nb::object fPendingScopes;  // set of scopes changed while deferred
