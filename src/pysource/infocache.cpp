@@ -466,7 +466,7 @@ nb::object CInfoCache::GetScopeInfo(nb::handle scope) {
     LocEntry &entry = EntryFor(view.loc);
     EnsureRecords(entry);
     Touch(entry);
-    auto it = entry.scopes.find(std::string(view.name_view));
+    auto it = entry.scopes.find(view.name_view);
     if (it == entry.scopes.end())
         return nb::none();
     ScopeEntry &scope_entry = it->second;
@@ -486,7 +486,7 @@ Py_ssize_t CInfoCache::CountScopeInfoRecords(nb::handle scope) {
     ScopeView view = ViewScope(scope);
     LocEntry &entry = EntryFor(view.loc);
     EnsureRecords(entry);
-    auto it = entry.scopes.find(std::string(view.name_view));
+    auto it = entry.scopes.find(view.name_view);
     if (it == entry.scopes.end())
         return -1;
     return (Py_ssize_t) it->second.records.size();
@@ -497,7 +497,7 @@ nb::list CInfoCache::GetScopeInfoRecords(nb::handle scope) {
     LocEntry &entry = EntryFor(view.loc);
     EnsureRecords(entry);
     nb::list out;
-    auto it = entry.scopes.find(std::string(view.name_view));
+    auto it = entry.scopes.find(view.name_view);
     if (it != entry.scopes.end())
         for (const RecordSlot &slot : it->second.records)
             out.append(nb::cast(slot.info.get()));

@@ -23,6 +23,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
@@ -88,6 +89,11 @@ public:
     Py_ssize_t fMaxMergedInfos = 50000;
 
 private:
+    // Lets maps keyed by std::string be searched with a string_view.
+    struct TextHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
     // One record of a scope, named by the scan that made it.
     struct RecordSlot {
         std::string scan_name;
@@ -104,7 +110,7 @@ private:
     struct LocEntry {
         nb::object loc;
         std::string url;
-        std::unordered_map<std::string, ScopeEntry> scopes;
+        std::unordered_map<std::string, ScopeEntry, TextHash, std::equal_to<>> scopes;
         double disk_mtime = -1.0;           // of the last finished scan
         double latest_record_mtime = -1.0;  // of primary records added
         nb::object checksum;
