@@ -48,7 +48,9 @@ cache = CInfoCache(db_path=db)
 mod, f, g = Scope(a, ""), Scope(a, "f"), Scope(b, "g")
 cache.AddScopeInfo(primary_record(mod, {"f": b":fdef", "x": b":s1"}), True)
 cache.AddScopeInfo(primary_record(f, {"y": b":s0"}, inst={"attr": b"int"}), True)
-cache.AddScopeInfo(primary_record(g, {"z": b":g3"}), True)
+with_domains = primary_record(g, {"z": b":g3"})
+with_domains._domains = {"z": b"dom"}
+cache.AddScopeInfo(with_domains, True)
 derived = derived_record(f, g, {"arg": b"str"}, seen=[mod])
 derived.MergeResolvedImports([mod])
 cache.AddScopeInfoListForSingleScan(g, DERIVED, [derived], True)
@@ -72,6 +74,7 @@ class TestSurvivesTheProcess:
             assert as_json(record_summary(cache.GetScopeInfo(scope))) == written[name]
         assert cache.CountScopeInfoRecords(Scope(a, "f")) == 2
         assert cache.CountScopeInfoRecords(Scope(a, "nothing")) < 0
+        assert cache.GetScopeInfo(Scope(b, "g"))._domains == {"z": b"dom"}
         merged = cache.GetScopeInfo(Scope(a, "f"))
         assert merged.GetInfoBytes("arg") == b"str"
         assert merged.scopes_seen == {Scope(a, ""), Scope(b, "g")}

@@ -114,6 +114,13 @@ class TestMerging:
         cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"int"})], True)
         assert cache.GetScopeInfo(target).GetInfoBytes("x") == b"int"
 
+    def test_singles_already_in_a_compound_are_not_repeated(self, cache, loc):
+        target, a = Scope(loc, "f"), Scope(loc, "a")
+        cache.AddScopeInfo(primary_record(target, {"x": b"a;b(1;2)"}))
+        cache.AddScopeInfoListForSingleScan(
+            a, DERIVED, [derived_record(target, a, {"x": b"b(1;2);c"})], True)
+        assert cache.GetScopeInfo(target).GetInfoBytes("x") == b"a;b(1;2);c"
+
     def test_derived_records_alone_give_no_info(self, cache, loc):
         target, a = Scope(loc, "f"), Scope(loc, "a")
         cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"2"})], True)

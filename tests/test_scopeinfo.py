@@ -65,6 +65,19 @@ class TestRecord:
         info.inst_type_equivs["a"] = b"int"
         assert info.GetInfoBytes("a", inst=True) == b"int"
 
+    def test_maps_can_be_replaced_by_dicts_only(self, loc):
+        info = primary_record(Scope(loc, ""), {})
+        info.type_equivs = {"n": b"1"}
+        info._domains = {"n": b"d"}
+        assert info.GetInfoBytes("n") == b"1" and info._domains == {"n": b"d"}
+        with pytest.raises(TypeError):
+            info.type_equivs = [("n", b"1")]
+        with pytest.raises(TypeError):
+            info._domains = "n"
+        info._domains = {"n": 3}
+        with pytest.raises(TypeError):
+            info.FinishedBuilding()
+
     def test_get_info_bytes_paths(self, loc):
         info = primary_record(Scope(loc, "C"), {"x": b":s1"}, inst={"attr": b"str"})
         assert info.GetInfoBytes("x") == b":s1"
