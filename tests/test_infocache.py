@@ -390,3 +390,27 @@ class TestLocationCache:
         assert isinstance(c.fLocCache, CLocationCache)
         own = CLocationCache()
         assert CInfoCache(own).fLocCache is own
+
+
+class TestDerivedRefinementPolicy:
+    def test_targets_need_a_record_and_room(self, cache, loc):
+        from pysource.scopeinfo import CDerivedRefinementPolicy
+        policy = CDerivedRefinementPolicy(cache, 2)
+        target, s1, s2, s3 = Scope(loc, "t"), Scope(loc, "s1"), Scope(loc, "s2"), Scope(loc, "s3")
+        assert not policy.AcceptsTarget(target, s1)  # no record: derived info makes nothing up
+        cache.AddScopeInfo(primary_record(target, {}))
+        assert policy.AcceptsTarget(target, s1)
+        cache.AddScopeInfoListForSingleScan(s1, DERIVED, [derived_record(target, s1, {})], True)
+        assert policy.HasRoomFor(target)  # exactly at the bound
+        cache.AddScopeInfoListForSingleScan(s2, DERIVED, [derived_record(target, s2, {})], True)
+        assert not policy.AcceptsTarget(target, s3)
+        assert CDerivedRefinementPolicy(cache).fMaxMergedKeys == 20
+
+    def test_files_that_want_no_derived_info(self, cache, tmp_path):
+        from pysource.scopeinfo import CDerivedRefinementPolicy
+        policy = CDerivedRefinementPolicy(cache)
+        stub = Scope(loc_of(tmp_path, "lib.pyi"), "")
+        cache.AddScopeInfo(primary_record(stub, {}))
+        assert not policy.AcceptsTarget(stub, Scope(loc_of(tmp_path, "app.py"), "f"))
+        # The stub's own scans still record into it.
+        assert policy.AcceptsTarget(stub, Scope(stub.loc, "f"))

@@ -206,3 +206,43 @@ class TestMergeScopeInfoSeq:
         inst = CScopeInfo(CScopeInfoKey(s, PRIMARY, s), b"", 1.5, False)
         with pytest.raises(TypeError):
             MergeScopeInfoSeq(inst, ["not a record"], [])
+
+
+class TestSerializer:
+    def test_a_record_round_trips_with_everything_it_holds(self, loc, tmp_path):
+        from pysource.scopeinfo import CScopeInfoSerializer
+
+        from cacheutil import record_summary
+        other = Scope(loc_of(tmp_path, "other.py"), "g")
+        target = Scope(loc, "f")
+        info = CScopeInfo(CScopeInfoKey(target, "derived", other), b":x", 12.25, True)
+        info.type_equivs.update({"a": b"int", "b": b"str;(1;2)"})
+        info.inst_type_equivs = {"attr": b"float"}
+        info._domains = {"a": b"dom"}
+        info.MergeScopesSeen([other, target], False)
+        info.MergeResolvedImports([Scope(loc, "")])
+        serializer = CScopeInfoSerializer()
+        back = serializer.Loads(serializer.Dumps(info))
+        assert record_summary(back) == record_summary(info)
+        assert back._domains == {"a": b"dom"} and back.key == info.key
+        assert back.key.for_scope.loc is loc  # locations come back interned
+
+    def test_a_scope_not_found_keeps_its_flag_and_empty_parts_stay_empty(self, loc):
+        from pysource.scopeinfo import CScopeInfoSerializer
+        s = Scope(loc, "")
+        serializer = CScopeInfoSerializer()
+        back = serializer.Loads(serializer.Dumps(CScopeInfo(CScopeInfoKey(s, PRIMARY, s), b"", None, False, True)))
+        assert back.not_found and back.disk_mtime == -1.0
+        assert back.inst_type_equivs is None and back.scopes_seen is None
+
+    def test_damaged_data_is_a_value_error(self, loc):
+        from pysource.scopeinfo import CScopeInfoSerializer
+        serializer = CScopeInfoSerializer()
+        data = serializer.Dumps(primary_record(Scope(loc, "f"), {"x": b"1"}))
+        for bad in (data[:-3], data + b"\x00", b"\x07" + data[1:], b""):
+            with pytest.raises(ValueError):
+                serializer.Loads(bad)
+        with pytest.raises(TypeError):
+            serializer.Loads("text")
+        with pytest.raises(TypeError):
+            serializer.Dumps({"x": b"1"})

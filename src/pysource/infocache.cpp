@@ -144,7 +144,7 @@ void CInfoCache::EnsureMeta(LocEntry &entry) {
         checksum = nb::int_(checksum);
     entry.checksum = checksum;
     nb::object words = row[4];
-    entry.words = words.is_none() ? nb::none() : DecodeStrings(words, fDatabase->Path());
+    entry.words = words.is_none() ? nb::none() : DecodeStrings(words, fDatabase->Origin());
     for (nb::handle scan_row : fDatabase->LoadScansDone(entry.db_id))
         entry.scans_done[nb::cast<std::string>(scan_row[0])] = nb::cast<double>(scan_row[1]);
 }
@@ -167,7 +167,7 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
 }
 
 void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
-    const std::string &path = fDatabase->Path();
+    const std::string &path = fDatabase->Origin();
     // Records of one file name few scopes many times: one object each.
     std::map<std::pair<std::string, std::string>, nb::object, std::less<>> made;
     auto make_scope = [&](std::string_view url, std::string_view name) {

@@ -62,10 +62,11 @@ auto CInfoDatabase::Guarded(const char *doing, F &&body) -> decltype(body()) {
 }
 
 void CInfoDatabase::Fail(const char *doing, const std::string &detail) {
-    throw InfoDatabaseError("pysource index database " + fPath + ": " + doing + " failed: " + detail);
+    throw InfoDatabaseError(fOrigin + ": " + doing + " failed: " + detail);
 }
 
-CInfoDatabase::CInfoDatabase(std::string path) : fPath(std::move(path)) {
+CInfoDatabase::CInfoDatabase(std::string path)
+    : fPath(std::move(path)), fOrigin("pysource index database " + fPath) {
     fSqlite3 = nb::module_::import_("sqlite3");
     Guarded("opening", [&] {
         fConn = fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
@@ -89,7 +90,7 @@ CInfoDatabase::CInfoDatabase(std::string path) : fPath(std::move(path)) {
             return;
         }
         if (app == kApplicationId) {
-            fOpenMessage = "pysource index database " + fPath + " had schema version " +
+            fOpenMessage = fOrigin + " had schema version " +
                            std::to_string(ver) + ", this build uses version " +
                            std::to_string(kSchemaVersion) + ": it was rebuilt empty";
         }

@@ -47,6 +47,8 @@ public:
     CInfoDatabase &operator=(const CInfoDatabase &) = delete;
 
     const std::string &Path() const { return fPath; }
+    // How messages name the file: "pysource index database PATH".
+    const std::string &Origin() const { return fOrigin; }
     // Set when opening had to rebuild the file; empty otherwise.
     const std::string &OpenMessage() const { return fOpenMessage; }
     void Close();
@@ -98,6 +100,7 @@ private:
     [[noreturn]] void Fail(const char *doing, const std::string &detail);
 
     std::string fPath;
+    std::string fOrigin;
     std::string fOpenMessage;
     nb::object fSqlite3;  // the module
     nb::object fConn;

@@ -2,8 +2,10 @@
 
 #include <nanobind/stl/string.h>
 
+#include "pysource/derivedpolicy.h"
 #include "pysource/infocache.h"
 #include "pysource/infodatabase.h"
+#include "pysource/recordcodec.h"
 #include "pysource/scopedependantcache.h"
 #include "pysource/scopeinfo.h"
 
@@ -200,6 +202,24 @@ NB_MODULE(scopeinfo, m) {
         .def("__contains__", &CScopeDependantCache::Contains)
         .def_ro("fName", &CScopeDependantCache::fName)
         .def_ro("fSize", &CScopeDependantCache::fSize);
+
+    nb::class_<CScopeInfoSerializer>(m, "CScopeInfoSerializer",
+                                     bindutil::IntrusiveHolder<CScopeInfoSerializer>())
+        .def(nb::init<>())
+        .def("Dumps", &CScopeInfoSerializer::Dumps, nb::arg("info"))
+        .def("Loads", &CScopeInfoSerializer::Loads, nb::arg("data"));
+
+    nb::class_<CDerivedRefinementPolicy>(m, "CDerivedRefinementPolicy",
+                                         bindutil::IntrusiveHolder<CDerivedRefinementPolicy>())
+        .def(nb::init<nb::handle, Py_ssize_t>(), nb::arg("info_cache"),
+             nb::arg("max_merged_keys") = CDerivedRefinementPolicy::kDefaultMaxMergedKeys)
+        .def("WantsDerivedFor", &CDerivedRefinementPolicy::WantsDerivedFor, nb::arg("target"),
+             nb::arg("scanned"))
+        .def("HasRoomFor", &CDerivedRefinementPolicy::HasRoomFor, nb::arg("target"))
+        .def("AcceptsTarget", &CDerivedRefinementPolicy::AcceptsTarget, nb::arg("target"),
+             nb::arg("scanned"))
+        .def_prop_ro("fInfoCache", [](CDerivedRefinementPolicy &self) { return self.fInfoCache; })
+        .def_rw("fMaxMergedKeys", &CDerivedRefinementPolicy::fMaxMergedKeys);
 
     m.def("_SetDatabaseWriteHook", &CInfoDatabase::SetWriteHook, nb::arg("hook").none(),
           "Calls hook(path) inside every database write, before its commit (for tests).");
