@@ -74,6 +74,7 @@ class TestSurvivesTheProcess:
             assert as_json(record_summary(cache.GetScopeInfo(scope))) == written[name]
         assert cache.CountScopeInfoRecords(Scope(a, "f")) == 2
         assert cache.CountScopeInfoRecords(Scope(a, "nothing")) < 0
+        assert cache.GetScopesForLoc(a) == ["", "f"]
         assert cache.GetScopeInfo(Scope(b, "g"))._domains == {"z": b"dom"}
         merged = cache.GetScopeInfo(Scope(a, "f"))
         assert merged.GetInfoBytes("arg") == b"str"
