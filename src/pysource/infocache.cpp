@@ -52,14 +52,33 @@ void FoldNameMap(nb::handle target, nb::handle addition) {
     }
 }
 
-void AddAllToSet(nb::object &set, nb::handle items) {
-    if (items.is_none())
-        return;
-    if (!set.is_valid() || set.is_none())
-        set = nb::steal(PySet_New(nullptr));
-    for (nb::handle item : items)
-        if (PySet_Add(set.ptr(), item.ptr()) < 0)
-            throw nb::python_error();
+// The union of the sets of `parts` (None entries left out) as a frozenset,
+// or None when every part is None.  One frozen part is shared as it is.
+nb::object UnionOfSets(const std::vector<nb::handle> &parts) {
+    nb::handle only;
+    std::size_t given = 0;
+    for (nb::handle part : parts)
+        if (!part.is_none() && PyObject_Length(part.ptr()) != 0) {
+            only = part;
+            ++given;
+        }
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    if (given == 0) {
+        for (nb::handle part : parts)
+            if (!part.is_none())
+                return nb::borrow(EmptyFrozenset());
+        return nb::none();
+    }
+    if (given == 1 && PyFrozenSet_CheckExact(only.ptr()))
+        return nb::borrow(only);
+    nb::object all = nb::steal(PySet_New(nullptr));
+    for (nb::handle part : parts)
+        if (!part.is_none())
+            for (nb::handle item : part)
+                if (PySet_Add(all.ptr(), item.ptr()) < 0)
+                    throw nb::python_error();
+    return nb::steal(PyFrozenSet_New(all.ptr()));
 }
 
 nb::object OptionalBlob(nb::handle value, nb::bytes (*encode)(nb::handle)) {
@@ -441,9 +460,7 @@ nb::ref<CScopeInfo> CInfoCache::BuildMerged(const ScopeEntry &scope_entry) {
     if (!base.inst_type_equivs.is_none())
         merged->inst_type_equivs = CopyDict(base.inst_type_equivs);
     merged->domains = base.domains;
-    nb::object seen = nb::none(), imports = nb::none();
-    AddAllToSet(seen, base.scopes_seen);
-    AddAllToSet(imports, base.resolved_imports);
+    std::vector<nb::handle> seen{base.scopes_seen}, imports{base.resolved_imports};
     for (const RecordSlot *slot : others) {
         const CScopeInfo &record = *slot->info;
         FoldNameMap(merged->type_equivs, record.type_equivs);
@@ -452,11 +469,11 @@ nb::ref<CScopeInfo> CInfoCache::BuildMerged(const ScopeEntry &scope_entry) {
                 merged->inst_type_equivs = nb::dict();
             FoldNameMap(merged->inst_type_equivs, record.inst_type_equivs);
         }
-        AddAllToSet(seen, record.scopes_seen);
-        AddAllToSet(imports, record.resolved_imports);
+        seen.push_back(record.scopes_seen);
+        imports.push_back(record.resolved_imports);
     }
-    merged->scopes_seen = seen.is_none() ? seen : nb::steal(PyFrozenSet_New(seen.ptr()));
-    merged->resolved_imports = imports.is_none() ? imports : nb::steal(PyFrozenSet_New(imports.ptr()));
+    merged->scopes_seen = UnionOfSets(seen);
+    merged->resolved_imports = UnionOfSets(imports);
     merged->finished = true;
     return merged;
 }
