@@ -189,7 +189,7 @@ void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
     const std::string &path = fDatabase->Origin();
     // Records of one file name few scopes many times: one object each.
     std::map<std::pair<std::string, std::string>, nb::object, std::less<>> made;
-    auto make_scope = [&](std::string_view url, std::string_view name) {
+    ScopeMaker make_scope = [&](std::string_view url, std::string_view name) {
         auto key = std::make_pair(std::string(url), std::string(name));
         auto it = made.find(key);
         if (it == made.end())
@@ -210,16 +210,7 @@ void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
         nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
         std::int64_t flags = nb::cast<std::int64_t>(row[6]);
         nb::ref<CScopeInfo> info(new CScopeInfo(key, row[4], row[5], (flags & 1) != 0));
-        info->type_equivs = DecodeNameMap(row[7], path);
-        if (!row[8].is_none())
-            info->inst_type_equivs = DecodeNameMap(row[8], path);
-        if (!row[9].is_none())
-            info->domains = DecodeNameMap(row[9], path);
-        if (!row[10].is_none())
-            info->scopes_seen = DecodeScopes(row[10], path, make_scope);
-        if (!row[11].is_none())
-            info->resolved_imports = DecodeScopes(row[11], path, make_scope);
-        info->finished = true;
+        DecodeRecordParts(*info, row[7], row[8], row[9], row[10], row[11], path, make_scope);
 
         RecordSlot slot;
         slot.scan_name = scan;

@@ -263,17 +263,23 @@ nb::ref<CScopeInfo> DecodeRecord(
         in.Damaged("a record has trailing bytes");
     if (maps[0].is_none())
         in.Damaged("a record has no name map");
-    info->type_equivs = DecodeNameMap(maps[0], origin);
-    if (!maps[1].is_none())
-        info->inst_type_equivs = DecodeNameMap(maps[1], origin);
-    if (!maps[2].is_none())
-        info->domains = DecodeNameMap(maps[2], origin);
-    if (!scopes[0].is_none())
-        info->scopes_seen = DecodeScopes(scopes[0], origin, make_scope);
-    if (!scopes[1].is_none())
-        info->resolved_imports = DecodeScopes(scopes[1], origin, make_scope);
-    info->finished = true;
+    DecodeRecordParts(*info, maps[0], maps[1], maps[2], scopes[0], scopes[1], origin, make_scope);
     return info;
+}
+
+void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
+                       nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
+                       const std::string &origin, const ScopeMaker &make_scope) {
+    info.type_equivs = DecodeNameMap(type_equivs, origin);
+    if (!inst_type_equivs.is_none())
+        info.inst_type_equivs = DecodeNameMap(inst_type_equivs, origin);
+    if (!domains.is_none())
+        info.domains = DecodeNameMap(domains, origin);
+    if (!scopes_seen.is_none())
+        info.scopes_seen = DecodeScopes(scopes_seen, origin, make_scope);
+    if (!resolved_imports.is_none())
+        info.resolved_imports = DecodeScopes(resolved_imports, origin, make_scope);
+    info.finished = true;
 }
 
 nb::bytes CScopeInfoSerializer::Dumps(nb::handle info) {

@@ -36,6 +36,14 @@ nb::object DecodeScopes(nb::handle blob, const std::string &origin,
 nb::bytes EncodeStrings(nb::handle strings);
 nb::object DecodeStrings(nb::handle blob, const std::string &origin);  // a frozenset of str
 
+using ScopeMaker = std::function<nb::object(std::string_view url, std::string_view name)>;
+
+// Fills a record's maps and dependency sets from their blobs (None: absent)
+// and marks it finished.
+void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
+                       nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
+                       const std::string &origin, const ScopeMaker &make_scope);
+
 // A whole record, key included, as one blob and back.
 nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(nb::handle loc)> &url_of);
 nb::ref<CScopeInfo> DecodeRecord(
