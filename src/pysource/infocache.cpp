@@ -1,0 +1,889 @@
+#include "pysource/infocache.h"
+
+#include <nanobind/stl/string.h>
+
+#include <algorithm>
+
+#include "pysource/recordcodec.h"
+#include "pysource/scope.h"
+#include "pysource/scopedependantcache.h"
+
+namespace pysource {
+
+namespace {
+
+// A disk time given as a number or None (no known time: -1.0).
+double DiskTimeArg(nb::handle value, const char *what) {
+    if (!value.is_valid() || value.is_none())
+        return -1.0;
+    double t = PyFloat_AsDouble(value.ptr());
+    if (t == -1.0 && PyErr_Occurred()) {
+        PyErr_Clear();
+        throw nb::type_error((std::string(what) + ": the disk time must be a number or None").c_str());
+    }
+    return t;
+}
+
+std::string ScanNameArg(nb::handle scan_name, const char *what) {
+    if (!PyUnicode_Check(scan_name.ptr()))
+        throw nb::type_error((std::string(what) + ": the scan name must be str").c_str());
+    return nb::cast<std::string>(scan_name);
+}
+
+nb::object CopyDict(nb::handle map) {
+    PyObject *copy = PyDict_Copy(map.ptr());
+    if (!copy)
+        throw nb::python_error();
+    return nb::steal(copy);
+}
+
+// Folds `addition` (dict str -> bytes) into `target`, joining the info of
+// names both hold.
+void FoldNameMap(nb::handle target, nb::handle addition) {
+    PyObject *name, *value;
+    Py_ssize_t pos = 0;
+    while (PyDict_Next(addition.ptr(), &pos, &name, &value)) {
+        PyObject *prior = PyDict_GetItemWithError(target.ptr(), name);
+        if (!prior && PyErr_Occurred())
+            throw nb::python_error();
+        nb::object merged = prior ? JoinCompoundInfo(prior, value) : nb::borrow(value);
+        if (PyDict_SetItem(target.ptr(), name, merged.ptr()) < 0)
+            throw nb::python_error();
+    }
+}
+
+// The union of the sets of `parts` (None entries left out) as a frozenset,
+// or None when every part is None.  One frozen part is shared as it is.
+nb::object UnionOfSets(const std::vector<nb::handle> &parts) {
+    nb::handle only;
+    std::size_t given = 0;
+    for (nb::handle part : parts)
+        if (!part.is_none() && PyObject_Length(part.ptr()) != 0) {
+            only = part;
+            ++given;
+        }
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    if (given == 0) {
+        for (nb::handle part : parts)
+            if (!part.is_none())
+                return nb::borrow(EmptyFrozenset());
+        return nb::none();
+    }
+    if (given == 1 && PyFrozenSet_CheckExact(only.ptr()))
+        return nb::borrow(only);
+    nb::object all = nb::steal(PySet_New(nullptr));
+    for (nb::handle part : parts)
+        if (!part.is_none())
+            for (nb::handle item : part)
+                if (PySet_Add(all.ptr(), item.ptr()) < 0)
+                    throw nb::python_error();
+    return nb::steal(PyFrozenSet_New(all.ptr()));
+}
+
+nb::object OptionalBlob(nb::handle value, nb::bytes (*encode)(nb::handle)) {
+    if (value.is_none())
+        return nb::none();
+    return encode(value);
+}
+
+}  // namespace
+
+CInfoCache::CInfoCache(nb::handle loc_cache, nb::handle db_path, std::string primary_scan_name)
+    : basekit::CDestroyable(nb::make_tuple("scopes-modified")),
+      fPrimaryScanName(std::move(primary_scan_name)) {
+    fLocCache = loc_cache.is_none()
+                    ? nb::module_::import_("pysource.locationcache").attr("CLocationCache")()
+                    : nb::borrow(loc_cache);
+    fPendingScopes = nb::steal(PySet_New(nullptr));
+    if (!db_path.is_none()) {
+        if (!PyUnicode_Check(db_path.ptr()) && !PyObject_HasAttrString(db_path.ptr(), "__fspath__"))
+            throw nb::type_error("CInfoCache: db_path must be a path or None");
+        OpenDatabase(nb::cast<std::string>(nb::module_::import_("os").attr("fspath")(db_path)));
+    }
+}
+
+CInfoCache::~CInfoCache() = default;
+
+// ---------------------------------------------------------------------------
+// Locations
+
+CInfoCache::LocEntry *CInfoCache::FindEntry(const std::string &url) {
+    auto it = fEntries.find(url);
+    return it == fEntries.end() ? nullptr : it->second.get();
+}
+
+CInfoCache::LocEntry &CInfoCache::EntryForUrl(const std::string &url, nb::handle loc_or_null) {
+    if (LocEntry *found = FindEntry(url))
+        return *found;
+    auto entry = std::make_unique<LocEntry>();
+    entry->url = url;
+    entry->loc = loc_or_null.is_valid() ? nb::borrow(loc_or_null) : LocationFromUrl(url);
+    entry->checksum = nb::none();
+    entry->words = nb::none();
+    if (!fDatabase)
+        entry->meta_loaded = entry->records_loaded = true;
+    LocEntry &out = *entry;
+    fEntries.emplace(url, std::move(entry));
+    return out;
+}
+
+CInfoCache::LocEntry &CInfoCache::EntryFor(nb::handle loc) {
+    auto it = fEntryByLoc.find(loc.ptr());
+    if (it != fEntryByLoc.end())
+        return *it->second.second;
+    LocEntry &entry = EntryForUrl(LocationUrl(loc), loc);
+    fEntryByLoc.emplace(loc.ptr(), std::make_pair(nb::borrow(loc), &entry));
+    return entry;
+}
+
+const std::string &CInfoCache::UrlOf(nb::handle loc) { return EntryFor(loc).url; }
+
+nb::object CInfoCache::LocationForUrl(std::string_view url) {
+    return EntryForUrl(std::string(url), nb::handle()).loc;
+}
+
+nb::object CInfoCache::ScopeFromStore(std::string_view url, std::string_view name) {
+    return MakeScope(LocationForUrl(url), name);
+}
+
+void CInfoCache::EnsureMeta(LocEntry &entry) {
+    if (entry.meta_loaded)
+        return;
+    entry.meta_loaded = true;
+    if (!fDatabase)
+        return;
+    nb::object row = fDatabase->LoadLocation(entry.url);
+    if (row.is_none())
+        return;
+    entry.db_id = nb::cast<std::int64_t>(row[0]);
+    entry.disk_mtime = nb::cast<double>(row[1]);
+    nb::object checksum = row[2];
+    if (nb::cast<std::int64_t>(row[3]) != 0)
+        checksum = nb::int_(checksum);
+    entry.checksum = checksum;
+    nb::object words = row[4];
+    entry.words = words.is_none() ? nb::none() : DecodeStrings(words, fDatabase->Origin());
+    for (nb::handle scan_row : fDatabase->LoadScansDone(entry.db_id))
+        entry.scans_done[nb::cast<std::string>(scan_row[0])] = nb::cast<double>(scan_row[1]);
+}
+
+void CInfoCache::EnsureRecords(LocEntry &entry) {
+    EnsureMeta(entry);
+    if (entry.records_loaded)
+        return;
+    entry.records_loaded = true;
+    if (!fDatabase || entry.db_id == 0)
+        return;
+    try {
+        LoadRecordRows(entry, fDatabase->LoadRecords(entry.db_id));
+    } catch (...) {
+        // Half a location would pass for all of it: drop what was read, so
+        // that every later use meets the same error.
+        EvictRecords(entry);
+        throw;
+    }
+}
+
+void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
+    const std::string &path = fDatabase->Origin();
+    // Records of one file name few scopes many times: one object each.
+    std::map<std::pair<std::string, std::string>, nb::object, std::less<>> made;
+    ScopeMaker make_scope = [&](std::string_view url, std::string_view name) {
+        auto key = std::make_pair(std::string(url), std::string(name));
+        auto it = made.find(key);
+        if (it == made.end())
+            it = made.emplace(std::move(key), ScopeFromStore(url, name)).first;
+        return it->second;
+    };
+    for (nb::handle row : rows) {
+        std::string scope_name = nb::cast<std::string>(row[0]);
+        nb::object scan_name = row[1];
+        std::string scanned_url = nb::cast<std::string>(row[2]);
+        std::string scanned_name = nb::cast<std::string>(row[3]);
+        std::string scan = nb::cast<std::string>(scan_name);
+        ScanId scan_id(scanned_url, scanned_name, scan);
+        if (fReplacedScans.count(scan_id))
+            continue;  // replaced by a newer scan whose rows are not written yet
+        nb::object for_scope = make_scope(entry.url, scope_name);
+        nb::object scanned = make_scope(scanned_url, scanned_name);
+        nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
+        std::int64_t flags = nb::cast<std::int64_t>(row[6]);
+        nb::ref<CScopeInfo> info(new CScopeInfo(key, row[4], row[5], (flags & 1) != 0));
+        DecodeRecordParts(*info, row[7], row[8], row[9], row[10], row[11], path, make_scope);
+
+        RecordSlot slot;
+        slot.scan_name = scan;
+        slot.scanned_url = scanned_url;
+        slot.scanned_name = scanned_name;
+        slot.info = info;
+        slot.persist = true;
+        if (scan == fPrimaryScanName && info->disk_mtime > entry.latest_record_mtime)
+            entry.latest_record_mtime = info->disk_mtime;
+        entry.scopes[scope_name].records.push_back(std::move(slot));
+        fRecordsOfScan[scan_id].emplace(entry.url, scope_name);
+        ++entry.record_count;
+        ++fRecordsInMemory;
+    }
+}
+
+Py_ssize_t CInfoCache::LocationsInMemory() const {
+    Py_ssize_t n = 0;
+    for (auto &[url, entry] : fEntries)
+        if (entry->records_loaded && entry->record_count)
+            ++n;
+    return n;
+}
+
+// ---------------------------------------------------------------------------
+// Records
+
+AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
+    CScopeInfoKey &key = *info.key;
+    LocEntry &entry = EntryFor(key.fForView.loc);
+    EnsureRecords(entry);
+    Touch(entry);
+    std::string scope_name(key.fForView.name_view);
+    std::string scanned_url = UrlOf(key.fScannedView.loc);
+    std::string scanned_name(key.fScannedView.name_view);
+
+    auto scope_it = entry.scopes.find(scope_name);
+    std::size_t index = 0;
+    bool found = false;
+    if (scope_it != entry.scopes.end()) {
+        auto &records = scope_it->second.records;
+        for (; index < records.size(); ++index) {
+            const RecordSlot &slot = records[index];
+            if (slot.scan_name == key.fScanName && slot.scanned_name == scanned_name &&
+                slot.scanned_url == scanned_url) {
+                found = true;
+                break;
+            }
+        }
+    }
+
+    if (info.not_found) {
+        if (found) {
+            RemoveSlot(entry, scope_name, index);
+            NoteChanged(key.for_scope);
+        }
+        return AddResult::kDiscarded;
+    }
+    if (key.fScanName == fPrimaryScanName) {
+        if (info.disk_mtime > entry.latest_record_mtime)
+            entry.latest_record_mtime = info.disk_mtime;
+        nb::cast<symbolinfo::CScope &>(key.for_scope).fPrimaryScanned = true;
+    }
+
+    if (found) {
+        ScopeEntry &scope_entry = scope_it->second;
+        RecordSlot &slot = scope_entry.records[index];
+        bool same = slot.info.get() != &info && slot.info->SameContent(info);
+        bool same_time = slot.info->disk_mtime == info.disk_mtime;
+        bool was_written = slot.persist && !slot.dirty;
+        slot.info = nb::ref<CScopeInfo>(&info);
+        if (persist && !(same && same_time && was_written) && !slot.dirty) {
+            slot.dirty = true;
+            ++entry.dirty_records;
+            MarkDirty(entry);
+        } else if (!persist && slot.dirty) {
+            slot.dirty = false;
+            --entry.dirty_records;
+        }
+        slot.persist = persist;
+        if (scope_entry.merged) {
+            scope_entry.merged.reset();
+            --fMergedCount;
+        }
+        if (same)
+            return AddResult::kUnchanged;
+        NoteChanged(key.for_scope);
+        return AddResult::kChanged;
+    }
+
+    RecordSlot slot;
+    slot.scan_name = key.fScanName;
+    slot.scanned_url = scanned_url;
+    slot.scanned_name = scanned_name;
+    slot.info = nb::ref<CScopeInfo>(&info);
+    slot.persist = persist;
+    slot.dirty = persist;
+    if (persist) {
+        ++entry.dirty_records;
+        MarkDirty(entry);
+    }
+    ScopeEntry &scope_entry = entry.scopes[scope_name];
+    scope_entry.records.push_back(std::move(slot));
+    if (scope_entry.merged) {
+        scope_entry.merged.reset();
+        --fMergedCount;
+    }
+    fRecordsOfScan[ScanId(scanned_url, scanned_name, key.fScanName)].emplace(entry.url, scope_name);
+    ++entry.record_count;
+    ++fRecordsInMemory;
+    NoteChanged(key.for_scope);
+    return AddResult::kChanged;
+}
+
+void CInfoCache::RemoveSlot(LocEntry &entry, const std::string &scope_name, std::size_t index) {
+    auto scope_it = entry.scopes.find(scope_name);
+    ScopeEntry &scope_entry = scope_it->second;
+    RecordSlot &slot = scope_entry.records[index];
+    if (slot.dirty)
+        --entry.dirty_records;
+    if (fDatabase && entry.db_id != 0) {
+        entry.deleted.emplace_back(scope_name, slot.scan_name, slot.scanned_url, slot.scanned_name);
+        MarkDirty(entry);
+    }
+    auto scan_it = fRecordsOfScan.find(ScanId(slot.scanned_url, slot.scanned_name, slot.scan_name));
+    if (scan_it != fRecordsOfScan.end()) {
+        scan_it->second.erase(RecordPlace(entry.url, scope_name));
+        if (scan_it->second.empty())
+            fRecordsOfScan.erase(scan_it);
+    }
+    scope_entry.records.erase(scope_entry.records.begin() + (std::ptrdiff_t) index);
+    if (scope_entry.merged) {
+        scope_entry.merged.reset();
+        --fMergedCount;
+    }
+    if (scope_entry.records.empty())
+        entry.scopes.erase(scope_it);
+    --entry.record_count;
+    --fRecordsInMemory;
+}
+
+void CInfoCache::RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPlace> *keep) {
+    auto scan_it = fRecordsOfScan.find(scan);
+    if (scan_it == fRecordsOfScan.end())
+        return;
+    std::vector<RecordPlace> places(scan_it->second.begin(), scan_it->second.end());
+    for (const RecordPlace &place : places) {
+        if (keep && keep->count(place))
+            continue;
+        LocEntry *entry = FindEntry(place.first);
+        if (!entry || !entry->records_loaded)
+            continue;
+        auto scope_it = entry->scopes.find(place.second);
+        if (scope_it == entry->scopes.end())
+            continue;
+        auto &records = scope_it->second.records;
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            const RecordSlot &slot = records[i];
+            if (slot.scan_name == std::get<2>(scan) && slot.scanned_name == std::get<1>(scan) &&
+                slot.scanned_url == std::get<0>(scan)) {
+                nb::object scope = slot.info->key->for_scope;
+                RemoveSlot(*entry, place.second, i);
+                NoteChanged(scope);
+                break;
+            }
+        }
+    }
+}
+
+nb::object CInfoCache::AddScopeInfo(nb::handle info, bool can_write) {
+    CScopeInfo &record = AsScopeInfo(info);
+    return AddResultObject(AddRecord(record, can_write));
+}
+
+nb::object CInfoCache::AddScopeInfoListForSingleScan(nb::handle scope, nb::handle scan_name,
+                                                     nb::handle infos, bool replace_previous) {
+    ScopeView view = ViewScope(scope);
+    std::string scan = ScanNameArg(scan_name, "AddScopeInfoListForSingleScan");
+    ScanId scan_id(UrlOf(view.loc), std::string(view.name_view), scan);
+
+    std::vector<std::pair<CScopeInfo *, nb::object>> records;  // the objects keep the records alive
+    std::set<RecordPlace> places;
+    for (nb::handle item : infos) {
+        CScopeInfo &record = AsScopeInfo(item);
+        const CScopeInfoKey &key = *record.key;
+        if (key.fScanName != scan || key.fScannedView.name_view != view.name_view ||
+            UrlOf(key.fScannedView.loc) != std::get<0>(scan_id))
+            throw nb::value_error("AddScopeInfoListForSingleScan: a record's key names another scan");
+        places.emplace(UrlOf(key.fForView.loc), std::string(key.fForView.name_view));
+        records.emplace_back(&record, nb::borrow(item));
+    }
+    if (replace_previous) {
+        RemoveRecordsOfScan(scan_id, &places);
+        if (fDatabase)
+            fReplacedScans.insert(scan_id);
+    }
+    Py_ssize_t changed = 0;
+    for (auto &[record, obj] : records)
+        if (AddRecord(*record, true) == AddResult::kChanged)
+            ++changed;
+    fScansWithNewRecords.insert(scan_id);
+    return nb::int_(changed);
+}
+
+void CInfoCache::FinishedWithScans(nb::handle scope, nb::handle scan_name) {
+    ScopeView view = ViewScope(scope);
+    std::string scan = ScanNameArg(scan_name, "FinishedWithScans");
+    ScanId scan_id(UrlOf(view.loc), std::string(view.name_view), scan);
+    if (fScansWithNewRecords.erase(scan_id))
+        return;
+    // The scan ended with nothing to say: what it said before is void.
+    RemoveRecordsOfScan(scan_id, nullptr);
+    if (fDatabase)
+        fReplacedScans.insert(scan_id);
+}
+
+nb::ref<CScopeInfo> CInfoCache::BuildMerged(const ScopeEntry &scope_entry) {
+    const RecordSlot *primary = nullptr;
+    std::vector<const RecordSlot *> others;
+    for (const RecordSlot &slot : scope_entry.records) {
+        if (!primary && slot.scan_name == fPrimaryScanName)
+            primary = &slot;
+        else
+            others.push_back(&slot);
+    }
+    if (!primary)
+        return nb::ref<CScopeInfo>();
+    if (others.empty())
+        return primary->info;
+    std::sort(others.begin(), others.end(), [](const RecordSlot *a, const RecordSlot *b) {
+        return std::tie(a->scan_name, a->scanned_url, a->scanned_name) <
+               std::tie(b->scan_name, b->scanned_url, b->scanned_name);
+    });
+    const CScopeInfo &base = *primary->info;
+    nb::ref<CScopeInfo> merged(new CScopeInfo(base.key, base.ibytes, nb::float_(base.disk_mtime),
+                                              base.incomplete));
+    merged->type_equivs = nb::borrow<nb::dict>(CopyDict(base.type_equivs));
+    if (!base.inst_type_equivs.is_none())
+        merged->inst_type_equivs = CopyDict(base.inst_type_equivs);
+    merged->domains = base.domains;
+    std::vector<nb::handle> seen{base.scopes_seen}, imports{base.resolved_imports};
+    for (const RecordSlot *slot : others) {
+        const CScopeInfo &record = *slot->info;
+        FoldNameMap(merged->type_equivs, record.type_equivs);
+        if (!record.inst_type_equivs.is_none()) {
+            if (merged->inst_type_equivs.is_none())
+                merged->inst_type_equivs = nb::dict();
+            FoldNameMap(merged->inst_type_equivs, record.inst_type_equivs);
+        }
+        seen.push_back(record.scopes_seen);
+        imports.push_back(record.resolved_imports);
+    }
+    merged->scopes_seen = UnionOfSets(seen);
+    merged->resolved_imports = UnionOfSets(imports);
+    merged->finished = true;
+    return merged;
+}
+
+nb::object CInfoCache::GetScopeInfo(nb::handle scope) {
+    ScopeView view = ViewScope(scope);
+    LocEntry &entry = EntryFor(view.loc);
+    EnsureRecords(entry);
+    Touch(entry);
+    auto it = entry.scopes.find(view.name_view);
+    if (it == entry.scopes.end())
+        return nb::none();
+    ScopeEntry &scope_entry = it->second;
+    if (scope_entry.merged)
+        return nb::cast(scope_entry.merged.get());
+    nb::ref<CScopeInfo> merged = BuildMerged(scope_entry);
+    if (!merged)
+        return nb::none();
+    if (scope_entry.records.size() > 1) {
+        scope_entry.merged = merged;
+        ++fMergedCount;
+    }
+    return nb::cast(merged.get());
+}
+
+Py_ssize_t CInfoCache::CountScopeInfoRecords(nb::handle scope) {
+    ScopeView view = ViewScope(scope);
+    LocEntry &entry = EntryFor(view.loc);
+    EnsureRecords(entry);
+    auto it = entry.scopes.find(view.name_view);
+    if (it == entry.scopes.end())
+        return -1;
+    return (Py_ssize_t) it->second.records.size();
+}
+
+nb::list CInfoCache::GetScopeInfoRecords(nb::handle scope) {
+    ScopeView view = ViewScope(scope);
+    LocEntry &entry = EntryFor(view.loc);
+    EnsureRecords(entry);
+    nb::list out;
+    auto it = entry.scopes.find(view.name_view);
+    if (it != entry.scopes.end())
+        for (const RecordSlot &slot : it->second.records)
+            out.append(nb::cast(slot.info.get()));
+    return out;
+}
+
+nb::list CInfoCache::GetScopesForLoc(nb::handle loc) {
+    LocEntry &entry = EntryFor(loc);
+    EnsureRecords(entry);
+    std::vector<std::string> names;
+    for (auto &[name, scope_entry] : entry.scopes)
+        names.push_back(name);
+    std::sort(names.begin(), names.end());
+    nb::list out;
+    for (const std::string &name : names)
+        out.append(nb::str(name.data(), name.size()));
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// Per-location facts
+
+double CInfoCache::GetLocDiskMTime(nb::handle loc) {
+    LocEntry &entry = MetaOf(loc);
+    if (entry.disk_mtime > 1.0)
+        return entry.disk_mtime;
+    if (entry.latest_record_mtime > 1.0)
+        return entry.latest_record_mtime;
+    return entry.disk_mtime;
+}
+
+void CInfoCache::ChangeScansDone(nb::handle loc, nb::handle scan_name, bool done, nb::handle disk_mtime) {
+    std::string scan = ScanNameArg(scan_name, "ChangeScansDone");
+    double t = DiskTimeArg(disk_mtime, "ChangeScansDone");
+    LocEntry &entry = MetaOf(loc);
+    if (done) {
+        entry.scans_done[scan] = t;
+        if (t > 1.0)
+            entry.disk_mtime = t;
+    } else {
+        entry.scans_done.erase(scan);
+    }
+    MetaChanged(entry);
+}
+
+void CInfoCache::SetEOLBlindChecksum(nb::handle loc, nb::handle checksum, nb::handle mtime) {
+    double t = DiskTimeArg(mtime, "SetEOLBlindChecksum");
+    LocEntry &entry = MetaOf(loc);
+    entry.checksum = nb::borrow(checksum);
+    if (t > 1.0)
+        entry.disk_mtime = t;
+    MetaChanged(entry);
+}
+
+nb::object CInfoCache::GetScansDone(nb::handle loc) {
+    LocEntry &entry = MetaOf(loc);
+    nb::dict out;
+    for (auto &[scan, t] : entry.scans_done)
+        out[nb::str(scan.data(), scan.size())] = nb::float_(t);
+    return out;
+}
+
+bool CInfoCache::IsScanDone(nb::handle loc, nb::handle scan_name, nb::handle disk_mtime) {
+    std::string scan = ScanNameArg(scan_name, "IsScanDone");
+    double t = DiskTimeArg(disk_mtime, "IsScanDone");
+    LocEntry &entry = MetaOf(loc);
+    auto it = entry.scans_done.find(scan);
+    return it != entry.scans_done.end() && t > 1.0 && it->second == t;
+}
+
+nb::object CInfoCache::GetEOLBlindChecksum(nb::handle loc) {
+    LocEntry &entry = MetaOf(loc);
+    return entry.checksum;
+}
+
+void CInfoCache::SaveWords(nb::handle loc, nb::handle words) {
+    nb::object frozen = nb::steal(PyFrozenSet_New(words.ptr()));
+    if (!frozen.is_valid())
+        throw nb::python_error();
+    for (nb::handle word : frozen)
+        if (!PyUnicode_Check(word.ptr()))
+            throw nb::type_error("SaveWords: words must be str");
+    LocEntry &entry = MetaOf(loc);
+    entry.words = frozen;
+    MetaChanged(entry);
+}
+
+nb::object CInfoCache::GetWords(nb::handle loc) {
+    LocEntry &entry = MetaOf(loc);
+    return entry.words;
+}
+
+// ---------------------------------------------------------------------------
+// Notifications
+
+void CInfoCache::NoteChanged(nb::handle scope) {
+    CScopeDependantCache::InvalidateScopeEverywhere(scope);
+    if (fDeferDepth > 0) {
+        if (PySet_Add(fPendingScopes.ptr(), scope.ptr()) < 0)
+            throw nb::python_error();
+        return;
+    }
+    if (ConnectionCount("scopes-modified") == 0)
+        return;
+    nb::object batch = nb::steal(PyFrozenSet_New(nb::make_tuple(scope).ptr()));
+    emit("scopes-modified", nb::make_tuple(SelfObject(), batch));
+}
+
+void CInfoCache::BeginDeferScopesModified() { ++fDeferDepth; }
+
+void CInfoCache::FlushScopesModified() {
+    if (fDeferDepth == 0)
+        throw std::runtime_error("FlushScopesModified without a matching BeginDeferScopesModified");
+    if (--fDeferDepth > 0 || PySet_GET_SIZE(fPendingScopes.ptr()) == 0)
+        return;
+    nb::object batch = nb::steal(PyFrozenSet_New(fPendingScopes.ptr()));
+    fPendingScopes = nb::steal(PySet_New(nullptr));
+    if (ConnectionCount("scopes-modified") == 0)
+        return;
+    emit("scopes-modified", nb::make_tuple(SelfObject(), batch));
+}
+
+// ---------------------------------------------------------------------------
+// Memory bound
+
+bool CInfoCache::CanEvict(const LocEntry &entry) const {
+    if (!entry.records_loaded || entry.record_count == 0 || entry.dirty_records ||
+        !entry.deleted.empty() || entry.meta_dirty)
+        return false;
+    for (auto &[name, scope_entry] : entry.scopes)
+        for (const RecordSlot &slot : scope_entry.records)
+            if (!slot.persist ||
+                fReplacedScans.count(ScanId(slot.scanned_url, slot.scanned_name, slot.scan_name)))
+                return false;
+    return true;
+}
+
+void CInfoCache::EvictRecords(LocEntry &entry) {
+    for (auto &[name, scope_entry] : entry.scopes) {
+        if (scope_entry.merged)
+            --fMergedCount;
+        for (const RecordSlot &slot : scope_entry.records) {
+            auto it = fRecordsOfScan.find(ScanId(slot.scanned_url, slot.scanned_name, slot.scan_name));
+            if (it != fRecordsOfScan.end()) {
+                it->second.erase(RecordPlace(entry.url, name));
+                if (it->second.empty())
+                    fRecordsOfScan.erase(it);
+            }
+        }
+    }
+    fRecordsInMemory -= entry.record_count;
+    entry.scopes.clear();
+    entry.record_count = 0;
+    entry.records_loaded = false;
+}
+
+void CInfoCache::Trim() {
+    if ((Py_ssize_t) fMergedCount > fMaxMergedInfos) {
+        for (auto &[url, entry] : fEntries)
+            for (auto &[name, scope_entry] : entry->scopes)
+                scope_entry.merged.reset();
+        fMergedCount = 0;
+    }
+    if (!fDatabase || (Py_ssize_t) fRecordsInMemory <= fMaxRecordsInMemory ||
+        fRecordsInMemory < fNextEvictionAttempt)
+        return;
+    std::vector<LocEntry *> candidates;
+    for (auto &[url, entry] : fEntries)
+        if (CanEvict(*entry))
+            candidates.push_back(entry.get());
+    std::sort(candidates.begin(), candidates.end(),
+              [](const LocEntry *a, const LocEntry *b) { return a->last_use < b->last_use; });
+    std::size_t goal = (std::size_t) (fMaxRecordsInMemory / 4 * 3);
+    for (LocEntry *entry : candidates) {
+        if (fRecordsInMemory <= goal)
+            break;
+        EvictRecords(*entry);
+    }
+    // Still above the bound: everything left waits to be written.  Don't
+    // look again on every call, only after a write or real growth.
+    fNextEvictionAttempt = (Py_ssize_t) fRecordsInMemory > fMaxRecordsInMemory
+                               ? fRecordsInMemory + (std::size_t) fMaxRecordsInMemory / 10 + 1
+                               : 0;
+}
+
+// ---------------------------------------------------------------------------
+// The database
+
+void CInfoCache::OpenDatabase(const std::string &path) {
+    if (fDatabase)
+        throw std::runtime_error("CInfoCache: a database is open already; close it first");
+    if (!fEntries.empty())
+        throw std::runtime_error("CInfoCache: a database can only be opened on an empty cache");
+    fDatabase = std::make_unique<CInfoDatabase>(path);
+    if (!fDatabase->OpenMessage().empty())
+        nb::module_::import_("logging").attr("getLogger")("pysource.scopeinfo").attr("warning")(
+            fDatabase->OpenMessage());
+}
+
+void CInfoCache::CloseDatabase() {
+    if (!fDatabase)
+        return;
+    std::unique_ptr<CInfoDatabase> db = std::move(fDatabase);
+    db->Close();
+    // What is in memory stays and is now all there is.
+    for (auto &[url, entry] : fEntries) {
+        entry->meta_loaded = entry->records_loaded = true;
+        entry->deleted.clear();
+    }
+    fReplacedScans.clear();
+}
+
+nb::object CInfoCache::DatabasePath() const {
+    if (!fDatabase)
+        return nb::none();
+    return nb::str(fDatabase->Path().c_str());
+}
+
+nb::object CInfoCache::DatabaseMessage() const {
+    if (!fDatabase || fDatabase->OpenMessage().empty())
+        return nb::none();
+    return nb::str(fDatabase->OpenMessage().c_str());
+}
+
+nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope_name,
+                                 const RecordSlot &slot, std::int64_t scanned_id) {
+    const CScopeInfo &info = *slot.info;
+    auto url_of = [this](nb::handle loc) { return UrlOf(loc); };
+    auto scopes_blob = [&](nb::handle scopes) -> nb::object {
+        if (scopes.is_none())
+            return nb::none();
+        return EncodeScopes(scopes, url_of);
+    };
+    return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, scanned_id, slot.scanned_name, info.ibytes, info.disk_mtime, info.incomplete ? 1 : 0,
+                          EncodeNameMap(info.type_equivs),
+                          OptionalBlob(info.inst_type_equivs, &EncodeNameMap),
+                          OptionalBlob(info.domains, &EncodeNameMap), scopes_blob(info.scopes_seen),
+                          scopes_blob(info.resolved_imports));
+}
+
+nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
+    if (!fDatabase)
+        return nb::int_(0);
+    bool all = locs.is_none();
+    std::set<std::string> urls;
+    if (!all)
+        for (nb::handle loc : locs)
+            urls.insert(UrlOf(loc));
+    auto wanted = [&](const std::string &url) { return all || urls.count(url) != 0; };
+
+    std::vector<std::pair<LocEntry *, RecordSlot *>> written;
+    std::unordered_set<const RecordSlot *> written_set;
+    std::vector<LocEntry *> meta_written, new_ids, partial_deletes;
+    std::vector<ScanId> scans_replaced;
+    nb::list upserts, deletes;
+    auto db_id_of = [&](LocEntry &entry) {
+        if (entry.db_id == 0) {
+            entry.db_id = fDatabase->EnsureLocation(entry.url);
+            new_ids.push_back(&entry);
+        }
+        return entry.db_id;
+    };
+    // The id of a location that may be in the file already, or 0.
+    auto stored_id_of = [&](const std::string &url) -> std::int64_t {
+        LocEntry &entry = EntryForUrl(url, nb::handle());
+        EnsureMeta(entry);
+        return entry.db_id;
+    };
+    auto write_slot = [&](LocEntry &entry, const std::string &scope_name, RecordSlot &slot) {
+        if (!written_set.insert(&slot).second)
+            return;
+        db_id_of(entry);
+        std::int64_t scanned_id = db_id_of(EntryForUrl(slot.scanned_url, nb::handle()));
+        upserts.append(RowForSlot(entry, scope_name, slot, scanned_id));
+        written.emplace_back(&entry, &slot);
+    };
+
+    fDatabase->Begin();
+    try {
+        nb::list replaced_rows;
+        for (const ScanId &scan : fReplacedScans)
+            if (wanted(std::get<0>(scan)))
+                if (std::int64_t id = stored_id_of(std::get<0>(scan)))
+                    replaced_rows.append(nb::make_tuple(id, std::get<1>(scan), std::get<2>(scan)));
+        fDatabase->DeleteRecordsOfScans(replaced_rows);
+        for (const ScanId &scan : fReplacedScans) {
+            if (!wanted(std::get<0>(scan)))
+                continue;
+            scans_replaced.push_back(scan);
+            auto it = fRecordsOfScan.find(scan);
+            if (it == fRecordsOfScan.end())
+                continue;
+            for (const RecordPlace &place : it->second) {
+                LocEntry *entry = FindEntry(place.first);
+                auto scope_it = entry->scopes.find(place.second);
+                for (RecordSlot &slot : scope_it->second.records)
+                    if (slot.persist && slot.scan_name == std::get<2>(scan) &&
+                        slot.scanned_name == std::get<1>(scan) && slot.scanned_url == std::get<0>(scan))
+                        write_slot(*entry, place.second, slot);
+            }
+        }
+        for (LocEntry *entry : fDirtyEntries) {
+            bool whole = wanted(entry->url);
+            if (whole && entry->meta_dirty) {
+                std::int64_t id = db_id_of(*entry);
+                fDatabase->WriteLocationMeta(
+                    id, entry->disk_mtime, entry->checksum,
+                    entry->words.is_none() ? nb::object(nb::none()) : nb::object(EncodeStrings(entry->words)));
+                nb::list done_rows;
+                for (auto &[scan, t] : entry->scans_done)
+                    done_rows.append(nb::make_tuple(id, scan, t));
+                fDatabase->ReplaceScansDone(id, done_rows);
+                meta_written.push_back(entry);
+            }
+            if (!entry->deleted.empty() && entry->db_id != 0) {
+                for (auto &[scope, scan, scanned_url, scanned_name] : entry->deleted)
+                    if (whole || wanted(scanned_url))
+                        if (std::int64_t scanned_id = stored_id_of(scanned_url))
+                            deletes.append(
+                                nb::make_tuple(entry->db_id, scope, scan, scanned_id, scanned_name));
+                partial_deletes.push_back(entry);
+            }
+            if (entry->dirty_records == 0)
+                continue;
+            for (auto &[scope_name, scope_entry] : entry->scopes)
+                for (RecordSlot &slot : scope_entry.records)
+                    if (slot.dirty && (whole || wanted(slot.scanned_url)))
+                        write_slot(*entry, scope_name, slot);
+        }
+        fDatabase->DeleteRecords(deletes);
+        // In key order the B-tree fills page by page instead of at random.
+        upserts.sort();
+        fDatabase->UpsertRecords(upserts);
+        CInfoDatabase::CallWriteHook(fDatabase->Path());
+        fDatabase->Commit();
+    } catch (...) {
+        fDatabase->Rollback();
+        for (LocEntry *entry : new_ids)
+            entry->db_id = 0;
+        throw;
+    }
+
+    for (auto &[entry, slot] : written)
+        if (slot->dirty) {
+            slot->dirty = false;
+            --entry->dirty_records;
+        }
+    for (LocEntry *entry : meta_written)
+        entry->meta_dirty = false;
+    for (LocEntry *entry : partial_deletes) {
+        bool whole = wanted(entry->url);
+        auto &rows = entry->deleted;
+        rows.erase(std::remove_if(rows.begin(), rows.end(),
+                                  [&](const auto &row) { return whole || wanted(std::get<2>(row)); }),
+                   rows.end());
+    }
+    for (const ScanId &scan : scans_replaced)
+        fReplacedScans.erase(scan);
+    fNextEvictionAttempt = 0;
+    for (auto it = fDirtyEntries.begin(); it != fDirtyEntries.end();) {
+        LocEntry *entry = *it;
+        if (entry->dirty_records == 0 && entry->deleted.empty() && !entry->meta_dirty)
+            it = fDirtyEntries.erase(it);
+        else
+            ++it;
+    }
+    return nb::int_((Py_ssize_t) written.size());
+}
+
+void CInfoCache::_destroy_impl() {
+    CloseDatabase();
+    fEntryByLoc.clear();
+    fEntries.clear();
+    fRecordsOfScan.clear();
+    fScansWithNewRecords.clear();
+    fDirtyEntries.clear();
+    fRecordsInMemory = fMergedCount = 0;
+    fPendingScopes = nb::steal(PySet_New(nullptr));
+}
+
+}  // namespace pysource

@@ -1,0 +1,183 @@
+// CInfoCache: the store of all scan records.
+//
+// Records are kept per location and per scope.  One scope may hold several
+// records: its primary record and derived records made by scans of many
+// other scopes; GetScopeInfo merges them into one info (kept until one of
+// them changes).  Besides records the cache keeps, per location, the disk
+// time and line-end blind checksum of the last finished scan, the scans-done
+// marks and the words of the file.
+//
+// With a database attached (infodatabase.h) the store is backed by an SQLite
+// file: a location's records are read on first use, written back by
+// WriteToDatabase, and Trim may drop clean locations from memory to stay
+// under a bound.  Changed scopes are announced on the "scopes-modified"
+// signal, one batch per outermost BeginDeferScopesModified /
+// FlushScopesModified bracket; CScopeDependantCache entries that depend on a
+// changed scope are dropped at once.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "basekit/destroyable.h"
+#include "pysource/infodatabase.h"
+#include "pysource/scopeinfo.h"
+
+namespace nb = nanobind;
+
+namespace pysource {
+
+class CInfoCache : public basekit::CDestroyable {
+public:
+    // `loc_cache`: the CLocationCache (a default one when None).  `db_path`:
+    // an SQLite file to open (None: memory only).  `primary_scan_name`: the
+    // scan name of primary records, the base of a merged info.
+    CInfoCache(nb::handle loc_cache, nb::handle db_path, std::string primary_scan_name);
+    ~CInfoCache() override;
+
+    // Operations in slot order.
+    virtual nb::object AddScopeInfo(nb::handle info, bool can_write);
+    virtual nb::object AddScopeInfoListForSingleScan(nb::handle scope, nb::handle scan_name,
+                                                     nb::handle infos, bool replace_previous);
+    virtual double GetLocDiskMTime(nb::handle loc);
+    virtual nb::object GetScopeInfo(nb::handle scope);
+    virtual Py_ssize_t CountScopeInfoRecords(nb::handle scope);
+    virtual nb::object WriteToDatabase(nb::handle locs);
+    virtual void FinishedWithScans(nb::handle scope, nb::handle scan_name);
+    virtual void Trim();
+    virtual void BeginDeferScopesModified();
+    virtual void FlushScopesModified();
+    virtual void ChangeScansDone(nb::handle loc, nb::handle scan_name, bool done, nb::handle disk_mtime);
+    virtual void SetEOLBlindChecksum(nb::handle loc, nb::handle checksum, nb::handle mtime);
+    void _destroy_impl() override;
+
+    // Queries beside the contract.
+    nb::object GetScansDone(nb::handle loc);           // dict scan name -> disk time
+    bool IsScanDone(nb::handle loc, nb::handle scan_name, nb::handle disk_mtime);
+    nb::object GetEOLBlindChecksum(nb::handle loc);    // the object given, or None
+    void SaveWords(nb::handle loc, nb::handle words);  // the word store of logical caches
+    nb::object GetWords(nb::handle loc);               // frozenset of str, or None
+    nb::list GetScopeInfoRecords(nb::handle scope);    // the records behind a merged info
+    nb::list GetScopesForLoc(nb::handle loc);          // scope names with records
+
+    // The database.
+    void OpenDatabase(const std::string &path);
+    void CloseDatabase();
+    nb::object DatabasePath() const;
+    nb::object DatabaseMessage() const;
+
+    // Sizes, for Trim and for reports.
+    Py_ssize_t RecordsInMemory() const { return (Py_ssize_t) fRecordsInMemory; }
+    Py_ssize_t LocationsInMemory() const;
+    int DeferDepth() const { return fDeferDepth; }
+
+    nb::object fLocCache;
+    std::string fPrimaryScanName;
+    // Trim drops clean locations (database only) above this many records,
+    // down to three quarters of it, and merged infos above fMaxMergedInfos.
+    Py_ssize_t fMaxRecordsInMemory = 1000000;
+    Py_ssize_t fMaxMergedInfos = 50000;
+
+private:
+    // Lets maps keyed by std::string be searched with a string_view.
+    struct TextHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+    // One record of a scope, named by the scan that made it.
+    struct RecordSlot {
+        std::string scan_name;
+        std::string scanned_url;
+        std::string scanned_name;
+        nb::ref<CScopeInfo> info;
+        bool persist = false;  // may be written to the database
+        bool dirty = false;    // not yet in the database as it stands
+    };
+    struct ScopeEntry {
+        std::vector<RecordSlot> records;
+        nb::ref<CScopeInfo> merged;
+    };
+    struct LocEntry {
+        nb::object loc;
+        std::string url;
+        std::unordered_map<std::string, ScopeEntry, TextHash, std::equal_to<>> scopes;
+        double disk_mtime = -1.0;           // of the last finished scan
+        double latest_record_mtime = -1.0;  // of primary records added
+        nb::object checksum;
+        std::map<std::string, double> scans_done;
+        nb::object words;
+        std::int64_t db_id = 0;             // 0: not in the database yet
+        bool meta_loaded = false;
+        bool records_loaded = false;
+        bool meta_dirty = false;
+        std::size_t dirty_records = 0;
+        std::size_t record_count = 0;
+        std::uint64_t last_use = 0;
+        // Rows to delete: (scope, scan name, scanned URL, scanned scope).
+        std::vector<std::tuple<std::string, std::string, std::string, std::string>> deleted;
+    };
+    // One scan of one scope: (scanned URL, scanned scope name, scan name).
+    using ScanId = std::tuple<std::string, std::string, std::string>;
+    // A record's place: (target URL, target scope name).
+    using RecordPlace = std::pair<std::string, std::string>;
+
+    LocEntry &EntryFor(nb::handle loc);
+    LocEntry &EntryForUrl(const std::string &url, nb::handle loc_or_null);
+    const std::string &UrlOf(nb::handle loc);
+    void EnsureMeta(LocEntry &entry);
+    void EnsureRecords(LocEntry &entry);
+    void LoadRecordRows(LocEntry &entry, nb::handle rows);
+    nb::object ScopeFromStore(std::string_view url, std::string_view name);
+    nb::object LocationForUrl(std::string_view url);
+    LocEntry *FindEntry(const std::string &url);
+
+    AddResult AddRecord(CScopeInfo &info, bool persist);
+    void RemoveSlot(LocEntry &entry, const std::string &scope_name, std::size_t index);
+    void RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPlace> *keep);
+    void NoteChanged(nb::handle scope);
+    nb::ref<CScopeInfo> BuildMerged(const ScopeEntry &scopes);
+    void Touch(LocEntry &entry) { entry.last_use = ++fUseClock; }
+    void EvictRecords(LocEntry &entry);
+
+    nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
+                         std::int64_t scanned_id);
+    void MarkDirty(LocEntry &entry) { fDirtyEntries.insert(&entry); }
+    // The entry of `loc` with its stored facts read.
+    LocEntry &MetaOf(nb::handle loc) {
+        LocEntry &entry = EntryFor(loc);
+        EnsureMeta(entry);
+        return entry;
+    }
+    void MetaChanged(LocEntry &entry) {
+        entry.meta_dirty = true;
+        MarkDirty(entry);
+    }
+    bool CanEvict(const LocEntry &entry) const;
+
+    std::unique_ptr<CInfoDatabase> fDatabase;
+    std::unordered_map<std::string, std::unique_ptr<LocEntry>> fEntries;  // by URL
+    // Location objects seen, by identity, with the entry of their URL.
+    std::unordered_map<PyObject *, std::pair<nb::object, LocEntry *>> fEntryByLoc;
+    std::map<ScanId, std::set<RecordPlace>> fRecordsOfScan;
+    std::set<ScanId> fScansWithNewRecords;  // listed since their last FinishedWithScans
+    std::set<ScanId> fReplacedScans;        // whose rows the next write replaces wholesale
+    std::unordered_set<LocEntry *> fDirtyEntries;  // with anything not yet written
+    std::size_t fRecordsInMemory = 0;
+    std::size_t fMergedCount = 0;
+    std::size_t fNextEvictionAttempt = 0;  // Trim waits for this many records
+    std::uint64_t fUseClock = 0;
+    int fDeferDepth = 0;
+    nb::object fPendingScopes;  // set of scopes changed while deferred
+};
+
+}  // namespace pysource

@@ -1,0 +1,110 @@
+// The SQLite file behind CInfoCache, reached through Python's built-in
+// sqlite3 module.
+//
+// One file holds the records of every scanned scope, the scans-done marks,
+// the line-end blind checksums and disk times of locations, and the words
+// that logical line caches hand over.  The file runs in WAL mode, so a reader
+// in another process can query while a scan writes; every write is one
+// transaction, so a crash loses at most the write under way.  The schema
+// carries a version (PRAGMA user_version) and an application id: a file of
+// another schema version is rebuilt empty with a message, a file that is not
+// ours or not readable raises InfoDatabaseError naming the file and is never
+// touched.
+//
+// Rows travel as Python tuples, the form sqlite3 takes and gives; encoding
+// records into rows is recordcodec.h's job.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace nb = nanobind;
+
+namespace pysource {
+
+// Raised for a database that can't be used: not SQLite, of another program,
+// damaged, or failing in the middle of a query.  The message names the file.
+class InfoDatabaseError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+class CInfoDatabase {
+public:
+    static constexpr int kSchemaVersion = 1;
+    static constexpr std::int32_t kApplicationId = 0x50795372;  // "PySr"
+
+    // Opens (creating if need be) the database at `path`.  Throws
+    // InfoDatabaseError when the file can't be used.
+    explicit CInfoDatabase(std::string path);
+    ~CInfoDatabase();
+    CInfoDatabase(const CInfoDatabase &) = delete;
+    CInfoDatabase &operator=(const CInfoDatabase &) = delete;
+
+    const std::string &Path() const { return fPath; }
+    // How messages name the file: "pysource index database PATH".
+    const std::string &Origin() const { return fOrigin; }
+    // Set when opening had to rebuild the file; empty otherwise.
+    const std::string &OpenMessage() const { return fOpenMessage; }
+    void Close();
+    bool IsOpen() const { return fConn.is_valid() && !fConn.is_none(); }
+
+    // Transactions: each write is one.
+    void Begin();
+    void Commit();
+    void Rollback() noexcept;
+
+    // Location rows: (id, disk_mtime, checksum, checksum_is_text_int, words)
+    // for a URL, or None.
+    nb::object LoadLocation(const std::string &url);
+    std::int64_t EnsureLocation(const std::string &url);
+    void WriteLocationMeta(std::int64_t id, double disk_mtime, nb::handle checksum, nb::handle words);
+    // (scan_name, disk_mtime) rows of a location.
+    nb::object LoadScansDone(std::int64_t loc_id);
+    void ReplaceScansDone(std::int64_t loc_id, nb::handle rows);
+
+    // Record rows of one target location: (scope, scan_name, scanned URL,
+    // scanned_scope, ibytes, disk_mtime, flags, type_equivs, inst_type_equivs,
+    // domains, scopes_seen, resolved_imports).
+    nb::object LoadRecords(std::int64_t loc_id);
+    // Each row: a tuple in the column order of the records table (loc_id,
+    // scope, scan_name, scanned_loc_id, scanned_scope, then as above).
+    void UpsertRecords(nb::handle rows);
+    // Each key: (loc_id, scope, scan_name, scanned_loc_id, scanned_scope).
+    void DeleteRecords(nb::handle keys);
+    // Every row written by the given scans, each (scanned_loc_id,
+    // scanned_scope, scan_name).
+    void DeleteRecordsOfScans(nb::handle scans);
+
+    // Number of rows in the records table (for tests and reports).
+    std::int64_t CountRecords();
+
+    // Called between the rows and the commit of every write (tests use it to
+    // stop a writer part-way).  None to clear.
+    static void SetWriteHook(nb::handle hook);
+    static void CallWriteHook(const std::string &path);
+
+private:
+    nb::object Execute(const char *sql, nb::handle params = nb::handle());
+    void ExecuteMany(const char *sql, nb::handle rows);
+    void CreateSchema();
+    void DropSchema();
+    // Runs `body`, turning sqlite3 errors into InfoDatabaseError.
+    template <typename F>
+    auto Guarded(const char *doing, F &&body) -> decltype(body());
+    [[noreturn]] void Fail(const char *doing, const std::string &detail);
+
+    std::string fPath;
+    std::string fOrigin;
+    std::string fOpenMessage;
+    nb::object fSqlite3;  // the module
+    nb::object fConn;
+    bool fInTransaction = false;
+};
+
+}  // namespace pysource

@@ -1,0 +1,301 @@
+#include "pysource/recordcodec.h"
+
+#include "pysource/infodatabase.h"
+#include "pysource/scoperef.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace pysource {
+
+namespace {
+
+class BlobWriter {
+public:
+    void Double(double value) {
+        char raw[sizeof(double)];
+        std::memcpy(raw, &value, sizeof raw);
+        fOut.append(raw, sizeof raw);
+    }
+    void OptionalBlob(nb::handle blob) {
+        Count(blob.is_none() ? 0 : 1);
+        if (!blob.is_none())
+            Bytes(std::string_view(PyBytes_AS_STRING(blob.ptr()), (size_t) PyBytes_GET_SIZE(blob.ptr())));
+    }
+    void Count(std::uint64_t n) {
+        while (n >= 0x80) {
+            fOut.push_back((char) (n | 0x80));
+            n >>= 7;
+        }
+        fOut.push_back((char) n);
+    }
+    void Bytes(std::string_view data) {
+        Count(data.size());
+        fOut.append(data);
+    }
+    void Text(nb::handle str) {
+        Py_ssize_t size = 0;
+        const char *data = PyUnicode_AsUTF8AndSize(str.ptr(), &size);
+        if (!data)
+            throw nb::python_error();
+        Bytes(std::string_view(data, (size_t) size));
+    }
+    nb::bytes Done() const { return nb::bytes(fOut.data(), fOut.size()); }
+
+private:
+    std::string fOut;
+};
+
+class BlobReader {
+public:
+    BlobReader(nb::handle blob, const std::string &origin) : fOrigin(origin) {
+        if (!PyBytes_Check(blob.ptr()))
+            Damaged("a stored value is not a blob");
+        fPos = PyBytes_AS_STRING(blob.ptr());
+        fEnd = fPos + PyBytes_GET_SIZE(blob.ptr());
+    }
+    bool AtEnd() const { return fPos == fEnd; }
+    double Double() {
+        if ((size_t) (fEnd - fPos) < sizeof(double))
+            Damaged("a stored value is cut short");
+        double value;
+        std::memcpy(&value, fPos, sizeof value);
+        fPos += sizeof value;
+        return value;
+    }
+    // A nested blob as a bytes object, or None when absent.
+    nb::object OptionalBlob() {
+        if (Count() == 0)
+            return nb::none();
+        std::string_view data = Bytes();
+        return nb::bytes(data.data(), data.size());
+    }
+    std::uint64_t Count() {
+        std::uint64_t n = 0;
+        for (int shift = 0; shift < 64; shift += 7) {
+            if (fPos == fEnd)
+                Damaged("a stored value is cut short");
+            unsigned char byte = (unsigned char) *fPos++;
+            n |= (std::uint64_t) (byte & 0x7f) << shift;
+            if (!(byte & 0x80))
+                return n;
+        }
+        Damaged("a stored length is malformed");
+    }
+    std::string_view Bytes() {
+        std::uint64_t n = Count();
+        if (n > (std::uint64_t) (fEnd - fPos))
+            Damaged("a stored value is cut short");
+        std::string_view out(fPos, (size_t) n);
+        fPos += n;
+        return out;
+    }
+    nb::object Text() {
+        std::string_view data = Bytes();
+        PyObject *text = PyUnicode_DecodeUTF8(data.data(), (Py_ssize_t) data.size(), "strict");
+        if (!text) {
+            PyErr_Clear();
+            Damaged("a stored name is not UTF-8");
+        }
+        PyUnicode_InternInPlace(&text);
+        return nb::steal(text);
+    }
+    [[noreturn]] void Damaged(const char *what) const {
+        throw InfoDatabaseError(fOrigin + " is damaged: " + what);
+    }
+
+private:
+    const char *fPos = nullptr;
+    const char *fEnd = nullptr;
+    const std::string &fOrigin;
+};
+
+}  // namespace
+
+nb::bytes EncodeNameMap(nb::handle map) {
+    if (!PyDict_Check(map.ptr()))
+        throw nb::type_error("a name map must be a dict");
+    BlobWriter out;
+    out.Count((std::uint64_t) PyDict_GET_SIZE(map.ptr()));
+    PyObject *name, *value;
+    Py_ssize_t pos = 0;
+    while (PyDict_Next(map.ptr(), &pos, &name, &value)) {
+        if (!PyUnicode_Check(name) || !PyBytes_Check(value))
+            throw nb::type_error("a name map must map str to bytes");
+        out.Text(name);
+        out.Bytes(std::string_view(PyBytes_AS_STRING(value), (size_t) PyBytes_GET_SIZE(value)));
+    }
+    return out.Done();
+}
+
+nb::dict DecodeNameMap(nb::handle blob, const std::string &origin) {
+    BlobReader in(blob, origin);
+    std::uint64_t count = in.Count();
+    nb::dict map;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        nb::object name = in.Text();
+        std::string_view value = in.Bytes();
+        nb::object bytes = nb::steal(PyBytes_FromStringAndSize(value.data(), (Py_ssize_t) value.size()));
+        if (!bytes.is_valid() || PyDict_SetItem(map.ptr(), name.ptr(), bytes.ptr()) < 0)
+            throw nb::python_error();
+    }
+    if (!in.AtEnd())
+        in.Damaged("a name map has trailing bytes");
+    return map;
+}
+
+nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::handle loc)> &url_of) {
+    BlobWriter out;
+    Py_ssize_t n = PyObject_Length(scopes.ptr());
+    if (n < 0)
+        throw nb::python_error();
+    out.Count((std::uint64_t) n);
+    for (nb::handle scope : scopes) {
+        ScopeView view = ViewScope(scope);
+        out.Bytes(url_of(view.loc));
+        out.Bytes(view.name_view);
+    }
+    return out.Done();
+}
+
+nb::object DecodeScopes(nb::handle blob, const std::string &origin,
+                        const std::function<nb::object(std::string_view, std::string_view)> &make_scope) {
+    BlobReader in(blob, origin);
+    std::uint64_t count = in.Count();
+    nb::object items = nb::steal(PySet_New(nullptr));
+    for (std::uint64_t i = 0; i < count; ++i) {
+        std::string_view url = in.Bytes();
+        std::string_view name = in.Bytes();
+        nb::object scope = make_scope(url, name);
+        if (PySet_Add(items.ptr(), scope.ptr()) < 0)
+            throw nb::python_error();
+    }
+    if (!in.AtEnd())
+        in.Damaged("a scope set has trailing bytes");
+    return nb::steal(PyFrozenSet_New(items.ptr()));
+}
+
+nb::bytes EncodeStrings(nb::handle strings) {
+    BlobWriter out;
+    Py_ssize_t n = PyObject_Length(strings.ptr());
+    if (n < 0)
+        throw nb::python_error();
+    out.Count((std::uint64_t) n);
+    for (nb::handle s : strings) {
+        if (!PyUnicode_Check(s.ptr()))
+            throw nb::type_error("words must be str");
+        out.Text(s);
+    }
+    return out.Done();
+}
+
+nb::object DecodeStrings(nb::handle blob, const std::string &origin) {
+    BlobReader in(blob, origin);
+    std::uint64_t count = in.Count();
+    nb::object items = nb::steal(PySet_New(nullptr));
+    for (std::uint64_t i = 0; i < count; ++i)
+        if (PySet_Add(items.ptr(), in.Text().ptr()) < 0)
+            throw nb::python_error();
+    if (!in.AtEnd())
+        in.Damaged("a word list has trailing bytes");
+    return nb::steal(PyFrozenSet_New(items.ptr()));
+}
+
+namespace {
+
+constexpr std::uint64_t kRecordBlobVersion = 1;
+
+}  // namespace
+
+nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(nb::handle loc)> &url_of) {
+    const CScopeInfoKey &key = *info.key;
+    BlobWriter out;
+    out.Count(kRecordBlobVersion);
+    out.Bytes(url_of(key.fForView.loc));
+    out.Bytes(key.fForView.name_view);
+    out.Bytes(key.fScanName);
+    out.Bytes(url_of(key.fScannedView.loc));
+    out.Bytes(key.fScannedView.name_view);
+    out.Bytes(std::string_view(PyBytes_AS_STRING(info.ibytes.ptr()), (size_t) PyBytes_GET_SIZE(info.ibytes.ptr())));
+    out.Double(info.disk_mtime);
+    out.Count((info.incomplete ? 1u : 0u) | (info.not_found ? 2u : 0u));
+    out.OptionalBlob(EncodeNameMap(info.type_equivs));
+    auto optional_map = [](nb::handle map) -> nb::object {
+        return map.is_none() ? nb::object(nb::none()) : nb::object(EncodeNameMap(map));
+    };
+    auto optional_scopes = [&](nb::handle scopes) -> nb::object {
+        return scopes.is_none() ? nb::object(nb::none()) : nb::object(EncodeScopes(scopes, url_of));
+    };
+    out.OptionalBlob(optional_map(info.inst_type_equivs));
+    out.OptionalBlob(optional_map(info.domains));
+    out.OptionalBlob(optional_scopes(info.scopes_seen));
+    out.OptionalBlob(optional_scopes(info.resolved_imports));
+    return out.Done();
+}
+
+nb::ref<CScopeInfo> DecodeRecord(
+    nb::handle blob, const std::string &origin,
+    const std::function<nb::object(std::string_view, std::string_view)> &make_scope) {
+    BlobReader in(blob, origin);
+    if (in.Count() != kRecordBlobVersion)
+        in.Damaged("a record of an unknown version");
+    std::string for_url(in.Bytes());
+    std::string for_name(in.Bytes());
+    nb::object scan_name = in.Text();
+    std::string scanned_url(in.Bytes());
+    std::string scanned_name(in.Bytes());
+    std::string_view ibytes = in.Bytes();
+    double disk_mtime = in.Double();
+    std::uint64_t flags = in.Count();
+    nb::object for_scope = make_scope(for_url, for_name);
+    nb::object scanned = (scanned_url == for_url && scanned_name == for_name)
+                             ? for_scope
+                             : make_scope(scanned_url, scanned_name);
+    nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
+    nb::ref<CScopeInfo> info(new CScopeInfo(key, nb::bytes(ibytes.data(), ibytes.size()),
+                                            nb::float_(disk_mtime), (flags & 1) != 0, (flags & 2) != 0));
+    nb::object maps[3], scopes[2];
+    for (nb::object &map : maps)
+        map = in.OptionalBlob();
+    for (nb::object &set : scopes)
+        set = in.OptionalBlob();
+    if (!in.AtEnd())
+        in.Damaged("a record has trailing bytes");
+    if (maps[0].is_none())
+        in.Damaged("a record has no name map");
+    DecodeRecordParts(*info, maps[0], maps[1], maps[2], scopes[0], scopes[1], origin, make_scope);
+    return info;
+}
+
+void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
+                       nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
+                       const std::string &origin, const ScopeMaker &make_scope) {
+    info.type_equivs = DecodeNameMap(type_equivs, origin);
+    if (!inst_type_equivs.is_none())
+        info.inst_type_equivs = DecodeNameMap(inst_type_equivs, origin);
+    if (!domains.is_none())
+        info.domains = DecodeNameMap(domains, origin);
+    if (!scopes_seen.is_none())
+        info.scopes_seen = DecodeScopes(scopes_seen, origin, make_scope);
+    if (!resolved_imports.is_none())
+        info.resolved_imports = DecodeScopes(resolved_imports, origin, make_scope);
+    info.finished = true;
+}
+
+nb::bytes CScopeInfoSerializer::Dumps(nb::handle info) {
+    return EncodeRecord(AsScopeInfo(info), [](nb::handle loc) { return LocationUrl(loc); });
+}
+
+nb::object CScopeInfoSerializer::Loads(nb::handle data) {
+    if (!PyBytes_Check(data.ptr()))
+        throw nb::type_error("CScopeInfoSerializer.Loads: the data must be bytes");
+    try {
+        return nb::cast(DecodeRecord(data, "serialized record", [](std::string_view url, std::string_view name) {
+            return MakeScope(LocationFromUrl(url), name);
+        }));
+    } catch (const InfoDatabaseError &e) {
+        throw nb::value_error(e.what());
+    }
+}
+
+}  // namespace pysource

@@ -1,0 +1,62 @@
+// The stored form of the Python data inside a record: maps of names to info
+// bytes, sets of scopes and lists of words become compact byte strings
+// (length-prefixed UTF-8 and bytes), and back; CScopeInfoSerializer does the
+// same for a whole record.  Decoding checks every length against the blob,
+// so a damaged blob gives InfoDatabaseError naming `origin` (the file it came
+// from), never a read past its end.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <nanobind/intrusive/counter.h>
+#include <nanobind/intrusive/ref.h>
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "pysource/scopeinfo.h"
+
+namespace nb = nanobind;
+
+namespace pysource {
+
+// dict str -> bytes.
+nb::bytes EncodeNameMap(nb::handle map);
+nb::dict DecodeNameMap(nb::handle blob, const std::string &origin);
+
+// An iterable of scopes; `url_of` gives the URL of a scope's location.
+nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::handle loc)> &url_of);
+// A frozenset of scopes, made by `make_scope(url, name)`.
+nb::object DecodeScopes(nb::handle blob, const std::string &origin,
+                        const std::function<nb::object(std::string_view url, std::string_view name)>
+                            &make_scope);
+
+// An iterable of str.
+nb::bytes EncodeStrings(nb::handle strings);
+nb::object DecodeStrings(nb::handle blob, const std::string &origin);  // a frozenset of str
+
+using ScopeMaker = std::function<nb::object(std::string_view url, std::string_view name)>;
+
+// Fills a record's maps and dependency sets from their blobs (None: absent)
+// and marks it finished.
+void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
+                       nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
+                       const std::string &origin, const ScopeMaker &make_scope);
+
+// A whole record, key included, as one blob and back.
+nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(nb::handle loc)> &url_of);
+nb::ref<CScopeInfo> DecodeRecord(
+    nb::handle blob, const std::string &origin,
+    const std::function<nb::object(std::string_view url, std::string_view name)> &make_scope);
+
+// Records as self-contained byte strings, for handing them to another
+// process or keeping them outside the cache; locations travel as URLs.
+class CScopeInfoSerializer : public nb::intrusive_base {
+public:
+    nb::bytes Dumps(nb::handle info);
+    // A TypeError for anything but bytes, a ValueError for damaged data.
+    nb::object Loads(nb::handle data);
+};
+
+}  // namespace pysource

@@ -1,0 +1,291 @@
+"""The info cache's SQLite database: records outlive the process, a reader reads while a
+writer writes, a killed writer loses only its own transaction, another schema version
+is rebuilt, and a damaged or foreign file is reported and left alone."""
+
+import json
+import logging
+import os
+import signal
+import sqlite3
+import subprocess
+import sys
+import textwrap
+
+import pytest
+
+from pysource.scopeinfo import CInfoCache, CInfoDatabaseError, kSchemaVersion
+
+from cacheutil import DERIVED, PRIMARY, Scope, derived_record, loc_of, primary_record, record_summary
+
+TESTS_DIR = os.path.dirname(os.path.abspath(__file__))
+
+
+def run_child(tmp_path, body, **popen):
+    """Runs `body` in a fresh interpreter; `db` and `work` are set for it."""
+    script = tmp_path / "child.py"
+    script.write_text(
+        "import json, pathlib, sys\n"
+        "from cacheutil import *\n"
+        "from pysource.scopeinfo import CInfoCache, _SetDatabaseWriteHook\n"
+        f"work = pathlib.Path({str(tmp_path)!r})\n"
+        f"db = {str(tmp_path / 'index.db')!r}\n" + textwrap.dedent(body))
+    env = dict(os.environ, PYTHONPATH=os.pathsep.join([TESTS_DIR, os.environ.get("PYTHONPATH", "")]))
+    if popen:
+        return subprocess.Popen([sys.executable, str(script)], env=env, text=True, **popen)
+    done = subprocess.run([sys.executable, str(script)], env=env, text=True, capture_output=True)
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def as_json(value):
+    """record_summary values with bytes made printable, as the child prints them."""
+    return json.loads(json.dumps(value, default=lambda b: b.decode("latin-1")))
+
+
+WRITE_PROJECT = """
+a, b = loc_of(work, "a.py"), loc_of(work, "b.py")
+cache = CInfoCache(db_path=db)
+mod, f, g = Scope(a, ""), Scope(a, "f"), Scope(b, "g")
+cache.AddScopeInfo(primary_record(mod, {"f": b":fdef", "x": b":s1"}), True)
+cache.AddScopeInfo(primary_record(f, {"y": b":s0"}, inst={"attr": b"int"}), True)
+with_domains = primary_record(g, {"z": b":g3"})
+with_domains._domains = {"z": b"dom"}
+cache.AddScopeInfo(with_domains, True)
+derived = derived_record(f, g, {"arg": b"str"}, seen=[mod])
+derived.MergeResolvedImports([mod])
+cache.AddScopeInfoListForSingleScan(g, DERIVED, [derived], True)
+cache.ChangeScansDone(a, PRIMARY, True, 10.0)
+cache.SetEOLBlindChecksum(a, 2**80 + 7, 10.0)
+cache.SaveWords(a, ["alpha", "beta"])
+cache.WriteToDatabase()
+out = {name: record_summary(cache.GetScopeInfo(s)) for name, s in [("mod", mod), ("f", f), ("g", g)]}
+print("RESULT", json.dumps(out, default=lambda b: b.decode("latin-1")))
+"""
+
+
+class TestSurvivesTheProcess:
+    def test_a_new_cache_serves_the_records_of_a_finished_process(self, tmp_path):
+        output = run_child(tmp_path, WRITE_PROJECT)
+        written = json.loads(output.split("RESULT ", 1)[1])
+        a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        assert cache.fDatabaseMessage is None
+        for name, scope in [("mod", Scope(a, "")), ("f", Scope(a, "f")), ("g", Scope(b, "g"))]:
+            assert as_json(record_summary(cache.GetScopeInfo(scope))) == written[name]
+        assert cache.CountScopeInfoRecords(Scope(a, "f")) == 2
+        assert cache.CountScopeInfoRecords(Scope(a, "nothing")) < 0
+        assert cache.GetScopesForLoc(a) == ["", "f"]
+        assert cache.GetScopeInfo(Scope(b, "g"))._domains == {"z": b"dom"}
+        merged = cache.GetScopeInfo(Scope(a, "f"))
+        assert merged.GetInfoBytes("arg") == b"str"
+        assert merged.scopes_seen == {Scope(a, ""), Scope(b, "g")}
+        # Loaded scopes carry the interned locations again.
+        assert next(iter(merged.scopes_seen)).loc in (a, b)
+
+    def test_an_unchanged_file_is_known_as_scanned(self, tmp_path):
+        run_child(tmp_path, WRITE_PROJECT)
+        a = loc_of(tmp_path, "a.py")
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        assert cache.IsScanDone(a, PRIMARY, 10.0)
+        assert not cache.IsScanDone(a, PRIMARY, 11.0)
+        assert cache.GetEOLBlindChecksum(a) == 2**80 + 7
+        assert cache.GetLocDiskMTime(a) == 10.0
+        assert cache.GetWords(a) == {"alpha", "beta"}
+
+    def test_removals_reach_the_file(self, tmp_path):
+        run_child(tmp_path, WRITE_PROJECT)
+        # A second process scans g again; it derives nothing this time.  The record it
+        # voids lives in a.py, which that process never loaded.
+        run_child(tmp_path, """
+            cache = CInfoCache(db_path=db)
+            g = Scope(loc_of(work, "b.py"), "g")
+            cache.FinishedWithScans(g, DERIVED)
+            cache.WriteToDatabase([g.loc])
+        """)
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        f = Scope(loc_of(tmp_path, "a.py"), "f")
+        assert cache.CountScopeInfoRecords(f) == 1
+        assert cache.GetScopeInfo(f).GetInfoBytes("arg") is None
+
+    def test_writing_one_location_leaves_the_others_for_later(self, tmp_path):
+        a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
+        db = tmp_path / "index.db"
+        cache = CInfoCache(db_path=db)
+        cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"1"}), True)
+        cache.AddScopeInfo(primary_record(Scope(b, ""), {"y": b"1"}), True)
+        cache.AddScopeInfo(primary_record(Scope(a, "volatile"), {"v": b"1"}))  # memory only
+        assert cache.WriteToDatabase([a]) == 1
+        assert CInfoCache(db_path=db).CountScopeInfoRecords(Scope(b, "")) < 0
+        assert cache.WriteToDatabase() == 1
+        reader = CInfoCache(db_path=db)
+        assert reader.CountScopeInfoRecords(Scope(b, "")) == 1
+        assert reader.CountScopeInfoRecords(Scope(a, "volatile")) < 0
+        assert cache.WriteToDatabase() == 0  # nothing left to write
+
+    def test_trim_lets_clean_locations_go_and_reads_them_back(self, tmp_path):
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        locs = [loc_of(tmp_path, f"m{i}.py") for i in range(10)]
+        for loc in locs:
+            for j in range(5):
+                cache.AddScopeInfo(primary_record(Scope(loc, f"f{j}"), {"n": str(j).encode()}), True)
+        cache.fMaxRecordsInMemory = 20
+        cache.Trim()
+        assert cache.fRecordsInMemory == 50  # nothing written yet: nothing may go
+        cache.WriteToDatabase()
+        cache.Trim()
+        assert cache.fRecordsInMemory <= 15
+        for loc in locs:
+            assert cache.GetScopeInfo(Scope(loc, "f3")).GetInfoBytes("n") == b"3"
+
+    def test_without_a_database_writing_does_nothing(self, tmp_path):
+        cache = CInfoCache()
+        cache.AddScopeInfo(primary_record(Scope(loc_of(tmp_path, "a.py"), ""), {}), True)
+        assert cache.WriteToDatabase() == 0 and cache.fDatabasePath is None
+
+
+class TestConcurrentAndInterrupted:
+    def test_reader_reads_while_a_writer_writes_and_a_killed_writer_loses_only_its_write(
+            self, tmp_path):
+        a = loc_of(tmp_path, "a.py")
+        db = tmp_path / "index.db"
+        first = CInfoCache(db_path=db)
+        first.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"old"}), True)
+        first.WriteToDatabase()
+        first.CloseDatabase()
+
+        writer = run_child(tmp_path, """
+            cache = CInfoCache(db_path=db)
+            a = loc_of(work, "a.py")
+            cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"new"}), True)
+            for i in range(2000):
+                cache.AddScopeInfo(primary_record(Scope(a, f"f{i}"), {"n": b"1"}), True)
+            def stop_inside_the_write(path):
+                print("writing", flush=True)
+                sys.stdin.readline()  # held here until the parent kills us
+            _SetDatabaseWriteHook(stop_inside_the_write)
+            cache.WriteToDatabase()
+            print("committed", flush=True)
+        """, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            line = writer.stdout.readline()
+            while line and line.strip() != "writing":  # skip build chatter
+                line = writer.stdout.readline()
+            assert line.strip() == "writing"
+            reader = CInfoCache(db_path=db)
+            assert reader.GetScopeInfo(Scope(a, "")).GetInfoBytes("x") == b"old"
+            assert reader.CountScopeInfoRecords(Scope(a, "f5")) < 0
+        finally:
+            writer.send_signal(signal.SIGKILL)
+            writer.wait()
+        assert writer.returncode == -signal.SIGKILL
+        after = CInfoCache(db_path=db)
+        assert after.GetScopeInfo(Scope(a, "")).GetInfoBytes("x") == b"old"
+        assert after.CountScopeInfoRecords(Scope(a, "f5")) < 0
+        # The file is sound and takes the next write.
+        after.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"newer"}), True)
+        after.WriteToDatabase()
+        assert CInfoCache(db_path=db).GetScopeInfo(Scope(a, "")).GetInfoBytes("x") == b"newer"
+
+    def test_a_failing_write_rolls_back_and_keeps_its_work_for_the_next(self, tmp_path):
+        from pysource.scopeinfo import _SetDatabaseWriteHook
+        a = loc_of(tmp_path, "a.py")
+        db = tmp_path / "index.db"
+        cache = CInfoCache(db_path=db)
+        cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"1"}), True)
+
+        def fail(path):
+            raise OSError("disk went away")
+
+        _SetDatabaseWriteHook(fail)
+        try:
+            with pytest.raises(OSError):
+                cache.WriteToDatabase()
+        finally:
+            _SetDatabaseWriteHook(None)
+        assert CInfoCache(db_path=db).CountScopeInfoRecords(Scope(a, "")) < 0
+        assert cache.WriteToDatabase() == 1
+        assert CInfoCache(db_path=db).CountScopeInfoRecords(Scope(a, "")) == 1
+
+
+class TestUnusableFiles:
+    def test_another_schema_version_is_rebuilt_with_a_message(self, tmp_path, caplog):
+        db = tmp_path / "index.db"
+        a = loc_of(tmp_path, "a.py")
+        cache = CInfoCache(db_path=db)
+        cache.AddScopeInfo(primary_record(Scope(a, ""), {}), True)
+        cache.WriteToDatabase()
+        cache.CloseDatabase()
+        with sqlite3.connect(db) as conn:
+            conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
+        with caplog.at_level(logging.WARNING, logger="pysource.scopeinfo"):
+            rebuilt = CInfoCache(db_path=db)
+        message = rebuilt.fDatabaseMessage
+        assert str(db) in message and "rebuilt" in message
+        assert message in caplog.text
+        assert rebuilt.CountScopeInfoRecords(Scope(a, "")) < 0
+        assert CInfoCache(db_path=db).fDatabaseMessage is None  # the current version now
+
+    def test_a_file_that_is_not_a_database_is_reported_and_kept(self, tmp_path):
+        db = tmp_path / "index.db"
+        garbage = b"this is not an index\x00" * 300
+        db.write_bytes(garbage)
+        with pytest.raises(CInfoDatabaseError, match=str(db)):
+            CInfoCache(db_path=db)
+        assert db.read_bytes() == garbage
+
+    def test_a_database_of_another_program_is_reported_and_kept(self, tmp_path):
+        db = tmp_path / "other.db"
+        with sqlite3.connect(db) as conn:
+            conn.execute("CREATE TABLE notes (text TEXT)")
+            conn.execute("INSERT INTO notes VALUES ('mine')")
+        with pytest.raises(CInfoDatabaseError, match="another program"):
+            CInfoCache(db_path=db)
+        with sqlite3.connect(db) as conn:
+            assert conn.execute("SELECT text FROM notes").fetchall() == [("mine",)]
+
+    def test_a_damaged_record_is_reported_with_the_file(self, tmp_path):
+        db = tmp_path / "index.db"
+        a = loc_of(tmp_path, "a.py")
+        cache = CInfoCache(db_path=db)
+        cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"1"}), True)
+        cache.WriteToDatabase()
+        cache.CloseDatabase()
+        with sqlite3.connect(db) as conn:
+            conn.execute("UPDATE records SET type_equivs = x'05ff'")
+        reader = CInfoCache(db_path=db)
+        with pytest.raises(CInfoDatabaseError, match="damaged"):
+            reader.GetScopeInfo(Scope(a, ""))
+        # Nothing half-read stays behind to pass for the whole file.
+        with pytest.raises(CInfoDatabaseError, match=str(db)):
+            reader.CountScopeInfoRecords(Scope(a, ""))
+        assert reader.fRecordsInMemory == 0
+
+
+class TestWordsAndChecksums:
+    def test_a_file_cache_hands_its_words_and_checksum_to_the_database(self, tmp_path):
+        from basekit.location import CLocalFileLocation
+        from pysource import filellinecache
+
+        source = tmp_path / "m.py"
+        source.write_text("def spam(eggs):\n    return eggs + ham\n")
+        loc = CLocalFileLocation(str(source))
+        db = tmp_path / "index.db"
+        cache = CInfoCache(db_path=db)
+        filellinecache.SetWordStore(cache.SaveWords)
+        try:
+            lines = filellinecache.CFileLogicalLineCache(loc)
+            assert lines.Update()
+            lines.SaveWordsToDb()
+        finally:
+            filellinecache.SetWordStore(None)
+        checksum = lines.GetEOLBlindChecksum()
+        cache.SetEOLBlindChecksum(loc, checksum, lines.fMatchedDiskMTime)
+        cache.ChangeScansDone(loc, PRIMARY, True, lines.fMatchedDiskMTime)
+        cache.WriteToDatabase([loc])
+
+        reopened = CInfoCache(db_path=db)
+        assert {"spam", "eggs", "ham"} <= reopened.GetWords(loc)
+        assert "def" not in reopened.GetWords(loc)
+        assert reopened.GetEOLBlindChecksum(loc) == checksum
+        # Disk time and checksum tell that the file need not be scanned again.
+        assert reopened.IsScanDone(loc, PRIMARY, source.stat().st_mtime)
