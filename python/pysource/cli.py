@@ -1,8 +1,17 @@
 """The `pysource` command."""
 
 import argparse
+import json
 import os
+import shutil
+import sqlite3
 import sys
+import urllib.parse
+
+kExitFailed = 1        # the run went on, but some files or records failed
+kExitUsage = 2         # a path or target the command can't work with
+kExitDatabase = 3      # the index database can't be opened or is damaged
+kExitInterrupted = 130
 
 
 def _readable_token(tok):
@@ -38,6 +47,280 @@ def _cmd_logicals(args):
     return 0
 
 
+def _error(message):
+    print(f"pysource: {message}", file=sys.stderr)
+
+
+def _display_path(path):
+    """`path` relative to the current directory when it lies below it."""
+    try:
+        rel = os.path.relpath(path)
+    except ValueError:
+        return path
+    return path if rel.startswith(os.pardir) else rel
+
+
+class _CIndex:
+    """The index database opened through an analysis manager installed as the
+    process's manager for the duration of a command."""
+
+    def __init__(self, db_path):
+        from pysource import manager, scopeinfo
+        self.fPath = db_path
+        try:
+            self.fMgr = manager.CAnalysisMgr(db_path=db_path)
+        except scopeinfo.CInfoDatabaseError as err:
+            raise _CDatabaseProblem(f"{err}. The file was left as it is; move it away "
+                                    f"or pass another --db to start a new index.") from None
+        self._fPrevious = manager.SetAnalysisMgr(self.fMgr)
+
+    @property
+    def fInfoCache(self):
+        return self.fMgr.fInfoCache
+
+    def close(self):
+        from pysource import manager
+        manager.SetAnalysisMgr(self._fPrevious)
+        self.fMgr.destroy()
+
+    def Locations(self):
+        """Every file that the index has facts of, ordered by URL."""
+        from basekit.location import LocationForUrl
+        uri = "file:" + urllib.parse.quote(os.path.abspath(self.fPath)) + "?mode=ro"
+        try:
+            con = sqlite3.connect(uri, uri=True)
+            try:
+                urls = [row[0] for row in con.execute("SELECT url FROM locations ORDER BY url")]
+            finally:
+                con.close()
+        except sqlite3.DatabaseError as err:
+            raise _CDatabaseProblem(f"index database {self.fPath}: {err}") from None
+        return [LocationForUrl(url) for url in urls]
+
+    def SizeInBytes(self):
+        return sum(os.path.getsize(self.fPath + suffix)
+                   for suffix in ("", "-wal") if os.path.exists(self.fPath + suffix))
+
+
+class _CDatabaseProblem(Exception):
+    pass
+
+
+def _open_existing_index(db_arg, start):
+    """The index named by --db, or the nearest one at or above `start`; a
+    missing index is an error here (only `index` makes one)."""
+    from pysource import projectfiles
+    db_path = db_arg if db_arg is not None else projectfiles.FindIndexFor(start)
+    if db_path is None:
+        _error(f"no index found at or above {os.path.abspath(start)}; "
+               "run 'pysource index' first or pass --db FILE")
+        return None
+    if not os.path.isfile(db_path):
+        _error(f"no such index database: {db_path}")
+        return None
+    return _CIndex(db_path)
+
+
+# index
+
+class _CProgressLine:
+    """One line on a terminal, rewritten as the files go by."""
+
+    def __init__(self, stream):
+        self.fStream = stream
+        self.fShown = False
+
+    def __call__(self, done, total, loc):
+        if loc is None:
+            return
+        width = shutil.get_terminal_size((80, 24)).columns
+        text = f"[{done}/{total}] {_display_path(loc.fPath)}"
+        if len(text) >= width:
+            text = text[:max(0, width - 4)] + "..."
+        self.fStream.write("\r\x1b[K" + text)
+        self.fStream.flush()
+        self.fShown = True
+
+    def Clear(self):
+        if self.fShown:
+            self.fStream.write("\r\x1b[K")
+            self.fStream.flush()
+            self.fShown = False
+
+
+def _cmd_index(args):
+    from basekit.location import CLocalFileLocation
+    from pysource import coordinator, projectfiles
+
+    paths = args.paths or [os.curdir]
+    missing = [p for p in paths if not os.path.exists(p)]
+    if missing:
+        for path in missing:
+            _error(f"no such file or directory: {path}")
+        return kExitUsage
+    db_path = args.db if args.db is not None else projectfiles.DefaultIndexPath(paths[0])
+    try:
+        os.makedirs(os.path.dirname(os.path.abspath(db_path)), exist_ok=True)
+    except OSError as err:
+        _error(f"cannot make the directory of {db_path}: {err.strerror}")
+        return kExitDatabase
+    files = projectfiles.FindSourceFiles(paths)
+    index = _CIndex(db_path)
+    progress = _CProgressLine(sys.stderr) if sys.stderr.isatty() else None
+    coord = coordinator.CScanCoordinator(index.fMgr, progress=progress)
+    try:
+        coord.AddLocations([CLocalFileLocation(path) for path in files])
+        coord.RunUntilIdle()
+    finally:
+        if progress is not None:
+            progress.Clear()
+        counts = coord.fCounts
+        failed = list(coord.fAbandonedLocs)
+        errors = dict(coord.fErrors)
+        coord.destroy()
+        index.close()
+    for loc in failed:
+        path = _display_path(loc.fPath)
+        if loc in errors:
+            _error(f"{path}: the scan failed: {errors[loc]}")
+        elif os.access(loc.fPath, os.R_OK) and os.path.isfile(loc.fPath):
+            _error(f"{path}: scan abandoned (the file kept changing while it was read)")
+        else:
+            _error(f"cannot read {path}")
+    if counts.files == 0 and not failed:
+        print(f"Nothing to scan: {counts.skipped} files unchanged ({_display_path(db_path)})")
+    else:
+        line = (f"Indexed {counts.files} files: {counts.scopes} scopes, "
+                f"{counts.parse_errors} with parse errors")
+        if counts.skipped:
+            line += f", {counts.skipped} files unchanged"
+        if failed:
+            line += f", {len(failed)} failed"
+        print(f"{line}, in {counts.seconds:.2f}s ({_display_path(db_path)})")
+    return kExitFailed if failed else 0
+
+
+# show
+
+def _records_for_target(index, target):
+    """[(loc, scope name)] named by TARGET, or an error text."""
+    from basekit.location import CLocalFileLocation
+    file_part, scope = None, None
+    if os.path.exists(target):
+        file_part = target
+    elif ":" in target:
+        head, _, tail = target.rpartition(":")
+        if not os.path.exists(head):
+            return None, f"no such file: {head}"
+        file_part, scope = head, tail
+    elif target.endswith((".py", ".pyi")) or os.sep in target:
+        return None, f"no such file: {target}"
+    else:
+        scope = target
+    info_cache = index.fInfoCache
+    if file_part is not None:
+        loc = CLocalFileLocation(os.path.abspath(file_part))
+        names = sorted(info_cache.GetScopesForLoc(loc))
+        if not names:
+            return None, f"{file_part} is not in the index; run 'pysource index' first"
+        if scope is None:
+            return [(loc, name) for name in names], None
+        if scope not in names:
+            return None, f"no record of scope '{scope}' in {file_part}"
+        return [(loc, scope)], None
+    found = [(loc, scope) for loc in index.Locations()
+             if scope in info_cache.GetScopesForLoc(loc)]
+    if not found:
+        return None, f"no scope named '{scope}' in the index"
+    return found, None
+
+
+def _cmd_show(args):
+    from pysource import recordtext, symbolinfo
+
+    start = args.target.rpartition(":")[0] if ":" in args.target else args.target
+    index = _open_existing_index(args.db, start if os.path.exists(start) else os.curdir)
+    if index is None:
+        return kExitUsage
+    try:
+        targets, problem = _records_for_target(index, args.target)
+        if problem is not None:
+            _error(problem)
+            return kExitFailed
+        info_cache = index.fInfoCache
+        bodies_of = {}
+        records = []
+        for loc, name in targets:
+            bodies = bodies_of.get(loc)
+            if bodies is None:
+                bodies = bodies_of[loc] = recordtext.CFileBodies(loc.fPath)
+                if not bodies.fReadable:
+                    _error(f"cannot read {_display_path(loc.fPath)}; lines are not shown")
+                elif bodies.fDiskMTime != float(info_cache.GetLocDiskMTime(loc)):
+                    _error(f"{_display_path(loc.fPath)} changed since it was indexed; "
+                           "run 'pysource index' again (line numbers may be off)")
+            info = info_cache.GetScopeInfo(symbolinfo.Scope(loc, name))
+            if info is None:
+                continue
+            records.append(recordtext.DescribeRecord(
+                loc, name, info, bodies if bodies.fReadable else None))
+    finally:
+        index.close()
+    if args.json:
+        json.dump(records, sys.stdout, indent=2)
+        sys.stdout.write("\n")
+    else:
+        sys.stdout.write("\n\n".join(recordtext.FormatRecord(r) for r in records) + "\n")
+    return 0
+
+
+# stats
+
+def _cmd_stats(args):
+    from pysource import recordtext, symbolinfo
+
+    index = _open_existing_index(args.db, os.curdir)
+    if index is None:
+        return kExitUsage
+    kinds = [recordtext.kScopeKindModule, recordtext.kScopeKindClass,
+             recordtext.kScopeKindInstance, recordtext.kScopeKindFunction,
+             recordtext.kScopeKindMethod]
+    rows = []
+    try:
+        info_cache = index.fInfoCache
+        for loc in index.Locations():
+            per_kind = dict.fromkeys(kinds + [recordtext.kScopeKindOther], 0)
+            errors = 0
+            names = info_cache.GetScopesForLoc(loc)
+            for name in names:
+                info = info_cache.GetScopeInfo(symbolinfo.Scope(loc, name))
+                if info is None:
+                    continue
+                per_kind[recordtext.ScopeKind(name, bytes(info.ibytes))] += 1
+                errors += bool(info.incomplete)
+            if names:
+                rows.append((getattr(loc, "fPath", None) or loc.fUrl, len(names), per_kind, errors))
+        size = index.SizeInBytes()
+    finally:
+        index.close()
+    out = sys.stdout
+    header = ["scopes"] + kinds + ["errors", "file"]
+    out.write("  ".join(f"{h:>8}" for h in header[:-1]) + "  file\n")
+    totals = dict.fromkeys(kinds, 0)
+    for path, count, per_kind, errors in rows:
+        cells = [count] + [per_kind[k] for k in kinds] + [errors]
+        out.write("  ".join(f"{c:>8}" for c in cells) + f"  {_display_path(path)}\n")
+        for k in kinds:
+            totals[k] += per_kind[k]
+    total_scopes = sum(row[1] for row in rows)
+    total_errors = sum(row[3] for row in rows)
+    summary = ", ".join(f"{k} {totals[k]}" for k in kinds)
+    out.write(f"{len(rows)} files, {total_scopes} scopes ({summary}), "
+              f"{total_errors} scopes with parse errors; database {_display_path(index.fPath)}, "
+              f"{size / 1024:.1f} KiB\n")
+    return 0
+
+
 def _build_parser():
     parser = argparse.ArgumentParser(prog="pysource",
                                      description="Scanning core of a Python code-analysis engine.")
@@ -46,6 +329,26 @@ def _build_parser():
     logicals = sub.add_parser("logicals", help="print the logical lines of a Python file")
     logicals.add_argument("file", metavar="FILE")
     logicals.set_defaults(run=_cmd_logicals)
+
+    index = sub.add_parser("index", help="index the Python files of a project")
+    index.add_argument("paths", nargs="*", metavar="PATH",
+                       help="files and directories to index (default: the current directory)")
+    index.add_argument("--db", metavar="FILE",
+                       help="index database (default: .pysource/index.db under the first PATH)")
+    index.set_defaults(run=_cmd_index)
+
+    show = sub.add_parser("show", help="print what the index knows of a file or scope")
+    show.add_argument("target", metavar="TARGET",
+                      help="FILE, FILE:SCOPE (a dotted scope name) or a scope name alone")
+    show.add_argument("--db", metavar="FILE",
+                      help="index database (default: the nearest .pysource/index.db)")
+    show.add_argument("--json", action="store_true", help="print the records as JSON")
+    show.set_defaults(run=_cmd_show)
+
+    stats = sub.add_parser("stats", help="counts of the index: files, scopes, parse errors")
+    stats.add_argument("--db", metavar="FILE",
+                       help="index database (default: the nearest .pysource/index.db)")
+    stats.set_defaults(run=_cmd_stats)
     return parser
 
 
@@ -54,6 +357,13 @@ def main(argv=None):
     args = parser.parse_args(argv)
     try:
         return args.run(args)
+    except _CDatabaseProblem as problem:
+        _error(str(problem))
+        return kExitDatabase
+    except KeyboardInterrupt:
+        # Files scanned before the interrupt stay in the index.
+        _error("interrupted")
+        return kExitInterrupted
     except BrokenPipeError:
         return 1
 

@@ -50,6 +50,8 @@ bool CLogicalLineCache::TakeRemoteContent(nb::list &added, nb::list &removed, bo
 }
 
 bool CLogicalLineCache::Update() {
+    if (fBuffer)
+        return true;
     if (!fRemote)
         return CFileLogicalLineCache::Update();
     ListenToLocation();
@@ -71,12 +73,29 @@ bool CLogicalLineCache::Update() {
 }
 
 void CLogicalLineCache::CB_ContentChanged_() {
-    if (IsDestroyed())
+    if (IsDestroyed() || fBuffer)
         return;
     nb::list added, removed;
     bool rebuilt = false;
     if (!TakeRemoteContent(added, removed, &rebuilt))
         return;
+    fWaiting = false;
+    EmitModified(added, removed);
+}
+
+void CLogicalLineCache::SetText(nb::handle text, nb::handle mtime) {
+    bool is_text = PyUnicode_Check(text.ptr());
+    if (!is_text && !PyBytes_Check(text.ptr()))
+        throw nb::type_error("SetText: the text must be str or bytes");
+    Utf8Buffer buf = GetUtf8Buffer(text);
+    nb::object held_mtime = fMatchedDiskMTime;
+    double when = mtime.is_none() ? GetNowTime() : nb::cast<double>(mtime);
+    nb::list added, removed;
+    bool rebuilt = ReplaceContent(std::string(buf.ptr, (size_t) buf.len), when, is_text, added,
+                                  removed);
+    if (!rebuilt && mtime.is_none() && !held_mtime.is_none())
+        fMatchedDiskMTime = held_mtime;
+    fBuffer = true;
     fWaiting = false;
     EmitModified(added, removed);
 }

@@ -30,6 +30,15 @@ public:
     // emits "modified".
     void CB_ContentChanged_();
 
+    // Makes this the cache of an editor buffer whose text the embedder sets:
+    // takes `text` (str, or bytes decoded as a file's) as the content,
+    // modified at `mtime` (when None: the clock's time if the text changed,
+    // else the time held), and emits "modified" with what changed, also for
+    // the same text.  From then on Update() keeps the buffer's text and
+    // neither reads the file nor takes the location's deliveries.
+    void SetText(nb::handle text, nb::handle mtime);
+    bool IsBuffer() const { return fBuffer; }
+
     bool IsRemote() const { return fRemote; }
     bool IsWaiting() const { return fWaiting; }
 
@@ -44,6 +53,7 @@ private:
     bool fRemote = false;
     bool fListening = false;
     bool fWaiting = false;
+    bool fBuffer = false;
 };
 
 // True for a location whose content is delivered rather than read from disk.

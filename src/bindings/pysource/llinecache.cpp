@@ -21,6 +21,9 @@ NB_MODULE(llinecache, m) {
              nb::arg("loc"), nb::arg("idle_priority").none())
         .def("Update", &CLogicalLineCache::Update)
         .def("_CB_ContentChanged", &CLogicalLineCache::CB_ContentChanged_)
+        .def("SetText", &CLogicalLineCache::SetText, nb::arg("text"),
+             nb::arg("mtime").none() = nb::none())
+        .def_prop_ro("fBuffer", &CLogicalLineCache::IsBuffer)
         .def_prop_ro("fRemote", &CLogicalLineCache::IsRemote)
         .def_prop_ro("fWaiting", &CLogicalLineCache::IsWaiting)
         .def_ro("fCacheMgr", &CLogicalLineCache::fCacheMgr)

@@ -2,13 +2,18 @@
 // itself from its own header under scopescanner/; module start runs in the
 // order below.
 #include "bindutil.h"
+#include "pysource/scopescanner/bind_perfileinfo.h"
+#include "pysource/scopescanner/bind_primaryscanner.h"
 #include "pysource/scopescanner/bind_protocol.h"
+#include "pysource/scopescanner/bind_scopebodycache.h"
 #include "pysource/scopescanner/bind_scopebodyfinder.h"
 #include "pysource/scopescanner/module_values.h"
 
 NB_MODULE(scopescanner, m) {
     bindutil::ImportDependencies(
-        {"basekit.destroyable", "pysource.logicalline", "pysource._fastaccess"});
+        {"basekit.destroyable", "pysource.logicalline", "pysource._fastaccess",
+         "pysource.symbolinfo", "pysource.scopeinfo", "pysource.pgeninspect",
+         "basekit.location"});
     m.doc() = "Scan protocol, scope structure and the scanners of Python scopes";
 
     pysource::InitNoValueMarkers();
@@ -18,6 +23,9 @@ NB_MODULE(scopescanner, m) {
     scopescanner_bind::CModuleValues values;
     scopescanner_bind::BindScanners(m, values);
     scopescanner_bind::BindScopeBodyFinder(m, values);
+    scopescanner_bind::BindScopeBodyCache(m);
+    scopescanner_bind::BindPerFileInfo(m);
+    scopescanner_bind::BindPrimaryScanner(m);
     values.InstallGetattr(m);
 
     // Torn down with the module's namespace, before the interpreter ends.

@@ -197,4 +197,11 @@ void CScannerBase_::SetScanState_(nb::ref<CNamedConstant> state) {
     emit("scan-state-changed", nb::make_tuple(SelfObject()));
 }
 
+bool IsTrue(nb::handle value) {
+    int result = PyObject_IsTrue(value.ptr());
+    if (result < 0)
+        throw nb::python_error();
+    return result == 1;
+}
+
 }  // namespace pysource

@@ -97,6 +97,10 @@ void ReleaseScanProtocolState();
 // statistics); an invalid object for any other name.
 nb::object ProtocolModuleValue(std::string_view name);
 
+// The truth value of what a neighbour's Python interface returned (a
+// service may be any object, so its answers are judged as Python would).
+bool IsTrue(nb::handle value);
+
 // The base of every scanner.  Scan runs until end_time at most and returns the
 // state, or kTimedOut when the slice ended first.
 class CScanner : public basekit::CDestroyable {

@@ -5,6 +5,7 @@
 #include <nanobind/stl/string.h>
 
 #include "bindutil.h"
+#include "pysource/scopescanner/fieldslots.h"
 #include "pysource/scopescanner/module_values.h"
 #include "pysource/scopescanner/scopebodycache.h"
 #include "pysource/scopescanner/scopebodyfinder.h"
@@ -46,28 +47,9 @@ inline int StackItemClear(PyObject *self) {
     return 0;
 }
 
-inline int FinderTraverse(PyObject *self, visitproc visit, void *arg) {
-    if (int result = bindutil::DestroyableTraverse(self, visit, arg))
-        return result;
-    if (!nb::inst_ready(self))
-        return 0;
-    return nb::inst_ptr<CScopeBodyFinder_>(self)->TraverseFields(visit, arg);
-}
-
-inline int FinderClear(PyObject *self) {
-    bindutil::DestroyableClear(self);
-    if (nb::inst_ready(self))
-        nb::inst_ptr<CScopeBodyFinder_>(self)->DropReferences();
-    return 0;
-}
-
 inline PyType_Slot kStackItemSlots[] = {{Py_tp_traverse, (void *) StackItemTraverse},
                                         {Py_tp_clear, (void *) StackItemClear},
                                         {0, nullptr}};
-
-inline PyType_Slot kFinderSlots[] = {{Py_tp_traverse, (void *) FinderTraverse},
-                                     {Py_tp_clear, (void *) FinderClear},
-                                     {0, nullptr}};
 
 struct PyCScopeBodyFinder_ : CScopeBodyFinder_ {
     NB_TRAMPOLINE(CScopeBodyFinder_);
@@ -134,7 +116,7 @@ inline void BindScopeBodyFinder(nb::module_ &m, CModuleValues &) {
 
     nb::class_<CScopeBodyFinder_, basekit::CDestroyable, PyCScopeBodyFinder_>(
         m, "_CScopeBodyFinder", bindutil::IntrusiveHolder<CScopeBodyFinder_>(),
-        nb::type_slots(kFinderSlots))
+        nb::type_slots(kDestroyableFieldSlots<CScopeBodyFinder_>))
         .def(nb::init<nb::list, Py_ssize_t, bool>(), nb::arg("logical_list"),
              nb::arg("scope_def_i"), nb::arg("top_scope_only"))
         .def("PopCompletedScopeBody", &CScopeBodyFinder_::PopCompletedScopeBody)

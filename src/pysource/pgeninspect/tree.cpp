@@ -1,0 +1,98 @@
+#include "pysource/pgeninspect/tree.h"
+
+#include "pysource/pgeninspect/lexer.h"
+
+#include <algorithm>
+#include <array>
+
+namespace pysource::pgen {
+
+void Tree::Clear() {
+    toks.clear();
+    nodes.clear();
+    kids.clear();
+    statements.clear();
+    errors.clear();
+    main_tok_count = 0;
+    type_comment = std::string_view();
+    type_comment_source = -1;
+    kept_.clear();
+}
+
+std::string_view Tree::Keep(std::string text) {
+    kept_.push_back(std::move(text));
+    return kept_.back();
+}
+
+namespace {
+
+bool IsWordLike(const Tok &t) {
+    return t.cls == TokClass::kName || t.cls == TokClass::kNumber || t.cls == TokClass::kString;
+}
+
+}  // namespace
+
+void Tree::AppendText(std::string &out, std::int32_t begin, std::int32_t end) const {
+    const Tok *prev = nullptr;
+    for (std::int32_t i = begin; i < end; ++i) {
+        const Tok &t = toks[(size_t) i];
+        if (prev != nullptr) {
+            bool space = (IsWordLike(*prev) && IsWordLike(t)) || prev->text == "," ||
+                         (prev->cls == TokClass::kNumber && t.text == ".");
+            if (space)
+                out.push_back(' ');
+        }
+        out.append(t.text);
+        prev = &t;
+    }
+}
+
+std::int32_t Tree::SourcePosition(std::int32_t tok) const {
+    if (toks.empty() || tok < 0)
+        return 0;
+    if ((size_t) tok >= toks.size())
+        return toks.back().source_index + 1;
+    return toks[(size_t) tok].source_index;
+}
+
+TokClass ClassifyToken(std::string_view text) {
+    if (text.empty())
+        return TokClass::kEnd;
+    unsigned char c = (unsigned char) text[0];
+    if (c == '#')
+        return TokClass::kComment;
+    if (c == '\'' || c == '"')
+        return TokClass::kString;
+    if ((c >= '0' && c <= '9') || (c == '.' && text.size() > 1 && text[1] >= '0' && text[1] <= '9'))
+        return TokClass::kNumber;
+    if (c == '_' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c >= 0x80) {
+        if (text.back() == '\'' || text.back() == '"')
+            return StringPrefixLength(text) >= 0 ? TokClass::kString : TokClass::kName;
+        return TokClass::kName;
+    }
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\\' || c == '\f')
+        return TokClass::kEnd;
+    return TokClass::kOp;
+}
+
+bool IsKeyword(std::string_view word, bool py2) {
+    static constexpr std::array<std::string_view, 35> kWords = {
+        "False", "None", "True", "and", "as", "assert", "async", "await", "break", "class",
+        "continue", "def", "del", "elif", "else", "except", "exec", "finally", "for", "from",
+        "global", "if", "import", "in", "is", "lambda", "nonlocal", "not", "or", "pass", "print",
+        "raise", "return", "try", "while"};
+    if (word.empty())
+        return false;
+    if (word == "with" || word == "yield")
+        return true;
+    if (!std::binary_search(kWords.begin(), kWords.end(), word))
+        return false;
+    if (word == "print" || word == "exec")
+        return py2;
+    if (py2 && (word == "nonlocal" || word == "async" || word == "await" || word == "None" ||
+                word == "True" || word == "False"))
+        return false;
+    return true;
+}
+
+}  // namespace pysource::pgen

@@ -1,0 +1,41 @@
+// Small helpers shared by the files of the primary scan.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <string>
+#include <string_view>
+
+#include "pysource/logicalline.h"
+#include "pysource/scope.h"
+
+namespace nb = nanobind;
+
+namespace pysource::primaryutil {
+
+// The CScope behind `obj`, or a TypeError.
+symbolinfo::CScope &ScopeOf(nb::handle obj);
+
+// The UTF-8 text of a str or bytes object, or a TypeError.
+std::string_view TextOf(nb::handle obj);
+
+[[noreturn]] void RaiseAssertion(const char *message);
+
+void RequireDict(nb::handle obj, const char *what);
+
+// Whether `obj` is the "not looked up yet" logical.
+bool IsNoValueLogical(nb::handle obj);
+// The logical behind `obj`; nullptr for None and the not-looked-up marker.
+CLogicalLine *OptionalLogical(nb::handle obj);
+nb::object LogicalOrNone(const nb::ref<CLogicalLine> &logical);
+
+// The byte strings of a set, sorted and joined with ";".
+std::string SortedJoin(nb::handle set_of_bytes);
+
+// `prefix` + the decimal form of `index` (bytes, str or int, read as an
+// integer).
+nb::bytes FirstSeenSingle(std::string_view prefix, nb::handle index);
+
+bool IsLocalFileLocation(nb::handle loc);
+
+}  // namespace pysource::primaryutil

@@ -1,0 +1,118 @@
+"""Helpers of the primary scanner tests: a counting clock, an info cache that
+records the calls made on it, and the records of a file read back."""
+
+import contextlib
+import math
+
+import pysource._fastaccess as fastaccess
+from pysource import scopeinfo, scopescanner as ss, symbolinfo as si
+
+kForever = math.inf
+
+
+class CounterClock:
+    """A clock that moves on by one at every reading."""
+
+    def __init__(self):
+        self.now = 0
+
+    def __call__(self):
+        self.now += 1
+        return float(self.now)
+
+    def slice_end(self, readings):
+        """The end time of a slice that lasts `readings` readings of the
+        clock (the reading that reaches it counts)."""
+        return float(self.now + readings)
+
+
+@contextlib.contextmanager
+def counter_clock():
+    previous = getattr(fastaccess, "__TimeFunc")
+    clock = CounterClock()
+    setattr(fastaccess, "__TimeFunc", clock)
+    try:
+        yield clock
+    finally:
+        setattr(fastaccess, "__TimeFunc", previous)
+
+
+class RecordingInfoCache(scopeinfo.CInfoCache):
+    """The real info cache, with a journal of the calls a scan makes."""
+
+    def __init__(self, loc_cache, scan_name):
+        super().__init__(loc_cache, None, scan_name)
+        self.calls = []
+        self.depth = 0
+
+    def _note(self, *call):
+        self.calls.append(call)
+
+    def AddScopeInfo(self, info, can_write=False):
+        self._note("AddScopeInfo", info.key.for_scope.name, can_write)
+        return super().AddScopeInfo(info, can_write)
+
+    def BeginDeferScopesModified(self):
+        self.depth += 1
+        self._note("Begin")
+        super().BeginDeferScopesModified()
+
+    def FlushScopesModified(self):
+        self.depth -= 1
+        self._note("Flush")
+        super().FlushScopesModified()
+
+    def ChangeScansDone(self, loc, scan_name, done, disk_mtime):
+        self._note("ChangeScansDone", scan_name, done, disk_mtime)
+        super().ChangeScansDone(loc, scan_name, done, disk_mtime)
+
+    def SetEOLBlindChecksum(self, loc, checksum, mtime):
+        self._note("SetEOLBlindChecksum", checksum, mtime)
+        super().SetEOLBlindChecksum(loc, checksum, mtime)
+
+    def WriteToDatabase(self, locs=None):
+        self._note("WriteToDatabase", list(locs))
+        return super().WriteToDatabase(locs)
+
+    def names(self):
+        return [call[0] for call in self.calls]
+
+
+def install_recording_cache(mgr):
+    """Puts a recording info cache into `mgr` (the old one is destroyed)."""
+    old = mgr.fInfoCache
+    mgr.fInfoCache = RecordingInfoCache(old.fLocCache, mgr.fPrimaryScanName)
+    old.destroy()
+    return mgr.fInfoCache
+
+
+def record_of(info):
+    """What a record says, as plain values."""
+    return (
+        bytes(info.ibytes),
+        dict(info.type_equivs),
+        None if info.inst_type_equivs is None else dict(info.inst_type_equivs),
+        None if info._domains is None else dict(info._domains),
+        info.incomplete,
+    )
+
+
+def records_of_scan(mgr, loc, scope_names):
+    """The records that the info cache holds for these scopes of `loc`."""
+    out = {}
+    for name in scope_names:
+        info = mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, name))
+        out[si.NormalizeScopeName(name)] = None if info is None else record_of(info)
+    return out
+
+
+def scan_to_end(scanner, slice_readings=None, clock=None, limit=100000):
+    """Calls Scan until a final state (or a wait); returns (state, calls)."""
+    calls = 0
+    while True:
+        calls += 1
+        assert calls < limit, "the scan makes no progress"
+        end = kForever if slice_readings is None else clock.slice_end(slice_readings)
+        state = scanner.Scan(end)
+        if state is not ss.kTimedOut:
+            return state, calls

@@ -1,0 +1,207 @@
+"""The scope body cache: bodies found through the open analysis of a file,
+kept in a scope-dependant cache, dropped when their scope changes."""
+
+import textwrap
+
+import pytest
+
+import pysource.utils
+from basekit.location import CLocalFileLocation
+from pysource import scopescanner as ss
+from pysource.scopeinfo import CScopeDependantCache, CScopeInfo, CScopeInfoKey
+from pysource.symbolinfo import CScope, NormalizedScope
+
+from managerutil import fresh_remote, mgr
+
+SOURCE = textwrap.dedent(
+    """\
+    import os
+
+    class C:
+        # about f
+        def f(self):
+            # inside f
+            def inner():
+                return 1
+            return inner()
+
+        def f(self):
+            pass
+
+    def only_comments():
+        # one
+        # two
+
+    x = C()
+    """
+)
+
+
+def texts(body):
+    return [" ".join(logical.fToks) for logical in body]
+
+
+@pytest.fixture
+def loc(mgr, tmp_path):
+    loc = CLocalFileLocation(str(tmp_path / "mod.py"))
+    mgr.fCacheMgr.OpenAnalysis(loc, SOURCE)
+    return loc
+
+
+@pytest.fixture
+def cache(mgr):
+    return mgr.fScopeBodyCache
+
+
+class CountingCache(ss.CScopeBodyCache):
+    """Counts the searches the cache makes."""
+
+    def __init__(self):
+        super().__init__()
+        self.found = []
+
+    def _FindScope(self, scope):
+        self.found.append(scope)
+        return super()._FindScope(scope)
+
+
+class TestFindingBodies:
+    def test_body_of_a_method_keeps_comments_and_leaves_nested_bodies_out(self, cache, loc):
+        body = cache.GetBody(CScope(loc, "C.f"))
+        assert texts(body) == ["# inside f", "def inner ( ) :", "return inner ( )"]
+
+    def test_index_names_the_second_definition(self, cache, loc):
+        assert texts(cache.GetBody(CScope(loc, "C.f|1"))) == ["pass"]
+        assert texts(cache.GetBody(CScope(loc, "C.f|0"))) == texts(cache.GetBody(CScope(loc, "C.f")))
+        # The normalised scope is the same cache key.
+        assert cache.GetBody(NormalizedScope(loc, "C.f|0")) is cache.GetBody(CScope(loc, "C.f"))
+
+    def test_module_scope_gives_top_level_logicals_only(self, cache, loc):
+        body = cache.GetBody(CScope(loc, ""))
+        assert texts(body) == ["import os", "class C :", "def only_comments ( ) :", "x = C ( )"]
+
+    def test_without_comments(self, cache, loc):
+        scope = CScope(loc, "C.f")
+        stripped = cache.GetBody(scope, include_comments=False)
+        assert texts(stripped) == ["def inner ( ) :", "return inner ( )"]
+        # A new list each time; the cached body keeps its comments.
+        assert cache.GetBody(scope, False) is not stripped
+        assert texts(cache.GetBody(scope))[0] == "# inside f"
+
+    def test_comments_only_body_stripped_is_empty(self, cache, loc):
+        scope = CScope(loc, "only_comments")
+        assert texts(cache.GetBody(scope)) == ["# one", "# two"]
+        assert cache.GetBody(scope, include_comments=False) == []
+
+class TestCaching:
+    def test_second_call_does_not_touch_the_analysis(self, cache, loc, monkeypatch):
+        scope = CScope(loc, "C.f")
+        first = cache.GetBody(scope)
+
+        def no_analysis(loc):
+            raise AssertionError("the analysis was asked again")
+
+        monkeypatch.setattr(pysource.utils, "GetAnalysisForLoc", no_analysis)
+        assert cache.GetBody(scope) is first
+        assert cache.GetBody(CScope(loc, "C.f")) is first  # an equal scope object
+        assert texts(cache.GetBody(scope, False)) == texts(first)[1:]
+
+    def test_lookup_only_on_empty_cache_does_not_search(self, mgr, loc):
+        cache = CountingCache()
+        try:
+            assert cache.GetBody(CScope(loc, "C.f"), True, False) is None
+            assert cache.found == []
+            assert cache.GetBody(CScope(loc, "C.f")) is not None
+            assert len(cache.found) == 1
+            assert cache.GetBody(CScope(loc, "C.f"), True, False) is not None
+            assert len(cache.found) == 1
+        finally:
+            cache.destroy()
+
+    def test_bound(self, cache, loc):
+        assert ss.CScopeBodyCache.kCacheSize == 500
+        scopes = [CScope(loc, f"s{i}") for i in range(501)]
+        for scope in scopes:
+            cache.SetScopeBodyInCache(scope, [])
+        inner = cache._fScopeDependantCache
+        assert isinstance(inner, CScopeDependantCache)
+        assert len(inner) == 500
+        assert scopes[0] not in inner and scopes[-1] in inner
+
+    def test_destroy_destroys_the_inner_cache(self, mgr, loc):
+        cache = ss.CScopeBodyCache()
+        cache.GetBody(CScope(loc, "C.f"))
+        inner = cache._fScopeDependantCache
+        cache.destroy()
+        assert inner.fDestroyed and len(inner) == 0
+
+
+class TestNotFound:
+    def test_missing_scope_gives_none_and_stores_nothing(self, cache, loc):
+        scope = CScope(loc, "C.g")
+        assert cache.GetBody(scope) is None
+        assert len(cache._fScopeDependantCache) == 0
+
+    def test_scope_that_went_away(self, mgr, cache, loc):
+        mgr.fCacheMgr.OpenAnalysis(loc, "x = 1\n")
+        assert cache.GetBody(CScope(loc, "C.f")) is None
+        assert len(cache._fScopeDependantCache) == 0
+
+    def test_file_without_analysis(self, cache, tmp_path):
+        assert cache.GetBody(CScope(CLocalFileLocation(str(tmp_path / "other.py")), "")) is None
+
+    def test_content_not_arrived(self, mgr, cache):
+        loc = fresh_remote()
+        mgr.fCacheMgr.OpenAnalysis(loc)
+        assert cache.GetBody(CScope(loc, "")) is None
+        assert len(cache._fScopeDependantCache) == 0
+        loc.SetContent("def f():\n    pass\n")
+        assert texts(cache.GetBody(CScope(loc, "f"))) == ["pass"]
+
+    def test_analysis_disagreeing_with_its_logicals(self, mgr, cache, loc):
+        # A def from another text: the right name, but not a logical of this list.
+        ana = mgr.fCacheMgr.GetAnalysis(loc, False)
+        other = mgr.fCacheMgr.OpenAnalysis(fresh_remote(), SOURCE)
+        ana._GetScopeDefForFullName = other._GetScopeDefForFullName
+        assert cache.GetBody(CScope(loc, "C.f")) is None
+        assert len(cache._fScopeDependantCache) == 0
+
+
+class TestInvalidation:
+    @staticmethod
+    def record_primary(mgr, scope):
+        key = CScopeInfoKey(scope, mgr.fPrimaryScanName, scope)
+        info = CScopeInfo(key, b"", 1.0, False)
+        info.type_equivs = {"a": b"1"}
+        info.FinishedBuilding()
+        mgr.fInfoCache.AddScopeInfo(info)
+
+    def test_body_goes_when_its_scope_changes(self, mgr, cache, loc):
+        scope = CScope(loc, "C.f")
+        cache.GetBody(scope)
+        other = CScope(loc, "C.f|1")
+        cache.GetBody(other)
+        self.record_primary(mgr, CScope(loc, "C.f"))
+        assert cache.GetBody(scope, True, False) is None
+        assert cache.GetBody(other, True, False) is not None
+
+    def test_stable_primary_scanned_body_stays(self, mgr, cache, loc):
+        scope = CScope(loc, "C.f")
+        scope.fStableLoc = True
+        scope.fPrimaryScanned = True
+        body = cache.GetBody(scope)
+        self.record_primary(mgr, CScope(loc, "C.f"))
+        assert cache.GetBody(scope, True, False) is body
+
+    def test_stable_but_not_scanned_body_depends_on_its_scope(self, mgr, cache, loc):
+        scope = CScope(loc, "C.f")
+        scope.fStableLoc = True
+        cache.GetBody(scope)
+        self.record_primary(mgr, CScope(loc, "C.f"))
+        assert cache.GetBody(scope, True, False) is None
+
+
+class TestBadInput:
+    def test_not_a_scope(self, cache, loc):
+        with pytest.raises(AttributeError):
+            cache.GetBody(object())

@@ -1,0 +1,432 @@
+"""The statement analyzer: what each statement form says about names."""
+import pytest
+
+from pysource.filellinecache import BuildLogicalLines
+from pysource.logicalline import CreateLogical
+from pysource.pgeninspect import CPGenAnalyzer, FinishedWithNode
+from pysource.symbolinfo import packedops
+
+SET, GET = b":S", b":g"
+
+
+@pytest.fixture(scope="module")
+def analyzer():
+    return CPGenAnalyzer()
+
+
+def logical_of(src):
+    """The first logical of `src` (a compound statement's header)."""
+    return [l for l in BuildLogicalLines(src) if l.fType != "comment"][0]
+
+
+def pairs(analyzer, src, py3=True):
+    logical = logical_of(src)
+    errs = analyzer.AnalyzeSingleLogical(logical, py3)
+    assert errs is None, errs
+    return logical.fTypeEquivs
+
+
+def infos(analyzer, src, name):
+    return [i for n, i in pairs(analyzer, src) if n == name.encode()]
+
+
+def names_of_kind(analyzer, src, kind):
+    return {n.decode() for n, i in pairs(analyzer, src) if i[:2] == kind}
+
+
+def called(analyzer, src):
+    out = []
+    for name, info in pairs(analyzer, src):
+        if info[:2] == b":c":
+            trailer, args = packedops.UnpackCalled(info)
+            out.append((name.decode(), trailer, args))
+    return out
+
+
+class TestTargets:
+    def test_nested_unpacking_with_starred_targets(self, analyzer):
+        src = "a, (b, *c), [d, e] = value\n"
+        assert names_of_kind(analyzer, src, SET) == {"a", "b", "c", "d", "e"}
+        assert infos(analyzer, src, "a") == [SET, b"value[0]"]
+        assert infos(analyzer, src, "b") == [SET, b"value[1][0]"]
+        assert infos(analyzer, src, "c") == [SET, b"list(value[1])"]
+        assert infos(analyzer, src, "e") == [SET, b"value[2][1]"]
+
+    def test_elements_after_a_star_count_from_the_end(self, analyzer):
+        src = "first, *middle, last = f(x)\n"
+        assert infos(analyzer, src, "last") == [SET, b"f(x)[-1]"]
+        assert infos(analyzer, src, "middle") == [SET, b"list(f(x))"]
+
+    def test_display_on_the_right_pairs_element_with_element(self, analyzer):
+        src = "x, y = foo(1), bar[2]\n"
+        assert infos(analyzer, src, "x") == [SET, b"foo(1)"]
+        assert infos(analyzer, src, "y") == [SET, b"bar[2]"]
+
+    def test_non_atomic_value_is_parenthesized_before_indexing(self, analyzer):
+        assert infos(analyzer, "a, b = p or q\n", "a") == [SET, b"(p or q)[0]"]
+
+    def test_chained_assignment_binds_every_target(self, analyzer):
+        src = "a = b.c = d[0] = make()\n"
+        for target in ("a", "b.c", "d[0]"):
+            assert infos(analyzer, src, target) == [SET, b"make()"]
+
+    def test_attribute_and_subscript_targets_keep_their_text_and_read_their_base(self, analyzer):
+        got = pairs(analyzer, "o.a.b = 1; a[b[0]] = 2\n".split(";")[0] + "\n")
+        assert (b"o.a.b", SET) in got and (b"o", GET) in got
+        got = pairs(analyzer, "a[b[0]] = 2\n")
+        assert (b"a[b[0]]", SET) in got and (b"a", GET) in got and (b"b", GET) in got
+
+    def test_augmented_assignment_reads_and_binds(self, analyzer):
+        got = pairs(analyzer, "total += a * b\n")
+        assert (b"total", GET) in got
+        assert infos(analyzer, "total += a * b\n", "total") == [GET, SET, b"total+(a*b)"]
+
+    def test_for_target_gets_the_iteration_subscript(self, analyzer):
+        src = "for k, (v, w) in d.items():\n    pass\n"
+        assert infos(analyzer, src, "k") == [SET, b"d.items()[*][0]"]
+        assert infos(analyzer, src, "w") == [SET, b"d.items()[*][1][1]"]
+
+    def test_with_targets_get_the_enter_result(self, analyzer):
+        src = "with open(p) as fh, lock, ctx() as (a, b):\n    pass\n"
+        assert infos(analyzer, src, "fh") == [SET, b"open(p).__enter__()"]
+        assert infos(analyzer, src, "a") == [SET, b"ctx().__enter__()[0]"]
+        assert b"lock" not in [n for n, i in pairs(analyzer, src) if i == SET]
+
+    def test_async_with_awaits_the_enter(self, analyzer):
+        src = "async with session() as s:\n    pass\n"
+        assert infos(analyzer, src, "s") == [SET, b"(await session().__aenter__())"]
+
+    def test_parenthesized_with_items(self, analyzer):
+        src = "with (open(a) as f, open(b) as g):\n    pass\n"
+        assert names_of_kind(analyzer, src, SET) == {"f", "g"}
+
+    def test_except_as_binds_an_instance_of_each_class(self, analyzer):
+        src = "try:\n    pass\nexcept (KeyError, errors.Bad) as e:\n    pass\n"
+        logical = [l for l in BuildLogicalLines(src) if l.fType == "except"][0]
+        analyzer.AnalyzeSingleLogical(logical, True)
+        got = [i for n, i in logical.fTypeEquivs if n == b"e"]
+        assert got == [SET, b"KeyError()", b"errors.Bad()"]
+
+    def test_delete_makes_names_local_but_not_attributes(self, analyzer):
+        got = pairs(analyzer, "del a, b.c, d[i]\n")
+        assert (b"a", SET) in got
+        assert (b"b.c", SET) not in got and (b"b", GET) in got and (b"i", GET) in got
+
+    def test_global_and_nonlocal_have_their_own_kinds(self, analyzer):
+        assert pairs(analyzer, "global a, b\n") == [(b"a", b":G"), (b"b", b":G")]
+        assert pairs(analyzer, "nonlocal c\n") == [(b"c", b":N")]
+
+    def test_type_statement_binds_an_alias(self, analyzer):
+        got = pairs(analyzer, "type Pair[T] = tuple[T, T]\n")
+        assert (b"Pair", SET) in got and (b"tuple", GET) in got
+        assert (b"T", GET) not in got
+        assert (b"Pair", b":APair,[T],tuple[T, T]") in got
+
+    def test_assigning_to_a_call_is_an_error(self, analyzer):
+        logical = logical_of("f() = 1\n")
+        errs = analyzer.AnalyzeSingleLogical(logical, True)
+        assert errs and errs[0][0] == "cannot assign to expression" and errs[0][1] == 0
+        assert logical.fParsed is False
+
+
+class TestReads:
+    def test_reads_everywhere_in_an_expression(self, analyzer):
+        src = "x = a[b:c:d, e] if cond else f(*g, key=h, **i).attr\n"
+        assert names_of_kind(analyzer, src, GET) == set("abcdefghi") | {"cond"}
+
+    def test_fstring_fields_with_strings_braces_and_named_characters(self, analyzer):
+        src = "s = f'\\N{DASH}{a}' + f\"{'''it's'''}{b:{'}'}>{w}}\" + rf'\\N{c}'\n"
+        assert names_of_kind(analyzer, src, GET) == {"a", "b", "w", "c"}
+
+    def test_slices_after_commas(self, analyzer):
+        src = "y = x[1:n:, ::-2, ..., :m]\n"
+        assert names_of_kind(analyzer, src, GET) == {"x", "n", "m"}
+
+    def test_fstring_fields_with_nested_expressions_and_format_specs(self, analyzer):
+        src = "msg = f\"{a!r:>{width}} {b[c]=} {f'{d}'} {{literal}}\"\n"
+        assert names_of_kind(analyzer, src, GET) == {"a", "width", "b", "c", "d"}
+
+    def test_decorator_that_is_a_call(self, analyzer):
+        src = "@app.route('/x', methods=allowed)\ndef f(): pass\n"
+        logical = BuildLogicalLines(src)[0]
+        analyzer.AnalyzeSingleLogical(logical, True)
+        got = logical.fTypeEquivs
+        assert (b"app", GET) in got and (b"allowed", GET) in got
+        assert (b"app.route", packedops.PackCalled("", "'/x', methods=allowed")) in got
+
+    def test_condition_and_return(self, analyzer):
+        assert infos(analyzer, "return x + 1\n", "return") == [b"x+1"]
+        assert infos(analyzer, "return\n", "return") == [b"None"]
+        assert names_of_kind(analyzer, "while not done and n < limit:\n    pass\n", GET) == {
+            "done", "n", "limit"}
+
+    def test_yield_value_is_a_return(self, analyzer):
+        assert infos(analyzer, "x = yield item\n", "return") == [b"item"]
+
+    def test_each_pair_once(self, analyzer):
+        got = pairs(analyzer, "x = y + y + y\n")
+        assert got.count((b"y", GET)) == 1
+
+
+class TestInnerScopes:
+    def test_lambda_with_defaults(self, analyzer):
+        got = pairs(analyzer, "f = lambda a, b=default, *c, **d: a + b + outer\n")
+        assert {n for n, i in got if i == GET} == {b"default", b"outer"}
+        assert {n for n, i in got if i == SET} == {b"f"}
+
+    def test_comprehension_variables_stay_inside(self, analyzer):
+        got = pairs(analyzer, "r = [x * k for x in xs for k in x.keys() if k]\n")
+        assert {n for n, i in got if i == GET} == {b"xs"}
+        assert {n for n, i in got if i == SET} == {b"r"}
+        assert not any(n.startswith(b"x.") for n, i in got)  # no call of an inner name
+
+    def test_walrus_in_a_comprehension_binds_in_the_enclosing_scope(self, analyzer):
+        got = pairs(analyzer, "ok = any((hit := f(y)) for y in ys)\n")
+        assert (b"hit", SET) in got and (b"hit", b"f(y)") in got
+        assert (b"y", SET) not in got and (b"y", GET) not in got
+
+    def test_walrus_in_a_lambda_stays_in_the_lambda(self, analyzer):
+        got = pairs(analyzer, "g = lambda: (v := 1) + v\n")
+        assert (b"v", SET) not in got and (b"v", GET) not in got
+
+    def test_dict_and_set_comprehensions(self, analyzer):
+        got = pairs(analyzer, "d = {k: v for k, v in items}; s = {e for e in d}\n".split(";")[0] + "\n")
+        assert {n for n, i in got if i == GET} == {b"items"}
+
+
+class TestCalls:
+    def test_chained_and_nested_calls_with_trailers_and_arguments(self, analyzer):
+        got = called(analyzer, "r = a.b[0].c(x, y=2)(z)\n")
+        assert ("a.b", "[0].c", "x, y=2") in got
+        assert ("a.b", "[0].c(x, y=2)", "z") in got
+
+    def test_call_of_a_call_and_super(self, analyzer):
+        assert set(called(analyzer, "f()(y)\n")) == {("f", "", ""), ("f", "()", "y")}
+        assert ("super", "().__init__", "z") in called(analyzer, "super().__init__(z)\n")
+
+    def test_calls_in_arguments_are_found(self, analyzer):
+        got = called(analyzer, "outer(inner(deep(1)), k=mid())\n")
+        assert {c[0] for c in got} == {"outer", "inner", "deep", "mid"}
+        assert ("outer", "", "inner(deep(1)), k=mid()") in got
+
+    def test_callee_without_a_leading_name_gives_no_call(self, analyzer):
+        assert called(analyzer, "', '.join(parts)\n") == []
+        assert called(analyzer, "(a or b)(c)\n") == []
+
+
+class TestDefAndClass:
+    def args_of(self, analyzer, src):
+        logical = logical_of(src)
+        assert analyzer.AnalyzeSingleLogical(logical, True) is None
+        return logical
+
+    def test_def_arguments_in_order_with_hints_and_defaults(self, analyzer):
+        src = "def f(a, b: int = 1, /, c=g(), *args: str, d, e: 'List[T]' = None, **kw):\n    pass\n"
+        logical = self.args_of(analyzer, src)
+        ate = logical.fArgTypeEquivs
+        assert isinstance(ate, tuple)
+        assert [n for n, i in ate if i == SET] == [b"a", b"b", b"c", b"args", b"d", b"e", b"kw"]
+        assert (b"b", b":tint") in ate and (b"b", b"1") in ate
+        assert (b"c", b"g()") in ate
+        assert (b"args", b":ttuple[str, ...]") in ate and (b"args", b"tuple()") in ate
+        assert (b"e", b":tList[T]") in ate and (b"kw", b"dict()") in ate
+        reads = {n for n, i in logical.fTypeEquivs if i == GET}
+        assert reads == {b"g", b"int", b"str", b"List", b"T"}
+        assert (b"a", SET) not in logical.fTypeEquivs
+
+    def test_pep695_type_parameters(self, analyzer):
+        logical = self.args_of(analyzer, "def first[T: Base, *Ts, **P](x: T) -> T:\n    pass\n")
+        reads = {n for n, i in logical.fTypeEquivs if i == GET}
+        assert reads == {b"Base"}
+        kinds = [(n, i[:2]) for n, i in logical.fArgTypeEquivs]
+        assert kinds == [(b"x", SET), (b"x", b":t"), (b"T", b":p"), (b"Ts", b":p"), (b"P", b":p")]
+
+    def test_class_bases_and_metaclass(self, analyzer):
+        logical = self.args_of(analyzer, "class C[T](Base[T], mixins.M, metaclass=Meta):\n    pass\n")
+        assert logical.fArgTypeEquivs[:3] == (
+            (b"__bases__", b"Base[T]"), (b"__bases__", b"mixins.M"), (b"__metaclass__", b"Meta"))
+        reads = {n for n, i in logical.fTypeEquivs if i == GET}
+        assert reads == {b"Base", b"mixins", b"Meta"}
+
+    def test_other_logicals_have_no_argument_equivalents(self, analyzer):
+        logical = logical_of("x = 1\n")
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert logical.fArgTypeEquivs is None
+
+
+class TestHints:
+    def test_annotated_assignments(self, analyzer):
+        assert infos(analyzer, "x: int = 0\n", "x") == [SET, b"0", b":tint"]
+        assert infos(analyzer, "self.x: Optional[str]\n", "self.x") == [SET, b":tOptional[str]"]
+
+    def test_string_annotation_is_unquoted_and_read(self, analyzer):
+        src = "y: 'Dict[str, Node]' = {}\n"
+        assert infos(analyzer, src, "y") == [SET, b"{}", b":tDict[str, Node]"]
+        assert names_of_kind(analyzer, src, GET) == {"Dict", "str", "Node"}
+
+    def make(self, toks):
+        return CreateLogical(toks=toks)
+
+    def test_type_comment_on_an_assignment(self, analyzer):
+        logical = self.make(["x", "=", "[", "]", "# type: List[int]"])
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert (b"x", b":tList[int]") in logical.fTypeEquivs
+
+    def test_type_comment_on_tuple_targets_and_for_lines(self, analyzer):
+        logical = self.make(["a", ",", "b", "=", "f", "(", ")", "#type: int, str"])
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert (b"a", b":tint") in logical.fTypeEquivs and (b"b", b":tstr") in logical.fTypeEquivs
+        logical = self.make(["for", "x", "in", "y", ":", "# type: Node"])
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert (b"x", b":tNode") in logical.fTypeEquivs
+
+    def test_type_ignore_is_no_hint(self, analyzer):
+        logical = self.make(["x", "=", "1", "# type: ignore[assignment]"])
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert not any(i.startswith(b":t") for n, i in logical.fTypeEquivs)
+
+    def test_signature_comment_first_in_def(self, analyzer):
+        from pysource.symbolinfo import BuildArgInfo
+        logical = self.make(["# type: (int, *str, **Dict[str, int]) -> bool"])
+        analyzer.AnalyzeSingleLogical(logical, True, True)
+        assert list(logical.fTypeEquivs) == [
+            (BuildArgInfo(0, None), b":tint"), (BuildArgInfo(1, None), b":tstr"),
+            (BuildArgInfo(2, None), b":tDict[str, int]"), (b"return", b":tbool")]
+
+    def test_signature_comment_on_the_def_line(self, analyzer):
+        logical = self.make(["def", "m", "(", "self", ",", "a", ",", "b", ":", "int", ")", ":",
+                             "# type: (str, float) -> bool"])
+        analyzer.AnalyzeSingleLogical(logical, True)
+        ate = logical.fArgTypeEquivs
+        assert (b"a", b":tstr") in ate and (b"return", b":tbool") in ate
+        assert (b"b", b":tfloat") not in ate and (b"b", b":tint") in ate  # written hint wins
+        assert [n for n, i in ate if i == SET] == [b"self", b"a", b"b"]
+
+    def test_signature_comment_elsewhere_says_nothing(self, analyzer):
+        logical = self.make(["# type: (int) -> bool"])
+        analyzer.AnalyzeSingleLogical(logical, True, False)
+        assert list(logical.fTypeEquivs) == []
+
+
+class TestImports:
+    def test_import_forms(self, analyzer):
+        got = pairs(analyzer, "import os.path, xml.dom as dom_mod\n")
+        assert got[0] == (b"os", SET) and got[1][1][:2] == b":I"
+        assert (b"dom_mod", SET) in got and (b"os.path" in got[1][1])
+
+    def test_relative_from_import_with_star(self, analyzer):
+        got = pairs(analyzer, "from ..pkg.mod import (a as b, c)\n")
+        assert [n for n, i in got if i == SET] == [b"b", b"c"]
+        assert (b"b", b":F..pkg.mod,a") in got and (b"c", b":F..pkg.mod,c") in got
+        assert pairs(analyzer, "from . import *\n") == [(b"*", SET), (b"*", b":F.,*")]
+
+
+class TestMatch:
+    def test_match_subject_is_read(self, analyzer):
+        src = "match command.split():\n    case _:\n        pass\n"
+        logical = BuildLogicalLines(src)[0]
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert (b"command", GET) in logical.fTypeEquivs
+
+    def test_case_captures_and_values(self, analyzer):
+        src = ("match p:\n    case Point(x=0, y=yy) | [1, *rest, _] | {'k': Color.RED, **kw} as q"
+               " if q > lim:\n        pass\n")
+        logical = [l for l in BuildLogicalLines(src) if l.fType == "case"][0]
+        assert analyzer.AnalyzeSingleLogical(logical, True) is None
+        got = logical.fTypeEquivs
+        assert {n for n, i in got if i == SET} == {b"yy", b"rest", b"kw", b"q"}
+        assert {n for n, i in got if i == GET} == {b"Point", b"Color", b"q", b"lim"}
+
+    def test_match_as_a_plain_name(self, analyzer):
+        assert names_of_kind(analyzer, "match = re.match(p, s)\n", SET) == {"match"}
+
+
+class TestParseErrors:
+    def test_error_message_and_position(self, analyzer):
+        logical = logical_of("x = (1 +\n")
+        errs = analyzer.AnalyzeSingleLogical(logical, True)
+        assert errs == [("unexpected end of statement", 5)]  # one past the last token
+        assert logical.fParsed is False
+
+    def test_broken_logical_still_gives_its_names(self, analyzer):
+        logical = CreateLogical(toks=["total", "=", "f", "(", "a", "b", ")"])
+        errs = analyzer.AnalyzeSingleLogical(logical, True)
+        assert errs and errs[0][1] == 5
+        got = logical.fTypeEquivs
+        assert (b"total", SET) in got and (b"a", GET) in got and (b"b", GET) in got
+
+    def test_a_later_statement_after_a_broken_one_is_read(self, analyzer):
+        logical = CreateLogical(toks=["x", "=", ")", ";", "y", "=", "2"])
+        errs = analyzer.AnalyzeSingleLogical(logical, True)
+        assert [e[1] for e in errs] == [2]
+        assert (b"y", SET) in logical.fTypeEquivs
+
+    def test_failed_fstring_field_leaves_only_the_logicals_tokens(self, analyzer):
+        field = "f'" + "{y:" * 300 + "}" * 300 + "'"
+        logical = CreateLogical(toks=["x", "=", field])
+        errs = analyzer.AnalyzeSingleLogical(logical, True)
+        assert errs == [("expression nested too deeply", 2)]
+        assert logical.fTypeEquivs == [(b"x", SET)]
+
+    def test_failed_match_header_falls_back_to_an_expression(self, analyzer):
+        assert names_of_kind(analyzer, "match(a, b)\n", GET) == {"match", "a", "b"}
+
+    def test_python2_forms_only_with_the_python2_grammar(self, analyzer):
+        for toks in (["print", "x", ",", "y"], ["exec", "code", "in", "ns"],
+                     ["a", "=", "`", "b", "`"], ["c", "=", "a", "<>", "b"]):
+            logical = CreateLogical(toks=toks)
+            assert analyzer.AnalyzeSingleLogical(logical, False) is None, toks
+            logical = CreateLogical(toks=toks)
+            assert analyzer.AnalyzeSingleLogical(logical, True), toks
+
+
+class TestLogicalContract:
+    def test_analysis_is_idempotent_through_fparsed(self, analyzer):
+        logical = logical_of("x = y\n")
+        assert analyzer.AnalyzeSingleLogical(logical, True) is None
+        assert logical.fParsed is True
+        logical.fTypeEquivs = "left alone"
+        assert analyzer.AnalyzeSingleLogical(logical, True) is None
+        assert logical.fTypeEquivs == "left alone"
+
+    def test_names_are_bytes_in_a_list(self, analyzer):
+        logical = logical_of("x = y\n")
+        analyzer.AnalyzeSingleLogical(logical, True)
+        assert isinstance(logical.fTypeEquivs, list)
+        assert all(type(n) is bytes and type(i) is bytes for n, i in logical.fTypeEquivs)
+
+
+class TestParseTokenListToNode:
+    def test_expression_gives_a_node(self, analyzer):
+        node = analyzer.ParseTokenListToNode(["sys", ".", "version_info", ">=", "(", "3", ",",
+                                               "8", ")"], False)
+        assert node and node.kind == "Compare" and node.text == "sys.version_info>=(3, 8)"
+        FinishedWithNode(node)
+        assert node.finished and node.text == ""
+
+    def test_statement_or_garbage_raises(self, analyzer):
+        with pytest.raises(SyntaxError, match="at token 1"):
+            analyzer.ParseTokenListToNode(["x", "=", "1"], True)
+        with pytest.raises(SyntaxError):
+            analyzer.ParseTokenListToNode([], True)
+        with pytest.raises(TypeError):
+            analyzer.ParseTokenListToNode([1, 2], True)
+
+
+class TestParseDefArgs:
+    def test_kinds_hints_and_defaults(self):
+        from pysource.pycodeutils import (ParseDefArgs, kArgKeywordOnly, kArgNormal,
+                                          kArgPositionalOnly, kArgStar, kArgStarStar)
+        args = ParseDefArgs("self, a: int = 1, /, b=f(x, y), *rest: str, c: 'T', **kw")
+        assert [(a.name, a.kind, a.type_hint, a.default) for a in args] == [
+            ("self", kArgPositionalOnly, None, None), ("a", kArgPositionalOnly, "int", "1"),
+            ("b", kArgNormal, None, "f(x, y)"), ("rest", kArgStar, "str", None),
+            ("c", kArgKeywordOnly, "'T'", None), ("kw", kArgStarStar, None, None)]
+
+    def test_parentheses_bare_star_and_bad_text(self):
+        from pysource.pycodeutils import ParseDefArgs
+        assert [a.name for a in ParseDefArgs("(a, *, b)")] == ["a", "b"]
+        assert ParseDefArgs("") == []
+        assert ParseDefArgs("a, (") == []
+        with pytest.raises(TypeError):
+            ParseDefArgs(None)

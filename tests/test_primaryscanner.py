@@ -1,0 +1,452 @@
+"""The whole-file primary scanner: one record per scope out of a file, in time
+slices of any size, waiting for remote content, abandoned by a change, and the
+file's end marks (checksum, done mark, database write)."""
+
+import ast
+
+import pytest
+
+from basekit.location import CLocalFileLocation
+from pysource import filellinecache, scopeinfo, scopescanner as ss, symbolinfo as si
+
+from managerutil import fresh_remote, installed_manager
+from scanutil import (counter_clock, install_recording_cache, records_of_scan,
+                      scan_to_end, kForever)
+
+SOURCE = '''\
+"""A module."""
+import os
+from helpers import *
+
+x = 1
+
+class Base:
+    pass
+
+# a comment between scopes
+@decorate
+class C(Base):
+    """doc"""
+    count = 0
+
+    def __init__(self, a, b=2):
+        self.a = a
+        self.b.c = 3
+        items[a] = self
+
+    @staticmethod
+    def helper(a):
+        def inner():
+            return a
+        return inner
+
+    def last(self):
+        self.z = 1
+
+def f(a: int, *args) -> str:
+    y = a
+    return y
+
+class Outer:
+    class Inner:
+        def m(self):
+            self.q = 1
+'''
+
+SCOPES = {"", "Base|0", "C|0", "C.__init__|0", "C.helper|0", "C.helper.inner|0",
+          "C.last|0", "f|0", "Outer|0", "Outer.Inner|0", "Outer.Inner.m|0"}
+INSTANCES = {"Base()", "C()", "Outer.Inner()", "Outer()"}
+
+
+@pytest.fixture
+def mgr():
+    with installed_manager(editor=False) as mgr:
+        install_recording_cache(mgr)
+        yield mgr
+
+
+@pytest.fixture
+def editor_mgr():
+    with installed_manager(editor=True) as mgr:
+        install_recording_cache(mgr)
+        yield mgr
+
+
+def local_file(tmp_path, text, name="mod.py"):
+    path = tmp_path / name
+    path.write_text(text)
+    return CLocalFileLocation(str(path))
+
+
+def full_scan(loc, scan_name, incomplete=None):
+    scanner = ss.CWholeFilePrimaryScanner(loc, scan_name, incomplete)
+    state, _ = scan_to_end(scanner)
+    return scanner, state
+
+
+class TestWholeFile:
+    def test_one_record_per_scope_and_instance(self, mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        scanner, state = full_scan(loc, mgr.fPrimaryScanName)
+        assert state is ss.kFinishedScanning
+        assert scanner._fAllScopeNames == SCOPES | INSTANCES
+        records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
+        assert all(record is not None for record in records.values())
+        module = records[""]
+        assert module[0] == b""
+        assert set(module[1]) >= {"os", "x", "Base", "C", "f", "Outer", "__name__", "__doc__"}
+        assert module[3] == {"os": b"imported"}  # nothing for "*"
+        scanner.destroy()
+
+    def test_module_without_scopes_is_scanned_at_the_end(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\nprint(x)\n")
+        scanner, state = full_scan(loc, mgr.fPrimaryScanName)
+        assert state is ss.kFinishedScanning
+        assert scanner._fAllScopeNames == {""}
+        type_equivs = records_of_scan(mgr, loc, [""])[""][1]
+        assert type_equivs["x"].startswith(b"1")
+        assert type_equivs["x"].endswith(b";" + si.kSetPrefix + b"0;" + si.kGetPrefix + b"1")
+        assert type_equivs["print"].endswith(b";" + si.kGetPrefix + b"1")
+        scanner.destroy()
+
+    def test_file_end_marks_and_one_batch_per_slice(self, mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        calls = mgr.fInfoCache.names()
+        assert calls[0] == "Begin" and calls[-1] == "Flush"
+        assert calls.count("Begin") == calls.count("Flush") == 1
+        tail = [name for name in calls if name not in ("AddScopeInfo",)]
+        assert tail == ["Begin", "SetEOLBlindChecksum", "ChangeScansDone", "WriteToDatabase", "Flush"]
+        done = [call for call in mgr.fInfoCache.calls if call[0] == "ChangeScansDone"][0]
+        assert done[1:3] == (mgr.fPrimaryScanName, True)
+        assert done[3] == scanner.GetMatchedDiskMTime() > 1.0
+        # Every scope was saved with writing allowed.
+        saves = [call for call in mgr.fInfoCache.calls if call[0] == "AddScopeInfo"]
+        assert all(call[2] is True for call in saves)
+        assert len(saves) == len(SCOPES | INSTANCES)
+        scanner.destroy()
+
+    def test_inner_scopes_are_saved_before_the_scopes_that_hold_them(self, mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        order = [call[1] for call in mgr.fInfoCache.calls if call[0] == "AddScopeInfo"]
+        assert order.index("C.helper.inner") < order.index("C.helper") < order.index("C")
+        assert order.index("C") < order.index("C()")
+        assert order[-1] == ""
+        scanner.destroy()
+
+    def test_missing_local_file_abandons(self, mgr, tmp_path):
+        loc = CLocalFileLocation(str(tmp_path / "absent.py"))
+        incomplete = set()
+        scanner, state = full_scan(loc, mgr.fPrimaryScanName, incomplete)
+        assert state is ss.kScanAbandoned and scanner.fScanAbandoned
+        assert incomplete == {scanner.fScope.name}
+        assert scanner.Scan(kForever) is ss.kScanAbandoned
+        assert "WriteToDatabase" not in mgr.fInfoCache.names()
+        scanner.destroy()
+
+    def test_abandon_has_no_guard_after_the_end(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\n")
+        incomplete = set()
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName, incomplete)
+        scanner.AbandonScan()
+        assert scanner.fScanState is ss.kScanAbandoned
+        assert scanner.fScope.name in incomplete
+        scanner.destroy()
+
+    def test_destroy_releases_the_per_file_info(self, mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+        per_file = scanner.fPerFileInfo
+        scanner.Scan(kForever)
+        destroyed = []
+        per_file.connect("destroy", lambda *args: destroyed.append(True))
+        scanner.destroy()
+        assert destroyed == [True]
+
+
+class TestIncompleteScopes:
+    def test_unparsable_scope_stops_the_done_mark(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "def f():\n    x = (1 +\n\ny = 2\n")
+        incomplete = set()
+        scanner, state = full_scan(loc, mgr.fPrimaryScanName, incomplete)
+        assert state is ss.kFinishedScanning
+        assert incomplete
+        calls = mgr.fInfoCache.names()
+        assert "ChangeScansDone" not in calls
+        assert "SetEOLBlindChecksum" in calls and "WriteToDatabase" in calls
+        scanner.destroy()
+
+    def test_complete_rescan_takes_a_scope_out_of_the_set(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "def f():\n    return 1\n")
+        # The single-scope scanner names its scope normalised.
+        incomplete = {"f", "other"}
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName, incomplete)
+        assert incomplete == {"other"}
+        assert "ChangeScansDone" not in mgr.fInfoCache.names()
+        scanner.destroy()
+
+
+    def test_discarded_record_stops_the_done_mark(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "def f():\n    return 1\n")
+        cache = mgr.fInfoCache
+        original = type(cache).AddScopeInfo
+
+        def discard_f(info, can_write=False):
+            if info.key.for_scope.name == "f":
+                cache.calls.append(("Discarded",))
+                return scopeinfo.kAddDiscarded
+            return original(cache, info, can_write)
+
+        cache.AddScopeInfo = discard_f
+        incomplete = set()
+        scanner, state = full_scan(loc, mgr.fPrimaryScanName, incomplete)
+        assert state is ss.kFinishedScanning
+        assert incomplete == {"f|0"}
+        assert scanner._fAllScopeNames == {"", "f|0"}
+        assert "ChangeScansDone" not in cache.names()
+        assert "WriteToDatabase" in cache.names()
+        scanner.destroy()
+
+    def test_own_cache_saves_its_words_and_goes(self, mgr, tmp_path):
+        stored = []
+        previous = filellinecache.GetWordStore()
+        filellinecache.SetWordStore(lambda loc, words: stored.append((loc, set(words))))
+        try:
+            loc = local_file(tmp_path, "alpha = beta\n")
+            scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        finally:
+            filellinecache.SetWordStore(previous)
+        assert len(stored) == 1 and {"alpha", "beta"} <= stored[0][1]
+        assert scanner._CWholeFilePrimaryScanner__fLogicalCache is None
+        scanner.destroy()
+
+
+class TestSlices:
+    def unsliced(self, tmp_path):
+        with installed_manager(editor=False) as mgr:
+            loc = local_file(tmp_path, SOURCE, "whole.py")
+            scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+            records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
+            scanner.destroy()
+            return records
+
+    @pytest.mark.parametrize("readings", [1, 2, 3, 5, 8])
+    def test_every_slice_size_gives_the_unsliced_records(self, tmp_path, readings):
+        expected = self.unsliced(tmp_path)
+        with installed_manager(editor=False) as mgr, counter_clock() as clock:
+            install_recording_cache(mgr)
+            loc = local_file(tmp_path, SOURCE, "sliced.py")
+            scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+            state, calls = scan_to_end(scanner, readings, clock)
+            assert state is ss.kFinishedScanning
+            assert records_of_scan(mgr, loc, scanner._fAllScopeNames) == expected
+            if readings == 1:
+                assert calls > SOURCE.count("\n")
+            # Each slice is one batch of notifications, however it ended.
+            names = mgr.fInfoCache.names()
+            assert names.count("Begin") == names.count("Flush") == calls
+            assert mgr.fInfoCache.depth == 0
+            scanner.destroy()
+
+    def test_time_out_at_entry_reads_once(self, mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+        assert scanner.Scan(0.0) is ss.kTimedOut
+        assert scanner._CWholeFilePrimaryScanner__fLogicalCache is not None
+        assert not scanner._CWholeFilePrimaryScanner__fUpdateFromCacheCalled
+        assert scanner.fScanState is ss.kReadyToScan
+        assert scanner.Scan(0.0) is ss.kTimedOut
+        assert scanner._CWholeFilePrimaryScanner__fUpdateFromCacheCalled
+        assert scanner.GetMatchedDiskMTime() > 1.0
+        assert scanner._fBodyFinder is None
+        assert scan_to_end(scanner)[0] is ss.kFinishedScanning
+        scanner.destroy()
+
+    def test_neighbour_error_still_flushes(self, mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+
+        class Broken:
+            def AnalyzeSingleLogical(self, logical, py3, first_in_def=False):
+                raise RuntimeError("analyzer broke")
+
+        scanner.fPerFileInfo  # the analyzer is taken from the manager at construction
+        mgr.fLogicalAnalyzer = Broken()
+        broken_scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+        with pytest.raises(RuntimeError, match="analyzer broke"):
+            broken_scanner.Scan(kForever)
+        assert mgr.fInfoCache.depth == 0
+        assert broken_scanner.fScanState is ss.kReadyToScan
+        broken_scanner.destroy()
+        scanner.destroy()
+
+
+class TestMethodsAndInstances:
+    def scan_records(self, mgr, tmp_path, text, *names):
+        loc = local_file(tmp_path, text)
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        scanner.destroy()
+        return [records_of_scan(mgr, loc, [name])[name] for name in names]
+
+    def test_methods_reach_the_class_open_on_the_stack(self, mgr, tmp_path):
+        # __init__ ends at a statement of the class body: C is still open.
+        inst, = self.scan_records(mgr, tmp_path, "class C:\n    def __init__(self):\n"
+                                  "        self.a = 1\n    x = 2\n", "C()")
+        assert "a" in inst[1] and "__class__" in inst[1]
+
+    def test_methods_reach_the_class_completed_with_them(self, mgr, tmp_path):
+        # The last method and its class end at the same logical.
+        inst, = self.scan_records(mgr, tmp_path, "class C:\n    def g(self):\n        self.b = 1\n"
+                                  "    def f(self):\n        self.a = 1\ny = 0\n", "C()")
+        assert {"a", "b", "__class__"} <= set(inst[1])
+        assert inst[0].startswith(si.kInstancePrefix)
+
+    def test_nested_function_is_no_method(self, mgr, tmp_path):
+        inst, g = self.scan_records(mgr, tmp_path, "class C:\n    def f(self):\n        def g(s):\n"
+                                    "            s.x = 1\n        self.a = g\n", "C()", "C.f.g")
+        assert "a" in inst[1] and "x" not in inst[1]
+        assert g[0].startswith(si.kFunctionPrefix)
+
+    def test_class_instance_info_alone(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\n")
+        key = scopeinfo.CScopeInfoKey(si.NormalizedScope(loc, "m.C"), "primary",
+                                      si.NormalizedScope(loc, "m.C"))
+        cls_info = scopeinfo.CScopeInfo(key, si.PackClassInfo("m.C", None, "()"), 5.0, False)
+        inst = ss.CreateClassInstInfo(cls_info, [], "primary")
+        assert inst.key.for_scope.name == "m.C()"
+        assert inst.ibytes == si.kInstancePrefix + cls_info.ibytes[si.kPrefixLen:]
+        class_entry = inst.type_equivs["__class__"]
+        assert class_entry.startswith(si.kSetPrefix + b";")
+        hint = si.PopLeadingPrefixes(class_entry[len(si.kSetPrefix) + 1:])
+        assert b"__typing__.Type[m.C]" in hint[1]
+        assert si.UnpackLocationAndScope(class_entry[len(si.kSetPrefix) + 1:], False)[1] == "m"
+        assert inst.disk_mtime == 5.0 and not inst.incomplete
+
+    def test_method_infos_are_sorted_in_place(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\n")
+
+        def info(name):
+            scope = si.NormalizedScope(loc, name)
+            return scopeinfo.CScopeInfo(scopeinfo.CScopeInfoKey(scope, "primary", scope), b"", 1.5, False)
+
+        cls_info = info("C")
+        methods = [info("C.b"), info("C.a"), info("C.c")]
+        ss.CreateClassInstInfo(cls_info, methods, "primary")
+        assert [m.key.for_scope.name for m in methods] == ["C.a", "C.b", "C.c"]
+
+
+class TestRemoteContent:
+    def test_waits_for_data_and_resumes_on_modified(self, editor_mgr):
+        loc = fresh_remote("scanner")
+        scanner = ss.CWholeFilePrimaryScanner(loc, editor_mgr.fPrimaryScanName)
+        states = []
+        scanner.connect("scan-state-changed", lambda s: states.append(s.fScanState))
+        assert scanner.Scan(kForever) is ss.kWaitingForData
+        assert scanner.Scan(kForever) is ss.kWaitingForData
+        assert scanner.GetMatchedDiskMTime() is None
+        loc.SetContent("def f(a):\n    return a\n", 42.0)
+        assert scanner.fScanState is ss.kReadyToScan
+        assert states == [ss.kWaitingForData, ss.kReadyToScan]
+        assert scanner.GetMatchedDiskMTime() == 42.0
+        assert scan_to_end(scanner)[0] is ss.kFinishedScanning
+        assert scanner._fAllScopeNames == {"", "f|0"}
+        scanner.destroy()
+
+    def test_redelivery_of_the_same_content_leaves_the_scan(self, editor_mgr):
+        loc = fresh_remote("scanner")
+        loc.SetContent("x = 1\n\ndef f():\n    pass\n", 7.0)
+        scanner = ss.CWholeFilePrimaryScanner(loc, editor_mgr.fPrimaryScanName)
+        with counter_clock() as clock:
+            assert scanner.Scan(clock.slice_end(3)) is ss.kTimedOut
+            loc.SetContent("x = 1\n\ndef f():\n    pass\n", 7.0)
+            assert scanner.fScanState is ss.kReadyToScan
+            assert scan_to_end(scanner, 3, clock)[0] is ss.kFinishedScanning
+        scanner.destroy()
+
+
+class TestChangeUnderTheScan:
+    def test_change_in_the_middle_abandons(self, editor_mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        ana = editor_mgr.fCacheMgr.OpenAnalysis(loc, SOURCE)
+        incomplete = set()
+        scanner = ss.CWholeFilePrimaryScanner(loc, editor_mgr.fPrimaryScanName, incomplete)
+        with counter_clock() as clock:
+            for _ in range(6):
+                assert scanner.Scan(clock.slice_end(2)) is ss.kTimedOut
+            saved = len([c for c in editor_mgr.fInfoCache.calls if c[0] == "AddScopeInfo"])
+            ana.SetText(SOURCE.replace("x = 1", "x = 2\nz = 3"))
+            assert scanner.fScanState is ss.kScanAbandoned
+            assert scanner.Scan(clock.slice_end(100)) is ss.kScanAbandoned
+        assert incomplete == {scanner.fScope.name}
+        after = len([c for c in editor_mgr.fInfoCache.calls if c[0] == "AddScopeInfo"])
+        assert after == saved
+        assert "ChangeScansDone" not in editor_mgr.fInfoCache.names()
+        # The analysis's cache isn't the scanner's to destroy.
+        assert not scanner._CWholeFilePrimaryScanner__fDestroyLogicalCache
+        scanner.destroy()
+        assert ana.UpdateFromCache()
+
+    def test_etherealized_analysis_abandons(self, editor_mgr, tmp_path):
+        loc = local_file(tmp_path, SOURCE)
+        ana = editor_mgr.fCacheMgr.OpenAnalysis(loc, SOURCE)
+        scanner = ss.CWholeFilePrimaryScanner(loc, editor_mgr.fPrimaryScanName)
+        with counter_clock() as clock:
+            assert scanner.Scan(clock.slice_end(3)) is ss.kTimedOut
+        ana.Etherealize()
+        assert scanner.fScanState is ss.kScanAbandoned
+        scanner.destroy()
+
+    def test_open_analysis_gives_the_buffer_text(self, editor_mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\n")
+        editor_mgr.fCacheMgr.OpenAnalysis(loc, "def from_buffer():\n    pass\n")
+        scanner, state = full_scan(loc, editor_mgr.fPrimaryScanName)
+        assert state is ss.kFinishedScanning
+        assert scanner._fAllScopeNames == {"", "from_buffer|0"}
+        scanner.destroy()
+
+
+class TestCorpus:
+    """Every def and class of real files gets its record, and records agree
+    with the syntax tree on what each scope defines."""
+
+    @staticmethod
+    def tree_scopes(tree):
+        names = set()
+
+        # Statements nest without opening a scope; a def or class opens one,
+        # and a second definition of a name in a scope has index 1.
+        def walk(node, parent, seen):
+            for child in ast.iter_child_nodes(node):
+                if isinstance(child, (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)):
+                    index = seen.get(child.name, 0)
+                    seen[child.name] = index + 1
+                    leaf = child.name if index == 0 else f"{child.name}|{index}"
+                    name = f"{parent}.{leaf}" if parent else leaf
+                    names.add(name)
+                    walk(child, name, {})
+                elif not isinstance(child, ast.expr):
+                    walk(child, parent, seen)
+
+        walk(tree, "", {})
+        return names
+
+    def test_scopes_agree_with_the_syntax_tree(self, mgr):
+        import os
+        import sysconfig
+        stdlib = sysconfig.get_paths()["stdlib"]
+        files = ["argparse.py", "dataclasses.py", "functools.py", "typing.py", "enum.py",
+                 "json/decoder.py", "email/message.py", "asyncio/tasks.py"]
+        for name in files:
+            path = os.path.join(stdlib, name)
+            with open(path, "rb") as fh:
+                tree = ast.parse(fh.read())
+            loc = CLocalFileLocation(path)
+            scanner, state = full_scan(loc, mgr.fPrimaryScanName)
+            assert state is ss.kFinishedScanning, name
+            scanned = {si.NormalizeScopeName(n) for n in scanner._fAllScopeNames
+                       if not si.IsInstanceScope(n)}
+            assert scanned - {""} == self.tree_scopes(tree), name
+            records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
+            assert None not in records.values(), name
+            scanner.destroy()

@@ -1,0 +1,130 @@
+"""Simple conditionals of stub files: names declared under a condition on the
+interpreter are wrapped in a conditional single; other files are left alone."""
+
+import pytest
+
+from basekit.location import CLocalFileLocation
+from pysource import scopescanner as ss, symbolinfo as si
+
+from managerutil import installed_manager
+from scanutil import scan_to_end
+
+STUB = '''\
+import sys
+if sys.version_info >= (3, 8):
+    def f(): ...
+# a comment at the left inside the block
+    x: int
+    if sys.platform == "win32":
+        w: int
+    z: int
+else:
+    def g(): ...
+y: int
+if sys.version_info >= (3, 9):
+    a: int
+elif sys.version_info >= (3, 7):
+    b: int
+else:
+    c: int
+if hasattr(sys, 'spam'):
+    h: int
+if sys.version_info >= (3, 10): one: int
+if sys.version_info >= (3, 11); x:
+    semi: int
+after: int
+'''
+
+
+@pytest.fixture
+def mgr():
+    with installed_manager(editor=False) as mgr:
+        yield mgr
+
+
+def module_names(mgr, tmp_path, text, name):
+    path = tmp_path / name
+    path.write_text(text)
+    loc = CLocalFileLocation(str(path))
+    scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+    assert scan_to_end(scanner)[0] is ss.kFinishedScanning
+    info = mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, ""))
+    scanner.destroy()
+    return dict(info.type_equivs)
+
+
+def conditions(entry):
+    """The conditions of the conditional singles of an entry."""
+    out = []
+    for single in si.NonNestedSplit(entry, b";"):
+        if single.startswith(si.kConditionalPrefix):
+            out.append(si.UnpackConditionalInfo(single)[0].replace(" ", ""))
+    return out
+
+
+class TestStubFile:
+    @pytest.fixture
+    def names(self, mgr, tmp_path):
+        return module_names(mgr, tmp_path, STUB, "mod.pyi")
+
+    def test_block_and_else(self, names):
+        assert conditions(names["f"]) == ["sys.version_info>=(3,8)"]
+        assert conditions(names["x"]) == ["sys.version_info>=(3,8)"]
+        assert conditions(names["g"]) == ["notsys.version_info>=(3,8)"]
+        assert conditions(names["y"]) == []
+
+    def test_nested_if_leaves_the_outer_condition(self, names):
+        # The nested if is no simple condition and isn't tracked itself.
+        assert conditions(names["w"]) == ["sys.version_info>=(3,8)"]
+        assert conditions(names["z"]) == ["sys.version_info>=(3,8)"]
+
+    def test_elif_ends_the_chain(self, names):
+        assert conditions(names["a"]) == ["sys.version_info>=(3,9)"]
+        assert conditions(names["b"]) == []
+        assert conditions(names["c"]) == []
+
+    def test_hasattr_is_simple(self, names):
+        assert conditions(names["h"]) == ["hasattr(sys,'spam')"]
+
+    def test_one_line_block_is_split_into_a_block(self, names):
+        # The logical lines split "if c: stmt" into the header and a deeper
+        # statement, so the statement is in the block.
+        assert conditions(names["one"]) == ["sys.version_info>=(3,10)"]
+        assert conditions(names["after"]) == []
+
+    def test_semicolon_is_not_simple(self, names):
+        assert conditions(names.get("semi", b"")) == []
+
+
+def test_plain_file_is_never_wrapped(mgr, tmp_path):
+    names = module_names(mgr, tmp_path, STUB.replace(";", ""), "mod.py")
+    assert all(conditions(entry) == [] for entry in names.values())
+
+
+class TestSimpleCondition:
+    @pytest.fixture
+    def scanner(self, tmp_path):
+        with installed_manager(editor=False):
+            loc = CLocalFileLocation(str(tmp_path / "s.pyi"))
+            scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""), None)
+            yield scanner
+            scanner.destroy()
+
+    @pytest.mark.parametrize("text, simple", [
+        ("sys . version_info >= ( 3 , 8 )", True),
+        ("sys . version_info < [ 3 ]", True),
+        ("sys . version_info >= 3", False),
+        ("sys . version_info [ : 2 ] >= ( 3 , 8 )", False),
+        ("sys . version_info [ ( 0 ) ] >= ( 3 , 8 )", True),
+        ("sys . version_info is ( 3 , 8 )", False),
+        ("sys . platform == 'linux'", False),
+        ("hasattr ( x , 'y' )", True),
+        ("hasattr ( x )", False),
+        ("hasattr ( 1 , 'y' )", False),
+        ("hasattr ( x , y )", False),
+        ("sys . version_info >= ( 3 ; 8 )", False),
+        ("sys . version_info >= ( 3 , )  )", False),
+        ("", False),
+    ])
+    def test_forms(self, scanner, text, simple):
+        assert scanner._IsSimpleCondition(text.split()) is simple
