@@ -165,6 +165,20 @@ class TestWholeFile:
         assert destroyed == [True]
 
 
+    def test_scope_scanners_log_through_the_file_scanner_log(self, mgr, tmp_path):
+        from pysource._fastaccess import CLogger
+        lines = []
+        loc = local_file(tmp_path, "def f():\n    pass\n")
+        scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName,
+                                              log=CLogger(lambda level, text: lines.append(text)))
+        scan_to_end(scanner)
+        assert any(line.startswith("Scan state changed to finished for") and "'f'" in line
+                   for line in lines)
+        assert lines[-1].startswith("Scan state changed to finished for")
+        assert "scope: '*'" in lines[-1]
+        scanner.destroy()
+
+
 class TestIncompleteScopes:
     def test_unparsable_scope_stops_the_done_mark(self, mgr, tmp_path):
         loc = local_file(tmp_path, "def f():\n    x = (1 +\n\ny = 2\n")

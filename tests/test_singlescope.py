@@ -172,8 +172,8 @@ class TestDefiningLogical:
         assert scanner.fInfo._domains == {"a": b"argument", "b": b"argument", "rest": b"argument"}
 
     def test_no_arguments(self, loc):
-        info = names_of(scan(loc, "none"))
-        assert all(not k or not k[0].isalpha() or k.startswith("__") for k in info)
+        scanner = scan(loc, "none")
+        assert names_of(scanner) == {} and scanner.fInfo._domains is None
 
     def test_static_method_has_no_self(self, loc):
         scanner = scan(loc, "C.st")
@@ -229,13 +229,6 @@ class TestBody:
         info = names_of(scan(loc, "f"))
         assert singles(info["self.x"])[-1] == si.kSetPrefix + b"0"
 
-    def test_subscript_targets(self, mgr, tmp_path):
-        loc, _ = open_file(mgr, tmp_path, "a[b[0]] = 1\nc[0].x = 2\nd[] = 3\n")
-        info = names_of(scan(loc, ""))
-        if "a[b[0]]" in info:
-            assert "a[]" in info
-        assert "c[]" not in info
-
     def test_subscript_under_its_base_directly(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "x = 1\n")
         scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""))
@@ -258,8 +251,8 @@ class TestBody:
         parts = singles(names_of(scanner)["f"])
         assert len([p for p in parts if p.startswith(si.kFunctionPrefix)]) == 2
         assert parts[-1] == si.kSetPrefix + b"0"
-        assert scanner._fScopeNameSeenCount == {"f|0": 1, "f|1": 1} or \
-            sum(scanner._fScopeNameSeenCount.values()) == 2
+        # Counted by local name, which carries the scope index.
+        assert scanner._fScopeNameSeenCount == {"f|0": 1, "f|1": 1}
 
     def test_imports_and_domains(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "import os\nfrom m import *\nfrom m import a as b\n")

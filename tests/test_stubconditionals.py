@@ -124,7 +124,20 @@ class TestSimpleCondition:
         ("hasattr ( x , y )", False),
         ("sys . version_info >= ( 3 ; 8 )", False),
         ("sys . version_info >= ( 3 , )  )", False),
+        ("sys . version_info >= ( 3 , , 8 )", False),  # shaped right, doesn't parse
         ("", False),
     ])
     def test_forms(self, scanner, text, simple):
         assert scanner._IsSimpleCondition(text.split()) is simple
+
+    def test_any_error_of_the_parser_means_not_parsable(self, tmp_path):
+        class Failing:
+            def ParseTokenListToNode(self, tok_list, py3):
+                raise KeyError("parser fault")
+
+        with installed_manager(editor=False) as mgr:
+            mgr.fPyiLogicalAnalyzer = Failing()
+            loc = CLocalFileLocation(str(tmp_path / "f.pyi"))
+            scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""), None)
+            assert scanner._IsSimpleConditionParsable(["x"]) is False
+            scanner.destroy()

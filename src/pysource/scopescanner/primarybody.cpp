@@ -463,9 +463,7 @@ bool CSingleScopePrimaryScanner::IsSimpleConditionParsable_(nb::handle tok_list)
     // the parser means it isn't.
     try {
         return IsTrue(Analyzer().attr("ParseTokenListToNode")(tok_list, false));
-    } catch (nb::python_error &) {
-        return false;
-    } catch (nb::builtin_exception &) {
+    } catch (...) {
         return false;
     }
 }

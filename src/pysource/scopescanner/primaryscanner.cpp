@@ -460,8 +460,7 @@ nb::object CreateClassInstInfo(nb::handle cls_info, nb::handle method_info_list,
     if ((std::ptrdiff_t) cls_ibytes.size() > si::kPrefixLen)
         inst_ibytes += cls_ibytes.substr((size_t) si::kPrefixLen);
 
-    nb::handle inst_scope_obj = nb::cast(inst_scope).release();
-    nb::object inst_scope_ref = nb::steal(inst_scope_obj);
+    nb::object inst_scope_ref = nb::cast(inst_scope);
     nb::ref<CScopeInfoKey> key = new CScopeInfoKey(inst_scope_ref, scan_name, inst_scope_ref);
     nb::ref<CScopeInfo> inst =
         new CScopeInfo(key, si::ToBytes(inst_ibytes), nb::float_(cls.disk_mtime), cls.incomplete);
