@@ -2,14 +2,17 @@
 
 For each statement, `ast` tells which names it binds, reads, imports and
 declares, and a def's arguments in order; the analyzer's pairs for the
-logical line that starts on the statement's line must say the same.  The
+logical line that starts on the statement's line must say the same, and name the same
+leading dotted names of the calls in it.  The
 rules by which the analyzer differs from a plain walk of `ast` are applied
 to the `ast` side here, each with its reason (see docs/analyzer.md):
 
 - names bound inside a lambda or comprehension belong to that inner scope;
   reads of them there aren't reads of the statement's scope;
 - an augmented assignment target is read as well as bound;
-- the text of a string annotation is parsed, and its names are reads.
+- the text of a string annotation is parsed, and its names are reads;
+- a call whose callee's base name is bound in a lambda or comprehension has
+  no call pair.
 """
 import ast
 from dataclasses import dataclass, field
@@ -24,6 +27,7 @@ class Names:
     loads: set = field(default_factory=set)
     imports: set = field(default_factory=set)
     decls: set = field(default_factory=set)
+    calls: set = field(default_factory=set)
     args: list = None
 
     def merge(self, other):
@@ -31,6 +35,7 @@ class Names:
         self.loads |= other.loads
         self.imports |= other.imports
         self.decls |= other.decls
+        self.calls |= other.calls
         if other.args is not None:
             self.args = other.args
 
@@ -54,10 +59,31 @@ def _comp_targets(node, names):
             names.add(sub.id)
 
 
+def _leading_name(call):
+    """The dotted name a call's callee starts with ("a.b" of a.b[0].c()), or None."""
+    chain = []
+    node = call.func
+    while isinstance(node, (ast.Attribute, ast.Call, ast.Subscript)):
+        chain.append(node)
+        node = node.func if isinstance(node, ast.Call) else node.value
+    if not isinstance(node, ast.Name):
+        return None
+    parts = [node.id]
+    for above in reversed(chain):
+        if not isinstance(above, ast.Attribute):
+            break
+        parts.append(above.attr)
+    return node.id, ".".join(parts)
+
+
 def _expr(node, out, bound, in_lambda):
     """Reads and binds of an expression or target, by the scope rules."""
     if node is None:
         return
+    if isinstance(node, ast.Call):
+        leading = _leading_name(node)
+        if leading is not None and leading[0] not in bound:
+            out.calls.add(leading[1])
     if isinstance(node, ast.Name):
         if isinstance(node.ctx, ast.Load):
             if node.id not in bound:
@@ -78,6 +104,7 @@ def _expr(node, out, bound, in_lambda):
         inner = Names()
         _expr(node.body, inner, bound | params, True)
         out.loads |= inner.loads
+        out.calls |= inner.calls
         return
     if isinstance(node, (ast.ListComp, ast.SetComp, ast.GeneratorExp, ast.DictComp)):
         gens = node.generators
@@ -221,6 +248,8 @@ def analyzer_names(type_equivs, arg_type_equivs):
             out.imports.add(name)
         elif kind in (b":G", b":N"):
             out.decls.add(name)
+        elif kind == b":c":
+            out.calls.add(name)
     if arg_type_equivs is not None:
         out.args = [n.decode() for n, info in arg_type_equivs if info == SET]
     return out
@@ -253,6 +282,7 @@ def compare_source(analyzer, source):
         compared += 1
         same = (ours.stores == theirs.stores and ours.loads == theirs.loads and
                 ours.imports == theirs.imports and ours.decls == theirs.decls and
+                ours.calls == theirs.calls and
                 (theirs.args is None or ours.args == theirs.args) and not errs)
         if not same:
             differing.append((line, texts, ours, theirs, errs))

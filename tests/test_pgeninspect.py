@@ -167,6 +167,12 @@ class TestReads:
         got = pairs(analyzer, "x = y + y + y\n")
         assert got.count((b"y", GET)) == 1
 
+    def test_each_pair_once_in_a_long_logical(self, analyzer):
+        names = [f"a{i}" for i in range(40)]
+        got = pairs(analyzer, "x = f(%s)\n" % ", ".join(names + names[::-1]))
+        reads = [n for n, i in got if i == GET]
+        assert sorted(reads) == sorted(n.encode() for n in names + ["f"])
+
 
 class TestInnerScopes:
     def test_lambda_with_defaults(self, analyzer):
@@ -208,6 +214,10 @@ class TestCalls:
         got = called(analyzer, "outer(inner(deep(1)), k=mid())\n")
         assert {c[0] for c in got} == {"outer", "inner", "deep", "mid"}
         assert ("outer", "", "inner(deep(1)), k=mid()") in got
+
+    def test_parenthesized_base_still_leads(self, analyzer):
+        assert called(analyzer, "n = (num).bit_length()\n") == [("num.bit_length", "", "")]
+        assert called(analyzer, "(f)(x)\n") == [("f", "", "x")]
 
     def test_callee_without_a_leading_name_gives_no_call(self, analyzer):
         assert called(analyzer, "', '.join(parts)\n") == []
@@ -421,7 +431,7 @@ class TestParseDefArgs:
         assert [(a.name, a.kind, a.type_hint, a.default) for a in args] == [
             ("self", kArgPositionalOnly, None, None), ("a", kArgPositionalOnly, "int", "1"),
             ("b", kArgNormal, None, "f(x, y)"), ("rest", kArgStar, "str", None),
-            ("c", kArgKeywordOnly, "'T'", None), ("kw", kArgStarStar, None, None)]
+            ("c", kArgKeywordOnly, "T", None), ("kw", kArgStarStar, None, None)]
 
     def test_parentheses_bare_star_and_bad_text(self):
         from pysource.pycodeutils import ParseDefArgs

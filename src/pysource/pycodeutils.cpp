@@ -52,7 +52,10 @@ std::vector<CArgTextInfo> ParseDefArgs(std::string_view text) {
         info.kind = param.param_kind;
         std::int32_t annotation = tree.Kid(param, 0);
         std::int32_t deflt = tree.Kid(param, 1);
-        if (annotation >= 0)
+        std::string_view quoted_hint;
+        if (annotation >= 0 && pgen::StringAnnotationText(tree, annotation, quoted_hint))
+            info.type_hint = std::string(quoted_hint);
+        else if (annotation >= 0)
             info.type_hint = tree.NodeText(annotation);
         if (deflt >= 0)
             info.default_text = tree.NodeText(deflt);

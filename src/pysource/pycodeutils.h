@@ -17,7 +17,8 @@ enum ArgTextKind : int {
     kArgStarStar = 4,     // **kwargs
 };
 
-// One argument of a def as written.
+// One argument of a def as written; a string annotation's hint is the text
+// inside its quotes.
 struct CArgTextInfo {
     std::string name;
     int kind = kArgNormal;

@@ -15,6 +15,16 @@ namespace sym = pysource::symbolinfo;
 namespace {
 
 constexpr std::int32_t kMaxCalleeTokens = 1000;
+constexpr size_t kScannedPairs = 24;
+
+std::string PairKey(std::string_view name, std::string_view info) {
+    std::string key;
+    key.reserve(name.size() + info.size() + 1);
+    key.append(name);
+    key.push_back('\0');
+    key.append(info);
+    return key;
+}
 
 using OptText = std::optional<std::string>;
 
@@ -40,14 +50,6 @@ std::string Cat(std::initializer_list<std::string_view> parts) {
     return out;
 }
 
-std::string_view StripBlanks(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n'))
-        s.remove_suffix(1);
-    return s;
-}
-
 class Collector {
 public:
     Collector(Tree &tree, bool py3, LogicalNames &out) : t_(tree), py3_(py3), out_(out) {}
@@ -66,6 +68,7 @@ private:
     };
     std::vector<InnerScope> inner_;
     bool bind_inner_ = false;  // binding the targets of a comprehension
+    std::vector<std::int32_t> chain_;  // AddCall's walk down a callee
 
     // By value: walking may parse embedded text and grow the node array.
     Node N(std::int32_t i) const { return t_.nodes[(size_t) i]; }
@@ -130,14 +133,21 @@ private:
 // ---------------------------------------------------------------- basics
 
 void Collector::Add(std::string_view name, std::string info) {
-    std::string key;
-    key.reserve(name.size() + info.size() + 1);
-    key.append(name);
-    key.push_back('\0');
-    key.append(info);
-    if (!seen_.insert(std::move(key)).second)
-        return;
-    out_.type_equivs.push_back(NamePair{std::string(name), std::move(info)});
+    std::vector<NamePair> &pairs = out_.type_equivs;
+    // Most logicals give a handful of pairs: a scan finds a repeat faster
+    // than a hash set can be built; a long logical indexes its pairs.
+    if (pairs.size() < kScannedPairs) {
+        for (const NamePair &pair : pairs)
+            if (pair.name == name && pair.info == info)
+                return;
+    } else {
+        if (seen_.empty())
+            for (const NamePair &pair : pairs)
+                seen_.insert(PairKey(pair.name, pair.info));
+        if (!seen_.insert(PairKey(name, info)).second)
+            return;
+    }
+    pairs.push_back(NamePair{std::string(name), std::move(info)});
 }
 
 bool Collector::IsInnerBound(std::string_view name) const {
@@ -223,20 +233,32 @@ void Collector::Read(std::int32_t node) {
 void Collector::AddCall(std::int32_t node) {
     const Node call = N(node);
     const Node callee = N(Kid(node, 0));
-    std::int32_t b = callee.tok_begin;
-    std::int32_t e = callee.tok_end;
     // Each call of a chain f()()()... carries the rest of the chain as its
     // trailer: past a sane length that would grow quadratically.
-    if (e - b > kMaxCalleeTokens)
+    if (callee.tok_end - callee.tok_begin > kMaxCalleeTokens)
         return;
-    const Tok &first = t_.toks[(size_t) b];
-    if (first.cls != TokClass::kName || IsKeyword(first.text, !py3_) || IsInnerBound(first.text))
-        return;  // no leading name: a literal, a parenthesized or inner callee
-    std::int32_t j = b + 1;
-    while (j + 1 < e && TokText(j) == "." && t_.toks[(size_t) j + 1].cls == TokClass::kName)
-        j += 2;
-    std::string name = t_.Text(b, j);
-    std::string trailer = t_.Text(j, e);
+    // Down the callee to its base; the attributes right above a base name
+    // join it in the leading dotted name, the rest is the trailer.
+    chain_.clear();
+    std::int32_t base = Kid(node, 0);
+    for (NodeKind kind = N(base).kind;
+         kind == NodeKind::kAttribute || kind == NodeKind::kSubscript || kind == NodeKind::kCall;
+         kind = N(base).kind) {
+        chain_.push_back(base);
+        base = Kid(base, 0);
+    }
+    const Node base_node = N(base);
+    if (base_node.kind != NodeKind::kName || IsInnerBound(TokText(base_node.aux)))
+        return;  // a literal, another expression or a name of an inner scope
+    std::string name(TokText(base_node.aux));
+    std::int32_t leading_end = base_node.tok_end;
+    for (auto it = chain_.rbegin(); it != chain_.rend() && N(*it).kind == NodeKind::kAttribute;
+         ++it) {
+        name.push_back('.');
+        name.append(TokText(N(*it).aux));
+        leading_end = N(*it).aux + 1;
+    }
+    std::string trailer = t_.Text(leading_end, callee.tok_end);
     std::string args = t_.Text(call.aux + 1, call.tok_end - 1);
     Add(name, sym::PackCalled(trailer, args));
 }
@@ -403,26 +425,13 @@ void Collector::Delete(std::int32_t target) {
 // ---------------------------------------------------------------- hints
 
 std::string Collector::HintText(std::int32_t annotation) {
-    const Node &n = N(annotation);
-    if (n.kind == NodeKind::kString && n.tok_end == n.tok_begin + 1) {
-        const Tok &tok = t_.toks[(size_t) n.tok_begin];
-        int prefix = StringPrefixLength(tok.text);
-        bool plain = prefix >= 0;
-        for (int i = 0; plain && i < prefix; ++i) {
-            char c = tok.text[(size_t) i];
-            plain = c == 'r' || c == 'R' || c == 'u' || c == 'U';
-        }
-        if (plain) {
-            std::string_view body = tok.text.substr((size_t) prefix);
-            size_t quote = body.size() >= 6 && body[1] == body[0] && body[2] == body[0] ? 3 : 1;
-            if (body.size() >= 2 * quote) {
-                std::string_view inner = StripBlanks(body.substr(quote, body.size() - 2 * quote));
-                std::int32_t parsed = ParseEmbeddedExpression(t_, inner, tok.source_index, py3_);
-                if (parsed >= 0)
-                    Read(parsed);
-                return std::string(inner);
-            }
-        }
+    std::string_view inner;
+    if (StringAnnotationText(t_, annotation, inner)) {
+        std::int32_t origin = t_.toks[(size_t) N(annotation).tok_begin].source_index;
+        std::int32_t parsed = ParseEmbeddedExpression(t_, inner, origin, py3_);
+        if (parsed >= 0)
+            Read(parsed);
+        return std::string(inner);
     }
     Read(annotation);
     return Text(annotation);

@@ -181,6 +181,7 @@ private:
     std::int32_t ParseParenthesized();
     std::int32_t ParseBracketed();
     std::int32_t ParseBraced();
+    void PushDictEntry();
     void ParseComprehensions();
     bool AtComprehension() const { return At("for") || (At("async") && At("for", 1)); }
     void ParseArguments(std::string_view closer);
@@ -189,9 +190,15 @@ private:
     std::int32_t ParseYield();
     std::int32_t ParseTargetList(bool allow_star);
     bool AtItemListEnd() const;
+    template <typename ParseItem, typename AtListEnd>
+    std::int32_t ParseItemsUntil(std::int32_t begin, std::int32_t first, NodeKind kind,
+                                 ParseItem parse_item, AtListEnd at_list_end);
     template <typename ParseItem>
     std::int32_t ParseItemsAfter(std::int32_t begin, std::int32_t first, NodeKind kind,
-                                 ParseItem parse_item);
+                                 ParseItem parse_item) {
+        return ParseItemsUntil(begin, first, kind, parse_item,
+                               [this] { return AtItemListEnd(); });
+    }
     std::int32_t ParseTarget(bool allow_star);
 
     // Patterns
@@ -682,17 +689,9 @@ bool Parser::TryParseCase() {
 
 std::int32_t Parser::ParsePatterns() {
     std::int32_t begin = pos_;
-    std::int32_t first = ParseAsPattern();
-    if (!At(","))
-        return first;
-    size_t mark = scratch_.size();
-    Push(first);
-    while (Accept(",")) {
-        if (At(":") || At("if"))
-            break;
-        Push(ParseAsPattern());
-    }
-    return NewNode(NodeKind::kPatGroup, begin, mark);
+    return ParseItemsUntil(begin, ParseAsPattern(), NodeKind::kPatGroup,
+                           [this] { return ParseAsPattern(); },
+                           [this] { return At(":") || At("if") || AtEnd(); });
 }
 
 std::int32_t Parser::ParseAsPattern() {
@@ -831,15 +830,15 @@ bool Parser::AtItemListEnd() const {
 }
 
 // `first` (begun at `begin`) alone, or with the items behind its commas as
-// a `kind` node; a trailing comma is allowed.
-template <typename ParseItem>
-std::int32_t Parser::ParseItemsAfter(std::int32_t begin, std::int32_t first, NodeKind kind,
-                                     ParseItem parse_item) {
+// a `kind` node; a comma before what `at_list_end` recognizes is trailing.
+template <typename ParseItem, typename AtListEnd>
+std::int32_t Parser::ParseItemsUntil(std::int32_t begin, std::int32_t first, NodeKind kind,
+                                     ParseItem parse_item, AtListEnd at_list_end) {
     if (!At(","))
         return first;
     size_t mark = scratch_.size();
     Push(first);
-    while (Accept(",") && !AtItemListEnd())
+    while (Accept(",") && !at_list_end())
         Push(parse_item());
     return NewNode(kind, begin, mark);
 }
@@ -1085,14 +1084,8 @@ void Parser::ParseArguments(std::string_view closer) {
 std::int32_t Parser::ParseSlices() {
     // Unlike other item lists, a slice may begin with ":".
     std::int32_t begin = pos_;
-    std::int32_t first = ParseSlice();
-    if (!At(","))
-        return first;
-    size_t mark = scratch_.size();
-    Push(first);
-    while (Accept(",") && !At("]") && !AtEnd())
-        Push(ParseSlice());
-    return NewNode(NodeKind::kTuple, begin, mark);
+    return ParseItemsUntil(begin, ParseSlice(), NodeKind::kTuple, [this] { return ParseSlice(); },
+                           [this] { return At("]") || AtEnd(); });
 }
 
 std::int32_t Parser::ParseSlice() {
@@ -1380,6 +1373,22 @@ std::int32_t Parser::ParseBracketed() {
     return NewNode(NodeKind::kList, begin, mark);
 }
 
+// One entry of a dict display: "**mapping" (with an absent value) or
+// "key: value".
+void Parser::PushDictEntry() {
+    if (At("**")) {
+        std::int32_t begin = pos_++;
+        size_t mark = scratch_.size();
+        Push(ParseBinary(0));
+        Push(NewNode(NodeKind::kDoubleStarred, begin, mark));
+        Push(-1);
+        return;
+    }
+    Push(ParseExpression());
+    Expect(":", "expected ':'");
+    Push(ParseExpression());
+}
+
 std::int32_t Parser::ParseBraced() {
     std::int32_t begin = pos_++;
     size_t mark = scratch_.size();
@@ -1387,11 +1396,7 @@ std::int32_t Parser::ParseBraced() {
         return NewNode(NodeKind::kDict, begin, mark);
     bool is_dict;
     if (At("**")) {
-        std::int32_t sbegin = pos_++;
-        size_t smark = scratch_.size();
-        Push(ParseBinary(0));
-        Push(NewNode(NodeKind::kDoubleStarred, sbegin, smark));
-        Push(-1);
+        PushDictEntry();
         is_dict = true;
     } else {
         Push(ParseStarNamedExpression());
@@ -1408,17 +1413,7 @@ std::int32_t Parser::ParseBraced() {
         if (At("}"))
             break;
         if (is_dict) {
-            if (At("**")) {
-                std::int32_t sbegin = pos_++;
-                size_t smark = scratch_.size();
-                Push(ParseBinary(0));
-                Push(NewNode(NodeKind::kDoubleStarred, sbegin, smark));
-                Push(-1);
-            } else {
-                Push(ParseExpression());
-                Expect(":", "expected ':'");
-                Push(ParseExpression());
-            }
+            PushDictEntry();
         } else {
             Push(ParseStarNamedExpression());
         }

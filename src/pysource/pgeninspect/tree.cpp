@@ -55,6 +55,32 @@ std::int32_t Tree::SourcePosition(std::int32_t tok) const {
     return toks[(size_t) tok].source_index;
 }
 
+bool StringAnnotationText(const Tree &tree, std::int32_t node, std::string_view &text) {
+    const Node &n = tree.nodes[(size_t) node];
+    if (n.kind != NodeKind::kString || n.tok_end != n.tok_begin + 1)
+        return false;
+    std::string_view tok = tree.toks[(size_t) n.tok_begin].text;
+    int prefix = StringPrefixLength(tok);
+    if (prefix < 0)
+        return false;
+    for (int i = 0; i < prefix; ++i) {
+        char c = tok[(size_t) i];
+        if (c != 'r' && c != 'R' && c != 'u' && c != 'U')
+            return false;
+    }
+    std::string_view body = tok.substr((size_t) prefix);
+    size_t quote = body.size() >= 6 && body[1] == body[0] && body[2] == body[0] ? 3 : 1;
+    if (body.size() < 2 * quote)
+        return false;
+    body = body.substr(quote, body.size() - 2 * quote);
+    while (!body.empty() && (body.front() == ' ' || body.front() == '\t'))
+        body.remove_prefix(1);
+    while (!body.empty() && (body.back() == ' ' || body.back() == '\t'))
+        body.remove_suffix(1);
+    text = body;
+    return true;
+}
+
 TokClass ClassifyToken(std::string_view text) {
     if (text.empty())
         return TokClass::kEnd;

@@ -110,6 +110,10 @@ private:
     std::deque<std::string> kept_;
 };
 
+// The text inside a string annotation: `node` is one plain string token
+// (no bytes or f prefix); its quotes and surrounding blanks are taken off.
+bool StringAnnotationText(const Tree &tree, std::int32_t node, std::string_view &text);
+
 // Classifies a token by its text alone.
 TokClass ClassifyToken(std::string_view text);
 // True for the reserved words of Python 3 (and print/exec when `py2` is set).
