@@ -114,3 +114,23 @@ def test_cycles_through_connections_are_collected():
     del a, b
     gc.collect()
     assert ref() is None
+
+
+def test_subclass_overrides_can_call_the_base_operations():
+    class Chained(CDestroyable):
+        def __init__(self):
+            super().__init__()
+            self.calls = []
+
+        def destroy(self):
+            self.calls.append("destroy")
+            super().destroy()
+
+        def _destroy_impl(self):
+            self.calls.append("impl")
+            super()._destroy_impl()
+
+    obj = Chained()
+    obj.destroy()
+    assert obj.calls == ["destroy", "impl"]
+    assert obj.fDestroyed

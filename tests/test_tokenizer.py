@@ -60,7 +60,7 @@ class TestStrings:
     @pytest.mark.parametrize("src", [
         'f"{x["a"]}"',                     # same quote nested
         'f"{f"{f"{1}"}"}"',                # f-strings in fields
-        'f"{x:{w}.{p}f}"',                 # fields in the format spec
+        'f"{x:{w}.{p}f}"',                 # fields in the format specifier
         "f'{a!r:>{width}} {b=}'",
         "f\"{'}'} {{literal}} {d['k']:%Y}\"",
         'rf"\\{x}"',

@@ -189,7 +189,7 @@ inline bool ClosesAt(const StringContext &cx, Py_ssize_t i, char quote, bool tri
     return !triple || (i + 2 < cx.end && cx.t[i + 1] == quote && cx.t[i + 2] == quote);
 }
 
-// The format spec of an f-string field, from behind its ":" to behind the
+// The format specifier of an f-string field, from behind its ":" to behind the
 // "}" that ends the field.
 Py_ssize_t ScanFormatSpec(const StringContext &cx, Py_ssize_t i, char quote, bool triple,
                           bool raw, int nesting, bool *error) {

@@ -19,8 +19,10 @@ NB_MODULE(destroyable, m) {
         m, "CDestroyable", bindutil::IntrusiveHolder<CDestroyable>(),
         nb::is_weak_referenceable(), nb::type_slots(bindutil::kDestroyableSlots))
         .def(nb::init<nb::handle>(), nb::arg("signals") = nb::none())
-        .def("destroy", &CDestroyable::destroy)
-        .def("_destroy_impl", &CDestroyable::_destroy_impl)
+        // Qualified calls: a Python subclass's super().destroy() must reach
+        // this class's own operation, not its own override again.
+        .def("destroy", [](CDestroyable &self) { self.CDestroyable::destroy(); })
+        .def("_destroy_impl", [](CDestroyable &self) { self.CDestroyable::_destroy_impl(); })
         .def("connect", &CDestroyable::connect, nb::arg("signal"), nb::arg("callback"),
              nb::arg("owner") = nb::none())
         .def("connect_while_alive", &CDestroyable::connect_while_alive, nb::arg("signal"),

@@ -1194,7 +1194,7 @@ void Parser::ParseFStringFields(std::int32_t tok_index) {
     ParseFStringFieldsOf(body, t_.toks[(size_t) tok_index].source_index, raw);
 }
 
-// Finds the replacement fields of an f-string body (or of a format spec)
+// Finds the replacement fields of an f-string body (or of a format specifier)
 // and parses their expressions.
 namespace {
 
@@ -1273,7 +1273,7 @@ void Parser::ParseFStringFieldsOf(std::string_view body, std::int32_t origin, bo
                 ++i;
         }
         if (i < body.size() && body[i] == ':') {
-            // The format spec may hold fields of its own, whose strings may
+            // The format specifier may hold fields of its own, whose strings may
             // hold braces.
             size_t spec_start = ++i;
             int spec_level = 0;
