@@ -23,7 +23,8 @@ Also measured:
                   garbage collector on and off, and its longest pause
 
 The files are given to the scanner as remote locations whose content is set
-up front, so no contender reads the disk while timed.
+up front, under a manager with a cache manager (so the content is read from
+its buffer): no contender reads the disk while timed.
 """
 import argparse
 import ast
@@ -32,7 +33,6 @@ import gc
 import json
 import math
 import os
-import resource
 import statistics
 import subprocess
 import symtable
@@ -44,6 +44,10 @@ import tracemalloc
 import pysource._fastaccess as fastaccess
 from basekit.location import CLocalFileLocation, CRemoteLocation
 from pysource import manager, scopescanner, symbolinfo
+
+# The helper that installs a manager for a block is shared with the tests.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
+from managerutil import installed_manager  # noqa: E402
 
 kSliceSeconds = 0.005
 kSingleScopeSamples = 40
@@ -79,19 +83,6 @@ def remote_locations(paths, texts):
     return locs
 
 
-@contextlib.contextmanager
-def installed_manager(db_path=None):
-    """A scanning manager (with a cache manager, so that remote content is
-    read from its buffer) installed for the block, then destroyed."""
-    mgr = manager.CAnalysisMgr(db_path=db_path, cache_mgr=manager.CCacheMgr())
-    previous = manager.SetAnalysisMgr(mgr)
-    try:
-        yield mgr
-    finally:
-        manager.SetAnalysisMgr(previous)
-        mgr.destroy()
-
-
 def scan_file(loc, scan_name, slice_seconds=math.inf, overruns=None):
     """Scans one file to its end; gives the number of records it made.  With
     `overruns`, each slice's lateness past its end time is appended."""
@@ -123,7 +114,7 @@ def scan_in_memory(locs, _texts):
 
 def scan_with_database(locs, _texts):
     with tempfile.TemporaryDirectory() as folder:
-        with installed_manager(os.path.join(folder, "info.db")) as mgr:
+        with installed_manager(db_path=os.path.join(folder, "info.db")) as mgr:
             return sum(scan_file(loc, mgr.fPrimaryScanName) for loc in locs)
 
 
@@ -191,7 +182,13 @@ def resident_bytes():
 
 
 def peak_resident_bytes():
-    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024
+    # The high-water mark of this process's own memory (getrusage's would
+    # carry the parent's over from before exec).
+    with open("/proc/self/status") as fh:
+        for line in fh:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1]) * 1024
+    raise RuntimeError("/proc/self/status has no VmHWM")
 
 
 def hold_records(locs, _texts):
@@ -245,7 +242,7 @@ def run_probe(holder, traced, limit):
 def measure_memory(limit):
     mb = 1e6
     print("memory of every file's results, kept (fresh process each; RSS from /proc/self/statm,"
-          " peak from getrusage; traced = Python allocator via tracemalloc, separate run)")
+          " peak from VmHWM; traced = Python allocator via tracemalloc, separate run)")
     kept = {}
     for holder in kMemoryHolders:
         plain = run_probe(holder, False, limit)

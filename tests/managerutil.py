@@ -18,11 +18,13 @@ def fresh_remote(prefix="glue"):
 
 
 @contextlib.contextmanager
-def installed_manager(python_major_version=3, editor=True):
-    """Installs a manager (with a cache manager of open buffers when `editor`)
-    for the block, then puts the previous one back and destroys this one."""
+def installed_manager(python_major_version=3, editor=True, db_path=None):
+    """Installs a manager (with a cache manager of open buffers when `editor`,
+    its records in the database `db_path` when given) for the block, then puts
+    the previous one back and destroys this one."""
     cache_mgr = manager.CCacheMgr() if editor else None
-    mgr = manager.CAnalysisMgr(loc_cache=CLocationCache(python_major_version), cache_mgr=cache_mgr)
+    mgr = manager.CAnalysisMgr(db_path=db_path, loc_cache=CLocationCache(python_major_version),
+                               cache_mgr=cache_mgr)
     previous = manager.SetAnalysisMgr(mgr)
     try:
         yield mgr
