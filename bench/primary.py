@@ -1,7 +1,7 @@
 """The primary scan over the core corpus, side by side with the standard
 library's `symtable` and `ast.parse` over the same files held in memory.
 
-    python bench/primary.py [--repeat N] [--limit N] [--skip memory,single,slices]
+    python bench/primary.py [--repeat N] [--limit N] [--skip throughput,memory,single,slices]
 
 Figures, each the best of N runs:
   scan            whole-file primary scan of every file, records in memory
@@ -43,7 +43,7 @@ import tracemalloc
 
 import pysource._fastaccess as fastaccess
 from basekit.location import CLocalFileLocation, CRemoteLocation
-from pysource import manager, scopescanner, symbolinfo
+from pysource import scopescanner, symbolinfo
 
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
@@ -191,16 +191,18 @@ def peak_resident_bytes():
     raise RuntimeError("/proc/self/status has no VmHWM")
 
 
+@contextlib.contextmanager
 def hold_records(locs, _texts):
-    """Scans every file and keeps the manager, so its records stay."""
-    mgr = manager.CAnalysisMgr(cache_mgr=manager.CCacheMgr())
-    manager.SetAnalysisMgr(mgr)
-    count = sum(scan_file(loc, mgr.fPrimaryScanName) for loc in locs)
-    return mgr, count
+    """Scans every file and keeps the manager, so its records stay until the
+    block ends."""
+    with installed_manager() as mgr:
+        yield sum(scan_file(loc, mgr.fPrimaryScanName) for loc in locs)
 
 
+@contextlib.contextmanager
 def hold_symtables(_locs, texts):
-    return [symtable.symtable(text, "<corpus>", "exec") for text in texts], len(texts)
+    tables = [symtable.symtable(text, "<corpus>", "exec") for text in texts]
+    yield len(tables)
 
 
 kMemoryHolders = {"records": hold_records, "symtable": hold_symtables}
@@ -220,15 +222,14 @@ def memory_probe(holder_name, traced, limit):
     before = resident_bytes()
     if traced:
         tracemalloc.start()
-    held, count = kMemoryHolders[holder_name](locs, texts)
-    gc.collect()
-    figures = {"count": count, "rss_before": before, "rss_after": resident_bytes(),
-               "rss_peak": peak_resident_bytes()}
-    if traced:
-        figures["traced_now"], figures["traced_peak"] = tracemalloc.get_traced_memory()
-        tracemalloc.stop()
+    with kMemoryHolders[holder_name](locs, texts) as count:
+        gc.collect()
+        figures = {"count": count, "rss_before": before, "rss_after": resident_bytes(),
+                   "rss_peak": peak_resident_bytes()}
+        if traced:
+            figures["traced_now"], figures["traced_peak"] = tracemalloc.get_traced_memory()
+            tracemalloc.stop()
     print(json.dumps(figures))
-    del held
 
 
 def run_probe(holder, traced, limit):
