@@ -1,0 +1,323 @@
+"""Primary scan records against Python's own `symtable`.
+
+Each file is scanned into the info cache of a private manager, and its symbol
+tables are walked: every class and function table must have a record, every
+parameter the argument domain, every imported name the imported domain, every
+name the table assigns a first set and every name it reads a first read.
+Lambdas and comprehensions have no records of their own: what they read, and
+what a walrus inside a comprehension binds, counts toward the enclosing scope.
+
+The places where a record rightly differs from a symbol table are the
+exception rules below (each one narrow, each one explained in
+docs/analyzer.md).  Run as a script to print the rates over the core corpus:
+
+    python tests/symtable_oracle.py [--limit N] [--show N]
+"""
+import argparse
+import collections
+import math
+import os
+import subprocess
+import sys
+import symtable
+
+from basekit.location import CLocalFileLocation
+from pysource import manager, scopescanner, symbolinfo as si
+
+CORPUS_SCRIPT = "/work/shared/corpus.py"
+
+kRecordRule = "record"
+kArgumentRule = "argument"
+kImportedRule = "imported"
+kFirstSetRule = "first set"
+kFirstReadRule = "first read"
+RULES = (kRecordRule, kArgumentRule, kImportedRule, kFirstSetRule, kFirstReadRule)
+
+kInnerTableNames = frozenset(("lambda", "listcomp", "setcomp", "dictcomp", "genexpr"))
+_kSetPrefix = si.kSetPrefix
+_kGetPrefix = si.kGetPrefix
+
+
+def corpus_files():
+    """The core corpus (empty when the corpus script isn't there)."""
+    if not os.path.exists(CORPUS_SCRIPT):
+        return []
+    out = subprocess.run([sys.executable, CORPUS_SCRIPT], capture_output=True, text=True,
+                         check=True).stdout
+    return out.split()
+
+
+# ---- the symbol table side ------------------------------------------------
+
+class CFact:
+    """One thing a symbol table says that a record must show."""
+
+    __slots__ = ("rule", "scope", "name", "table", "symbol", "class_name")
+
+    def __init__(self, rule, scope, name, table, symbol=None, class_name=None):
+        self.rule = rule
+        self.scope = scope            # our normalised scope name
+        self.name = name              # the symbol's name, or the scope's for a record
+        self.table = table            # the symbol table the fact comes from
+        self.symbol = symbol
+        self.class_name = class_name  # the innermost class around the table, if any
+
+    def with_name(self, name):
+        return CFact(self.rule, self.scope, name, self.table, self.symbol, self.class_name)
+
+    def __repr__(self):
+        return f"{self.rule}: {self.scope or '<module>'}: {self.name}"
+
+
+def _is_inner_table(table):
+    """A lambda or comprehension: a scope of symtable's that is no scope of
+    ours (a comprehension always has its hidden `.0` parameter; no def can)."""
+    if table.get_type() != "function" or table.get_name() not in kInnerTableNames:
+        return False
+    return table.get_name() == "lambda" or ".0" in table.get_identifiers()
+
+
+def _child_scope_name(parent, leaf, counts):
+    index = counts[leaf]
+    counts[leaf] += 1
+    local = leaf if index == 0 else f"{leaf}{si.kScopeIndexSep}{index}"
+    return local if parent == "" else f"{parent}.{local}"
+
+
+def _own_facts(table, scope, class_name, out):
+    is_function = table.get_type() == "function"
+    for symbol in table.get_symbols():
+        name = symbol.get_name()
+        if is_function and symbol.is_parameter():
+            out.append(CFact(kArgumentRule, scope, name, table, symbol, class_name))
+        if symbol.is_imported():
+            out.append(CFact(kImportedRule, scope, name, table, symbol, class_name))
+        if symbol.is_assigned():
+            out.append(CFact(kFirstSetRule, scope, name, table, symbol, class_name))
+        if symbol.is_referenced():
+            out.append(CFact(kFirstReadRule, scope, name, table, symbol, class_name))
+
+
+def _inner_facts(table, scope, class_name, bound, out):
+    """The names a lambda or comprehension takes from outside: reads, and
+    walrus targets of a comprehension, count toward `scope`."""
+    for symbol in table.get_symbols():
+        name = symbol.get_name()
+        if symbol.is_local() or symbol.is_parameter() or name in bound:
+            continue
+        if symbol.is_assigned():
+            out.append(CFact(kFirstSetRule, scope, name, table, symbol, class_name))
+        if symbol.is_referenced():
+            out.append(CFact(kFirstReadRule, scope, name, table, symbol, class_name))
+
+
+def _walk(table, scope, class_name, bound, out):
+    """`bound`: None in a scope of ours, else the names bound by the lambdas
+    and comprehensions between `table` and `scope`."""
+    if table.get_type() == "class":
+        class_name = table.get_name()
+    if bound is None:
+        _own_facts(table, scope, class_name, out)
+    else:
+        _inner_facts(table, scope, class_name, bound, out)
+    counts = collections.Counter()
+    # Source order, which is the order of our scope indexes: symtable visits
+    # the `else` of a `try` before its handlers.
+    for child in sorted(table.get_children(), key=symtable.SymbolTable.get_lineno):
+        if _is_inner_table(child):
+            inner_bound = frozenset(bound or ()) | {
+                s.get_name() for s in child.get_symbols() if s.is_local() or s.is_parameter()}
+            _walk(child, scope, class_name, inner_bound, out)
+        else:
+            child_scope = _child_scope_name(scope, child.get_name(), counts)
+            out.append(CFact(kRecordRule, child_scope, child.get_name(), child))
+            _walk(child, child_scope, class_name, None, out)
+
+
+def symtable_facts(source, path):
+    """Every fact the symbol tables of `source` give, in table order."""
+    out = []
+    _walk(symtable.symtable(source, path, "exec"), si.kModuleScopeName, None, None, out)
+    return out
+
+
+# ---- the record side ------------------------------------------------------
+
+def scan_file(mgr, path):
+    """Scans `path` with the whole-file primary scanner into `mgr`'s info
+    cache; gives {normalised scope name: record}."""
+    loc = CLocalFileLocation(path)
+    scanner = scopescanner.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
+    try:
+        while True:
+            state = scanner.Scan(math.inf)
+            if state is not scopescanner.kTimedOut:
+                break
+        if state is not scopescanner.kFinishedScanning:
+            raise AssertionError(f"{path}: the scan ended in {state}")
+        records = {}
+        for name in scanner._fAllScopeNames:
+            info = mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, name))
+            if info is not None:
+                records[si.NormalizeScopeName(name)] = info
+        return records
+    finally:
+        scanner.destroy()
+
+
+def _has_first(compound, prefix):
+    """Whether a compound ends its own singles with a first-seen single of
+    this prefix (`prefix` + a logical index)."""
+    for single in si.NonNestedSplit(compound, b";"):
+        if single.startswith(prefix):
+            index = single[len(prefix):]
+            if index.lstrip(b"-").isdigit():
+                return True
+    return False
+
+
+def fact_holds(fact, records):
+    record = records.get(fact.scope)
+    if fact.rule == kRecordRule:
+        return record is not None
+    if record is None:
+        return False
+    if fact.rule in (kArgumentRule, kImportedRule):
+        domains = record._domains
+        domain = None if domains is None else domains.get(fact.name)
+        # A name may be in several domains (an argument re-imported).
+        return domain is not None and fact.rule.encode() in domain.split(b";")
+    compound = record.type_equivs.get(fact.name)
+    if compound is None:
+        return False
+    return _has_first(compound, _kSetPrefix if fact.rule == kFirstSetRule else _kGetPrefix)
+
+
+# ---- where records rightly differ -----------------------------------------
+
+def _reads(records, scope, name):
+    record = records.get(scope)
+    compound = None if record is None else record.type_equivs.get(name)
+    return compound is not None and _has_first(compound, _kGetPrefix)
+
+
+def _implicit_class_cell(fact, records):
+    """`super()` in a method reads the hidden `__class__` cell; the record
+    shows the read of `super`."""
+    return (fact.rule == kFirstReadRule and fact.name == "__class__"
+            and fact.table.get_type() == "function" and _reads(records, fact.scope, "super"))
+
+
+def _demangled(fact):
+    """The private name as written, when symtable shows it mangled by the
+    class around it (`__x` in class `_C` is `_C__x`), else None."""
+    if fact.class_name is None or fact.rule == kRecordRule:
+        return None
+    prefix = "_" + fact.class_name.lstrip("_")
+    if prefix == "_" or not fact.name.startswith(prefix + "__"):
+        return None
+    plain = fact.name[len(prefix):]
+    return None if plain.endswith("__") else plain
+
+
+def _private_name(fact, records):
+    """Records keep private names as written; symtable mangles them."""
+    plain = _demangled(fact)
+    return plain is not None and fact_holds(fact.with_name(plain), records)
+
+
+EXCEPTIONS = (
+    ("__class__ cell read by super()", _implicit_class_cell),
+    ("private name mangled by symtable", _private_name),
+)
+
+
+def excuse_for(fact, records):
+    """The name of the exception rule that explains a failed fact, or None."""
+    for name, rule in EXCEPTIONS:
+        if rule(fact, records):
+            return name
+    return None
+
+
+# ---- the comparison -------------------------------------------------------
+
+class COracleResult:
+    """Counts per rule: facts checked, held, excused (per exception)."""
+
+    def __init__(self):
+        self.files = 0
+        self.checked = collections.Counter()
+        self.held = collections.Counter()
+        self.excused = collections.Counter()            # (rule, exception) -> count
+        self.unexplained = []                           # (path, fact)
+
+    def add_file(self, path, facts, records):
+        self.files += 1
+        for fact in facts:
+            self.checked[fact.rule] += 1
+            if fact_holds(fact, records):
+                self.held[fact.rule] += 1
+                continue
+            excuse = excuse_for(fact, records)
+            if excuse is None:
+                self.unexplained.append((path, fact))
+            else:
+                self.excused[(fact.rule, excuse)] += 1
+
+    def rate(self, rule, with_exceptions):
+        checked = self.checked[rule]
+        if not checked:
+            return 1.0
+        agreed = self.held[rule]
+        if with_exceptions:
+            agreed += sum(n for (r, _), n in self.excused.items() if r == rule)
+        return agreed / checked
+
+    def report(self, show=0):
+        lines = [f"primary records vs symtable: {self.files} files"]
+        lines.append(f"  {'rule':<12}{'checked':>9}{'agree':>9}{'before':>10}{'after':>10}")
+        for rule in RULES:
+            lines.append(f"  {rule:<12}{self.checked[rule]:>9}{self.held[rule]:>9}"
+                         f"{self.rate(rule, False):>10.4%}{self.rate(rule, True):>10.4%}")
+        for (rule, excuse), n in sorted(self.excused.items()):
+            lines.append(f"  excused ({rule}): {excuse}: {n}")
+        lines.append(f"  unexplained: {len(self.unexplained)}")
+        for path, fact in self.unexplained[:show]:
+            lines.append(f"    {path}: {fact!r}")
+        return "\n".join(lines)
+
+
+def compare_files(paths, mgr=None):
+    """Scans and compares every file; gives a `COracleResult`."""
+    own = mgr is None
+    if own:
+        mgr = manager.CAnalysisMgr()
+    previous = manager.SetAnalysisMgr(mgr)
+    result = COracleResult()
+    try:
+        for path in paths:
+            with open(path, "rb") as f:
+                source = f.read()
+            facts = symtable_facts(source, path)
+            result.add_file(path, facts, scan_file(mgr, path))
+    finally:
+        manager.SetAnalysisMgr(previous)
+        if own:
+            mgr.destroy()
+    return result
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--limit", type=int, default=0, help="only the first N files")
+    parser.add_argument("--show", type=int, default=20, help="unexplained differences to list")
+    args = parser.parse_args(argv)
+    paths = corpus_files()
+    if args.limit:
+        paths = paths[:args.limit]
+    print(compare_files(paths).report(args.show))
+
+
+if __name__ == "__main__":
+    main()
