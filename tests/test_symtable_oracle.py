@@ -205,6 +205,20 @@ class TestExceptions:
                                       class_name="__")) is None
 
 
+    def test_folded_names_are_excused_only_for_their_own_nfkc_form(self, source_file):
+        path = source_file("ｗｉｄｔｈ = 1\nprint(width)\nµ = 2\n")
+        with installed_manager(editor=False) as mgr:
+            records = so.scan_file(mgr, path)
+        facts = [f for f in so.symtable_facts(open(path, "rb").read(), path)
+                 if not so.fact_holds(f, records)]
+        assert {(f.rule, f.name) for f in facts} == {(so.kFirstSetRule, "width"),
+                                                      (so.kFirstSetRule, "\u03bc")}
+        assert all(so.excuse_for(f, records) == "non-ASCII name folded by Python"
+                   for f in facts)
+        unrelated = so.CFact(so.kFirstSetRule, "", "mu", None)
+        assert so.excuse_for(unrelated, records) is None
+
+
 class TestAgainstScans:
     def test_tricky_source_agrees(self, source_file):
         with installed_manager(editor=False) as mgr:
