@@ -15,8 +15,10 @@ docs/analyzer.md).  Run as a script to print the rates over the core corpus:
 """
 import argparse
 import collections
+import keyword
 import math
 import os
+import re
 import subprocess
 import sys
 import symtable
@@ -32,7 +34,11 @@ kArgumentRule = "argument"
 kImportedRule = "imported"
 kFirstSetRule = "first set"
 kFirstReadRule = "first read"
-RULES = (kRecordRule, kArgumentRule, kImportedRule, kFirstSetRule, kFirstReadRule)
+# The other way round: a name a record sets or reads is a symbol of its scope
+# (or of a lambda or comprehension in it).
+kKnownNameRule = "known name"
+RULES = (kRecordRule, kArgumentRule, kImportedRule, kFirstSetRule, kFirstReadRule,
+         kKnownNameRule)
 
 kInnerTableNames = frozenset(("lambda", "listcomp", "setcomp", "dictcomp", "genexpr"))
 _kSetPrefix = si.kSetPrefix
@@ -69,7 +75,8 @@ class CFact:
         self.rule = rule
         self.scope = scope            # our normalised scope name
         self.name = name              # the symbol's name, or the scope's for a record
-        self.table = table            # the symbol table the fact comes from
+        self.table = table            # the symbol table the fact comes from (the
+        #                               file's CFileTables for a known name)
         self.symbol = symbol
         self.class_name = class_name  # the innermost class around the table, if any
 
@@ -122,12 +129,31 @@ def _inner_facts(table, scope, class_name, bound, out):
             out.append(CFact(kFirstReadRule, scope, name, table, symbol, class_name))
 
 
-def _walk(table, scope, class_name, bound, out):
+class CFileTables:
+    """What the symbol tables of one file say: the facts, and per scope of
+    ours the names its tables know and the class that mangles its names."""
+
+    def __init__(self, source, path):
+        self.facts = []
+        self.known = collections.defaultdict(set)
+        self.class_names = {}
+        self.source = source
+        module = symtable.symtable(source, path, "exec")
+        # under this future import Python doesn't read annotations at all
+        self.lazy_annotations = ("annotations" in module.get_identifiers()
+                                 and module.lookup("annotations").is_imported())
+        _walk(module, si.kModuleScopeName, None, None, self)
+
+
+def _walk(table, scope, class_name, bound, tables):
     """`bound`: None in a scope of ours, else the names bound by the lambdas
     and comprehensions between `table` and `scope`."""
+    out = tables.facts
     if table.get_type() == "class":
         class_name = table.get_name()
+    tables.known[scope].update(table.get_identifiers())
     if bound is None:
+        tables.class_names[scope] = class_name
         _own_facts(table, scope, class_name, out)
     else:
         _inner_facts(table, scope, class_name, bound, out)
@@ -138,18 +164,16 @@ def _walk(table, scope, class_name, bound, out):
         if _is_inner_table(child):
             inner_bound = frozenset(bound or ()) | {
                 s.get_name() for s in child.get_symbols() if s.is_local() or s.is_parameter()}
-            _walk(child, scope, class_name, inner_bound, out)
+            _walk(child, scope, class_name, inner_bound, tables)
         else:
             child_scope = _child_scope_name(scope, child.get_name(), counts)
             out.append(CFact(kRecordRule, child_scope, child.get_name(), child))
-            _walk(child, child_scope, class_name, None, out)
+            _walk(child, child_scope, class_name, None, tables)
 
 
 def symtable_facts(source, path):
     """Every fact the symbol tables of `source` give, in table order."""
-    out = []
-    _walk(symtable.symtable(source, path, "exec"), si.kModuleScopeName, None, None, out)
-    return out
+    return CFileTables(source, path).facts
 
 
 # ---- the record side ------------------------------------------------------
@@ -187,7 +211,37 @@ def _has_first(compound, prefix):
     return False
 
 
+def _is_checked_name(name, compound):
+    """A name of a record's own that the text sets (in the body) or reads."""
+    if not name.isidentifier() or keyword.iskeyword(name):
+        return False
+    for single in si.NonNestedSplit(compound, b";"):
+        if single.startswith(_kGetPrefix) or (single.startswith(_kSetPrefix)
+                                              and single[len(_kSetPrefix):].isdigit()):
+            return True
+    return False
+
+
+def known_name_facts(tables, records):
+    """The facts of the other direction: every scope with a record is a
+    scope of the tables (name None), every name it sets or reads a symbol."""
+    out = []
+    for scope, record in records.items():
+        if scope.endswith(si.kClassInstanceSuffix):
+            continue
+        class_name = tables.class_names.get(scope)
+        out.append(CFact(kKnownNameRule, scope, None, tables, None, class_name))
+        for name, compound in record.type_equivs.items():
+            if _is_checked_name(name, compound):
+                out.append(CFact(kKnownNameRule, scope, name, tables, None, class_name))
+    return out
+
+
 def fact_holds(fact, records):
+    if fact.rule == kKnownNameRule:
+        if fact.name is None:
+            return fact.scope in fact.table.class_names
+        return fact.name in fact.table.known[fact.scope]
     record = records.get(fact.scope)
     if fact.rule == kRecordRule:
         return record is not None
@@ -231,15 +285,31 @@ def _demangled(fact):
     return None if plain.endswith("__") else plain
 
 
+def _mangled(fact):
+    """The name as symtable shows it when it is private to a class."""
+    if fact.class_name is None or not fact.name.startswith("__") or fact.name.endswith("__"):
+        return None
+    prefix = "_" + fact.class_name.lstrip("_")
+    return None if prefix == "_" else prefix + fact.name
+
+
 def _private_name(fact, records):
     """Records keep private names as written; symtable mangles them."""
-    plain = _demangled(fact)
-    return plain is not None and fact_holds(fact.with_name(plain), records)
+    if fact.rule == kKnownNameRule:
+        other = None if fact.name is None else _mangled(fact)
+    else:
+        other = _demangled(fact)
+    return other is not None and fact_holds(fact.with_name(other), records)
 
 
 def _folded_identifier(fact, records):
     """Python folds non-ASCII identifiers to their NFKC form (`ｗｉｄｔｈ` is
     `width`); records keep the name as written."""
+    if fact.rule == kKnownNameRule:
+        if fact.name is None or fact.name.isascii():
+            return False
+        folded = unicodedata.normalize("NFKC", fact.name)
+        return folded != fact.name and fact_holds(fact.with_name(folded), records)
     record = records.get(fact.scope)
     if fact.rule == kRecordRule or record is None:
         return False
@@ -249,10 +319,38 @@ def _folded_identifier(fact, records):
                and fact_holds(fact.with_name(name), records) for name in names)
 
 
+def _lazy_annotation(fact, records):
+    """Under `from __future__ import annotations` Python never reads an
+    annotation; records read the names in it.  Only names read and never
+    set in the scope qualify."""
+    if fact.rule != kKnownNameRule or fact.name is None or not fact.table.lazy_annotations:
+        return False
+    compound = records[fact.scope].type_equivs[fact.name]
+    return not _has_first(compound, _kSetPrefix) and _has_first(compound, _kGetPrefix)
+
+
+def _string_annotation(fact, records):
+    """Records read the names of a string annotation (`-> 'Node'`); for
+    Python it is a constant.  Only names read and never set in the scope,
+    and found inside a one-line string of the file, qualify."""
+    if fact.rule != kKnownNameRule or fact.name is None:
+        return False
+    compound = records[fact.scope].type_equivs[fact.name]
+    if _has_first(compound, _kSetPrefix) or not _has_first(compound, _kGetPrefix):
+        return False
+    text = fact.table.source
+    if isinstance(text, bytes):
+        text = text.decode("utf-8", "replace")
+    quoted = r"""(['"])[^'"\n]*\b%s\b[^'"\n]*\1""" % re.escape(fact.name)
+    return re.search(quoted, text) is not None
+
+
 EXCEPTIONS = (
     ("__class__ cell read by super()", _implicit_class_cell),
     ("private name mangled by symtable", _private_name),
     ("non-ASCII name folded by Python", _folded_identifier),
+    ("annotation never read by Python", _lazy_annotation),
+    ("name read in a string annotation", _string_annotation),
 )
 
 
@@ -323,8 +421,9 @@ def compare_files(paths, mgr=None):
         for path in paths:
             with open(path, "rb") as f:
                 source = f.read()
-            facts = symtable_facts(source, path)
-            result.add_file(path, facts, scan_file(mgr, path))
+            tables = CFileTables(source, path)
+            records = scan_file(mgr, path)
+            result.add_file(path, tables.facts + known_name_facts(tables, records), records)
     finally:
         manager.SetAnalysisMgr(previous)
         if own:
