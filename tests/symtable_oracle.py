@@ -3,7 +3,8 @@
 Each file is scanned into the info cache of a private manager, and its symbol
 tables are walked: every class and function table must have a record, every
 parameter the argument domain, every imported name the imported domain, every
-name the table assigns a first set and every name it reads a first read.
+name the table assigns a first set and every name it reads a first read;
+the other way round, every name a record sets or reads is a symbol there.
 Lambdas and comprehensions have no records of their own: what they read, and
 what a walrus inside a comprehension binds, counts toward the enclosing scope.
 
@@ -21,7 +22,7 @@ import os
 import re
 import subprocess
 import sys
-import symtable
+import _symtable
 import unicodedata
 
 from basekit.location import CLocalFileLocation
@@ -48,7 +49,7 @@ _kGetPrefix = si.kGetPrefix
 def _compiles(path):
     try:
         with open(path, "rb") as f:
-            symtable.symtable(f.read(), path, "exec")
+            _symtable.symtable(f.read(), path, "exec")
     except (SyntaxError, ValueError, UnicodeError):
         return False
     return True
@@ -65,34 +66,48 @@ def corpus_files(full=False):
 
 
 # ---- the symbol table side ------------------------------------------------
+# The raw tables of `_symtable` (what `symtable` wraps): a dict of flags per
+# table instead of an object per symbol keeps this side cheap.
+
+_kFunctionType = _symtable.TYPE_FUNCTION
+_kClassType = _symtable.TYPE_CLASS
+_kModuleType = _symtable.TYPE_MODULE
+_kLocalScopes = (_symtable.LOCAL, _symtable.CELL)
+
+
+def _scope_of(flags):
+    return (flags >> _symtable.SCOPE_OFF) & _symtable.SCOPE_MASK
+
 
 class CFact:
     """One thing a symbol table says that a record must show."""
 
-    __slots__ = ("rule", "scope", "name", "table", "symbol", "class_name")
+    __slots__ = ("rule", "scope", "name", "table", "class_name")
 
-    def __init__(self, rule, scope, name, table, symbol=None, class_name=None):
+    def __init__(self, rule, scope, name, table, class_name=None):
         self.rule = rule
         self.scope = scope            # our normalised scope name
         self.name = name              # the symbol's name, or the scope's for a record
-        self.table = table            # the symbol table the fact comes from (the
+        self.table = table            # the raw table the fact comes from (the
         #                               file's CFileTables for a known name)
-        self.symbol = symbol
         self.class_name = class_name  # the innermost class around the table, if any
 
     def with_name(self, name):
-        return CFact(self.rule, self.scope, name, self.table, self.symbol, self.class_name)
+        return CFact(self.rule, self.scope, name, self.table, self.class_name)
 
     def __repr__(self):
         return f"{self.rule}: {self.scope or '<module>'}: {self.name}"
 
 
 def _is_inner_table(table):
-    """A lambda or comprehension: a scope of symtable's that is no scope of
-    ours (a comprehension always has its hidden `.0` parameter; no def can)."""
-    if table.get_type() != "function" or table.get_name() not in kInnerTableNames:
+    """A lambda, comprehension or other block of symtable's that is no scope
+    of ours (a comprehension always has its hidden `.0` parameter; no def
+    can)."""
+    if table.type not in (_kFunctionType, _kClassType, _kModuleType):
+        return True
+    if table.type != _kFunctionType or table.name not in kInnerTableNames:
         return False
-    return table.get_name() == "lambda" or ".0" in table.get_identifiers()
+    return table.name == "lambda" or ".0" in table.symbols
 
 
 def _child_scope_name(parent, leaf, counts):
@@ -103,30 +118,32 @@ def _child_scope_name(parent, leaf, counts):
 
 
 def _own_facts(table, scope, class_name, out):
-    is_function = table.get_type() == "function"
-    for symbol in table.get_symbols():
-        name = symbol.get_name()
-        if is_function and symbol.is_parameter():
-            out.append(CFact(kArgumentRule, scope, name, table, symbol, class_name))
-        if symbol.is_imported():
-            out.append(CFact(kImportedRule, scope, name, table, symbol, class_name))
-        if symbol.is_assigned():
-            out.append(CFact(kFirstSetRule, scope, name, table, symbol, class_name))
-        if symbol.is_referenced():
-            out.append(CFact(kFirstReadRule, scope, name, table, symbol, class_name))
+    is_function = table.type == _kFunctionType
+    for name, flags in table.symbols.items():
+        if is_function and flags & _symtable.DEF_PARAM:
+            out.append(CFact(kArgumentRule, scope, name, table, class_name))
+        if flags & _symtable.DEF_IMPORT:
+            out.append(CFact(kImportedRule, scope, name, table, class_name))
+        if flags & _symtable.DEF_LOCAL:
+            out.append(CFact(kFirstSetRule, scope, name, table, class_name))
+        if flags & _symtable.USE:
+            out.append(CFact(kFirstReadRule, scope, name, table, class_name))
+
+
+def _binds(flags):
+    return _scope_of(flags) in _kLocalScopes or flags & _symtable.DEF_PARAM
 
 
 def _inner_facts(table, scope, class_name, bound, out):
     """The names a lambda or comprehension takes from outside: reads, and
     walrus targets of a comprehension, count toward `scope`."""
-    for symbol in table.get_symbols():
-        name = symbol.get_name()
-        if symbol.is_local() or symbol.is_parameter() or name in bound:
+    for name, flags in table.symbols.items():
+        if _binds(flags) or name in bound:
             continue
-        if symbol.is_assigned():
-            out.append(CFact(kFirstSetRule, scope, name, table, symbol, class_name))
-        if symbol.is_referenced():
-            out.append(CFact(kFirstReadRule, scope, name, table, symbol, class_name))
+        if flags & _symtable.DEF_LOCAL:
+            out.append(CFact(kFirstSetRule, scope, name, table, class_name))
+        if flags & _symtable.USE:
+            out.append(CFact(kFirstReadRule, scope, name, table, class_name))
 
 
 class CFileTables:
@@ -138,37 +155,37 @@ class CFileTables:
         self.known = collections.defaultdict(set)
         self.class_names = {}
         self.source = source
-        module = symtable.symtable(source, path, "exec")
+        module = _symtable.symtable(source, path, "exec")
         # under this future import Python doesn't read annotations at all
-        self.lazy_annotations = ("annotations" in module.get_identifiers()
-                                 and module.lookup("annotations").is_imported())
-        _walk(module, si.kModuleScopeName, None, None, self)
+        self.lazy_annotations = bool(module.symbols.get("annotations", 0)
+                                     & _symtable.DEF_IMPORT)
+        _walk(module, si.kModuleScopeName, None, None, collections.Counter(), self)
 
 
-def _walk(table, scope, class_name, bound, tables):
+def _walk(table, scope, class_name, bound, counts, tables):
     """`bound`: None in a scope of ours, else the names bound by the lambdas
-    and comprehensions between `table` and `scope`."""
+    and comprehensions between `table` and `scope`; `counts`: the scope
+    indexes given out so far in `scope`."""
     out = tables.facts
-    if table.get_type() == "class":
-        class_name = table.get_name()
-    tables.known[scope].update(table.get_identifiers())
+    if table.type == _kClassType:
+        class_name = table.name
+    tables.known[scope].update(table.symbols)
     if bound is None:
         tables.class_names[scope] = class_name
         _own_facts(table, scope, class_name, out)
     else:
         _inner_facts(table, scope, class_name, bound, out)
-    counts = collections.Counter()
     # Source order, which is the order of our scope indexes: symtable visits
     # the `else` of a `try` before its handlers.
-    for child in sorted(table.get_children(), key=symtable.SymbolTable.get_lineno):
+    for child in sorted(table.children, key=lambda child: child.lineno):
         if _is_inner_table(child):
             inner_bound = frozenset(bound or ()) | {
-                s.get_name() for s in child.get_symbols() if s.is_local() or s.is_parameter()}
-            _walk(child, scope, class_name, inner_bound, tables)
+                name for name, flags in child.symbols.items() if _binds(flags)}
+            _walk(child, scope, class_name, inner_bound, counts, tables)
         else:
-            child_scope = _child_scope_name(scope, child.get_name(), counts)
-            out.append(CFact(kRecordRule, child_scope, child.get_name(), child))
-            _walk(child, child_scope, class_name, None, tables)
+            child_scope = _child_scope_name(scope, child.name, counts)
+            out.append(CFact(kRecordRule, child_scope, child.name, child))
+            _walk(child, child_scope, class_name, None, collections.Counter(), tables)
 
 
 def symtable_facts(source, path):
@@ -230,10 +247,10 @@ def known_name_facts(tables, records):
         if scope.endswith(si.kClassInstanceSuffix):
             continue
         class_name = tables.class_names.get(scope)
-        out.append(CFact(kKnownNameRule, scope, None, tables, None, class_name))
+        out.append(CFact(kKnownNameRule, scope, None, tables, class_name))
         for name, compound in record.type_equivs.items():
             if _is_checked_name(name, compound):
-                out.append(CFact(kKnownNameRule, scope, name, tables, None, class_name))
+                out.append(CFact(kKnownNameRule, scope, name, tables, class_name))
     return out
 
 
@@ -270,7 +287,7 @@ def _implicit_class_cell(fact, records):
     """`super()` in a method reads the hidden `__class__` cell; the record
     shows the read of `super`."""
     return (fact.rule == kFirstReadRule and fact.name == "__class__"
-            and fact.table.get_type() == "function" and _reads(records, fact.scope, "super"))
+            and fact.table.type == _kFunctionType and _reads(records, fact.scope, "super"))
 
 
 def _demangled(fact):

@@ -196,8 +196,8 @@ class TestComparison:
 
 class TestExceptions:
     def test_class_cell_is_excused_only_beside_a_read_of_super(self):
-        table = so.symtable.symtable("class C:\n    def m(self): super()\n", "m", "exec")
-        method = table.get_children()[0].get_children()[0]
+        table = so._symtable.symtable("class C:\n    def m(self): super()\n", "m", "exec")
+        method = table.children[0].children[0]
         fact = so.CFact(so.kFirstReadRule, "C.m", "__class__", method)
         with_super = {"C.m": CFakeRecord({"super": b":g0"})}
         assert so.excuse_for(fact, with_super) is not None
