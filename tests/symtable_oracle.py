@@ -217,26 +217,28 @@ def scan_file(mgr, path):
         scanner.destroy()
 
 
-def _has_first(compound, prefix):
-    """Whether a compound ends its own singles with a first-seen single of
-    this prefix (`prefix` + a logical index)."""
+def _first_index(compound, prefix):
+    """The logical index of a compound's first-seen single of this prefix
+    (`prefix` + an index: `:S3`, `:S-1`, `:g0`), or None."""
     for single in si.NonNestedSplit(compound, b";"):
         if single.startswith(prefix):
             index = single[len(prefix):]
             if index.lstrip(b"-").isdigit():
-                return True
-    return False
+                return int(index)
+    return None
+
+
+def _has_first(compound, prefix):
+    return _first_index(compound, prefix) is not None
 
 
 def _is_checked_name(name, compound):
-    """A name of a record's own that the text sets (in the body) or reads."""
+    """A name of a record's own that the text reads or sets in the body (not
+    only before it, as `__name__` or an argument)."""
     if not name.isidentifier() or keyword.iskeyword(name):
         return False
-    for single in si.NonNestedSplit(compound, b";"):
-        if single.startswith(_kGetPrefix) or (single.startswith(_kSetPrefix)
-                                              and single[len(_kSetPrefix):].isdigit()):
-            return True
-    return False
+    first_set = _first_index(compound, _kSetPrefix)
+    return _has_first(compound, _kGetPrefix) or (first_set is not None and first_set >= 0)
 
 
 def known_name_facts(tables, records):

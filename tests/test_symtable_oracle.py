@@ -168,6 +168,8 @@ class TestComparison:
         # a set inside a payload or a conditional isn't a first set
         nested = {"": CFakeRecord({"x": b"f(:S1);:?c,:S"})}
         assert not so.fact_holds(set_fact, nested)
+        bare = {"": CFakeRecord({"x": b":S;:g1"})}           # a set with no index
+        assert not so.fact_holds(set_fact, bare) and so.fact_holds(read_fact, bare)
         argument = {"": CFakeRecord({"x": b":a0;:S-1;:g2"})}
         assert so.fact_holds(set_fact, argument) and so.fact_holds(read_fact, argument)
 
