@@ -649,3 +649,10 @@ def test_any_bytes_give_a_description_or_a_clear_error(ibytes):
             unpack(ibytes)
         except (ValueError, UnicodeDecodeError):
             pass
+
+
+def test_a_field_that_looks_like_a_logical_index_suffix_round_trips():
+    # A field ending the single with the suffix's own bytes must stay a field.
+    for value in (":#0", "x:#12", "#"):
+        single = si.BuildLiteralInfo(b"str", value)
+        assert si.UnpackLiteralInfo(single) == ("str", value)

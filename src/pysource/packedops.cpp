@@ -14,6 +14,7 @@ bool NeedsEscape(char c) {
     switch (c) {
     case '%': case ',': case ';': case '(': case ')': case '[': case ']':
     case '{': case '}': case '"': case '\'':
+    case '#':  // keeps a field from ever looking like a logical-index suffix
         return true;
     default:
         return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
@@ -24,7 +25,7 @@ bool NeedsEscape(char c) {
 // "f" or "u") stands right before it and would read as a string prefix.
 bool CanStandAsIs(std::string_view text, bool first_field) {
     return !text.empty() && text[0] != kFieldEscape && !(first_field && IsQuote(text[0])) &&
-           IsBalancedText(text) &&
+           text.find('#') == std::string_view::npos && IsBalancedText(text) &&
            NonNestedFind(text, ",") < 0 && NonNestedFind(text, ";") < 0;
 }
 
