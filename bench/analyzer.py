@@ -15,18 +15,9 @@ import time
 
 from pysource.filellinecache import BuildLogicalLines
 from pysource.pgeninspect import CPGenAnalyzer
+from benchutil import corpus_paths, read_bytes
 
-CORPUS_SCRIPT = "/work/shared/corpus.py"
 
-
-def load_sources():
-    paths = subprocess.run([sys.executable, CORPUS_SCRIPT], capture_output=True, text=True,
-                           check=True).stdout.split()
-    sources = []
-    for path in paths:
-        with open(path, encoding="utf-8") as f:
-            sources.append(f.read())
-    return sources
 
 
 def time_ast(sources):
@@ -50,7 +41,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--repeat", type=int, default=3)
     args = parser.parse_args()
-    sources = load_sources()
+    sources = [b.decode("utf-8") for b in read_bytes(corpus_paths())]
     ast_times, ana_times = [], []
     count = 0
     for _ in range(args.repeat):

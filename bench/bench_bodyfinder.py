@@ -11,6 +11,7 @@ import time
 
 from pysource import scopescanner as ss
 from pysource.filellinecache import BuildLogicalLines
+from benchutil import best_of
 
 
 def make_source(classes=300, methods=8):
@@ -46,14 +47,6 @@ def parser_bodies(source):
     scopes = (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)
     return 1 + sum(isinstance(node, scopes) for node in ast.walk(tree))
 
-
-def best_of(repeats, func, *args):
-    best = float("inf")
-    for _ in range(repeats):
-        start = time.perf_counter()
-        result = func(*args)
-        best = min(best, time.perf_counter() - start)
-    return best, result
 
 
 def main():

@@ -14,22 +14,9 @@ import time
 import tokenize
 
 from pysource.filellinecache import BuildLogicalLines, DecodeSource
+from benchutil import best_of, corpus_paths
 
 
-def corpus_paths():
-    script = os.environ.get("PYSOURCE_CORPUS", "/work/shared/corpus.py")
-    out = subprocess.run([sys.executable, script], check=True, capture_output=True, text=True)
-    return out.stdout.split()
-
-
-def best_of(repeat, func):
-    best = None
-    for _ in range(repeat):
-        start = time.perf_counter()
-        func()
-        elapsed = time.perf_counter() - start
-        best = elapsed if best is None else min(best, elapsed)
-    return best
 
 
 def main():
@@ -60,9 +47,9 @@ def main():
         for t in texts:
             ast.parse(t)
 
-    t_logicals = best_of(args.repeat, logicals)
-    t_tokenize = best_of(args.repeat, tokens)
-    t_ast = best_of(args.repeat, parse)
+    t_logicals, _ = best_of(args.repeat, logicals)
+    t_tokenize, _ = best_of(args.repeat, tokens)
+    t_ast, _ = best_of(args.repeat, parse)
     print(f"logicals (decode + tokenize + join + kinds + scopes): {t_logicals:7.3f} s "
           f"({count[0]} logicals)")
     print(f"tokenize.generate_tokens:                            {t_tokenize:7.3f} s")

@@ -16,22 +16,9 @@ import time
 import tokenize
 
 from pysource._fastaccess import CNonNestedSearch
+from benchutil import best_of, corpus_paths
 
 
-def corpus_paths():
-    script = os.environ.get("PYSOURCE_CORPUS", "/work/shared/corpus.py")
-    out = subprocess.run([sys.executable, script], check=True, capture_output=True, text=True)
-    return out.stdout.split()
-
-
-def best_of(repeat, func):
-    best = None
-    for _ in range(repeat):
-        start = time.perf_counter()
-        result = func()
-        elapsed = time.perf_counter() - start
-        best = elapsed if best is None else min(best, elapsed)
-    return best, result
 
 
 def split_with_search(lines):

@@ -48,6 +48,7 @@ from pysource import scopescanner, symbolinfo
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
+from benchutil import best_of, corpus_paths, read_bytes  # noqa: E402
 
 kSliceSeconds = 0.005
 kSingleScopeSamples = 40
@@ -58,19 +59,6 @@ kSingleScopeRepeats = 15
 # The corpus, in memory
 
 
-def corpus_paths(limit):
-    script = os.environ.get("PYSOURCE_CORPUS", "/work/shared/corpus.py")
-    out = subprocess.run([sys.executable, script], check=True, capture_output=True, text=True)
-    paths = out.stdout.split()
-    return paths[:limit] if limit else paths
-
-
-def load_texts(paths):
-    texts = []
-    for path in paths:
-        with open(path, "rb") as fh:
-            texts.append(fh.read())
-    return texts
 
 
 def remote_locations(paths, texts):
@@ -142,16 +130,6 @@ def parse_ast(_locs, texts):
     return len(texts)
 
 
-def best_of(repeat, func, *args):
-    best = math.inf
-    result = None
-    for _ in range(repeat):
-        gc.collect()
-        start = time.perf_counter()
-        result = func(*args)
-        best = min(best, time.perf_counter() - start)
-    return best, result
-
 
 def compare_throughput(locs, texts, repeat):
     size = sum(len(t) for t in texts)
@@ -212,7 +190,7 @@ def memory_probe(holder_name, traced, limit):
     """Run in the child: prints what holding everything costs, as JSON.  The
     allocator is traced in a run of its own: tracing costs memory too."""
     paths = corpus_paths(limit)
-    texts = load_texts(paths)
+    texts = read_bytes(paths)
     locs = remote_locations(paths, texts)
     # Warm up on one file so that one-time allocations (modules, the
     # analyzer's tables) don't count.
@@ -422,7 +400,7 @@ def main():
         return
     skip = set(filter(None, args.skip.split(",")))
     paths = corpus_paths(args.limit)
-    texts = load_texts(paths)
+    texts = read_bytes(paths)
     locs = remote_locations(paths, texts)
     print(machine_load())
     if "throughput" not in skip:
