@@ -289,3 +289,104 @@ class TestWordsAndChecksums:
         assert reopened.GetEOLBlindChecksum(loc) == checksum
         # Disk time and checksum tell that the file need not be scanned again.
         assert reopened.IsScanDone(loc, PRIMARY, source.stat().st_mtime)
+
+
+def urls_of(locs):
+    return [loc.fUrl for loc in locs]
+
+
+class TestListingLocations:
+    def test_locations_only_in_the_file_are_listed_without_reading_their_records(self, tmp_path):
+        run_child(tmp_path, WRITE_PROJECT)
+        a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        assert urls_of(cache.GetLocations()) == sorted([a.fUrl, b.fUrl])
+        assert cache.fRecordsInMemory == 0 and cache.fLocationsInMemory == 0
+        # The listed locations lead to their records.
+        assert cache.GetScopesForLoc(cache.GetLocations()[0]) == ["", "f"]
+
+    def test_unwritten_and_written_locations_are_listed_once_and_lookups_are_not(self, tmp_path):
+        a, b, c = (loc_of(tmp_path, name) for name in ("a.py", "b.py", "c.py"))
+        db = tmp_path / "index.db"
+        cache = CInfoCache(db_path=db)
+        cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"1"}), True)
+        cache.WriteToDatabase()
+        cache.AddScopeInfo(primary_record(Scope(a, "g"), {"y": b"1"}), True)
+        cache.ChangeScansDone(b, PRIMARY, True, 12.0)    # a fact without records
+        assert cache.GetScopeInfo(Scope(c, "")) is None  # a lookup leaves nothing
+        assert urls_of(cache.GetLocations()) == [a.fUrl, b.fUrl]
+        assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl]
+        cache.WriteToDatabase()
+        assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl, b.fUrl]
+
+    def test_trimmed_locations_stay_listed(self, tmp_path):
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        locs = [loc_of(tmp_path, f"m{i}.py") for i in range(6)]
+        for loc in locs:
+            for j in range(4):
+                cache.AddScopeInfo(primary_record(Scope(loc, f"f{j}"), {"n": b"1"}), True)
+        cache.WriteToDatabase()
+        cache.fMaxRecordsInMemory = 8
+        cache.Trim()
+        assert cache.fLocationsInMemory < len(locs)
+        assert urls_of(cache.GetLocations()) == sorted(loc.fUrl for loc in locs)
+
+    def test_without_a_database_the_locations_in_memory(self, tmp_path):
+        cache = CInfoCache()
+        a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
+        assert cache.GetLocations() == []
+        cache.AddScopeInfo(primary_record(Scope(b, ""), {}))
+        cache.SaveWords(a, ["w"])
+        assert cache.GetLocations() == [a, b]   # the location objects given
+
+
+class TestReadOnly:
+    def test_reads_what_a_writer_stored(self, tmp_path):
+        run_child(tmp_path, WRITE_PROJECT)
+        a = loc_of(tmp_path, "a.py")
+        cache = CInfoCache()
+        cache.OpenDatabase(str(tmp_path / "index.db"), read_only=True)
+        assert cache.fDatabaseReadOnly
+        assert cache.GetScopesForLoc(a) == ["", "f"]
+        assert cache.GetScopeInfo(Scope(a, "f")).GetInfoBytes("arg") == b"str"
+        assert cache.IsScanDone(a, PRIMARY, 10.0)
+        assert cache.WriteToDatabase() == 0   # nothing to write: no complaint
+
+    def test_a_write_is_refused_and_the_file_is_untouched(self, tmp_path):
+        run_child(tmp_path, WRITE_PROJECT)
+        db = tmp_path / "index.db"
+        cache = CInfoCache()
+        cache.OpenDatabase(str(db), read_only=True)
+        cache.AddScopeInfo(primary_record(Scope(loc_of(tmp_path, "new.py"), ""), {}), True)
+        with pytest.raises(CInfoDatabaseError, match="read-only"):
+            cache.WriteToDatabase()
+        assert urls_of(CInfoCache(db_path=db).GetLocations()) == urls_of(
+            [loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")])
+
+    def test_a_missing_file_is_reported_and_not_made(self, tmp_path):
+        db = tmp_path / "nothere.db"
+        with pytest.raises(CInfoDatabaseError, match="nothere.db"):
+            CInfoCache().OpenDatabase(str(db), read_only=True)
+        assert not db.exists()
+
+    def test_another_schema_version_is_reported_and_not_rebuilt(self, tmp_path):
+        run_child(tmp_path, WRITE_PROJECT)
+        db = tmp_path / "index.db"
+        with sqlite3.connect(db) as conn:
+            conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
+        with pytest.raises(CInfoDatabaseError, match="schema version"):
+            CInfoCache().OpenDatabase(str(db), read_only=True)
+        with sqlite3.connect(db) as conn:
+            assert conn.execute("PRAGMA user_version").fetchone()[0] == kSchemaVersion + 1
+            assert conn.execute("SELECT count(*) FROM records").fetchone()[0] == 4
+
+    def test_an_empty_or_foreign_file_is_reported(self, tmp_path):
+        empty = tmp_path / "empty.db"
+        empty.write_bytes(b"")
+        with pytest.raises(CInfoDatabaseError, match="no pysource index"):
+            CInfoCache().OpenDatabase(str(empty), read_only=True)
+        assert empty.read_bytes() == b""
+        garbage = tmp_path / "junk.db"
+        garbage.write_bytes(b"not a database\x00" * 300)
+        with pytest.raises(CInfoDatabaseError, match="junk.db"):
+            CInfoCache().OpenDatabase(str(garbage), read_only=True)

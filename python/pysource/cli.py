@@ -4,9 +4,7 @@ import argparse
 import json
 import os
 import shutil
-import sqlite3
 import sys
-import urllib.parse
 
 kExitFailed = 1        # the run went on, but some files or records failed
 kExitUsage = 2         # a path or target the command can't work with
@@ -62,13 +60,22 @@ def _display_path(path):
 
 class _CIndex:
     """The index database opened through an analysis manager installed as the
-    process's manager for the duration of a command."""
+    process's manager for the duration of a command.  `read_only` for commands
+    that only read: the file is then never made, changed or rebuilt."""
 
-    def __init__(self, db_path):
+    def __init__(self, db_path, read_only=False):
         from pysource import manager, scopeinfo
         self.fPath = db_path
         try:
-            self.fMgr = manager.CAnalysisMgr(db_path=db_path)
+            if read_only:
+                self.fMgr = manager.CAnalysisMgr()
+                try:
+                    self.fMgr.fInfoCache.OpenDatabase(db_path, read_only=True)
+                except BaseException:
+                    self.fMgr.destroy()
+                    raise
+            else:
+                self.fMgr = manager.CAnalysisMgr(db_path=db_path)
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(f"{err}. The file was left as it is; move it away "
                                     f"or pass another --db to start a new index.") from None
@@ -85,17 +92,11 @@ class _CIndex:
 
     def Locations(self):
         """Every file that the index has facts of, ordered by URL."""
-        from basekit.location import LocationForUrl
-        uri = "file:" + urllib.parse.quote(os.path.abspath(self.fPath)) + "?mode=ro"
+        from pysource import scopeinfo
         try:
-            con = sqlite3.connect(uri, uri=True)
-            try:
-                urls = [row[0] for row in con.execute("SELECT url FROM locations ORDER BY url")]
-            finally:
-                con.close()
-        except sqlite3.DatabaseError as err:
-            raise _CDatabaseProblem(f"index database {self.fPath}: {err}") from None
-        return [LocationForUrl(url) for url in urls]
+            return self.fInfoCache.GetLocations()
+        except scopeinfo.CInfoDatabaseError as err:
+            raise _CDatabaseProblem(str(err)) from None
 
     def SizeInBytes(self):
         return sum(os.path.getsize(self.fPath + suffix)
@@ -118,7 +119,7 @@ def _open_existing_index(db_arg, start):
     if not os.path.isfile(db_path):
         _error(f"no such index database: {db_path}")
         return None
-    return _CIndex(db_path)
+    return _CIndex(db_path, read_only=True)
 
 
 # index

@@ -525,6 +525,31 @@ nb::list CInfoCache::GetScopesForLoc(nb::handle loc) {
     return out;
 }
 
+bool CInfoCache::HoldsFacts(const LocEntry &entry) {
+    return entry.record_count != 0 || entry.db_id != 0 || entry.disk_mtime != -1.0 ||
+           !entry.scans_done.empty() || !entry.checksum.is_none() || !entry.words.is_none();
+}
+
+nb::list CInfoCache::GetLocations() {
+    // Entries made by mere lookups hold nothing and are left out.
+    std::map<std::string, nb::object> known;
+    for (auto &[url, entry] : fEntries)
+        if (HoldsFacts(*entry))
+            known.emplace(url, entry->loc);
+    if (fDatabase)
+        for (nb::handle url : fDatabase->LoadLocationUrls()) {
+            std::string text = nb::cast<std::string>(url);
+            if (known.count(text))
+                continue;
+            LocEntry *entry = FindEntry(text);
+            known.emplace(text, entry ? entry->loc : LocationFromUrl(text));
+        }
+    nb::list out;
+    for (auto &[url, loc] : known)
+        out.append(loc);
+    return out;
+}
+
 // ---------------------------------------------------------------------------
 // Per-location facts
 
@@ -694,12 +719,12 @@ void CInfoCache::Trim() {
 // ---------------------------------------------------------------------------
 // The database
 
-void CInfoCache::OpenDatabase(const std::string &path) {
+void CInfoCache::OpenDatabase(const std::string &path, bool read_only) {
     if (fDatabase)
         throw std::runtime_error("CInfoCache: a database is open already; close it first");
     if (!fEntries.empty())
         throw std::runtime_error("CInfoCache: a database can only be opened on an empty cache");
-    fDatabase = std::make_unique<CInfoDatabase>(path);
+    fDatabase = std::make_unique<CInfoDatabase>(path, read_only);
     if (!fDatabase->OpenMessage().empty())
         nb::module_::import_("logging").attr("getLogger")("pysource.scopeinfo").attr("warning")(
             fDatabase->OpenMessage());
@@ -748,6 +773,9 @@ nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope
 
 nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
     if (!fDatabase)
+        return nb::int_(0);
+    // A reader with nothing to write stays quiet; anything to write raises.
+    if (fDatabase->IsReadOnly() && fDirtyEntries.empty() && fReplacedScans.empty())
         return nb::int_(0);
     bool all = locs.is_none();
     std::set<std::string> urls;

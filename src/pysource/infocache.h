@@ -69,12 +69,17 @@ public:
     nb::object GetWords(nb::handle loc);               // frozenset of str, or None
     nb::list GetScopeInfoRecords(nb::handle scope);    // the records behind a merged info
     nb::list GetScopesForLoc(nb::handle loc);          // scope names with records
+    // Every location with records or facts, in memory or in the database,
+    // ordered by URL; nothing of theirs is read.
+    nb::list GetLocations();
 
     // The database.
-    void OpenDatabase(const std::string &path);
+    // `read_only`: never make, change or rebuild the file; writes raise.
+    void OpenDatabase(const std::string &path, bool read_only = false);
     void CloseDatabase();
     nb::object DatabasePath() const;
     nb::object DatabaseMessage() const;
+    bool DatabaseReadOnly() const { return fDatabase && fDatabase->IsReadOnly(); }
 
     // Sizes, for Trim and for reports.
     Py_ssize_t RecordsInMemory() const { return (Py_ssize_t) fRecordsInMemory; }
@@ -163,6 +168,7 @@ private:
         MarkDirty(entry);
     }
     bool CanEvict(const LocEntry &entry) const;
+    static bool HoldsFacts(const LocEntry &entry);
 
     std::unique_ptr<CInfoDatabase> fDatabase;
     std::unordered_map<std::string, std::unique_ptr<LocEntry>> fEntries;  // by URL

@@ -65,12 +65,38 @@ void CInfoDatabase::Fail(const char *doing, const std::string &detail) {
     throw InfoDatabaseError(fOrigin + ": " + doing + " failed: " + detail);
 }
 
-CInfoDatabase::CInfoDatabase(std::string path)
-    : fPath(std::move(path)), fOrigin("pysource index database " + fPath) {
+nb::object CInfoDatabase::Connect() {
+    if (!fReadOnly)
+        return fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
+                                        nb::arg("isolation_level") = nb::none());
+    // Only a URI can ask SQLite for read-only access, which also keeps it
+    // from making the file when it is missing.
+    nb::object os_path = nb::module_::import_("os.path");
+    nb::object quoted = nb::module_::import_("urllib.parse").attr("quote")(
+        os_path.attr("abspath")(fPath));
+    nb::str uri(("file:" + nb::cast<std::string>(quoted) + "?mode=ro").c_str());
+    return fSqlite3.attr("connect")(uri, nb::arg("timeout") = 5.0,
+                                    nb::arg("isolation_level") = nb::none(), nb::arg("uri") = true);
+}
+
+void CInfoDatabase::CheckReadableSchema(std::int64_t app, std::int64_t version) {
+    if (app != kApplicationId) {
+        Close();
+        Fail("opening", "the file holds no pysource index; it was left as it is");
+    }
+    if (version != kSchemaVersion) {
+        Close();
+        Fail("opening", "the file has schema version " + std::to_string(version) +
+                            ", this build uses version " + std::to_string(kSchemaVersion) +
+                            "; it was left as it is");
+    }
+}
+
+CInfoDatabase::CInfoDatabase(std::string path, bool read_only)
+    : fPath(std::move(path)), fOrigin("pysource index database " + fPath), fReadOnly(read_only) {
     fSqlite3 = nb::module_::import_("sqlite3");
     Guarded("opening", [&] {
-        fConn = fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
-                                         nb::arg("isolation_level") = nb::none());
+        fConn = Connect();
         // A file that is not a database fails here, before anything is written.
         nb::object app_id = Execute("PRAGMA application_id").attr("fetchone")()[0];
         nb::object version = Execute("PRAGMA user_version").attr("fetchone")()[0];
@@ -84,6 +110,10 @@ CInfoDatabase::CInfoDatabase(std::string path)
             Fail("opening", "the file is an SQLite database of another program; it was left as it is");
         }
         Execute("PRAGMA cache_size=-32768");  // KiB: big writes stay off the disk until commit
+        if (fReadOnly) {
+            CheckReadableSchema(app, ver);
+            return;
+        }
         if (app == kApplicationId && ver == kSchemaVersion) {
             Execute("PRAGMA journal_mode=WAL");
             Execute("PRAGMA synchronous=NORMAL");
@@ -162,6 +192,8 @@ void CInfoDatabase::DropSchema() {
 }
 
 void CInfoDatabase::Begin() {
+    if (fReadOnly)
+        Fail("starting a write", "the database was opened read-only");
     Guarded("starting a write", [&] {
         Execute("BEGIN IMMEDIATE");
         fInTransaction = true;
@@ -191,6 +223,15 @@ nb::object CInfoDatabase::LoadLocation(const std::string &url) {
                        "FROM locations WHERE url = ?",
                        nb::make_tuple(url))
             .attr("fetchone")();
+    });
+}
+
+nb::object CInfoDatabase::LoadLocationUrls() {
+    return Guarded("listing locations", [&] {
+        nb::list urls;
+        for (nb::handle row : Execute("SELECT url FROM locations ORDER BY url"))
+            urls.append(row[0]);
+        return nb::object(urls);
     });
 }
 

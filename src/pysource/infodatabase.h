@@ -9,7 +9,9 @@
 // carries a version (PRAGMA user_version) and an application id: a file of
 // another schema version is rebuilt empty with a message, a file that is not
 // ours or not readable raises InfoDatabaseError naming the file and is never
-// touched.
+// touched.  A read-only open (for readers that must never make or change an
+// index) also refuses a missing file, an empty one and one of another schema
+// version, and every write raises.
 //
 // Rows travel as Python tuples, the form sqlite3 takes and gives; encoding
 // records into rows is recordcodec.h's job.
@@ -39,9 +41,9 @@ public:
     static constexpr int kSchemaVersion = 1;
     static constexpr std::int32_t kApplicationId = 0x50795372;  // "PySr"
 
-    // Opens (creating if need be) the database at `path`.  Throws
-    // InfoDatabaseError when the file can't be used.
-    explicit CInfoDatabase(std::string path);
+    // Opens (creating if need be, unless `read_only`) the database at `path`.
+    // Throws InfoDatabaseError when the file can't be used.
+    explicit CInfoDatabase(std::string path, bool read_only = false);
     ~CInfoDatabase();
     CInfoDatabase(const CInfoDatabase &) = delete;
     CInfoDatabase &operator=(const CInfoDatabase &) = delete;
@@ -53,6 +55,7 @@ public:
     const std::string &OpenMessage() const { return fOpenMessage; }
     void Close();
     bool IsOpen() const { return fConn.is_valid() && !fConn.is_none(); }
+    bool IsReadOnly() const { return fReadOnly; }
 
     // Transactions: each write is one.
     void Begin();
@@ -62,6 +65,8 @@ public:
     // Location rows: (id, disk_mtime, checksum, checksum_is_text_int, words)
     // for a URL, or None.
     nb::object LoadLocation(const std::string &url);
+    // The URL of every location row, in order (a list of str).
+    nb::object LoadLocationUrls();
     std::int64_t EnsureLocation(const std::string &url);
     void WriteLocationMeta(std::int64_t id, double disk_mtime, nb::handle checksum, nb::handle words);
     // (scan_name, disk_mtime) rows of a location.
@@ -92,6 +97,8 @@ public:
 private:
     nb::object Execute(const char *sql, nb::handle params = nb::handle());
     void ExecuteMany(const char *sql, nb::handle rows);
+    nb::object Connect();
+    void CheckReadableSchema(std::int64_t app, std::int64_t version);
     void CreateSchema();
     void DropSchema();
     // Runs `body`, turning sqlite3 errors into InfoDatabaseError.
@@ -104,6 +111,7 @@ private:
     std::string fOpenMessage;
     nb::object fSqlite3;  // the module
     nb::object fConn;
+    bool fReadOnly = false;
     bool fInTransaction = false;
 };
 
