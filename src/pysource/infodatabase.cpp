@@ -82,13 +82,12 @@ nb::object CInfoDatabase::Connect() {
 void CInfoDatabase::CheckReadableSchema(std::int64_t app, std::int64_t version) {
     if (app != kApplicationId) {
         Close();
-        Fail("opening", "the file holds no pysource index; it was left as it is");
+        Fail("opening", "the file holds no pysource index");
     }
     if (version != kSchemaVersion) {
         Close();
         Fail("opening", "the file has schema version " + std::to_string(version) +
-                            ", this build uses version " + std::to_string(kSchemaVersion) +
-                            "; it was left as it is");
+                            ", this build uses version " + std::to_string(kSchemaVersion));
     }
 }
 
