@@ -16,6 +16,7 @@ runs next and keeps the counts.
 import collections
 import dataclasses
 import os
+import stat
 
 from basekit import location
 from pysource import _fastaccess, filellinecache, manager, scopescanner, symbolinfo
@@ -64,8 +65,17 @@ def _DiskMTime(path):
 
 
 def _ContentChecksum(path):
+    """The line-end blind checksum of the regular file at `path`, or None.
+    The file is opened without blocking and checked before it is read: a FIFO
+    or a device at a source path must not stop the whole run."""
     try:
-        with open(path, "rb") as f:
+        fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    except OSError:
+        return None
+    try:
+        with os.fdopen(fd, "rb") as f:
+            if not stat.S_ISREG(os.fstat(f.fileno()).st_mode):
+                return None
             return filellinecache.EOLBlindChecksum(f.read())
     except OSError:
         return None
