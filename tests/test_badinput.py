@@ -306,7 +306,7 @@ class TestUnreadable:
             assert "cannot read dangling.py" in err and "cannot read piped.py" in err
             assert "2 failed" in out
         # The second run scans nothing that was already good.
-        assert out.startswith("Nothing to scan") or "2 files unchanged" in out
+        assert out.startswith("Indexed 0 files: ") and "2 files unchanged" in out
         # A directory named like a source file is walked as a directory.
         assert cli.main(["show", "folder.py/inner.py:Store.put"]) == 0
         assert "Store.put" in capsys.readouterr().out
@@ -418,8 +418,16 @@ class TestDeepNesting:
         "x = " + "f(" * 3000 + ")" * 3000 + "\n",
         "x = " + "1 if 2 else " * 20000 + "3\n",
         "".join(" " * i + "if x:\n" for i in range(3000)) + " " * 3000 + "pass\n",
+        # Long left-leaning chains: trees as deep as the chain is long.
+        "x = " + "1 + " * 100000 + "1\n",
+        "x = f" + "()" * 100000 + "\n",
+        "a" + "[0]" * 100000 + " = 1\n",
+        "a" + ".b" * 100000 + " += 1\n",
+        "@d" + ".e" * 50000 + "\ndef f():\n    pass\n",
+        "def f(a: T" + "[0]" * 50000 + "):\n    pass\n",
     ], ids=["parens", "unclosed", "unopened", "unary", "not", "attributes", "lambdas",
-            "calls", "conditionals", "indents"])
+            "calls", "conditionals", "indents", "sum", "call-chain", "subscript-target",
+            "attribute-target", "decorator", "hint"])
     def test_deep_expressions_and_blocks(self, mgr, tmp_path, text):
         loc = write(tmp_path / "deep.py", text)
         coord = scan_alone(mgr, loc)
