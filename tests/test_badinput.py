@@ -239,8 +239,6 @@ class TestFileChangesBetweenSlices:
                 if name in expected} == expected
         again.destroy()
 
-    @pytest.mark.xfail(strict=True, reason="the info cache has no way yet to drop the records "
-                                           "of scopes that a file no longer has")
     def test_scopes_gone_from_the_file_leave_the_index(self, mgr, tmp_path, hooked):
         coord, other, loc = self.scan_with_change(mgr, tmp_path, hooked, notify=False)
         coord.destroy()
@@ -501,3 +499,39 @@ def test_a_hang_is_guarded_in_a_child_process(tmp_path):
     assert done.returncode == cli.kExitFailed
     assert "cannot read pipe.py" in done.stderr
     assert done.stdout.startswith("Indexed 1 files: ") and "1 failed" in done.stdout
+
+
+class TestRemovedScopes:
+    def test_a_second_index_run_drops_scopes_the_file_no_longer_has(self, tmp_path,
+                                                                    monkeypatch, capsys):
+        monkeypatch.chdir(tmp_path)
+        path = tmp_path / "mod.py"
+        write(path, SECOND)
+        write(tmp_path / "other.py", FIRST)
+        assert cli.main(["index"]) == 0
+        write(path, CHANGED)
+        assert cli.main(["index"]) == 0
+        out = capsys.readouterr().out
+        assert "1 files unchanged" in out
+        # A new process reads the records from the database.
+        assert cli.main(["show", "mod.py:Store.put"]) == cli.kExitFailed
+        assert "no record of scope 'Store.put'" in capsys.readouterr().err
+        assert cli.main(["show", "mod.py:Other.get"]) == 0
+        assert cli.main(["show", "other.py:Config.__init__"]) == 0
+
+    def test_forgetting_keeps_the_named_scopes_and_other_files(self, mgr, tmp_path):
+        loc = write(tmp_path / "mod.py", SECOND)
+        other = write(tmp_path / "other.py", SECOND)
+        for each in (loc, other):
+            scan_alone(mgr, each)
+        info_cache = mgr.fInfoCache
+        before = records_of_loc(mgr, loc)
+        assert info_cache.ForgetScopesOfLoc(loc, mgr.fPrimaryScanName, set(before)) == 0
+        assert info_cache.ForgetScopesOfLoc(loc, "another scan", set()) == 0
+        assert records_of_loc(mgr, loc) == before
+        dropped = info_cache.ForgetScopesOfLoc(loc, mgr.fPrimaryScanName, {"", "helper"})
+        assert dropped == len(before) - 2
+        assert set(info_cache.GetScopesForLoc(loc)) == {"", "helper"}
+        assert records_of_loc(mgr, other) == before
+        with pytest.raises(TypeError):
+            info_cache.ForgetScopesOfLoc(loc, mgr.fPrimaryScanName, [1])

@@ -263,10 +263,22 @@ class CScanCoordinator:
 
     def _Finish(self, job):
         self._fReady.popleft()
+        self._ForgetRemovedScopes(job)
         self.fCounts.files += 1
         self.fCounts.scopes += self._CountScopes(job)
         self.fCounts.parse_errors += self._CountParseErrors(job)
         self._Done(job)
+
+    def _ForgetRemovedScopes(self, job):
+        """Drops the records of scopes that an earlier scan of the file found
+        and this one didn't: the file no longer has them."""
+        names = getattr(job.scanner, "_fAllScopeNames", None)
+        if names is None:
+            return
+        info_cache = self.fAnalysisMgr.fInfoCache
+        keep = {symbolinfo.NormalizeScopeName(name) for name in names}
+        if info_cache.ForgetScopesOfLoc(job.loc, self.fScanName, keep):
+            info_cache.WriteToDatabase([job.loc])
 
     def _Abandoned(self, job):
         self._fReady.popleft()

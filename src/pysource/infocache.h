@@ -69,6 +69,10 @@ public:
     nb::object GetWords(nb::handle loc);               // frozenset of str, or None
     nb::list GetScopeInfoRecords(nb::handle scope);    // the records behind a merged info
     nb::list GetScopesForLoc(nb::handle loc);          // scope names with records
+    // Drops the records that the file's own `scan_name` scan made for scopes
+    // not named in `keep_names` (normalized names): scopes the file no longer
+    // has.  Records other scans made stay.  Gives the number dropped.
+    Py_ssize_t ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names);
 
     // The database.
     void OpenDatabase(const std::string &path);

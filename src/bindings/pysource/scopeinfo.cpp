@@ -174,6 +174,8 @@ NB_MODULE(scopeinfo, m) {
         .def("GetWords", &CInfoCache::GetWords, nb::arg("loc"))
         .def("GetScopeInfoRecords", &CInfoCache::GetScopeInfoRecords, nb::arg("scope"))
         .def("GetScopesForLoc", &CInfoCache::GetScopesForLoc, nb::arg("loc"))
+        .def("ForgetScopesOfLoc", &CInfoCache::ForgetScopesOfLoc, nb::arg("loc"),
+             nb::arg("scan_name"), nb::arg("keep_names"))
         .def("OpenDatabase", &CInfoCache::OpenDatabase, nb::arg("path"))
         .def("CloseDatabase", &CInfoCache::CloseDatabase)
         .def_prop_ro("fDatabasePath", &CInfoCache::DatabasePath)
