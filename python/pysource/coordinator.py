@@ -16,6 +16,7 @@ runs next and keeps the counts.
 import collections
 import dataclasses
 import os
+import stat
 
 from basekit import location
 from pysource import _fastaccess, filellinecache, manager, scopescanner, symbolinfo
@@ -64,8 +65,17 @@ def _DiskMTime(path):
 
 
 def _ContentChecksum(path):
+    """The line-end blind checksum of the regular file at `path`, or None.
+    The file is opened without blocking and checked before it is read: a FIFO
+    or a device at a source path must not stop the whole run."""
     try:
-        with open(path, "rb") as f:
+        fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    except OSError:
+        return None
+    try:
+        with os.fdopen(fd, "rb") as f:
+            if not stat.S_ISREG(os.fstat(f.fileno()).st_mode):
+                return None
             return filellinecache.EOLBlindChecksum(f.read())
     except OSError:
         return None
@@ -253,10 +263,22 @@ class CScanCoordinator:
 
     def _Finish(self, job):
         self._fReady.popleft()
+        self._ForgetRemovedScopes(job)
         self.fCounts.files += 1
         self.fCounts.scopes += self._CountScopes(job)
         self.fCounts.parse_errors += self._CountParseErrors(job)
         self._Done(job)
+
+    def _ForgetRemovedScopes(self, job):
+        """Drops the records of scopes that an earlier scan of the file found
+        and this one didn't: the file no longer has them."""
+        names = getattr(job.scanner, "_fAllScopeNames", None)
+        if names is None:
+            return
+        info_cache = self.fAnalysisMgr.fInfoCache
+        keep = {symbolinfo.NormalizeScopeName(name) for name in names}
+        if info_cache.ForgetScopesOfLoc(job.loc, self.fScanName, keep):
+            info_cache.WriteToDatabase([job.loc])
 
     def _Abandoned(self, job):
         self._fReady.popleft()

@@ -4,9 +4,11 @@
 
 #include <nanobind/stl/string.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <cerrno>
 
 namespace pysource {
 
@@ -16,17 +18,33 @@ namespace {
 // destructor runs after the interpreter is gone.
 PyObject *gWordStore = nullptr;
 
-bool ReadWholeFile(const std::string &path, std::string *out) {
-    std::FILE *f = std::fopen(path.c_str(), "rb");
-    if (!f)
+// Reads the regular file at `path` into `out` and gives its disk time.  The
+// file is opened without blocking and checked through the open descriptor, so
+// that a FIFO or device (or a file swapped for one after a stat) can't block
+// the read.
+bool ReadRegularFile(const std::string &path, std::string *out, double *mtime) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
         return false;
-    out->clear();
-    char buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0)
-        out->append(buf, n);
-    bool ok = !std::ferror(f);
-    std::fclose(f);
+    struct stat st;
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    if (ok) {
+        *mtime = (double) st.st_mtim.tv_sec + (double) st.st_mtim.tv_nsec / 1e9;
+        out->clear();
+        char buf[65536];
+        for (;;) {
+            ssize_t n = ::read(fd, buf, sizeof buf);
+            if (n > 0) {
+                out->append(buf, (size_t) n);
+            } else if (n == 0) {
+                break;
+            } else if (errno != EINTR) {
+                ok = false;
+                break;
+            }
+        }
+    }
+    ::close(fd);
     return ok;
 }
 
@@ -83,14 +101,12 @@ void CFileLogicalLineCache::DropContent() {
 bool CFileLogicalLineCache::Update() {
     if (fPath.empty())
         return false;
-    struct stat st;
     std::string content;
-    if (::stat(fPath.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-        !ReadWholeFile(fPath, &content)) {
+    double mtime = 0.0;
+    if (!ReadRegularFile(fPath, &content, &mtime)) {
         DropContent();
         return false;
     }
-    double mtime = (double) st.st_mtim.tv_sec + (double) st.st_mtim.tv_nsec / 1e9;
     bool had_content = fHaveContent;
     nb::list added, removed;
     if (ReplaceContent(std::move(content), mtime, false, added, removed) && had_content)

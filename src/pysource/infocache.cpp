@@ -550,6 +550,43 @@ nb::list CInfoCache::GetLocations() {
     return out;
 }
 
+Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names) {
+    std::string scan = ScanNameArg(scan_name, "ForgetScopesOfLoc");
+    std::set<std::string, std::less<>> keep;
+    for (nb::handle name : keep_names) {
+        if (!PyUnicode_Check(name.ptr()))
+            throw nb::type_error("ForgetScopesOfLoc: scope names must be str");
+        keep.insert(nb::cast<std::string>(name));
+    }
+    LocEntry &entry = EntryFor(loc);
+    EnsureRecords(entry);
+    std::vector<std::string> gone;
+    for (auto &[name, scope_entry] : entry.scopes)
+        if (!keep.count(name))
+            gone.push_back(name);
+    Py_ssize_t dropped = 0;
+    for (const std::string &name : gone) {
+        // Each removal may erase the scope's entry: look it up afresh.
+        for (;;) {
+            auto scope_it = entry.scopes.find(name);
+            if (scope_it == entry.scopes.end())
+                break;
+            auto &records = scope_it->second.records;
+            std::size_t i = 0;
+            while (i < records.size() &&
+                   !(records[i].scan_name == scan && records[i].scanned_url == entry.url))
+                ++i;
+            if (i == records.size())
+                break;
+            nb::object scope = records[i].info->key->for_scope;
+            RemoveSlot(entry, name, i);
+            NoteChanged(scope);
+            ++dropped;
+        }
+    }
+    return dropped;
+}
+
 // ---------------------------------------------------------------------------
 // Per-location facts
 

@@ -72,6 +72,10 @@ public:
     // Every location with records or facts, in memory or in the database,
     // ordered by URL; nothing of theirs is read.
     nb::list GetLocations();
+    // Drops the records that the file's own `scan_name` scan made for scopes
+    // not named in `keep_names` (normalized names): scopes the file no longer
+    // has.  Records other scans made stay.  Gives the number dropped.
+    Py_ssize_t ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names);
 
     // The database.
     // `read_only`: never make, change or rebuild the file; writes raise.

@@ -176,6 +176,8 @@ NB_MODULE(scopeinfo, m) {
         .def("GetScopesForLoc", &CInfoCache::GetScopesForLoc, nb::arg("loc"))
         .def("GetLocations", &CInfoCache::GetLocations)
         .def("OpenDatabase", &CInfoCache::OpenDatabase, nb::arg("path"), nb::arg("read_only") = false)
+        .def("ForgetScopesOfLoc", &CInfoCache::ForgetScopesOfLoc, nb::arg("loc"),
+             nb::arg("scan_name"), nb::arg("keep_names"))
         .def("CloseDatabase", &CInfoCache::CloseDatabase)
         .def_prop_ro("fDatabasePath", &CInfoCache::DatabasePath)
         .def_prop_ro("fDatabaseMessage", &CInfoCache::DatabaseMessage)
