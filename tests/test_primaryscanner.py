@@ -145,15 +145,6 @@ class TestWholeFile:
         assert "WriteToDatabase" not in mgr.fInfoCache.names()
         scanner.destroy()
 
-    def test_abandon_has_no_guard_after_the_end(self, mgr, tmp_path):
-        loc = local_file(tmp_path, "x = 1\n")
-        incomplete = set()
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName, incomplete)
-        scanner.AbandonScan()
-        assert scanner.fScanState is ss.kScanAbandoned
-        assert scanner.fScope.name in incomplete
-        scanner.destroy()
-
     def test_destroy_releases_the_per_file_info(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
         scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
@@ -337,19 +328,6 @@ class TestMethodsAndInstances:
         assert si.UnpackLocationAndScope(class_entry[len(si.kSetPrefix) + 1:], False)[1] == "m"
         assert inst.disk_mtime == 5.0 and not inst.incomplete
 
-    def test_method_infos_are_sorted_in_place(self, mgr, tmp_path):
-        loc = local_file(tmp_path, "x = 1\n")
-
-        def info(name):
-            scope = si.NormalizedScope(loc, name)
-            return scopeinfo.CScopeInfo(scopeinfo.CScopeInfoKey(scope, "primary", scope), b"", 1.5, False)
-
-        cls_info = info("C")
-        methods = [info("C.b"), info("C.a"), info("C.c")]
-        ss.CreateClassInstInfo(cls_info, methods, "primary")
-        assert [m.key.for_scope.name for m in methods] == ["C.a", "C.b", "C.c"]
-
-
 class TestRemoteContent:
     def test_waits_for_data_and_resumes_on_modified(self, editor_mgr):
         loc = fresh_remote("scanner")
@@ -366,18 +344,6 @@ class TestRemoteContent:
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         assert scanner._fAllScopeNames == {"", "f|0"}
         scanner.destroy()
-
-    def test_redelivery_of_the_same_content_leaves_the_scan(self, editor_mgr):
-        loc = fresh_remote("scanner")
-        loc.SetContent("x = 1\n\ndef f():\n    pass\n", 7.0)
-        scanner = ss.CWholeFilePrimaryScanner(loc, editor_mgr.fPrimaryScanName)
-        with counter_clock() as clock:
-            assert scanner.Scan(clock.slice_end(3)) is ss.kTimedOut
-            loc.SetContent("x = 1\n\ndef f():\n    pass\n", 7.0)
-            assert scanner.fScanState is ss.kReadyToScan
-            assert scan_to_end(scanner, 3, clock)[0] is ss.kFinishedScanning
-        scanner.destroy()
-
 
 class TestChangeUnderTheScan:
     def test_change_in_the_middle_abandons(self, editor_mgr, tmp_path):
