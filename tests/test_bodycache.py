@@ -200,8 +200,3 @@ class TestInvalidation:
         self.record_primary(mgr, CScope(loc, "C.f"))
         assert cache.GetBody(scope, True, False) is None
 
-
-class TestBadInput:
-    def test_not_a_scope(self, cache, loc):
-        with pytest.raises(AttributeError):
-            cache.GetBody(object())
