@@ -254,29 +254,21 @@ class TestSlices:
             assert mgr.fInfoCache.depth == 0
             scanner.destroy()
 
-    def test_time_out_at_entry_reads_once(self, mgr, tmp_path):
+    def test_time_out_at_entry_still_moves_on(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
         scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
-        assert scanner.Scan(0.0) is ss.kTimedOut
-        assert scanner._CWholeFilePrimaryScanner__fLogicalCache is not None
-        assert not scanner._CWholeFilePrimaryScanner__fUpdateFromCacheCalled
-        assert scanner.fScanState is ss.kReadyToScan
-        assert scanner.Scan(0.0) is ss.kTimedOut
-        assert scanner._CWholeFilePrimaryScanner__fUpdateFromCacheCalled
-        assert scanner.GetMatchedDiskMTime() > 1.0
-        assert scanner._fBodyFinder is None
+        assert scanner.Scan(0.0) is ss.kTimedOut and scanner.Scan(0.0) is ss.kTimedOut
+        assert scanner.fScanState is ss.kReadyToScan and scanner.GetMatchedDiskMTime() > 1.0
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         scanner.destroy()
 
     def test_neighbour_error_still_flushes(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
-        scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
 
         class Broken:
             def AnalyzeSingleLogical(self, logical, py3, first_in_def=False):
                 raise RuntimeError("analyzer broke")
 
-        scanner.fPerFileInfo  # the analyzer is taken from the manager at construction
         mgr.fLogicalAnalyzer = Broken()
         broken_scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
         with pytest.raises(RuntimeError, match="analyzer broke"):
@@ -284,7 +276,6 @@ class TestSlices:
         assert mgr.fInfoCache.depth == 0
         assert broken_scanner.fScanState is ss.kReadyToScan
         broken_scanner.destroy()
-        scanner.destroy()
 
 
 class TestMethodsAndInstances:
