@@ -181,23 +181,21 @@ class TestCalls:
         assert ("a.b", "[0].c", "x, y=2") in got
         assert ("a.b", "[0].c(x, y=2)", "z") in got
 
-    def test_call_of_a_call_and_super(self, analyzer):
-        assert set(called(analyzer, "f()(y)\n")) == {("f", "", ""), ("f", "()", "y")}
-        assert ("super", "().__init__", "z") in called(analyzer, "super().__init__(z)\n")
+    @pytest.mark.parametrize("src, calls", [
+        ("f()(y)\n", [("f", "", ""), ("f", "()", "y")]),
+        ("super().__init__(z)\n", [("super", "", ""), ("super", "().__init__", "z")]),
+        ("n = (num).bit_length()\n", [("num.bit_length", "", "")]),  # a parenthesized base leads
+        ("(f)(x)\n", [("f", "", "x")]),
+        ("', '.join(parts)\n", []),  # no leading name, no call
+        ("(a or b)(c)\n", []),
+    ])
+    def test_callee_forms(self, analyzer, src, calls):
+        assert sorted(called(analyzer, src)) == sorted(calls)
 
     def test_calls_in_arguments_are_found(self, analyzer):
         got = called(analyzer, "outer(inner(deep(1)), k=mid())\n")
         assert {c[0] for c in got} == {"outer", "inner", "deep", "mid"}
         assert ("outer", "", "inner(deep(1)), k=mid()") in got
-
-    def test_parenthesized_base_still_leads(self, analyzer):
-        assert called(analyzer, "n = (num).bit_length()\n") == [("num.bit_length", "", "")]
-        assert called(analyzer, "(f)(x)\n") == [("f", "", "x")]
-
-    def test_callee_without_a_leading_name_gives_no_call(self, analyzer):
-        assert called(analyzer, "', '.join(parts)\n") == []
-        assert called(analyzer, "(a or b)(c)\n") == []
-
 
 class TestDefAndClass:
     def args_of(self, analyzer, src):
@@ -240,49 +238,34 @@ class TestDefAndClass:
 
 
 class TestHints:
-    def make(self, toks):
-        return CreateLogical(toks=toks)
-
-    def test_type_comment_on_an_assignment(self, analyzer):
-        logical = self.make(["x", "=", "[", "]", "# type: List[int]"])
+    @pytest.mark.parametrize("toks, hints", [
+        (["x", "=", "[", "]", "# type: List[int]"], [(b"x", b":tList[int]")]),
+        (["a", ",", "b", "=", "f", "(", ")", "#type: int, str"], [(b"a", b":tint"), (b"b", b":tstr")]),
+        (["for", "x", "in", "y", ":", "# type: Node"], [(b"x", b":tNode")]),
+        (["x", "=", "1", "# type: ignore[assignment]"], []),
+        (["# type: (int) -> bool"], []),  # a signature comment not first in a def
+    ])
+    def test_type_comments(self, analyzer, toks, hints):
+        logical = CreateLogical(toks=toks)
         analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"x", b":tList[int]") in logical.fTypeEquivs
-
-    def test_type_comment_on_tuple_targets_and_for_lines(self, analyzer):
-        logical = self.make(["a", ",", "b", "=", "f", "(", ")", "#type: int, str"])
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"a", b":tint") in logical.fTypeEquivs and (b"b", b":tstr") in logical.fTypeEquivs
-        logical = self.make(["for", "x", "in", "y", ":", "# type: Node"])
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"x", b":tNode") in logical.fTypeEquivs
-
-    def test_type_ignore_is_no_hint(self, analyzer):
-        logical = self.make(["x", "=", "1", "# type: ignore[assignment]"])
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert not any(i.startswith(b":t") for n, i in logical.fTypeEquivs)
+        assert [(n, i) for n, i in logical.fTypeEquivs if i.startswith(b":t")] == hints
 
     def test_signature_comment_first_in_def(self, analyzer):
         from pysource.symbolinfo import BuildArgInfo
-        logical = self.make(["# type: (int, *str, **Dict[str, int]) -> bool"])
+        logical = CreateLogical(toks=["# type: (int, *str, **Dict[str, int]) -> bool"])
         analyzer.AnalyzeSingleLogical(logical, True, True)
         assert list(logical.fTypeEquivs) == [
             (BuildArgInfo(0, None), b":tint"), (BuildArgInfo(1, None), b":tstr"),
             (BuildArgInfo(2, None), b":tDict[str, int]"), (b"return", b":tbool")]
 
     def test_signature_comment_on_the_def_line(self, analyzer):
-        logical = self.make(["def", "m", "(", "self", ",", "a", ",", "b", ":", "int", ")", ":",
-                             "# type: (str, float) -> bool"])
+        toks = "def m ( self , a , b : int ) :".split() + ["# type: (str, float) -> bool"]
+        logical = CreateLogical(toks=toks)
         analyzer.AnalyzeSingleLogical(logical, True)
         ate = logical.fArgTypeEquivs
         assert (b"a", b":tstr") in ate and (b"return", b":tbool") in ate
         assert (b"b", b":tfloat") not in ate and (b"b", b":tint") in ate  # written hint wins
         assert [n for n, i in ate if i == SET] == [b"self", b"a", b"b"]
-
-    def test_signature_comment_elsewhere_says_nothing(self, analyzer):
-        logical = self.make(["# type: (int) -> bool"])
-        analyzer.AnalyzeSingleLogical(logical, True, False)
-        assert list(logical.fTypeEquivs) == []
-
 
 class TestImports:
     def test_import_forms(self, analyzer):
