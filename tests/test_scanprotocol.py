@@ -165,14 +165,3 @@ class TestStatistics:
         ss._DbgCountScanEvent("called-name", seen, "g")
         assert stats == {("scan-dup", "called-name"): 3, ("scan-dup", "called-name-dup"): 1}
         assert seen == {"f", "g"}
-
-    def test_hits_count_without_a_seen_set(self):
-        stats = {("scan-dup", "called-name-memo-hit"): 5}
-        ss._DbgSetScanStats(stats)
-        ss._DbgCountScanHit("called-name-memo-hit")
-        assert stats == {("scan-dup", "called-name-memo-hit"): 6}
-
-    def test_stats_must_be_a_dict_or_none(self):
-        with pytest.raises(TypeError):
-            ss._DbgSetScanStats([])
-        assert ss._gDbgScanStats is None
