@@ -5,11 +5,13 @@ import os
 
 import pytest
 
-from basekit.location import CLocalFileLocation, CRemoteLocation
+from basekit.location import CLocalFileLocation
 from pysource import _fastaccess, coordinator, filellinecache, manager
 from pysource import scopescanner as ss
 from pysource import symbolinfo
 from pysource.coordinator import CScanCoordinator
+
+from managerutil import fresh_remote
 
 SLICE = 0.020
 UNIT = 0.006   # clock time one unit of scripted work takes
@@ -119,7 +121,7 @@ def record_done(info_cache, loc, scan_name):
 
 
 def remotes(n):
-    return [CRemoteLocation(f"mem://coord/{os.getpid()}/{id(object())}/{i}.py") for i in range(n)]
+    return [fresh_remote("coord") for _ in range(n)]
 
 
 def make_coordinator(mgr, script, **kw):
@@ -436,7 +438,7 @@ class TestWithTheWholeFileScanner:
     """The coordinator driving the real primary scanner."""
 
     def test_remote_content_parks_the_scan_until_it_arrives(self):
-        from managerutil import fresh_remote, installed_manager
+        from managerutil import installed_manager
 
         with installed_manager() as mgr:
             class Requests:

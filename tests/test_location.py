@@ -1,6 +1,5 @@
 import gc
 import os
-import pathlib
 import weakref
 
 import pytest

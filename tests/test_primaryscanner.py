@@ -10,7 +10,7 @@ from basekit.location import CLocalFileLocation
 from pysource import filellinecache, scopeinfo, scopescanner as ss, symbolinfo as si
 
 from managerutil import fresh_remote, installed_manager
-from scanutil import (counter_clock, install_recording_cache, records_of_scan,
+from scanutil import (counter_clock, install_recording_cache, local_file, records_of_scan,
                       scan_to_end, kForever)
 
 SOURCE = '''\
@@ -70,12 +70,6 @@ def editor_mgr():
     with installed_manager(editor=True) as mgr:
         install_recording_cache(mgr)
         yield mgr
-
-
-def local_file(tmp_path, text, name="mod.py"):
-    path = tmp_path / name
-    path.write_text(text)
-    return CLocalFileLocation(str(path))
 
 
 def full_scan(loc, scan_name, incomplete=None):

@@ -5,10 +5,10 @@ finishing the record."""
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import manager, scopeinfo, scopescanner as ss, symbolinfo as si
+from pysource import scopeinfo, scopescanner as ss, symbolinfo as si
 
 from managerutil import fresh_remote, installed_manager
-from scanutil import counter_clock, record_of, scan_to_end, kForever
+from scanutil import counter_clock, local_file, record_of, scan_to_end, kForever
 
 
 @pytest.fixture
@@ -18,9 +18,7 @@ def mgr():
 
 
 def open_file(mgr, tmp_path, text, name="mod.py"):
-    path = tmp_path / name
-    path.write_text(text)
-    loc = CLocalFileLocation(str(path))
+    loc = local_file(tmp_path, text, name)
     ana = mgr.fCacheMgr.OpenAnalysis(loc)
     return loc, ana
 

@@ -7,7 +7,7 @@ from basekit.location import CLocalFileLocation
 from pysource import scopescanner as ss, symbolinfo as si
 
 from managerutil import installed_manager
-from scanutil import scan_to_end
+from scanutil import local_file, scan_to_end
 
 STUB = '''\
 import sys
@@ -43,9 +43,7 @@ def mgr():
 
 
 def module_names(mgr, tmp_path, text, name):
-    path = tmp_path / name
-    path.write_text(text)
-    loc = CLocalFileLocation(str(path))
+    loc = local_file(tmp_path, text, name)
     scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
     assert scan_to_end(scanner)[0] is ss.kFinishedScanning
     info = mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, ""))
