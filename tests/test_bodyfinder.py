@@ -82,32 +82,25 @@ class TestScopeDefPredicates:
 
 
 class TestFindDecoratorLogicals:
-    def test_comments_between_decorators_keep_the_run(self):
-        lines = [make_logical("@a"), make_logical("# note"), make_logical("@b"),
-                 make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(3, lines) == [lines[0], lines[2]]
-
-    def test_a_statement_ends_the_run(self):
-        lines = [make_logical("@z"), make_logical("x = 1"), make_logical("@a"),
-                 make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(3, lines) == [lines[2]]
-
-    def test_empty_logicals_are_passed_over(self):
+    @pytest.mark.parametrize("texts, index, expected", [
+        (["@a", "# note", "@b", "def f():"], 3, [0, 2]),  # comments keep the run
+        (["@z", "x = 1", "@a", "def f():"], 3, [2]),      # a statement ends it
+        (["@a", None, "def f():"], 2, [0]),               # empty logicals are passed over
+        (["def f():"], 0, []),
+        (["def f():"], -1, []),
+    ])
+    def test_runs(self, texts, index, expected):
         empty = CreateLogical(indent=0, start_line=2, line_count=1, toks=[], ttypes=[],
                               positions=[], spaces_in_indent=False, tabs_in_indent=False,
                               incomplete=False, line_text="")
-        lines = [make_logical("@a"), empty, make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(2, lines) == [lines[0]]
+        lines = [empty if text is None else make_logical(text) for text in texts]
+        assert ss.FindDecoratorLogicals(index, lines) == [lines[i] for i in expected]
 
-    def test_nothing_before_the_first_logical(self):
-        lines = [make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(0, lines) == []
-        assert ss.FindDecoratorLogicals(-1, lines) == []
+    def test_no_list(self):
         assert ss.FindDecoratorLogicals(0, None) == []
-
-    def test_no_list_is_a_type_error(self):
         with pytest.raises(TypeError):
             ss.FindDecoratorLogicals(1, None)
+
 
 class Counted:
     """Any object with a destroy() can be a stack item's scanner."""
