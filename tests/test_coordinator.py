@@ -47,8 +47,9 @@ class Script:
     """What the scanners of each file do: `units` of work per scan, whether
     the first scan waits for data, and how many scanners abandon first."""
 
-    def __init__(self, clock, info_cache=None):
+    def __init__(self, clock, info_cache=None, scanner_type=None):
         self.clock = clock
+        self.scanner_type = scanner_type or (lambda loc: ScriptedScanner)
         self.info_cache = info_cache
         self.units = {}
         self.waits = set()
@@ -57,7 +58,7 @@ class Script:
         self.log = []         # (loc, end_time) of every Scan call
 
     def scanner_class(self, loc, scan_name):
-        scanner = ScriptedScanner(self, loc, scan_name)
+        scanner = self.scanner_type(loc)(self, loc, scan_name)
         self.made.append(scanner)
         return scanner
 
@@ -188,8 +189,8 @@ class TestSlices:
             def Scan(self, end_time):
                 return ss.CNamedConstant("finished")
 
-        script = Script(clock)
-        coord = CScanCoordinator(mgr, scanner_class=lambda loc, name: Broken(script, loc, name))
+        script = Script(clock, scanner_type=lambda loc: Broken)
+        coord = CScanCoordinator(mgr, scanner_class=script.scanner_class)
         coord.AddLocations(remotes(1))
         with pytest.raises(TypeError, match="not a scan state"):
             coord.RunSlice()
@@ -251,15 +252,9 @@ class NeedsOthers(ScriptedScanner):
 
 class TestWaitingForScans:
     def make(self, clock, mgr, needs):
-        script = Script(clock)
+        script = Script(clock, scanner_type=lambda loc: NeedsOthers)
         script.needs = needs
-
-        def factory(loc, scan_name):
-            scanner = NeedsOthers(script, loc, scan_name)
-            script.made.append(scanner)
-            return scanner
-
-        coord = CScanCoordinator(mgr, scanner_class=factory, slice_seconds=SLICE, max_attempts=2)
+        coord = make_coordinator(mgr, script, max_attempts=2)
         return script, coord
 
     def test_needed_files_run_first_new_or_queued(self, clock, mgr):
@@ -309,16 +304,9 @@ class TestAbandon:
             def Scan(self, end_time):
                 raise RuntimeError("neighbour broke")
 
-        script = Script(clock)
         bad, good = remotes(2)
-
-        def factory(loc, scan_name):
-            cls = Raising if loc is bad else ScriptedScanner
-            scanner = cls(script, loc, scan_name)
-            script.made.append(scanner)
-            return scanner
-
-        coord = CScanCoordinator(mgr, scanner_class=factory, slice_seconds=SLICE)
+        script = Script(clock, scanner_type=lambda loc: Raising if loc is bad else ScriptedScanner)
+        coord = make_coordinator(mgr, script)
         coord.AddLocations([bad, good])
         assert coord.RunUntilIdle() is False
         assert coord.fErrors == [(bad, "RuntimeError: neighbour broke")]
