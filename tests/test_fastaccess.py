@@ -56,6 +56,7 @@ class TestClock:
 # ---------------------------------------------------------------------------
 # The log front
 
+
 class Unprintable:
     """Formatting this with %s or %r raises: proves no formatting happened."""
 
@@ -171,6 +172,7 @@ class TestLogger:
 # ---------------------------------------------------------------------------
 # Small helpers
 
+
 class TestHelpers:
     def test_set_update(self):
         target = {1}
@@ -230,6 +232,7 @@ class TestHelpers:
         assert fa.DoubleValueForPyIntBits(-(1 << 63)) == -0.0
         with pytest.raises(TypeError):
             fa.DoubleValueForPyIntBits(1.0)
+
 
 # ---------------------------------------------------------------------------
 # The non-nested search
@@ -300,6 +303,7 @@ class TestNonNestedSearch:
         assert search.FindNext() == -1
         search.InitWith(b",", b",", 0, 1)
         assert search.nesting == 0 and search.FindNext() == 0
+
 
 class TestStringsInSearch:
     @pytest.mark.parametrize("text,expected", [
