@@ -417,7 +417,6 @@ class TestOneScope:
         finder.ProcessUntilEnd()
         assert finder.fCompletedScopeList[-1].scope_name == ""
 
-
 class TestRecycling:
     def test_popped_body_is_a_copy_and_the_item_is_recycled(self):
         _, finder = run_finder(NESTED)

@@ -56,7 +56,6 @@ class TestClock:
 # ---------------------------------------------------------------------------
 # The log front
 
-
 class Unprintable:
     """Formatting this with %s or %r raises: proves no formatting happened."""
 
@@ -172,7 +171,6 @@ class TestLogger:
 # ---------------------------------------------------------------------------
 # Small helpers
 
-
 class TestHelpers:
     def test_set_update(self):
         target = {1}
@@ -232,7 +230,6 @@ class TestHelpers:
         assert fa.DoubleValueForPyIntBits(-(1 << 63)) == -0.0
         with pytest.raises(TypeError):
             fa.DoubleValueForPyIntBits(1.0)
-
 
 # ---------------------------------------------------------------------------
 # The non-nested search
@@ -303,7 +300,6 @@ class TestNonNestedSearch:
         assert search.FindNext() == -1
         search.InitWith(b",", b",", 0, 1)
         assert search.nesting == 0 and search.FindNext() == 0
-
 
 class TestStringsInSearch:
     @pytest.mark.parametrize("text,expected", [

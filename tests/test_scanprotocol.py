@@ -8,7 +8,6 @@ from basekit.destroyable import CDestroyable
 from pysource import scopescanner as ss
 from pysource._fastaccess import CLogger
 
-
 class RawLogger(CLogger):
     """Keeps every message unformatted: (level, format, args)."""
 
@@ -33,7 +32,6 @@ class TestStates:
         assert repr(twin) == "finished"
         assert twin != ss.kFinishedScanning
         assert ss.kFinishedScanning == ss.kFinishedScanning
-
 
 class TestScannerBase:
     def test_constructor_fields_and_first_log_line(self):
@@ -97,7 +95,6 @@ class TestScannerBase:
             scanner._SetScanState("finished")
         assert scanner.fScanState is ss.kReadyToScan
 
-
 class TestScannerSubclasses:
     def test_base_scan_is_not_implemented(self):
         with pytest.raises(NotImplementedError):
@@ -123,7 +120,6 @@ class TestScannerSubclasses:
         assert scanner.fScanState is ss.kReadyToScan
         assert scanner.Scan(0.0) is ss.kFinishedScanning
         assert isinstance(scanner, CDestroyable)
-
 
 class TestSwitches:
     def test_setters_return_the_prior_value_and_the_module_follows(self):

@@ -26,7 +26,6 @@ class Loc:
 
 # ---------------------------------------------------------------- kinds
 
-
 class TestKindsAndPrefixes:
     def test_every_prefix_is_colon_and_its_kind_byte(self):
         seen = set()
@@ -75,9 +74,7 @@ class TestKindsAndPrefixes:
     def test_valid_on_disk_mtime(self, mtime, ok, expected):
         assert si.ValidOnDiskMtime(mtime, ok) is expected
 
-
 # ---------------------------------------------------------------- nesting
-
 
 class TestNonNested:
     def test_next_index_steps_and_jumps(self):
@@ -113,9 +110,7 @@ class TestNonNested:
         with pytest.raises(TypeError):
             si.NonNestedFindBytes("x.y", b".")
 
-
 # ---------------------------------------------------------------- builders
-
 
 class TestBuildersRoundTrip:
     def test_def_info(self):
@@ -266,7 +261,6 @@ def test_every_layout_round_trips_in_a_compound(name, type_params, args, ret, de
 
 # ---------------------------------------------------------------- marks
 
-
 class TestMarks:
     def test_module_scope_is_a_real_mark(self):
         marked = si.PrefixWithLocationAndScope(b"x", None, "")
@@ -311,7 +305,6 @@ class TestMarks:
         assert si.UnpackLocationAndScope(marked) == ("file:///p/a;b.py", "C", b"x")
         assert si.LocationForUrl("file:///p") is None
 
-
 # ---------------------------------------------------------------- scopes defined
 
 def test_scope_defined_by_info():
@@ -326,7 +319,6 @@ def test_scope_defined_by_info():
 
 
 # ---------------------------------------------------------------- scope names
-
 
 class TestScopeNames:
     def test_leaf_keeps_the_scope_index(self):
@@ -369,9 +361,7 @@ class TestScopeNames:
         assert si.DefLineScope(si.DefLineScope("C.f")) == si.DefLineScope("C.f")
         assert si.DefLineScope("") == ""
 
-
 # ---------------------------------------------------------------- expressions
-
 
 class TestExpressions:
     @pytest.mark.parametrize("text, parts", [
@@ -429,7 +419,6 @@ class TestExpressions:
 
 
 # ---------------------------------------------------------------- resolved singles
-
 
 class TestResolvedSingles:
     loc = Loc("file:///m.py")
