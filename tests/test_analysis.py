@@ -107,6 +107,7 @@ class TestScopeDefs:
         assert ana._GetScopeDefForFullName("D").fFirstLine == 1
         assert ana._GetScopeDefForFullName("C") is None
 
+
 class TestEditorState:
     def test_active_edit_line(self, ana):
         changed = Recorder(ana, "active-edit-lineno-changed")

@@ -93,6 +93,7 @@ class TestFindingBodies:
         assert texts(cache.GetBody(scope)) == ["# one", "# two"]
         assert cache.GetBody(scope, include_comments=False) == []
 
+
 class TestCaching:
     def test_second_call_does_not_touch_the_analysis(self, cache, loc, monkeypatch):
         scope = CScope(loc, "C.f")

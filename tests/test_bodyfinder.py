@@ -13,6 +13,7 @@ from pysource.filellinecache import BuildLogicalLines
 from pysource.logicalline import CreateLogical
 from pysource.scopebodycache import GetFullNameForScopeDef
 
+
 def make_logical(text, indent=0):
     """One statement as a logical, at `indent`."""
     (logical,) = BuildLogicalLines(" " * indent + text)
@@ -416,6 +417,7 @@ class TestOneScope:
         assert finder._fScopeStack[0].scope_def is None
         finder.ProcessUntilEnd()
         assert finder.fCompletedScopeList[-1].scope_name == ""
+
 
 class TestRecycling:
     def test_popped_body_is_a_copy_and_the_item_is_recycled(self):

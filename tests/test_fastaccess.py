@@ -13,6 +13,7 @@ from pysource._fastaccess import CLogger
 # ---------------------------------------------------------------------------
 # The clock
 
+
 @pytest.fixture
 def clock():
     """Replace the module clock by a settable one; restore it afterwards."""
@@ -55,6 +56,7 @@ class TestClock:
 
 # ---------------------------------------------------------------------------
 # The log front
+
 
 class Unprintable:
     """Formatting this with %s or %r raises: proves no formatting happened."""
@@ -171,6 +173,7 @@ class TestLogger:
 # ---------------------------------------------------------------------------
 # Small helpers
 
+
 class TestHelpers:
     def test_set_update(self):
         target = {1}
@@ -233,6 +236,7 @@ class TestHelpers:
 
 # ---------------------------------------------------------------------------
 # The non-nested search
+
 
 def find_all(text, find, start=0, end=None):
     """Every match of one search, in order; the search is idle afterwards."""
@@ -301,6 +305,7 @@ class TestNonNestedSearch:
         search.InitWith(b",", b",", 0, 1)
         assert search.nesting == 0 and search.FindNext() == 0
 
+
 class TestStringsInSearch:
     @pytest.mark.parametrize("text,expected", [
         (b"'a\\',b', c", [7]),                  # an escaped quote stays inside
@@ -322,6 +327,7 @@ class TestStringsInSearch:
     def test_unterminated_literal_stops_at_the_end_of_its_line(self):
         assert find_all(b"'a,b\nc, d", b",") == [6]
         assert find_all(b"'''a,b\nc, d", b",") == []
+
 
 # A slow reference built another way: first mark, for the whole text, which
 # bytes are inside string literals and the bracket depth before every byte;

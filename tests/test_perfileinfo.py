@@ -111,6 +111,7 @@ class TestAnalysis:
         ana = mgr.fCacheMgr.OpenAnalysis(loc, "x = 1\n")
         assert per_file.GetAnalysis() is ana
 
+
 class TestActiveEditLine:
     def test_follows_the_signal_without_reading_the_analysis(self, per_file, monkeypatch):
         ana = FakeAnalysis(3)

@@ -197,6 +197,7 @@ class TestCalls:
         assert {c[0] for c in got} == {"outer", "inner", "deep", "mid"}
         assert ("outer", "", "inner(deep(1)), k=mid()") in got
 
+
 class TestDefAndClass:
     def args_of(self, analyzer, src):
         logical = logical_of(src)
@@ -267,6 +268,7 @@ class TestHints:
         assert (b"b", b":tfloat") not in ate and (b"b", b":tint") in ate  # written hint wins
         assert [n for n, i in ate if i == SET] == [b"self", b"a", b"b"]
 
+
 class TestImports:
     def test_import_forms(self, analyzer):
         got = pairs(analyzer, "import os.path, xml.dom as dom_mod\n")
@@ -289,6 +291,7 @@ class TestMatch:
         got = logical.fTypeEquivs
         assert {n for n, i in got if i == SET} == {b"yy", b"rest", b"kw", b"q"}
         assert {n for n, i in got if i == GET} == {b"Point", b"Color", b"q", b"lim"}
+
 
 class TestParseErrors:
     def test_error_message_and_position(self, analyzer):
@@ -335,6 +338,7 @@ class TestLogicalContract:
         logical.fTypeEquivs = "left alone"
         assert analyzer.AnalyzeSingleLogical(logical, True) is None
         assert logical.fTypeEquivs == "left alone"
+
 
 class TestParseTokenListToNode:
     def test_expression_gives_a_node(self, analyzer):

@@ -313,6 +313,7 @@ class TestMethodsAndInstances:
         assert si.UnpackLocationAndScope(class_entry[len(si.kSetPrefix) + 1:], False)[1] == "m"
         assert inst.disk_mtime == 5.0 and not inst.incomplete
 
+
 class TestRemoteContent:
     def test_waits_for_data_and_resumes_on_modified(self, editor_mgr):
         loc = fresh_remote("scanner")
@@ -329,6 +330,7 @@ class TestRemoteContent:
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         assert scanner._fAllScopeNames == {"", "f|0"}
         scanner.destroy()
+
 
 class TestChangeUnderTheScan:
     def test_change_in_the_middle_abandons(self, editor_mgr, tmp_path):

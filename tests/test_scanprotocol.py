@@ -8,6 +8,7 @@ from basekit.destroyable import CDestroyable
 from pysource import scopescanner as ss
 from pysource._fastaccess import CLogger
 
+
 class RawLogger(CLogger):
     """Keeps every message unformatted: (level, format, args)."""
 
@@ -32,6 +33,7 @@ class TestStates:
         assert repr(twin) == "finished"
         assert twin != ss.kFinishedScanning
         assert ss.kFinishedScanning == ss.kFinishedScanning
+
 
 class TestScannerBase:
     def test_constructor_fields_and_first_log_line(self):
@@ -95,6 +97,7 @@ class TestScannerBase:
             scanner._SetScanState("finished")
         assert scanner.fScanState is ss.kReadyToScan
 
+
 class TestScannerSubclasses:
     def test_base_scan_is_not_implemented(self):
         with pytest.raises(NotImplementedError):
@@ -120,6 +123,7 @@ class TestScannerSubclasses:
         assert scanner.fScanState is ss.kReadyToScan
         assert scanner.Scan(0.0) is ss.kFinishedScanning
         assert isinstance(scanner, CDestroyable)
+
 
 class TestSwitches:
     def test_setters_return_the_prior_value_and_the_module_follows(self):

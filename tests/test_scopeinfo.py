@@ -129,6 +129,7 @@ class TestRecord:
         assert info.inst_type_equivs is None
         assert info.resolved_imports is scopeinfo.kEmptyFrozenset
 
+
 class TestMergeScopeInfoSeq:
     def test_instance_attributes_of_class_and_methods_reach_the_instance_record(self, loc):
         cls = primary_record(Scope(loc, "C"), {"m": b":fdef"}, inst={"k": b"int"})

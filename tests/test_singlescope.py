@@ -167,6 +167,7 @@ class TestDefiningLogical:
         assert si.kSelfPrefix in singles(names_of(scanner)["self"])
         assert "y" in scanner.fInfo.inst_type_equivs
 
+
 class TestBody:
     def test_attributes_through_self(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "class C:\n    def f(self):\n        self.x = 1\n"

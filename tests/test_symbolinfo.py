@@ -26,6 +26,7 @@ class Loc:
 
 # ---------------------------------------------------------------- kinds
 
+
 class TestKindsAndPrefixes:
     def test_every_prefix_is_colon_and_its_kind_byte(self):
         seen = set()
@@ -76,6 +77,7 @@ class TestKindsAndPrefixes:
 
 # ---------------------------------------------------------------- nesting
 
+
 class TestNonNested:
     def test_next_index_steps_and_jumps(self):
         assert si.NextNonNestedUtf8PtrIndex("a]b", 1, 3) == 2
@@ -111,6 +113,7 @@ class TestNonNested:
             si.NonNestedFindBytes("x.y", b".")
 
 # ---------------------------------------------------------------- builders
+
 
 class TestBuildersRoundTrip:
     def test_def_info(self):
@@ -261,6 +264,7 @@ def test_every_layout_round_trips_in_a_compound(name, type_params, args, ret, de
 
 # ---------------------------------------------------------------- marks
 
+
 class TestMarks:
     def test_module_scope_is_a_real_mark(self):
         marked = si.PrefixWithLocationAndScope(b"x", None, "")
@@ -307,6 +311,7 @@ class TestMarks:
 
 # ---------------------------------------------------------------- scopes defined
 
+
 def test_scope_defined_by_info():
     def_single = si.BuildDefInfoStr(si.kFunctionPrefix, "C.f|0", None, "()", None, [])
     class_single = si.PackClassInfo("C", None, None)
@@ -319,6 +324,7 @@ def test_scope_defined_by_info():
 
 
 # ---------------------------------------------------------------- scope names
+
 
 class TestScopeNames:
     def test_leaf_keeps_the_scope_index(self):
@@ -362,6 +368,7 @@ class TestScopeNames:
         assert si.DefLineScope("") == ""
 
 # ---------------------------------------------------------------- expressions
+
 
 class TestExpressions:
     @pytest.mark.parametrize("text, parts", [
@@ -419,6 +426,7 @@ class TestExpressions:
 
 
 # ---------------------------------------------------------------- resolved singles
+
 
 class TestResolvedSingles:
     loc = Loc("file:///m.py")

@@ -108,6 +108,7 @@ class TestOperatorsAndErrors:
     def test_stray_character_is_an_error_token(self, stray):
         assert toks(f"a {stray} b") == [("NAME", "a"), ("ERRORTOKEN", stray), ("NAME", "b")]
 
+
 class TestLines:
     def test_line_ends_of_every_style(self):
         src = "a = (1,\r\n 2)\rb = 3\nc"
