@@ -5,9 +5,17 @@ import contextlib
 import math
 
 import pysource._fastaccess as fastaccess
+from basekit.location import CLocalFileLocation
 from pysource import scopeinfo, scopescanner as ss, symbolinfo as si
 
 kForever = math.inf
+
+
+def local_file(tmp_path, text, name="mod.py"):
+    """A local file location holding `text`."""
+    path = tmp_path / name
+    path.write_text(text)
+    return CLocalFileLocation(str(path))
 
 
 class CounterClock:

@@ -4,7 +4,7 @@ manager."""
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import analysis, manager, pgeninspect, prefs, scopeinfo, scopescanner, utils
+from pysource import analysis, manager, utils
 from pysource.llinecache import CLogicalLineCache
 
 from managerutil import fresh_remote, installed_manager, loc, mgr
@@ -57,10 +57,6 @@ class TestText:
         assert list(delta.added) == [] and list(delta.removed) == []
         assert ana.fMatchedDiskMTime == mtime
 
-    def test_given_modification_time(self, ana):
-        ana.SetText("y = 1\n", 1234.5)
-        assert ana.fMatchedDiskMTime == 1234.5
-
     def test_buffer_text_wins_over_the_disk(self, mgr, tmp_path):
         path = tmp_path / "disk.py"
         path.write_text("on_disk = 1\n")
@@ -98,27 +94,19 @@ class TestText:
 
 
 class TestScopeDefs:
-    def test_index_zero_is_implied(self, ana):
-        first = ana._GetScopeDefForFullName("C.f")
-        assert first is ana._GetScopeDefForFullName("C.f|0")
-        assert first.fFirstLine == 2
-        assert ana._GetScopeDefForFullName("C.f|1").fFirstLine == 5
-
-    def test_nested_defs(self, ana):
-        assert ana._GetScopeDefForFullName("C.f.g").fFirstLine == 3
-        assert ana._GetScopeDefForFullName("C|0.f|1.g|0").fFirstLine == 6
-        assert ana._GetScopeDefForFullName("C").fFirstLine == 1
-
-    def test_unknown_names(self, ana):
-        assert ana._GetScopeDefForFullName("C.h") is None
-        assert ana._GetScopeDefForFullName("C.f|2") is None
-        assert ana._GetScopeDefForFullName("x") is None
+    @pytest.mark.parametrize("name, line", [
+        ("C", 1), ("C.f", 2), ("C.f|0", 2), ("C.f|1", 5), ("C.f.g", 3), ("C|0.f|1.g|0", 6),
+        ("C.h", None), ("C.f|2", None), ("x", None)])
+    def test_lookup_by_full_name(self, ana, name, line):
+        logical = ana._GetScopeDefForFullName(name)
+        assert (logical and logical.fFirstLine) == line
 
     def test_lookup_follows_text_changes(self, ana):
         assert ana._GetScopeDefForFullName("D") is None
         ana.SetText("class D:\n    pass\n")
         assert ana._GetScopeDefForFullName("D").fFirstLine == 1
         assert ana._GetScopeDefForFullName("C") is None
+
 
 class TestEditorState:
     def test_active_edit_line(self, ana):
@@ -173,16 +161,6 @@ class TestCacheMgr:
 
 
 class TestAnalysisMgr:
-    def test_fields(self, mgr):
-        assert isinstance(mgr.fInfoCache, scopeinfo.CInfoCache)
-        assert mgr.fInfoCache.fDatabasePath is None
-        assert isinstance(mgr.fLogicalAnalyzer, pgeninspect.CPGenAnalyzer)
-        assert isinstance(mgr.fPyiLogicalAnalyzer, pgeninspect.CPGenAnalyzer)
-        assert (mgr.fPrimaryScanName, mgr.fDerivedScanName) == ("primary", "derived")
-        assert isinstance(mgr.fScopeBodyCache, scopescanner.CScopeBodyCache)
-        assert mgr.fScanCoordinator is None and mgr.fInferenceEngine is None
-        assert mgr.fPrefMgr[prefs.kAnalyzeFunctionCalls] is True
-
     def test_scanning_process_has_no_analyses(self, loc):
         with installed_manager(editor=False) as mgr:
             assert mgr.fCacheMgr is None

@@ -13,6 +13,7 @@ from pysource.filellinecache import BuildLogicalLines
 from pysource.logicalline import CreateLogical
 from pysource.scopebodycache import GetFullNameForScopeDef
 
+
 def make_logical(text, indent=0):
     """One statement as a logical, at `indent`."""
     (logical,) = BuildLogicalLines(" " * indent + text)
@@ -47,25 +48,19 @@ def empty_free_list():
 
 
 class TestScopeDefPredicates:
-    def test_is_scope_def(self):
-        assert ss.IsScopeDef(make_logical("def f(x):"))
-        assert ss.IsScopeDef(make_logical("class C(B):"))
-        assert ss.IsScopeDef(make_logical("async def f():"))
-        for text in ("@deco", "# def f():", "f = lambda: 1", "with open(p) as f:", "x = [i for i in y]"):
-            assert not ss.IsScopeDef(make_logical(text)), text
+    @pytest.mark.parametrize("text, scope_def, async_def", [
+        ("def f(x):", True, False), ("class C(B):", True, False), ("async def f():", True, True),
+        ("def async_f():", True, False), ("async with x:", False, False), ("@deco", False, False),
+        ("# def f():", False, False), ("f = lambda: 1", False, False),
+        ("x = [i for i in y]", False, False)])
+    def test_scope_def_and_async_def(self, text, scope_def, async_def):
+        assert ss.IsScopeDef(make_logical(text)) is scope_def
+        assert ss.IsAsyncDef(make_logical(text)) is async_def
 
-    def test_is_scope_def_of_none_is_an_attribute_error(self):
-        with pytest.raises(AttributeError):
-            ss.IsScopeDef(None)
+    def test_bad_arguments(self):
+        assert not ss.IsAsyncDef(None)
         with pytest.raises(TypeError):
             ss.IsScopeDef("def f():")
-
-    def test_is_async_def(self):
-        assert ss.IsAsyncDef(make_logical("async def f():"))
-        assert not ss.IsAsyncDef(make_logical("def async_f():"))
-        assert not ss.IsAsyncDef(make_logical("class C:"))
-        assert not ss.IsAsyncDef(None)
-        assert not ss.IsAsyncDef(make_logical("async with x:"))
 
     def test_logical_contains_lineno(self):
         logical = CreateLogical(indent=0, start_line=10, line_count=2,
@@ -74,12 +69,6 @@ class TestScopeDefPredicates:
             False, True, True, False]
         with pytest.raises(AttributeError):
             ss.LogicalContainsLineno(None, 1)
-
-    def test_parent_scope(self):
-        assert ss.ParentScope("a.b.c") == "a.b"
-        assert ss.ParentScope("a") == ""
-        assert ss.ParentScope("") == ""
-        assert ss.ParentScope("pkg.Cls.méthode") == "pkg.Cls"
 
     def test_full_name_for_scope_def(self):
         top, method = logicals("""
@@ -94,37 +83,24 @@ class TestScopeDefPredicates:
 
 
 class TestFindDecoratorLogicals:
-    def test_comments_between_decorators_keep_the_run(self):
-        lines = [make_logical("@a"), make_logical("# note"), make_logical("@b"),
-                 make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(3, lines) == [lines[0], lines[2]]
-
-    def test_a_statement_ends_the_run(self):
-        lines = [make_logical("@z"), make_logical("x = 1"), make_logical("@a"),
-                 make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(3, lines) == [lines[2]]
-
-    def test_empty_logicals_are_passed_over(self):
+    @pytest.mark.parametrize("texts, index, expected", [
+        (["@a", "# note", "@b", "def f():"], 3, [0, 2]),  # comments keep the run
+        (["@z", "x = 1", "@a", "def f():"], 3, [2]),      # a statement ends it
+        (["@a", None, "def f():"], 2, [0]),               # empty logicals are passed over
+        (["def f():"], 0, []),
+        (["def f():"], -1, []),
+    ])
+    def test_runs(self, texts, index, expected):
         empty = CreateLogical(indent=0, start_line=2, line_count=1, toks=[], ttypes=[],
                               positions=[], spaces_in_indent=False, tabs_in_indent=False,
                               incomplete=False, line_text="")
-        lines = [make_logical("@a"), empty, make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(2, lines) == [lines[0]]
+        lines = [empty if text is None else make_logical(text) for text in texts]
+        assert ss.FindDecoratorLogicals(index, lines) == [lines[i] for i in expected]
 
-    def test_nothing_before_the_first_logical(self):
-        lines = [make_logical("def f():")]
-        assert ss.FindDecoratorLogicals(0, lines) == []
-        assert ss.FindDecoratorLogicals(-1, lines) == []
+    def test_no_list(self):
         assert ss.FindDecoratorLogicals(0, None) == []
-
-    def test_no_list_is_a_type_error(self):
         with pytest.raises(TypeError):
             ss.FindDecoratorLogicals(1, None)
-
-    def test_each_call_gives_a_new_list(self):
-        lines = [make_logical("@a"), make_logical("def f():")]
-        first = ss.FindDecoratorLogicals(1, lines)
-        assert ss.FindDecoratorLogicals(1, lines) is not first
 
 
 class Counted:
@@ -138,14 +114,6 @@ class Counted:
 
 
 class TestStackItems:
-    def test_fresh_item(self):
-        item = ss._CScopeStackItem()
-        assert item.scope_name == "" and item.scope_def is None
-        assert item.body == [] and item.decorator_logicals == [] and item.child_method_list == []
-        assert item.scanner is None and item.containing_class_def is None
-        assert (item.is_async_def, item.not_parsed_count, item.scope_index) == (False, 0, -1)
-        assert item.body is not item.decorator_logicals
-
     def test_free_list_returns_the_same_item_cleared(self):
         item = ss._NewStackItem()
         body, decorators, methods = item.body, item.decorator_logicals, item.child_method_list
@@ -164,14 +132,6 @@ class TestStackItems:
         assert (body, decorators, methods) == ([], [], [])
         assert (again.scope_name, again.scope_def, again.containing_class_def) == ("", None, None)
         assert (again.is_async_def, again.not_parsed_count, again.scope_index) == (False, 0, -1)
-
-    def test_free_list_is_a_stack(self):
-        a, b = ss._NewStackItem(), ss._NewStackItem()
-        ss._DelStackItem(a)
-        ss._DelStackItem(b)
-        assert ss._NewStackItem() is b
-        assert ss._NewStackItem() is a
-        assert ss._NewStackItem() not in (a, b)
 
     def test_clear_destroys_the_scanner_once(self):
         item = ss._CScopeStackItem()
@@ -192,19 +152,6 @@ class TestStackItems:
         item.scanner = Scanner()
         ss._DelStackItem(item)
         assert events == ["impl"] and item.scanner is None
-
-    def test_stack_access(self):
-        root = ss._NewStackItem()
-        nested = ss._NewStackItem()
-        nested.scope_def = make_logical("def f():", indent=4)
-        stack = [root, nested]
-        assert ss._GetStackItem(stack, 1) is nested
-        assert ss._GetStackItemIndentLevel(stack, 0) == -1
-        assert ss._GetStackItemIndentLevel(stack, 1) == 4
-        with pytest.raises(IndexError):
-            ss._GetStackItem(stack, 2)
-        with pytest.raises(TypeError):
-            ss._GetStackItem([object()], 0)
 
     def test_only_items_go_on_the_free_list(self):
         with pytest.raises(TypeError):
@@ -470,11 +417,6 @@ class TestOneScope:
         assert finder._fScopeStack[0].scope_def is None
         finder.ProcessUntilEnd()
         assert finder.fCompletedScopeList[-1].scope_name == ""
-
-    def test_the_logical_list_is_not_copied(self):
-        lines = logicals(CLASS_WITH_METHODS)
-        finder = ss._CScopeBodyFinder(lines, -1, False)
-        assert finder._fLogicalList is lines
 
 
 class TestRecycling:

@@ -5,11 +5,13 @@ import os
 
 import pytest
 
-from basekit.location import CLocalFileLocation, CRemoteLocation
+from basekit.location import CLocalFileLocation
 from pysource import _fastaccess, coordinator, filellinecache, manager
 from pysource import scopescanner as ss
 from pysource import symbolinfo
 from pysource.coordinator import CScanCoordinator
+
+from managerutil import fresh_remote
 
 SLICE = 0.020
 UNIT = 0.006   # clock time one unit of scripted work takes
@@ -45,8 +47,9 @@ class Script:
     """What the scanners of each file do: `units` of work per scan, whether
     the first scan waits for data, and how many scanners abandon first."""
 
-    def __init__(self, clock, info_cache=None):
+    def __init__(self, clock, info_cache=None, scanner_type=None):
         self.clock = clock
+        self.scanner_type = scanner_type or (lambda loc: ScriptedScanner)
         self.info_cache = info_cache
         self.units = {}
         self.waits = set()
@@ -55,7 +58,7 @@ class Script:
         self.log = []         # (loc, end_time) of every Scan call
 
     def scanner_class(self, loc, scan_name):
-        scanner = ScriptedScanner(self, loc, scan_name)
+        scanner = self.scanner_type(loc)(self, loc, scan_name)
         self.made.append(scanner)
         return scanner
 
@@ -119,7 +122,7 @@ def record_done(info_cache, loc, scan_name):
 
 
 def remotes(n):
-    return [CRemoteLocation(f"mem://coord/{os.getpid()}/{id(object())}/{i}.py") for i in range(n)]
+    return [fresh_remote("coord") for _ in range(n)]
 
 
 def make_coordinator(mgr, script, **kw):
@@ -186,8 +189,8 @@ class TestSlices:
             def Scan(self, end_time):
                 return ss.CNamedConstant("finished")
 
-        script = Script(clock)
-        coord = CScanCoordinator(mgr, scanner_class=lambda loc, name: Broken(script, loc, name))
+        script = Script(clock, scanner_type=lambda loc: Broken)
+        coord = CScanCoordinator(mgr, scanner_class=script.scanner_class)
         coord.AddLocations(remotes(1))
         with pytest.raises(TypeError, match="not a scan state"):
             coord.RunSlice()
@@ -249,15 +252,9 @@ class NeedsOthers(ScriptedScanner):
 
 class TestWaitingForScans:
     def make(self, clock, mgr, needs):
-        script = Script(clock)
+        script = Script(clock, scanner_type=lambda loc: NeedsOthers)
         script.needs = needs
-
-        def factory(loc, scan_name):
-            scanner = NeedsOthers(script, loc, scan_name)
-            script.made.append(scanner)
-            return scanner
-
-        coord = CScanCoordinator(mgr, scanner_class=factory, slice_seconds=SLICE, max_attempts=2)
+        coord = make_coordinator(mgr, script, max_attempts=2)
         return script, coord
 
     def test_needed_files_run_first_new_or_queued(self, clock, mgr):
@@ -307,16 +304,9 @@ class TestAbandon:
             def Scan(self, end_time):
                 raise RuntimeError("neighbour broke")
 
-        script = Script(clock)
         bad, good = remotes(2)
-
-        def factory(loc, scan_name):
-            cls = Raising if loc is bad else ScriptedScanner
-            scanner = cls(script, loc, scan_name)
-            script.made.append(scanner)
-            return scanner
-
-        coord = CScanCoordinator(mgr, scanner_class=factory, slice_seconds=SLICE)
+        script = Script(clock, scanner_type=lambda loc: Raising if loc is bad else ScriptedScanner)
+        coord = make_coordinator(mgr, script)
         coord.AddLocations([bad, good])
         assert coord.RunUntilIdle() is False
         assert coord.fErrors == [(bad, "RuntimeError: neighbour broke")]
@@ -367,23 +357,24 @@ class TestSkipAndRescan:
         script, counts = self.run(clock, mgr, locs)
         assert script.made == [] and counts.skipped == 2 and counts.files == 0
 
-    def test_a_file_with_a_new_time_is_scanned_again(self, clock, mgr, files):
-        locs = [CLocalFileLocation(str(p)) for p in files]
-        self.run(clock, mgr, locs)
-        st = os.stat(files[0])
-        os.utime(files[0], ns=(st.st_atime_ns, st.st_mtime_ns + 5_000_000_000))
-        script, counts = self.run(clock, mgr, locs)
-        assert [s.loc for s in script.made] == [locs[0]]
-        assert counts.skipped == 1
+    @staticmethod
+    def touch(path):
+        st = os.stat(path)
+        os.utime(path, ns=(st.st_atime_ns, st.st_mtime_ns + 5_000_000_000))
 
-    def test_new_content_under_the_same_time_is_scanned_again(self, clock, mgr, files):
+    @staticmethod
+    def rewrite_same_time(path):
+        st = os.stat(path)
+        path.write_text("y = 2\n")
+        os.utime(path, ns=(st.st_atime_ns, st.st_mtime_ns))
+
+    @pytest.mark.parametrize("change", [touch, rewrite_same_time])
+    def test_a_file_with_a_new_time_or_content_is_scanned_again(self, clock, mgr, files, change):
         locs = [CLocalFileLocation(str(p)) for p in files]
         self.run(clock, mgr, locs)
-        st = os.stat(files[1])
-        files[1].write_text("y = 2\n")
-        os.utime(files[1], ns=(st.st_atime_ns, st.st_mtime_ns))
+        change.__func__(files[1])
         script, counts = self.run(clock, mgr, locs)
-        assert [s.loc for s in script.made] == [locs[1]]
+        assert [s.loc for s in script.made] == [locs[1]] and counts.skipped == 1
 
     def test_a_missing_or_remote_file_is_never_up_to_date(self, clock, mgr, tmp_path):
         coord = CScanCoordinator(mgr)
@@ -435,7 +426,7 @@ class TestWithTheWholeFileScanner:
     """The coordinator driving the real primary scanner."""
 
     def test_remote_content_parks_the_scan_until_it_arrives(self):
-        from managerutil import fresh_remote, installed_manager
+        from managerutil import installed_manager
 
         with installed_manager() as mgr:
             class Requests:

@@ -2,23 +2,15 @@ import gc
 import os
 import weakref
 
-import pytest
-
 import pysource._fastaccess as fa
 from basekit.destroyable import CDestroyable
-from basekit.location import CLocalFileLocation, CRemoteLocation
+from basekit.location import CLocalFileLocation
 from pysource import filellinecache
 from pysource.llinecache import CLogicalLineCache
 
+from managerutil import fresh_remote
+
 SOURCE = "import os\n\ndef f(a):\n    return a\n\nx = f(1)\n"
-
-
-_counter = [0]
-
-
-def fresh_remote():
-    _counter[0] += 1
-    return CRemoteLocation("mem://llinecache/%d" % _counter[0])
 
 
 class Recorder:

@@ -57,16 +57,8 @@ class TestConstruction:
         incomplete = set()
         info = ss._CPerFileInfo(loc, incomplete)
         try:
-            assert info.fLocation is loc
-            assert info.fInfoCache is mgr.fInfoCache
-            assert info.fPrimaryScanName == "primary"
-            assert info.fScopeBodyCache is mgr.fScopeBodyCache
+            assert info.fInfoCache is mgr.fInfoCache and info.fScopeBodyCache is mgr.fScopeBodyCache
             assert info.fIncompleteScopeSet is incomplete
-            assert info.fSubScopeBody0 == {}
-            assert info.fMatchedDiskMTime is None and info.fEOLBlindChecksum is None
-            assert info._fActiveEditLineno == -1
-            assert not info._fAttemptedToGetAnalysis
-            assert not info._fConnectedToActiveLinenoSignal
             assert not info.fPyiFile and info.fPy3Grammar
         finally:
             info.destroy()
@@ -88,10 +80,6 @@ class TestConstruction:
         assert info.fAstAnalyzer is other and info.fPGenAnalyzer is None
         info.destroy()
 
-    def test_bad_incomplete_scope_set(self, mgr, loc):
-        with pytest.raises(TypeError):
-            ss._CPerFileInfo(loc, ["not", "a", "set"])
-
     def test_manager_without_an_info_cache(self, mgr, loc):
         mgr.fInfoCache, real = object(), mgr.fInfoCache
         try:
@@ -102,21 +90,13 @@ class TestConstruction:
 
 
 class TestGrammar:
-    @pytest.mark.parametrize("version", [2, 3])
-    def test_stub_file_is_always_python3(self, version, stub_loc):
+    @pytest.mark.parametrize("name, version, py3", [
+        ("mod.py", 2, False), ("mod.py", 3, True), ("mod.pyi", 2, True), ("mod.pyi", 3, True)])
+    def test_stub_file_is_always_python3(self, tmp_path, name, version, py3):
         with installed_manager(python_major_version=version):
-            info = ss._CPerFileInfo(stub_loc)
-            assert info.fPyiFile and info.fPy3Grammar
+            info = ss._CPerFileInfo(CLocalFileLocation(str(tmp_path / name)))
+            assert info.fPy3Grammar is py3 and info.fPyiFile == name.endswith(".pyi")
             info.destroy()
-
-    @pytest.mark.parametrize("version, py3", [(2, False), (3, True)])
-    def test_source_file_follows_configured_version(self, version, py3, loc):
-        with installed_manager(python_major_version=version):
-            info = ss._CPerFileInfo(loc)
-            assert info.fPy3Grammar is py3
-            info.destroy()
-
-
 class TestAnalysis:
     def test_missing_analysis_is_looked_up_once(self, per_file, monkeypatch):
         lookup = CountingLookup()
@@ -130,6 +110,7 @@ class TestAnalysis:
     def test_open_analysis_found_through_the_manager(self, mgr, per_file, loc):
         ana = mgr.fCacheMgr.OpenAnalysis(loc, "x = 1\n")
         assert per_file.GetAnalysis() is ana
+
 
 class TestActiveEditLine:
     def test_follows_the_signal_without_reading_the_analysis(self, per_file, monkeypatch):
@@ -165,20 +146,6 @@ class TestActiveEditLine:
         info.destroy()
         assert ana.connection_count("active-edit-lineno-changed") == 0
         ana.emit("active-edit-lineno-changed", ana, 4)
-
-    def test_subclass_callback_is_called(self, mgr, loc, monkeypatch):
-        class Recording(ss._CPerFileInfo):
-            def _CB_ActiveEditLinenoChanged(self, ana, lineno):
-                self.seen = (ana, lineno)
-                super()._CB_ActiveEditLinenoChanged(ana, lineno)
-
-        ana = FakeAnalysis(1)
-        monkeypatch.setattr(pysource.utils, "GetAnalysisForLoc", CountingLookup(ana))
-        info = Recording(loc)
-        info.GetActiveEditLineno()
-        ana.emit("active-edit-lineno-changed", ana, 8)
-        assert info.seen == (ana, 8) and info.GetActiveEditLineno() == 8
-        info.destroy()
 
     def test_context_and_analysis_are_collected(self, mgr, loc, monkeypatch):
         ana = FakeAnalysis(1)

@@ -43,62 +43,66 @@ def called(analyzer, src):
     return out
 
 
+# (source, name, the name's infos in order)
+INFO_CASES = [
+    ("a, (b, *c), [d, e] = value\n", "b", [SET, b"value[1][0]"]),
+    ("a, (b, *c), [d, e] = value\n", "c", [SET, b"list(value[1])"]),
+    ("a, (b, *c), [d, e] = value\n", "e", [SET, b"value[2][1]"]),
+    ("first, *middle, last = f(x)\n", "last", [SET, b"f(x)[-1]"]),
+    ("first, *middle, last = f(x)\n", "middle", [SET, b"list(f(x))"]),
+    ("x, y = foo(1), bar[2]\n", "y", [SET, b"bar[2]"]),
+    ("a, b = p or q\n", "a", [SET, b"(p or q)[0]"]),
+    ("a = b.c = d[0] = make()\n", "b.c", [SET, b"make()"]),
+    ("a = b.c = d[0] = make()\n", "d[0]", [SET, b"make()"]),
+    ("total += a * b\n", "total", [GET, SET, b"total+(a*b)"]),
+    ("for k, (v, w) in d.items():\n    pass\n", "k", [SET, b"d.items()[*][0]"]),
+    ("for k, (v, w) in d.items():\n    pass\n", "w", [SET, b"d.items()[*][1][1]"]),
+    ("with open(p) as fh, lock, ctx() as (a, b):\n    pass\n", "fh", [SET, b"open(p).__enter__()"]),
+    ("with open(p) as fh, lock, ctx() as (a, b):\n    pass\n", "a", [SET, b"ctx().__enter__()[0]"]),
+    ("with open(p) as fh, lock, ctx() as (a, b):\n    pass\n", "lock", [GET]),
+    ("async with session() as s:\n    pass\n", "s", [SET, b"(await session().__aenter__())"]),
+    ("x: int = 0\n", "x", [SET, b"0", b":tint"]),
+    ("self.x: Optional[str]\n", "self.x", [SET, b":tOptional[str]"]),
+    ("y: 'Dict[str, Node]' = {}\n", "y", [SET, b"{}", b":tDict[str, Node]"]),
+    ("return x + 1\n", "return", [b"x+1"]),
+    ("return\n", "return", [b"None"]),
+    ("x = yield item\n", "return", [b"item"]),
+    ("x = y + y + y\n", "y", [GET]),
+]
+
+
+@pytest.mark.parametrize("src, name, expected", INFO_CASES)
+def test_infos_of_a_name(analyzer, src, name, expected):
+    assert infos(analyzer, src, name) == expected
+
+
+# (source, kind, every name of that kind)
+KIND_CASES = [
+    ("a, (b, *c), [d, e] = value\n", SET, {"a", "b", "c", "d", "e"}),
+    ("with (open(a) as f, open(b) as g):\n    pass\n", SET, {"f", "g"}),
+    ("x = a[b:c:d, e] if cond else f(*g, key=h, **i).attr\n", GET, set("abcdefghi") | {"cond"}),
+    ("s = f'\\N{DASH}{a}' + f\"{'''it's'''}{b:{'}'}>{w}}\" + rf'\\N{c}'\n", GET, {"a", "b", "w", "c"}),
+    ("y = x[1:n:, ::-2, ..., :m]\n", GET, {"x", "n", "m"}),
+    ("msg = f\"{a!r:>{width}} {b[c]=} {f'{d}'} {{literal}}\"\n", GET, {"a", "width", "b", "c", "d"}),
+    ("while not done and n < limit:\n    pass\n", GET, {"done", "n", "limit"}),
+    ("y: 'Dict[str, Node]' = {}\n", GET, {"Dict", "str", "Node"}),
+    ("match command.split():\n    case _:\n        pass\n", GET, {"command"}),
+    ("match = re.match(p, s)\n", SET, {"match"}),
+    ("match(a, b)\n", GET, {"match", "a", "b"}),  # a failed match header is an expression
+]
+
+
+@pytest.mark.parametrize("src, kind, expected", KIND_CASES)
+def test_names_of_a_kind(analyzer, src, kind, expected):
+    assert names_of_kind(analyzer, src, kind) == expected
+
+
 class TestTargets:
-    def test_nested_unpacking_with_starred_targets(self, analyzer):
-        src = "a, (b, *c), [d, e] = value\n"
-        assert names_of_kind(analyzer, src, SET) == {"a", "b", "c", "d", "e"}
-        assert infos(analyzer, src, "a") == [SET, b"value[0]"]
-        assert infos(analyzer, src, "b") == [SET, b"value[1][0]"]
-        assert infos(analyzer, src, "c") == [SET, b"list(value[1])"]
-        assert infos(analyzer, src, "e") == [SET, b"value[2][1]"]
-
-    def test_elements_after_a_star_count_from_the_end(self, analyzer):
-        src = "first, *middle, last = f(x)\n"
-        assert infos(analyzer, src, "last") == [SET, b"f(x)[-1]"]
-        assert infos(analyzer, src, "middle") == [SET, b"list(f(x))"]
-
-    def test_display_on_the_right_pairs_element_with_element(self, analyzer):
-        src = "x, y = foo(1), bar[2]\n"
-        assert infos(analyzer, src, "x") == [SET, b"foo(1)"]
-        assert infos(analyzer, src, "y") == [SET, b"bar[2]"]
-
-    def test_non_atomic_value_is_parenthesized_before_indexing(self, analyzer):
-        assert infos(analyzer, "a, b = p or q\n", "a") == [SET, b"(p or q)[0]"]
-
-    def test_chained_assignment_binds_every_target(self, analyzer):
-        src = "a = b.c = d[0] = make()\n"
-        for target in ("a", "b.c", "d[0]"):
-            assert infos(analyzer, src, target) == [SET, b"make()"]
-
     def test_attribute_and_subscript_targets_keep_their_text_and_read_their_base(self, analyzer):
         got = pairs(analyzer, "o.a.b = 1; a[b[0]] = 2\n".split(";")[0] + "\n")
         assert (b"o.a.b", SET) in got and (b"o", GET) in got
         got = pairs(analyzer, "a[b[0]] = 2\n")
         assert (b"a[b[0]]", SET) in got and (b"a", GET) in got and (b"b", GET) in got
-
-    def test_augmented_assignment_reads_and_binds(self, analyzer):
-        got = pairs(analyzer, "total += a * b\n")
-        assert (b"total", GET) in got
-        assert infos(analyzer, "total += a * b\n", "total") == [GET, SET, b"total+(a*b)"]
-
-    def test_for_target_gets_the_iteration_subscript(self, analyzer):
-        src = "for k, (v, w) in d.items():\n    pass\n"
-        assert infos(analyzer, src, "k") == [SET, b"d.items()[*][0]"]
-        assert infos(analyzer, src, "w") == [SET, b"d.items()[*][1][1]"]
-
-    def test_with_targets_get_the_enter_result(self, analyzer):
-        src = "with open(p) as fh, lock, ctx() as (a, b):\n    pass\n"
-        assert infos(analyzer, src, "fh") == [SET, b"open(p).__enter__()"]
-        assert infos(analyzer, src, "a") == [SET, b"ctx().__enter__()[0]"]
-        assert b"lock" not in [n for n, i in pairs(analyzer, src) if i == SET]
-
-    def test_async_with_awaits_the_enter(self, analyzer):
-        src = "async with session() as s:\n    pass\n"
-        assert infos(analyzer, src, "s") == [SET, b"(await session().__aenter__())"]
-
-    def test_parenthesized_with_items(self, analyzer):
-        src = "with (open(a) as f, open(b) as g):\n    pass\n"
-        assert names_of_kind(analyzer, src, SET) == {"f", "g"}
 
     def test_except_as_binds_an_instance_of_each_class(self, analyzer):
         src = "try:\n    pass\nexcept (KeyError, errors.Bad) as e:\n    pass\n"
@@ -130,22 +134,6 @@ class TestTargets:
 
 
 class TestReads:
-    def test_reads_everywhere_in_an_expression(self, analyzer):
-        src = "x = a[b:c:d, e] if cond else f(*g, key=h, **i).attr\n"
-        assert names_of_kind(analyzer, src, GET) == set("abcdefghi") | {"cond"}
-
-    def test_fstring_fields_with_strings_braces_and_named_characters(self, analyzer):
-        src = "s = f'\\N{DASH}{a}' + f\"{'''it's'''}{b:{'}'}>{w}}\" + rf'\\N{c}'\n"
-        assert names_of_kind(analyzer, src, GET) == {"a", "b", "w", "c"}
-
-    def test_slices_after_commas(self, analyzer):
-        src = "y = x[1:n:, ::-2, ..., :m]\n"
-        assert names_of_kind(analyzer, src, GET) == {"x", "n", "m"}
-
-    def test_fstring_fields_with_nested_expressions_and_format_specs(self, analyzer):
-        src = "msg = f\"{a!r:>{width}} {b[c]=} {f'{d}'} {{literal}}\"\n"
-        assert names_of_kind(analyzer, src, GET) == {"a", "width", "b", "c", "d"}
-
     def test_decorator_that_is_a_call(self, analyzer):
         src = "@app.route('/x', methods=allowed)\ndef f(): pass\n"
         logical = BuildLogicalLines(src)[0]
@@ -153,19 +141,6 @@ class TestReads:
         got = logical.fTypeEquivs
         assert (b"app", GET) in got and (b"allowed", GET) in got
         assert (b"app.route", packedops.PackCalled("", "'/x', methods=allowed")) in got
-
-    def test_condition_and_return(self, analyzer):
-        assert infos(analyzer, "return x + 1\n", "return") == [b"x+1"]
-        assert infos(analyzer, "return\n", "return") == [b"None"]
-        assert names_of_kind(analyzer, "while not done and n < limit:\n    pass\n", GET) == {
-            "done", "n", "limit"}
-
-    def test_yield_value_is_a_return(self, analyzer):
-        assert infos(analyzer, "x = yield item\n", "return") == [b"item"]
-
-    def test_each_pair_once(self, analyzer):
-        got = pairs(analyzer, "x = y + y + y\n")
-        assert got.count((b"y", GET)) == 1
 
     def test_each_pair_once_in_a_long_logical(self, analyzer):
         names = [f"a{i}" for i in range(40)]
@@ -206,22 +181,21 @@ class TestCalls:
         assert ("a.b", "[0].c", "x, y=2") in got
         assert ("a.b", "[0].c(x, y=2)", "z") in got
 
-    def test_call_of_a_call_and_super(self, analyzer):
-        assert set(called(analyzer, "f()(y)\n")) == {("f", "", ""), ("f", "()", "y")}
-        assert ("super", "().__init__", "z") in called(analyzer, "super().__init__(z)\n")
+    @pytest.mark.parametrize("src, calls", [
+        ("f()(y)\n", [("f", "", ""), ("f", "()", "y")]),
+        ("super().__init__(z)\n", [("super", "", ""), ("super", "().__init__", "z")]),
+        ("n = (num).bit_length()\n", [("num.bit_length", "", "")]),  # a parenthesized base leads
+        ("(f)(x)\n", [("f", "", "x")]),
+        ("', '.join(parts)\n", []),  # no leading name, no call
+        ("(a or b)(c)\n", []),
+    ])
+    def test_callee_forms(self, analyzer, src, calls):
+        assert sorted(called(analyzer, src)) == sorted(calls)
 
     def test_calls_in_arguments_are_found(self, analyzer):
         got = called(analyzer, "outer(inner(deep(1)), k=mid())\n")
         assert {c[0] for c in got} == {"outer", "inner", "deep", "mid"}
         assert ("outer", "", "inner(deep(1)), k=mid()") in got
-
-    def test_parenthesized_base_still_leads(self, analyzer):
-        assert called(analyzer, "n = (num).bit_length()\n") == [("num.bit_length", "", "")]
-        assert called(analyzer, "(f)(x)\n") == [("f", "", "x")]
-
-    def test_callee_without_a_leading_name_gives_no_call(self, analyzer):
-        assert called(analyzer, "', '.join(parts)\n") == []
-        assert called(analyzer, "(a or b)(c)\n") == []
 
 
 class TestDefAndClass:
@@ -265,57 +239,34 @@ class TestDefAndClass:
 
 
 class TestHints:
-    def test_annotated_assignments(self, analyzer):
-        assert infos(analyzer, "x: int = 0\n", "x") == [SET, b"0", b":tint"]
-        assert infos(analyzer, "self.x: Optional[str]\n", "self.x") == [SET, b":tOptional[str]"]
-
-    def test_string_annotation_is_unquoted_and_read(self, analyzer):
-        src = "y: 'Dict[str, Node]' = {}\n"
-        assert infos(analyzer, src, "y") == [SET, b"{}", b":tDict[str, Node]"]
-        assert names_of_kind(analyzer, src, GET) == {"Dict", "str", "Node"}
-
-    def make(self, toks):
-        return CreateLogical(toks=toks)
-
-    def test_type_comment_on_an_assignment(self, analyzer):
-        logical = self.make(["x", "=", "[", "]", "# type: List[int]"])
+    @pytest.mark.parametrize("toks, hints", [
+        (["x", "=", "[", "]", "# type: List[int]"], [(b"x", b":tList[int]")]),
+        (["a", ",", "b", "=", "f", "(", ")", "#type: int, str"], [(b"a", b":tint"), (b"b", b":tstr")]),
+        (["for", "x", "in", "y", ":", "# type: Node"], [(b"x", b":tNode")]),
+        (["x", "=", "1", "# type: ignore[assignment]"], []),
+        (["# type: (int) -> bool"], []),  # a signature comment not first in a def
+    ])
+    def test_type_comments(self, analyzer, toks, hints):
+        logical = CreateLogical(toks=toks)
         analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"x", b":tList[int]") in logical.fTypeEquivs
-
-    def test_type_comment_on_tuple_targets_and_for_lines(self, analyzer):
-        logical = self.make(["a", ",", "b", "=", "f", "(", ")", "#type: int, str"])
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"a", b":tint") in logical.fTypeEquivs and (b"b", b":tstr") in logical.fTypeEquivs
-        logical = self.make(["for", "x", "in", "y", ":", "# type: Node"])
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"x", b":tNode") in logical.fTypeEquivs
-
-    def test_type_ignore_is_no_hint(self, analyzer):
-        logical = self.make(["x", "=", "1", "# type: ignore[assignment]"])
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert not any(i.startswith(b":t") for n, i in logical.fTypeEquivs)
+        assert [(n, i) for n, i in logical.fTypeEquivs if i.startswith(b":t")] == hints
 
     def test_signature_comment_first_in_def(self, analyzer):
         from pysource.symbolinfo import BuildArgInfo
-        logical = self.make(["# type: (int, *str, **Dict[str, int]) -> bool"])
+        logical = CreateLogical(toks=["# type: (int, *str, **Dict[str, int]) -> bool"])
         analyzer.AnalyzeSingleLogical(logical, True, True)
         assert list(logical.fTypeEquivs) == [
             (BuildArgInfo(0, None), b":tint"), (BuildArgInfo(1, None), b":tstr"),
             (BuildArgInfo(2, None), b":tDict[str, int]"), (b"return", b":tbool")]
 
     def test_signature_comment_on_the_def_line(self, analyzer):
-        logical = self.make(["def", "m", "(", "self", ",", "a", ",", "b", ":", "int", ")", ":",
-                             "# type: (str, float) -> bool"])
+        toks = "def m ( self , a , b : int ) :".split() + ["# type: (str, float) -> bool"]
+        logical = CreateLogical(toks=toks)
         analyzer.AnalyzeSingleLogical(logical, True)
         ate = logical.fArgTypeEquivs
         assert (b"a", b":tstr") in ate and (b"return", b":tbool") in ate
         assert (b"b", b":tfloat") not in ate and (b"b", b":tint") in ate  # written hint wins
         assert [n for n, i in ate if i == SET] == [b"self", b"a", b"b"]
-
-    def test_signature_comment_elsewhere_says_nothing(self, analyzer):
-        logical = self.make(["# type: (int) -> bool"])
-        analyzer.AnalyzeSingleLogical(logical, True, False)
-        assert list(logical.fTypeEquivs) == []
 
 
 class TestImports:
@@ -332,12 +283,6 @@ class TestImports:
 
 
 class TestMatch:
-    def test_match_subject_is_read(self, analyzer):
-        src = "match command.split():\n    case _:\n        pass\n"
-        logical = BuildLogicalLines(src)[0]
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert (b"command", GET) in logical.fTypeEquivs
-
     def test_case_captures_and_values(self, analyzer):
         src = ("match p:\n    case Point(x=0, y=yy) | [1, *rest, _] | {'k': Color.RED, **kw} as q"
                " if q > lim:\n        pass\n")
@@ -346,9 +291,6 @@ class TestMatch:
         got = logical.fTypeEquivs
         assert {n for n, i in got if i == SET} == {b"yy", b"rest", b"kw", b"q"}
         assert {n for n, i in got if i == GET} == {b"Point", b"Color", b"q", b"lim"}
-
-    def test_match_as_a_plain_name(self, analyzer):
-        assert names_of_kind(analyzer, "match = re.match(p, s)\n", SET) == {"match"}
 
 
 class TestParseErrors:
@@ -378,9 +320,6 @@ class TestParseErrors:
         assert errs == [("expression nested too deeply", 2)]
         assert logical.fTypeEquivs == [(b"x", SET)]
 
-    def test_failed_match_header_falls_back_to_an_expression(self, analyzer):
-        assert names_of_kind(analyzer, "match(a, b)\n", GET) == {"match", "a", "b"}
-
     def test_python2_forms_only_with_the_python2_grammar(self, analyzer):
         for toks in (["print", "x", ",", "y"], ["exec", "code", "in", "ns"],
                      ["a", "=", "`", "b", "`"], ["c", "=", "a", "<>", "b"]):
@@ -394,16 +333,11 @@ class TestLogicalContract:
     def test_analysis_is_idempotent_through_fparsed(self, analyzer):
         logical = logical_of("x = y\n")
         assert analyzer.AnalyzeSingleLogical(logical, True) is None
-        assert logical.fParsed is True
+        assert logical.fParsed is True and isinstance(logical.fTypeEquivs, list)
+        assert all(type(n) is bytes and type(i) is bytes for n, i in logical.fTypeEquivs)
         logical.fTypeEquivs = "left alone"
         assert analyzer.AnalyzeSingleLogical(logical, True) is None
         assert logical.fTypeEquivs == "left alone"
-
-    def test_names_are_bytes_in_a_list(self, analyzer):
-        logical = logical_of("x = y\n")
-        analyzer.AnalyzeSingleLogical(logical, True)
-        assert isinstance(logical.fTypeEquivs, list)
-        assert all(type(n) is bytes and type(i) is bytes for n, i in logical.fTypeEquivs)
 
 
 class TestParseTokenListToNode:

@@ -10,7 +10,7 @@ from basekit.location import CLocalFileLocation
 from pysource import filellinecache, scopeinfo, scopescanner as ss, symbolinfo as si
 
 from managerutil import fresh_remote, installed_manager
-from scanutil import (counter_clock, install_recording_cache, records_of_scan,
+from scanutil import (counter_clock, install_recording_cache, local_file, records_of_scan,
                       scan_to_end, kForever)
 
 SOURCE = '''\
@@ -70,12 +70,6 @@ def editor_mgr():
     with installed_manager(editor=True) as mgr:
         install_recording_cache(mgr)
         yield mgr
-
-
-def local_file(tmp_path, text, name="mod.py"):
-    path = tmp_path / name
-    path.write_text(text)
-    return CLocalFileLocation(str(path))
 
 
 def full_scan(loc, scan_name, incomplete=None):
@@ -143,15 +137,6 @@ class TestWholeFile:
         assert incomplete == {scanner.fScope.name}
         assert scanner.Scan(kForever) is ss.kScanAbandoned
         assert "WriteToDatabase" not in mgr.fInfoCache.names()
-        scanner.destroy()
-
-    def test_abandon_has_no_guard_after_the_end(self, mgr, tmp_path):
-        loc = local_file(tmp_path, "x = 1\n")
-        incomplete = set()
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName, incomplete)
-        scanner.AbandonScan()
-        assert scanner.fScanState is ss.kScanAbandoned
-        assert scanner.fScope.name in incomplete
         scanner.destroy()
 
     def test_destroy_releases_the_per_file_info(self, mgr, tmp_path):
@@ -263,29 +248,21 @@ class TestSlices:
             assert mgr.fInfoCache.depth == 0
             scanner.destroy()
 
-    def test_time_out_at_entry_reads_once(self, mgr, tmp_path):
+    def test_time_out_at_entry_still_moves_on(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
         scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
-        assert scanner.Scan(0.0) is ss.kTimedOut
-        assert scanner._CWholeFilePrimaryScanner__fLogicalCache is not None
-        assert not scanner._CWholeFilePrimaryScanner__fUpdateFromCacheCalled
-        assert scanner.fScanState is ss.kReadyToScan
-        assert scanner.Scan(0.0) is ss.kTimedOut
-        assert scanner._CWholeFilePrimaryScanner__fUpdateFromCacheCalled
-        assert scanner.GetMatchedDiskMTime() > 1.0
-        assert scanner._fBodyFinder is None
+        assert scanner.Scan(0.0) is ss.kTimedOut and scanner.Scan(0.0) is ss.kTimedOut
+        assert scanner.fScanState is ss.kReadyToScan and scanner.GetMatchedDiskMTime() > 1.0
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         scanner.destroy()
 
     def test_neighbour_error_still_flushes(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
-        scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
 
         class Broken:
             def AnalyzeSingleLogical(self, logical, py3, first_in_def=False):
                 raise RuntimeError("analyzer broke")
 
-        scanner.fPerFileInfo  # the analyzer is taken from the manager at construction
         mgr.fLogicalAnalyzer = Broken()
         broken_scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
         with pytest.raises(RuntimeError, match="analyzer broke"):
@@ -293,7 +270,6 @@ class TestSlices:
         assert mgr.fInfoCache.depth == 0
         assert broken_scanner.fScanState is ss.kReadyToScan
         broken_scanner.destroy()
-        scanner.destroy()
 
 
 class TestMethodsAndInstances:
@@ -337,18 +313,6 @@ class TestMethodsAndInstances:
         assert si.UnpackLocationAndScope(class_entry[len(si.kSetPrefix) + 1:], False)[1] == "m"
         assert inst.disk_mtime == 5.0 and not inst.incomplete
 
-    def test_method_infos_are_sorted_in_place(self, mgr, tmp_path):
-        loc = local_file(tmp_path, "x = 1\n")
-
-        def info(name):
-            scope = si.NormalizedScope(loc, name)
-            return scopeinfo.CScopeInfo(scopeinfo.CScopeInfoKey(scope, "primary", scope), b"", 1.5, False)
-
-        cls_info = info("C")
-        methods = [info("C.b"), info("C.a"), info("C.c")]
-        ss.CreateClassInstInfo(cls_info, methods, "primary")
-        assert [m.key.for_scope.name for m in methods] == ["C.a", "C.b", "C.c"]
-
 
 class TestRemoteContent:
     def test_waits_for_data_and_resumes_on_modified(self, editor_mgr):
@@ -365,17 +329,6 @@ class TestRemoteContent:
         assert scanner.GetMatchedDiskMTime() == 42.0
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         assert scanner._fAllScopeNames == {"", "f|0"}
-        scanner.destroy()
-
-    def test_redelivery_of_the_same_content_leaves_the_scan(self, editor_mgr):
-        loc = fresh_remote("scanner")
-        loc.SetContent("x = 1\n\ndef f():\n    pass\n", 7.0)
-        scanner = ss.CWholeFilePrimaryScanner(loc, editor_mgr.fPrimaryScanName)
-        with counter_clock() as clock:
-            assert scanner.Scan(clock.slice_end(3)) is ss.kTimedOut
-            loc.SetContent("x = 1\n\ndef f():\n    pass\n", 7.0)
-            assert scanner.fScanState is ss.kReadyToScan
-            assert scan_to_end(scanner, 3, clock)[0] is ss.kFinishedScanning
         scanner.destroy()
 
 

@@ -5,10 +5,10 @@ finishing the record."""
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import manager, scopeinfo, scopescanner as ss, symbolinfo as si
+from pysource import scopeinfo, scopescanner as ss, symbolinfo as si
 
 from managerutil import fresh_remote, installed_manager
-from scanutil import counter_clock, record_of, scan_to_end, kForever
+from scanutil import counter_clock, local_file, record_of, scan_to_end, kForever
 
 
 @pytest.fixture
@@ -18,9 +18,7 @@ def mgr():
 
 
 def open_file(mgr, tmp_path, text, name="mod.py"):
-    path = tmp_path / name
-    path.write_text(text)
-    loc = CLocalFileLocation(str(path))
+    loc = local_file(tmp_path, text, name)
     ana = mgr.fCacheMgr.OpenAnalysis(loc)
     return loc, ana
 
@@ -77,15 +75,6 @@ class TestStandalone:
         assert scanner.fDecoratorLogicals is None
         scanner.destroy()
 
-    def test_standalone_needs_a_cache_manager(self, tmp_path):
-        with installed_manager(editor=False):
-            loc = CLocalFileLocation(str(tmp_path / "m.py"))
-            scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
-            with pytest.raises(AssertionError,
-                               match="CSingleScopePrimaryScanner standalone path requires fCacheMgr"):
-                scanner.Scan(kForever)
-            scanner.destroy()
-
     def test_waits_for_remote_content(self, mgr):
         loc = fresh_remote("single")
         scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
@@ -97,14 +86,6 @@ class TestStandalone:
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         assert scanner.fInfo.ibytes.startswith(si.kFunctionPrefix)
         assert scanner.fInfo.disk_mtime == 9.0
-        scanner.destroy()
-
-    def test_name_keeps_the_form_it_was_given(self, mgr, tmp_path):
-        loc, _ = open_file(mgr, tmp_path, "def f():\n    pass\n")
-        scope = si.Scope(loc, "f")
-        scanner = ss.CSingleScopePrimaryScanner(scope)
-        scan_to_end(scanner)
-        assert scanner.fScope.name == "f" and scanner.fInfo.key.for_scope.name == "f"
         scanner.destroy()
 
     def test_every_clock_reading_makes_progress(self, mgr, tmp_path):
@@ -121,14 +102,6 @@ class TestStandalone:
             assert record_of(scanner.fInfo) == expected
             assert scanner.fScanState is ss.kFinishedScanning
             scanner.destroy()
-
-    def test_own_per_file_info_goes_with_the_scanner(self, mgr, tmp_path):
-        loc, _ = open_file(mgr, tmp_path, "x = 1\n")
-        scanner = scan(loc, "")
-        destroyed = []
-        scanner.fPerFileInfo.connect("destroy", lambda *a: destroyed.append(1))
-        scanner.destroy()
-        assert destroyed == [1]
 
     def test_save_before_the_end_is_discarded(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "x = 1\n")
@@ -171,10 +144,6 @@ class TestDefiningLogical:
         assert default and si.UnpackLocationAndScope(default[0], False)[1] == ""
         assert scanner.fInfo._domains == {"a": b"argument", "b": b"argument", "rest": b"argument"}
 
-    def test_no_arguments(self, loc):
-        scanner = scan(loc, "none")
-        assert names_of(scanner) == {} and scanner.fInfo._domains is None
-
     def test_static_method_has_no_self(self, loc):
         scanner = scan(loc, "C.st")
         info = names_of(scanner)
@@ -197,11 +166,6 @@ class TestDefiningLogical:
         assert singles(names_of(scanner)[""]) == [si.BuildDecoratorInfo(1, "util.wraps")]
         assert si.kSelfPrefix in singles(names_of(scanner)["self"])
         assert "y" in scanner.fInfo.inst_type_equivs
-
-    def test_class_body(self, loc):
-        scanner = scan(loc, "C")
-        assert scanner._CSingleScopePrimaryScanner__fSelfDotName is None
-        assert names_of(scanner)["return"] == si.kInstancePrefix
 
 
 class TestBody:
@@ -353,11 +317,6 @@ class TestDefinitionInfo:
         assert m.kind == si.kUnboundMethodKind
         s, _ = self.def_info(loc, "C.s")
         assert s.arg_decl.replace(" ", "") == "(a:int)"
-
-    def test_source_annotation_stays(self, mgr, tmp_path):
-        loc, _ = open_file(mgr, tmp_path, "def f(a: bytes):\n    # type: (int) -> str\n    pass\n")
-        f, _ = self.def_info(loc, "f")
-        assert f.arg_decl.replace(" ", "") == "(a:bytes)"
 
     def test_class_declarations(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "class A[T](Base):\n    pass\nclass B:\n    pass\n"

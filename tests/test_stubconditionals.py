@@ -7,7 +7,7 @@ from basekit.location import CLocalFileLocation
 from pysource import scopescanner as ss, symbolinfo as si
 
 from managerutil import installed_manager
-from scanutil import scan_to_end
+from scanutil import local_file, scan_to_end
 
 STUB = '''\
 import sys
@@ -43,9 +43,7 @@ def mgr():
 
 
 def module_names(mgr, tmp_path, text, name):
-    path = tmp_path / name
-    path.write_text(text)
-    loc = CLocalFileLocation(str(path))
+    loc = local_file(tmp_path, text, name)
     scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
     assert scan_to_end(scanner)[0] is ss.kFinishedScanning
     info = mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, ""))
@@ -63,37 +61,26 @@ def conditions(entry):
 
 
 class TestStubFile:
-    @pytest.fixture
-    def names(self, mgr, tmp_path):
-        return module_names(mgr, tmp_path, STUB, "mod.pyi")
+    @pytest.fixture(scope="class")
+    def names(self, tmp_path_factory):
+        with installed_manager(editor=False) as mgr:
+            return module_names(mgr, tmp_path_factory.mktemp("stub"), STUB, "mod.pyi")
 
-    def test_block_and_else(self, names):
-        assert conditions(names["f"]) == ["sys.version_info>=(3,8)"]
-        assert conditions(names["x"]) == ["sys.version_info>=(3,8)"]
-        assert conditions(names["g"]) == ["notsys.version_info>=(3,8)"]
-        assert conditions(names["y"]) == []
+    V38 = ["sys.version_info>=(3,8)"]
 
-    def test_nested_if_leaves_the_outer_condition(self, names):
-        # The nested if is no simple condition and isn't tracked itself.
-        assert conditions(names["w"]) == ["sys.version_info>=(3,8)"]
-        assert conditions(names["z"]) == ["sys.version_info>=(3,8)"]
-
-    def test_elif_ends_the_chain(self, names):
-        assert conditions(names["a"]) == ["sys.version_info>=(3,9)"]
-        assert conditions(names["b"]) == []
-        assert conditions(names["c"]) == []
-
-    def test_hasattr_is_simple(self, names):
-        assert conditions(names["h"]) == ["hasattr(sys,'spam')"]
-
-    def test_one_line_block_is_split_into_a_block(self, names):
-        # The logical lines split "if c: stmt" into the header and a deeper
-        # statement, so the statement is in the block.
-        assert conditions(names["one"]) == ["sys.version_info>=(3,10)"]
-        assert conditions(names["after"]) == []
-
-    def test_semicolon_is_not_simple(self, names):
-        assert conditions(names.get("semi", b"")) == []
+    @pytest.mark.parametrize("name, expected", [
+        ("f", V38), ("x", V38), ("g", ["notsys.version_info>=(3,8)"]), ("y", []),
+        # a nested if is no simple condition: the outer one stays
+        ("w", V38), ("z", V38),
+        # elif ends the chain
+        ("a", ["sys.version_info>=(3,9)"]), ("b", []), ("c", []),
+        ("h", ["hasattr(sys,'spam')"]),
+        # "if c: stmt" is split into the header and a deeper statement
+        ("one", ["sys.version_info>=(3,10)"]), ("after", []),
+        ("semi", []),  # a semicolon is not simple
+    ])
+    def test_conditions_of_each_name(self, names, name, expected):
+        assert conditions(names.get(name, b"")) == expected
 
 
 def test_plain_file_is_never_wrapped(mgr, tmp_path):
