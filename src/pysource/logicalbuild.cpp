@@ -222,7 +222,8 @@ void FoldNameTokens(CLogicalLine &l) {
 
 class LogicalBuilder {
 public:
-    explicit LogicalBuilder(std::string_view text) : fText(text) {
+    explicit LogicalBuilder(std::string_view text)
+        : fText(text), fMayFoldNames(HasNonAsciiByte(text)) {
         fScopes.push_back(Scope{-1, nb::str(""), {}});
     }
 
@@ -249,6 +250,7 @@ private:
     }
 
     std::string_view fText;
+    bool fMayFoldNames;  // only a text with non-ASCII bytes can hold names to fold
     std::vector<ScannedToken> fPending;  // tokens of the current statement line
     std::vector<Token> fSpanToks;        // the same, as offsets into fText
     std::vector<Scope> fScopes;
@@ -370,7 +372,8 @@ void LogicalBuilder::Emit(size_t b, size_t e, int indent, LogicalKind kind) {
     l.fLineCount = last.last_line - first.line + 1;
     l.fSpacesInIndent = fLineSpaces;
     l.fTabsInIndent = fLineTabs;
-    FoldNameTokens(l);  // after fFirstLine: the kept positions count from it
+    if (fMayFoldNames)
+        FoldNameTokens(l);  // after fFirstLine: the kept positions count from it
     PlaceInScope(l);
     fOut.push_back(std::move(logical));
 }
