@@ -23,7 +23,6 @@ import re
 import subprocess
 import sys
 import _symtable
-import unicodedata
 
 from basekit.location import CLocalFileLocation
 from pysource import manager, scopescanner, symbolinfo as si
@@ -321,23 +320,6 @@ def _private_name(fact, records):
     return other is not None and fact_holds(fact.with_name(other), records)
 
 
-def _folded_identifier(fact, records):
-    """Python folds non-ASCII identifiers to their NFKC form (`ｗｉｄｔｈ` is
-    `width`); records keep the name as written."""
-    if fact.rule == kKnownNameRule:
-        if fact.name is None or fact.name.isascii():
-            return False
-        folded = unicodedata.normalize("NFKC", fact.name)
-        return folded != fact.name and fact_holds(fact.with_name(folded), records)
-    record = records.get(fact.scope)
-    if fact.rule == kRecordRule or record is None:
-        return False
-    names = record.type_equivs.keys() | (record._domains or {}).keys()
-    return any(not name.isascii() and name != fact.name
-               and unicodedata.normalize("NFKC", name) == fact.name
-               and fact_holds(fact.with_name(name), records) for name in names)
-
-
 def _lazy_annotation(fact, records):
     """Under `from __future__ import annotations` Python never reads an
     annotation; records read the names in it.  Only names read and never
@@ -367,7 +349,6 @@ def _string_annotation(fact, records):
 EXCEPTIONS = (
     ("__class__ cell read by super()", _implicit_class_cell),
     ("private name mangled by symtable", _private_name),
-    ("non-ASCII name folded by Python", _folded_identifier),
     ("annotation never read by Python", _lazy_annotation),
     ("name read in a string annotation", _string_annotation),
 )

@@ -230,6 +230,57 @@ async def f():
                    if l.fType not in (ll.kClassDef, ll.kFunctionDef))
 
 
+class TestNameFolding:
+    """Name tokens carry the NFKC form Python reads; nothing else is folded."""
+
+    @staticmethod
+    def written_positions(src):
+        skip = {token.NL, token.NEWLINE, token.INDENT, token.DEDENT, token.ENDMARKER}
+        return [t.start for t in tokenize.generate_tokens(io.StringIO(src).readline)
+                if t.type not in skip]
+
+    def test_fullwidth_letters_and_micro_sign(self):
+        l = logicals("ｗｉｄｔｈ = µ * 2\n")[0]
+        assert l.fToks == ["width", "=", "\u03bc", "*", "2"]
+        assert l.GetTokenString(0) == "width" and l.GetTokenString(-3) == "\u03bc"
+        assert l.fText == "width = \u03bc * 2"
+
+    def test_names_already_folded_and_ascii_names_stay(self):
+        l = logicals("café = μ + x_1\n")[0]
+        assert l.fToks == ["café", "=", "μ", "+", "x_1"]
+        assert l.fText == "café = μ + x_1"
+
+    def test_strings_and_comments_keep_their_characters(self):
+        src = "s = 'ｗｉｄｔｈ µ' + ｗ  # type: str\n# ｗｉｄｔｈ µ\n"
+        first, comment = logicals(src)
+        assert first.fToks == ["s", "=", "'ｗｉｄｔｈ µ'", "+", "w", "# type: str"]
+        assert comment.fToks == ["# ｗｉｄｔｈ µ"]
+
+    def test_def_named_with_a_foldable_name(self):
+        src = "class Ｃ:\n    def ﬁnd(self): pass\n    def find(self):\n        ｘ = 1\n"
+        ls = logicals(src)
+        assert [(l.fScopeName, l.fLocalScopeName) for l in ls
+                if l.fType in (ll.kClassDef, ll.kFunctionDef)] == [
+            ("", "C|0"), ("C", "find|0"), ("C", "find|1")]
+        assert ls[-1].fScopeName == "C.find|1" and ls[-1].fToks[0] == "x"
+
+    @pytest.mark.parametrize("src", [
+        "ﬁ = (ﬁ,\n      ｙ + 'ﬁ')  # type: int\n",
+        "def ﬁnd(ｘ, ℌ=1): return ｘ\n",
+        "ｘ = 1\nif ｘ: ｙ = ｘ\n",
+        "Ⅸ = \\\n  ｘ\n",
+    ])
+    def test_positions_point_into_the_written_source(self, src):
+        got = [p for l in logicals(src) for p in l.fPositions]
+        assert got == self.written_positions(src)
+
+    def test_text_holds_the_folded_names_and_the_type_comment(self):
+        src = "ｘ = [ﬁ,\n     µ]  # type: List[int]\n"
+        l = logicals(src)[0]
+        assert l.fToks == ["x", "=", "[", "fi", ",", "\u03bc", "]", "# type: List[int]"]
+        assert l.fText == "x = [fi,\n     \u03bc]  # type: List[int]"
+
+
 class TestDecoding:
     def test_bad_utf8_is_replaced_and_recorded(self):
         text, encoding, errors = DecodeSource(b"x = 1\ny = '\xff\xfe'\n")

@@ -1,5 +1,6 @@
 #include "pysource/logicalbuild.h"
 
+#include "pysource/namefold.h"
 #include "pysource/srctokenizer.h"
 
 #include <nanobind/stl/string.h>
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <unordered_map>
 
 namespace pysource {
@@ -179,9 +181,49 @@ bool DecodeWithCodec(std::string_view data, const std::string &encoding, Py_ssiz
 
 nb::str MakeStr(std::string_view text) { return nb::str(text.data(), text.size()); }
 
+// Gives every name token of a logical its NFKC spelling (the name Python
+// reads).  The logical's text is rebuilt with the folded names spliced in and
+// the later token offsets moved, so that tokens stay slices of it; since that
+// text no longer matches the source character for character, the positions
+// are worked out from the written text first and kept.  ASCII names are
+// passed over without a look.
+void FoldNameTokens(CLogicalLine &l) {
+    std::vector<std::optional<std::string>> folded;
+    for (size_t i = 0; i < l.fTokens.size(); i++) {
+        if (l.fTokens[i].type != kTokName || !HasNonAsciiByte(l.TokenText((Py_ssize_t) i)))
+            continue;
+        std::optional<std::string> name = FoldedIdentifier(l.TokenText((Py_ssize_t) i));
+        if (!name)
+            continue;
+        folded.resize(l.fTokens.size());
+        folded[i] = std::move(name);
+    }
+    if (folded.empty())
+        return;
+    l.fPositionsGiven = l.GetPositions();
+    std::string text;
+    size_t copied = 0;  // end of what is taken over from the written text
+    for (size_t i = 0; i < l.fTokens.size(); i++) {
+        Token &t = l.fTokens[i];
+        size_t written = t.offset;
+        text.append(l.fText, copied, written - copied);
+        copied = written + t.length;
+        t.offset = (std::uint32_t) text.size();
+        if (i < folded.size() && folded[i]) {
+            text.append(*folded[i]);
+            t.length = (std::uint32_t) folded[i]->size();
+        } else {
+            text.append(l.fText, written, t.length);
+        }
+    }
+    text.append(l.fText, copied, std::string::npos);
+    l.fText = std::move(text);
+}
+
 class LogicalBuilder {
 public:
-    explicit LogicalBuilder(std::string_view text) : fText(text) {
+    explicit LogicalBuilder(std::string_view text)
+        : fText(text), fMayFoldNames(HasNonAsciiByte(text)) {
         fScopes.push_back(Scope{-1, nb::str(""), {}});
     }
 
@@ -201,12 +243,14 @@ private:
     void Emit(size_t b, size_t e, int indent, LogicalKind kind);
     void PlaceInScope(CLogicalLine &l);
     int ExpandedColumn(const ScannedToken &tok) const;
+    Py_ssize_t CharacterColumn(const ScannedToken &tok) const;
     void IndentChars(const ScannedToken &tok, bool *spaces, bool *tabs) const;
     TokenSpan Span(size_t b, size_t e) const {
         return TokenSpan{fText.data(), fSpanToks.data() + b, e - b};
     }
 
     std::string_view fText;
+    bool fMayFoldNames;  // only a text with non-ASCII bytes can hold names to fold
     std::vector<ScannedToken> fPending;  // tokens of the current statement line
     std::vector<Token> fSpanToks;        // the same, as offsets into fText
     std::vector<Scope> fScopes;
@@ -214,6 +258,7 @@ private:
     bool fLineSpaces = false;
     bool fLineTabs = false;
     Py_ssize_t fLastEmitStart = 0;  // offset in fText where the last logical's text starts
+    Py_ssize_t fLastEmitEnd = 0;    // and where it ends (its own text may hold folded names)
     ScannedToken fTypeComment;      // a `# type:` comment behind the current statement
     bool fHaveTypeComment = false;
 };
@@ -248,6 +293,14 @@ int LogicalBuilder::ExpandedColumn(const ScannedToken &tok) const {
         else if ((c & 0xC0) != 0x80)
             col++;
     }
+    return col;
+}
+
+Py_ssize_t LogicalBuilder::CharacterColumn(const ScannedToken &tok) const {
+    Py_ssize_t col = 0;
+    for (Py_ssize_t i = tok.LineStart(); i < tok.offset; i++)
+        if (((unsigned char) fText[(size_t) i] & 0xC0) != 0x80)
+            col++;
     return col;
 }
 
@@ -307,6 +360,7 @@ void LogicalBuilder::Emit(size_t b, size_t e, int indent, LogicalKind kind) {
     nb::ref<CLogicalLine> logical = new CLogicalLine();
     CLogicalLine &l = *logical;
     fLastEmitStart = start;
+    fLastEmitEnd = end;
     l.fText.assign(fText.data() + start, (size_t) (end - start));
     l.fTokens.reserve(e - b);
     for (size_t i = b; i < e; i++)
@@ -318,6 +372,8 @@ void LogicalBuilder::Emit(size_t b, size_t e, int indent, LogicalKind kind) {
     l.fLineCount = last.last_line - first.line + 1;
     l.fSpacesInIndent = fLineSpaces;
     l.fTabsInIndent = fLineTabs;
+    if (fMayFoldNames)
+        FoldNameTokens(l);  // after fFirstLine: the kept positions count from it
     PlaceInScope(l);
     fOut.push_back(std::move(logical));
 }
@@ -389,11 +445,15 @@ void LogicalBuilder::AttachTypeComment() {
     CLogicalLine &l = *fOut.back();
     if (!TakesTypeComment(l.fKind))
         return;
-    size_t text_end = (size_t) fLastEmitStart + l.fText.size();
+    size_t text_end = (size_t) fLastEmitEnd;
     size_t comment_end = (size_t) (fTypeComment.offset + fTypeComment.length);
+    size_t comment_offset = l.fText.size() + (size_t) fTypeComment.offset - text_end;
     l.fText.append(fText.data() + text_end, comment_end - text_end);
-    l.fTokens.push_back(Token{(std::uint32_t) (fTypeComment.offset - fLastEmitStart),
-                              (std::uint32_t) fTypeComment.length, kTokComment});
+    l.fTokens.push_back(Token{(std::uint32_t) comment_offset, (std::uint32_t) fTypeComment.length,
+                              kTokComment});
+    if (!l.fPositionsGiven.is_none())
+        nb::borrow<nb::list>(l.fPositionsGiven).append(
+            nb::make_tuple(fTypeComment.line, CharacterColumn(fTypeComment)));
 }
 
 std::vector<nb::ref<CLogicalLine>> LogicalBuilder::Run() {

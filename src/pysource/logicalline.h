@@ -161,8 +161,9 @@ public:
     // with kErrorTokenPrefix ahead of their text.
     nb::object GetToks();         // list of str
     nb::object GetTokenString(Py_ssize_t i);  // str; negative i counts from the end; IndexError outside
-    // (line, column) of every token: as given to CreateLogical, or worked out
-    // from fText (columns in characters).
+    // (line, column) of every token: as given to CreateLogical or kept by the
+    // builder (for a logical whose names were folded), else worked out from
+    // fText (columns in characters).
     nb::object GetPositions();
     std::string Repr() const;
 
@@ -170,7 +171,7 @@ public:
     int Traverse(visitproc visit, void *arg);
     void Clear();
 
-    nb::object fPositionsGiven;  // positions passed to CreateLogical, or None
+    nb::object fPositionsGiven;  // positions passed to CreateLogical or kept by the builder, or None
 
 private:
     nb::object fToksCache;
