@@ -103,31 +103,45 @@ bool CanStartSoftKeywordOperand(const TokenSpan &s, size_t i) {
            type == kTokPlus || type == kTokStar || type == kTokTilde || type == kTokEllipsis;
 }
 
-// `match x:` / `case p:` against the same words used as names.
-bool IsSoftKeywordHeader(const TokenSpan &s) {
-    return CanStartSoftKeywordOperand(s, 1) && FindHeaderColon(s) > 0;
-}
-
-LogicalKind ClassifyByOperators(const TokenSpan &s) {
+// The index of the first token at bracket depth zero, from `start` on, for
+// which `stop(i, type)` is true (brackets themselves are not offered), or -1.
+template <typename Stop>
+Py_ssize_t FindAtTopLevel(const TokenSpan &s, size_t start, Stop stop) {
     int depth = 0;
-    for (size_t i = 0; i < s.count; i++) {
+    for (size_t i = start; i < s.count; i++) {
         int type = s.Type(i);
         if (IsOpening(type)) {
             depth++;
         } else if (IsClosing(type)) {
             if (depth > 0)
                 depth--;
-        } else if (depth == 0) {
-            if (type == kTokEqual)
-                return LogicalKind::kAssignment;
-            if (type == kTokColon)
-                return LogicalKind::kAnnAssignment;
-            if (IsAugmentedAssign(type))
-                return LogicalKind::kAugAssignment;
-            if (type == kTokName && s.Text(i) == "lambda")
-                break;
+        } else if (depth == 0 && stop(i, type)) {
+            return (Py_ssize_t) i;
         }
     }
+    return -1;
+}
+
+// `match x:` / `case p:` against the same words used as names.
+bool IsSoftKeywordHeader(const TokenSpan &s) {
+    return CanStartSoftKeywordOperand(s, 1) && FindHeaderColon(s) > 0;
+}
+
+LogicalKind ClassifyByOperators(const TokenSpan &s) {
+    LogicalKind kind = LogicalKind::kUnknown;
+    FindAtTopLevel(s, 0, [&](size_t i, int type) {
+        if (type == kTokEqual)
+            kind = LogicalKind::kAssignment;
+        else if (type == kTokColon)
+            kind = LogicalKind::kAnnAssignment;
+        else if (IsAugmentedAssign(type))
+            kind = LogicalKind::kAugAssignment;
+        else
+            return type == kTokName && s.Text(i) == "lambda";  // the rest is its body
+        return true;
+    });
+    if (kind != LogicalKind::kUnknown)
+        return kind;
     for (size_t i = 0; i < s.count; i++)
         if (s.Type(i) != kTokString)
             return LogicalKind::kExpression;
@@ -227,28 +241,21 @@ bool IsCompoundHeaderKind(LogicalKind kind) {
 }
 
 Py_ssize_t FindHeaderColon(const TokenSpan &s) {
-    int depth = 0;
-    int open_lambdas = 0;
-    for (size_t i = 1; i < s.count; i++) {
-        int type = s.Type(i);
-        if (IsOpening(type)) {
-            depth++;
-        } else if (IsClosing(type)) {
-            if (depth > 0)
-                depth--;
-        } else if (depth == 0) {
-            if (type == kTokName && s.Text(i) == "lambda") {
-                open_lambdas++;
-            } else if (type == kTokColon) {
-                if (open_lambdas == 0)
-                    return (Py_ssize_t) i;
-                open_lambdas--;
-            } else if (type == kTokSemi) {
-                return -1;
-            }
+    int open_lambdas = 0;  // each lambda's own colon comes before the header's
+    bool at_semicolon = false;
+    Py_ssize_t at = FindAtTopLevel(s, 1, [&](size_t i, int type) {
+        if (type == kTokName && s.Text(i) == "lambda") {
+            open_lambdas++;
+        } else if (type == kTokColon) {
+            if (open_lambdas == 0)
+                return true;
+            open_lambdas--;
+        } else if (type == kTokSemi) {
+            return at_semicolon = true;
         }
-    }
-    return -1;
+        return false;
+    });
+    return at_semicolon ? -1 : at;
 }
 
 Py_ssize_t DefinedNameIndex(const TokenSpan &s) {
