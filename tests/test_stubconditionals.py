@@ -60,12 +60,13 @@ def conditions(entry):
     return out
 
 
-class TestStubFile:
-    @pytest.fixture(scope="class")
-    def names(self, tmp_path_factory):
-        with installed_manager(editor=False) as mgr:
-            return module_names(mgr, tmp_path_factory.mktemp("stub"), STUB, "mod.pyi")
+@pytest.fixture(scope="module")
+def stub_names(tmp_path_factory):
+    with installed_manager(editor=False) as mgr:
+        return module_names(mgr, tmp_path_factory.mktemp("stub"), STUB, "mod.pyi")
 
+
+class TestStubFile:
     V38 = ["sys.version_info>=(3,8)"]
 
     @pytest.mark.parametrize("name, expected", [
@@ -79,8 +80,8 @@ class TestStubFile:
         ("one", ["sys.version_info>=(3,10)"]), ("after", []),
         ("semi", []),  # a semicolon is not simple
     ])
-    def test_conditions_of_each_name(self, names, name, expected):
-        assert conditions(names.get(name, b"")) == expected
+    def test_conditions_of_each_name(self, stub_names, name, expected):
+        assert conditions(stub_names.get(name, b"")) == expected
 
 
 def test_plain_file_is_never_wrapped(mgr, tmp_path):
