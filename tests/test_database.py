@@ -42,6 +42,16 @@ def as_json(value):
     return json.loads(json.dumps(value, default=lambda b: b.decode("latin-1")))
 
 
+def one_record_db(tmp_path, equivs=None):
+    """A closed database holding one module record of a.py; gives (db path, a.py)."""
+    db, a = tmp_path / "index.db", loc_of(tmp_path, "a.py")
+    cache = CInfoCache(db_path=db)
+    cache.AddScopeInfo(primary_record(Scope(a, ""), equivs or {}), True)
+    cache.WriteToDatabase()
+    cache.CloseDatabase()
+    return db, a
+
+
 WRITE_PROJECT = """
 a, b = loc_of(work, "a.py"), loc_of(work, "b.py")
 cache = CInfoCache(db_path=db)
@@ -63,12 +73,18 @@ print("RESULT", json.dumps(out, default=lambda b: b.decode("latin-1")))
 """
 
 
+@pytest.fixture
+def project_db(tmp_path):
+    """The database a finished process wrote for a.py and b.py; gives (path, its output)."""
+    return tmp_path / "index.db", run_child(tmp_path, WRITE_PROJECT)
+
+
 class TestSurvivesTheProcess:
-    def test_a_new_cache_serves_the_records_of_a_finished_process(self, tmp_path):
-        output = run_child(tmp_path, WRITE_PROJECT)
+    def test_a_new_cache_serves_the_records_of_a_finished_process(self, tmp_path, project_db):
+        db, output = project_db
         written = json.loads(output.split("RESULT ", 1)[1])
         a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
-        cache = CInfoCache(db_path=tmp_path / "index.db")
+        cache = CInfoCache(db_path=db)
         assert cache.fDatabaseMessage is None
         for name, scope in [("mod", Scope(a, "")), ("f", Scope(a, "f")), ("g", Scope(b, "g"))]:
             assert as_json(record_summary(cache.GetScopeInfo(scope))) == written[name]
@@ -81,19 +97,12 @@ class TestSurvivesTheProcess:
         assert merged.scopes_seen == {Scope(a, ""), Scope(b, "g")}
         # Loaded scopes carry the interned locations again.
         assert next(iter(merged.scopes_seen)).loc in (a, b)
-
-    def test_an_unchanged_file_is_known_as_scanned(self, tmp_path):
-        run_child(tmp_path, WRITE_PROJECT)
-        a = loc_of(tmp_path, "a.py")
-        cache = CInfoCache(db_path=tmp_path / "index.db")
-        assert cache.IsScanDone(a, PRIMARY, 10.0)
-        assert not cache.IsScanDone(a, PRIMARY, 11.0)
-        assert cache.GetEOLBlindChecksum(a) == 2**80 + 7
-        assert cache.GetLocDiskMTime(a) == 10.0
+        # The facts of an unchanged file tell it is scanned.
+        assert cache.IsScanDone(a, PRIMARY, 10.0) and not cache.IsScanDone(a, PRIMARY, 11.0)
+        assert cache.GetEOLBlindChecksum(a) == 2**80 + 7 and cache.GetLocDiskMTime(a) == 10.0
         assert cache.GetWords(a) == {"alpha", "beta"}
 
-    def test_removals_reach_the_file(self, tmp_path):
-        run_child(tmp_path, WRITE_PROJECT)
+    def test_removals_reach_the_file(self, tmp_path, project_db):
         # A second process scans g again; it derives nothing this time.  The record it
         # voids lives in a.py, which that process never loaded.
         run_child(tmp_path, """
@@ -146,12 +155,7 @@ class TestSurvivesTheProcess:
 class TestConcurrentAndInterrupted:
     def test_reader_reads_while_a_writer_writes_and_a_killed_writer_loses_only_its_write(
             self, tmp_path):
-        a = loc_of(tmp_path, "a.py")
-        db = tmp_path / "index.db"
-        first = CInfoCache(db_path=db)
-        first.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"old"}), True)
-        first.WriteToDatabase()
-        first.CloseDatabase()
+        db, a = one_record_db(tmp_path, {"x": b"old"})
 
         writer = run_child(tmp_path, """
             cache = CInfoCache(db_path=db)
@@ -209,12 +213,7 @@ class TestConcurrentAndInterrupted:
 
 class TestUnusableFiles:
     def test_another_schema_version_is_rebuilt_with_a_message(self, tmp_path, caplog):
-        db = tmp_path / "index.db"
-        a = loc_of(tmp_path, "a.py")
-        cache = CInfoCache(db_path=db)
-        cache.AddScopeInfo(primary_record(Scope(a, ""), {}), True)
-        cache.WriteToDatabase()
-        cache.CloseDatabase()
+        db, a = one_record_db(tmp_path)
         with sqlite3.connect(db) as conn:
             conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
         with caplog.at_level(logging.WARNING, logger="pysource.scopeinfo"):
@@ -244,12 +243,7 @@ class TestUnusableFiles:
             assert conn.execute("SELECT text FROM notes").fetchall() == [("mine",)]
 
     def test_a_damaged_record_is_reported_with_the_file(self, tmp_path):
-        db = tmp_path / "index.db"
-        a = loc_of(tmp_path, "a.py")
-        cache = CInfoCache(db_path=db)
-        cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"1"}), True)
-        cache.WriteToDatabase()
-        cache.CloseDatabase()
+        db, a = one_record_db(tmp_path, {"x": b"1"})
         with sqlite3.connect(db) as conn:
             conn.execute("UPDATE records SET type_equivs = x'05ff'")
         reader = CInfoCache(db_path=db)
@@ -296,8 +290,8 @@ def urls_of(locs):
 
 
 class TestListingLocations:
-    def test_locations_only_in_the_file_are_listed_without_reading_their_records(self, tmp_path):
-        run_child(tmp_path, WRITE_PROJECT)
+    def test_locations_only_in_the_file_are_listed_without_reading_their_records(
+            self, tmp_path, project_db):
         a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
         cache = CInfoCache(db_path=tmp_path / "index.db")
         assert urls_of(cache.GetLocations()) == sorted([a.fUrl, b.fUrl])
@@ -341,27 +335,21 @@ class TestListingLocations:
 
 
 class TestReadOnly:
-    def test_reads_what_a_writer_stored(self, tmp_path):
-        run_child(tmp_path, WRITE_PROJECT)
+    def test_reads_what_a_writer_stored_and_refuses_to_write(self, tmp_path, project_db):
+        db, _ = project_db
         a = loc_of(tmp_path, "a.py")
         cache = CInfoCache()
-        cache.OpenDatabase(str(tmp_path / "index.db"), read_only=True)
+        cache.OpenDatabase(str(db), read_only=True)
         assert cache.fDatabaseReadOnly
         assert cache.GetScopesForLoc(a) == ["", "f"]
         assert cache.GetScopeInfo(Scope(a, "f")).GetInfoBytes("arg") == b"str"
         assert cache.IsScanDone(a, PRIMARY, 10.0)
         assert cache.WriteToDatabase() == 0   # nothing to write: no complaint
-
-    def test_a_write_is_refused_and_the_file_is_untouched(self, tmp_path):
-        run_child(tmp_path, WRITE_PROJECT)
-        db = tmp_path / "index.db"
-        cache = CInfoCache()
-        cache.OpenDatabase(str(db), read_only=True)
         cache.AddScopeInfo(primary_record(Scope(loc_of(tmp_path, "new.py"), ""), {}), True)
         with pytest.raises(CInfoDatabaseError, match="read-only"):
             cache.WriteToDatabase()
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == urls_of(
-            [loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")])
+            [a, loc_of(tmp_path, "b.py")])
 
     def test_a_missing_file_is_reported_and_not_made(self, tmp_path):
         db = tmp_path / "nothere.db"
@@ -369,9 +357,8 @@ class TestReadOnly:
             CInfoCache().OpenDatabase(str(db), read_only=True)
         assert not db.exists()
 
-    def test_another_schema_version_is_reported_and_not_rebuilt(self, tmp_path):
-        run_child(tmp_path, WRITE_PROJECT)
-        db = tmp_path / "index.db"
+    def test_another_schema_version_is_reported_and_not_rebuilt(self, project_db):
+        db, _ = project_db
         with sqlite3.connect(db) as conn:
             conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
         with pytest.raises(CInfoDatabaseError, match="schema version"):

@@ -27,6 +27,12 @@ def cache():
     c.destroy()
 
 
+def add_derived(cache, scanned, target, equivs, replace=True):
+    """Adds the one record a derived scan of `scanned` gives for `target`."""
+    return cache.AddScopeInfoListForSingleScan(
+        scanned, DERIVED, [derived_record(target, scanned, equivs)], replace)
+
+
 def batches_of(cache):
     seen = []
     cache.connect("scopes-modified", lambda emitter, scopes: seen.append((emitter, scopes)))
@@ -60,9 +66,8 @@ class TestAddAndCount:
         cache.AddScopeInfo(primary_record(m, {}))
         assert cache.CountScopeInfoRecords(m) == 1
         assert cache.CountScopeInfoRecords(f) < 0
-        cache.AddScopeInfoListForSingleScan(f, DERIVED, [derived_record(m, f, {"g": b"int"})], True)
-        cache.AddScopeInfoListForSingleScan(
-            Scope(loc, "h"), DERIVED, [derived_record(m, Scope(loc, "h"), {"g": b"str"})], True)
+        add_derived(cache, f, m, {"g": b"int"})
+        add_derived(cache, Scope(loc, "h"), m, {"g": b"str"})
         assert cache.CountScopeInfoRecords(m) == 3
 
     def test_bad_arguments(self, cache, loc):
@@ -81,7 +86,7 @@ class TestMerging:
         primary = primary_record(target, {"x": b":s1", "y": b":g2"}, inst={"i": b"int"})
         cache.AddScopeInfo(primary)
         # The record from b's file is added first; merging does not depend on that order.
-        cache.AddScopeInfoListForSingleScan(b, DERIVED, [derived_record(target, b, {"x": b"str"})], True)
+        add_derived(cache, b, target, {"x": b"str"})
         from_a = derived_record(target, a, {"x": b"int", "z": b"bytes"})
         from_a.inst_type_equivs = {"j": b"float"}
         cache.AddScopeInfoListForSingleScan(a, DERIVED, [from_a], True)
@@ -98,39 +103,31 @@ class TestMerging:
         assert dict(primary.type_equivs) == {"x": b":s1", "y": b":g2"}
         assert len(cache.GetScopeInfoRecords(target)) == 3
 
-    def test_merged_info_is_kept_until_a_record_changes(self, cache, loc):
+    @pytest.mark.parametrize("primary, derived, merged", [
+        (b"1", b"3", b"1;3"),
+        (b"int", b"int", b"int"),                        # identical singles once
+        (b"a;b(1;2)", b"b(1;2);c", b"a;b(1;2);c"),       # singles already in a compound
+    ])
+    def test_merged_bytes(self, cache, loc, primary, derived, merged):
         target, a = Scope(loc, "f"), Scope(loc, "a")
-        cache.AddScopeInfo(primary_record(target, {"x": b"1"}))
-        cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"2"})], True)
+        cache.AddScopeInfo(primary_record(target, {"x": primary}))
+        add_derived(cache, a, target, {"x": b"0"})
         first = cache.GetScopeInfo(target)
-        assert cache.GetScopeInfo(target) is first
-        cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"3"})], True)
-        second = cache.GetScopeInfo(target)
-        assert second is not first and second.GetInfoBytes("x") == b"1;3"
-
-    def test_identical_singles_are_not_repeated(self, cache, loc):
-        target, a = Scope(loc, "f"), Scope(loc, "a")
-        cache.AddScopeInfo(primary_record(target, {"x": b"int"}))
-        cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"int"})], True)
-        assert cache.GetScopeInfo(target).GetInfoBytes("x") == b"int"
-
-    def test_singles_already_in_a_compound_are_not_repeated(self, cache, loc):
-        target, a = Scope(loc, "f"), Scope(loc, "a")
-        cache.AddScopeInfo(primary_record(target, {"x": b"a;b(1;2)"}))
-        cache.AddScopeInfoListForSingleScan(
-            a, DERIVED, [derived_record(target, a, {"x": b"b(1;2);c"})], True)
-        assert cache.GetScopeInfo(target).GetInfoBytes("x") == b"a;b(1;2);c"
+        assert cache.GetScopeInfo(target) is first  # kept until a record changes
+        add_derived(cache, a, target, {"x": derived})
+        assert cache.GetScopeInfo(target) is not first
+        assert cache.GetScopeInfo(target).GetInfoBytes("x") == merged
 
     def test_derived_records_alone_give_no_info(self, cache, loc):
         target, a = Scope(loc, "f"), Scope(loc, "a")
-        cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"2"})], True)
+        add_derived(cache, a, target, {"x": b"2"})
         assert cache.CountScopeInfoRecords(target) == 1
         assert cache.GetScopeInfo(target) is None
 
     def test_trim_drops_merged_infos_above_the_bound(self, cache, loc):
         target, a = Scope(loc, "f"), Scope(loc, "a")
         cache.AddScopeInfo(primary_record(target, {"x": b"1"}))
-        cache.AddScopeInfoListForSingleScan(a, DERIVED, [derived_record(target, a, {"x": b"2"})], True)
+        add_derived(cache, a, target, {"x": b"2"})
         first = cache.GetScopeInfo(target)
         cache.fMaxMergedInfos = 0
         cache.Trim()
@@ -147,30 +144,26 @@ class TestSingleScan:
             scanned, DERIVED,
             [derived_record(t1, scanned, {"a": b"1"}), derived_record(t2, scanned, {"b": b"1"})], True)
         assert cache.CountScopeInfoRecords(t2) == 2
-        changed = cache.AddScopeInfoListForSingleScan(
-            scanned, DERIVED, [derived_record(t1, scanned, {"a": b"2"})], True)
+        changed = add_derived(cache, scanned, t1, {"a": b"2"})
         assert changed == 1
         assert cache.CountScopeInfoRecords(t2) == 1
         assert cache.GetScopeInfo(t1).GetInfoBytes("a") == b"2"
-
-    def test_without_replacing_earlier_records_stay(self, cache, loc):
-        t1, t2, scanned = Scope(loc, "t1"), Scope(loc, "t2"), Scope(loc, "s")
-        cache.AddScopeInfoListForSingleScan(scanned, DERIVED, [derived_record(t1, scanned, {})], False)
-        cache.AddScopeInfoListForSingleScan(scanned, DERIVED, [derived_record(t2, scanned, {})], False)
-        assert cache.CountScopeInfoRecords(t1) == 1 and cache.CountScopeInfoRecords(t2) == 1
+        # Without replacing, the earlier records stay.
+        add_derived(cache, scanned, t2, {}, False)
+        assert cache.CountScopeInfoRecords(t2) == 2 and cache.CountScopeInfoRecords(t1) == 2
 
     def test_other_scans_of_the_same_target_are_untouched(self, cache, loc):
         target, s1, s2 = Scope(loc, "t"), Scope(loc, "s1"), Scope(loc, "s2")
         cache.AddScopeInfo(primary_record(target, {}))
-        cache.AddScopeInfoListForSingleScan(s1, DERIVED, [derived_record(target, s1, {"a": b"1"})], True)
-        cache.AddScopeInfoListForSingleScan(s2, DERIVED, [derived_record(target, s2, {"a": b"2"})], True)
-        cache.AddScopeInfoListForSingleScan(s1, DERIVED, [derived_record(target, s1, {"a": b"3"})], True)
+        add_derived(cache, s1, target, {"a": b"1"})
+        add_derived(cache, s2, target, {"a": b"2"})
+        add_derived(cache, s1, target, {"a": b"3"})
         assert cache.GetScopeInfo(target).GetInfoBytes("a") == b"3;2"
 
     def test_a_finished_scan_with_nothing_new_voids_its_old_records(self, cache, loc):
         target, scanned = Scope(loc, "t"), Scope(loc, "s")
         cache.AddScopeInfo(primary_record(target, {}))
-        cache.AddScopeInfoListForSingleScan(scanned, DERIVED, [derived_record(target, scanned, {})], True)
+        add_derived(cache, scanned, target, {})
         cache.FinishedWithScans(scanned, DERIVED)
         assert cache.CountScopeInfoRecords(target) == 2  # the list came in this scan
         cache.FinishedWithScans(scanned, DERIVED)  # the next scan said nothing
@@ -259,7 +252,7 @@ class TestDeferredNotification:
 
     def test_removed_records_are_announced(self, cache, loc):
         target, scanned = Scope(loc, "t"), Scope(loc, "s")
-        cache.AddScopeInfoListForSingleScan(scanned, DERIVED, [derived_record(target, scanned, {})], True)
+        add_derived(cache, scanned, target, {})
         seen = batches_of(cache)
         cache.FinishedWithScans(scanned, DERIVED)
         cache.FinishedWithScans(scanned, DERIVED)
@@ -350,11 +343,6 @@ class TestLocationCache:
         assert not plain.IsTypingLoc(CLocalFileLocation(str(tmp_path / "pkg" / "typing.py")))
         assert not plain.IsTypingLoc(None)
 
-    def test_stub_files(self, tmp_path):
-        locs = CLocationCache()
-        assert locs.IsPyiLocation(loc_of(tmp_path, "m.pyi"))
-        assert not locs.IsPyiLocation(loc_of(tmp_path, "m.py"))
-
     def test_python_version(self):
         assert CLocationCache().GetPythonMajorVersion() == sys.version_info.major
         assert CLocationCache(python_major_version=2).GetPythonMajorVersion() == 2
@@ -379,6 +367,7 @@ class TestLocationCache:
     def test_primary_location(self, tmp_path):
         locs = CLocationCache()
         stub, source = loc_of(tmp_path, "m.pyi"), loc_of(tmp_path, "m.py")
+        assert locs.IsPyiLocation(stub) and not locs.IsPyiLocation(source)
         assert locs.GetPrimaryLocation(stub) is stub
         locs.SetPrimaryLocation(stub, source)
         assert locs.GetPrimaryLocation(stub) is source
@@ -400,9 +389,9 @@ class TestDerivedRefinementPolicy:
         assert not policy.AcceptsTarget(target, s1)  # no record: derived info makes nothing up
         cache.AddScopeInfo(primary_record(target, {}))
         assert policy.AcceptsTarget(target, s1)
-        cache.AddScopeInfoListForSingleScan(s1, DERIVED, [derived_record(target, s1, {})], True)
+        add_derived(cache, s1, target, {})
         assert policy.HasRoomFor(target)  # exactly at the bound
-        cache.AddScopeInfoListForSingleScan(s2, DERIVED, [derived_record(target, s2, {})], True)
+        add_derived(cache, s2, target, {})
         assert not policy.AcceptsTarget(target, s3)
         assert CDerivedRefinementPolicy(cache).fMaxMergedKeys == 20
 
