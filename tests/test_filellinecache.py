@@ -33,6 +33,15 @@ def make_cache(loc, events):
     return cache
 
 
+def read_cache(tmp_path, text, events=None, mtime=None):
+    """A cache of m.py holding `text`, read once; gives (cache, path)."""
+    path = tmp_path / "m.py"
+    write(path, text, mtime)
+    cache = CFileLogicalLineCache(str(path)) if events is None else make_cache(str(path), events)
+    cache.Update()
+    return cache, path
+
+
 class TestReading:
     def test_update_reads_and_builds(self, tmp_path, events):
         path = tmp_path / "m dir" / "mod.py"
@@ -73,10 +82,7 @@ class TestReading:
 
 class TestChanges:
     def test_modified_with_delta_and_kept_objects(self, tmp_path, events):
-        path = tmp_path / "m.py"
-        write(path, "a = 1\nb = 2\nc = 3\n")
-        cache = make_cache(str(path), events)
-        cache.Update()
+        cache, path = read_cache(tmp_path, "a = 1\nb = 2\nc = 3\n", events)
         first, second, third = cache._fLogicalList
         first.fTypeEquivs = [("a", b"x")]
         old_list = cache._fLogicalList
@@ -91,20 +97,14 @@ class TestChanges:
         assert added == new[1:] and [l.fToks[0] for l in added] == ["b", "c", "d"]
 
     def test_unchanged_content_emits_nothing_and_keeps_the_list(self, tmp_path, events):
-        path = tmp_path / "m.py"
-        write(path, "a = 1\n", mtime=1000)
-        cache = make_cache(str(path), events)
-        cache.Update()
+        cache, path = read_cache(tmp_path, "a = 1\n", events, mtime=1000)
         before = cache._fLogicalList
         write(path, "a = 1\n", mtime=2000)
         assert cache.Update() and cache._fLogicalList is before and events == []
         assert cache.fMatchedDiskMTime == 2000
 
     def test_file_that_goes_away(self, tmp_path, events):
-        path = tmp_path / "m.py"
-        write(path, "a = 1\n")
-        cache = make_cache(str(path), events)
-        cache.Update()
+        cache, path = read_cache(tmp_path, "a = 1\n", events)
         old = list(cache._fLogicalList)
         path.unlink()
         assert cache.Update() is False
@@ -112,10 +112,7 @@ class TestChanges:
         assert events == [(cache, [], old)]
 
     def test_destroy_ends_connections(self, tmp_path, events):
-        path = tmp_path / "m.py"
-        write(path, "a = 1\n")
-        cache = make_cache(str(path), events)
-        cache.Update()
+        cache, path = read_cache(tmp_path, "a = 1\n", events)
         cache.destroy()
         write(path, "a = 2\n")
         cache.Update()
@@ -136,17 +133,12 @@ class TestQueries:
         assert EOLBlindChecksum(b"a\n\nb") != EOLBlindChecksum(b"a\nb")
 
     def test_index_for_lineno(self, tmp_path):
-        path = tmp_path / "m.py"
-        write(path, "x = (1,\n     2)\n\ndef f(): return 1\n# c\n")
-        cache = CFileLogicalLineCache(str(path))
-        cache.Update()
+        cache, _ = read_cache(tmp_path, "x = (1,\n     2)\n\ndef f(): return 1\n# c\n")
         assert [cache._IndexForLineno(n) for n in range(0, 7)] == [-1, 0, 0, -1, 1, 3, -1]
 
     def test_save_words_to_db(self, tmp_path):
-        path = tmp_path / "m.py"
-        write(path, "import os\nclass Cls:\n    def meth(self, arg): return arg or None\n")
-        cache = CFileLogicalLineCache(str(path))
-        cache.Update()
+        cache, path = read_cache(
+            tmp_path, "import os\nclass Cls:\n    def meth(self, arg): return arg or None\n")
         cache.SaveWordsToDb()  # without a store: nothing happens
         received = []
         flc.SetWordStore(lambda loc, words: received.append((loc, words)))

@@ -18,14 +18,18 @@ from pysource.pgeninspect import CPGenAnalyzer  # noqa: E402
 CORPUS_SCRIPT = "/work/shared/corpus.py"
 
 
-def corpus_files():
-    """The core corpus; every tenth file of it in a sanitizer build, which is slow."""
+def corpus_paths(full=False, step=1):
+    """Every `step`-th file of the core (or full) corpus; none when it isn't there."""
     if not os.path.exists(CORPUS_SCRIPT):
         return []
-    out = subprocess.run([sys.executable, CORPUS_SCRIPT], capture_output=True, text=True,
-                         check=True).stdout
-    files = out.split()
-    return files[::10] if os.environ.get("PYSOURCE_SANITIZED") else files
+    out = subprocess.run([sys.executable, CORPUS_SCRIPT] + (["--full"] if full else []),
+                         capture_output=True, text=True, check=True).stdout
+    return out.split()[::step]
+
+
+def corpus_files():
+    """The core corpus; every tenth file of it in a sanitizer build, which is slow."""
+    return corpus_paths(step=10 if os.environ.get("PYSOURCE_SANITIZED") else 1)
 
 
 class TestOracle:
@@ -108,17 +112,15 @@ class TestFuzz:
                 toks[min(i, len(toks) - 1)], toks[j] = toks[j], toks[min(i, len(toks) - 1)]
         check_result(CPGenAnalyzer(), toks, rnd.random() < 0.8, False)
 
-    def test_deep_nesting_is_an_error_not_a_crash(self):
-        toks = ["x", "="] + ["("] * 5000 + ["1"] + [")"] * 5000
-        check_result(CPGenAnalyzer(), toks, True, False)
-        toks = ["x", "="] + ["-"] * 5000 + ["1"]
-        check_result(CPGenAnalyzer(), toks, True, False)
-        toks = ["x", "="] + ["lambda", ":"] * 3000 + ["1"]
-        check_result(CPGenAnalyzer(), toks, True, False)
-        toks = ["x", "=", "f'" + "{x:" * 5000 + "}" * 5000 + "'"]
-        check_result(CPGenAnalyzer(), toks, True, False)
-        toks = ["x", "="] + ["2", "**"] * 5000 + ["1"]
-        check_result(CPGenAnalyzer(), toks, True, False)
+    @pytest.mark.parametrize("value", [
+        ["("] * 5000 + ["1"] + [")"] * 5000,
+        ["-"] * 5000 + ["1"],
+        ["lambda", ":"] * 3000 + ["1"],
+        ["f'" + "{x:" * 5000 + "}" * 5000 + "'"],
+        ["2", "**"] * 5000 + ["1"],
+    ], ids=["parens", "unary", "lambdas", "fstring", "power"])
+    def test_deep_nesting_is_an_error_not_a_crash(self, value):
+        check_result(CPGenAnalyzer(), ["x", "="] + value, True, False)
 
     def test_long_chains_are_read_without_deep_recursion(self):
         analyzer = CPGenAnalyzer()
@@ -138,11 +140,7 @@ class TestFuzz:
 
 def full_corpus_sample():
     """A sample of the full corpus (tests and deliberately broken files included)."""
-    if not os.path.exists(CORPUS_SCRIPT):
-        return []
-    out = subprocess.run([sys.executable, CORPUS_SCRIPT, "--full"], capture_output=True,
-                         text=True, check=True).stdout
-    return out.split()[::50 if os.environ.get("PYSOURCE_SANITIZED") else 5]
+    return corpus_paths(full=True, step=50 if os.environ.get("PYSOURCE_SANITIZED") else 5)
 
 
 class TestFullCorpus:
