@@ -224,8 +224,6 @@ async def f():
         assert scope_of[("y", "=")] == "f|2"
         assert scope_of[("# a comment at class level",)] == "C"
         assert scope_of[("# a deeper comment",)] == "C.f|1"
-
-    def test_non_defs_have_no_local_name(self):
         assert all(l.fLocalScopeName is None for l in logicals(self.SRC)
                    if l.fType not in (ll.kClassDef, ll.kFunctionDef))
 
@@ -239,16 +237,15 @@ class TestNameFolding:
         return [t.start for t in tokenize.generate_tokens(io.StringIO(src).readline)
                 if t.type not in skip]
 
-    def test_fullwidth_letters_and_micro_sign(self):
-        l = logicals("ｗｉｄｔｈ = µ * 2\n")[0]
-        assert l.fToks == ["width", "=", "\u03bc", "*", "2"]
-        assert l.GetTokenString(0) == "width" and l.GetTokenString(-3) == "\u03bc"
-        assert l.fText == "width = \u03bc * 2"
-
-    def test_names_already_folded_and_ascii_names_stay(self):
-        l = logicals("café = μ + x_1\n")[0]
-        assert l.fToks == ["café", "=", "μ", "+", "x_1"]
-        assert l.fText == "café = μ + x_1"
+    @pytest.mark.parametrize("src, toks, text", [
+        ("ｗｉｄｔｈ = µ * 2\n", ["width", "=", "\u03bc", "*", "2"], "width = \u03bc * 2"),
+        # names already folded and ascii names stay
+        ("café = μ + x_1\n", ["café", "=", "μ", "+", "x_1"], "café = μ + x_1"),
+    ])
+    def test_names_are_folded(self, src, toks, text):
+        l = logicals(src)[0]
+        assert l.fToks == toks and l.fText == text
+        assert l.GetTokenString(0) == toks[0] and l.GetTokenString(-3) == toks[-3]
 
     def test_strings_and_comments_keep_their_characters(self):
         src = "s = 'ｗｉｄｔｈ µ' + ｗ  # type: str\n# ｗｉｄｔｈ µ\n"
@@ -328,17 +325,13 @@ class TestCreateLogical:
             l.GetTokenString(5)
         assert (l.fParsed, l.fTypeEquivs, l.fArgTypeEquivs) == (None, None, None)
 
-    def test_token_list_changed_by_a_caller(self):
+    def test_token_list_is_a_copy_and_arguments_are_checked(self):
         l = CreateLogical(toks=["a", "b", "c"])
         l.fToks.clear()
         assert l.GetTokenString(2) == "c" and l.fTokenCount == 3
         assert l.fToks == ["a", "b", "c"]
-
-    def test_empty_tokens(self):
-        l = CreateLogical(toks=[])
-        assert l.fTokenCount == 0 and l.fToks == [] and l.fType == ll.kUnknown
-
-    def test_positional_arguments_are_refused(self):
+        empty = CreateLogical(toks=[])
+        assert empty.fTokenCount == 0 and empty.fToks == [] and empty.fType == ll.kUnknown
         with pytest.raises(TypeError):
             CreateLogical(0, 1, 1, ["x"])
 
@@ -356,9 +349,6 @@ class TestCreateLogical:
             CreateLogical(toks=["a", "b"], ttypes=[1])
         with pytest.raises(TypeError):
             CreateLogical(toks=["a", 3])
-
-    def test_setting_ftype_keeps_the_kind(self):
-        l = CreateLogical(toks=["x", "=", "1"])
         l.fType = ll.kClassDef
         assert l.fType is ll.kClassDef
         with pytest.raises(ValueError):
