@@ -146,11 +146,6 @@ class TestSurvivesTheProcess:
         for loc in locs:
             assert cache.GetScopeInfo(Scope(loc, "f3")).GetInfoBytes("n") == b"3"
 
-    def test_without_a_database_writing_does_nothing(self, tmp_path):
-        cache = CInfoCache()
-        cache.AddScopeInfo(primary_record(Scope(loc_of(tmp_path, "a.py"), ""), {}), True)
-        assert cache.WriteToDatabase() == 0 and cache.fDatabasePath is None
-
 
 class TestConcurrentAndInterrupted:
     def test_reader_reads_while_a_writer_writes_and_a_killed_writer_loses_only_its_write(
@@ -325,13 +320,14 @@ class TestListingLocations:
         assert cache.fLocationsInMemory < len(locs)
         assert urls_of(cache.GetLocations()) == sorted(loc.fUrl for loc in locs)
 
-    def test_without_a_database_the_locations_in_memory(self, tmp_path):
+    def test_without_a_database_the_locations_in_memory_and_no_writes(self, tmp_path):
         cache = CInfoCache()
         a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
         assert cache.GetLocations() == []
-        cache.AddScopeInfo(primary_record(Scope(b, ""), {}))
+        cache.AddScopeInfo(primary_record(Scope(b, ""), {}), True)
         cache.SaveWords(a, ["w"])
         assert cache.GetLocations() == [a, b]   # the location objects given
+        assert cache.WriteToDatabase() == 0 and cache.fDatabasePath is None
 
 
 class TestReadOnly:

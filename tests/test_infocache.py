@@ -245,9 +245,7 @@ class TestDeferredNotification:
         cache.FlushScopesModified()
         assert [scopes for _, scopes in seen] == [{a, b}]
         assert cache.fDeferDepth == 0
-
-    def test_flush_without_begin_is_an_error(self, cache):
-        with pytest.raises(RuntimeError):
+        with pytest.raises(RuntimeError):  # a flush without its begin
             cache.FlushScopesModified()
 
     def test_removed_records_are_announced(self, cache, loc):

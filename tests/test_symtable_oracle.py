@@ -219,7 +219,6 @@ class TestExceptions:
         assert so._demangled(so.CFact(so.kFirstSetRule, "_", "___x", None,
                                       class_name="__")) is None
 
-
     def test_folded_names_hold_without_an_excuse(self, source_file):
         path = source_file("ｗｉｄｔｈ = 1\nprint(width)\nµ = 2\ndef ﬁ(ｘ): return x\n")
         with installed_manager(editor=False) as mgr:
@@ -230,23 +229,20 @@ class TestExceptions:
         assert {"width", "\u03bc", "fi"} <= records[""].type_equivs.keys()
         assert not {"ｗｉｄｔｈ", "µ", "ﬁ"} & records[""].type_equivs.keys()
 
+    def test_annotation_names_are_excused_only_where_python_never_reads_them(self):
+        def excuse(source, name, records):
+            fact = so.CFact(so.kKnownNameRule, "", name, so.CFileTables(source, "mod.py"))
+            return so.excuse_for(fact, {"": CFakeRecord(records)})
 
-    def test_lazy_annotations_are_excused_only_for_names_read_under_the_import(self):
-        source = "from __future__ import annotations\nx: Ann = 1\n"
-        tables = so.CFileTables(source, "mod.py")
-        read = {"": CFakeRecord({"Ann": b":g1", "Set": b":S1;:g1"})}
-        assert so.excuse_for(so.CFact(so.kKnownNameRule, "", "Ann", tables), read) == \
-            "annotation never read by Python"
-        assert so.excuse_for(so.CFact(so.kKnownNameRule, "", "Set", tables), read) is None
-        eager = so.CFileTables("x: int = 1\n", "mod.py")
-        assert so.excuse_for(so.CFact(so.kKnownNameRule, "", "Ann", eager), read) is None
-
-    def test_string_annotation_names_must_stand_in_a_string(self):
-        tables = so.CFileTables("def f() -> 'Node': pass\n", "mod.py")
-        records = {"": CFakeRecord({"Node": b":g0", "Other": b":g0"})}
-        assert so.excuse_for(so.CFact(so.kKnownNameRule, "", "Node", tables), records) == \
-            "name read in a string annotation"
-        assert so.excuse_for(so.CFact(so.kKnownNameRule, "", "Other", tables), records) is None
+        lazy = "from __future__ import annotations\nx: Ann = 1\n"
+        read = {"Ann": b":g1", "Set": b":S1;:g1"}
+        assert excuse(lazy, "Ann", read) == "annotation never read by Python"
+        assert excuse(lazy, "Set", read) is None
+        assert excuse("x: int = 1\n", "Ann", read) is None
+        string = "def f() -> 'Node': pass\n"
+        records = {"Node": b":g0", "Other": b":g0"}
+        assert excuse(string, "Node", records) == "name read in a string annotation"
+        assert excuse(string, "Other", records) is None
 
 
 class TestAgainstScans:
