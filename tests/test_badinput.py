@@ -332,13 +332,6 @@ class TestBadContent:
         assert records_of_loc(mgr, good) == reference_records(tmp_path, FIRST)
         return coord, bad
 
-    def decode_errors(self, path):
-        cache = filellinecache.CFileLogicalLineCache(str(path))
-        assert cache.Update()
-        errors = list(cache.fDecodeErrors)
-        cache.destroy()
-        return errors
-
     @pytest.mark.parametrize("data", [
         random_bytes(20000, 1),
         b"\0" * 5000,
@@ -360,19 +353,21 @@ class TestBadContent:
         assert {"name0", "name1998"} <= set(info.type_equivs)
         coord.destroy()
 
-    def test_undecodable_bytes_are_replaced_and_recorded(self, mgr, tmp_path):
-        data = b"x = '\xff\xfe'\ndef f():\n    return '\x80'\nclass C:\n    pass\n"
+    @pytest.mark.parametrize("data, scopes, error_lines", [
+        (b"x = '\xff\xfe'\ndef f():\n    return '\x80'\nclass C:\n    pass\n",
+         {"", "f", "C"}, [1, 1, 3]),
+    ] + [(b"# -*- coding: " + cookie + b" -*-\nx = 1\ndef g():\n    pass\n", {""}, None)
+         for cookie in (b"no-such-codec", b"utf-16", b"\xff\xfe")],
+        ids=["undecodable", "unknown-cookie", "utf-16-cookie", "undecodable-cookie"])
+    def test_decoding_problems_are_replaced_and_recorded(self, mgr, tmp_path, data, scopes,
+                                                         error_lines):
         coord, bad = self.scan_bad(mgr, tmp_path, data)
-        assert set(mgr.fInfoCache.GetScopesForLoc(bad)) >= {"", "f", "C"}
-        assert [e[0] for e in self.decode_errors(bad.fPath)] == [1, 1, 3]
-        coord.destroy()
-
-    @pytest.mark.parametrize("cookie", [b"no-such-codec", b"utf-16", b"\xff\xfe"])
-    def test_bad_coding_cookie(self, mgr, tmp_path, cookie):
-        data = b"# -*- coding: " + cookie + b" -*-\nx = 1\ndef g():\n    pass\n"
-        coord, bad = self.scan_bad(mgr, tmp_path, data)
-        assert "" in mgr.fInfoCache.GetScopesForLoc(bad)
-        assert self.decode_errors(bad.fPath) != []
+        assert set(mgr.fInfoCache.GetScopesForLoc(bad)) >= scopes
+        cache = filellinecache.CFileLogicalLineCache(str(bad.fPath))
+        assert cache.Update()
+        lines = [e[0] for e in cache.fDecodeErrors]
+        assert lines == error_lines if error_lines else lines != []
+        cache.destroy()
         coord.destroy()
 
     def test_ten_megabytes(self, mgr, tmp_path):

@@ -143,6 +143,9 @@ class TestSurvivesTheProcess:
         cache.WriteToDatabase()
         cache.Trim()
         assert cache.fRecordsInMemory <= 15
+        # Trimmed locations stay listed.
+        assert cache.fLocationsInMemory < len(locs)
+        assert urls_of(cache.GetLocations()) == sorted(loc.fUrl for loc in locs)
         for loc in locs:
             assert cache.GetScopeInfo(Scope(loc, "f3")).GetInfoBytes("n") == b"3"
 
@@ -307,18 +310,6 @@ class TestListingLocations:
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl]
         cache.WriteToDatabase()
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl, b.fUrl]
-
-    def test_trimmed_locations_stay_listed(self, tmp_path):
-        cache = CInfoCache(db_path=tmp_path / "index.db")
-        locs = [loc_of(tmp_path, f"m{i}.py") for i in range(6)]
-        for loc in locs:
-            for j in range(4):
-                cache.AddScopeInfo(primary_record(Scope(loc, f"f{j}"), {"n": b"1"}), True)
-        cache.WriteToDatabase()
-        cache.fMaxRecordsInMemory = 8
-        cache.Trim()
-        assert cache.fLocationsInMemory < len(locs)
-        assert urls_of(cache.GetLocations()) == sorted(loc.fUrl for loc in locs)
 
     def test_without_a_database_the_locations_in_memory_and_no_writes(self, tmp_path):
         cache = CInfoCache()

@@ -258,18 +258,13 @@ class TestDeferredNotification:
 
 
 class TestScopeDependantCache:
-    def test_lookup_gives_a_pair(self):
-        deps = CScopeDependantCache("bodies", 4)
+    def test_lookup_gives_a_pair_and_the_least_recently_used_entry_goes_first(self):
+        deps = CScopeDependantCache("bodies", 2)
         assert deps.LookupInCache("k") == (None, False)
-        deps.AddToCache("k", [1, 2], [])
-        value, hit = deps.LookupInCache("k")
-        assert value == [1, 2] and hit
         deps.AddToCache("none", None, ())
         assert deps.LookupInCache("none") == (None, True)
-
-    def test_least_recently_used_entry_goes_first(self):
-        deps = CScopeDependantCache("bodies", 2)
-        deps.AddToCache("a", 1, [])
+        deps.AddToCache("a", [1, 2], [])
+        assert deps.LookupInCache("a") == ([1, 2], True)
         deps.AddToCache("b", 2, [])
         deps.LookupInCache("a")
         deps.AddToCache("c", 3, [])
@@ -277,6 +272,10 @@ class TestScopeDependantCache:
         assert "a" in deps and "c" in deps and "b" not in deps
         deps.AddToCache("a", 10, [])  # replacing does not grow the cache
         assert len(deps) == 2 and deps.LookupInCache("a") == (10, True)
+        deps.destroy()
+        assert len(deps) == 0
+        with pytest.raises(ValueError):
+            CScopeDependantCache("bodies", 0)
 
     def test_a_changed_scope_drops_the_entries_that_depend_on_it(self, cache, loc):
         deps = CScopeDependantCache("bodies", 10)
@@ -302,14 +301,6 @@ class TestScopeDependantCache:
         assert deps.LookupInCache("k") == (2, True)
         cache.AddScopeInfo(primary_record(g, {}))
         assert "k" not in deps
-
-    def test_destroy_empties_and_bad_size(self):
-        deps = CScopeDependantCache("bodies", 3)
-        deps.AddToCache("k", 1, [])
-        deps.destroy()
-        assert len(deps) == 0
-        with pytest.raises(ValueError):
-            CScopeDependantCache("bodies", 0)
 
 
 class TestLocationCache:
