@@ -72,13 +72,6 @@ class TestReading:
         assert CFileLogicalLineCache(remote).Update() is False
         assert CFileLogicalLineCache(object()).Update() is False
 
-    def test_decode_errors_are_recorded_on_the_cache(self, tmp_path):
-        path = tmp_path / "bad.py"
-        write(path, b"x = 1\ns = '\xff'\n")
-        cache = CFileLogicalLineCache(str(path))
-        assert cache.Update()
-        assert [e[0] for e in cache.fDecodeErrors] == [2] and len(cache._fLogicalList) == 2
-
 
 class TestChanges:
     def test_modified_with_delta_and_kept_objects(self, tmp_path, events):
@@ -123,10 +116,7 @@ class TestQueries:
     def test_eol_blind_checksum(self, tmp_path):
         sums = []
         for eol in ("\n", "\r\n", "\r"):
-            path = tmp_path / f"m{len(sums)}.py"
-            write(path, f"def f():{eol}    return 1{eol}")
-            cache = CFileLogicalLineCache(str(path))
-            cache.Update()
+            cache, _ = read_cache(tmp_path, f"def f():{eol}    return 1{eol}")
             sums.append(cache.GetEOLBlindChecksum())
         assert sums[0] == sums[1] == sums[2]
         assert EOLBlindChecksum(b"a\nb") != EOLBlindChecksum(b"a\nc")
