@@ -101,8 +101,7 @@ class TestIndex:
         code, out, _ = run(capsys, "index")
         assert code == 0
         assert out.startswith("Indexed 1 files: ") and "1 files unchanged" in out
-        code, out, _ = run(capsys, "show", "pkg/util.pyi:other")
-        assert code == 0 and "function other" in out
+        assert "function other" in shown(capsys, "pkg/util.pyi:other")
 
     def test_only_the_paths_given_and_a_database_elsewhere(self, project, tmp_path, capsys):
         db = tmp_path / "other" / "idx.db"
@@ -194,6 +193,13 @@ class TestIndex:
         assert done.stdout.count("\n") == 1 and done.stdout.startswith("Indexed 2 files")
 
 
+def shown(capsys, *target):
+    """The output of a `show` that must succeed."""
+    code, out, err = run(capsys, "show", *target)
+    assert code == 0, err
+    return out
+
+
 class TestShow:
     @pytest.fixture
     def indexed(self, project, capsys):
@@ -201,8 +207,7 @@ class TestShow:
         return project
 
     def test_a_method_with_line_numbers(self, indexed, capsys):
-        code, out, _ = run(capsys, "show", "pkg/shapes.py:Shape.area")
-        assert code == 0
+        out = shown(capsys, "pkg/shapes.py:Shape.area")
         area = line_of(SHAPES, "def area")
         call = line_of(SHAPES, "return scale(")
         assert out.splitlines()[0].startswith("method Shape.area")
@@ -213,20 +218,18 @@ class TestShow:
         assert "logical" not in out
 
     def test_arguments_hints_and_the_def_line(self, indexed, capsys):
-        code, out, _ = run(capsys, "show", "pkg/shapes.py:Shape.__init__")
-        assert code == 0
+        out = shown(capsys, "pkg/shapes.py:Shape.__init__")
         init = line_of(SHAPES, "def __init__")
         assert "type hint int" in out and "argument 2" in out
         assert f"first set at line {init}" in out
         assert f"first read at line {line_of(SHAPES, 'self.size = size')}" in out
         # Instance attributes count lines in the method that sets them.
-        code, out, _ = run(capsys, "show", "Shape()")
-        assert code == 0 and f"first set at line {line_of(SHAPES, 'self.name = name')}" in out
+        out = shown(capsys, "Shape()")
+        assert f"first set at line {line_of(SHAPES, 'self.name = name')}" in out
 
     def test_a_file_shows_every_scope_and_module_names_start_before_line_one(self, indexed,
                                                                               capsys):
-        code, out, _ = run(capsys, "show", "pkg/shapes.py")
-        assert code == 0
+        out = shown(capsys, "pkg/shapes.py")
         heads = [line for line in out.splitlines() if line and not line.startswith(" ")]
         assert [h.split("  (")[0] for h in heads] == [
             "module <module>", "class Shape", "instance Shape()", "method Shape.__init__",
@@ -235,14 +238,12 @@ class TestShow:
         assert f"import 'sys' (line {line_of(SHAPES, 'import sys')})" in out
 
     def test_a_definition_under_a_version_test_in_a_stub(self, indexed, capsys):
-        code, out, _ = run(capsys, "show", "pkg/util.pyi:")
-        assert code == 0
+        out = shown(capsys, "pkg/util.pyi:")
         assert "if sys.version_info >= (3, 8): function newer|0(x:int) -> int" in out
         assert f"first set at line {line_of(UTIL, 'def newer')}" in out
 
     def test_json_gives_the_same_as_data(self, indexed, capsys):
-        code, out, _ = run(capsys, "show", "scale", "--json")
-        assert code == 0
+        out = shown(capsys, "scale", "--json")
         (record,) = json.loads(out)
         assert record["file"] == str(indexed / "pkg" / "shapes.py")
         assert record["kind"] == "function" and record["scope"] == "scale"
