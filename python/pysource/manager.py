@@ -8,7 +8,7 @@ ours, with `SetAnalysisMgr`.
 import os
 
 from basekit import location
-from pysource import pgeninspect, prefs, scopeinfo, scopescanner
+from pysource import inferenceengine, pgeninspect, prefs, scopeinfo, scopescanner
 from pysource.locationcache import CLocationCache
 
 kPrimaryScanName = "primary"
@@ -24,9 +24,9 @@ class CAnalysisMgr:
     `cache_mgr`: the holder of open analyses (None in a scanning process).
     """
 
-    def __init__(self, db_path=None, loc_cache=None, cache_mgr=None):
+    def __init__(self, db_path=None, loc_cache=None, cache_mgr=None, module_finder=None):
         if loc_cache is None:
-            loc_cache = CLocationCache()
+            loc_cache = CLocationCache(stub_dirs=StandardStubDirs())
         self.fPrimaryScanName = kPrimaryScanName
         self.fDerivedScanName = kDerivedScanName
         self.fInfoCache = scopeinfo.CInfoCache(loc_cache, db_path, self.fPrimaryScanName)
@@ -38,7 +38,7 @@ class CAnalysisMgr:
         self.fCacheMgr = cache_mgr
         self.fScanCoordinator = None
         self.fPrefMgr = prefs.CPrefMgr()
-        self.fInferenceEngine = None
+        self.fInferenceEngine = CInferenceService(self.fInfoCache, module_finder)
 
     def GetAnalysis(self, loc, create=True):
         """The analysis of `loc` from the cache manager (made when `create` is
@@ -62,6 +62,27 @@ class CAnalysisMgr:
             self.fCacheMgr = None
         self.fScopeBodyCache.destroy()
         self.fInfoCache.destroy()
+
+
+def StandardStubDirs():
+    """The folders of the standard library's stubs: those that typeshed_client
+    ships, or none when it isn't installed."""
+    try:
+        import typeshed_client
+    except ImportError:
+        return []
+    folder = os.path.join(os.path.dirname(typeshed_client.__file__), "typeshed")
+    return [folder] if os.path.isdir(folder) else []
+
+
+class CInferenceService:
+    """The inference engine as the manager offers it: `_fNativeEngine` is the
+    engine itself (a CInferenceEngine, or an embedder's subclass)."""
+
+    def __init__(self, info_cache, module_finder=None):
+        if module_finder is None:
+            module_finder = inferenceengine.CModuleFinder(stub_dirs=StandardStubDirs())
+        self._fNativeEngine = inferenceengine.CInferenceEngine(info_cache, module_finder)
 
 
 class CCacheMgr:
