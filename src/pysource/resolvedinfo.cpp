@@ -26,7 +26,7 @@ nb::object TextOrNone(const OptText &text) { return text ? nb::object(ToStr(*tex
 CSingleResolvedInfo::CSingleResolvedInfo(nb::handle ibytes_, nb::ref<CScope> scope_,
                                          nb::object loc_, nb::object class_ref)
     : ibytes(ToBytes(TextView(ibytes_, "ibytes"))), scope(std::move(scope_)),
-      fClassRef(std::move(class_ref)) {
+      fClassRef(std::move(class_ref)), fTypeArgs(nb::none()), fBoundTo(nb::none()) {
     if (!scope)
         throw nb::type_error("a resolved single needs a scope");
     loc = loc_.is_none() ? scope->loc : std::move(loc_);
@@ -128,17 +128,26 @@ nb::object CSingleResolvedInfo::GetClassRefBytes() {
 bool CSingleResolvedInfo::Equals(const CSingleResolvedInfo &other) const {
     return loc.is(other.loc) && scope->Equals(*other.scope) &&
            TextView(ibytes, "ibytes") == TextView(other.ibytes, "ibytes") &&
-           fClassRef.equal(other.fClassRef);
+           fClassRef.equal(other.fClassRef) && fTypeArgs.equal(other.fTypeArgs);
 }
 
 Py_hash_t CSingleResolvedInfo::Hash() const {
     Py_hash_t bytes_hash = PyObject_Hash(ibytes.ptr());
     if (bytes_hash == -1)
         throw nb::python_error();
-    return CombineHashes(bytes_hash, scope->Hash());
+    Py_hash_t hash = CombineHashes(bytes_hash, scope->Hash());
+    if (!fTypeArgs.is_none()) {
+        Py_hash_t args_hash = PyObject_Hash(fTypeArgs.ptr());
+        if (args_hash == -1)
+            throw nb::python_error();
+        hash = CombineHashes(hash, args_hash);
+    }
+    return hash;
 }
 
 nb::str CSingleResolvedInfo::Repr() const {
+    if (!fTypeArgs.is_none())
+        return nb::str("CSingleResolvedInfo({!r}, {!r}, type_args={!r})").format(ibytes, nb::cast(scope), fTypeArgs);
     return nb::str("CSingleResolvedInfo({!r}, {!r})").format(ibytes, nb::cast(scope));
 }
 

@@ -28,6 +28,13 @@ public:
     nb::ref<CScope> scope;
     nb::object loc;
     nb::object fClassRef;
+    // The type arguments of a specialised generic instance or class: a tuple
+    // with one frozenset of singles per type parameter, or None.  Part of the
+    // value: list[int] and list[str] are different singles.
+    nb::object fTypeArgs;
+    // For a bound method, the single it is bound to (an instance, or the
+    // class of a classmethod); None otherwise.  Not part of the value.
+    nb::object fBoundTo;
 
     virtual bool IsDef();
     virtual bool IsClass(bool include_builtin = true);

@@ -96,7 +96,11 @@ NB_MODULE(inferenceengine, m) {
              [](CInferenceEngine &self, nb::handle ibytes, nb::handle for_scope, nb::handle ctx) {
                  return self.CInferenceEngine::SingleResolvedIter(ibytes, for_scope, ctx);
              },
-             nb::arg("ibytes"), nb::arg("for_scope"), nb::arg("ctx").none() = nb::none());
+             nb::arg("ibytes"), nb::arg("for_scope"), nb::arg("ctx").none() = nb::none())
+        .def("_OrderedTypeVars", &CInferenceEngine::OrderedTypeVars_, nb::arg("class_single"),
+             nb::arg("ctx").none() = nb::none())
+        .def("_SpecialFormName", &CInferenceEngine::SpecialFormName, nb::arg("expr"),
+             nb::arg("ctx").none() = nb::none());
 
     nb::class_<CModuleFinder, PyCModuleFinder>(m, "CModuleFinder",
                                                 bindutil::IntrusiveHolder<CModuleFinder>())

@@ -1,4 +1,5 @@
 #include "bindutil.h"
+#include "gcslots.h"
 
 #include "pysource/infer/inferreddetails.h"
 
@@ -53,7 +54,8 @@ NB_MODULE(inferreddetails, m) {
              [](CClassDetails &self, nb::handle loc) { return self.CClassDetails::GetOrderedTypeVars(loc); },
              nb::arg("loc").none() = nb::none());
 
-    nb::class_<CDetailsStore, PyCDetailsStore>(m, "CDetailsStore", bindutil::IntrusiveHolder<CDetailsStore>())
+    nb::class_<CDetailsStore, PyCDetailsStore>(m, "CDetailsStore", bindutil::IntrusiveHolder<CDetailsStore>(),
+        nb::type_slots(gcslots::kSlots<CDetailsStore>))
         .def(nb::init<nb::object>(), nb::arg("engine").none())
         .def_rw("fEngine", &CDetailsStore::fEngine)
         .def("GetDetailsSet",

@@ -1,4 +1,5 @@
 #include "bindutil.h"
+#include "gcslots.h"
 
 #include <nanobind/stl/string_view.h>
 
@@ -32,7 +33,8 @@ NB_MODULE(infertyping, m) {
         .def_ro("fScope", &CTypeVarInfo::fScope);
 
     nb::class_<CTypingGenericSupport, PyCTypingGenericSupport>(
-        m, "CTypingGenericSupport", bindutil::IntrusiveHolder<CTypingGenericSupport>())
+        m, "CTypingGenericSupport", bindutil::IntrusiveHolder<CTypingGenericSupport>(),
+        nb::type_slots(gcslots::kSlots<CTypingGenericSupport>))
         .def(nb::init<nb::object>(), nb::arg("engine").none())
         .def_rw("fEngine", &CTypingGenericSupport::fEngine)
         .def("GetSpecialFormCanonicalName",

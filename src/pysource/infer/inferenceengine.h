@@ -59,6 +59,13 @@ public:
 
     // A context for a resolve that came with none.
     nb::object ContextOrNew(nb::handle ctx);
+    // The ordered type variable names of a class single (`_OrderedTypeVars`).
+    nb::object OrderedTypeVars_(nb::handle class_single, nb::handle ctx);
+    // The canonical name of the special form an expression resolves to, or
+    // None (`_SpecialFormName`).
+    nb::object SpecialFormName(nb::handle expr, nb::handle ctx);
+    // Points the services made with the engine back at it.
+    void Wire();
 
     int Traverse(visitproc visit, void *arg);
     void Clear();

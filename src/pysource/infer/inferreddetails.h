@@ -70,6 +70,16 @@ public:
 
     void Forget() { fCache = nb::dict(); }
 
+    int Traverse(visitproc visit, void *arg) {
+        Py_VISIT(fEngine.ptr());
+        Py_VISIT(fCache.ptr());
+        return 0;
+    }
+    void Clear() {
+        fEngine = nb::none();
+        fCache = nb::dict();
+    }
+
 private:
     nb::dict fCache;  // single -> details
 };

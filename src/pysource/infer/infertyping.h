@@ -46,6 +46,12 @@ public:
     virtual nb::object GetSpecialFormCanonicalName(nb::handle expr, nb::handle ctx);
     // The CTypeVarInfo that `expr` resolves to, or None.
     virtual nb::object GetTypeVarInfo(nb::handle expr, nb::handle ctx);
+
+    int Traverse(visitproc visit, void *arg) {
+        Py_VISIT(fEngine.ptr());
+        return 0;
+    }
+    void Clear() { fEngine = nb::none(); }
 };
 
 }  // namespace pysource::infer

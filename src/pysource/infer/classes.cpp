@@ -1,0 +1,750 @@
+// Classes, attributes and calls: method resolution orders with the type
+// arguments each base receives, attribute look-up on modules, classes and
+// instances, and what calling a class, a def or an instance gives.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "pysource/exprtext.h"
+#include "pysource/infer/infertyping.h"
+#include "pysource/infokinds.h"
+#include "pysource/nesting.h"
+#include "pysource/packedops.h"
+#include "pysource/pgeninspect/parser.h"
+#include "pysource/pytext.h"
+#include "pysource/resolvedinfo.h"
+#include "pysource/scopename.h"
+#include "pysource/scoperef.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+using pgen::Node;
+using pgen::NodeKind;
+
+namespace {
+
+si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleResolvedInfo *>(obj); }
+
+std::string_view NameOf(si::CSingleResolvedInfo *s) { return si::TextView(s->scope->name, "name"); }
+
+bool SameClass(si::CSingleResolvedInfo *a, si::CSingleResolvedInfo *b) {
+    return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
+}
+
+std::string_view Strip(std::string_view s) {
+    while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\n'))
+        s.remove_prefix(1);
+    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\n'))
+        s.remove_suffix(1);
+    return s;
+}
+
+// The parameters of a def: name, hint text, whether it has a default, and
+// its star kind (0 plain, 1 *args, 2 **kwargs); bare "*" and "/" left out.
+struct Param {
+    std::string name;
+    std::string hint;
+    bool has_default = false;
+    int star = 0;
+    bool keyword_only = false;
+};
+
+std::vector<Param> ParamsOf(const si::DefInfo &def) {
+    std::vector<Param> out;
+    bool keyword_only = false;
+    for (const std::string &raw : si::SplitDeclArguments(def.arg_decl)) {
+        std::string_view text = Strip(raw);
+        if (text.empty() || text == "/")
+            continue;
+        if (text == "*") {
+            keyword_only = true;
+            continue;
+        }
+        Param p;
+        if (text.substr(0, 2) == "**") {
+            p.star = 2;
+            text.remove_prefix(2);
+        } else if (text.front() == '*') {
+            p.star = 1;
+            text.remove_prefix(1);
+            keyword_only = true;
+        }
+        std::ptrdiff_t eq = si::NonNestedFind(text, "=");
+        if (eq >= 0) {
+            p.has_default = true;
+            text = text.substr(0, (std::size_t) eq);
+        }
+        std::ptrdiff_t colon = si::NonNestedFind(text, ":");
+        if (colon >= 0) {
+            p.hint = std::string(Strip(text.substr((std::size_t) colon + 1)));
+            text = text.substr(0, (std::size_t) colon);
+        }
+        p.name = std::string(Strip(text));
+        p.keyword_only = keyword_only && p.star == 0;
+        out.push_back(std::move(p));
+    }
+    return out;
+}
+
+bool HasDecorator(const si::DefInfo &def, std::string_view name) {
+    for (const std::string &d : def.decorators) {
+        std::string_view text = d;
+        std::size_t dot = text.rfind('.');
+        std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
+        if (leaf == name)
+            return true;
+    }
+    return false;
+}
+
+nb::object MapToTuple(const TypeMap &map) {
+    nb::list items;
+    for (const auto &[name, values] : map)
+        items.append(nb::make_tuple(nb::str(name.c_str()), values.AsFrozenSet()));
+    return nb::tuple(items);
+}
+
+TypeMap TupleToMap(nb::handle pairs) {
+    TypeMap map;
+    if (pairs.is_none() || !PyTuple_Check(pairs.ptr()))
+        return map;
+    for (nb::handle pair : pairs) {
+        if (!PyTuple_Check(pair.ptr()) || PyTuple_GET_SIZE(pair.ptr()) != 2)
+            continue;
+        map[nb::cast<std::string>(pair[0])] = ValueSet::FromIterable(pair[1]);
+    }
+    return map;
+}
+
+}  // namespace
+
+nb::object CEvaluator::ClassOfInstance(nb::handle single) {
+    si::CSingleResolvedInfo *s = Single(single);
+    std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+    si::Kind kind = si::GetInfoBytesKind(bare);
+    if (kind == si::kInstanceKind && bare.size() > (std::size_t) si::kPrefixLen) {
+        std::string cls(si::kClassPrefix);
+        cls.append(bare.substr(si::kPrefixLen));
+        return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
+            si::ToBytes(cls), s->scope, s->loc)));
+    }
+    if (kind == si::kTypedLiteralKind) {
+        std::string name = si::UnpackLiteralInfo(bare).class_name;
+        if (name == "None")
+            name = "NoneType";
+        if (name == "ellipsis")
+            name = "EllipsisType";
+        nb::object cls = BuiltinClass(name);
+        if (cls.is_none() && name == "NoneType") {
+            ValueSet types = ModuleNamed(fLocCache.attr("GetBuiltinLoc")(), "types");
+            for (const nb::object &t : types.Items())
+                for (const nb::object &c : ModuleAttribute(t, name).Items())
+                    if (Single(c)->IsClass())
+                        return c;
+        }
+        return cls;
+    }
+    return nb::none();
+}
+
+TypeMap CEvaluator::MapOfInstance(nb::handle single) {
+    TypeMap map;
+    si::CSingleResolvedInfo *s = Single(single);
+    if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
+        return map;
+    nb::object cls = ClassOfInstance(single);
+    if (cls.is_none())
+        cls = nb::borrow(single);
+    std::vector<std::string> vars = OrderedTypeVars(cls);
+    Py_ssize_t size = PyTuple_GET_SIZE(s->fTypeArgs.ptr());
+    bool is_tuple = NameOf(Single(cls)) == "tuple";
+    if (is_tuple && !vars.empty()) {
+        // A tuple of known positions is, item by item, the union of them.
+        ValueSet all;
+        for (Py_ssize_t i = 0; i < size; ++i)
+            all.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
+        map[vars[0]] = all;
+        return map;
+    }
+    for (std::size_t i = 0; i < vars.size() && (Py_ssize_t) i < size; ++i)
+        map[vars[i]] = ValueSet::FromIterable(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), (Py_ssize_t) i));
+    return map;
+}
+
+std::vector<std::string> CEvaluator::OrderedTypeVars(nb::handle cls) {
+    std::vector<std::string> vars;
+    si::CSingleResolvedInfo *c = Single(cls);
+    std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
+    if (si::GetInfoBytesKind(bare) != si::kClassKind && si::GetInfoBytesKind(bare) != si::kInstanceKind)
+        return vars;
+    si::ClassInfo info = si::UnpackClassInfo(bare);
+    if (info.type_params) {
+        for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*info.type_params))
+            vars.push_back(param.name);
+        return vars;
+    }
+    nb::object parent = MakeScope(c->loc, si::ParentScopeName(NameOf(c)));
+    std::vector<std::string> found;
+    bool declared = false;
+    for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
+        std::string_view text = Strip(base);
+        if (text.find('[') == std::string_view::npos || si::NonNestedFind(text, "=") >= 0)
+            continue;
+        Tree tree;
+        std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
+        if (root < 0 || tree.nodes[(std::size_t) root].kind != NodeKind::kSubscript)
+            continue;
+        const Node &sub = tree.nodes[(std::size_t) root];
+        Frame frame{parent, -2, nullptr, nullptr};
+        bool is_generic = false;
+        for (const nb::object &head : Eval(tree, tree.Kid(sub, 0), frame).Items()) {
+            std::string form = SpecialFormOf(head);
+            is_generic = is_generic || form == "Generic" || form == "Protocol";
+        }
+        std::vector<std::string> here;
+        // The type variables named in the subscript, in order.
+        std::vector<std::int32_t> stack{tree.Kid(sub, 1)};
+        std::vector<std::int32_t> names;
+        std::function<void(std::int32_t)> walk = [&](std::int32_t node) {
+            if (node < 0)
+                return;
+            const Node &n = tree.nodes[(std::size_t) node];
+            if (n.kind == NodeKind::kName) {
+                names.push_back(node);
+                return;
+            }
+            for (std::int32_t i = 0; i < n.kids_count; ++i)
+                walk(tree.Kid(n, i));
+        };
+        walk(tree.Kid(sub, 1));
+        for (std::int32_t node : names) {
+            std::string_view name = tree.toks[(std::size_t) tree.nodes[(std::size_t) node].aux].text;
+            for (const nb::object &v : Eval(tree, node, frame).Items())
+                if (si::GetInfoBytesKind(si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"))) ==
+                    si::kTypeParameterKind) {
+                    here.emplace_back(name);
+                    break;
+                }
+        }
+        if (is_generic) {
+            vars = here;
+            declared = true;
+            break;
+        }
+        for (const std::string &name : here)
+            if (std::find(found.begin(), found.end(), name) == found.end())
+                found.push_back(name);
+    }
+    return declared ? vars : found;
+}
+
+std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
+    std::vector<MroEntry> out;
+    std::vector<std::pair<nb::object, TypeMap>> stack{{nb::borrow(cls), map}};
+    std::set<std::pair<std::string, std::string>> seen;
+    // Depth first, left to right, each class once: close to the C3 order
+    // for the class trees found in practice.
+    std::function<void(nb::handle, const TypeMap &, int)> visit = [&](nb::handle c, const TypeMap &m, int depth) {
+        si::CSingleResolvedInfo *s = Single(c);
+        std::pair<std::string, std::string> key{LocationUrl(s->loc), std::string(NameOf(s))};
+        if (seen.count(key) || depth > 30 || out.size() > 60 || Stop())
+            return;
+        seen.insert(key);
+        out.push_back(MroEntry{nb::borrow(c), m});
+        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+        if (si::GetInfoBytesKind(bare) != si::kClassKind)
+            return;
+        si::ClassInfo info = si::UnpackClassInfo(bare);
+        nb::object parent = MakeScope(s->loc, si::ParentScopeName(NameOf(s)));
+        for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
+            std::string_view text = Strip(base);
+            if (text.empty() || si::NonNestedFind(text, "=") >= 0 || text.front() == '*')
+                continue;
+            Tree tree;
+            std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
+            if (root < 0)
+                continue;
+            Frame frame{parent, -2, &m, nullptr};
+            const Node &n = tree.nodes[(std::size_t) root];
+            std::int32_t head = n.kind == NodeKind::kSubscript ? tree.Kid(n, 0) : root;
+            std::vector<ValueSet> args;
+            if (n.kind == NodeKind::kSubscript)
+                TypeArgsOf(tree, tree.Kid(n, 1), frame, args);
+            for (const nb::object &b : Eval(tree, head, frame).Items()) {
+                si::CSingleResolvedInfo *bs = Single(b);
+                if (!bs->IsClass() || !SpecialFormOf(b).empty())
+                    continue;
+                TypeMap base_map;
+                std::vector<std::string> vars = OrderedTypeVars(b);
+                for (std::size_t i = 0; i < vars.size() && i < args.size(); ++i)
+                    base_map[vars[i]] = args[i];
+                if (bs->fTypeArgs.is_none() == false && args.empty())
+                    base_map = MapOfInstance(b);
+                visit(b, base_map, depth + 1);
+            }
+        }
+    };
+    visit(cls, map, 0);
+    nb::object object = BuiltinClass("object");
+    if (!object.is_none()) {
+        si::CSingleResolvedInfo *o = Single(object);
+        std::pair<std::string, std::string> key{LocationUrl(o->loc), "object"};
+        if (!seen.count(key))
+            out.push_back(MroEntry{object, {}});
+    }
+    return out;
+}
+
+ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
+    ValueSet out;
+    if (Stop())
+        return out;
+    si::CSingleResolvedInfo *s = Single(single);
+    if (s->IsModule())
+        return ModuleAttribute(single, name);
+    if (s->IsClass()) {
+        if (!SpecialFormOf(single).empty())
+            return out;
+        return ClassAttribute(single, name, single, MapOfInstance(single), false);
+    }
+    if (s->IsInstance(true)) {
+        nb::object cls = ClassOfInstance(single);
+        if (cls.is_none())
+            return out;
+        TypeMap map = MapOfInstance(single);
+        // What instances get assigned (self.x = ...), class by class.
+        for (const MroEntry &entry : Mro(cls, map)) {
+            si::CSingleResolvedInfo *k = Single(entry.cls);
+            nb::object inst_scope = MakeScope(k->loc, si::GetInstanceNameForClass(NameOf(k)));
+            nb::object record = RecordOf(inst_scope);
+            if (record.is_none())
+                continue;
+            nb::object entry_bytes = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+            if (!entry_bytes.is_none())
+                out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
+        }
+        out.Merge(ClassAttribute(cls, name, single, map, true));
+        return out;
+    }
+    return out;
+}
+
+ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::handle receiver,
+                                    const TypeMap &map, bool via_instance) {
+    ValueSet out;
+    for (const MroEntry &entry : Mro(cls, map)) {
+        si::CSingleResolvedInfo *k = Single(entry.cls);
+        nb::object scope = MakeScope(k->loc, NameOf(k));
+        ValueSet found;
+        int redirect = 0;
+        if (FindLocal(scope, name, -2, found, redirect))
+            return BindFound(found, entry.cls, receiver, entry.map, via_instance);
+    }
+    if (!via_instance) {
+        // What every class has, from its metaclass.
+        nb::object type = BuiltinClass("type");
+        if (!type.is_none() && !SameClass(Single(type), Single(cls)))
+            return ClassAttribute(type, name, receiver, {}, true);
+    }
+    return out;
+}
+
+ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::handle receiver, const TypeMap &map,
+                               bool via_instance) {
+    ValueSet out;
+    for (const nb::object &f : found.Items()) {
+        si::CSingleResolvedInfo *s = Single(f);
+        if (!s->IsDef()) {
+            out.Add(f);
+            continue;
+        }
+        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+        si::DefInfo def = si::UnpackDefInfo(bare);
+        bool is_static = HasDecorator(def, "staticmethod");
+        bool is_class = HasDecorator(def, "classmethod") || si::LeafScopeName(def.scope_name) == "__new__" ||
+                        si::LeafScopeName(def.scope_name) == "__init_subclass__" ||
+                        si::LeafScopeName(def.scope_name) == "__class_getitem__";
+        bool is_property = HasDecorator(def, "property") || HasDecorator(def, "cached_property") ||
+                           HasDecorator(def, "getter");
+        char kind = si::kUnboundMethodKind;
+        nb::object bound_to = nb::none();
+        if (is_static)
+            kind = si::kFunctionKind;
+        else if (is_class) {
+            kind = si::kMethodKind;
+            bound_to = via_instance ? ClassOfInstance(receiver) : nb::borrow(receiver);
+            if (bound_to.is_none())
+                bound_to = nb::borrow(owner);
+        } else if (via_instance) {
+            kind = si::kMethodKind;
+            bound_to = nb::borrow(receiver);
+        }
+        nb::object method = DefSingle(s->loc, bare, kind);
+        si::CSingleResolvedInfo *m = Single(method);
+        m->fBoundTo = bound_to;
+        if (!map.empty())
+            m->fTypeArgs = MapToTuple(map);
+        if (is_property && via_instance) {
+            out.Merge(CallDef(method, {}, {}));
+            continue;
+        }
+        out.Add(method);
+    }
+    return out;
+}
+
+ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &args,
+                               const std::vector<std::pair<std::string, ValueSet>> &kwargs, const Frame &frame) {
+    ValueSet out;
+    if (Stop())
+        return out;
+    si::CSingleResolvedInfo *c = Single(callee);
+    if (c->IsClass()) {
+        // A class makes an instance; its type arguments come from what its
+        // constructor's parameters bind.
+        std::vector<std::string> vars = OrderedTypeVars(callee);
+        nb::object type_args = nb::none();
+        if (!c->fTypeArgs.is_none()) {
+            type_args = c->fTypeArgs;
+        } else if (!vars.empty() && (!args.empty() || !kwargs.empty())) {
+            ValueSet inits = ClassAttribute(callee, "__init__", callee, {}, false);
+            inits.Merge(ClassAttribute(callee, "__new__", callee, {}, false));
+            TypeMap bound;
+            for (const nb::object &init : inits.Items()) {
+                si::CSingleResolvedInfo *i = Single(init);
+                if (!i->IsDef() || !OverloadAccepts(init, args))
+                    continue;
+                si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
+                std::vector<Param> params = ParamsOf(def);
+                nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
+                for (std::size_t p = 1, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+                    if (params[p].star || params[p].keyword_only)
+                        break;
+                    if (!params[p].hint.empty())
+                        BindTypeVars(def_scope, params[p].hint, args[a], bound);
+                }
+                if (!bound.empty())
+                    break;
+            }
+            if (!bound.empty()) {
+                nb::list items;
+                for (const std::string &var : vars)
+                    items.append(bound.count(var) ? bound[var].AsFrozenSet() : ValueSet().AsFrozenSet());
+                type_args = nb::tuple(items);
+            }
+        }
+        return InstanceOf(callee, type_args);
+    }
+    if (c->IsDef())
+        return CallDef(callee, args, kwargs);
+    if (c->IsInstance(true)) {
+        ValueSet one;
+        one.Add(callee);
+        return CallDunder(one, "__call__", args);
+    }
+    return out;
+}
+
+ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> &args,
+                             const std::vector<std::pair<std::string, ValueSet>> &kwargs) {
+    si::CSingleResolvedInfo *d = Single(def_single);
+    TypeMap map = TupleToMap(d->fTypeArgs);
+    if (!d->fBoundTo.is_none()) {
+        si::CSingleResolvedInfo *recv = Single(d->fBoundTo);
+        ValueSet self;
+        self.Add(d->fBoundTo);
+        map["Self"] = recv->IsClass() ? InstanceOf(d->fBoundTo, recv->fTypeArgs) : self;
+    }
+    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
+        // Bind the def's own type variables from the arguments (and from the
+        // receiver for a bound method's first parameter).
+        std::vector<Param> params = ParamsOf(def);
+        nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
+        std::size_t first = 0;
+        if (!d->fBoundTo.is_none() && !params.empty()) {
+            if (!params[0].hint.empty()) {
+                ValueSet self = map["Self"];
+                BindTypeVars(def_scope, params[0].hint, self, map);
+            }
+            first = 1;
+        }
+        for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+            if (params[p].star || params[p].keyword_only)
+                break;
+            if (!params[p].hint.empty())
+                BindTypeVars(def_scope, params[p].hint, args[a], map);
+        }
+        for (const auto &[name, values] : kwargs)
+            for (const Param &p : params)
+                if (p.name == name && !p.hint.empty())
+                    BindTypeVars(def_scope, p.hint, values, map);
+    }
+    return ReturnsOfDef(def_single, map);
+}
+
+ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
+    ValueSet out;
+    si::CSingleResolvedInfo *d = Single(def_single);
+    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    std::string_view name = NameOf(d);
+    if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
+        nb::object def_scope = MakeScope(d->loc, si::DefLineScope(name));
+        return ResolveHintText(def_scope, *def.return_hint, &map);
+    }
+    std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(d->loc), std::string(name),
+                                                                    "return", -5};
+    if (fActive.count(key))
+        return out;
+    fActive.insert(key);
+    struct Leave {
+        CEvaluator &ev;
+        std::tuple<std::string, std::string, std::string, long long> key;
+        ~Leave() { ev.fActive.erase(key); }
+    } leave{*this, key};
+    nb::object scope = MakeScope(d->loc, name);
+    nb::object record = RecordOf(scope);
+    if (record.is_none()) {
+        ModuleRecord(d->loc);
+        return out;
+    }
+    nb::object returns = record.attr("GetInfoBytes")("return");
+    if (returns.is_none()) {
+        // Falling off the end of a function gives None; a stub's body says
+        // nothing.
+        if (!nb::cast<bool>(fLocCache.attr("IsPyiLocation")(d->loc)))
+            out.Add(LiteralSingle("None", std::nullopt));
+        return out;
+    }
+    ++fDepth;
+    out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
+    --fDepth;
+    return out;
+}
+
+ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args) {
+    ValueSet out;
+    for (const nb::object &r : receivers.Items()) {
+        si::CSingleResolvedInfo *s = Single(r);
+        if (!s->IsInstance(true))
+            continue;
+        nb::object cls = ClassOfInstance(r);
+        if (cls.is_none())
+            continue;
+        ValueSet methods = ClassAttribute(cls, method, r, MapOfInstance(r), true);
+        std::vector<nb::object> defs;
+        for (const nb::object &m : methods.Items())
+            if (Single(m)->IsDef())
+                defs.push_back(m);
+        ValueSet candidates;
+        for (const nb::object &m : defs)
+            candidates.Add(m);
+        for (const nb::object &m : SelectOverloads(candidates, args).Items())
+            if (OverloadAccepts(m, args))
+                out.Merge(CallDef(m, args, {}));
+    }
+    return out;
+}
+
+ValueSet CEvaluator::IterItems(const ValueSet &values) {
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        ValueSet one;
+        one.Add(v);
+        ValueSet iterators = CallDunder(one, "__iter__", {});
+        if (iterators.Empty())
+            iterators = CallDunder(one, "__aiter__", {});
+        ValueSet items = CallDunder(iterators, "__next__", {});
+        if (items.Empty())
+            items = CallDunder(iterators, "__anext__", {});
+        out.Merge(items);
+    }
+    return out;
+}
+
+// Whether the positional arguments fit a def's parameter hints, as far as
+// the hints name concrete classes.  Protocols and unresolved hints accept
+// anything; an int is good where a float or a complex is wanted.
+bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueSet> &args) {
+    si::CSingleResolvedInfo *d = Single(def_single);
+    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    std::vector<Param> params = ParamsOf(def);
+    std::size_t first = (d->IsBound() || (!d->fBoundTo.is_none())) && !params.empty() ? 1 : 0;
+    std::size_t positional = 0;
+    for (std::size_t p = first; p < params.size(); ++p)
+        if (!params[p].star && !params[p].keyword_only)
+            ++positional;
+    bool has_star = false;
+    for (const Param &p : params)
+        has_star = has_star || p.star == 1;
+    if (args.size() > positional && !has_star)
+        return false;
+    std::size_t required = 0;
+    for (std::size_t p = first; p < params.size(); ++p)
+        if (!params[p].star && !params[p].keyword_only && !params[p].has_default)
+            ++required;
+    if (args.size() < required)
+        return false;
+    nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
+    for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+        const Param &param = params[p];
+        if (param.star || param.keyword_only)
+            break;
+        if (param.hint.empty() || args[a].Empty())
+            continue;
+        TypeMap any;
+        ValueSet wanted = ResolveHintText(def_scope, param.hint, &any);
+        if (wanted.Empty())
+            continue;
+        std::vector<nb::object> wanted_classes;
+        bool open = false;
+        for (const nb::object &w : wanted.Items()) {
+            nb::object wc = ClassOfInstance(w);
+            if (wc.is_none()) {
+                open = true;
+                continue;
+            }
+            wanted_classes.push_back(wc);
+        }
+        if (open)
+            continue;
+        bool fits = false;
+        for (const nb::object &v : args[a].Items()) {
+            nb::object vc = ClassOfInstance(v);
+            if (vc.is_none()) {
+                fits = true;
+                break;
+            }
+            for (const nb::object &wc : wanted_classes)
+                if (IsProtocolClass(wc) && ProtocolAccepts(wc, vc))
+                    fits = true;
+            if (fits)
+                break;
+            std::string_view vname = NameOf(Single(vc));
+            for (const MroEntry &e : Mro(vc, {})) {
+                for (const nb::object &wc : wanted_classes) {
+                    si::CSingleResolvedInfo *w = Single(wc);
+                    std::string_view wname = NameOf(w);
+                    if (SameClass(Single(e.cls), w) ||
+                        (w->loc.is(Single(vc)->loc) && ((wname == "float" && (vname == "int" || vname == "bool")) ||
+                                                        (wname == "complex" && (vname == "int" || vname == "float" ||
+                                                                                vname == "bool")))))
+                        fits = true;
+                }
+                if (fits)
+                    break;
+            }
+            if (fits)
+                break;
+        }
+        if (!fits)
+            return false;
+    }
+    return true;
+}
+
+}  // namespace pysource::infer
+
+namespace pysource::infer {
+
+bool CEvaluator::IsProtocolClass(nb::handle cls) {
+    std::string_view bare = si::BareSingle(si::TextView(Single(cls)->ibytes, "ibytes"));
+    si::ClassInfo info = si::UnpackClassInfo(bare);
+    if (!info.arg_decl)
+        return false;
+    for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
+        std::string_view text = Strip(base);
+        std::size_t bracket = text.find('[');
+        std::string_view head = bracket == std::string_view::npos ? text : text.substr(0, bracket);
+        std::size_t dot = head.rfind('.');
+        if ((dot == std::string_view::npos ? head : head.substr(dot + 1)) == "Protocol")
+            return true;
+    }
+    return false;
+}
+
+// Structural fit: the class has every method the protocol declares.
+bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
+    si::CSingleResolvedInfo *p = Single(protocol);
+    si::CSingleResolvedInfo *c = Single(cls);
+    std::string key = LocationUrl(p->loc) + "|" + std::string(NameOf(p)) + "|" + LocationUrl(c->loc) + "|" +
+                      std::string(NameOf(c));
+    auto hit = fProtocolFits.find(key);
+    if (hit != fProtocolFits.end())
+        return hit->second;
+    fProtocolFits[key] = true;  // a protocol met again while deciding counts as met
+    bool fits = true;
+    nb::object record = RecordOf(MakeScope(p->loc, NameOf(p)));
+    if (!record.is_none()) {
+        nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
+        for (auto [name, value] : members) {
+            std::string member = nb::cast<std::string>(name);
+            if (member == "__init__" || member == "__new__" || member == "__class_getitem__" ||
+                member == "__slots__" || member == "__hash__" || member == "__subclasshook__")
+                continue;
+            if (!si::IsDefKind(si::GetInfoBytesKind(si::BareSingle(si::TextView(value, "ibytes")))))
+                continue;
+            if (ClassAttribute(cls, member, cls, {}, false).Empty()) {
+                fits = false;
+                break;
+            }
+        }
+    }
+    fProtocolFits[key] = fits;
+    return fits;
+}
+
+// Calls of overloaded defs take the first overload that fits the
+// arguments, as a type checker does; the implementation behind the
+// overloads of a source file is left out.
+ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args) {
+    ValueSet out;
+    std::map<std::string, std::vector<std::pair<long, nb::object>>> groups;
+    std::vector<std::string> order;
+    auto group_key = [](si::CSingleResolvedInfo *s) {
+        std::string name(NameOf(s));
+        std::size_t bar = name.rfind('|');
+        if (bar != std::string::npos && name.find('.', bar) == std::string::npos)
+            name.resize(bar);
+        return LocationUrl(s->loc) + "|" + name;
+    };
+    for (const nb::object &callee : callees.Items()) {
+        si::CSingleResolvedInfo *s = Single(callee);
+        if (!s->IsDef())
+            continue;
+        si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+        if (!HasDecorator(def, "overload"))
+            continue;
+        std::string key = group_key(s);
+        if (!groups.count(key))
+            order.push_back(key);
+        groups[key].emplace_back(si::LeafScopeIndex(NameOf(s)), callee);
+    }
+    for (const nb::object &callee : callees.Items()) {
+        si::CSingleResolvedInfo *s = Single(callee);
+        if (!s->IsDef() || !groups.count(group_key(s)))
+            out.Add(callee);
+    }
+    for (const std::string &key : order) {
+        auto &group = groups[key];
+        std::stable_sort(group.begin(), group.end(),
+                         [](const auto &a, const auto &b) { return a.first < b.first; });
+        bool chosen = false;
+        for (const auto &[index, def] : group)
+            if (OverloadAccepts(def, args)) {
+                out.Add(def);
+                chosen = true;
+                break;
+            }
+        if (!chosen)
+            for (const auto &[index, def] : group)
+                out.Add(def);
+    }
+    return out;
+}
+
+}  // namespace pysource::infer

@@ -1,0 +1,543 @@
+// Expressions: the parse tree of an expression text, evaluated to singles.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "pysource/exprtext.h"
+#include "pysource/infokinds.h"
+#include "pysource/packedops.h"
+#include "pysource/pgeninspect/parser.h"
+#include "pysource/pytext.h"
+#include "pysource/resolvedinfo.h"
+#include "pysource/scopename.h"
+#include "pysource/scoperef.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+using pgen::Node;
+using pgen::NodeKind;
+
+namespace {
+
+// The records write the item of an iteration as the subscript "[*]", which
+// isn't Python; it is read as a subscript by this name.
+constexpr std::string_view kIterMarker = "__pysource_iter__";
+constexpr std::size_t kMaxDisplayItems = 16;
+
+std::string WithIterMarkers(std::string_view text) {
+    std::string out;
+    out.reserve(text.size() + 16);
+    std::size_t pos = 0;
+    for (;;) {
+        std::size_t hit = text.find("[*]", pos);
+        if (hit == std::string_view::npos)
+            break;
+        out.append(text.substr(pos, hit - pos));
+        out.push_back('[');
+        out.append(kIterMarker);
+        out.push_back(']');
+        pos = hit + 3;
+    }
+    out.append(text.substr(pos));
+    return out;
+}
+
+si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleResolvedInfo *>(obj); }
+
+std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
+
+}  // namespace
+
+ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long long use_index) {
+    ValueSet out;
+    if (Stop())
+        return out;
+    std::tuple<std::string, std::string, std::string, long long> key{
+        LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
+        std::string(text), use_index};
+    if (fActive.count(key))
+        return out;  // the value depends on itself: nothing more to learn here
+    fActive.insert(key);
+    struct Leave {
+        CEvaluator &ev;
+        std::tuple<std::string, std::string, std::string, long long> key;
+        ~Leave() {
+            ev.fActive.erase(key);
+            --ev.fDepth;
+        }
+    } leave{*this, key};
+    ++fDepth;
+    Tree tree;
+    std::string source = WithIterMarkers(text);
+    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(source), 0, true);
+    if (root < 0)
+        return out;
+    Frame frame{nb::borrow(scope), use_index, nullptr, nullptr};
+    return Eval(tree, root, frame);
+}
+
+ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &frame) {
+    ValueSet out;
+    if (node < 0 || Stop())
+        return out;
+    const Node &n = tree.nodes[(std::size_t) node];
+    switch (n.kind) {
+    case NodeKind::kName:
+        return EvalName(TokText(tree, n.aux), frame);
+    case NodeKind::kConstant:
+        return EvalConstant(tree, n);
+    case NodeKind::kString:
+        return EvalString(tree, n);
+    case NodeKind::kAttribute: {
+        ValueSet base = Eval(tree, tree.Kid(n, 0), frame);
+        std::string_view attr = TokText(tree, n.aux);
+        for (const nb::object &single : base.Items())
+            out.Merge(Attribute(single, attr));
+        return out;
+    }
+    case NodeKind::kCall:
+        return EvalCall(tree, n, frame);
+    case NodeKind::kSubscript:
+        return EvalSubscript(tree, n, frame);
+    case NodeKind::kTuple:
+    case NodeKind::kList:
+    case NodeKind::kSet:
+    case NodeKind::kDict:
+        return EvalDisplay(tree, n, frame);
+    case NodeKind::kListComp:
+    case NodeKind::kSetComp:
+    case NodeKind::kDictComp:
+    case NodeKind::kGenExp:
+        return EvalComprehension(tree, n, frame);
+    case NodeKind::kBinOp:
+        return EvalBinOp(tree, n, frame);
+    case NodeKind::kUnaryOp:
+        if (TokText(tree, n.tok_begin) == "not") {
+            out.Add(LiteralSingle("bool", std::nullopt));
+            return out;
+        }
+        return Eval(tree, tree.Kid(n, 0), frame);
+    case NodeKind::kBoolOp:
+        for (std::int32_t i = 0; i < n.kids_count; ++i)
+            out.Merge(Eval(tree, tree.Kid(n, i), frame));
+        return out;
+    case NodeKind::kCompare:
+        out.Add(LiteralSingle("bool", std::nullopt));
+        return out;
+    case NodeKind::kIfExp:
+        out.Merge(Eval(tree, tree.Kid(n, 0), frame));
+        out.Merge(Eval(tree, tree.Kid(n, 2), frame));
+        return out;
+    case NodeKind::kNamedExpr:
+        return Eval(tree, tree.Kid(n, 1), frame);
+    case NodeKind::kAwait:
+    case NodeKind::kStarred:
+        return Eval(tree, tree.Kid(n, 0), frame);
+    default:
+        return out;  // lambdas, yields, slices: nothing known
+    }
+}
+
+ValueSet CEvaluator::EvalName(std::string_view name, const Frame &frame) {
+    if (frame.locals)
+        for (auto it = frame.locals->rbegin(); it != frame.locals->rend(); ++it)
+            if (it->first == name)
+                return it->second;
+    return LookupName(frame.scope, name, frame.use_index);
+}
+
+ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
+    ValueSet out;
+    std::string_view text = TokText(tree, n.tok_begin);
+    if (text == "None")
+        out.Add(LiteralSingle("None", std::nullopt));
+    else if (text == "True" || text == "False")
+        out.Add(LiteralSingle("bool", std::nullopt));
+    else if (text == "...")
+        out.Add(LiteralSingle("ellipsis", std::nullopt));
+    else if (!text.empty() && (text.back() == 'j' || text.back() == 'J'))
+        out.Add(LiteralSingle("complex", std::nullopt));
+    else if (si::IsFloat(text))
+        out.Add(LiteralSingle("float", std::nullopt));
+    else if (!text.empty())
+        out.Add(LiteralSingle("int", std::nullopt));
+    return out;
+}
+
+ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
+    ValueSet out;
+    std::string_view text = TokText(tree, n.tok_begin);
+    bool is_bytes = false;
+    for (char c : text) {
+        if (c == '"' || c == '\'')
+            break;
+        is_bytes = is_bytes || c == 'b' || c == 'B';
+    }
+    out.Add(LiteralSingle(is_bytes ? "bytes" : "str", std::nullopt));
+    return out;
+}
+
+ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &frame) {
+    ValueSet out;
+    std::int32_t callee_node = tree.Kid(n, 0);
+    ValueSet callees = Eval(tree, callee_node, frame);
+    if (callees.Empty())
+        return out;
+    std::vector<ValueSet> args;
+    std::vector<std::pair<std::string, ValueSet>> kwargs;
+    std::int32_t first_arg = -1;
+    bool args_done = false;
+    auto arguments = [&]() {
+        if (args_done)
+            return;
+        args_done = true;
+        for (std::int32_t i = 1; i < n.kids_count; ++i) {
+            std::int32_t kid = tree.Kid(n, i);
+            if (kid < 0)
+                continue;
+            const Node &k = tree.nodes[(std::size_t) kid];
+            if (k.kind == NodeKind::kKeyword) {
+                if (k.aux >= 0)
+                    kwargs.emplace_back(std::string(TokText(tree, k.aux)), Eval(tree, tree.Kid(k, 0), frame));
+            } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
+                break;  // positions after *args are unknown
+            } else {
+                args.push_back(Eval(tree, kid, frame));
+            }
+        }
+    };
+    if (n.kids_count > 1)
+        first_arg = tree.Kid(n, 1);
+    ValueSet calls;
+    for (const nb::object &callee : callees.Items()) {
+        si::CSingleResolvedInfo *c = Single(callee);
+        std::string form = c->IsClass() ? SpecialFormOf(callee) : std::string();
+        // TypeVar("T"): a type variable named by its first argument.
+        if ((form == "TypeVar" || form == "ParamSpec" || form == "TypeVarTuple") && first_arg >= 0 &&
+            tree.nodes[(std::size_t) first_arg].kind == NodeKind::kString) {
+            std::string_view literal;
+            if (pgen::StringAnnotationText(tree, first_arg, literal)) {
+                nb::object module_scope = ModuleScopeOf(frame.scope.attr("loc"));
+                std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form));
+            }
+            continue;
+        }
+        if (c->IsClass() && !form.empty())
+            continue;  // other forms are not called for values
+        if (c->IsClass()) {
+            std::string_view name = si::TextView(c->scope->name, "name");
+            nb::object builtins = fLocCache.attr("GetBuiltinLoc")();
+            if (c->loc.is(builtins) && name == "type" && n.kids_count == 2) {
+                // type(x): the class of x.
+                arguments();
+                if (!args.empty())
+                    for (const nb::object &v : args[0].Items()) {
+                        nb::object cls = ClassOfInstance(v);
+                        if (!cls.is_none())
+                            out.Add(cls);
+                    }
+                continue;
+            }
+            if (c->loc.is(builtins) && name == "super") {
+                // super() in a method: the instance seen as its first base.
+                std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+                nb::object cls_scope = MakeScope(frame.scope.attr("loc"), si::ParentScopeName(scope_name));
+                if (ScopeKindOf(cls_scope) == "class") {
+                    std::string_view own = si::BareSingle(si::TextView(RecordOf(cls_scope).attr("ibytes"), "ibytes"));
+                    std::vector<MroEntry> mro = Mro(ClassSingle(frame.scope.attr("loc"), own), {});
+                    if (mro.size() > 1)
+                        out.Merge(InstanceOf(mro[1].cls, nb::none()));
+                }
+                continue;
+            }
+        }
+        if (c->IsDef() && form.empty()) {
+            // typing.cast(T, value): the type T.
+            std::string_view def_name = si::TextView(c->scope->name, "name");
+            if (def_name == "cast" && first_arg >= 0 && !SpecialFormOf(callee).size() &&
+                fLocCache.attr("IsTypingLoc")(c->loc).equal(nb::bool_(true))) {
+                out.Merge(EvalType(tree, first_arg, frame));
+                continue;
+            }
+        }
+        arguments();
+        calls.Add(callee);
+    }
+    for (const nb::object &callee : SelectOverloads(calls, args).Items())
+        out.Merge(CallValue(callee, args, kwargs, frame));
+    return out;
+}
+
+ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame &frame) {
+    ValueSet out;
+    ValueSet base = Eval(tree, tree.Kid(n, 0), frame);
+    std::int32_t slice = tree.Kid(n, 1);
+    if (slice < 0 || base.Empty())
+        return out;
+    const Node &s = tree.nodes[(std::size_t) slice];
+    if (s.kind == NodeKind::kName && TokText(tree, s.aux) == kIterMarker)
+        return IterItems(base);
+    ValueSet index;
+    bool index_done = false;
+    for (const nb::object &value : base.Items()) {
+        si::CSingleResolvedInfo *v = Single(value);
+        if (v->IsClass()) {
+            // A generic alias in an expression: list[int], Optional[X].
+            std::vector<ValueSet> args;
+            TypeArgsOf(tree, slice, frame, args);
+            nb::list items;
+            for (const ValueSet &arg : args)
+                items.append(arg.AsFrozenSet());
+            auto *spec = new si::CSingleResolvedInfo(v->ibytes, v->scope, v->loc, v->fClassRef);
+            spec->fTypeArgs = nb::tuple(items);
+            out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(spec)));
+            continue;
+        }
+        // A tuple of known positions indexed by a constant.
+        nb::object cls = ClassOfInstance(value);
+        if (!cls.is_none() && !v->fTypeArgs.is_none() && s.kind != NodeKind::kSlice) {
+            auto *c = Single(cls);
+            if (si::TextView(c->scope->name, "name") == "tuple" && c->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
+                std::string_view text = TokText(tree, s.tok_begin);
+                bool negative = false;
+                if (s.kind == NodeKind::kUnaryOp && text == "-") {
+                    negative = true;
+                    text = TokText(tree, s.tok_begin + 1);
+                }
+                if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
+                    std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+                    long long i = std::stoll(std::string(text));
+                    Py_ssize_t size = PyTuple_GET_SIZE(v->fTypeArgs.ptr());
+                    if (negative)
+                        i = size - i;
+                    if (size > 1 && i >= 0 && i < size) {
+                        out.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(v->fTypeArgs.ptr(), i)));
+                        continue;
+                    }
+                }
+            }
+        }
+        if (!index_done) {
+            index = Eval(tree, slice, frame);
+            if (s.kind == NodeKind::kSlice) {
+                nb::object slice_cls = BuiltinClass("slice");
+                if (!slice_cls.is_none())
+                    index = InstanceOf(slice_cls, nb::none());
+            }
+            index_done = true;
+        }
+        ValueSet one;
+        one.Add(value);
+        out.Merge(CallDunder(one, "__getitem__", {index}));
+    }
+    return out;
+}
+
+ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &frame) {
+    ValueSet out;
+    std::int32_t left_node = tree.Kid(n, 0);
+    std::int32_t right_node = tree.Kid(n, 1);
+    if (left_node < 0 || right_node < 0)
+        return out;
+    std::string_view op = TokText(tree, tree.nodes[(std::size_t) left_node].tok_end);
+    static const std::pair<std::string_view, std::pair<std::string_view, std::string_view>> kDunders[] = {
+        {"+", {"__add__", "__radd__"}},      {"-", {"__sub__", "__rsub__"}},
+        {"*", {"__mul__", "__rmul__"}},      {"/", {"__truediv__", "__rtruediv__"}},
+        {"//", {"__floordiv__", "__rfloordiv__"}}, {"%", {"__mod__", "__rmod__"}},
+        {"**", {"__pow__", "__rpow__"}},     {"@", {"__matmul__", "__rmatmul__"}},
+        {"&", {"__and__", "__rand__"}},      {"|", {"__or__", "__ror__"}},
+        {"^", {"__xor__", "__rxor__"}},      {"<<", {"__lshift__", "__rlshift__"}},
+        {">>", {"__rshift__", "__rrshift__"}},
+    };
+    const std::pair<std::string_view, std::string_view> *dunder = nullptr;
+    for (const auto &row : kDunders)
+        if (row.first == op)
+            dunder = &row.second;
+    if (!dunder)
+        return out;
+    ValueSet left = Eval(tree, left_node, frame);
+    ValueSet right = Eval(tree, right_node, frame);
+    if (op == "|" && IsTypeOperand(left) && IsTypeOperand(right)) {
+        // X | Y of classes: the union type, as typing's Union form.
+        nb::object form = TypingClass("Union");
+        if (form.is_none())
+            return out;
+        ValueSet members;
+        for (const ValueSet *side : {&left, &right})
+            for (const nb::object &v : side->Items())
+                members.Merge(Single(v)->IsClass() ? TypeOfSingle(v, frame) : ValueSet());
+        for (const ValueSet *side : {&left, &right})
+            for (const nb::object &v : side->Items())
+                if (!Single(v)->IsClass())
+                    members.Add(v);
+        si::CSingleResolvedInfo *f = Single(form);
+        auto *u = new si::CSingleResolvedInfo(f->ibytes, f->scope, f->loc);
+        u->fTypeArgs = nb::make_tuple(members.AsFrozenSet());
+        out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(u)));
+        return out;
+    }
+    for (const nb::object &l : left.Items()) {
+        ValueSet one;
+        one.Add(l);
+        ValueSet result = CallDunder(one, dunder->first, {right});
+        if (result.Empty())
+            for (const nb::object &r : right.Items()) {
+                ValueSet other;
+                other.Add(r);
+                ValueSet lhs;
+                lhs.Add(l);
+                result.Merge(CallDunder(other, dunder->second, {lhs}));
+            }
+        out.Merge(result);
+    }
+    return out;
+}
+
+// Values that can stand on either side of `|` in a type: classes and None.
+bool CEvaluator::IsTypeOperand(const ValueSet &values) {
+    if (values.Empty())
+        return false;
+    for (const nb::object &v : values.Items()) {
+        si::CSingleResolvedInfo *s = Single(v);
+        if (s->IsClass())
+            continue;
+        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None")
+            continue;
+        return false;
+    }
+    return true;
+}
+
+ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &frame) {
+    ValueSet out;
+    const char *cls_name = n.kind == NodeKind::kTuple  ? "tuple"
+                           : n.kind == NodeKind::kList ? "list"
+                           : n.kind == NodeKind::kSet  ? "set"
+                                                       : "dict";
+    nb::object cls = BuiltinClass(cls_name);
+    if (cls.is_none())
+        return out;
+    nb::list args;
+    if (n.kind == NodeKind::kDict) {
+        ValueSet keys, values;
+        for (std::int32_t i = 0; i + 1 < n.kids_count && (std::size_t) i < 2 * kMaxDisplayItems; i += 2) {
+            std::int32_t key = tree.Kid(n, i);
+            if (key < 0 || tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred)
+                continue;
+            keys.Merge(Eval(tree, key, frame));
+            values.Merge(Eval(tree, tree.Kid(n, i + 1), frame));
+        }
+        if (!keys.Empty() || !values.Empty()) {
+            args.append(keys.AsFrozenSet());
+            args.append(values.AsFrozenSet());
+        }
+    } else {
+        std::vector<ValueSet> items;
+        bool starred = false;
+        for (std::int32_t i = 0; i < n.kids_count && (std::size_t) i < kMaxDisplayItems; ++i) {
+            std::int32_t kid = tree.Kid(n, i);
+            if (kid < 0)
+                continue;
+            const Node &k = tree.nodes[(std::size_t) kid];
+            if (k.kind == NodeKind::kStarred) {
+                starred = true;
+                items.push_back(IterItems(Eval(tree, tree.Kid(k, 0), frame)));
+            } else {
+                items.push_back(Eval(tree, kid, frame));
+            }
+        }
+        bool positional = n.kind == NodeKind::kTuple && !starred && (std::size_t) n.kids_count <= kMaxDisplayItems;
+        if (positional && items.size() > 1) {
+            for (const ValueSet &item : items)
+                args.append(item.AsFrozenSet());
+        } else if (!items.empty()) {
+            ValueSet all;
+            for (const ValueSet &item : items)
+                all.Merge(item);
+            args.append(all.AsFrozenSet());
+        }
+    }
+    return InstanceOf(cls, args.size() ? nb::object(nb::tuple(args)) : nb::object(nb::none()));
+}
+
+// Binds the names of a comprehension's (or a for's) target.
+static void BindTarget(const pgen::Tree &tree, std::int32_t target, const ValueSet &values,
+                       std::vector<std::pair<std::string, ValueSet>> &locals,
+                       const std::function<ValueSet(const ValueSet &, std::size_t, std::size_t)> &item_at) {
+    if (target < 0)
+        return;
+    const Node &t = tree.nodes[(std::size_t) target];
+    if (t.kind == NodeKind::kName) {
+        locals.emplace_back(std::string(tree.toks[(std::size_t) t.aux].text), values);
+    } else if (t.kind == NodeKind::kTuple || t.kind == NodeKind::kList) {
+        for (std::int32_t i = 0; i < t.kids_count; ++i)
+            BindTarget(tree, tree.Kid(t, i), item_at(values, (std::size_t) i, (std::size_t) t.kids_count),
+                       locals, item_at);
+    } else if (t.kind == NodeKind::kStarred) {
+        BindTarget(tree, tree.Kid(t, 0), ValueSet(), locals, item_at);
+    }
+}
+
+ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Frame &frame) {
+    ValueSet out;
+    Locals locals = frame.locals ? *frame.locals : Locals();
+    Frame inner{frame.scope, frame.use_index, frame.map, &locals};
+    std::int32_t first_comp = n.kind == NodeKind::kDictComp ? 2 : 1;
+    auto item_at = [this](const ValueSet &values, std::size_t i, std::size_t count) {
+        ValueSet item;
+        for (const nb::object &v : values.Items()) {
+            si::CSingleResolvedInfo *s = Single(v);
+            if (!s->fTypeArgs.is_none() && PyTuple_Check(s->fTypeArgs.ptr()) &&
+                (std::size_t) PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == count && count > 1) {
+                nb::object cls = ClassOfInstance(v);
+                if (!cls.is_none() && si::TextView(Single(cls)->scope->name, "name") == "tuple") {
+                    item.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), (Py_ssize_t) i)));
+                    continue;
+                }
+            }
+            ValueSet one;
+            one.Add(v);
+            item.Merge(IterItems(one));
+        }
+        return item;
+    };
+    for (std::int32_t i = first_comp; i < n.kids_count; ++i) {
+        std::int32_t comp = tree.Kid(n, i);
+        if (comp < 0)
+            continue;
+        const Node &c = tree.nodes[(std::size_t) comp];
+        ValueSet iterable = Eval(tree, tree.Kid(c, 1), inner);
+        ValueSet items = IterItems(iterable);
+        BindTarget(tree, tree.Kid(c, 0), items, locals, item_at);
+    }
+    if (n.kind == NodeKind::kDictComp) {
+        ValueSet keys = Eval(tree, tree.Kid(n, 0), inner);
+        ValueSet values = Eval(tree, tree.Kid(n, 1), inner);
+        nb::object cls = BuiltinClass("dict");
+        if (cls.is_none())
+            return out;
+        return InstanceOf(cls, nb::make_tuple(keys.AsFrozenSet(), values.AsFrozenSet()));
+    }
+    ValueSet element = Eval(tree, tree.Kid(n, 0), inner);
+    nb::object cls;
+    if (n.kind == NodeKind::kGenExp) {
+        cls = TypingClass("Generator");
+        if (cls.is_none())
+            return out;
+        ValueSet none;
+        none.Add(LiteralSingle("None", std::nullopt));
+        return InstanceOf(cls, nb::make_tuple(element.AsFrozenSet(), none.AsFrozenSet(), none.AsFrozenSet()));
+    }
+    cls = BuiltinClass(n.kind == NodeKind::kListComp ? "list" : "set");
+    if (cls.is_none())
+        return out;
+    return InstanceOf(cls, element.Empty() ? nb::object(nb::none()) : nb::object(nb::make_tuple(element.AsFrozenSet())));
+}
+
+}  // namespace pysource::infer

@@ -1,0 +1,189 @@
+// CEvaluator: the work of one request to the inference engine.  It reads
+// records through the info cache, evaluates expression text over the
+// analyzer's parse tree, follows names by Python's scoping rules, imports
+// through the module finder, attributes through classes and their bases,
+// calls through return hints and return statements, and type hints through
+// typing's forms and type variables.  It lives for one request: its memos
+// never outlast a change of the records.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "pysource/infer/inferencectx.h"
+#include "pysource/infer/inferenceengine.h"
+#include "pysource/pgeninspect/tree.h"
+
+namespace nb = nanobind;
+
+namespace pysource::infer {
+
+// A set of singles (CSingleResolvedInfo objects), in the order found,
+// without duplicates, bounded in size.
+class ValueSet {
+public:
+    void Add(nb::handle single);
+    void Merge(const ValueSet &other);
+    bool Empty() const { return fItems.empty(); }
+    std::size_t Size() const { return fItems.size(); }
+    const std::vector<nb::object> &Items() const & { return fItems; }
+    // On a temporary, the items themselves: a range-for over
+    // `Evaluate(...).Items()` then holds them for the loop's life.
+    std::vector<nb::object> Items() && { return std::move(fItems); }
+    nb::object AsFrozenSet() const;
+    static ValueSet FromIterable(nb::handle items);
+    static std::size_t gMaxValues;
+
+private:
+    std::vector<nb::object> fItems;
+};
+
+// Type variable name -> what it stands for (instances, or classes for
+// type[T]).
+using TypeMap = std::map<std::string, ValueSet>;
+
+// A class in a method resolution order, with the type arguments its
+// subclass gave it.
+struct MroEntry {
+    nb::object cls;  // the class single
+    TypeMap map;
+};
+
+class CEvaluator {
+public:
+    CEvaluator(CInferenceEngine &engine, nb::handle ctx);
+
+    // An expression's text read in `scope` (a CScope) at logical `use_index`
+    // of that scope's body (-2 when not known).
+    ValueSet ResolveText(nb::handle scope, std::string_view text, long long use_index);
+    // A type hint's text read in `scope`: the instances it describes.
+    ValueSet ResolveHintText(nb::handle scope, std::string_view text, const TypeMap *map);
+    // The values that info bytes (a single or a compound) stand for, read
+    // in `scope`.
+    ValueSet ValuesOfInfo(nb::handle scope, std::string_view ibytes, long long use_index);
+
+    // Public pieces the engine's other services use.
+    std::vector<MroEntry> Mro(nb::handle cls, const TypeMap &map);
+    std::vector<std::string> OrderedTypeVars(nb::handle cls);
+    std::string SpecialFormOf(nb::handle single);  // canonical name, or ""
+    nb::object RecordOf(nb::handle scope);         // merged CScopeInfo or None
+
+private:
+    using Tree = pgen::Tree;
+    // Names bound inside an expression (comprehension targets, lambda
+    // parameters), innermost last.
+    using Locals = std::vector<std::pair<std::string, ValueSet>>;
+
+    struct Frame {
+        nb::object scope;
+        long long use_index;
+        const TypeMap *map;
+        Locals *locals;
+    };
+
+    // Expressions.
+    ValueSet Eval(const Tree &tree, std::int32_t node, const Frame &frame);
+    ValueSet EvalName(std::string_view name, const Frame &frame);
+    ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
+    ValueSet EvalString(const Tree &tree, const pgen::Node &n);
+    ValueSet EvalCall(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    ValueSet EvalSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    ValueSet EvalBinOp(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    bool IsTypeOperand(const ValueSet &values);
+    ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
+
+    // Type hints.
+    ValueSet EvalType(const Tree &tree, std::int32_t node, const Frame &frame);
+    ValueSet EvalTypeSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    ValueSet TypeOfSingle(nb::handle single, const Frame &frame);
+    void TypeArgsOf(const Tree &tree, std::int32_t slice, const Frame &frame, std::vector<ValueSet> &args);
+    // Binds the type variables of `hint` (read in `scope`) from what a
+    // parameter received.
+    void BindTypeVars(nb::handle scope, std::string_view hint, const ValueSet &received, TypeMap &map);
+    void BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
+                  TypeMap &map);
+
+    // Names and records.
+    ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
+    ValueSet LookupInScopeChain(nb::handle scope, std::string_view name);
+    bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
+                   int &redirect);
+    ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
+                         long long use_index);
+    ValueSet ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index);
+    ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
+    ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
+    ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
+    nb::object ImportModule(std::string_view dotted, nb::handle from_loc);
+    nb::object ImportRelative(long long level, std::string_view dotted, nb::handle from_loc);
+    ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name);
+    ValueSet BuiltinNamed(std::string_view name);
+    nb::object ModuleScopeOf(nb::handle loc);
+    std::string ScopeKindOf(nb::handle scope);  // "class", "def", "module", "" unknown
+    // The record of the module at `loc`; marks the request incomplete and
+    // names the needed scan when the file has none yet.
+    nb::object ModuleRecord(nb::handle loc);
+
+    // Classes and attributes.
+    ValueSet Attribute(nb::handle single, std::string_view name);
+    ValueSet ClassAttribute(nb::handle cls, std::string_view name, nb::handle receiver,
+                            const TypeMap &map, bool via_instance);
+    ValueSet BindFound(const ValueSet &found, nb::handle owner, nb::handle receiver, const TypeMap &map,
+                       bool via_instance);
+    ValueSet InstanceOf(nb::handle cls, nb::handle type_args);
+    nb::object ClassOfInstance(nb::handle single);
+    TypeMap MapOfInstance(nb::handle single);
+    ValueSet CallValue(nb::handle callee, const std::vector<ValueSet> &args,
+                       const std::vector<std::pair<std::string, ValueSet>> &kwargs,
+                       const Frame &frame);
+    ValueSet CallDef(nb::handle def, const std::vector<ValueSet> &args,
+                     const std::vector<std::pair<std::string, ValueSet>> &kwargs);
+    ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map);
+    ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
+    ValueSet IterItems(const ValueSet &values);
+    bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args);
+    ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args);
+    bool IsProtocolClass(nb::handle cls);
+    bool ProtocolAccepts(nb::handle protocol, nb::handle cls);
+
+    // Singles.
+    nb::object ClassSingle(nb::handle loc, std::string_view bare_class_info);
+    nb::object DefSingle(nb::handle loc, std::string_view bare_def_info, char kind);
+    nb::object ModuleSingle(nb::handle loc, std::string_view dotted);
+    nb::object LiteralSingle(std::string_view class_name, const std::optional<std::string> &value);
+    nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind);
+    nb::object BuiltinClass(std::string_view name);
+    nb::object TypingClass(std::string_view name);
+
+    // Stub conditions: 1 holds, 0 doesn't, -1 can't be told (counts as
+    // holding).
+    int EvaluateCondition(std::string_view condition);
+    bool ConditionsHold(std::string_view single);
+
+    bool Stop();  // out of time or too deep: give up this branch
+    void Seen(nb::handle scope);
+
+    CInferenceEngine &fEngine;
+    nb::object fCtxObject;
+    CInferContext *fCtx;  // null when the context is not ours
+    nb::object fInfoCache;
+    nb::object fLocCache;
+    nb::object fFinder;
+    int fDepth = 0;
+    bool fGaveUp = false;
+    std::string fPrimaryScanName;
+    nb::dict fRecords;  // scope -> merged record, or None
+    std::set<std::tuple<std::string, std::string, std::string, long long>> fActive;
+    std::map<std::string, std::string> fModuleNames;  // url -> dotted name
+    std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
+};
+
+}  // namespace pysource::infer

@@ -1,0 +1,340 @@
+// Type hints: what instances a hint describes, typing's special forms, and
+// the binding of type variables from what parameters receive.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include "pysource/infer/infertyping.h"
+#include "pysource/infokinds.h"
+#include "pysource/packedops.h"
+#include "pysource/pgeninspect/parser.h"
+#include "pysource/pytext.h"
+#include "pysource/resolvedinfo.h"
+#include "pysource/scopename.h"
+#include "pysource/scoperef.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+using pgen::Node;
+using pgen::NodeKind;
+
+namespace {
+
+si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleResolvedInfo *>(obj); }
+
+std::string_view NameOf(si::CSingleResolvedInfo *s) { return si::TextView(s->scope->name, "name"); }
+
+bool IsTypeParam(si::CSingleResolvedInfo *s) {
+    return si::GetInfoBytesKind(si::BareSingle(si::TextView(s->ibytes, "ibytes"))) == si::kTypeParameterKind;
+}
+
+std::string TypeParamName(si::CSingleResolvedInfo *s) {
+    return si::UnpackTypeParameterInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes"))).name;
+}
+
+}  // namespace
+
+std::string CEvaluator::SpecialFormOf(nb::handle single) {
+    si::CSingleResolvedInfo *s = Single(single);
+    if (!s->IsClass())
+        return {};
+    std::string url = LocationUrl(s->loc);
+    auto it = fModuleNames.find(url);
+    if (it == fModuleNames.end()) {
+        nb::object dotted = fFinder.attr("ModuleNameOf")(s->loc);
+        it = fModuleNames.emplace(url, dotted.is_none() ? std::string() : nb::cast<std::string>(dotted)).first;
+    }
+    if (!IsTypingModuleName(it->second) && !nb::cast<bool>(fLocCache.attr("IsTypingLoc")(s->loc)))
+        return {};
+    std::string_view canonical = CanonicalSpecialForm(NameOf(s));
+    // Only the forms: typing's abstract classes (Iterable, ...) are classes.
+    static const char *kForms[] = {"Any", "Optional", "Union", "Literal", "Final", "ClassVar", "Annotated",
+                                   "TypeGuard", "TypeIs", "Self", "Never", "NoReturn", "Generic", "Protocol",
+                                   "Callable", "Concatenate", "Unpack", "Required", "NotRequired", "ReadOnly",
+                                   "TypeAlias", "LiteralString", "TypeVar", "ParamSpec", "TypeVarTuple",
+                                   "NewType", "AnyStr"};
+    for (const char *form : kForms)
+        if (canonical == form)
+            return std::string(canonical);
+    return {};
+}
+
+ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, const TypeMap *map) {
+    ValueSet out;
+    if (Stop())
+        return out;
+    Tree tree;
+    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
+    if (root < 0)
+        return out;
+    Frame frame{nb::borrow(scope), -2, map, nullptr};
+    ++fDepth;
+    out = EvalType(tree, root, frame);
+    --fDepth;
+    return out;
+}
+
+ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
+    ValueSet out;
+    if (node < 0 || Stop())
+        return out;
+    const Node &n = tree.nodes[(std::size_t) node];
+    switch (n.kind) {
+    case NodeKind::kString: {
+        std::string_view inner;
+        if (!pgen::StringAnnotationText(tree, node, inner))
+            return out;
+        return ResolveHintText(frame.scope, inner, frame.map);
+    }
+    case NodeKind::kConstant:
+        if (tree.toks[(std::size_t) n.tok_begin].text == "None")
+            out.Add(LiteralSingle("None", std::nullopt));
+        return out;
+    case NodeKind::kBinOp:
+        if (tree.toks[(std::size_t) tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end].text == "|") {
+            out.Merge(EvalType(tree, tree.Kid(n, 0), frame));
+            out.Merge(EvalType(tree, tree.Kid(n, 1), frame));
+        }
+        return out;
+    case NodeKind::kSubscript:
+        return EvalTypeSubscript(tree, n, frame);
+    case NodeKind::kName:
+    case NodeKind::kAttribute:
+        for (const nb::object &single : Eval(tree, node, frame).Items())
+            out.Merge(TypeOfSingle(single, frame));
+        return out;
+    default:
+        return out;
+    }
+}
+
+void CEvaluator::TypeArgsOf(const Tree &tree, std::int32_t slice, const Frame &frame, std::vector<ValueSet> &args) {
+    if (slice < 0)
+        return;
+    const Node &s = tree.nodes[(std::size_t) slice];
+    if (s.kind == NodeKind::kTuple && !(s.flags & pgen::kFlagParenthesized)) {
+        for (std::int32_t i = 0; i < s.kids_count; ++i) {
+            std::int32_t kid = tree.Kid(s, i);
+            if (kid >= 0 && tree.nodes[(std::size_t) kid].kind == NodeKind::kConstant &&
+                tree.toks[(std::size_t) tree.nodes[(std::size_t) kid].tok_begin].text == "...")
+                continue;  // tuple[int, ...]: the one type stands for every item
+            args.push_back(EvalType(tree, kid, frame));
+        }
+        return;
+    }
+    args.push_back(EvalType(tree, slice, frame));
+}
+
+ValueSet CEvaluator::EvalTypeSubscript(const Tree &tree, const Node &n, const Frame &frame) {
+    ValueSet out;
+    ValueSet heads = Eval(tree, tree.Kid(n, 0), frame);
+    std::int32_t slice = tree.Kid(n, 1);
+    for (const nb::object &head : heads.Items()) {
+        si::CSingleResolvedInfo *h = Single(head);
+        if (!h->IsClass())
+            continue;
+        std::string form = SpecialFormOf(head);
+        if (form == "Literal") {
+            // The literals' own types.
+            const Node &s = tree.nodes[(std::size_t) slice];
+            std::vector<std::int32_t> items;
+            if (s.kind == NodeKind::kTuple)
+                for (std::int32_t i = 0; i < s.kids_count; ++i)
+                    items.push_back(tree.Kid(s, i));
+            else
+                items.push_back(slice);
+            for (std::int32_t item : items)
+                out.Merge(Eval(tree, item, frame));
+            continue;
+        }
+        if (form == "Annotated" || form == "Final" || form == "ClassVar" || form == "Required" ||
+            form == "NotRequired" || form == "ReadOnly") {
+            const Node &s = tree.nodes[(std::size_t) slice];
+            std::int32_t first = s.kind == NodeKind::kTuple ? tree.Kid(s, 0) : slice;
+            out.Merge(EvalType(tree, first, frame));
+            continue;
+        }
+        std::vector<ValueSet> args;
+        TypeArgsOf(tree, slice, frame, args);
+        nb::list items;
+        for (const ValueSet &arg : args)
+            items.append(arg.AsFrozenSet());
+        auto *spec = new si::CSingleResolvedInfo(h->ibytes, h->scope, h->loc, h->fClassRef);
+        spec->fTypeArgs = nb::tuple(items);
+        out.Merge(TypeOfSingle(nb::cast(nb::ref<si::CSingleResolvedInfo>(spec)), frame));
+    }
+    return out;
+}
+
+ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
+    ValueSet out;
+    si::CSingleResolvedInfo *s = Single(single);
+    if (IsTypeParam(s)) {
+        std::string name = TypeParamName(s);
+        if (frame.map) {
+            auto it = frame.map->find(name);
+            if (it != frame.map->end())
+                return it->second;
+        }
+        return out;  // an unbound type variable says nothing
+    }
+    if (!s->IsClass()) {
+        // A name that stands for a type through an alias is a class after
+        // evaluation; anything else (instances of forms) says nothing.
+        return out;
+    }
+    std::vector<ValueSet> args;
+    if (!s->fTypeArgs.is_none())
+        for (nb::handle arg : s->fTypeArgs)
+            args.push_back(ValueSet::FromIterable(arg));
+    std::string form = SpecialFormOf(single);
+    if (!form.empty()) {
+        if (form == "Optional") {
+            if (!args.empty())
+                out.Merge(args[0]);
+            out.Add(LiteralSingle("None", std::nullopt));
+        } else if (form == "Union" && args.size() == 1 && !s->fTypeArgs.is_none() &&
+                   PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == 1) {
+            out.Merge(args[0]);
+        } else if (form == "Union") {
+            for (const ValueSet &arg : args)
+                out.Merge(arg);
+        } else if (form == "TypeGuard" || form == "TypeIs") {
+            out.Add(LiteralSingle("bool", std::nullopt));
+        } else if (form == "LiteralString") {
+            out.Add(LiteralSingle("str", std::nullopt));
+        } else if (form == "Self") {
+            if (frame.map) {
+                auto it = frame.map->find("Self");
+                if (it != frame.map->end())
+                    return it->second;
+            }
+            // The class of the def whose hint this is.
+            std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+            std::string owner(si::ParentScopeName(scope_name));
+            while (!owner.empty()) {
+                nb::object cls_scope = MakeScope(frame.scope.attr("loc"), owner);
+                if (ScopeKindOf(cls_scope) == "class") {
+                    std::string_view own = si::BareSingle(si::TextView(RecordOf(cls_scope).attr("ibytes"), "ibytes"));
+                    return InstanceOf(ClassSingle(frame.scope.attr("loc"), own), nb::none());
+                }
+                owner = std::string(si::ParentScopeName(owner));
+            }
+        }
+        return out;  // Any, Callable, Generic, ...: nothing definite
+    }
+    std::string_view name = NameOf(s);
+    if (name == "type" && s->loc.is(fLocCache.attr("GetBuiltinLoc")()) && !args.empty()) {
+        // type[X]: the class X itself.
+        for (const nb::object &inst : args[0].Items()) {
+            nb::object cls = ClassOfInstance(inst);
+            if (!cls.is_none())
+                out.Add(cls);
+        }
+        return out;
+    }
+    return InstanceOf(single, s->fTypeArgs);
+}
+
+void CEvaluator::BindTypeVars(nb::handle scope, std::string_view hint, const ValueSet &received, TypeMap &map) {
+    if (received.Empty() || Stop())
+        return;
+    Tree tree;
+    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(hint)), 0, true);
+    if (root < 0)
+        return;
+    Frame frame{nb::borrow(scope), -2, nullptr, nullptr};
+    BindNode(tree, root, frame, received, map);
+}
+
+void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
+                          TypeMap &map) {
+    if (node < 0 || received.Empty())
+        return;
+    const Node &n = tree.nodes[(std::size_t) node];
+    switch (n.kind) {
+    case NodeKind::kString: {
+        std::string_view inner;
+        if (pgen::StringAnnotationText(tree, node, inner))
+            BindTypeVars(frame.scope, inner, received, map);
+        return;
+    }
+    case NodeKind::kBinOp:
+        BindNode(tree, tree.Kid(n, 0), frame, received, map);
+        BindNode(tree, tree.Kid(n, 1), frame, received, map);
+        return;
+    case NodeKind::kName:
+    case NodeKind::kAttribute:
+        for (const nb::object &v : Eval(tree, node, frame).Items()) {
+            si::CSingleResolvedInfo *s = Single(v);
+            if (IsTypeParam(s)) {
+                ValueSet instances;
+                for (const nb::object &r : received.Items()) {
+                    std::string_view bare = si::BareSingle(si::TextView(Single(r)->ibytes, "ibytes"));
+                    if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind &&
+                        si::UnpackLiteralInfo(bare).class_name == "None" && received.Size() > 1)
+                        continue;
+                    instances.Add(r);
+                }
+                map[TypeParamName(s)].Merge(instances);
+            }
+        }
+        return;
+    case NodeKind::kSubscript: {
+        std::vector<std::int32_t> arg_nodes;
+        std::int32_t slice = tree.Kid(n, 1);
+        const Node &s = tree.nodes[(std::size_t) slice];
+        if (s.kind == NodeKind::kTuple && !(s.flags & pgen::kFlagParenthesized))
+            for (std::int32_t i = 0; i < s.kids_count; ++i)
+                arg_nodes.push_back(tree.Kid(s, i));
+        else
+            arg_nodes.push_back(slice);
+        for (const nb::object &head : Eval(tree, tree.Kid(n, 0), frame).Items()) {
+            si::CSingleResolvedInfo *h = Single(head);
+            if (!h->IsClass())
+                continue;
+            std::string form = SpecialFormOf(head);
+            if (form == "Optional" || form == "Union") {
+                for (std::int32_t arg : arg_nodes)
+                    BindNode(tree, arg, frame, received, map);
+                continue;
+            }
+            if (!form.empty())
+                continue;
+            if (NameOf(h) == "type" && h->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
+                // type[T] receiving classes binds T to their instances.
+                ValueSet instances;
+                for (const nb::object &r : received.Items())
+                    if (Single(r)->IsClass())
+                        instances.Merge(InstanceOf(r, Single(r)->fTypeArgs));
+                if (!arg_nodes.empty())
+                    BindNode(tree, arg_nodes[0], frame, instances, map);
+                continue;
+            }
+            std::vector<std::string> vars = OrderedTypeVars(head);
+            for (const nb::object &r : received.Items()) {
+                nb::object rc = ClassOfInstance(r);
+                if (rc.is_none())
+                    continue;
+                for (const MroEntry &e : Mro(rc, MapOfInstance(r))) {
+                    si::CSingleResolvedInfo *k = Single(e.cls);
+                    if (!(k->loc.is(h->loc) && NameOf(k) == NameOf(h)))
+                        continue;
+                    for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
+                        auto it = e.map.find(vars[i]);
+                        if (it != e.map.end())
+                            BindNode(tree, arg_nodes[i], frame, it->second, map);
+                    }
+                    break;
+                }
+            }
+        }
+        return;
+    }
+    default:
+        return;
+    }
+}
+
+}  // namespace pysource::infer

@@ -1,0 +1,792 @@
+// Names, records, imports and the singles made from record entries.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include <sys/stat.h>
+
+#include "pysource/exprtext.h"
+#include "pysource/infer/infertyping.h"
+#include "pysource/infer/modulefinder.h"
+#include "pysource/infokinds.h"
+#include "pysource/nesting.h"
+#include "pysource/packedops.h"
+#include "pysource/pytext.h"
+#include "pysource/resolvedinfo.h"
+#include "pysource/scope.h"
+#include "pysource/scopeinfo.h"
+#include "pysource/scopename.h"
+#include "pysource/scoperef.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+
+namespace {
+
+bool FileExists(const std::string &path) {
+    struct stat st;
+    return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::string_view ScopeName(nb::handle scope) {
+    return si::TextView(scope.attr("name"), "scope name");
+}
+
+// The singles of an entry that say the name is bound in the scope.
+bool BindsName(std::string_view entry) {
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        std::string_view bare = si::SplitLogicalIndexSuffix(single).single;
+        si::Kind kind = si::GetInfoBytesKind(bare);
+        if (kind == si::kSetKind || kind == si::kArgKind || kind == si::kGlobalKind ||
+            kind == si::kNonlocalKind || kind == si::kTypeHintKind || si::IsDefOrClassKind(kind) ||
+            kind == si::kImportKind || kind == si::kImportAsNameKind || kind == si::kFromImportKind ||
+            kind == si::kConditionalKind || kind == si::kTypeParameterKind)
+            return true;
+    }
+    return false;
+}
+
+// Whether a single gives the name a value, rather than marking how the
+// scope uses it.
+bool SaysValue(si::Kind kind) {
+    switch (kind) {
+    case si::kCalledKind:
+    case si::kGetKind:
+    case si::kSetKind:
+    case si::kSetTypeHintKind:
+    case si::kDecoratorKind:
+    case si::kDiscardCallResultStatementKind:
+    case si::kWithinExprKind:
+    case si::kSetTrailersKind:
+    case si::kGlobalKind:
+    case si::kNonlocalKind:
+    case si::kLogicalIndexKind:
+        return false;
+    default:
+        return true;
+    }
+}
+
+bool HasKind(std::string_view entry, si::Kind wanted) {
+    for (std::string_view single : si::NonNestedSplit(entry, ";"))
+        if (si::GetInfoBytesKind(si::SplitLogicalIndexSuffix(single).single) == wanted)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+std::size_t ValueSet::gMaxValues = 64;
+
+void ValueSet::Add(nb::handle single) {
+    if (fItems.size() >= gMaxValues)
+        return;
+    for (const nb::object &item : fItems)
+        if (item.is(single) || item.equal(single))
+            return;
+    fItems.push_back(nb::borrow(single));
+}
+
+void ValueSet::Merge(const ValueSet &other) {
+    for (const nb::object &item : other.fItems)
+        Add(item);
+}
+
+nb::object ValueSet::AsFrozenSet() const {
+    nb::list items;
+    for (const nb::object &item : fItems)
+        items.append(item);
+    return nb::steal(PyFrozenSet_New(items.ptr()));
+}
+
+ValueSet ValueSet::FromIterable(nb::handle items) {
+    ValueSet out;
+    if (!items.is_none())
+        for (nb::handle item : items)
+            out.Add(item);
+    return out;
+}
+
+CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
+    : fEngine(engine), fCtxObject(nb::borrow(ctx)), fCtx(AsContext(ctx)) {
+    fInfoCache = engine.fInfoCache;
+    fLocCache = engine._fLocCache;
+    fFinder = engine.fModuleFinder;
+    fPrimaryScanName = engine.fPrimaryScanName;
+    ValueSet::gMaxValues = engine.fMaxValues;
+}
+
+bool CEvaluator::Stop() {
+    if (fGaveUp)
+        return true;
+    bool late = fCtx ? fCtx->PastDeadline() : nb::cast<bool>(fCtxObject.attr("OutOfTime")());
+    if (late) {
+        fGaveUp = true;
+        if (fCtx)
+            fCtx->SetIncomplete(kOutOfTimeReason);
+        else {
+            fCtxObject.attr("fIncomplete") = true;
+            fCtxObject.attr("fIncompleteReason") = nb::str(kOutOfTimeReason);
+        }
+        return true;
+    }
+    if (fDepth > fEngine.fMaxDepth) {
+        if (fCtx)
+            fCtx->SetIncomplete(kDepthReason);
+        return true;
+    }
+    return false;
+}
+
+void CEvaluator::Seen(nb::handle scope) {
+    if (fCtx)
+        fCtx->AddScopeToScopesSeen(scope);
+    else
+        fCtxObject.attr("AddScopeToScopesSeen")(scope);
+}
+
+nb::object CEvaluator::RecordOf(nb::handle scope) {
+    if (PyObject *hit = PyDict_GetItemWithError(fRecords.ptr(), scope.ptr()))
+        return nb::borrow(hit);
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
+    fRecords[scope] = record;
+    if (!record.is_none())
+        Seen(scope);
+    return record;
+}
+
+nb::object CEvaluator::ModuleScopeOf(nb::handle loc) { return MakeScope(loc, ""); }
+
+nb::object CEvaluator::ModuleRecord(nb::handle loc) {
+    nb::object scope = ModuleScopeOf(loc);
+    nb::object record = RecordOf(scope);
+    if (!record.is_none())
+        return record;
+    // No record: a file not scanned yet is a scan to ask for; a file that
+    // doesn't exist is simply nothing.
+    std::string path = LocationPath(loc);
+    bool scannable = path.empty() ? !nb::hasattr(loc, "fPath") : FileExists(path);
+    if (scannable) {
+        if (fCtx) {
+            fCtx->AddNeedsScan(scope, nb::str(fPrimaryScanName.c_str()));
+            fCtx->SetIncomplete(kCannotScanReason);
+        } else {
+            fCtxObject.attr("AddNeedsScan")(scope, nb::str(fPrimaryScanName.c_str()));
+        }
+    }
+    return record;
+}
+
+std::string CEvaluator::ScopeKindOf(nb::handle scope) {
+    std::string_view name = ScopeName(scope);
+    if (name.empty())
+        return "module";
+    nb::object record = RecordOf(scope);
+    if (record.is_none())
+        return "";
+    std::string_view own = si::TextView(record.attr("ibytes"), "ibytes");
+    si::Kind kind = si::GetInfoBytesKind(si::BareSingle(own));
+    if (kind == si::kClassKind)
+        return "class";
+    if (si::IsDefKind(kind))
+        return "def";
+    if (kind == si::kInstanceKind)
+        return "instance";
+    return "";
+}
+
+int CEvaluator::EvaluateCondition(std::string_view condition) {
+    nb::object evaluator = fEngine.fConditionEvaluator;
+    if (nb::isinstance<CSimpleConditionEvaluator>(evaluator))
+        return nb::cast<CSimpleConditionEvaluator *>(evaluator)->EvaluateText(condition);
+    nb::object v = evaluator.attr("Evaluate")(nb::str(condition.data(), condition.size()));
+    return v.is_none() ? -1 : (nb::cast<bool>(v) ? 1 : 0);
+}
+
+bool CEvaluator::ConditionsHold(std::string_view single) {
+    // Conditionals may wrap one another, under scope marks.
+    for (;;) {
+        si::Kind kind = si::GetInfoBytesKind(single);
+        if (kind == si::kConditionalKind) {
+            auto [condition, wrapped] = si::UnpackConditionalInfo(single);
+            if (EvaluateCondition(condition) == 0)
+                return false;
+            single = wrapped;
+        } else if (si::IsScopeMarkKind(kind)) {
+            si::UnpackedFields f = si::UnpackFields(single, kind == si::kBuiltinModuleKind || kind == si::kTypingModuleKind ? 0 : 1);
+            if (f.rest.empty())
+                return true;
+            single = f.rest;
+        } else {
+            return true;
+        }
+    }
+}
+
+// ---------------------------------------------------------------- singles
+
+nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
+    si::ClassInfo info = si::UnpackClassInfo(bare);
+    std::string name = si::NormalizeScopeName(info.full_name);
+    std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
+    auto view = [](const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); };
+    std::string canonical = si::PackClassInfo(name, view(info.type_params), view(info.arg_decl), decorators);
+    nb::object scope = MakeScope(loc, name);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
+        si::ToBytes(canonical), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+}
+
+nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kind) {
+    si::DefInfo info = si::UnpackDefInfo(bare);
+    std::string name = si::NormalizeScopeName(info.scope_name);
+    std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
+    auto view = [](const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); };
+    const char prefix[] = {si::kPrefixLead, kind, 0};
+    std::string canonical = si::BuildDefInfoStr(std::string_view(prefix, 2), name, view(info.type_params),
+                                                view(info.arg_decl), view(info.return_hint), decorators);
+    nb::object scope = MakeScope(loc, name);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
+        si::ToBytes(canonical), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+}
+
+nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
+    // Named as the search path names it, whatever the import said.
+    std::string url = LocationUrl(loc);
+    auto it = fModuleNames.find(url);
+    if (it == fModuleNames.end()) {
+        nb::object name = fFinder.attr("ModuleNameOf")(loc);
+        it = fModuleNames.emplace(url, name.is_none() ? std::string() : nb::cast<std::string>(name)).first;
+    }
+    if (!it->second.empty())
+        dotted = it->second;
+    std::string ibytes = si::BuildFieldsInfo(si::kModuleKind, {si::OptView(dotted)});
+    nb::object scope = ModuleScopeOf(loc);
+    if (fCtx)
+        fCtx->AddResolvedImport(scope);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
+        si::ToBytes(ibytes), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+}
+
+nb::object CEvaluator::LiteralSingle(std::string_view class_name, const std::optional<std::string> &value) {
+    nb::object loc = fLocCache.attr("GetBuiltinLoc")();
+    std::string ibytes = si::BuildLiteralInfo(class_name, value ? si::OptView(*value) : si::OptView());
+    nb::object scope = MakeScope(loc, class_name);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
+        si::ToBytes(ibytes), nb::cast<si::CScope *>(scope), loc)));
+}
+
+nb::object CEvaluator::TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind) {
+    std::string ibytes = si::BuildTypeParameterInfo(name, kind, std::nullopt, std::nullopt);
+    auto *s = nb::cast<si::CScope *>(scope);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(
+        new si::CSingleResolvedInfo(si::ToBytes(ibytes), s, s->loc)));
+}
+
+nb::object CEvaluator::BuiltinClass(std::string_view name) {
+    for (const nb::object &single : BuiltinNamed(name).Items())
+        if (nb::cast<si::CSingleResolvedInfo *>(single)->IsClass())
+            return single;
+    return nb::none();
+}
+
+nb::object CEvaluator::TypingClass(std::string_view name) {
+    nb::object typing_loc = ImportModule("typing", nb::none());
+    if (typing_loc.is_none())
+        return nb::none();
+    for (const nb::object &single : ModuleAttribute(ModuleSingle(typing_loc, "typing"), name).Items())
+        if (nb::cast<si::CSingleResolvedInfo *>(single)->IsClass())
+            return single;
+    return nb::none();
+}
+
+ValueSet CEvaluator::InstanceOf(nb::handle cls, nb::handle type_args) {
+    ValueSet out;
+    auto *c = nb::cast<si::CSingleResolvedInfo *>(cls);
+    std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
+    std::string canonical(si::kInstancePrefix);
+    canonical.append(bare.substr(si::kPrefixLen));
+    auto *single = new si::CSingleResolvedInfo(si::ToBytes(canonical), c->scope, c->loc);
+    single->fTypeArgs = type_args.is_none() ? nb::none() : nb::borrow(type_args);
+    out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(single)));
+    return out;
+}
+
+// ------------------------------------------------------------------ names
+
+ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long long use_index) {
+    ValueSet out;
+    if (Stop())
+        return out;
+    int redirect = 0;  // 1: global, 2: nonlocal
+    if (FindLocal(scope, name, use_index, out, redirect) && redirect == 0)
+        return out;
+    std::string_view scope_name = ScopeName(scope);
+    nb::object loc = scope.attr("loc");
+    if (redirect == 1) {
+        out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
+        return out;
+    }
+    // Outward: enclosing functions, never class bodies (a def line reads its
+    // class's body), then the module and the builtins.
+    std::string kind = ScopeKindOf(scope);
+    std::string parent(si::ParentScopeName(scope_name));
+    if (si::IsDefLineScope(scope_name) || kind == "instance") {
+        nb::object owner = MakeScope(loc, parent);
+        ValueSet found = LookupName(owner, name, -2);
+        out.Merge(found);
+        return out;
+    }
+    if (scope_name.empty()) {
+        out.Merge(BuiltinNamed(name));
+        return out;
+    }
+    while (!parent.empty()) {
+        nb::object up = MakeScope(loc, parent);
+        if (ScopeKindOf(up) != "class") {
+            ValueSet found;
+            int up_redirect = 0;
+            if (FindLocal(up, name, -2, found, up_redirect) && up_redirect != 1) {
+                out.Merge(found);
+                if (up_redirect == 0)
+                    return out;
+            }
+        }
+        parent = std::string(si::ParentScopeName(parent));
+    }
+    out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
+    return out;
+}
+
+ValueSet CEvaluator::LookupInScopeChain(nb::handle module_scope, std::string_view name) {
+    ValueSet out;
+    int redirect = 0;
+    if (FindLocal(module_scope, name, -2, out, redirect))
+        return out;
+    out.Merge(BuiltinNamed(name));
+    return out;
+}
+
+ValueSet CEvaluator::BuiltinNamed(std::string_view name) {
+    ValueSet out;
+    nb::object loc = fLocCache.attr("GetBuiltinLoc")();
+    nb::object record = ModuleRecord(loc);
+    if (record.is_none())
+        return out;
+    int redirect = 0;
+    FindLocal(ModuleScopeOf(loc), name, -2, out, redirect);
+    return out;
+}
+
+bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
+                           int &redirect) {
+    redirect = 0;
+    nb::object record = ScopeName(scope).empty() ? ModuleRecord(scope.attr("loc")) : RecordOf(scope);
+    if (record.is_none())
+        return false;
+    nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    if (entry.is_none()) {
+        // A module's star imports bring names it doesn't set itself.
+        if (ScopeName(scope).empty() && name != "*") {
+            nb::object stars = record.attr("GetInfoBytes")("*");
+            if (!stars.is_none()) {
+                for (std::string_view single : si::NonNestedSplit(si::TextView(stars, "ibytes"), ";")) {
+                    if (!ConditionsHold(single))
+                        continue;
+                    std::string_view bare = si::BareSingle(single);
+                    if (si::GetInfoBytesKind(bare) != si::kFromImportKind)
+                        continue;
+                    si::UnpackedFields f = si::UnpackFields(bare);
+                    if (f.fields.empty() || !f.fields[0])
+                        continue;
+                    out.Merge(FromImport(scope, *f.fields[0], name));
+                }
+                return !out.Empty();
+            }
+        }
+        return false;
+    }
+    std::string_view text = si::TextView(entry, "ibytes");
+    if (!BindsName(text))
+        return false;
+    if (HasKind(text, si::kGlobalKind))
+        redirect = 1;
+    else if (HasKind(text, si::kNonlocalKind))
+        redirect = 2;
+    out.Merge(EntryValues(scope, record, text, use_index));
+    return true;
+}
+
+// The values of a record's entry.  With a use position, only the settings
+// that reach it count: those at the latest logical before it (a name set
+// again later, or in a loop, falls back to all of them).
+ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
+                                 long long use_index) {
+    ValueSet out;
+    std::vector<std::pair<std::string_view, long long>> singles;
+    long long best = -3;
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+        long long at = split.logical_index ? *split.logical_index : -2;
+        if (!SaysValue(si::GetInfoBytesKind(si::BareSingle(single))))
+            continue;
+        singles.emplace_back(single, at);
+        if (use_index >= -1 && split.logical_index && at < use_index && at > best)
+            best = at;
+    }
+    for (const auto &[single, at] : singles) {
+        // Unnumbered singles (arguments, hints of the def line, defs) always
+        // count; numbered ones only from the reaching logical when known.
+        if (best > -3 && at >= -1 && at != best)
+            continue;
+        out.Merge(ValuesOfSingle(scope, single, at));
+        if (fGaveUp)
+            break;
+    }
+    return out;
+}
+
+ValueSet CEvaluator::ValuesOfInfo(nb::handle scope, std::string_view ibytes, long long use_index) {
+    ValueSet out;
+    for (std::string_view single : si::NonNestedSplit(ibytes, ";"))
+        out.Merge(ValuesOfSingle(scope, single, use_index));
+    return out;
+}
+
+ValueSet CEvaluator::ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index) {
+    // A malformed single (a damaged record) says nothing; it must not stop
+    // the request.
+    try {
+        return ValuesOfWellFormedSingle(scope, single, use_index);
+    } catch (const std::invalid_argument &) {
+        return ValueSet();
+    }
+}
+
+ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index) {
+    ValueSet out;
+    if (Stop())
+        return out;
+    si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+    std::string_view s = split.single;
+    if (split.logical_index)
+        use_index = *split.logical_index;
+    nb::object loc = scope.attr("loc");
+    si::Kind kind = si::GetInfoBytesKind(s);
+    struct DepthGuard {
+        int &d;
+        explicit DepthGuard(int &depth) : d(depth) { ++d; }
+        ~DepthGuard() { --d; }
+    } guard(fDepth);
+    switch (kind) {
+    case si::kSpecificScopeKind: {
+        si::UnpackedFields f = si::UnpackFields(s, 1);
+        std::string name = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
+        return ValuesOfSingle(MakeScope(loc, si::NormalizeScopeName(name)), f.rest, use_index);
+    }
+    case si::kSpecificUrlKind: {
+        si::UnpackedFields f = si::UnpackFields(s, 1);
+        if (f.fields.empty() || !f.fields[0])
+            return out;
+        nb::object other = LocationFromUrl(*f.fields[0]);
+        return ValuesOfSingle(ModuleScopeOf(other), f.rest, use_index);
+    }
+    case si::kBuiltinModuleKind:
+        return ValuesOfSingle(ModuleScopeOf(fLocCache.attr("GetBuiltinLoc")()), s.substr(si::kPrefixLen), -2);
+    case si::kTypingModuleKind:
+        return ValuesOfSingle(ModuleScopeOf(fLocCache.attr("GetTypingLoc")()), s.substr(si::kPrefixLen), -2);
+    case si::kDefLineScopeKind: {
+        si::UnpackedFields f = si::UnpackFields(s, 1);
+        std::string name = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
+        return ValuesOfSingle(MakeScope(loc, si::DefLineScope(si::NormalizeScopeName(name))), f.rest, -2);
+    }
+    case si::kConditionalKind: {
+        auto [condition, wrapped] = si::UnpackConditionalInfo(s);
+        if (EvaluateCondition(condition) == 0)
+            return out;
+        return ValuesOfSingle(scope, wrapped, use_index);
+    }
+    case si::kPlainEquivKind:
+        if (s.empty())
+            return out;
+        return ResolveText(scope, s, use_index);
+    case si::kExpressionEquivKind: {
+        si::UnpackedFields f = si::UnpackFields(s);
+        if (!f.fields.empty() && f.fields[0])
+            return ResolveText(scope, *f.fields[0], use_index);
+        return out;
+    }
+    case si::kClassKind:
+        out.Add(ClassSingle(loc, s));
+        return out;
+    case si::kFunctionKind:
+    case si::kUnboundMethodKind:
+    case si::kMethodKind:
+        out.Add(DefSingle(loc, s, kind));
+        return out;
+    case si::kTypeHintKind:
+    case si::kInferredTypeHintKind: {
+        std::string hint = si::UnpackTypeHint(s);
+        return ResolveHintText(scope, hint, nullptr);
+    }
+    case si::kTypedLiteralKind: {
+        si::LiteralInfo lit = si::UnpackLiteralInfo(s);
+        out.Add(LiteralSingle(lit.class_name, lit.value));
+        return out;
+    }
+    case si::kInstanceKind: {
+        // The instance of the class whose record this is (the "return" of a
+        // class), or of the class in the payload.
+        std::string_view scope_name = ScopeName(scope);
+        if (s.size() == (std::size_t) si::kPrefixLen) {
+            nb::object record = RecordOf(scope);
+            if (record.is_none())
+                return out;
+            std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+            if (si::GetInfoBytesKind(own) == si::kClassKind)
+                return InstanceOf(ClassSingle(loc, own), nb::none());
+            return out;
+        }
+        std::string cls(si::kClassPrefix);
+        cls.append(s.substr(si::kPrefixLen));
+        (void) scope_name;
+        return InstanceOf(ClassSingle(loc, cls), nb::none());
+    }
+    case si::kSelfKind: {
+        // The first parameter of a method: an instance of its class.
+        std::string_view scope_name = ScopeName(scope);
+        nb::object cls_scope = MakeScope(loc, si::ParentScopeName(scope_name));
+        nb::object record = RecordOf(cls_scope);
+        if (record.is_none())
+            return out;
+        std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+        if (si::GetInfoBytesKind(own) == si::kClassKind)
+            return InstanceOf(ClassSingle(loc, own), nb::none());
+        return out;
+    }
+    case si::kArgKind: {
+        // What callers passed, as the derived records of this def hold it
+        // under the argument's own single.
+        std::optional<si::ArgInfo> arg = si::UnpackArgInfo(s);
+        if (!arg)
+            return out;
+        nb::object record = RecordOf(scope);
+        if (record.is_none())
+            return out;
+        std::string key = si::BuildArgInfo(arg->index, std::nullopt);
+        nb::object passed = record.attr("GetInfoBytes")(nb::str(key.c_str()));
+        if (passed.is_none())
+            return out;
+        for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
+            out.Merge(ValuesOfSingle(scope, one, -2));
+        return out;
+    }
+    case si::kModuleKind: {
+        si::UnpackedFields f = si::UnpackFields(s);
+        std::string dotted = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
+        nb::object mod = dotted.empty() ? nb::object(loc) : ImportModule(dotted, loc);
+        if (!mod.is_none())
+            out.Add(ModuleSingle(mod, dotted));
+        return out;
+    }
+    case si::kImportKind: {
+        // `import a.b.c` binds `a`.
+        si::UnpackedFields f = si::UnpackFields(s);
+        if (f.fields.empty() || !f.fields[0])
+            return out;
+        std::string dotted = *f.fields[0];
+        std::string first = dotted.substr(0, dotted.find('.'));
+        nb::object mod = ImportModule(first, loc);
+        if (!mod.is_none())
+            out.Add(ModuleSingle(mod, first));
+        return out;
+    }
+    case si::kImportAsNameKind: {
+        si::UnpackedFields f = si::UnpackFields(s);
+        if (f.fields.empty() || !f.fields[0])
+            return out;
+        nb::object mod = ImportModule(*f.fields[0], loc);
+        if (!mod.is_none())
+            out.Add(ModuleSingle(mod, *f.fields[0]));
+        return out;
+    }
+    case si::kFromImportKind: {
+        si::UnpackedFields f = si::UnpackFields(s);
+        if (f.fields.size() < 2 || !f.fields[0] || !f.fields[1])
+            return out;
+        return FromImport(ModuleScopeOf(loc), *f.fields[0], *f.fields[1]);
+    }
+    case si::kTypeParameterKind: {
+        si::DeclTypeParam param = si::UnpackTypeParameterInfo(s);
+        out.Add(TypeParamSingle(scope, param.name, param.param_kind));
+        return out;
+    }
+    case si::kGenericTypeAliasKind: {
+        si::UnpackedFields f = si::UnpackFields(s);
+        if (f.fields.size() >= 3 && f.fields[2])
+            return ResolveText(scope, *f.fields[2], use_index);
+        return out;
+    }
+    default:
+        return out;  // marks: set, get, called, decorators, ...
+    }
+}
+
+// --------------------------------------------------------------- imports
+
+nb::object CEvaluator::ImportModule(std::string_view dotted, nb::handle from_loc) {
+    if (dotted.empty())
+        return nb::none();
+    if (dotted.front() == '.') {
+        std::size_t level = 0;
+        while (level < dotted.size() && dotted[level] == '.')
+            ++level;
+        return ImportRelative((long long) level, dotted.substr(level), from_loc);
+    }
+    nb::object mod;
+    if (nb::isinstance<CModuleFinder>(fFinder))
+        mod = nb::cast<CModuleFinder *>(fFinder)->FindModule(nb::str(dotted.data(), dotted.size()), from_loc);
+    else
+        mod = fFinder.attr("FindModule")(nb::str(dotted.data(), dotted.size()), from_loc);
+    return mod;
+}
+
+nb::object CEvaluator::ImportRelative(long long level, std::string_view dotted, nb::handle from_loc) {
+    if (from_loc.is_none())
+        return nb::none();
+    return fFinder.attr("FindRelativeModule")(level, nb::str(dotted.data(), dotted.size()), from_loc);
+}
+
+ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::string_view name) {
+    ValueSet out;
+    nb::object loc = scope.attr("loc");
+    nb::object mod = ImportModule(module, loc);
+    if (mod.is_none())
+        return out;
+    std::string dotted(module);
+    if (name == "*")
+        return out;
+    // `from package import name` finds a submodule before the package's
+    // own attribute of that name (what the import system does for a name
+    // the package hasn't set yet, and the usual intent).
+    std::string path = LocationPath(mod);
+    std::size_t slash = path.rfind('/');
+    if (slash != std::string::npos) {
+        std::string_view base = std::string_view(path).substr(slash + 1);
+        if (base == "__init__.py" || base == "__init__.pyi") {
+            std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name});
+            if (!found.empty()) {
+                std::string sub = dotted.empty() || dotted.back() == '.' ? dotted + std::string(name)
+                                                                         : dotted + "." + std::string(name);
+                out.Add(ModuleSingle(LocalFileLocation(found), sub));
+                return out;
+            }
+        }
+    }
+    return ModuleAttribute(ModuleSingle(mod, dotted), name);
+}
+
+ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
+    ValueSet out;
+    nb::object mod = ImportModule(dotted, loc);
+    if (!mod.is_none())
+        out.Add(ModuleSingle(mod, dotted));
+    return out;
+}
+
+ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view name) {
+    ValueSet out;
+    auto *m = nb::cast<si::CSingleResolvedInfo *>(module_single);
+    nb::object loc = m->loc;
+    std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(loc), "", std::string(name), -7};
+    if (fActive.count(key))
+        return out;
+    fActive.insert(key);
+    struct Leave {
+        std::set<std::tuple<std::string, std::string, std::string, long long>> &set;
+        std::tuple<std::string, std::string, std::string, long long> key;
+        ~Leave() { set.erase(key); }
+    } leave{fActive, key};
+    // typing's special forms stand for themselves.
+    std::string module_name;
+    {
+        std::string url = LocationUrl(loc);
+        auto it = fModuleNames.find(url);
+        if (it == fModuleNames.end()) {
+            nb::object dotted = fFinder.attr("ModuleNameOf")(loc);
+            it = fModuleNames.emplace(url, dotted.is_none() ? std::string() : nb::cast<std::string>(dotted)).first;
+        }
+        module_name = it->second;
+    }
+    if (IsTypingModuleName(module_name)) {
+        std::string_view canonical = CanonicalSpecialForm(name);
+        if (!canonical.empty() && canonical.find('.') == std::string_view::npos &&
+            !(canonical.front() >= 'a' && canonical.front() <= 'z')) {
+            // A form of typing (Optional, Union, ...) or an abstract class
+            // that typing declares (Iterable, ...): the class of that name in
+            // the module, or a class single that names the form.
+            ValueSet found;
+            nb::object scope = ModuleScopeOf(loc);
+            int redirect = 0;
+            FindLocal(scope, name, -2, found, redirect);
+            for (const nb::object &s : found.Items())
+                if (nb::cast<si::CSingleResolvedInfo *>(s)->IsClass())
+                    out.Add(s);
+            if (out.Empty()) {
+                std::string ibytes = si::PackClassInfo(name, std::nullopt, std::nullopt, {});
+                nb::object form_scope = MakeScope(loc, name);
+                out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
+                    si::ToBytes(ibytes), nb::cast<si::CScope *>(form_scope), loc))));
+            }
+            return out;
+        }
+        if (!canonical.empty()) {
+            // An alias of a builtin or collections class.
+            std::size_t dot = canonical.rfind('.');
+            if (dot == std::string_view::npos) {
+                nb::object cls = BuiltinClass(canonical);
+                if (!cls.is_none())
+                    out.Add(cls);
+            } else {
+                ValueSet mod = ModuleNamed(loc, canonical.substr(0, dot));
+                for (const nb::object &ms : mod.Items())
+                    out.Merge(ModuleAttribute(ms, canonical.substr(dot + 1)));
+            }
+            if (!out.Empty())
+                return out;
+        }
+    }
+    nb::object scope = ModuleScopeOf(loc);
+    nb::object record = ModuleRecord(loc);
+    if (record.is_none())
+        return out;
+    int redirect = 0;
+    if (FindLocal(scope, name, -2, out, redirect))
+        return out;
+    // A submodule of a package.
+    std::string path = LocationPath(loc);
+    std::size_t slash = path.rfind('/');
+    if (slash != std::string::npos) {
+        std::string_view base = std::string_view(path).substr(slash + 1);
+        if (base == "__init__.py" || base == "__init__.pyi") {
+            std::string dir = path.substr(0, slash);
+            std::string found = CModuleFinder::FindBelow(dir, {name});
+            if (!found.empty()) {
+                std::string dotted = module_name.empty() ? std::string(name) : module_name + "." + std::string(name);
+                out.Add(ModuleSingle(LocalFileLocation(found), dotted));
+                return out;
+            }
+        }
+    }
+    // A module-level __getattr__ answers for any other name.
+    ValueSet getattr;
+    if (FindLocal(scope, "__getattr__", -2, getattr, redirect))
+        for (const nb::object &def : getattr.Items())
+            if (nb::cast<si::CSingleResolvedInfo *>(def)->IsDef())
+                out.Merge(CallDef(def, {}, {}));
+    return out;
+}
+
+}  // namespace pysource::infer
