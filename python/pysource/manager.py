@@ -26,7 +26,7 @@ class CAnalysisMgr:
 
     def __init__(self, db_path=None, loc_cache=None, cache_mgr=None, module_finder=None):
         if loc_cache is None:
-            loc_cache = CLocationCache(stub_dirs=StandardStubDirs())
+            loc_cache = CLocationCache()
         self.fPrimaryScanName = kPrimaryScanName
         self.fDerivedScanName = kDerivedScanName
         self.fInfoCache = scopeinfo.CInfoCache(loc_cache, db_path, self.fPrimaryScanName)
@@ -64,24 +64,11 @@ class CAnalysisMgr:
         self.fInfoCache.destroy()
 
 
-def StandardStubDirs():
-    """The folders of the standard library's stubs: those that typeshed_client
-    ships, or none when it isn't installed."""
-    try:
-        import typeshed_client
-    except ImportError:
-        return []
-    folder = os.path.join(os.path.dirname(typeshed_client.__file__), "typeshed")
-    return [folder] if os.path.isdir(folder) else []
-
-
 class CInferenceService:
     """The inference engine as the manager offers it: `_fNativeEngine` is the
     engine itself (a CInferenceEngine, or an embedder's subclass)."""
 
     def __init__(self, info_cache, module_finder=None):
-        if module_finder is None:
-            module_finder = inferenceengine.CModuleFinder(stub_dirs=StandardStubDirs())
         self._fNativeEngine = inferenceengine.CInferenceEngine(info_cache, module_finder)
 
 

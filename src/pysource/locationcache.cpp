@@ -38,6 +38,19 @@ std::string DirName(const std::string &path) {
 
 }  // namespace
 
+std::string StandardStubDir() {
+    try {
+        nb::object mod = nb::module_::import_("typeshed_client");
+        nb::object path = nb::module_::import_("os.path");
+        nb::object dir = path.attr("join")(path.attr("dirname")(mod.attr("__file__")), "typeshed");
+        if (nb::cast<bool>(path.attr("isdir")(dir)))
+            return nb::cast<std::string>(dir);
+    } catch (nb::python_error &e) {
+        e.discard_as_unraisable("typeshed_client");
+    }
+    return std::string();
+}
+
 CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_dirs,
                                nb::handle library_dirs) {
     fBuiltinLoc = nb::none();
@@ -47,7 +60,13 @@ CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_
         fPythonMajorVersion = PY_MAJOR_VERSION;
     else
         SetPythonMajorVersion(nb::cast<int>(python_major_version));
-    fStubDirs = PathList(stub_dirs, "stub_dirs");
+    if (stub_dirs.is_none()) {
+        std::string standard = StandardStubDir();
+        if (!standard.empty())
+            fStubDirs.push_back(standard);
+    } else {
+        fStubDirs = PathList(stub_dirs, "stub_dirs");
+    }
     nb::dict paths = nb::borrow<nb::dict>(nb::module_::import_("sysconfig").attr("get_paths")());
     fStdlibDir = nb::cast<std::string>(paths["stdlib"]);
     if (library_dirs.is_none()) {

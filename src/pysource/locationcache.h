@@ -18,10 +18,15 @@ namespace nb = nanobind;
 
 namespace pysource {
 
+// The folder of the standard library's stubs that typeshed_client ships,
+// or "" when it isn't installed.
+std::string StandardStubDir();
+
 class CLocationCache : public nb::intrusive_base {
 public:
     // `python_major_version`: None for the running interpreter's.
-    // `stub_dirs`: folders searched first for builtins.pyi and typing.pyi.
+    // `stub_dirs`: folders searched first for builtins.pyi and typing.pyi;
+    // None: the standard library's stubs (StandardStubDir).
     // `library_dirs`: None for the interpreter's standard library and
     // package folders; files below them get no derived info.
     CLocationCache(nb::handle python_major_version, nb::handle stub_dirs, nb::handle library_dirs);

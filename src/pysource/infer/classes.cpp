@@ -411,7 +411,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
         if (!c->fTypeArgs.is_none()) {
             type_args = c->fTypeArgs;
         } else if (!vars.empty() && (!args.empty() || !kwargs.empty())) {
-            ValueSet inits = ClassAttribute(callee, "__init__", callee, {}, false);
+            ValueSet blank = InstanceOf(callee, nb::none());
+            ValueSet inits = ClassAttribute(callee, "__init__", blank.Items()[0], {}, true);
             inits.Merge(ClassAttribute(callee, "__new__", callee, {}, false));
             TypeMap bound;
             for (const nb::object &init : inits.Items()) {
@@ -421,7 +422,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
-                for (std::size_t p = 1, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+                std::size_t first = params.empty() || params[0].star ? 0 : 1;
+                for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
                     if (params[p].star || params[p].keyword_only)
                         break;
                     if (!params[p].hint.empty())
@@ -520,9 +522,27 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
             out.Add(LiteralSingle("None", std::nullopt));
         return out;
     }
+    // The body of a bound method reads its first parameter as the object it
+    // is bound to.
+    std::tuple<std::string, std::string, std::string> self_key;
+    bool binds_self = false;
+    if (!d->fBoundTo.is_none()) {
+        std::vector<Param> params = ParamsOf(def);
+        if (!params.empty() && params[0].star == 0) {
+            self_key = {LocationUrl(d->loc), std::string(name), params[0].name};
+            if (!fBoundNames.count(self_key)) {
+                ValueSet self;
+                self.Add(d->fBoundTo);
+                fBoundNames[self_key] = self;
+                binds_self = true;
+            }
+        }
+    }
     ++fDepth;
     out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
     --fDepth;
+    if (binds_self)
+        fBoundNames.erase(self_key);
     return out;
 }
 

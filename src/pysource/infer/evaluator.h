@@ -184,6 +184,9 @@ private:
     std::set<std::tuple<std::string, std::string, std::string, long long>> fActive;
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
+    // Names whose value a call fixes while its body is read: the first
+    // parameter of a bound method is what it is bound to.
+    std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;
 };
 
 }  // namespace pysource::infer

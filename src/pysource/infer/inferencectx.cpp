@@ -147,7 +147,7 @@ void CInferContext::Clear() {
 }
 
 CInferContext *AsContext(nb::handle ctx) {
-    if (ctx.is_none() || !nb::isinstance<CInferContext>(ctx))
+    if (!IsExactly<CInferContext>(ctx))
         return nullptr;
     return nb::inst_ptr<CInferContext>(ctx);
 }

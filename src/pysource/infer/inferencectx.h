@@ -83,7 +83,15 @@ private:
     nb::object fResolvedImports;  // set of CScope (module scopes)
 };
 
-// The context object behind a Python handle, or nullptr when it is not ours.
+// Whether `obj` is exactly of our C++ class T, not of a Python subclass:
+// only then may C++ skip the Python interface (a subclass may override it).
+template <typename T>
+bool IsExactly(nb::handle obj) {
+    return !obj.is_none() && obj.type().is(nb::type<T>());
+}
+
+// The context object behind a Python handle, or nullptr when it is not
+// exactly ours.
 CInferContext *AsContext(nb::handle ctx);
 
 }  // namespace pysource::infer

@@ -88,6 +88,8 @@ nb::object CInferenceEngine::ResolveToResult(nb::handle expr, nb::handle ctx) {
     nb::object context = ContextOrNew(ctx);
     if (CInferContext *c = AsContext(context))
         c->StartResolve();
+    else
+        context.attr("ClearIncomplete")();
     Term term = TermOf(expr);
     CEvaluator evaluator(*this, context);
     ValueSet values = term.type_hint ? evaluator.ResolveHintText(term.scope, term.text, nullptr)
@@ -160,7 +162,7 @@ void CInferenceEngine::Clear() {
 nb::object CTypingGenericSupport::GetSpecialFormCanonicalName(nb::handle expr, nb::handle ctx) {
     if (fEngine.is_none())
         return nb::none();
-    if (nb::isinstance<CInferenceEngine>(fEngine))
+    if (IsExactly<CInferenceEngine>(fEngine))
         return nb::cast<CInferenceEngine *>(fEngine)->SpecialFormName(expr, ctx);
     return fEngine.attr("_SpecialFormName")(expr, ctx);
 }

@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include "pysource/locationcache.h"
 #include "pysource/pytext.h"
 #include "pysource/scoperef.h"
 
@@ -71,16 +72,9 @@ nb::object LocOrNone(const std::string &path) {
 CModuleFinder::CModuleFinder(nb::handle roots, nb::handle stub_dirs, nb::handle library_dirs) {
     fRoots = DirList(roots);
     if (stub_dirs.is_none()) {
-        // The standard library's stubs, when typeshed_client is installed.
-        try {
-            nb::object mod = nb::module_::import_("typeshed_client");
-            nb::object path = nb::module_::import_("os.path");
-            nb::object dir = path.attr("join")(path.attr("dirname")(mod.attr("__file__")), "typeshed");
-            if (nb::cast<bool>(path.attr("isdir")(dir)))
-                fStubDirs.push_back(nb::cast<std::string>(dir));
-        } catch (nb::python_error &e) {
-            e.discard_as_unraisable("typeshed_client");
-        }
+        std::string standard = StandardStubDir();
+        if (!standard.empty())
+            fStubDirs.push_back(standard);
     } else {
         fStubDirs = DirList(stub_dirs);
     }

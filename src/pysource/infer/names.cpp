@@ -134,6 +134,10 @@ bool CEvaluator::Stop() {
     if (fDepth > fEngine.fMaxDepth) {
         if (fCtx)
             fCtx->SetIncomplete(kDepthReason);
+        else if (!nb::cast<bool>(fCtxObject.attr("fIncomplete"))) {
+            fCtxObject.attr("fIncomplete") = true;
+            fCtxObject.attr("fIncompleteReason") = nb::str(kDepthReason);
+        }
         return true;
     }
     return false;
@@ -174,7 +178,14 @@ nb::object CEvaluator::ModuleRecord(nb::handle loc) {
             fCtx->AddNeedsScan(scope, nb::str(fPrimaryScanName.c_str()));
             fCtx->SetIncomplete(kCannotScanReason);
         } else {
-            fCtxObject.attr("AddNeedsScan")(scope, nb::str(fPrimaryScanName.c_str()));
+            nb::object needs = fCtxObject.attr("fNeedsScan");
+            if (needs.is_none()) {
+                fCtxObject.attr("fNeedsScan") = nb::steal(PySet_New(nullptr));
+                needs = fCtxObject.attr("fNeedsScan");
+            }
+            needs.attr("add")(nb::make_tuple(scope, nb::str(fPrimaryScanName.c_str())));
+            fCtxObject.attr("fIncomplete") = true;
+            fCtxObject.attr("fIncompleteReason") = nb::str(kCannotScanReason);
         }
     }
     return record;
@@ -200,7 +211,7 @@ std::string CEvaluator::ScopeKindOf(nb::handle scope) {
 
 int CEvaluator::EvaluateCondition(std::string_view condition) {
     nb::object evaluator = fEngine.fConditionEvaluator;
-    if (nb::isinstance<CSimpleConditionEvaluator>(evaluator))
+    if (IsExactly<CSimpleConditionEvaluator>(evaluator))
         return nb::cast<CSimpleConditionEvaluator *>(evaluator)->EvaluateText(condition);
     nb::object v = evaluator.attr("Evaluate")(nb::str(condition.data(), condition.size()));
     return v.is_none() ? -1 : (nb::cast<bool>(v) ? 1 : 0);
@@ -266,6 +277,8 @@ nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
     nb::object scope = ModuleScopeOf(loc);
     if (fCtx)
         fCtx->AddResolvedImport(scope);
+    else
+        fCtxObject.attr("MergeResolvedImports")(nb::make_tuple(scope));
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
         si::ToBytes(ibytes), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
 }
@@ -386,8 +399,15 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     nb::object record = ScopeName(scope).empty() ? ModuleRecord(scope.attr("loc")) : RecordOf(scope);
     if (record.is_none())
         return false;
+    if (!fBoundNames.empty()) {
+        auto bound = fBoundNames.find({LocationUrl(scope.attr("loc")), std::string(ScopeName(scope)), std::string(name)});
+        if (bound != fBoundNames.end()) {
+            out.Merge(bound->second);
+            return true;
+        }
+    }
     nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
-    if (entry.is_none()) {
+    if (entry.is_none() || !BindsName(si::TextView(entry, "ibytes"))) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
             nb::object stars = record.attr("GetInfoBytes")("*");
@@ -409,8 +429,6 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         return false;
     }
     std::string_view text = si::TextView(entry, "ibytes");
-    if (!BindsName(text))
-        return false;
     if (HasKind(text, si::kGlobalKind))
         redirect = 1;
     else if (HasKind(text, si::kNonlocalKind))
@@ -436,7 +454,13 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (use_index >= -1 && split.logical_index && at < use_index && at > best)
             best = at;
     }
+    // A declared type (a hint) governs every setting of the name.
+    bool declared = false;
+    for (const auto &[single, at] : singles)
+        declared = declared || si::GetInfoBytesKind(si::BareSingle(single)) == si::kTypeHintKind;
     for (const auto &[single, at] : singles) {
+        if (declared && si::GetInfoBytesKind(si::BareSingle(single)) != si::kTypeHintKind)
+            continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always
         // count; numbered ones only from the reaching logical when known.
         if (best > -3 && at >= -1 && at != best)
@@ -646,7 +670,7 @@ nb::object CEvaluator::ImportModule(std::string_view dotted, nb::handle from_loc
         return ImportRelative((long long) level, dotted.substr(level), from_loc);
     }
     nb::object mod;
-    if (nb::isinstance<CModuleFinder>(fFinder))
+    if (IsExactly<CModuleFinder>(fFinder))
         mod = nb::cast<CModuleFinder *>(fFinder)->FindModule(nb::str(dotted.data(), dotted.size()), from_loc);
     else
         mod = fFinder.attr("FindModule")(nb::str(dotted.data(), dotted.size()), from_loc);

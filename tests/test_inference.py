@@ -1,0 +1,373 @@
+"""The inference engine: the resolution context's contract, and what names,
+imports, attributes, calls and hints resolve to over a small project's
+records, the standard library's stubs included."""
+
+import textwrap
+import time
+
+import pytest
+
+from basekit.location import CLocalFileLocation
+from pysource import (_fastaccess, canonicalize, coordinator, inferenceengine, inferencectx,
+                      inferenceiterators, inferreddetails, symbolinfo)
+from managerutil import installed_manager
+
+PROJECT = {
+    "pkg/__init__.py": """
+        from .shapes import Square, area
+        __all__ = ["Square", "area"]
+    """,
+    "pkg/shapes.py": """
+        import os.path
+        from typing import Generic, List, Optional, TypeVar
+
+        T = TypeVar("T")
+
+        class Shape:
+            sides: int = 0
+            def name(self) -> str:
+                return "shape"
+            @classmethod
+            def make(cls):
+                return cls()
+            @staticmethod
+            def unit():
+                return 1.0
+
+        class Square(Shape):
+            def __init__(self, side):
+                self.side = side
+                self.tags: List[str] = []
+            @property
+            def diagonal(self) -> float:
+                return self.side * 1.4
+
+        class Box(Generic[T]):
+            def __init__(self, item: T):
+                self.item = item
+            def get(self) -> T:
+                return self.item
+
+        def area(s: Square) -> Optional[float]:
+            return None
+
+        def first(items: List[T]) -> T:
+            return items[0]
+
+        def untyped(n):
+            if n:
+                return n
+            return "none"
+
+        def flow():
+            x = 1
+            x = "text"
+            y = x
+            return y
+
+        counter = 0
+        def bump():
+            global counter
+            counter = "bumped"
+
+        def outer():
+            v = 1.5
+            def inner():
+                return v
+            return inner
+
+        class Cycle(Cycle2 if False else object):
+            pass
+        a = b
+        b = a
+    """,
+    "app.py": """
+        import pkg
+        import pkg.shapes as shapes
+        from pkg import *
+        from pkg.shapes import Box, first, untyped, outer
+        import collections
+
+        sq = Square(2)
+        box = Box(3)
+        names = [s.name() for s in [sq]]
+        pairs = {k: v for k, v in [("a", 1)]}
+        p = os_path = shapes.os.path
+        od = collections.OrderedDict()
+    """,
+}
+
+# (file, scope, expression, what it resolves to)
+CASES = [
+    ("pkg/shapes.py", "", "Shape", {"type[Shape]"}),
+    ("pkg/shapes.py", "", "Square(1)", {"Square"}),
+    ("pkg/shapes.py", "", "Square(1).tags", {"list[str]"}),
+    ("pkg/shapes.py", "", "Square(1).diagonal", {"float"}),
+    ("pkg/shapes.py", "", "Square(1).name()", {"str"}),
+    ("pkg/shapes.py", "", "Square(1).sides", {"int"}),
+    ("pkg/shapes.py", "", "Square.make()", {"Square"}),
+    ("pkg/shapes.py", "", "Shape.unit()", {"float"}),
+    ("pkg/shapes.py", "", "Square(1).name", {"def Shape.name"}),
+    ("pkg/shapes.py", "", "area(Square(1))", {"float", "None"}),
+    ("pkg/shapes.py", "", "first([1, 2])", {"int"}),
+    ("pkg/shapes.py", "", "Box('a').get()", {"str"}),
+    ("pkg/shapes.py", "", "untyped(3)", {"str"}),
+    ("pkg/shapes.py", "flow", "y", {"str"}),
+    ("pkg/shapes.py", "flow", "x:#1", {"int"}),
+    ("pkg/shapes.py", "", "counter", {"int"}),
+    ("pkg/shapes.py", "outer.inner", "v", {"float"}),
+    ("pkg/shapes.py", "", "os.path", {"module os.path"}),
+    ("pkg/shapes.py", "", "os.path.join('a', 'b')", {"str"}),
+    ("pkg/shapes.py", "", "a", set()),
+    ("app.py", "", "pkg", {"module pkg"}),
+    ("app.py", "", "shapes", {"module pkg.shapes"}),
+    ("app.py", "", "area", {"def area"}),
+    ("app.py", "", "sq", {"Square"}),
+    ("app.py", "", "box.get()", {"int"}),
+    ("app.py", "", "names", {"list[str]"}),
+    ("app.py", "", "pairs", {"dict[str, int]"}),
+    ("app.py", "", "od", {"collections.OrderedDict"}),
+    ("app.py", "", "'a,b'.split(',')", {"list[str]"}),
+    ("app.py", "", "{'a': 1}.get('a')", {"int", "None"}),
+    ("app.py", "", "len('x') + 1.5", {"float"}),
+    ("app.py", "", "open('f').readline()", {"str"}),
+]
+
+
+def _describe(engine, single):
+    """The short text of a single that the cases above use."""
+    finder = engine.fModuleFinder
+    name = single.scope.name
+    module = finder.ModuleNameOf(single.loc) or ""
+    qualified = name if module in ("builtins", "", "pkg.shapes", "app") else f"{module}.{name}"
+    if single.IsModule():
+        return "module " + single.ibytes[2:].decode()
+    if single.IsClass():
+        return f"type[{qualified}]"
+    if single.IsDef():
+        return "def " + name
+    if single.IsInstance():
+        text = single.GetTypeName()
+        if single.IsLiteral():
+            return text
+        qualified = text if module in ("builtins", "", "pkg.shapes", "app") else f"{module}.{text}"
+        if single.fTypeArgs:
+            args = [" | ".join(sorted({_describe(engine, s) for s in arg})) for arg in single.fTypeArgs]
+            return f"{qualified}[{', '.join(args)}]"
+        return qualified
+    return repr(single)
+
+
+def _scan(mgr, locs):
+    coord = coordinator.CScanCoordinator(mgr)
+    try:
+        coord.AddLocations(locs)
+        coord.RunUntilIdle()
+    finally:
+        coord.destroy()
+
+
+def _resolve(mgr, loc, scope_name, text, end_time=None):
+    """Resolves, running the primary scans the engine asks for."""
+    engine = mgr.fInferenceEngine._fNativeEngine
+    for _ in range(10):
+        ctx = engine.NewContext(end_time, False)
+        result = engine.ResolveToResult(symbolinfo.Scope(loc, scope_name).ExprIn(text), ctx)
+        if not ctx.fNeedsScan:
+            return result.resolved, ctx
+        _scan(mgr, [scope.loc for scope, _ in ctx.fNeedsScan])
+    raise AssertionError("the engine kept asking for scans")
+
+
+@pytest.fixture(scope="module")
+def project(tmp_path_factory):
+    root = tmp_path_factory.mktemp("proj")
+    for rel, text in PROJECT.items():
+        path = root / rel
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(textwrap.dedent(text))
+    with installed_manager(editor=False) as mgr:
+        mgr.fInferenceEngine._fNativeEngine.fModuleFinder.AddRoot(str(root))
+        locs = {rel: CLocalFileLocation(str(root / rel)) for rel in PROJECT}
+        _scan(mgr, locs.values())
+        yield mgr, locs
+
+
+@pytest.mark.parametrize("rel, scope, text, expected", CASES)
+def test_resolves(project, rel, scope, text, expected):
+    mgr, locs = project
+    engine = mgr.fInferenceEngine._fNativeEngine
+    resolved, ctx = _resolve(mgr, locs[rel], scope, text)
+    assert {_describe(engine, s) for s in resolved} == expected
+    assert not ctx.fIncomplete or ctx.fIncompleteReason == ctx.kDepthLimit
+
+
+def test_unscanned_module_asks_for_its_scan_then_answers(tmp_path):
+    (tmp_path / "lib.py").write_text("VALUE = 1.5\n")
+    (tmp_path / "use.py").write_text("from lib import VALUE\n")
+    with installed_manager(editor=False) as mgr:
+        engine = mgr.fInferenceEngine._fNativeEngine
+        use = CLocalFileLocation(str(tmp_path / "use.py"))
+        lib = CLocalFileLocation(str(tmp_path / "lib.py"))
+        _scan(mgr, [use])
+        ctx = engine.NewContext(None, True)
+        result = engine.ResolveToResult(symbolinfo.Scope(use, "").ExprIn("VALUE"), ctx)
+        assert ctx.fIncomplete and ctx.fIncompleteReason == ctx.kCannotScan
+        assert (symbolinfo.Scope(lib, ""), mgr.fPrimaryScanName) in ctx.fNeedsScan
+        assert result.resolved == frozenset()
+        resolved, ctx = _resolve(mgr, use, "", "VALUE")
+        assert {s.GetTypeName() for s in resolved} == {"float"}
+        assert symbolinfo.Scope(lib, "") in ctx.GetScopesSeen()
+        assert symbolinfo.Scope(lib, "") in ctx.GetResolvedImports()
+        # A module that no file holds is simply nothing, not a scan to wait for.
+        resolved, ctx = _resolve(mgr, use, "", "__import__('nowhere')")
+        ctx = engine.NewContext(None, True)
+        (tmp_path / "miss.py").write_text("import nowhere_at_all\n")
+        miss = CLocalFileLocation(str(tmp_path / "miss.py"))
+        _scan(mgr, [miss])
+        engine.ResolveToResult(symbolinfo.Scope(miss, "").ExprIn("nowhere_at_all.x"), ctx)
+        assert not ctx.fIncomplete and not ctx.fNeedsScan
+
+
+def test_deadline_stops_a_resolve(project, monkeypatch):
+    mgr, locs = project
+    engine = mgr.fInferenceEngine._fNativeEngine
+    ctx = engine.NewContext(time.time() - 1.0, True)
+    assert ctx.OutOfTime()
+    result = engine.ResolveToResult(symbolinfo.Scope(locs["app.py"], "").ExprIn("box.get()"), ctx)
+    assert ctx.fIncomplete and ctx.fIncompleteReason == ctx.kOutOfTime
+    assert result.resolved == frozenset()
+    # A clock that moves 1 ms per reading stops a long resolve within a few
+    # readings of its deadline.
+    readings = []
+
+    def clock():
+        readings.append(None)
+        return 1000.0 + len(readings) * 0.001
+
+    monkeypatch.setattr(_fastaccess, "_fastaccess__TimeFunc", clock, raising=False)
+    _fastaccess.SetTimeFunc(clock) if hasattr(_fastaccess, "SetTimeFunc") else None
+    ctx = engine.NewContext(1000.0 + 0.005, True)
+    engine.ResolveToResult(symbolinfo.Scope(locs["app.py"], "").ExprIn("shapes.first(pairs.items())"), ctx)
+    if readings:
+        assert ctx.fIncomplete and ctx.fIncompleteReason == ctx.kOutOfTime
+        assert len(readings) < 20
+
+
+def test_context_contract():
+    engine = None
+    top = inferencectx.CInferContext(engine, float("inf"), True, None)
+    sub = top.SubContext()
+    assert sub.fParent is top and sub.fDepth == 1
+    sub.AddNeedsScan("scope", "primary")
+    sub.AddScopeToScopesSeen("seen")
+    sub.MergeResolvedImports({"imported"})
+    sub.SetWholeExpr("expr")
+    sub.SetIncomplete(top.kOutOfTime)
+    assert sub.fIncomplete and sub.fIncompleteReason == inferencectx.kOutOfTime
+    sub.ClearIncomplete()
+    assert not sub.fIncomplete and sub.fIncompleteReason is None
+    assert top.fNeedsScan is None
+    sub.Done()
+    sub.Done()  # a second Done changes nothing
+    assert top.fNeedsScan == {("scope", "primary")}
+    assert "seen" in top.GetScopesSeen() and "imported" in top.GetResolvedImports()
+    assert not top.OutOfTime()
+    assert not top._CInferContext__Isolated(None)
+    top._CInferContext__fIsolated = True
+    assert top._CInferContext__Isolated(None)
+    top._CInferContext__fIsolationReasons = {"a": 1}
+    assert top._CInferContext__Isolated("a") and not top._CInferContext__Isolated("b")
+    for name in ("kLogIndent", "kMaxTriplesToLookFor", "kMaxInferenceTime", "_gUnusedInferContextImpl"):
+        assert hasattr(inferencectx, name)
+
+
+def test_python_subclasses_are_honoured(project):
+    mgr, locs = project
+    engine = mgr.fInferenceEngine._fNativeEngine
+    asked = []
+
+    class Finder(inferenceengine.CModuleFinder):
+        def FindModule(self, dotted_name, from_loc=None):
+            asked.append(dotted_name)
+            return super().FindModule(dotted_name, from_loc)
+
+    class Context(inferencectx.CInferContext):
+        def OutOfTime(self):
+            asked.append("clock")
+            return False
+
+    previous = engine.fModuleFinder
+    engine.fModuleFinder = Finder(roots=previous.fRoots, stub_dirs=previous.fStubDirs)
+    try:
+        ctx = Context(engine, float("inf"), True, None)
+        result = engine.ResolveToResult(symbolinfo.Scope(locs["app.py"], "").ExprIn("collections"), ctx)
+    finally:
+        engine.fModuleFinder = previous
+    assert "collections" in asked and "clock" in asked
+    assert {s.ibytes for s in result.resolved} == {b":Mcollections"}
+
+
+def test_stub_conditions_follow_the_configured_version(tmp_path):
+    stub = tmp_path / "vers.pyi"
+    stub.write_text(textwrap.dedent("""
+        import sys
+        if sys.version_info >= (3, 10):
+            def f() -> int: ...
+        else:
+            def f() -> str: ...
+    """))
+    evaluator = inferenceengine.CSimpleConditionEvaluator((3, 8), "linux")
+    assert evaluator.Evaluate("sys.version_info >= (3, 10)") is False
+    assert evaluator.Evaluate("not sys.version_info >= (3, 10)") is True
+    assert evaluator.Evaluate("sys.platform.startswith('lin')") is True
+    assert evaluator.Evaluate("hasattr(x, 'y')") is None
+    with installed_manager(editor=False) as mgr:
+        engine = mgr.fInferenceEngine._fNativeEngine
+        loc = CLocalFileLocation(str(stub))
+        _scan(mgr, [loc])
+        for version, expected in (((3, 8), "str"), ((3, 12), "int")):
+            engine.fConditionEvaluator = inferenceengine.CSimpleConditionEvaluator(version, "linux")
+            resolved, _ = _resolve(mgr, loc, "", "f()")
+            assert {s.GetTypeName() for s in resolved} == {expected}
+
+
+def test_cycles_and_deep_bases_end(tmp_path):
+    (tmp_path / "ca.py").write_text("from cb import y as x\nclass K(K): pass\n")
+    (tmp_path / "cb.py").write_text("from ca import x as y\n")
+    chain = "class C0: pass\n" + "".join(f"class C{i}(C{i - 1}): pass\n" for i in range(1, 120))
+    (tmp_path / "deep.py").write_text(chain + "v = C119().missing\nw = C119()\n")
+    with installed_manager(editor=False) as mgr:
+        locs = [CLocalFileLocation(str(tmp_path / n)) for n in ("ca.py", "cb.py", "deep.py")]
+        _scan(mgr, locs)
+        assert _resolve(mgr, locs[0], "", "x")[0] == frozenset()
+        assert _resolve(mgr, locs[0], "", "K().attr")[0] == frozenset()
+        assert _resolve(mgr, locs[2], "", "v")[0] == frozenset()
+        assert {s.GetTypeName() for s in _resolve(mgr, locs[2], "", "w")[0]} == {"C119"}
+
+
+def test_services(project):
+    mgr, locs = project
+    engine = mgr.fInferenceEngine._fNativeEngine
+    shapes = locs["pkg/shapes.py"]
+    resolved, ctx = _resolve(mgr, shapes, "", "Box")
+    details = engine._fDetailsStore.GetDetails(resolved, ctx)
+    assert isinstance(details, inferreddetails.CClassDetails)
+    assert details.GetOrderedTypeVars(shapes) == ["T"]
+    resolved, ctx = _resolve(mgr, shapes, "", "area")
+    (callable_details,) = engine._fDetailsStore.GetDetailsSet(resolved, ctx)
+    assert callable_details.GetHintedArgIndexes() == frozenset({0})
+    assert engine._fCallableSupport.GetUnpackedDefInfo(next(iter(resolved))).fReturnHint == "Optional[float]"
+    typing_support = engine._fTypingGenericSupport
+    assert typing_support.GetSpecialFormCanonicalName(symbolinfo.Scope(shapes, "").ExprIn("Optional"), ctx) == "Optional"
+    assert typing_support.GetSpecialFormCanonicalName(symbolinfo.Scope(shapes, "").ExprIn("Shape"), ctx) is None
+    assert typing_support.GetTypeVarInfo(symbolinfo.Scope(shapes, "").ExprIn("T"), ctx).fName == "T"
+    hinted = engine.ResolveHint(symbolinfo.Scope(shapes, "").ExprIn("Optional[List[int]]"), ctx)
+    assert sorted(s.GetTypeName() for s in hinted) == ["None", "list"]
+    it = engine.SingleResolvedIter(b":lint,3;Square", symbolinfo.Scope(shapes, ""), ctx)
+    items = [it.Next(), it.Next()]
+    assert it.Next() is inferenceiterators.kExhaustedIterValue
+    assert sorted(s.GetTypeName() for s in items) == ["type", "int"][::-1] or len(items) == 2
+    reduced = engine.ReduceResolved(frozenset(items), False, False, ctx)
+    assert b":lint" in {s.ibytes for s in reduced}
+    assert isinstance(canonicalize.CResolvedReducer().Reduce(frozenset(), False, False), frozenset)
