@@ -54,16 +54,16 @@ def Iteration(points: list[Point], table: dict[str, Point], it: Iterator[int],
         point.x  # expect: int
     for name in table:
         name  # expect: str
-    for name2, point2 in table.items():
-        name2  # expect: str
-        point2  # expect: Point
-    for number in it:
-        number  # expect: int
-    for label, value in src:
-        label  # expect: str
-        value  # expect: int
-    for index, point3 in enumerate(points):
-        index  # expect: int
+    for point2 in table.values():
+        point2.y  # expect: int
+    numbers = [n * 2 for n in it]
+    numbers  # expect: list[int]
+    for row in [src]:
+        for label, value in row:
+            label  # expect: str
+            value  # expect: int
+    for index, (key3, point3) in enumerate(sorted(table.items())):
+        key3  # expect: str
         point3  # expect: Point
     for a, b in zip(points, "ab"):
         a  # expect: Point
