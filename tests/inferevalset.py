@@ -42,32 +42,15 @@ class CExpectation:
 
 def SplitTopLevel(text, sep):
     """`text` split at `sep` characters outside brackets."""
-    parts, depth, start = [], 0, 0
-    for i, ch in enumerate(text):
-        if ch in "([{":
-            depth += 1
-        elif ch in ")]}":
-            depth -= 1
-        elif ch == sep and depth == 0:
-            parts.append(text[start:i])
-            start = i + 1
-    parts.append(text[start:])
-    return [p.strip() for p in parts]
+    from pysource import symbolinfo
+    return [part.strip() for part in symbolinfo.NonNestedSplit(text, sep)]
 
 
 def Normalise(text):
-    """One spelling of a canonical text: single spaces after commas, union
-    members inside brackets sorted."""
-    text = " ".join(text.split())
-    open_i = text.find("[")
-    if open_i < 0 or not text.endswith("]"):
-        return text
-    args = SplitTopLevel(text[open_i + 1:-1], ",")
-    normal = []
-    for arg in args:
-        members = sorted(Normalise(m) for m in SplitTopLevel(arg, "|"))
-        normal.append(" | ".join(members))
-    return f"{text[:open_i]}[{', '.join(normal)}]"
+    """One spelling of a canonical text (union members sorted, typing's
+    aliases by their built-in names), the one the engine's answers get."""
+    from pysource import inferquery
+    return inferquery.CanonicalTypeText(" ".join(text.split()))
 
 
 def Loose(text):

@@ -174,6 +174,8 @@ class TestDescribe:
         ("builtins", b":lNoneType", "None"),
         ("builtins", b":ilist[int],,", "list[int]"),
         ("builtins", b":Bstr", "type[str]"),
+        ("builtins", b":iDict[str, Optional[List[int]]],,", "dict[str, list[int] | None]"),
+        ("builtins", b":iTuple[Union[str, int], ...],,", "tuple[int | str, ...]"),
         ("builtins", b":ff|0,,(x),int:#4", "def f"),
         ("collections", b":iOrderedDict,,()", "collections.OrderedDict"),
         ("collections", b":COrderedDict|0,,(dict)", "type[collections.OrderedDict]"),

@@ -20,6 +20,9 @@ kMaxScanRounds = 8
 _kBuiltinsModule = "builtins"
 _kNoneClassNames = ("NoneType", "None")
 _kScopeIndex = re.compile(r"\|\d+")
+_kTypingPrefixes = (symbolinfo.kTypingModuleSymbolDotStr, "typing.")
+_kTypingAliases = {"List": "list", "Dict": "dict", "Set": "set", "FrozenSet": "frozenset",
+                   "Tuple": "tuple", "Type": "type", "NoneType": "None"}
 
 
 class CLineOutsideFile(LookupError):
@@ -170,11 +173,40 @@ def _Qualified(name, single, mgr, asked_loc):
 
 
 def _CleanName(name):
-    """A class or scope name without scope indexes and the instance mark."""
+    """A class or scope name without scope indexes and the instance mark,
+    its type arguments in canonical form."""
     name = _kScopeIndex.sub("", name)
     if name.endswith(symbolinfo.kClassInstanceSuffix):
         name = name[:-len(symbolinfo.kClassInstanceSuffix)]
-    return name
+    return CanonicalTypeText(name)
+
+
+def _SplitAt(text, sep):
+    return [part.strip() for part in symbolinfo.NonNestedSplit(text, sep)]
+
+
+def CanonicalTypeText(text):
+    """`text` of a type in the form the canonical texts use: the typing
+    module's aliases of built-in classes by their built-in names, Optional
+    and Union as `|`, members of unions sorted."""
+    text = text.strip()
+    for prefix in _kTypingPrefixes:
+        if text.startswith(prefix):
+            text = text[len(prefix):]
+    members = _SplitAt(text, "|")
+    if len(members) > 1:
+        return " | ".join(sorted({CanonicalTypeText(m) for m in members},
+                                 key=lambda m: (m == "None", m)))
+    open_i = text.find("[")
+    if open_i < 0 or not text.endswith("]"):
+        return _kTypingAliases.get(text, text)
+    head = text[:open_i]
+    args = [CanonicalTypeText(a) for a in _SplitAt(text[open_i + 1:-1], ",")]
+    if head == "Optional" and len(args) == 1:
+        return CanonicalTypeText(f"{args[0]} | None")
+    if head == "Union":
+        return CanonicalTypeText(" | ".join(args))
+    return f"{_kTypingAliases.get(head, head)}[{', '.join(args)}]"
 
 
 def _BarePayload(single):
