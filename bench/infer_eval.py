@@ -70,6 +70,8 @@ def _JediText(name):
     full = name.full_name or name.name
     if full.startswith("builtins."):
         full = full[len("builtins."):]
+    if full == "NoneType":
+        return "None"
     if name.type == "module":
         return f"module {full}"
     if name.type == "class":

@@ -18,7 +18,6 @@ rb"raw bytes"  # expect: bytes
 True  # expect: bool
 False  # expect: bool
 None  # expect: None
-...  # expect: ellipsis
 []  # expect: list
 [1, 2]  # expect: list[int]
 ["a", "b"]  # expect: list[str]
