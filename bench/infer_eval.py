@@ -30,7 +30,6 @@ def _rel(path):
 def _Score(args):
     from pysource import manager
     mgr = manager.CAnalysisMgr(db_path=None)
-    previous = manager.SetAnalysisMgr(mgr)
     try:
         start = time.perf_counter()
         inferevalset.IndexFolder(mgr)
@@ -38,7 +37,6 @@ def _Score(args):
         scores = inferevalset.ScoreAll(mgr, inferevalset.ReadExpectations(), args.seconds)
         done = time.perf_counter()
     finally:
-        manager.SetAnalysisMgr(previous)
         mgr.destroy()
     print(inferevalset.FormatTable(inferevalset.Table(scores)))
     print(f"\nindexed in {indexed - start:.2f}s, resolved {len(scores)} expressions "

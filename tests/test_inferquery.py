@@ -100,13 +100,12 @@ class TestPosition:
                     checked += 1
         assert checked > 20
 
-    def test_a_blank_line_is_at_the_next_statement_and_the_end_is_after_the_last(self, source_loc):
-        blank = line_of("alpha = 1") + 1
-        assert inferquery.PositionAtLine(source_loc, blank) == \
-            inferquery.PositionAtLine(source_loc, blank + 1)
-        last = len(SOURCE.splitlines())
-        name, index = inferquery.PositionAtLine(source_loc, last)
-        assert name == "" and index == inferquery.PositionAtLine(source_loc, last - 1)[1]
+    def test_a_blank_line_is_at_the_next_statement_and_the_end_after_the_last(self, tmp_path):
+        path = tmp_path / "blank.py"
+        path.write_text("x = 1\n\ndef f():\n    pass\n\n\n")
+        loc = CLocalFileLocation(str(path))
+        assert [inferquery.PositionAtLine(loc, n) for n in range(1, 7)] == \
+            [("", 0), ("", 1), ("", 1), ("f", 0), ("", 2), ("", 2)]
 
     @pytest.mark.parametrize("lineno", [0, -3, 10_000])
     def test_lines_outside_the_file(self, source_loc, lineno):

@@ -138,12 +138,20 @@ def ResolveAt(mgr, loc, lineno, expr_text, seconds=kDefaultSeconds):
     """What `expr_text` can be at line `lineno` of `loc`: (frozenset of
     singles, complete).  Primary scans the resolve needs are run and the
     resolve is tried again, within `seconds` and a bounded number of rounds;
-    `complete` is false when the engine still called its answer partial."""
+    `complete` is false when the engine still called its answer partial.
+    `mgr` is the process's manager meanwhile, for the engine's own lookups."""
     name, index = PositionAtLine(loc, lineno)
-    EnsureIndexed(mgr, loc)
+    previous = manager.SetAnalysisMgr(mgr)
+    try:
+        EnsureIndexed(mgr, loc)
+        expr = symbolinfo.Scope(loc, name).ExprIn(f"{expr_text}:#{index}")
+        return _ResolveWithScans(mgr, expr, _fastaccess.GetNowTime() + seconds)
+    finally:
+        manager.SetAnalysisMgr(previous)
+
+
+def _ResolveWithScans(mgr, expr, end_time):
     engine = mgr.fInferenceEngine._fNativeEngine
-    expr = symbolinfo.Scope(loc, name).ExprIn(f"{expr_text}:#{index}")
-    end_time = _fastaccess.GetNowTime() + seconds
     scanned = set()
     resolved = frozenset()
     for _ in range(kMaxScanRounds):
