@@ -181,18 +181,25 @@ class TestDescribe:
         ("collections", b":mCounter.most_common|1,,(self),", "def collections.Counter.most_common"),
         ("os", b":Mos.path", "module os.path"),
         ("os", b":<%,:Ios", "module os"),
+        ("os", b":Ios.path:#0", "module os"),
+        ("os", b":nxml.etree.ElementTree", "module xml.etree.ElementTree"),
     ])
     def test_singles_of_other_modules(self, mgr, source_loc, finder, module, ibytes, text):
         single = symbolinfo.CSingleResolvedInfo(ibytes, symbolinfo.Scope(finder.FindModule(module, None), ""))
         assert inferquery.DescribeSingle(single, mgr, source_loc) == text
 
-    def test_names_of_the_asked_file_stay_unqualified_and_duplicates_go(self, mgr, source_loc):
+    def test_names_of_the_asked_file_and_built_ins_stay_unqualified(self, mgr, source_loc,
+                                                                     tmp_path):
         scope = symbolinfo.Scope(source_loc, "")
         singles = [symbolinfo.CSingleResolvedInfo(b, scope)
                    for b in (b":iHolder.Inner|1,,()", b":uHolder.method|0,,(self),",
-                             b":CHolder|0,,()", b":lint,1", b":lint,2")]
+                             b":CHolder|0,,()", b":lint,1", b":lint,2", b":Bstr")]
+        other = symbolinfo.Scope(CLocalFileLocation(str(tmp_path / "other.py")), "")
+        singles += [symbolinfo.CSingleResolvedInfo(b":lfloat,1.5", other),
+                    symbolinfo.CSingleResolvedInfo(b":iThing,,()", other)]
         assert inferquery.DescribeResolved(singles, mgr, source_loc) == \
-            ["Holder.Inner", "def Holder.method", "int", "type[Holder]"]
+            ["Holder.Inner", "def Holder.method", "float", "int", "other.Thing", "type[Holder]",
+             "type[str]"]
 
 
 class TestInferCommand:

@@ -174,6 +174,11 @@ def _ModuleOf(single, mgr):
 
 
 def _Qualified(name, single, mgr, asked_loc):
+    # Literals and built-in class singles name built-in classes wherever
+    # they were found.
+    if single.IsLiteral() or \
+            symbolinfo.GetInfoBytesKind(_BareSingle(single)) == symbolinfo.kBuiltinClassKind:
+        return name
     module = _ModuleOf(single, mgr)
     if not module or module == _kBuiltinsModule or single.loc == asked_loc:
         return name
@@ -217,17 +222,26 @@ def CanonicalTypeText(text):
     return f"{_kTypingAliases.get(head, head)}[{', '.join(args)}]"
 
 
-def _BarePayload(single):
+def _BareSingle(single):
+    """The single's bytes without marks and logical-index suffix."""
     _marks, bare = symbolinfo.PopLeadingPrefixes(bytes(single.ibytes))
-    bare, _index = symbolinfo.SplitLogicalIndexSuffix(bare)
-    return bare[symbolinfo.kPrefixLen:].decode("utf-8", "replace")
+    return symbolinfo.SplitLogicalIndexSuffix(bare)[0]
+
+
+def _BarePayload(single):
+    return _BareSingle(single)[symbolinfo.kPrefixLen:].decode("utf-8", "replace")
 
 
 def _ModuleName(single, mgr):
-    if symbolinfo.GetInfoBytesKind(bytes(single.ibytes)) != symbolinfo.kPlainEquivKind:
-        payload = _BarePayload(single)
-        if payload:
-            return payload
+    """The module a module single stands for: named by a module single,
+    an import-as (the whole dotted name) or an import (`import a.b` binds
+    `a`); else the module of the single's location."""
+    kind = symbolinfo.GetInfoBytesKind(_BareSingle(single))
+    payload = _BarePayload(single)
+    if payload and kind in (symbolinfo.kModuleKind, symbolinfo.kImportAsNameKind):
+        return payload
+    if payload and kind == symbolinfo.kImportKind:
+        return payload.split(".")[0]
     return _ModuleOf(single, mgr) or "?"
 
 
