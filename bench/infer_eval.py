@@ -3,7 +3,9 @@ tests/inference_eval/: per file the number of expectations, exact matches,
 loose matches (type arguments ignored) and incomplete answers, then every
 miss with what the engine said.
 
-    python bench/infer_eval.py [--seconds S] [--verify] [--jedi] [--quiet]
+    python bench/infer_eval.py [FEATURE ...] [--seconds S] [--verify] [--jedi] [--quiet]
+
+FEATURE    only the expectations of these files (`flow`, `pkg/relative`, ...)
 
 --verify   also run the files and say how many expectations the running
            program confirms (and list any it contradicts)
@@ -27,6 +29,11 @@ def _rel(path):
     return os.path.relpath(path, inferevalset.kEvalDir)
 
 
+def _Selected(args):
+    exps = inferevalset.ReadExpectations()
+    return [e for e in exps if not args.features or e.feature in args.features]
+
+
 def _Score(args):
     from pysource import manager
     mgr = manager.CAnalysisMgr(db_path=None)
@@ -34,7 +41,7 @@ def _Score(args):
         start = time.perf_counter()
         inferevalset.IndexFolder(mgr)
         indexed = time.perf_counter()
-        scores = inferevalset.ScoreAll(mgr, inferevalset.ReadExpectations(), args.seconds)
+        scores = inferevalset.ScoreAll(mgr, _Selected(args), args.seconds)
         done = time.perf_counter()
     finally:
         mgr.destroy()
@@ -114,6 +121,7 @@ def _Jedi():
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("features", nargs="*", metavar="FEATURE")
     parser.add_argument("--seconds", type=float, default=2.0, help="time per resolve")
     parser.add_argument("--verify", action="store_true")
     parser.add_argument("--jedi", action="store_true")

@@ -64,6 +64,18 @@ collections.OrderedDict  # expect: type[collections.OrderedDict]
 OrderedDict  # expect: type[collections.OrderedDict]
 dd  # expect: type[collections.defaultdict]
 
+# A star import takes only the names of __all__: the others keep their values.
+hidden_fn = 1.5
+NOT_LISTED = "mine"
+PUBLIC = 3
+from pkg.starred import *  # noqa: E402
+hidden_fn  # expect: float
+NOT_LISTED  # expect: str
+PUBLIC  # expect: str
+from pkg import *  # noqa: E402
+VERSION  # expect: str
+make_default()  # expect: pkg.shapes.Circle
+
 
 def LocalImports():
     import math
