@@ -3,6 +3,7 @@ against the indexes the primary scan records), the scan-and-retry loop, the
 canonical text of singles, and the `pysource infer` command."""
 
 import json
+import os
 import textwrap
 
 import pytest
@@ -154,6 +155,15 @@ class TestResolveAt:
         # The asked file was indexed first, the needed one on request.
         assert mgr.fInfoCache.GetScopesForLoc(source_loc)
         assert "Thing" in mgr.fInfoCache.GetScopesForLoc(other_loc)
+
+    def test_a_file_changed_since_its_scan_is_scanned_again(self, mgr, other_loc):
+        inferquery.EnsureIndexed(mgr, other_loc)
+        with open(other_loc.fPath, "a") as f:
+            f.write("def added():\n    pass\n")
+        st = os.stat(other_loc.fPath)
+        os.utime(other_loc.fPath, ns=(st.st_atime_ns, st.st_mtime_ns + 2_000_000_000))
+        inferquery.EnsureIndexed(mgr, other_loc)
+        assert "added" in mgr.fInfoCache.GetScopesForLoc(other_loc)
 
     def test_an_engine_that_keeps_asking_gets_a_partial_answer(self, mgr, source_loc, other_loc):
         engine = _CFakeEngine(mgr.fInfoCache, other_loc, b"", always_incomplete=True)

@@ -129,9 +129,10 @@ def RunPrimaryScans(mgr, locs):
 
 
 def EnsureIndexed(mgr, loc):
-    """Runs the primary scan of `loc` when the info cache has no record of it."""
-    if not mgr.fInfoCache.GetScopesForLoc(loc):
-        RunPrimaryScans(mgr, [loc])
+    """Runs the primary scan of `loc` unless the info cache holds one of its
+    current content (an index made before the file changed is scanned
+    again, so that the records match the lines asked about)."""
+    RunPrimaryScans(mgr, [loc])
 
 
 def ResolveAt(mgr, loc, lineno, expr_text, seconds=kDefaultSeconds):
