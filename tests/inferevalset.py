@@ -21,6 +21,9 @@ import subprocess
 import sys
 import types
 
+from basekit.location import CLocalFileLocation
+from pysource import inferquery, projectfiles, symbolinfo
+
 kEvalDir = os.path.join(os.path.dirname(os.path.abspath(__file__)), "inference_eval")
 
 _kExpectMark = re.compile(r"#\s*expect:(.*)$")
@@ -42,14 +45,12 @@ class CExpectation:
 
 def SplitTopLevel(text, sep):
     """`text` split at `sep` characters outside brackets."""
-    from pysource import symbolinfo
     return [part.strip() for part in symbolinfo.NonNestedSplit(text, sep)]
 
 
 def Normalise(text):
     """One spelling of a canonical text (union members sorted, typing's
     aliases by their built-in names), the one the engine's answers get."""
-    from pysource import inferquery
     return inferquery.CanonicalTypeText(" ".join(text.split()))
 
 
@@ -104,15 +105,11 @@ class CScore:
 
 def IndexFolder(mgr, folder=kEvalDir):
     """Runs the primary scan of every file under `folder`."""
-    from basekit.location import CLocalFileLocation
-    from pysource import inferquery, projectfiles
     inferquery.RunPrimaryScans(
         mgr, [CLocalFileLocation(p) for p in projectfiles.FindSourceFiles([folder])])
 
 
-def ScoreAll(mgr, expectations, seconds=2.0):
-    from basekit.location import CLocalFileLocation
-    from pysource import inferquery
+def ScoreAll(mgr, expectations, seconds=inferquery.kDefaultSeconds):
     scores = []
     for exp in expectations:
         loc = CLocalFileLocation(exp.path)
