@@ -282,7 +282,8 @@ def _Matches(observation, alternative):
     if text == alternative:
         return True
     base = Loose(alternative)
-    if alternative.startswith("tuple[") and alternative.endswith(", ...]") and text.startswith("tuple["):
+    if alternative.startswith("tuple[") and alternative.endswith(", ...]") and \
+            text.startswith("tuple["):
         element = alternative[6:-6]
         return text == "tuple[()]" or all(a == element for a in SplitTopLevel(text[6:-1], ","))
     # The runtime can't show arguments it has no elements for, and a value of

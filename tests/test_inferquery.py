@@ -92,7 +92,7 @@ class TestPosition:
             for name, compound in info.type_equivs.items():
                 for single in symbolinfo.NonNestedSplit(compound, b";"):
                     _bare, index = symbolinfo.SplitLogicalIndexSuffix(single)
-                    if index is None and single[:2] in (b":S", b":g") and single[2:] not in (b"", b"-1"):
+                    if index is None and single[:2] in (b":S", b":g") and single[2:]:
                         index = int(single[2:])
                     if index is None or index < 0:
                         continue
@@ -195,7 +195,8 @@ class TestDescribe:
         ("os", b":nxml.etree.ElementTree", "module xml.etree.ElementTree"),
     ])
     def test_singles_of_other_modules(self, mgr, source_loc, finder, module, ibytes, text):
-        single = symbolinfo.CSingleResolvedInfo(ibytes, symbolinfo.Scope(finder.FindModule(module, None), ""))
+        module_scope = symbolinfo.Scope(finder.FindModule(module, None), "")
+        single = symbolinfo.CSingleResolvedInfo(ibytes, module_scope)
         assert inferquery.DescribeSingle(single, mgr, source_loc) == text
 
     def test_names_of_the_asked_file_and_built_ins_stay_unqualified(self, mgr, source_loc,
@@ -223,7 +224,10 @@ class TestInferCommand:
         """The engine of every new manager answers any expression with an
         instance of the asked file's Holder and the built-in int."""
         class Engine(inferenceengine.CInferenceEngine):
+            fDatabasesRead = []
+
             def ResolveToResult(self, expr, ctx):
+                self.fDatabasesRead.append(self.fInfoCache.fDatabasePath)
                 loc = expr.scope.loc
                 mf = self.fModuleFinder
                 return inferenceengine.CResolveResult(frozenset([
@@ -231,6 +235,7 @@ class TestInferCommand:
                     symbolinfo.CSingleResolvedInfo(
                         b":lint", symbolinfo.Scope(mf.FindModule("builtins", None), ""))]))
         monkeypatch.setattr(manager.inferenceengine, "CInferenceEngine", Engine)
+        return Engine
 
     def test_values_with_where_they_are_defined(self, capsys, source_loc, answering):
         target = f"{source_loc.fPath}:{line_of('iota')}"
@@ -246,7 +251,7 @@ class TestInferCommand:
         assert data["values"][0]["line"] == line_of("class Holder")
 
     @pytest.mark.parametrize("target, expr, code, message", [
-        ("{path}:4", "alpha", cli.kExitFailed, "nothing is known of 'alpha'"),
+        ("{path}:4", "never_defined", cli.kExitFailed, "nothing is known of 'never_defined'"),
         ("{path}:999", "alpha", cli.kExitUsage, "line 999 is outside the file"),
         ("{path}:0", "alpha", cli.kExitUsage, "line 0 is outside the file"),
         ("{path}", "alpha", cli.kExitUsage, "expected FILE:LINE"),
@@ -266,6 +271,7 @@ class TestInferCommand:
         before = db.read_bytes()
         code, out, _ = self.run(capsys, f"{source_loc.fPath}:4", "alpha", "--db", str(db))
         assert code == 0 and out.startswith("Holder")
+        assert answering.fDatabasesRead == [str(db)]
         assert db.read_bytes() == before
         code, _, err = self.run(capsys, f"{source_loc.fPath}:4", "alpha", "--db",
                                 str(tmp_path / "none.db"))

@@ -252,7 +252,8 @@ def DescribeSingle(single, mgr, asked_loc=None):
     if single.IsModule():
         return f"module {_ModuleName(single, mgr)}"
     if single.IsClass():
-        return f"type[{_Qualified(_CleanName(single.GetClassName() or '?'), single, mgr, asked_loc)}]"
+        name = _CleanName(single.GetClassName() or "?")
+        return f"type[{_Qualified(name, single, mgr, asked_loc)}]"
     if single.IsDef():
         scope = single.GetDefinedScope()
         name = _CleanName(scope.name) if scope is not None else "?"
