@@ -212,6 +212,16 @@ class TestDescribe:
             ["Holder.Inner", "def Holder.method", "float", "int", "other.Thing", "type[Holder]",
              "type[str]"]
 
+    def test_where_singles_are_defined(self, mgr, source_loc):
+        scope = symbolinfo.Scope(source_loc, "")
+        method, literal, module = [symbolinfo.CSingleResolvedInfo(b, scope) for b in
+                                   (b":uHolder|0.method|0,,(self),", b":lint,1", b":Mos")]
+        assert inferquery.DefinitionOf(method, mgr) == (source_loc.fPath, line_of("def method"))
+        path, line = inferquery.DefinitionOf(literal, mgr)
+        assert path.endswith("builtins.pyi") and line > 0
+        path, line = inferquery.DefinitionOf(module, mgr)
+        assert path.endswith("os/__init__.pyi") and line is None
+
 
 class TestInferCommand:
     def run(self, capsys, *argv):

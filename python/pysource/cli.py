@@ -373,7 +373,7 @@ def _cmd_infer(args):
         bodies_of = {}
         values = []
         for single in singles:
-            def_path, def_line = inferquery.DefinitionOf(single, bodies_of)
+            def_path, def_line = inferquery.DefinitionOf(single, mgr, bodies_of)
             values.append({"text": inferquery.DescribeSingle(single, mgr, loc),
                            "file": def_path, "line": def_line})
         values.sort(key=lambda v: (v["text"], v["file"] or "", v["line"] or 0))

@@ -10,7 +10,7 @@ canonical text (`int`, `type[Foo]`, `def Foo.meth`, `module os.path`).
 
 import re
 
-from pysource import _fastaccess, coordinator, manager, scopescanner, symbolinfo
+from pysource import _fastaccess, coordinator, manager, recordtext, scopescanner, symbolinfo
 from pysource.filellinecache import CFileLogicalLineCache
 
 kDefaultSeconds = 2.0
@@ -174,11 +174,15 @@ def _ModuleOf(single, mgr):
     return mgr.fInferenceEngine._fNativeEngine.fModuleFinder.ModuleNameOf(single.loc)
 
 
+def _NamesBuiltinClass(single):
+    """Literals and built-in class singles name built-in classes wherever
+    they were found."""
+    return single.IsLiteral() or \
+        symbolinfo.GetInfoBytesKind(_BareSingle(single)) == symbolinfo.kBuiltinClassKind
+
+
 def _Qualified(name, single, mgr, asked_loc):
-    # Literals and built-in class singles name built-in classes wherever
-    # they were found.
-    if single.IsLiteral() or \
-            symbolinfo.GetInfoBytesKind(_BareSingle(single)) == symbolinfo.kBuiltinClassKind:
+    if _NamesBuiltinClass(single):
         return name
     module = _ModuleOf(single, mgr)
     if not module or module == _kBuiltinsModule or single.loc == asked_loc:
@@ -271,23 +275,28 @@ def DescribeResolved(singles, mgr, asked_loc=None):
     return sorted({DescribeSingle(single, mgr, asked_loc) for single in singles})
 
 
-def DefinitionOf(single, bodies_of=None):
+def DefinitionOf(single, mgr, bodies_of=None):
     """(path, line) of where `single` is defined: the def or class line of a
-    function, class or instance's class, the file of a module; line None when
-    unknown, path None for a location without a path.  `bodies_of` caches
-    the divided files by path."""
-    path = getattr(single.loc, "fPath", None)
-    if path is None or single.IsModule():
+    function, class or instance's class (a literal's class is a built-in
+    one), the file of a module (found by its name); line None when unknown,
+    path None for a location without a path.  `bodies_of` caches the divided files by path."""
+    finder = mgr.fInferenceEngine._fNativeEngine.fModuleFinder
+    loc = single.loc
+    if single.IsModule():
+        loc = finder.FindModule(_ModuleName(single, mgr), single.loc) or loc
+        return getattr(loc, "fPath", None), None
+    if _NamesBuiltinClass(single):
+        loc = finder.FindModule(_kBuiltinsModule, None)
+    path = getattr(loc, "fPath", None)
+    if path is None:
         return path, None
     scope = single.GetDefinedScope()
     if scope is None:
         return path, None
-    from pysource import recordtext
     if bodies_of is None:
         bodies_of = {}
     bodies = bodies_of.get(path)
     if bodies is None:
         bodies = bodies_of[path] = recordtext.CFileBodies(path)
-    name = symbolinfo.NormalizedScope(None, symbolinfo.RemoveAllScopeNameSubscripts(
-        _CleanName(scope.name))).name
-    return path, bodies.fDefLines.get(name)
+    name = symbolinfo.RemoveAllScopeNameSubscripts(scope.name)
+    return path, bodies.fDefLines.get(symbolinfo.NormalizedScope(None, name).name)
