@@ -322,6 +322,87 @@ def _cmd_stats(args):
     return 0
 
 
+# infer
+
+def _infer_target(target):
+    """(path, line) of FILE:LINE, or an error text."""
+    path, sep, line_text = target.rpartition(":")
+    if not sep or not line_text.strip().isdigit():
+        return None, f"expected FILE:LINE, got '{target}'"
+    if not os.path.isfile(path):
+        return None, f"no such file: {path}"
+    return (path, int(line_text)), None
+
+
+def _infer_manager(args, path):
+    """The manager for `infer`: over the index (read only; what it lacks is
+    scanned into memory) when there is one, else in memory alone."""
+    from pysource import manager, projectfiles
+    db_path = args.db if args.db is not None else projectfiles.FindIndexFor(path)
+    if db_path is None:
+        return None, manager.CAnalysisMgr()
+    if not os.path.isfile(db_path):
+        raise _CDatabaseProblem(f"no such index database: {db_path}")
+    index = _CIndex(db_path, read_only=True)
+    return index, index.fMgr
+
+
+def _cmd_infer(args):
+    from basekit.location import CLocalFileLocation
+    from pysource import inferquery
+
+    where, problem = _infer_target(args.target)
+    if problem is not None:
+        _error(problem)
+        return kExitUsage
+    path, lineno = where
+    try:
+        compile(args.expr, "<expression>", "eval")
+    except SyntaxError as err:
+        _error(f"cannot parse the expression '{args.expr}': {err.msg}")
+        return kExitUsage
+    loc = CLocalFileLocation(os.path.abspath(path))
+    index, mgr = _infer_manager(args, path)
+    try:
+        try:
+            scope_name, logical_index = inferquery.PositionAtLine(loc, lineno)
+            singles, complete = inferquery.ResolveAt(mgr, loc, lineno, args.expr, args.seconds)
+        except inferquery.CLineOutsideFile as err:
+            _error(f"{path}: {err}")
+            return kExitUsage
+        bodies_of = {}
+        values = []
+        for single in singles:
+            def_path, def_line = inferquery.DefinitionOf(single, mgr, bodies_of)
+            values.append({"text": inferquery.DescribeSingle(single, mgr, loc),
+                           "file": def_path, "line": def_line})
+        values.sort(key=lambda v: (v["text"], v["file"] or "", v["line"] or 0))
+    finally:
+        if index is not None:
+            index.close()
+        else:
+            mgr.destroy()
+    if args.json:
+        json.dump({"file": path, "line": lineno, "expr": args.expr, "scope": scope_name,
+                   "logical": logical_index, "complete": complete, "values": values},
+                  sys.stdout, indent=2)
+        sys.stdout.write("\n")
+    else:
+        for value in values:
+            place = ""
+            if value["file"] is not None:
+                place = _display_path(value["file"])
+                if value["line"] is not None:
+                    place += f":{value['line']}"
+            print(f"{value['text']}" + (f"  ({place})" if place else ""))
+        if not complete:
+            _error("the answer may be partial: the engine could not finish the resolve")
+    if not values:
+        _error(f"nothing is known of '{args.expr}' at {path}:{lineno}")
+        return kExitFailed
+    return 0
+
+
 def _build_parser():
     parser = argparse.ArgumentParser(prog="pysource",
                                      description="Scanning core of a Python code-analysis engine.")
@@ -350,6 +431,16 @@ def _build_parser():
     stats.add_argument("--db", metavar="FILE",
                        help="index database (default: the nearest .pysource/index.db)")
     stats.set_defaults(run=_cmd_stats)
+
+    infer = sub.add_parser("infer", help="print what an expression can be at a line of a file")
+    infer.add_argument("target", metavar="FILE:LINE")
+    infer.add_argument("expr", metavar="EXPR", help="a Python expression")
+    infer.add_argument("--db", metavar="FILE",
+                       help="index database (default: the nearest .pysource/index.db; "
+                            "without one, files are scanned into memory)")
+    infer.add_argument("--json", action="store_true", help="print the answer as JSON")
+    infer.add_argument("--seconds", type=float, default=2.0, help="time for the resolve")
+    infer.set_defaults(run=_cmd_infer)
     return parser
 
 

@@ -1,0 +1,138 @@
+"""Agreement of the inference engine with the evaluation set in
+tests/inference_eval/: per file the number of expectations, exact matches,
+loose matches (type arguments ignored) and incomplete answers, then every
+miss with what the engine said.
+
+    python bench/infer_eval.py [FEATURE ...] [--seconds S] [--verify] [--jedi] [--quiet]
+
+FEATURE    only the expectations of these files (`flow`, `pkg/relative`, ...)
+
+--verify   also run the files and say how many expectations the running
+           program confirms (and list any it contradicts)
+--jedi     also ask jedi at every expectation and list where it disagrees
+           (a second opinion for reviewing the set; expectations follow
+           Python's semantics and the stubs, not any tool)
+--quiet    the table only, without the misses
+"""
+
+import argparse
+import os
+import sys
+import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
+
+import inferevalset  # noqa: E402
+
+
+def _rel(path):
+    return os.path.relpath(path, inferevalset.kEvalDir)
+
+
+def _Selected(args):
+    exps = inferevalset.ReadExpectations()
+    return [e for e in exps if not args.features or e.feature in args.features]
+
+
+def _Score(args):
+    from pysource import manager
+    mgr = manager.CAnalysisMgr(db_path=None)
+    try:
+        start = time.perf_counter()
+        inferevalset.IndexFolder(mgr)
+        indexed = time.perf_counter()
+        scores = inferevalset.ScoreAll(mgr, _Selected(args), args.seconds)
+        done = time.perf_counter()
+    finally:
+        mgr.destroy()
+    print(inferevalset.FormatTable(inferevalset.Table(scores)))
+    print(f"\nindexed in {indexed - start:.2f}s, resolved {len(scores)} expressions "
+          f"in {done - indexed:.2f}s")
+    if not args.quiet:
+        misses = [s for s in scores if not s.exact]
+        print(f"\n{len(misses)} misses:")
+        for s in misses:
+            exp = s.expectation
+            mark = "" if s.complete else " (incomplete)"
+            print(f"  {_rel(exp.path)}:{exp.line}: {exp.expr}\n"
+                  f"      expected {' | '.join(exp.expected)}\n"
+                  f"      got      {' | '.join(s.got) or '(nothing)'}{mark}")
+
+
+def _Verify():
+    exps = inferevalset.ReadExpectations()
+    result = inferevalset.VerifyByRunning(exps)
+    print(f"\nrunning the files: {len(result['verified'])} of {len(exps)} expectations "
+          f"confirmed ({result['exact']} with the very text, the others by the class "
+          f"without type arguments or a subclass), {len(result['refuted'])} contradicted, "
+          f"{len(result['unreached'])} never reached")
+    for exp, seen in result["refuted"]:
+        print(f"  CONTRADICTED {_rel(exp.path)}:{exp.line}: {exp.expr}: expected "
+              f"{' | '.join(exp.expected)}, ran as {', '.join(o[0] for o in seen)}")
+
+
+def _JediText(name):
+    full = name.full_name or name.name
+    if full.startswith("builtins."):
+        full = full[len("builtins."):]
+    if full == "NoneType":
+        return "None"
+    if name.type == "module":
+        return f"module {full}"
+    if name.type == "class":
+        return f"type[{full}]"
+    if name.type == "function":
+        return f"def {full}"
+    return full
+
+
+def _Jedi():
+    import jedi
+    exps = inferevalset.ReadExpectations()
+    project = jedi.Project(inferevalset.kEvalDir)
+    agree = 0
+    disagreements = []
+    scripts = {}
+    for exp in exps:
+        script = scripts.get(exp.path)
+        if script is None:
+            script = scripts[exp.path] = jedi.Script(path=exp.path, project=project)
+        with open(exp.path, encoding="utf-8") as f:
+            line = f.read().splitlines()[exp.line - 1]
+        column = line.index(exp.expr) + len(exp.expr)
+        module = inferevalset._ModuleNameOf(exp.path)
+        try:
+            names = script.infer(exp.line, column)
+        except Exception as err:  # noqa: BLE001 - jedi's own faults are only reported
+            disagreements.append((exp, f"jedi failed: {err}"))
+            continue
+        got = sorted({inferevalset.Loose(_JediText(n)).replace(f"{module}.", "")
+                      .replace("__main__.", "") for n in names})
+        want = sorted({inferevalset.Loose(t) for t in exp.expected})
+        if got == want:
+            agree += 1
+        else:
+            disagreements.append((exp, " | ".join(got) or "(nothing)"))
+    print(f"\njedi {jedi.__version__}: agrees (type arguments ignored) on {agree} of {len(exps)}")
+    for exp, got in disagreements:
+        print(f"  {_rel(exp.path)}:{exp.line}: {exp.expr}: expected "
+              f"{' | '.join(exp.expected)}, jedi {got}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("features", nargs="*", metavar="FEATURE")
+    parser.add_argument("--seconds", type=float, default=2.0, help="time per resolve")
+    parser.add_argument("--verify", action="store_true")
+    parser.add_argument("--jedi", action="store_true")
+    parser.add_argument("--quiet", action="store_true")
+    args = parser.parse_args()
+    _Score(args)
+    if args.verify:
+        _Verify()
+    if args.jedi:
+        _Jedi()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,127 @@
+"""Subscripts and iteration of hinted containers, and of containers built
+from displays."""
+
+from typing import Dict, Iterable, Iterator, List, Mapping, Optional, Sequence, Tuple
+
+
+class Point:
+    def __init__(self, x: int, y: int) -> None:
+        self.x = x
+        self.y = y
+
+
+def Subscripts(ints: list[int], names: List[str], table: dict[str, Point],
+               counts: Dict[str, int], pair: tuple[int, str], many: Tuple[float, ...],
+               nested: list[list[int]], by_name: Mapping[str, list[Point]],
+               seq: Sequence[bytes], maybe: Optional[list[int]], text: str, raw: bytes) -> None:
+    ints[0]  # expect: int
+    ints[-1]  # expect: int
+    ints[1:]  # expect: list[int]
+    names[0]  # expect: str
+    names[0].upper()  # expect: str
+    table["k"]  # expect: Point
+    table["k"].x  # expect: int
+    counts["k"]  # expect: int
+    pair[0]  # expect: int
+    pair[1]  # expect: str
+    many[0]  # expect: float
+    nested[0]  # expect: list[int]
+    nested[0][0]  # expect: int
+    by_name["k"]  # expect: list[Point]
+    by_name["k"][0]  # expect: Point
+    by_name["k"][0].y  # expect: int
+    seq[0]  # expect: bytes
+    text[0]  # expect: str
+    raw[0]  # expect: int
+    raw[0:1]  # expect: bytes
+    if maybe:
+        maybe[0]  # expect: int
+    table.get("k")  # expect: Point | None
+    len(ints)  # expect: int
+    ints.count(1)  # expect: int
+    sorted(names)  # expect: list[str]
+    list(table)  # expect: list[str]
+    dict(counts)  # expect: dict[str, int]
+    set(names)  # expect: set[str]
+    tuple(ints)  # expect: tuple[int, ...]
+    max(ints)  # expect: int
+
+
+def Iteration(points: list[Point], table: dict[str, Point], it: Iterator[int],
+              src: Iterable[tuple[str, int]]) -> None:
+    for point in points:
+        point  # expect: Point
+        point.x  # expect: int
+    for name in table:
+        name  # expect: str
+    for point2 in table.values():
+        point2.y  # expect: int
+    numbers = [n * 2 for n in it]
+    numbers  # expect: list[int]
+    for row in [src]:
+        for label, value in row:
+            label  # expect: str
+            value  # expect: int
+    for index, (key3, point3) in enumerate(sorted(table.items())):
+        key3  # expect: str
+        point3  # expect: Point
+    for a, b in zip(points, "ab"):
+        a  # expect: Point
+        b  # expect: str
+    for point4 in reversed(points):
+        point4  # expect: Point
+    for point5 in sorted(points, key=lambda p: p.x):
+        point5  # expect: Point
+    [p.x for p in points]  # expect: list[int]
+    {p.x: p for p in points}  # expect: dict[int, Point]
+    next(iter(points))  # expect: Point
+
+
+ints = [1, 2, 3]
+words = ["a", "b"]
+mixed = [1, "a"]
+mapping = {"a": 1, "b": 2}
+nested = {"k": [1.5]}
+pairs = [(1, "a")]
+empty_list = []
+empty_dict = {}
+coords = (1, 2.0, "z")
+
+ints  # expect: list[int]
+ints[0]  # expect: int
+words[1]  # expect: str
+mixed  # expect: list[int | str]
+mixed[0]  # expect: int | str
+mapping  # expect: dict[str, int]
+mapping["a"]  # expect: int
+nested["k"]  # expect: list[float]
+nested["k"][0]  # expect: float
+pairs[0]  # expect: tuple[int, str]
+pairs[0][1]  # expect: str
+coords[0]  # expect: int
+coords[1]  # expect: float
+coords[2]  # expect: str
+coords[0:2]  # expect: tuple[int, float]
+empty_list  # expect: list
+empty_dict  # expect: dict
+{1: "a"}[1]  # expect: str
+[1.5][0]  # expect: float
+"abc"[::-1]  # expect: str
+for w in words:
+    w  # expect: str
+for key, count in mapping.items():
+    key  # expect: str
+    count  # expect: int
+for one, letter in pairs:
+    one  # expect: int
+    letter  # expect: str
+
+
+def _main():
+    Subscripts([1, 2], ["n"], {"k": Point(1, 2)}, {"k": 1}, (1, "s"), (1.0,), [[1]],
+               {"k": [Point(0, 0)]}, [b"b"], [3], "t", b"r")
+    Iteration([Point(1, 2)], {"k": Point(3, 4)}, iter([1]), [("s", 1)])
+
+
+if __name__ == "__main__":
+    _main()

@@ -1,0 +1,186 @@
+"""Flow: the assignment that reaches a line, reassignment, augmented
+assignment, tuple unpacking, with-as, for targets over hinted iterables and
+the walrus operator."""
+
+import io
+from typing import Iterable, Iterator
+
+value = 1
+value  # expect: int
+value = "now text"
+value  # expect: str
+value = [1.5]
+value  # expect: list[float]
+value = None
+value  # expect: None
+
+total = 1
+total += 2
+total  # expect: int
+total = 1
+total += 0.5
+total  # expect: float
+words = ["a"]
+words += ["b"]
+words  # expect: list[str]
+text = "ab"
+text *= 3
+text  # expect: str
+bits = 6
+bits //= 4
+bits  # expect: int
+fraction = 7
+fraction /= 2
+fraction  # expect: float
+joined = "x"
+joined += "y"
+joined  # expect: str
+
+first, second = 1, "two"
+first  # expect: int
+second  # expect: str
+(left, right) = ("l", 2.0)
+left  # expect: str
+right  # expect: float
+[p, q] = [True, None]
+p  # expect: bool
+q  # expect: None
+head, *rest = [1, 2, 3]
+head  # expect: int
+rest  # expect: list[int]
+*init, last = "abc"
+init  # expect: list[str]
+last  # expect: str
+(a1, (b1, c1)) = (1, ("b", 3.0))
+a1  # expect: int
+b1  # expect: str
+c1  # expect: float
+m = n = 4
+m  # expect: int
+n  # expect: int
+swap_a, swap_b = "s", 5
+swap_a, swap_b = swap_b, swap_a
+swap_a  # expect: int
+swap_b  # expect: str
+
+
+def Pair() -> tuple[int, str]:
+    return 1, "a"
+
+
+num, name = Pair()
+num  # expect: int
+name  # expect: str
+
+
+class Resource:
+    def __enter__(self) -> "Resource":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        return None
+
+
+class Opener:
+    def __enter__(self) -> int:
+        return 42
+
+    def __exit__(self, *exc) -> None:
+        return None
+
+
+with Resource() as res:
+    res  # expect: Resource
+with Opener() as got:
+    got  # expect: int
+with Resource() as r1, Opener() as r2:
+    r1  # expect: Resource
+    r2  # expect: int
+with io.StringIO("data") as stream:
+    stream  # expect: _io.StringIO
+    stream.read()  # expect: str
+
+
+def Loops(numbers: list[int], names: Iterable[str], pairs: dict[str, float],
+          it: Iterator[bytes], grid: list[tuple[int, str]]):
+    for item in numbers:
+        item  # expect: int
+    for nm in names:
+        nm  # expect: str
+    for key in pairs:
+        key  # expect: str
+    for key2, val in pairs.items():
+        key2  # expect: str
+        val  # expect: float
+    for v2 in pairs.values():
+        v2  # expect: float
+    for chunk in it:
+        chunk  # expect: bytes
+    for x, y in grid:
+        x  # expect: int
+        y  # expect: str
+    for i, nm2 in enumerate(names):
+        i  # expect: int
+        nm2  # expect: str
+    for ch in "text":
+        ch  # expect: str
+    for k in range(3):
+        k  # expect: int
+    for b in b"xy":
+        b  # expect: int
+
+
+def Branches(flag: bool):
+    if flag:
+        result = 1
+    else:
+        result = "one"
+    result  # expect: int | str
+    maybe = None
+    if flag:
+        maybe = 2.0
+    maybe  # expect: float | None
+    while flag:
+        looped = [1]
+        break
+    else:
+        looped = (1,)
+    looped  # expect: list[int] | tuple[int]
+    try:
+        attempt = int("3")
+    except ValueError:
+        attempt = None
+    attempt  # expect: int | None
+
+
+def Reassigned():
+    data = "first"
+    data  # expect: str
+    data = 2
+    data  # expect: int
+    data = data + 1.5
+    data  # expect: float
+
+
+def Walrus(values: list[int]):
+    if (size := len(values)) > 1:
+        size  # expect: int
+    (w := "walrus")  # expect: str
+    w  # expect: str
+    [y := 5, y * 2]  # expect: list[int]
+    y  # expect: int
+    found = [z for v in values if (z := v * 2)]
+    found  # expect: list[int]
+    z  # expect: int
+
+
+def _main():
+    Loops([1, 2], ["a"], {"k": 1.0}, iter([b"c"]), [(1, "a")])
+    Branches(True)
+    Branches(False)
+    Reassigned()
+    Walrus([1, 2])
+
+
+if __name__ == "__main__":
+    _main()

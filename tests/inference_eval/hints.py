@@ -1,0 +1,184 @@
+"""Type hints: Optional, unions, generic containers, tuples, Callable,
+string forward references, TypeVar through a generic class and function,
+Self, aliases and annotated variables."""
+
+from __future__ import annotations
+
+from typing import (Any, Callable, Dict, Generic, List, Optional, Sequence, Tuple, TypeVar,
+                    Union)
+
+try:
+    from typing import Self
+except ImportError:  # older interpreters
+    from typing_extensions import Self
+
+T = TypeVar("T")
+K = TypeVar("K")
+V = TypeVar("V")
+
+
+class Item:
+    def __init__(self, weight: float = 1.0) -> None:
+        self.weight = weight
+
+
+class Box(Generic[T]):
+    def __init__(self, content: T) -> None:
+        self.content = content
+
+    def Get(self) -> T:
+        return self.content
+
+    def Pair(self) -> tuple[T, T]:
+        return self.content, self.content
+
+    def Listed(self) -> list[T]:
+        return [self.content]
+
+
+class Table(Generic[K, V]):
+    def __init__(self, key: K, value: V) -> None:
+        self.key = key
+        self.value = value
+
+    def Key(self) -> K:
+        return self.key
+
+    def Value(self) -> V:
+        return self.value
+
+
+class Builder:
+    def __init__(self) -> None:
+        self.parts: list[str] = []
+
+    def Add(self, part: str) -> Self:
+        self.parts.append(part)
+        return self
+
+
+class FancyBuilder(Builder):
+    def Fancy(self) -> int:
+        return 1
+
+
+def First(items: Sequence[T]) -> T:
+    return items[0]
+
+
+def Wrap(value: T) -> list[T]:
+    return [value]
+
+
+Number = Union[int, float]
+Names = List[str]
+
+
+def Hints(a: int, b: Optional[str], c: int | None, d: Union[int, str], e: list[int],
+          f: List[Item], g: dict[str, Item], h: Dict[str, int], i: tuple[int, str],
+          j: Tuple[float, ...], k: Callable[[int], str], m: "Item", n: Item | None,
+          o: Number, p: Names, q: Any, r: Callable[..., Item], s: set[bytes],
+          t: type[Item], u: tuple[()], v: "list[Item]") -> None:
+    a  # expect: int
+    b  # expect: str | None
+    c  # expect: int | None
+    d  # expect: int | str
+    e  # expect: list[int]
+    f  # expect: list[Item]
+    g  # expect: dict[str, Item]
+    h  # expect: dict[str, int]
+    i  # expect: tuple[int, str]
+    j  # expect: tuple[float, ...]
+    k(1)  # expect: str
+    m  # expect: Item
+    m.weight  # expect: float
+    n  # expect: Item | None
+    o  # expect: int | float
+    p  # expect: list[str]
+    r()  # expect: Item
+    s  # expect: set[bytes]
+    t  # expect: type[Item]
+    t()  # expect: Item
+    u  # expect: tuple[()]
+    v  # expect: list[Item]
+    v[0]  # expect: Item
+    if n is not None:
+        n.weight  # expect: float
+
+
+def Variables() -> None:
+    counter: int = 0
+    counter  # expect: int
+    title: str
+    title = "t"
+    title  # expect: str
+    maybe: Optional[Item] = None
+    maybe  # expect: Item | None
+    items: list[Item] = []
+    items  # expect: list[Item]
+    lookup: dict[str, list[int]] = {}
+    lookup  # expect: dict[str, list[int]]
+    later: "Forward" = Forward()
+    later  # expect: Forward
+    later.Value()  # expect: int
+
+
+class Forward:
+    def Value(self) -> int:
+        return 1
+
+    def Clone(self) -> "Forward":
+        return Forward()
+
+    def Peer(self) -> Forward:
+        return self
+
+
+def MakeForward() -> "Forward":
+    return Forward()
+
+
+def MakeForwardList() -> "list[Forward]":
+    return [Forward()]
+
+
+box = Box(1)
+box  # expect: Box[int]
+box.Get()  # expect: int
+box.content  # expect: int
+box.Pair()  # expect: tuple[int, int]
+box.Listed()  # expect: list[int]
+Box("s").Get()  # expect: str
+Box(Item()).Get()  # expect: Item
+Box(Item()).Get().weight  # expect: float
+hinted_box: Box[str] = Box("x")
+hinted_box.Get()  # expect: str
+table = Table("k", 2.5)
+table.Key()  # expect: str
+table.Value()  # expect: float
+First([1, 2])  # expect: int
+First("ab")  # expect: str
+First([Item()])  # expect: Item
+Wrap(1.5)  # expect: list[float]
+Builder().Add("a")  # expect: Builder
+Builder().Add("a").Add("b")  # expect: Builder
+Builder().Add("a").parts  # expect: list[str]
+FancyBuilder().Add("a")  # expect: FancyBuilder
+FancyBuilder().Add("a").Fancy()  # expect: int
+MakeForward()  # expect: Forward
+MakeForward().Clone()  # expect: Forward
+MakeForward().Peer()  # expect: Forward
+MakeForwardList()  # expect: list[Forward]
+MakeForwardList()[0]  # expect: Forward
+
+
+def _main():
+    Hints(1, "b", None, "d", [1], [Item()], {"g": Item()}, {"h": 1}, (1, "i"), (1.0, 2.0), str,
+          Item(), Item(), 2, ["p"], object(), Item, {b"s"}, Item, (), [Item()])
+    Hints(1, None, 3, 4, [], [], {}, {}, (2, "x"), (), lambda x: "", Item(), None, 1.5, [], 1,
+          Item, set(), Item, (), [Item()])
+    Variables()
+
+
+if __name__ == "__main__":
+    _main()

@@ -1,0 +1,3 @@
+from .deep import Deep
+
+LEVEL = 2
