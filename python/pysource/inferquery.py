@@ -266,8 +266,22 @@ def DescribeSingle(single, mgr, asked_loc=None):
         name = _CleanName(single.GetInstanceClassName() or single.GetTypeName() or "?")
         if name in _kNoneClassNames:
             return "None"
-        return _Qualified(name, single, mgr, asked_loc)
+        return _Qualified(name, single, mgr, asked_loc) + _TypeArgsText(single, mgr, asked_loc)
     return "? " + symbolinfo.DescribeInfo(bytes(single.ibytes))
+
+
+def _TypeArgsText(single, mgr, asked_loc):
+    """`[A, B | C]` for the type arguments the engine knows of a generic
+    instance; "" when it knows none.  An argument nothing is known of is
+    `Any`."""
+    args = getattr(single, "fTypeArgs", None)
+    if not isinstance(args, tuple) or not args or not any(args):
+        return ""
+    texts = []
+    for arg in args:
+        members = {DescribeSingle(s, mgr, asked_loc) for s in arg} if arg else {"Any"}
+        texts.append(" | ".join(sorted(members, key=lambda m: (m == "None", m))))
+    return "[" + ", ".join(texts) + "]"
 
 
 def DescribeResolved(singles, mgr, asked_loc=None):
