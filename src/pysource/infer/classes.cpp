@@ -324,8 +324,11 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             if (record.is_none())
                 continue;
             nb::object entry_bytes = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
-            if (!entry_bytes.is_none())
+            if (!entry_bytes.is_none()) {
+                fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
+                fClassMaps.pop_back();
+            }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));
         return out;
@@ -364,6 +367,8 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         }
         std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
         si::DefInfo def = si::UnpackDefInfo(bare);
+        if (HasDecorator(def, "setter") || HasDecorator(def, "deleter"))
+            continue;  // the same property as its getter
         bool is_static = HasDecorator(def, "staticmethod");
         bool is_class = HasDecorator(def, "classmethod") || si::LeafScopeName(def.scope_name) == "__new__" ||
                         si::LeafScopeName(def.scope_name) == "__init_subclass__" ||
@@ -388,8 +393,14 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         m->fBoundTo = bound_to;
         if (!map.empty())
             m->fTypeArgs = MapToTuple(map);
-        if (is_property && via_instance) {
-            out.Merge(CallDef(method, {}, {}));
+        if (is_property) {
+            if (via_instance) {
+                out.Merge(CallDef(method, {}, {}));
+            } else {
+                nb::object property = BuiltinClass("property");
+                if (!property.is_none())
+                    out.Merge(InstanceOf(property, nb::none()));
+            }
             continue;
         }
         out.Add(method);
@@ -439,7 +450,32 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 type_args = nb::tuple(items);
             }
         }
+        ValueSet news;
+        for (const nb::object &nw : ClassAttribute(callee, "__new__", callee, {}, false).Items()) {
+            si::CSingleResolvedInfo *n = Single(nw);
+            if (!n->IsDef())
+                continue;
+            si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(n->ibytes, "ibytes")));
+            std::string_view hint = def.return_hint ? Strip(*def.return_hint) : std::string_view();
+            if (hint.empty() || hint == "Self" || si::ParentScopeName(si::NormalizeScopeName(def.scope_name)) == "object")
+                continue;
+            news.Add(nw);
+        }
+        if (!news.Empty()) {
+            ValueSet made;
+            for (const nb::object &nw : SelectOverloads(news, args).Items())
+                if (OverloadAccepts(nw, args))
+                    made.Merge(CallDef(nw, args, kwargs));
+            if (!made.Empty())
+                return made;
+        }
         return InstanceOf(callee, type_args);
+    }
+    if (c->IsClass() && !c->fTypeArgs.is_none() && SpecialFormOf(callee) == "Callable") {
+        Py_ssize_t size = PyTuple_GET_SIZE(c->fTypeArgs.ptr());
+        if (size > 0)
+            return ValueSet::FromIterable(PyTuple_GET_ITEM(c->fTypeArgs.ptr(), size - 1));
+        return out;
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);

@@ -14,6 +14,7 @@
 #include "pysource/resolvedinfo.h"
 #include "pysource/scopename.h"
 #include "pysource/scoperef.h"
+#include "pysource/symbolinfo.h"
 
 namespace pysource::infer {
 
@@ -143,6 +144,14 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
 }
 
 ValueSet CEvaluator::EvalName(std::string_view name, const Frame &frame) {
+    if (name == si::kTypingModuleSymbolStr) {
+        // Hints written by the scan name the typing module by this symbol.
+        ValueSet out;
+        nb::object typing = ImportModule("typing", nb::none());
+        if (!typing.is_none())
+            out.Add(ModuleSingle(typing, "typing"));
+        return out;
+    }
     if (frame.locals)
         for (auto it = frame.locals->rbegin(); it != frame.locals->rend(); ++it)
             if (it->first == name)

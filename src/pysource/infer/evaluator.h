@@ -108,12 +108,14 @@ private:
     // Binds the type variables of `hint` (read in `scope`) from what a
     // parameter received.
     void BindTypeVars(nb::handle scope, std::string_view hint, const ValueSet &received, TypeMap &map);
+    TypeMap ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value);
     void BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
                   TypeMap &map);
 
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
     ValueSet LookupInScopeChain(nb::handle scope, std::string_view name);
+    bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
     ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
@@ -187,6 +189,9 @@ private:
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;
+    // The type arguments of the classes whose instance attributes are being
+    // read: (url, class name, map), innermost last.
+    std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
 };
 
 }  // namespace pysource::infer

@@ -6,6 +6,7 @@
 
 #include "pysource/infer/infertyping.h"
 #include "pysource/infokinds.h"
+#include "pysource/nesting.h"
 #include "pysource/packedops.h"
 #include "pysource/pgeninspect/parser.h"
 #include "pysource/pytext.h"
@@ -53,11 +54,41 @@ std::string CEvaluator::SpecialFormOf(nb::handle single) {
                                    "TypeGuard", "TypeIs", "Self", "Never", "NoReturn", "Generic", "Protocol",
                                    "Callable", "Concatenate", "Unpack", "Required", "NotRequired", "ReadOnly",
                                    "TypeAlias", "LiteralString", "TypeVar", "ParamSpec", "TypeVarTuple",
-                                   "NewType", "AnyStr"};
+                                   "NewType"};
     for (const char *form : kForms)
         if (canonical == form)
             return std::string(canonical);
     return {};
+}
+
+// The type arguments a value gives a protocol it fits by structure: what
+// the protocol's methods, called on the value, return for each of the
+// protocol's type variables (SupportsAbs[T] of a float: T is what
+// float.__abs__ gives).
+TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value) {
+    TypeMap found;
+    si::CSingleResolvedInfo *p = Single(protocol);
+    nb::object record = RecordOf(MakeScope(p->loc, NameOf(p)));
+    if (record.is_none() || vars.empty())
+        return found;
+    ValueSet receiver;
+    receiver.Add(value);
+    nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
+    for (auto [member_name, ibytes] : members) {
+        for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";")) {
+            std::string_view bare = si::BareSingle(single);
+            if (!si::IsDefKind(si::GetInfoBytesKind(bare)))
+                continue;
+            si::DefInfo def = si::UnpackDefInfo(bare);
+            if (!def.return_hint)
+                continue;
+            ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), {});
+            nb::object def_scope = MakeScope(p->loc, si::DefLineScope(si::NormalizeScopeName(def.scope_name)));
+            BindTypeVars(def_scope, *def.return_hint, results, found);
+            break;
+        }
+    }
+    return found;
 }
 
 ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, const TypeMap *map) {
@@ -177,6 +208,18 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
             if (it != frame.map->end())
                 return it->second;
         }
+        // Inside a class whose type arguments are known (reading an
+        // instance's attributes), its variables stand for them.
+        std::string url = LocationUrl(frame.scope.attr("loc"));
+        std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+        for (auto it = fClassMaps.rbegin(); it != fClassMaps.rend(); ++it) {
+            const auto &[cls_url, cls_name, cls_map] = *it;
+            if (cls_url != url || !scope_name.starts_with(cls_name))
+                continue;
+            auto var = cls_map.find(name);
+            if (var != cls_map.end())
+                return var->second;
+        }
         return out;  // an unbound type variable says nothing
     }
     if (!s->IsClass()) {
@@ -202,6 +245,8 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
                 out.Merge(arg);
         } else if (form == "TypeGuard" || form == "TypeIs") {
             out.Add(LiteralSingle("bool", std::nullopt));
+        } else if (form == "Callable" && !s->fTypeArgs.is_none()) {
+            out.Add(single);  // called, it gives its last type argument
         } else if (form == "LiteralString") {
             out.Add(LiteralSingle("str", std::nullopt));
         } else if (form == "Self") {
@@ -317,16 +362,26 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                 nb::object rc = ClassOfInstance(r);
                 if (rc.is_none())
                     continue;
+                bool nominal = false;
                 for (const MroEntry &e : Mro(rc, MapOfInstance(r))) {
                     si::CSingleResolvedInfo *k = Single(e.cls);
                     if (!(k->loc.is(h->loc) && NameOf(k) == NameOf(h)))
                         continue;
+                    nominal = true;
                     for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
                         auto it = e.map.find(vars[i]);
                         if (it != e.map.end())
                             BindNode(tree, arg_nodes[i], frame, it->second, map);
                     }
                     break;
+                }
+                if (!nominal && IsProtocolClass(head)) {
+                    TypeMap found = ProtocolTypeArgs(head, vars, r);
+                    for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
+                        auto it = found.find(vars[i]);
+                        if (it != found.end())
+                            BindNode(tree, arg_nodes[i], frame, it->second, map);
+                    }
                 }
             }
         }

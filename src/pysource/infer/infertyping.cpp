@@ -12,7 +12,7 @@ namespace {
 // typing's special forms and aliases, by the name they have there, with the
 // canonical name the engine works with: the builtin or collections class
 // for an alias of one, else the form's own name.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 62> kSpecialForms{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 61> kSpecialForms{{
     {"Any", "Any"}, {"Optional", "Optional"}, {"Union", "Union"}, {"Literal", "Literal"},
     {"Final", "Final"}, {"ClassVar", "ClassVar"}, {"Annotated", "Annotated"},
     {"TypeGuard", "TypeGuard"}, {"TypeIs", "TypeIs"}, {"Self", "Self"}, {"Never", "Never"},
@@ -21,7 +21,7 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 62> kSpecial
     {"Required", "Required"}, {"NotRequired", "NotRequired"}, {"ReadOnly", "ReadOnly"},
     {"TypeAlias", "TypeAlias"}, {"LiteralString", "LiteralString"}, {"TypeVar", "TypeVar"},
     {"ParamSpec", "ParamSpec"}, {"TypeVarTuple", "TypeVarTuple"}, {"NewType", "NewType"},
-    {"NamedTuple", "NamedTuple"}, {"TypedDict", "TypedDict"}, {"AnyStr", "AnyStr"},
+    {"NamedTuple", "NamedTuple"}, {"TypedDict", "TypedDict"},
     {"List", "list"}, {"Dict", "dict"}, {"Set", "set"}, {"FrozenSet", "frozenset"},
     {"Tuple", "tuple"}, {"Type", "type"}, {"Text", "str"},
     {"DefaultDict", "collections.defaultdict"}, {"OrderedDict", "collections.OrderedDict"},

@@ -347,6 +347,13 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     std::string kind = ScopeKindOf(scope);
     std::string parent(si::ParentScopeName(scope_name));
     if (si::IsDefLineScope(scope_name) || kind == "instance") {
+        if (si::IsDefLineScope(scope_name)) {
+            std::string def_name(scope_name.substr(0, scope_name.size() - si::kDefLineScopeSuffix.size()));
+            nb::object def_scope = MakeScope(loc, def_name);
+            nb::object def_record = RecordOf(def_scope);
+            if (!def_record.is_none() && ScopeDeclaresTypeParam(def_scope, def_record, name, out))
+                return out;
+        }
         nb::object owner = MakeScope(loc, parent);
         ValueSet found = LookupName(owner, name, -2);
         out.Merge(found);
@@ -371,6 +378,27 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     }
     out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
     return out;
+}
+
+// The type parameters a def or class declares (`def f[T](...)`, `class
+// C[T]`) are names of its own scope, and of its def line.
+bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name,
+                                        ValueSet &out) {
+    std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+    si::Kind kind = si::GetInfoBytesKind(own);
+    si::OptText params;
+    if (si::IsDefKind(kind))
+        params = si::UnpackDefInfo(own).type_params;
+    else if (kind == si::kClassKind)
+        params = si::UnpackClassInfo(own).type_params;
+    if (!params)
+        return false;
+    for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*params))
+        if (param.name == name) {
+            out.Add(TypeParamSingle(scope, param.name, param.param_kind));
+            return true;
+        }
+    return false;
 }
 
 ValueSet CEvaluator::LookupInScopeChain(nb::handle module_scope, std::string_view name) {
@@ -399,6 +427,8 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     nb::object record = ScopeName(scope).empty() ? ModuleRecord(scope.attr("loc")) : RecordOf(scope);
     if (record.is_none())
         return false;
+    if (ScopeDeclaresTypeParam(scope, record, name, out))
+        return true;
     if (!fBoundNames.empty()) {
         auto bound = fBoundNames.find({LocationUrl(scope.attr("loc")), std::string(ScopeName(scope)), std::string(name)});
         if (bound != fBoundNames.end()) {
