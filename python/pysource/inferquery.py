@@ -275,10 +275,13 @@ def _TypeArgsText(single, mgr, asked_loc):
     instance; "" when it knows none.  An argument nothing is known of is
     `Any`."""
     args = getattr(single, "fTypeArgs", None)
-    if not isinstance(args, tuple) or not args or not any(args):
-        return ""
+    if not isinstance(args, tuple) or not any(args):
+        return "[()]" if args == () and single.GetTypeName() == "tuple" else ""
     texts = []
     for arg in args:
+        if len(arg) == 1 and next(iter(arg)).ibytes == b":lellipsis":
+            texts.append("...")
+            continue
         members = {DescribeSingle(s, mgr, asked_loc) for s in arg} if arg else {"Any"}
         texts.append(" | ".join(sorted(members, key=lambda m: (m == "None", m))))
     return "[" + ", ".join(texts) + "]"

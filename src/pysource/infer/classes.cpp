@@ -166,7 +166,8 @@ TypeMap CEvaluator::MapOfInstance(nb::handle single) {
         // A tuple of known positions is, item by item, the union of them.
         ValueSet all;
         for (Py_ssize_t i = 0; i < size; ++i)
-            all.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
+            if (!IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)))
+                all.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
         map[vars[0]] = all;
         return map;
     }
@@ -447,6 +448,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 nb::list items;
                 for (const std::string &var : vars)
                     items.append(bound.count(var) ? bound[var].AsFrozenSet() : ValueSet().AsFrozenSet());
+                if (NameOf(c) == "tuple" && c->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+                    items.append(EllipsisArg());  // tuple(iterable): as many items as it gives
                 type_args = nb::tuple(items);
             }
         }
@@ -479,6 +482,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);
+    if (si::GetInfoBytesKind(si::TextView(c->ibytes, "ibytes")) == si::kExpressionEquivKind)
+        return CallLambda(callee, args, kwargs);
     if (c->IsInstance(true)) {
         ValueSet one;
         one.Add(callee);

@@ -138,9 +138,59 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kAwait:
     case NodeKind::kStarred:
         return Eval(tree, tree.Kid(n, 0), frame);
-    default:
-        return out;  // lambdas, yields, slices: nothing known
+    case NodeKind::kLambda: {
+        // A lambda is its text, read where it stands; calling it reads its
+        // body with the parameters bound (CallLambda).
+        std::string text = tree.NodeText(node);
+        std::string ibytes = si::BuildFieldsInfo(si::kExpressionEquivKind, {si::OptView(text)});
+        auto *scope = nb::cast<si::CScope *>(frame.scope);
+        out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(
+            new si::CSingleResolvedInfo(si::ToBytes(ibytes), scope, scope->loc))));
+        return out;
     }
+    default:
+        return out;  // yields, slices: nothing known
+    }
+}
+
+ValueSet CEvaluator::CallLambda(nb::handle lambda, const std::vector<ValueSet> &args,
+                                const std::vector<std::pair<std::string, ValueSet>> &kwargs) {
+    ValueSet out;
+    si::CSingleResolvedInfo *l = Single(lambda);
+    si::UnpackedFields f = si::UnpackFields(si::TextView(l->ibytes, "ibytes"));
+    if (f.fields.empty() || !f.fields[0])
+        return out;
+    Tree tree;
+    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(*f.fields[0]), 0, true);
+    if (root < 0 || tree.nodes[(std::size_t) root].kind != NodeKind::kLambda)
+        return out;
+    const Node &n = tree.nodes[(std::size_t) root];
+    Locals locals;
+    nb::object scope = nb::cast(l->scope);
+    Frame outer{scope, -2, nullptr, nullptr};
+    std::int32_t params = tree.Kid(n, 0);
+    std::size_t position = 0;
+    if (params >= 0) {
+        const Node &ps = tree.nodes[(std::size_t) params];
+        for (std::int32_t i = 0; i < ps.kids_count; ++i) {
+            const Node &p = tree.nodes[(std::size_t) tree.Kid(ps, i)];
+            std::string name(TokText(tree, p.aux));
+            ValueSet value;
+            if (p.param_kind <= pgen::kNormal && position < args.size())
+                value = args[position++];
+            for (const auto &[kw, kw_value] : kwargs)
+                if (kw == name)
+                    value = kw_value;
+            if (value.Empty() && tree.Kid(p, 1) >= 0)
+                value = Eval(tree, tree.Kid(p, 1), outer);
+            locals.emplace_back(name, value);
+        }
+    }
+    Frame inner{scope, -2, nullptr, &locals};
+    ++fDepth;
+    out = Eval(tree, tree.Kid(n, 1), inner);
+    --fDepth;
+    return out;
 }
 
 ValueSet CEvaluator::EvalName(std::string_view name, const Frame &frame) {
@@ -321,12 +371,15 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                 if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
                     std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
                     long long i = std::stoll(std::string(text));
-                    Py_ssize_t size = PyTuple_GET_SIZE(v->fTypeArgs.ptr());
-                    if (negative)
-                        i = size - i;
-                    if (size > 1 && i >= 0 && i < size) {
-                        out.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(v->fTypeArgs.ptr(), i)));
-                        continue;
+                    std::vector<nb::object> positions;
+                    if (TuplePositions(value, positions)) {
+                        long long size = (long long) positions.size();
+                        if (negative)
+                            i = size - i;
+                        if (i >= 0 && i < size) {
+                            out.Merge(ValueSet::FromIterable(positions[(std::size_t) i]));
+                            continue;
+                        }
                     }
                 }
             }
@@ -407,6 +460,37 @@ ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &fra
     return out;
 }
 
+nb::object CEvaluator::EllipsisArg() {
+    ValueSet marker;
+    marker.Add(LiteralSingle("ellipsis", std::nullopt));
+    return marker.AsFrozenSet();
+}
+
+bool CEvaluator::IsEllipsisArg(nb::handle arg) {
+    if (PySet_Size(arg.ptr()) != 1)
+        return false;
+    for (nb::handle single : arg) {
+        std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+        return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "ellipsis";
+    }
+    return false;
+}
+
+bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &positions) {
+    si::CSingleResolvedInfo *s = Single(single);
+    if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
+        return false;
+    std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+    if (si::GetInfoBytesKind(bare) != si::kInstanceKind || si::TextView(s->scope->name, "name") != "tuple")
+        return false;
+    Py_ssize_t size = PyTuple_GET_SIZE(s->fTypeArgs.ptr());
+    if (size == 0 || IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), size - 1)))
+        return false;
+    for (Py_ssize_t i = 0; i < size; ++i)
+        positions.push_back(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
+    return true;
+}
+
 // Values that can stand on either side of `|` in a type: classes and None.
 bool CEvaluator::IsTypeOperand(const ValueSet &values) {
     if (values.Empty())
@@ -462,7 +546,9 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
             }
         }
         bool positional = n.kind == NodeKind::kTuple && !starred && (std::size_t) n.kids_count <= kMaxDisplayItems;
-        if (positional && items.size() > 1) {
+        if (positional && items.empty())
+            return InstanceOf(cls, nb::tuple());  // (): the tuple of no items
+        if (positional) {
             for (const ValueSet &item : items)
                 args.append(item.AsFrozenSet());
         } else if (!items.empty()) {
@@ -470,6 +556,8 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
             for (const ValueSet &item : items)
                 all.Merge(item);
             args.append(all.AsFrozenSet());
+            if (n.kind == NodeKind::kTuple)
+                args.append(EllipsisArg());
         }
     }
     return InstanceOf(cls, args.size() ? nb::object(nb::tuple(args)) : nb::object(nb::none()));
@@ -502,13 +590,11 @@ ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Fr
         ValueSet item;
         for (const nb::object &v : values.Items()) {
             si::CSingleResolvedInfo *s = Single(v);
-            if (!s->fTypeArgs.is_none() && PyTuple_Check(s->fTypeArgs.ptr()) &&
-                (std::size_t) PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == count && count > 1) {
-                nb::object cls = ClassOfInstance(v);
-                if (!cls.is_none() && si::TextView(Single(cls)->scope->name, "name") == "tuple") {
-                    item.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), (Py_ssize_t) i)));
-                    continue;
-                }
+            std::vector<nb::object> positions;
+            (void) s;
+            if (TuplePositions(v, positions) && positions.size() == count) {
+                item.Merge(ValueSet::FromIterable(positions[i]));
+                continue;
             }
             ValueSet one;
             one.Add(v);

@@ -97,6 +97,13 @@ private:
     ValueSet EvalSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalBinOp(const Tree &tree, const pgen::Node &n, const Frame &frame);
     bool IsTypeOperand(const ValueSet &values);
+    // Homogeneous tuples carry this set after their item type
+    // (tuple[int, ...]); positional ones carry one set per item.
+    nb::object EllipsisArg();
+    static bool IsEllipsisArg(nb::handle arg);
+    // The type arguments of a tuple by position, or false when it is
+    // homogeneous or has none.
+    static bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
     ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
 
@@ -146,6 +153,8 @@ private:
     ValueSet CallValue(nb::handle callee, const std::vector<ValueSet> &args,
                        const std::vector<std::pair<std::string, ValueSet>> &kwargs,
                        const Frame &frame);
+    ValueSet CallLambda(nb::handle lambda, const std::vector<ValueSet> &args,
+                        const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     ValueSet CallDef(nb::handle def, const std::vector<ValueSet> &args,
                      const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map);

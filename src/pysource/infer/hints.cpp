@@ -148,8 +148,10 @@ void CEvaluator::TypeArgsOf(const Tree &tree, std::int32_t slice, const Frame &f
         for (std::int32_t i = 0; i < s.kids_count; ++i) {
             std::int32_t kid = tree.Kid(s, i);
             if (kid >= 0 && tree.nodes[(std::size_t) kid].kind == NodeKind::kConstant &&
-                tree.toks[(std::size_t) tree.nodes[(std::size_t) kid].tok_begin].text == "...")
-                continue;  // tuple[int, ...]: the one type stands for every item
+                tree.toks[(std::size_t) tree.nodes[(std::size_t) kid].tok_begin].text == "...") {
+                args.push_back(ValueSet::FromIterable(EllipsisArg()));  // tuple[int, ...]
+                continue;
+            }
             args.push_back(EvalType(tree, kid, frame));
         }
         return;
