@@ -661,6 +661,11 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
         ValueSet wanted = ResolveHintText(def_scope, param.hint, &any);
         if (wanted.Empty())
             continue;
+        if (std::optional<bool> literal_fit = LiteralsFit(wanted, args[a])) {
+            if (!*literal_fit)
+                return false;
+            continue;
+        }
         std::vector<nb::object> wanted_classes;
         bool open = false;
         for (const nb::object &w : wanted.Items()) {
@@ -806,6 +811,37 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
                 out.Add(def);
     }
     return out;
+}
+
+}  // namespace pysource::infer
+
+namespace pysource::infer {
+
+// When a parameter wants literal values (Literal["r", "w"]): whether the
+// argument's known values are among them; no value when the parameter wants
+// types, or when the argument's value isn't known.
+std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueSet &given) {
+    std::set<std::pair<std::string, std::string>> values;
+    for (const nb::object &w : wanted.Items()) {
+        std::string_view bare = si::BareSingle(si::TextView(Single(w)->ibytes, "ibytes"));
+        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+            return std::nullopt;
+        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+        if (!lit.value)
+            return std::nullopt;
+        values.emplace(lit.class_name, *lit.value);
+    }
+    for (const nb::object &g : given.Items()) {
+        std::string_view bare = si::BareSingle(si::TextView(Single(g)->ibytes, "ibytes"));
+        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+            return std::nullopt;
+        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+        if (!lit.value)
+            return std::nullopt;
+        if (values.count({lit.class_name, *lit.value}))
+            return true;
+    }
+    return false;
 }
 
 }  // namespace pysource::infer

@@ -51,6 +51,17 @@ si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleRes
 
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
 
+// A one-line quoted literal without prefix, escapes or triple quotes.
+bool IsPlainShortLiteral(std::string_view text) {
+    if (text.size() < 2 || text.size() > 42)
+        return false;
+    char quote = text.front();
+    if ((quote != '"' && quote != '\'') || text.back() != quote)
+        return false;
+    std::string_view inner = text.substr(1, text.size() - 2);
+    return inner.find('\\') == std::string_view::npos && inner.find(quote) == std::string_view::npos;
+}
+
 }  // namespace
 
 ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long long use_index) {
@@ -215,15 +226,18 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
     if (text == "None")
         out.Add(LiteralSingle("None", std::nullopt));
     else if (text == "True" || text == "False")
-        out.Add(LiteralSingle("bool", std::nullopt));
+        out.Add(LiteralSingle("bool", std::string(text)));
     else if (text == "...")
         out.Add(LiteralSingle("ellipsis", std::nullopt));
     else if (!text.empty() && (text.back() == 'j' || text.back() == 'J'))
         out.Add(LiteralSingle("complex", std::nullopt));
     else if (si::IsFloat(text))
         out.Add(LiteralSingle("float", std::nullopt));
-    else if (!text.empty())
-        out.Add(LiteralSingle("int", std::nullopt));
+    else if (!text.empty()) {
+        // A plain decimal keeps its value, for Literal[...] parameters.
+        bool decimal = text.size() <= 18 && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+        out.Add(LiteralSingle("int", decimal ? std::optional<std::string>(std::string(text)) : std::nullopt));
+    }
     return out;
 }
 
@@ -236,7 +250,11 @@ ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
             break;
         is_bytes = is_bytes || c == 'b' || c == 'B';
     }
-    out.Add(LiteralSingle(is_bytes ? "bytes" : "str", std::nullopt));
+    // A short plain literal keeps its value, for Literal[...] parameters.
+    std::optional<std::string> value;
+    if (n.tok_end - n.tok_begin == 1 && IsPlainShortLiteral(text))
+        value = std::string(text.substr(1, text.size() - 2));
+    out.Add(LiteralSingle(is_bytes ? "bytes" : "str", value));
     return out;
 }
 
@@ -346,9 +364,23 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
     for (const nb::object &value : base.Items()) {
         si::CSingleResolvedInfo *v = Single(value);
         if (v->IsClass()) {
-            // A generic alias in an expression: list[int], Optional[X].
+            // A generic alias in an expression: list[int], Optional[X];
+            // Literal[...] holds values, not types.
             std::vector<ValueSet> args;
-            TypeArgsOf(tree, slice, frame, args);
+            if (SpecialFormOf(value) == "Literal") {
+                ValueSet literals;
+                std::vector<std::int32_t> items;
+                if (s.kind == NodeKind::kTuple)
+                    for (std::int32_t i = 0; i < s.kids_count; ++i)
+                        items.push_back(tree.Kid(s, i));
+                else
+                    items.push_back(slice);
+                for (std::int32_t item : items)
+                    literals.Merge(Eval(tree, item, frame));
+                args.push_back(literals);
+            } else {
+                TypeArgsOf(tree, slice, frame, args);
+            }
             nb::list items;
             for (const ValueSet &arg : args)
                 items.append(arg.AsFrozenSet());

@@ -161,6 +161,7 @@ private:
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     ValueSet IterItems(const ValueSet &values);
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args);
+    std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
     ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args);
     bool IsProtocolClass(nb::handle cls);
     bool ProtocolAccepts(nb::handle protocol, nb::handle cls);

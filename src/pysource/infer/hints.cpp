@@ -245,6 +245,9 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         } else if (form == "Union") {
             for (const ValueSet &arg : args)
                 out.Merge(arg);
+        } else if (form == "Literal") {
+            for (const ValueSet &arg : args)
+                out.Merge(arg);
         } else if (form == "TypeGuard" || form == "TypeIs") {
             out.Add(LiteralSingle("bool", std::nullopt));
         } else if (form == "Callable" && !s->fTypeArgs.is_none()) {

@@ -485,11 +485,19 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             best = at;
     }
     // A declared type (a hint) governs every setting of the name.
+    // (`X: TypeAlias = ...` declares an alias: its value is what counts.)
+    auto declares = [](std::string_view single) {
+        std::string_view bare = si::BareSingle(single);
+        if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
+            return false;
+        std::string hint = si::UnpackTypeHint(bare);
+        return !hint.ends_with("TypeAlias");
+    };
     bool declared = false;
     for (const auto &[single, at] : singles)
-        declared = declared || si::GetInfoBytesKind(si::BareSingle(single)) == si::kTypeHintKind;
+        declared = declared || declares(single);
     for (const auto &[single, at] : singles) {
-        if (declared && si::GetInfoBytesKind(si::BareSingle(single)) != si::kTypeHintKind)
+        if (declared && !declares(single))
             continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always
         // count; numbered ones only from the reaching logical when known.
