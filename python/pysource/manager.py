@@ -69,7 +69,9 @@ class CInferenceService:
     engine itself (a CInferenceEngine, or an embedder's subclass)."""
 
     def __init__(self, info_cache, module_finder=None):
+        from pysource import inferflow
         self._fNativeEngine = inferenceengine.CInferenceEngine(info_cache, module_finder)
+        self._fNativeEngine.fFlowProvider = inferflow.CBlockStructure(info_cache)
 
 
 class CCacheMgr:

@@ -68,6 +68,7 @@ NB_MODULE(inferenceengine, m) {
         .def_rw("_fCallableSupport", &CInferenceEngine::_fCallableSupport)
         .def_rw("fModuleFinder", &CInferenceEngine::fModuleFinder)
         .def_rw("fConditionEvaluator", &CInferenceEngine::fConditionEvaluator)
+        .def_rw("fFlowProvider", &CInferenceEngine::fFlowProvider, nb::arg("value").none())
         .def_rw("fPrimaryScanName", &CInferenceEngine::fPrimaryScanName)
         .def_rw("fMaxDepth", &CInferenceEngine::fMaxDepth)
         .def_rw("fMaxValues", &CInferenceEngine::fMaxValues)

@@ -128,6 +128,10 @@ private:
     ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
                          long long use_index);
     ValueSet ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index);
+    // The branch headers around each body logical of a scope, from the
+    // engine's flow provider; null when it can't tell.
+    const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
+    static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
     ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
     ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
@@ -202,6 +206,7 @@ private:
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
+    std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> fBlockPaths;
 };
 
 }  // namespace pysource::infer

@@ -19,7 +19,7 @@ namespace pysource::infer {
 
 CInferenceEngine::CInferenceEngine(nb::object info_cache, nb::object module_finder,
                                    nb::object condition_evaluator)
-    : fInfoCache(std::move(info_cache)) {
+    : fInfoCache(std::move(info_cache)), fFlowProvider(nb::none()) {
     _fLocCache = fInfoCache.attr("fLocCache");
     fPrimaryScanName = nb::cast<std::string>(fInfoCache.attr("fPrimaryScanName"));
     fModuleFinder = module_finder.is_none()
@@ -149,12 +149,13 @@ nb::object CInferenceEngine::SpecialFormName(nb::handle expr, nb::handle ctx) {
 
 int CInferenceEngine::Traverse(visitproc visit, void *arg) {
     for (nb::handle h : {fInfoCache, _fLocCache, _fTypingGenericSupport, _fDetailsStore, _fCallableSupport,
-                         fModuleFinder, fConditionEvaluator})
+                         fModuleFinder, fConditionEvaluator, fFlowProvider})
         Py_VISIT(h.ptr());
     return 0;
 }
 
 void CInferenceEngine::Clear() {
+    fFlowProvider = nb::none();
     _fDetailsStore = nb::none();
     _fTypingGenericSupport = nb::none();
 }

@@ -44,6 +44,10 @@ public:
     nb::object _fCallableSupport;
     nb::object fModuleFinder;
     nb::object fConditionEvaluator;
+    // Tells the branch structure of scope bodies (`BlockPaths(loc,
+    // scope_name)`), so that a use sees every setting that may reach it;
+    // None: the latest setting before a use is the one that reaches it.
+    nb::object fFlowProvider;
     std::string fPrimaryScanName;
     // Bounds on one resolve: nested evaluations, and values per expression.
     int fMaxDepth = 40;

@@ -474,6 +474,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
                                  long long use_index) {
     ValueSet out;
     std::vector<std::pair<std::string_view, long long>> singles;
+    std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
     for (std::string_view single : si::NonNestedSplit(entry, ";")) {
         si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
@@ -481,8 +482,21 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (!SaysValue(si::GetInfoBytesKind(si::BareSingle(single))))
             continue;
         singles.emplace_back(single, at);
-        if (use_index >= -1 && split.logical_index && at < use_index && at > best)
-            best = at;
+        if (use_index >= -1 && split.logical_index && at < use_index) {
+            before.insert(at);
+            best = std::max(best, at);
+        }
+    }
+    // The settings that reach the use: back from the latest, until one that
+    // surely ran (its block holds the use).
+    std::set<long long> reaching;
+    if (best > -3) {
+        const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+        for (auto it = before.rbegin(); it != before.rend(); ++it) {
+            reaching.insert(*it);
+            if (!paths || BlockHolds(*paths, *it, use_index))
+                break;
+        }
     }
     // A declared type (a hint) governs every setting of the name.
     // (`X: TypeAlias = ...` declares an alias: its value is what counts.)
@@ -500,14 +514,49 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (declared && !declares(single))
             continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always
-        // count; numbered ones only from the reaching logical when known.
-        if (best > -3 && at >= -1 && at != best)
+        // count; numbered ones only from the reaching logicals when known.
+        if (best > -3 && at >= -1 && !reaching.count(at))
             continue;
         out.Merge(ValuesOfSingle(scope, single, at));
         if (fGaveUp)
             break;
     }
     return out;
+}
+
+const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
+    nb::object provider = fEngine.fFlowProvider;
+    if (provider.is_none())
+        return nullptr;
+    std::pair<std::string, std::string> key{LocationUrl(scope.attr("loc")), std::string(ScopeName(scope))};
+    auto it = fBlockPaths.find(key);
+    if (it == fBlockPaths.end()) {
+        std::optional<std::vector<std::vector<long long>>> paths;
+        nb::object found = provider.attr("BlockPaths")(scope.attr("loc"), scope.attr("name"));
+        if (!found.is_none()) {
+            paths.emplace();
+            for (nb::handle path : found) {
+                std::vector<long long> headers;
+                for (nb::handle header : path)
+                    headers.push_back(nb::cast<long long>(header));
+                paths->push_back(std::move(headers));
+            }
+        }
+        it = fBlockPaths.emplace(key, std::move(paths)).first;
+    }
+    return it->second ? &*it->second : nullptr;
+}
+
+// Whether the block of body logical `setting` holds body logical `use`: the
+// branch headers around the setting are all around the use too.
+bool CEvaluator::BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use) {
+    if (setting < 0 || (std::size_t) setting >= paths.size())
+        return true;
+    const std::vector<long long> &outer = paths[(std::size_t) setting];
+    if (use < 0 || (std::size_t) use >= paths.size())
+        return outer.empty();
+    const std::vector<long long> &inner = paths[(std::size_t) use];
+    return outer.size() <= inner.size() && std::equal(outer.begin(), outer.end(), inner.begin());
 }
 
 ValueSet CEvaluator::ValuesOfInfo(nb::handle scope, std::string_view ibytes, long long use_index) {

@@ -1,0 +1,78 @@
+"""The block structure of scope bodies, for the inference engine's choice of
+the settings of a name that reach a use.
+
+A setting at body logical A surely runs before a use at U when A's block
+(the chain of compound statements around it, within the scope) encloses U's;
+a setting inside an `if`, a loop, a `try` or a `case` that doesn't hold U may
+not have run, and the settings before it can reach U too.  `with` blocks run
+their bodies and count as no block.
+"""
+
+from pysource import logicalline, symbolinfo
+from pysource.inferquery import BodyPositions, FileLogicals
+
+# Logical kinds that open a block whose body may not run.
+_kBranchKinds = frozenset({
+    logicalline.kIfBeginning, logicalline.kElifBeginning, logicalline.kElseBeginning,
+    logicalline.kForBeginning, logicalline.kWhileBeginning, logicalline.kTry,
+    logicalline.kExcept, logicalline.kFinally, logicalline.kMatch, logicalline.kCase,
+})
+_kTransparentKinds = frozenset({logicalline.kWith})
+
+
+def _BlockPaths(body):
+    """One tuple per logical of a scope body: the indexes of the branch
+    headers around it, outermost first."""
+    paths = []
+    open_blocks = []  # (header index, indent, counts as a branch)
+    for i, logical in enumerate(body):
+        if logical.fType == logicalline.kComment:
+            paths.append(tuple(h for h, _indent, branch in open_blocks if branch))
+            continue
+        indent = logical.fIndentLevel
+        while open_blocks and open_blocks[-1][1] >= indent:
+            open_blocks.pop()
+        paths.append(tuple(h for h, _indent, branch in open_blocks if branch))
+        if logical.fType in _kBranchKinds or logical.fType in _kTransparentKinds:
+            toks = logical.fToks
+            if toks and toks[-1] == ":":   # a one-line block holds nothing after it
+                open_blocks.append((i, indent, logical.fType in _kBranchKinds))
+    return paths
+
+
+class CBlockStructure:
+    """Block paths of the bodies of every scope of a file, read once per
+    version of the file (by disk time) and kept."""
+
+    def __init__(self, info_cache):
+        self._fInfoCache = info_cache
+        self._fFiles = {}  # url -> (disk time, {scope name: paths})
+
+    def BlockPaths(self, loc, scope_name):
+        """The block paths of the body of `scope_name` in `loc`, as a list
+        indexed by body logical index, or None when the file can't be read."""
+        url = loc.fUrl
+        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        known = self._fFiles.get(url)
+        if known is None or known[0] != mtime:
+            known = (mtime, self._Read(loc))
+            self._fFiles[url] = known
+        return known[1].get(symbolinfo.NormalizedScope(None, scope_name).name)
+
+    def Forget(self, loc=None):
+        if loc is None:
+            self._fFiles.clear()
+        else:
+            self._fFiles.pop(loc.fUrl, None)
+
+    @staticmethod
+    def _Read(loc):
+        logicals = FileLogicals(loc)
+        if logicals is None:
+            return {}
+        bodies = {}
+        for logical, position in zip(logicals, BodyPositions(logicals)):
+            if position is not None:
+                bodies.setdefault(position[0], []).append((position[1], logical))
+        return {name: _BlockPaths([logical for _index, logical in sorted(items, key=lambda x: x[0])])
+                for name, items in bodies.items()}
