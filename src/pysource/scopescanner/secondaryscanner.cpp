@@ -26,15 +26,34 @@ nb::object GlobalAnalysisMgr() {
     return nb::module_::import_("pysource.manager").attr("GetAnalysisMgr")();
 }
 
+// New shared objects, with their Python object made at once so that the
+// garbage collector can follow the scanners' link to them.
+nb::ref<CSharedObjectsForSecondaryScanners_> NewSharedObjects(nb::handle ana_mgr) {
+    nb::ref<CSharedObjectsForSecondaryScanners_> shared =
+        new CSharedObjectsForSecondaryScanners_(ana_mgr);
+    (void) nb::cast(shared);
+    return shared;
+}
+
 nb::ref<CSharedObjectsForSecondaryScanners_> SharedObjectsFor(nb::handle shared_objects,
                                                               nb::handle ana_mgr) {
     if (shared_objects.is_none())
-        return new CSharedObjectsForSecondaryScanners_(ana_mgr);
+        return NewSharedObjects(ana_mgr);
     return &AsSharedObjects(shared_objects);
 }
 
 bool IsFinalState(CNamedConstant *state) {
     return state == kFinishedScanning || state == kScanAbandoned;
+}
+
+// The shared objects hold the manager and through it the services, which a
+// Python engine or cache may tie back to a scanner: the collector must see
+// the link (once the shared objects have a Python object holding the count).
+int VisitShared(const nb::ref<CSharedObjectsForSecondaryScanners_> &shared, visitproc visit,
+                void *arg) {
+    if (shared)
+        Py_VISIT(shared->self_py());
+    return 0;
 }
 
 void Print(nb::handle a, nb::handle b) { nb::module_::import_("builtins").attr("print")(a, b); }
@@ -58,6 +77,18 @@ CSharedObjectsForSecondaryScanners_::CSharedObjectsForSecondaryScanners_(nb::han
     nb::object key = nb::module_::import_("pysource.prefs").attr("kAnalyzeFunctionCalls");
     fScanFunctionCalls = IsTrue(fAnalysisMgr.attr("fPrefMgr")[key]);
     fDerivedScanName = fAnalysisMgr.attr("fDerivedScanName");
+}
+
+int CSharedObjectsForSecondaryScanners_::Traverse(visitproc visit, void *arg) {
+    for (nb::handle field : {fAnalysisMgr, fInfoCache, fInferenceEngine, fTypingSupport,
+                             fDetailsStore, fLocCache, fDerivedScanName})
+        Py_VISIT(field.ptr());
+    return 0;
+}
+
+void CSharedObjectsForSecondaryScanners_::Clear() {
+    fAnalysisMgr = fInfoCache = fInferenceEngine = nb::none();
+    fTypingSupport = fDetailsStore = fLocCache = nb::none();
 }
 
 CSharedObjectsForSecondaryScanners_ &AsSharedObjects(nb::handle obj) {
@@ -276,10 +307,11 @@ int CSingleScopeSecondaryScanner::TraverseFields(visitproc visit, void *arg) {
           nb::handle(_fItemsToScan), nb::handle(_fInterruptedItem), nb::handle(_fCalledMemo),
           nb::handle(_fNeedsScanLocs), nb::handle(_fCompletedNeedsScan)})
         Py_VISIT(field.ptr());
-    return 0;
+    return VisitShared(_fSharedObjects, visit, arg);
 }
 
 void CSingleScopeSecondaryScanner::DropReferences() {
+    _fSharedObjects = nullptr;
     fDerivedInfoDict = nb::dict();
     _fCalledMemo = nb::dict();
     _fInterruptedItem = nb::none();
@@ -295,7 +327,7 @@ CWholeFileSecondaryScanner::CWholeFileSecondaryScanner(nb::handle loc, nb::handl
     fIncompleteCount = 0;
     fToScan.append(nb::str(si::kModuleScopeName.data(), si::kModuleScopeName.size()));
     fToScanSet = nb::set(fToScan);
-    _fSharedObjects = new CSharedObjectsForSecondaryScanners_(nb::none());
+    _fSharedObjects = NewSharedObjects(nb::none());
 }
 
 void CWholeFileSecondaryScanner::_destroy_impl() {
@@ -440,9 +472,12 @@ int CWholeFileSecondaryScanner::TraverseFields(visitproc visit, void *arg) {
     for (nb::handle field : {nb::handle(fToScan), nb::handle(fToScanSet),
                              nb::handle(fScanCompletedCount), nb::handle(fDiskMTime)})
         Py_VISIT(field.ptr());
-    return 0;
+    return VisitShared(_fSharedObjects, visit, arg);
 }
 
-void CWholeFileSecondaryScanner::DropReferences() { _fActiveScopeScanner = nullptr; }
+void CWholeFileSecondaryScanner::DropReferences() {
+    _fActiveScopeScanner = nullptr;
+    _fSharedObjects = nullptr;
+}
 
 }  // namespace pysource

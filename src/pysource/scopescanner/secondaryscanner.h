@@ -39,6 +39,9 @@ public:
     nb::object fLocCache;
     bool fScanFunctionCalls = true;  // the kAnalyzeFunctionCalls preference, read once
     nb::object fDerivedScanName;
+
+    int Traverse(visitproc visit, void *arg);
+    void Clear();
 };
 
 // Derived scan of one scope.  Items of the primary record (name, single

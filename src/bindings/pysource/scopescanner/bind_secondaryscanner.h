@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bindutil.h"
+#include "gcslots.h"
 #include "pysource/scopescanner/fieldslots.h"
 #include "pysource/scopescanner/secondaryscanner.h"
 
@@ -152,7 +153,8 @@ inline auto Opt(const char *name) { return nb::arg(name).none(); }
 
 inline void BindSharedObjects(nb::module_ &m) {
     using O = CSharedObjectsForSecondaryScanners_;
-    nb::class_<O>(m, "_CSharedObjectsForSecondaryScanners", bindutil::IntrusiveHolder<O>())
+    nb::class_<O>(m, "_CSharedObjectsForSecondaryScanners", bindutil::IntrusiveHolder<O>(),
+                  nb::type_slots(gcslots::kSlots<O>))
         .def(nb::init<nb::handle>(), Opt("ana_mgr") = nb::none())
         .def_ro("fAnalysisMgr", &O::fAnalysisMgr)
         .def_ro("fInfoCache", &O::fInfoCache)
