@@ -31,6 +31,8 @@ class FakeEngine(ie.CInferenceEngine):
         if callable(answer):
             answer = answer(expr, ctx)
         ctx.fIncomplete = False
+        for single in answer:     # what the answer was read from
+            ctx.AddScopeToScopesSeen(single.scope)
         pairs = self.needs[name](self.calls.count(name)) if name in self.needs else ()
         if pairs:
             ctx.SetIncomplete(ctx.kCannotScan)

@@ -9,6 +9,7 @@ import pytest
 from basekit.location import CLocalFileLocation
 from pysource import _fastaccess, prefs, scopeinfo, scopescanner as ss, symbolinfo as si
 from managerutil import installed_manager
+from pysource.coordinator import CScanCoordinator, _CFileJob
 from scanutil import counter_clock
 from secondaryutil import (add_record, called, def_single, install_engine, kForever,
                            primary_scan, scan_until_final, write_project)
@@ -470,3 +471,73 @@ def test_sliced_run_equals_unsliced_run():
     whole = derived_records_of_run(stdlib, sliced=False)
     assert any(key[2] != key[1] for key in whole), "no derived record was made"
     assert derived_records_of_run(stdlib, sliced=True) == whole
+
+
+# ---------------------------------------------------------------------------
+# The coordinator's derived pass
+
+
+kProject = {"lib.py": "def f(a, b):\n    return a\n",
+            "app.py": "import lib\n\ndef main():\n    lib.f(1, 'x')\n",
+            "other.py": "def h():\n    pass\n"}
+
+
+@pytest.fixture
+def project(mgr, tmp_path):
+    locs = write_project(tmp_path, kProject)
+    coordinator = CScanCoordinator(mgr)
+    yield mgr, locs, coordinator
+    coordinator.destroy()
+
+
+def lib_f_record(mgr, locs):
+    return mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(locs["lib.py"], "f")).type_equivs
+
+
+def test_derived_pass_runs_the_primary_scans_it_waits_for(project):
+    mgr, locs, coordinator = project
+    coordinator.AddLocations([locs["app.py"]])
+    coordinator.RunUntilIdle()
+    # lib.py has no primary record yet: the resolve asks for its scan.
+    needs = (si.Scope(locs["lib.py"], ""), mgr.fPrimaryScanName)
+    engine = install_engine(mgr, needs={"lib.f": lambda n: [needs] if n == 1 else []})
+    engine.script["lib.f"] = lambda expr, ctx: (
+        [def_single(mgr, locs["lib.py"], "f")] if engine.calls.count("lib.f") > 1 else [])
+    coordinator.AddDerivedLocations([locs["app.py"]])
+    coordinator.RunDerivedUntilIdle()
+    assert coordinator.fScannedLocs == [locs["app.py"], locs["lib.py"]]
+    assert coordinator.fCounts.derived_files == 1
+    assert arg_key(0) in lib_f_record(mgr, locs)
+    assert not coordinator.WantsDerivedScan(locs["app.py"])
+
+
+def test_a_change_reruns_only_the_derived_scans_that_read_it(project):
+    mgr, locs, coordinator = project
+    coordinator.AddLocations(locs.values())
+    coordinator.RunUntilIdle()
+    install_engine(mgr, script={"lib.f": [def_single(mgr, locs["lib.py"], "f")]})
+    coordinator.AddDerivedLocations(locs.values())
+    coordinator.RunDerivedUntilIdle()
+    assert coordinator.fCounts.derived_files == 3
+    assert coordinator.DerivedScansAffectedBy([locs["lib.py"]]) == {locs["app.py"]}
+    assert coordinator.DerivedScansAffectedBy([locs["other.py"]]) == set()
+    coordinator.DerivedFilesChanged([locs["lib.py"]])
+    assert set(coordinator._fDerived) == {locs["app.py"], locs["lib.py"]}
+
+
+def test_scopes_needing_a_derived_scan_go_to_the_running_scanner(project):
+    mgr, locs, coordinator = project
+    coordinator.AddLocations(locs.values())
+    coordinator.RunUntilIdle()
+    job = _start_derived(coordinator, locs["app.py"])
+    coordinator.AddNeedsScan({(si.Scope(locs["app.py"], "extra"), mgr.fDerivedScanName),
+                              (si.Scope(locs["other.py"], ""), mgr.fDerivedScanName)})
+    assert "extra" in job.scanner.fToScan
+    assert locs["other.py"] in coordinator._fDerived
+
+
+def _start_derived(coordinator, loc):
+    """A derived job of `loc` with its scanner made and not yet run."""
+    job = coordinator._fDerived.setdefault(loc, _CFileJob(loc))
+    job.scanner = ss.CWholeFileSecondaryScanner(loc, coordinator.fDerivedScanName, None)
+    return job
