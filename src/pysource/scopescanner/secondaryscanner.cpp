@@ -337,17 +337,8 @@ void CWholeFileSecondaryScanner::_destroy_impl() {
 }
 
 nb::ref<CNamedConstant> CWholeFileSecondaryScanner::Scan(double end_time) {
-    nb::object info_cache = _fSharedObjects->fInfoCache;
-    info_cache.attr("BeginDeferScopesModified")();
-    nb::ref<CNamedConstant> state;
-    try {
-        state = ScanQueue(end_time);
-    } catch (...) {
-        info_cache.attr("FlushScopesModified")();
-        throw;
-    }
-    info_cache.attr("FlushScopesModified")();
-    return state;
+    return ScanWithDeferredNotifications(_fSharedObjects->fInfoCache,
+                                         [&] { return ScanQueue(end_time); });
 }
 
 nb::ref<CNamedConstant> CWholeFileSecondaryScanner::ScanQueue(double end_time) {
