@@ -13,19 +13,27 @@ kForever = math.inf
 class FakeEngine(ie.CInferenceEngine):
     """An engine whose answers are scripted by expression text.
 
-    `script[name]` is a list of singles, or a callable (expr, ctx) giving
+    `script[name]` is a list of singles (a scope itself, an expression of
+    no name, is scripted by the scope's name), or a callable (expr, ctx) giving
     one.  `needs[name]` is a callable (call number) giving the (scope, scan
     name) pairs that the resolve of `name` would need scanned, or nothing.
     Every resolve is noted in `calls` as the expression text."""
 
-    def __init__(self, info_cache, script=None, needs=None):
+    def __init__(self, info_cache, script=None, needs=None, hints=None):
         super().__init__(info_cache)
         self.script = dict(script or {})
         self.needs = dict(needs or {})
+        self.hints = dict(hints or {})
         self.calls = []
 
+    def ResolveHint(self, expr, ctx=None):
+        return list(self.hints.get(expr.name, ()))
+
+    def SingleResolvedIter(self, ibytes, for_scope, ctx=None):
+        return iter([si.CSingleResolvedInfo(ibytes, for_scope)])
+
     def ResolveToResult(self, expr, ctx=None):
-        name = expr.name
+        name = expr.name or expr.scope.name
         self.calls.append(name)
         answer = self.script.get(name, ())
         if callable(answer):
@@ -39,6 +47,36 @@ class FakeEngine(ie.CInferenceEngine):
             for scope, scan_name in pairs:
                 ctx.AddNeedsScan(scope, scan_name)
         return ie.CResolveResult(frozenset(answer))
+
+
+class FakeDetails:
+    """Details of one generic class."""
+
+    def __init__(self, defined_scope, type_vars):
+        self.fDefinedScope = defined_scope
+        self.fTypeVars = list(type_vars)
+
+    def GetOrderedTypeVars(self, loc):
+        return list(self.fTypeVars)
+
+
+class FakeDetailsStore:
+    """A details store that knows one class and no callables."""
+
+    def __init__(self, details):
+        self.details = details
+
+    def GetDetailsSet(self, singles, ctx):
+        return set()
+
+    def GetCallableDetails(self, single, ctx):
+        return None
+
+    def GetDetails(self, singles, ctx):
+        return self.details
+
+    def GetDetailsForInstance(self, resolved, ctx):
+        return self.details
 
 
 def install_engine(mgr, **kw):

@@ -11,7 +11,8 @@ from pysource import _fastaccess, prefs, scopeinfo, scopescanner as ss, symbolin
 from managerutil import installed_manager
 from pysource.coordinator import CScanCoordinator, _CFileJob
 from scanutil import counter_clock
-from secondaryutil import (add_record, called, def_single, install_engine, kForever,
+from secondaryutil import (FakeDetails, FakeDetailsStore, add_record, called, def_single,
+                           install_engine, kForever,
                            primary_scan, scan_until_final, write_project)
 
 kPast = 0.0
@@ -541,3 +542,78 @@ def _start_derived(coordinator, loc):
     job = coordinator._fDerived.setdefault(loc, _CFileJob(loc))
     job.scanner = ss.CWholeFileSecondaryScanner(loc, coordinator.fDerivedScanName, None)
     return job
+
+
+# ---------------------------------------------------------------------------
+# Type guards and generic containers
+
+
+class TypingNames:
+    def GetSpecialFormCanonicalName(self, expr, ctx):
+        return {"TG": "TypeGuard", "Other": "Optional"}.get(expr.name, "")
+
+
+@pytest.mark.parametrize("return_hint, narrowed", [
+    ("TG[int]", {"a", "b.c"}), ("TG", set()), ("Other[int]", set()), ("TG[ ]", set()),
+])
+def test_type_guard_narrows_each_sites_first_argument(mgr, locs, make_scanner, return_hint,
+                                                      narrowed):
+    lib = locs["lib.py"]
+    guard = si.CSingleResolvedInfo(
+        si.BuildDefInfoStr(si.kFunctionPrefix, "is_int", None, "(x)", return_hint, []),
+        si.Scope(lib, ""))
+    int_inst = si.CSingleResolvedInfo(si.BuildLiteralInfo(b"int", None), si.Scope(lib, ""))
+    engine = install_engine(mgr, script={"is_int": [guard]}, hints={"int": [int_inst]})
+    engine._fTypingGenericSupport = TypingNames()
+    sites = b";".join(called(args) for args in ("a", "b.c", "g()", "x=1", ""))
+    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {"is_int": sites}))
+    assert scanner.Scan(kForever) is ss.kFinishedScanning
+    assert engine.calls == ["is_int"]                 # the other sites hit the memo
+    assert set(derived_of(scanner, locs["app.py"], "") or {}) == narrowed
+
+
+@pytest.fixture
+def generic_list(mgr, tmp_path):
+    """A stub `list[_T]` with `append(self, item: _T)` and
+    `__setitem__(self, key: SupportsIndex, value: _T)`, an instance of it as
+    `x`, and the details store that knows the class."""
+    stub = CLocalFileLocation(str(tmp_path / "stub.pyi"))
+    cls = si.packedops.PackClassInfo("list", None, None)
+    list_scope = si.Scope(stub, "list")
+
+    def method(name, args):
+        ibytes = si.BuildDefInfoStr(si.kUnboundMethodPrefix, "list." + name, None, args, None, [])
+        return si.CSingleResolvedInfo(ibytes, list_scope)
+
+    script = {"list": [si.CSingleResolvedInfo(cls, si.Scope(stub, ""))],
+              "x": [si.CSingleResolvedInfo(si.kInstancePrefix + cls[si.kPrefixLen:], list_scope)],
+              "x.append": [method("append", "(self, item: _T)")],
+              "x.__setitem__": [method("__setitem__", "(self, key: SupportsIndex, value: _T)")]}
+    engine = install_engine(mgr, script=script)
+    engine._fDetailsStore = FakeDetailsStore(FakeDetails(list_scope, ["_T"]))
+    previous = ss.SetSpecializeGenericsFromArgs(True)
+    yield engine
+    ss.SetSpecializeGenericsFromArgs(previous)
+
+
+@pytest.mark.parametrize("name, ibytes, hint", [
+    ("x.append", called("1"), b"list[int]"),
+    ("x.append", called("1, 2"), None),                  # more arguments than the def has
+    ("x[0]", si.BuildLiteralInfo(b"str", None), b"list[str]"),
+    ("x[0:1]", si.BuildLiteralInfo(b"str", None), None),  # a slice
+])
+def test_generic_container_specialised_from_its_use(mgr, locs, make_scanner, generic_list, name,
+                                                    ibytes, hint):
+    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {name: ibytes}))
+    assert scanner.Scan(kForever) is ss.kFinishedScanning
+    got = (derived_of(scanner, locs["app.py"], "") or {}).get("x")
+    assert got == (None if hint is None else si.kInferredTypeHintPrefix + hint)
+
+
+def test_no_specialisation_with_the_switch_off(mgr, locs, make_scanner, generic_list):
+    ss.SetSpecializeGenericsFromArgs(False)
+    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {"x.append": called("1"),
+                                                                 "x[0]": b"1"}))
+    assert scanner.Scan(kForever) is ss.kFinishedScanning
+    assert generic_list.calls == ["x.append"]     # and no resolve of the class
+    assert dict(scanner.fDerivedInfoDict) == {}
