@@ -419,3 +419,13 @@ def test_the_process_manager_is_put_back_after_a_command(project, capsys):
     run(capsys, "index")
     assert manager.GetAnalysisMgr() is before
     assert before.fScanCoordinator is None
+
+
+class TestDerivedPass:
+    def test_index_runs_the_derived_pass_unless_primary_only(self, project, capsys):
+        code, out, _ = run(capsys, "index", "--primary-only")
+        assert code == 0 and "derived" not in out
+        (project / "pkg" / "uses.py").write_text("G = 0\n\ndef f():\n    global G\n    G = 1\n")
+        code, out, _ = run(capsys, "index")
+        assert code == 0 and "derived info from 2 files" in out   # the stub wants none
+        assert "read in scope 'f'" in shown(capsys, "pkg/uses.py")

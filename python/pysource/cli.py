@@ -127,15 +127,16 @@ def _open_existing_index(db_arg, start):
 class _CProgressLine:
     """One line on a terminal, rewritten as the files go by."""
 
-    def __init__(self, stream):
+    def __init__(self, stream, label=""):
         self.fStream = stream
+        self.fLabel = label
         self.fShown = False
 
     def __call__(self, done, total, loc):
         if loc is None:
             return
         width = shutil.get_terminal_size((80, 24)).columns
-        text = f"[{done}/{total}] {_display_path(loc.fPath)}"
+        text = f"{self.fLabel}[{done}/{total}] {_display_path(loc.fPath)}"
         if len(text) >= width:
             text = text[:max(0, width - 4)] + "..."
         self.fStream.write("\r\x1b[K" + text)
@@ -168,13 +169,21 @@ def _cmd_index(args):
     files = projectfiles.FindSourceFiles(paths)
     index = _CIndex(db_path)
     progress = _CProgressLine(sys.stderr) if sys.stderr.isatty() else None
-    coord = coordinator.CScanCoordinator(index.fMgr, progress=progress)
+    derived_progress = _CProgressLine(sys.stderr, "derived ") if progress is not None else None
+    coord = coordinator.CScanCoordinator(index.fMgr, progress=progress,
+                                         derived_progress=derived_progress)
     try:
-        coord.AddLocations([CLocalFileLocation(path) for path in files])
+        locs = [CLocalFileLocation(path) for path in files]
+        coord.AddLocations(locs)
         coord.RunUntilIdle()
-    finally:
         if progress is not None:
             progress.Clear()
+        if not args.primary_only:
+            _run_derived_pass(coord, locs)
+    finally:
+        for line in (progress, derived_progress):
+            if line is not None:
+                line.Clear()
         counts = coord.fCounts
         failed = list(coord.fAbandonedLocs)
         errors = dict(coord.fErrors)
@@ -193,6 +202,8 @@ def _cmd_index(args):
     else:
         line = (f"Indexed {counts.files} files: {counts.scopes} scopes, "
                 f"{counts.parse_errors} with parse errors")
+        if counts.derived_files:
+            line += f", derived info from {counts.derived_files} files"
         if counts.skipped:
             line += f", {counts.skipped} files unchanged"
         if failed:
@@ -202,6 +213,15 @@ def _cmd_index(args):
 
 
 # show
+
+def _run_derived_pass(coord, locs):
+    """The derived scans of an index run: files whose primary scan ran now,
+    those whose derived records read from them, and those whose derived scan
+    isn't done for their disk time."""
+    coord.DerivedFilesChanged(coord.fScannedLocs)
+    coord.AddDerivedLocations(locs)
+    coord.RunDerivedUntilIdle()
+
 
 def _records_for_target(index, target):
     """[(loc, scope name)] named by TARGET, or an error text."""
@@ -417,6 +437,8 @@ def _build_parser():
                        help="files and directories to index (default: the current directory)")
     index.add_argument("--db", metavar="FILE",
                        help="index database (default: .pysource/index.db under the first PATH)")
+    index.add_argument("--primary-only", action="store_true",
+                       help="skip the derived pass (what callers pass, attributes set elsewhere)")
     index.set_defaults(run=_cmd_index)
 
     show = sub.add_parser("show", help="print what the index knows of a file or scope")

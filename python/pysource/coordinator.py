@@ -1,4 +1,5 @@
-"""The scan coordinator: drives whole-file primary scans in time slices.
+"""The scan coordinator: drives whole-file primary scans in time slices, and
+after them the derived (secondary) scans of the files that want derived info.
 
 `CScanCoordinator` owns the order of work.  It keeps a queue of files, makes a
 whole-file primary scanner for the file at the head and calls its
@@ -8,6 +9,14 @@ and costs nothing until its "scan-state-changed" signal says it can go on; a
 finished or abandoned one is final.  Files whose primary scan is already done
 for their current disk time and content are skipped; an abandoned scan is
 tried again a bounded number of times.
+
+Derived scans run one whole-file secondary scanner per file, after the
+primary queue is empty.  A derived scanner that needs primary scans of other
+files (any file, standard library stubs too) waits: those files go to the
+primary queue, which runs first, and the derived scan then resumes.  When
+files change, only the derived scans whose inputs changed run again: those of
+the changed files, and those whose saved derived records, or whose running
+scan, read from a changed file.
 
 All the scanning work is in the scanners (C++); this module only decides what
 runs next and keeps the counts.
@@ -40,6 +49,7 @@ class CScanCounts:
     skipped: int = 0        # files already scanned for their disk time and content
     abandoned: int = 0      # files given up after the last attempt
     seconds: float = 0.0    # time spent inside slices
+    derived_files: int = 0  # files whose derived scan finished
 
 
 class _CFileJob:
@@ -91,11 +101,12 @@ class CScanCoordinator:
     primary scanner by default.
     `progress`: called as `progress(done, total, loc)` when a file starts
     (`loc` is that file) and when the last file is through (`loc` None).
+    `derived_progress`: the same for the derived scans.
     """
 
     def __init__(self, analysis_mgr=None, scanner_class=None,
                  slice_seconds=kDefaultSliceSeconds, max_attempts=kDefaultMaxAttempts,
-                 progress=None):
+                 progress=None, derived_progress=None):
         if slice_seconds <= 0:
             raise ValueError("slice_seconds must be positive")
         if max_attempts < 1:
@@ -110,12 +121,18 @@ class CScanCoordinator:
         self.fCounts = CScanCounts()
         self.fAbandonedLocs = []
         self.fErrors = []                     # (loc, error text) of scanners that raised
+        self.fScannedLocs = []                # files whose primary scan finished, in order
         self._fReady = collections.deque()   # jobs that can run, head first
         self._fParked = {}                    # loc -> job waiting for its data
         self._fJobs = {}                      # loc -> job, ready or parked
         self._fTotal = 0
         self._fDone = 0
         self._fPreviousCoordinator = self.fAnalysisMgr.SetScanCoordinator(self)
+        self.fDerivedScanName = self.fAnalysisMgr.fDerivedScanName
+        self.fDerivedProgress = derived_progress
+        self._fDerived = collections.OrderedDict()   # loc -> derived job, head first
+        self._fDerivedTotal = 0
+        self._fDerivedDone = 0
 
     # Adding work.
 
@@ -264,6 +281,7 @@ class CScanCoordinator:
     def _Finish(self, job):
         self._fReady.popleft()
         self._ForgetRemovedScopes(job)
+        self.fScannedLocs.append(job.loc)
         self.fCounts.files += 1
         self.fCounts.scopes += self._CountScopes(job)
         self.fCounts.parse_errors += self._CountParseErrors(job)
@@ -361,12 +379,154 @@ class CScanCoordinator:
         back the coordinator it had before."""
         for job in list(self._fJobs.values()):
             self._DropScanner(job)
+        for job in list(self._fDerived.values()):
+            self._DropDerivedScanner(job)
+        self._fDerived.clear()
         self._fJobs.clear()
         self._fReady.clear()
         self._fParked.clear()
         if self.fAnalysisMgr.fScanCoordinator is self:
             self.fAnalysisMgr.SetScanCoordinator(self._fPreviousCoordinator)
         self._fPreviousCoordinator = None
+
+    # Derived scans.
+
+    def WantsDerivedScan(self, loc):
+        """True when `loc` wants derived info and its derived scan isn't done
+        for its current disk time."""
+        info_cache = self.fAnalysisMgr.fInfoCache
+        if not info_cache.fLocCache.WantDerivedInfo(loc):
+            return False
+        mtime = _DiskMTime(loc.fPath) if isinstance(loc, location.CLocalFileLocation) else None
+        return mtime is None or not info_cache.IsScanDone(loc, self.fDerivedScanName, mtime)
+
+    def AddDerivedLocations(self, locs, force=False):
+        """Queues derived scans of the files of `locs` that want derived info
+        and (unless `force`) whose derived scan isn't done already.  A file
+        already queued stays where it is."""
+        for loc in locs:
+            if loc in self._fDerived:
+                continue
+            if force:
+                if not self.fAnalysisMgr.fInfoCache.fLocCache.WantDerivedInfo(loc):
+                    continue
+            elif not self.WantsDerivedScan(loc):
+                continue
+            self._fDerived[loc] = _CFileJob(loc)
+            self._fDerivedTotal += 1
+
+    def AddNeedsScan(self, needs_scan):
+        """Scopes that need scanning, as (scope, scan name) pairs: derived
+        pairs of a file whose derived scan is running are handed to that
+        scanner; other derived pairs queue their file's derived scan, and
+        primary pairs their file's primary scan.  Returns nothing."""
+        rest = set(needs_scan)
+        for job in self._fDerived.values():
+            if job.scanner is not None and rest:
+                rest = job.scanner.FilterNeedsScan(rest)
+        derived = [scope.loc for scope, name in rest if name == self.fDerivedScanName]
+        self.AddDerivedLocations(derived, force=True)
+        self.AddLocations([scope.loc for scope, name in rest if name != self.fDerivedScanName])
+
+    def DerivedScansAffectedBy(self, changed_locs):
+        """The files whose derived scans read from one of `changed_locs`:
+        those whose saved derived records depend on them, and those whose
+        running derived scan has read from them."""
+        changed = set(changed_locs)
+        info_cache = self.fAnalysisMgr.fInfoCache
+        affected = set()
+        for loc in info_cache.GetLocations():
+            for name in info_cache.GetScopesForLoc(loc):
+                for record in info_cache.GetScopeInfoRecords(symbolinfo.Scope(loc, name)):
+                    if record.key.scan_name != self.fDerivedScanName:
+                        continue
+                    seen = record.scopes_seen or ()
+                    if any(scope.loc in changed for scope in seen):
+                        affected.add(record.key.scanned_scope.loc)
+        for loc, job in self._fDerived.items():
+            if job.scanner is not None and job.scanner.DependsOnLocs(changed, loc):
+                affected.add(loc)
+        return affected
+
+    def DerivedFilesChanged(self, changed_locs):
+        """Files changed: their derived scans and those that read from them
+        run again; a running scan among them starts over."""
+        affected = self.DerivedScansAffectedBy(changed_locs) | set(changed_locs)
+        for loc in affected:
+            job = self._fDerived.get(loc)
+            if job is not None:
+                self._DropDerivedScanner(job)
+        self.AddDerivedLocations(affected, force=True)
+
+    def HasDerivedWork(self):
+        return bool(self._fDerived)
+
+    def RunDerivedSlice(self):
+        """Runs one time slice of derived scans.  Primary scans that a derived
+        scan waits on run first.  True while derived work remains."""
+        if self._fReady:
+            self.RunSlice()
+            return bool(self._fDerived)
+        start = _fastaccess.GetNowTime()
+        end_time = start + self.fSliceSeconds
+        try:
+            while self._fDerived and not self._fReady and not _fastaccess.OutOfTime(end_time):
+                job = next(iter(self._fDerived.values()))
+                try:
+                    if job.scanner is None:
+                        job.scanner = scopescanner.CWholeFileSecondaryScanner(
+                            job.loc, self.fDerivedScanName, None)
+                        self._ReportDerivedProgress(job.loc)
+                    state = job.scanner.Scan(end_time)
+                except Exception as err:   # noqa: BLE001 - one file's fault stops only that file
+                    self.fErrors.append((job.loc, f"{type(err).__name__}: {err}"))
+                    self._DerivedDone(job)
+                    continue
+                if state is scopescanner.kTimedOut:
+                    break
+                if state is scopescanner.kWaitingForScans:
+                    self._RunPrimaryScansFor(job)
+                elif state is scopescanner.kFinishedScanning or state is scopescanner.kScanAbandoned:
+                    self.fCounts.derived_files += state is scopescanner.kFinishedScanning
+                    self._DerivedDone(job)
+                else:
+                    raise TypeError(f"derived scanner of {job.loc!r} returned {state!r}")
+        finally:
+            self.fCounts.seconds += max(0.0, _fastaccess.GetNowTime() - start)
+        return bool(self._fDerived)
+
+    def RunDerivedUntilIdle(self):
+        """Runs the primary queue, then derived slices until no derived scan
+        is left.  True when primary files are still parked."""
+        while self._fReady or self._fDerived:
+            if self._fDerived:
+                self.RunDerivedSlice()
+            else:
+                self.RunSlice()
+        return self.HasWork()
+
+    def _RunPrimaryScansFor(self, job):
+        """A derived scan waits for primary scans: those files are queued (a
+        file already scanned for its disk time is skipped) and the scan
+        resumes once the primary queue is through.  A scanner waits at most
+        once for a scope, so this can't go on for ever."""
+        self.AddLocations([loc for loc in job.scanner.GetNeedsScanLocs() if loc != job.loc])
+
+    def _DerivedDone(self, job):
+        self._DropDerivedScanner(job)
+        del self._fDerived[job.loc]
+        self._fDerivedDone += 1
+        if not self._fDerived:
+            self._ReportDerivedProgress(None)
+
+    def _DropDerivedScanner(self, job):
+        if job.scanner is not None:
+            scanner, job.scanner = job.scanner, None
+            scanner.destroy()
+
+    def _ReportDerivedProgress(self, loc):
+        if self.fDerivedProgress is not None:
+            self.fDerivedProgress(self._fDerivedDone, self._fDerivedTotal, loc)
 
 
 def CountIncompleteScopes(info_cache, loc):

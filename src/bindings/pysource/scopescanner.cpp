@@ -7,13 +7,14 @@
 #include "pysource/scopescanner/bind_protocol.h"
 #include "pysource/scopescanner/bind_scopebodycache.h"
 #include "pysource/scopescanner/bind_scopebodyfinder.h"
+#include "pysource/scopescanner/bind_secondaryscanner.h"
 #include "pysource/scopescanner/module_values.h"
 
 NB_MODULE(scopescanner, m) {
     bindutil::ImportDependencies(
         {"basekit.destroyable", "pysource.logicalline", "pysource._fastaccess",
          "pysource.symbolinfo", "pysource.scopeinfo", "pysource.pgeninspect",
-         "basekit.location"});
+         "basekit.location", "pysource.inferenceengine"});
     m.doc() = "Scan protocol, scope structure and the scanners of Python scopes";
 
     pysource::InitNoValueMarkers();
@@ -26,6 +27,7 @@ NB_MODULE(scopescanner, m) {
     scopescanner_bind::BindScopeBodyCache(m);
     scopescanner_bind::BindPerFileInfo(m);
     scopescanner_bind::BindPrimaryScanner(m);
+    scopescanner_bind::BindSecondaryScanner(m);
     values.InstallGetattr(m);
 
     // Torn down with the module's namespace, before the interpreter ends.

@@ -544,17 +544,9 @@ nb::ref<CNamedConstant> CWholeFilePrimaryScanner::Scan(double end_time) {
         return fScanState;
     // Listeners get one batch of changed scopes per slice, however the
     // slice ends.
-    nb::object info_cache = fPerFileInfo->fInfoCache;
-    info_cache.attr("BeginDeferScopesModified")();
-    nb::ref<CNamedConstant> state;
-    try {
-        state = ScanUnderDeferredNotifications(end_time);
-    } catch (...) {
-        info_cache.attr("FlushScopesModified")();
-        throw;
-    }
-    info_cache.attr("FlushScopesModified")();
-    return state;
+    return ScanWithDeferredNotifications(fPerFileInfo->fInfoCache, [&] {
+        return ScanUnderDeferredNotifications(end_time);
+    });
 }
 
 nb::ref<CNamedConstant> CWholeFilePrimaryScanner::ScanUnderDeferredNotifications(double end_time) {

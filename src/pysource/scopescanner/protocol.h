@@ -101,6 +101,23 @@ nb::object ProtocolModuleValue(std::string_view name);
 // service may be any object, so its answers are judged as Python would).
 bool IsTrue(nb::handle value);
 
+// Runs `scan` (returning a state) between the info cache's
+// BeginDeferScopesModified and FlushScopesModified, the flush on every way
+// out, so that listeners get one batch of changed scopes per slice.
+template <typename ScanFn>
+nb::ref<CNamedConstant> ScanWithDeferredNotifications(nb::handle info_cache, ScanFn &&scan) {
+    info_cache.attr("BeginDeferScopesModified")();
+    nb::ref<CNamedConstant> state;
+    try {
+        state = scan();
+    } catch (...) {
+        info_cache.attr("FlushScopesModified")();
+        throw;
+    }
+    info_cache.attr("FlushScopesModified")();
+    return state;
+}
+
 // The base of every scanner.  Scan runs until end_time at most and returns the
 // state, or kTimedOut when the slice ended first.
 class CScanner : public basekit::CDestroyable {

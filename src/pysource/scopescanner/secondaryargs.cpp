@@ -1,0 +1,248 @@
+// Argument resolution: the text of a call's arguments turned into info
+// bytes -- literals classified by their first token, plain names passed on
+// as lazy references by default, the rest resolved -- and recorded against
+// the called definitions' parameters.  Also the one way in which the scan
+// resolves source text, where the final-try rule applies.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "pysource/scopescanner/secondaryscanner.h"
+#include "pysource/scopescanner/secondaryutil.h"
+#include "pysource/srctokenizer.h"
+#include "pysource/strutils.h"
+#include "pysource/symbolinfo.h"
+
+namespace pysource {
+
+namespace si = symbolinfo;
+using namespace secondaryutil;
+
+namespace {
+
+nb::bytes Bytes(std::string_view data) { return nb::bytes(data.data(), data.size()); }
+
+nb::object Literal(const char *class_name, nb::handle literal) {
+    return si::PyBuildLiteralInfo(nb::bytes(class_name), literal);
+}
+
+bool IsDigitOrDot(char c) { return (c >= '0' && c <= '9') || c == '.'; }
+
+// A signed number: "+" or "-" followed by a digit or ".".
+bool IsSignedNumberText(std::string_view text) {
+    return text.size() >= 2 && (text[0] == '+' || text[0] == '-') && IsDigitOrDot(text[1]);
+}
+
+// The class of a string literal from its prefix letters.
+nb::object StringLiteral(std::string_view text, nb::handle literal, nb::handle loc_cache) {
+    for (char c : text) {
+        if (c == 'r' || c == 'R' || c == 'f' || c == 'F')
+            continue;
+        if (c == 'u' || c == 'U') {
+            if (nb::cast<long>(loc_cache.attr("GetPythonMajorVersion")()) < 3)
+                return Literal("unicode", literal);
+        } else if (c == 'b' || c == 'B') {
+            return Literal("bytes", literal);
+        }
+        break;
+    }
+    return Literal("str", literal);
+}
+
+// The class of a list, tuple, dict or set display; only the first display
+// of the text is read.
+nb::object CollectionLiteral(std::string_view text, int open_tok, nb::handle literal) {
+    CStringTokenizer tokens{std::string(text)};
+    Py_ssize_t count = 0;
+    bool colon = false;
+    while (!tokens.fDone) {
+        if (count != 0 && tokens.fPriorNestingCount == 0)
+            break;  // past the closing bracket
+        if (tokens.fTokenID == kTokColon && tokens.fPriorNestingCount == 1)
+            colon = true;
+        ++count;
+        tokens.Next();
+    }
+    if (open_tok == kTokLBrace)
+        return Literal(count == 2 || colon ? "dict" : "set", literal);
+    if (open_tok == kTokLSqb)
+        return Literal("list", literal);
+    return Literal("tuple", literal);
+}
+
+}  // namespace
+
+nb::object CSingleScopeSecondaryScanner::ResolveInThisScope_(nb::handle expr_text,
+                                                             bool reduce_resolved, nb::handle ctx) {
+    nb::object expr = ExprIn(OurScope(), expr_text);
+    nb::object resolved = ResolvedOf(Engine().attr("ResolveToResult")(expr, nb::arg("ctx") = ctx));
+    if (reduce_resolved)
+        resolved = Engine().attr("ReduceResolved")(resolved, false, false, ctx);
+    if (CtxIncomplete(ctx) && !_fFinalTry)
+        return nb::none();
+    return resolved;
+}
+
+nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ibytes,
+                                                            nb::handle ctx,
+                                                            nb::handle skip_indexes) {
+    nb::tuple called = si::PyUnpackCalled(called_ibytes);
+    nb::object arg_text = called[1];
+    RequireStr(arg_text, "the argument text of a call");
+    nb::list result;
+    Py_ssize_t i = 0;
+    for (nb::handle arg : si::PySplitArguments(arg_text)) {
+        std::string_view text = TextOf(arg);
+        if (!skip_indexes.is_none() && Contains(skip_indexes, nb::int_(i))) {
+            result.append(nb::none());
+        } else if (si::IsAtomExpr(text) || IsSignedNumberText(text)) {
+            if (DbgStatsOn())
+                DbgCountScanHit_(nb::str("called-arg-resolve"));
+            result.append(GetInfoBytesForResolvedArgText_(arg, ctx));
+        } else {
+            result.append(nb::none());  // a compound expression is given up at once
+        }
+        ++i;
+    }
+    return result;
+}
+
+nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::handle arg_text,
+                                                                         nb::handle ctx) {
+    std::string_view text = TextOf(arg_text);
+    if (text != si::StripSpaces(text))
+        RaiseAssertion("argument text must be stripped");
+    nb::bytes utf8 = Bytes(text);
+    int tok = GetTokenType(utf8, 0);
+    Py_ssize_t end = GetTokenEnd(utf8, 0, false);
+    if ((tok == kTokPlus || tok == kTokMinus) && IsSignedNumberText(text)) {
+        // A signed number is classified by what follows the sign.
+        tok = GetTokenType(utf8, 1);
+        end = GetTokenEnd(utf8, 1, false);
+    }
+    nb::object literal = kSaveLiteralText ? nb::borrow(arg_text) : nb::none();
+    switch (tok) {
+    case kTokName: {
+        if (text == "None")
+            return Literal("None", literal);
+        if (text == "True" || text == "False")
+            return Literal("bool", literal);
+        if (DbgStatsOn())
+            DbgCountScanEvent_(nb::str("arg-name"), _gDbgSeenArgs.get(), arg_text);
+        nb::object our_scope = OurScope();
+        if (kLazyCalledArgEvaluation) {
+            // The name travels with the scope it was used in and is
+            // evaluated when the derived record is read.
+            si::CScope &ours = ScopeOf(our_scope);
+            return si::PyPrefixWithLocationAndScope(utf8, ours.loc, ours.name);
+        }
+        nb::object resolved = ResolveInThisScope_(arg_text, true, ctx);
+        if (resolved.is_none() || !HasItems(resolved))
+            return nb::none();
+        if (!PyAnySet_Check(resolved.ptr()))
+            throw nb::type_error("a reduced resolved set must be a set");
+        return GetInfoBytesForReducedResolved_(resolved);
+    }
+    case kTokString:
+        return StringLiteral(text, literal, LocCache());
+    case kTokNumber:
+        if (end != (Py_ssize_t) text.size())
+            return nb::none();  // the number doesn't fill the argument
+        return Literal(si::IsFloat(text) ? "float" : "int", literal);
+    case kTokLPar:
+    case kTokLSqb:
+    case kTokLBrace:
+        return CollectionLiteral(text, tok, literal);
+    default:
+        return nb::none();
+    }
+}
+
+nb::object CSingleScopeSecondaryScanner::GetInfoBytesForReducedResolved_(nb::handle resolved) {
+    if (!HasItems(resolved))
+        return nb::none();
+    nb::object loc_cache = LocCache();
+    si::CScope &ours = ScopeOf(OurScope());
+    std::vector<std::string> parts;
+    for (nb::handle single : resolved) {
+        nb::object ibytes = single.attr("ibytes");
+        if (Truth(single.attr("IsLiteral")())) {
+            parts.emplace_back(TextOf(ibytes));
+        } else if (Truth(single.attr("IsInstance")())) {
+            nb::object class_name = single.attr("GetInstanceClassName")();
+            nb::object loc = loc_cache.attr("GetPrimaryLocation")(single.attr("loc"));
+            nb::tuple parent_leaf = si::PyParentAndLeafScopeNames(class_name);
+            nb::object inst_name = AsUtf8(si::PyGetInstanceNameForClass(parent_leaf[1]));
+            parts.emplace_back(TextOf(si::PyPrefixWithLocationAndScope(inst_name, loc, parent_leaf[0])));
+        } else if (Truth(single.attr("IsClassRef")())) {
+            continue;  // can't be written down as info bytes
+        } else {
+            nb::object loc = single.attr("loc");
+            if (loc.is_none())
+                RaiseAssertion("a resolved single without a location");
+            nb::object scope_name = single.attr("scope").attr("name");
+            std::string_view bytes = TextOf(ibytes);
+            if (Equal(loc, loc_cache.attr("GetBuiltinLoc")())) {
+                parts.push_back(std::string(si::kBuiltinModulePrefix) + std::string(bytes));
+            } else if (TextOf(scope_name).empty() && Equal(loc, loc_cache.attr("GetTypingLoc")())) {
+                parts.push_back(std::string(si::kTypingModulePrefix) + std::string(bytes));
+            } else if (Equal(loc, ours.loc)) {
+                if (Equal(scope_name, ours.name))
+                    parts.emplace_back(bytes);
+                else
+                    parts.emplace_back(TextOf(si::PyPrefixWithLocationAndScope(ibytes, nb::none(), scope_name)));
+            } else {
+                parts.emplace_back(TextOf(si::PyPrefixWithLocationAndScope(ibytes, loc, scope_name)));
+            }
+        }
+    }
+    if (parts.empty())
+        return nb::none();
+    if (parts.size() == 1)
+        return Bytes(parts[0]);
+    // Sorted, so that the compound doesn't depend on the set's order.
+    std::sort(parts.begin(), parts.end());
+    std::string joined;
+    for (const std::string &part : parts) {
+        if (!joined.empty())
+            joined += ';';
+        joined += part;
+    }
+    return Bytes(joined);
+}
+
+void CSingleScopeSecondaryScanner::AddInfoForUsedArgs_(nb::handle derived_list,
+                                                       nb::handle arg_ibytes_list, nb::handle) {
+    for (nb::handle entry : derived_list) {
+        nb::object derived = entry[0];
+        Py_ssize_t offset = nb::cast<Py_ssize_t>(entry[1]);
+        nb::object hinted = entry[2];
+        Py_ssize_t arg_i = 0;
+        for (nb::handle ibytes : arg_ibytes_list) {
+            Py_ssize_t i = arg_i++;
+            if (ibytes.is_none())
+                continue;
+            // The def's own annotation outranks what call sites say.
+            if (!hinted.is_none() && Contains(hinted, nb::int_(i)))
+                continue;
+            nb::object key = AsStr(si::PyBuildArgInfo(i + offset, nb::none()));
+            RequireBytes(ibytes, "argument info bytes");
+            AddDerivedInfoForName_(derived, false, key, ibytes);
+        }
+    }
+}
+
+nb::object FullyHintedArgIndexes_(nb::handle derived_list) {
+    nb::object common = nb::none();
+    for (nb::handle entry : derived_list) {
+        nb::object hinted = entry[2];
+        if (hinted.is_none())
+            return nb::none();
+        common = common.is_none() ? nb::set(hinted) : common.attr("intersection")(hinted);
+    }
+    if (!HasItems(common))
+        return nb::none();
+    return nb::frozenset(common);
+}
+
+}  // namespace pysource
