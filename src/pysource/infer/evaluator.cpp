@@ -28,6 +28,8 @@ namespace {
 // isn't Python; it is read as a subscript by this name.
 constexpr std::string_view kIterMarker = "__pysource_iter__";
 constexpr std::size_t kMaxDisplayItems = 16;
+// The name an expression that starts with "." is read on.
+constexpr std::string_view kSelfMarker = "__pysource_self__";
 
 std::string WithIterMarkers(std::string_view text) {
     std::string out;
@@ -84,12 +86,48 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     } leave{*this, key};
     ++fDepth;
     Tree tree;
-    std::string source = WithIterMarkers(text);
+    Locals self_locals;
+    std::string source;
+    if (!text.empty() && text.front() == '.') {
+        // ".attr" read in a scope: an attribute of the scope's own object
+        // (the instance of an instance scope, the class, the module).
+        self_locals.emplace_back(std::string(kSelfMarker), ScopeObject(scope));
+        source = std::string(kSelfMarker) + WithIterMarkers(text);
+    } else {
+        source = WithIterMarkers(text);
+    }
     std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(source), 0, true);
     if (root < 0)
         return out;
-    Frame frame{nb::borrow(scope), use_index, nullptr, nullptr};
+    Frame frame{nb::borrow(scope), use_index, nullptr, self_locals.empty() ? nullptr : &self_locals};
     return Eval(tree, root, frame);
+}
+
+ValueSet CEvaluator::ScopeObject(nb::handle scope) {
+    ValueSet out;
+    nb::object loc = scope.attr("loc");
+    std::string_view name = si::TextView(scope.attr("name"), "name");
+    if (name.empty()) {
+        out.Add(ModuleSingle(loc, ""));
+        return out;
+    }
+    bool instance = si::IsInstanceScope(name);
+    std::string owner = instance ? std::string(name.substr(0, name.size() - si::kClassInstanceSuffix.size()))
+                                 : std::string(name);
+    nb::object record = RecordOf(MakeScope(loc, owner));
+    if (record.is_none())
+        return out;
+    std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+    si::Kind kind = si::GetInfoBytesKind(own);
+    if (kind == si::kClassKind) {
+        nb::object cls = ClassSingle(loc, own);
+        if (instance)
+            return InstanceOf(cls, nb::none());
+        out.Add(cls);
+    } else if (si::IsDefKind(kind)) {
+        out.Add(DefSingle(loc, own, kind));
+    }
+    return out;
 }
 
 ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &frame) {

@@ -91,6 +91,7 @@ private:
     // Expressions.
     ValueSet Eval(const Tree &tree, std::int32_t node, const Frame &frame);
     ValueSet EvalName(std::string_view name, const Frame &frame);
+    ValueSet ScopeObject(nb::handle scope);
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
     ValueSet EvalString(const Tree &tree, const pgen::Node &n);
     ValueSet EvalCall(const Tree &tree, const pgen::Node &n, const Frame &frame);
