@@ -204,6 +204,8 @@ def _cmd_index(args):
                 f"{counts.parse_errors} with parse errors")
         if counts.derived_files:
             line += f", derived info from {counts.derived_files} files"
+        if counts.needed_files:
+            line += f" (and {counts.needed_files} library files it read)"
         if counts.skipped:
             line += f", {counts.skipped} files unchanged"
         if failed:
@@ -219,7 +221,8 @@ def _run_derived_pass(coord, locs):
     those whose derived records read from them, and those whose derived scan
     isn't done for their disk time."""
     coord.DerivedFilesChanged(coord.fScannedLocs)
-    coord.AddDerivedLocations(locs)
+    failed = set(coord.fAbandonedLocs)
+    coord.AddDerivedLocations([loc for loc in locs if loc not in failed])
     coord.RunDerivedUntilIdle()
 
 

@@ -50,6 +50,7 @@ class CScanCounts:
     abandoned: int = 0      # files given up after the last attempt
     seconds: float = 0.0    # time spent inside slices
     derived_files: int = 0  # files whose derived scan finished
+    needed_files: int = 0   # files scanned because a derived scan needed them (stubs, libraries)
 
 
 class _CFileJob:
@@ -125,6 +126,7 @@ class CScanCoordinator:
         self._fReady = collections.deque()   # jobs that can run, head first
         self._fParked = {}                    # loc -> job waiting for its data
         self._fJobs = {}                      # loc -> job, ready or parked
+        self._fNeededLocs = set()             # files queued for a derived scan's wait
         self._fTotal = 0
         self._fDone = 0
         self._fPreviousCoordinator = self.fAnalysisMgr.SetScanCoordinator(self)
@@ -282,6 +284,10 @@ class CScanCoordinator:
         self._fReady.popleft()
         self._ForgetRemovedScopes(job)
         self.fScannedLocs.append(job.loc)
+        if job.loc in self._fNeededLocs:
+            self.fCounts.needed_files += 1
+            self._Done(job)
+            return
         self.fCounts.files += 1
         self.fCounts.scopes += self._CountScopes(job)
         self.fCounts.parse_errors += self._CountParseErrors(job)
@@ -510,7 +516,9 @@ class CScanCoordinator:
         file already scanned for its disk time is skipped) and the scan
         resumes once the primary queue is through.  A scanner waits at most
         once for a scope, so this can't go on for ever."""
-        self.AddLocations([loc for loc in job.scanner.GetNeedsScanLocs() if loc != job.loc])
+        needed = [loc for loc in job.scanner.GetNeedsScanLocs() if loc != job.loc]
+        self._fNeededLocs.update(needed)
+        self.AddLocations(needed)
 
     def _DerivedDone(self, job):
         self._DropDerivedScanner(job)

@@ -212,8 +212,42 @@ void CScopeInfo::MergeScopesSeen(nb::handle scopes, bool incomplete_flag) {
 
 void CScopeInfo::MergeResolvedImports(nb::handle resolved) { MergeIntoSet(resolved_imports, resolved); }
 
+namespace {
+
+// A compound without repeats of a single, first occurrences kept in order:
+// a record built by a scan that read an item twice (a retried item) says
+// each thing once, as the same scan in one go would.
+void DropRepeatedSingles(nb::handle map) {
+    if (map.is_none())
+        return;
+    nb::dict values = nb::borrow<nb::dict>(map);
+    for (auto [name, value] : values) {
+        if (!PyBytes_Check(value.ptr()))
+            continue;
+        std::string_view text(PyBytes_AS_STRING(value.ptr()), (size_t) PyBytes_GET_SIZE(value.ptr()));
+        std::vector<std::string_view> singles = symbolinfo::NonNestedSplit(text, ";");
+        std::vector<std::string_view> kept;
+        for (std::string_view single : singles)
+            if (std::find(kept.begin(), kept.end(), single) == kept.end())
+                kept.push_back(single);
+        if (kept.size() == singles.size())
+            continue;
+        std::string joined;
+        for (std::string_view single : kept) {
+            if (!joined.empty())
+                joined.push_back(';');
+            joined.append(single);
+        }
+        values[name] = symbolinfo::ToBytes(joined);
+    }
+}
+
+}  // namespace
+
 void CScopeInfo::FinalizeForSave() {
     FinishedBuilding();
+    DropRepeatedSingles(type_equivs);
+    DropRepeatedSingles(inst_type_equivs);
     if (MapIsEmpty(inst_type_equivs))
         inst_type_equivs = nb::none();
     scopes_seen = FrozenOrEmpty(scopes_seen);
