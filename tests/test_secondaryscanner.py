@@ -93,9 +93,10 @@ def test_items_run_from_the_end_and_a_past_deadline_gives_one_final_try(mgr, loc
     assert scan_until_final(scanner, kPast) == [ss.kTimedOut] * 4 + [ss.kFinishedScanning]
     assert finals == [("lib.f", False), ("lib.g", False)]
     assert engine.calls == ["lib.f", "lib.g"]
-    # The rerun of a finished item records its arguments a second time.
+    # The rerun of a finished item adds its arguments again; the saved
+    # record says them once.
     int_arg = si.PrefixWithLocationAndScope(si.BuildLiteralInfo(b"int", None), locs["app.py"], "")
-    assert derived_of(scanner, locs["lib.py"], "f") == {arg_key(0): int_arg + b";" + int_arg}
+    assert derived_of(scanner, locs["lib.py"], "f") == {arg_key(0): int_arg}
 
 
 def test_without_function_calls_only_attribute_sets_resolve(mgr, locs, make_scanner):
@@ -444,14 +445,8 @@ def derived_records_of_run(stdlib, sliced):
                 for name in mgr.fInfoCache.GetScopesForLoc(loc):
                     for record in mgr.fInfoCache.GetScopeInfoRecords(si.Scope(loc, name)):
                         out[(loc.fPath, name, record.key.scanned_scope.name)] = (
-                            singles_of(record.type_equivs), singles_of(record.inst_type_equivs))
+                            dict(record.type_equivs), dict(record.inst_type_equivs or {}))
         return out
-
-
-def singles_of(type_equivs):
-    """Each name's singles as a set: a finished item that a time slice cut
-    short runs once more, which may record its singles twice."""
-    return {name: set(si.NonNestedSplit(ibytes, b";")) for name, ibytes in (type_equivs or {}).items()}
 
 
 class _AnyName(dict):
