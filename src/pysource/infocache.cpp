@@ -269,7 +269,8 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
         }
         return AddResult::kDiscarded;
     }
-    if (key.fScanName == fPrimaryScanName) {
+    bool primary = key.fScanName == fPrimaryScanName;
+    if (primary) {
         if (info.disk_mtime > entry.latest_record_mtime)
             entry.latest_record_mtime = info.disk_mtime;
         nb::cast<symbolinfo::CScope &>(key.for_scope).fPrimaryScanned = true;
@@ -297,6 +298,8 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
         }
         if (same)
             return AddResult::kUnchanged;
+        if (primary)
+            ++fPrimaryGeneration;
         NoteChanged(key.for_scope);
         return AddResult::kChanged;
     }
@@ -321,6 +324,8 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
     fRecordsOfScan[ScanId(scanned_url, scanned_name, key.fScanName)].emplace(entry.url, scope_name);
     ++entry.record_count;
     ++fRecordsInMemory;
+    if (primary)
+        ++fPrimaryGeneration;
     NoteChanged(key.for_scope);
     return AddResult::kChanged;
 }
@@ -329,6 +334,8 @@ void CInfoCache::RemoveSlot(LocEntry &entry, const std::string &scope_name, std:
     auto scope_it = entry.scopes.find(scope_name);
     ScopeEntry &scope_entry = scope_it->second;
     RecordSlot &slot = scope_entry.records[index];
+    if (slot.scan_name == fPrimaryScanName)
+        ++fPrimaryGeneration;
     if (slot.dirty)
         --entry.dirty_records;
     if (fDatabase && entry.db_id != 0) {

@@ -96,6 +96,9 @@ public:
     // down to three quarters of it, and merged infos above fMaxMergedInfos.
     Py_ssize_t fMaxRecordsInMemory = 1000000;
     Py_ssize_t fMaxMergedInfos = 50000;
+    // Counts the changes of primary records (added, changed, dropped): what
+    // is derived from primary records alone stays good while it stands.
+    std::uint64_t fPrimaryGeneration = 0;
 
 private:
     // Lets maps keyed by std::string be searched with a string_view.

@@ -71,6 +71,7 @@ NB_MODULE(inferenceengine, m) {
         .def_rw("fFlowProvider", &CInferenceEngine::fFlowProvider, nb::arg("value").none())
         .def_rw("fPrimaryScanName", &CInferenceEngine::fPrimaryScanName)
         .def_rw("fMaxDepth", &CInferenceEngine::fMaxDepth)
+        .def_rw("fMaxArgHops", &CInferenceEngine::fMaxArgHops)
         .def_rw("fMaxValues", &CInferenceEngine::fMaxValues)
         .def("NewContext",
              [](CInferenceEngine &self, nb::handle end_time, bool for_scan) {

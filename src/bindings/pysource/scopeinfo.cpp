@@ -188,6 +188,7 @@ NB_MODULE(scopeinfo, m) {
         .def_prop_ro("fPrimaryScanName", [](CInfoCache &self) { return self.fPrimaryScanName; })
         .def_rw("fMaxRecordsInMemory", &CInfoCache::fMaxRecordsInMemory)
         .def_rw("fMaxMergedInfos", &CInfoCache::fMaxMergedInfos)
+        .def_ro("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration)
         .def_prop_rw("fLocCache", ObjectField(&CInfoCache::fLocCache),
                      [](CInfoCache &self, nb::handle v) { self.fLocCache = nb::borrow(v); });
 

@@ -177,6 +177,18 @@ TypeMap CEvaluator::MapOfInstance(nb::handle single) {
 }
 
 std::vector<std::string> CEvaluator::OrderedTypeVars(nb::handle cls) {
+    std::string memo_key = ClassKey(cls);
+    auto hit = fMemo.type_vars.find(memo_key);
+    if (hit != fMemo.type_vars.end())
+        return hit->second;
+    std::uint64_t cuts_before = fCuts;
+    std::vector<std::string> vars = ComputeOrderedTypeVars(cls);
+    if (fCuts == cuts_before)
+        fMemo.type_vars.emplace(memo_key, vars);
+    return vars;
+}
+
+std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
     std::vector<std::string> vars;
     si::CSingleResolvedInfo *c = Single(cls);
     std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
@@ -244,6 +256,20 @@ std::vector<std::string> CEvaluator::OrderedTypeVars(nb::handle cls) {
 }
 
 std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
+    if (!map.empty() || !Single(cls)->fTypeArgs.is_none())
+        return ComputeMro(cls, map);
+    std::string memo_key = ClassKey(cls);
+    auto hit = fMemo.mros.find(memo_key);
+    if (hit != fMemo.mros.end())
+        return hit->second;
+    std::uint64_t cuts_before = fCuts;
+    std::vector<MroEntry> mro = ComputeMro(cls, map);
+    if (fCuts == cuts_before)
+        fMemo.mros.emplace(memo_key, mro);
+    return mro;
+}
+
+std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map) {
     std::vector<MroEntry> out;
     std::vector<std::pair<nb::object, TypeMap>> stack{{nb::borrow(cls), map}};
     std::set<std::pair<std::string, std::string>> seen;

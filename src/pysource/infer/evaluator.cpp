@@ -31,6 +31,9 @@ constexpr std::size_t kMaxDisplayItems = 16;
 // The name an expression that starts with "." is read on.
 constexpr std::string_view kSelfMarker = "__pysource_self__";
 
+// Text read on a scope's own object depends on where it is asked from.
+bool self_locals_free(std::string_view text) { return text.empty() || text.front() != '.'; }
+
 std::string WithIterMarkers(std::string_view text) {
     std::string out;
     out.reserve(text.size() + 16);
@@ -73,8 +76,18 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     std::tuple<std::string, std::string, std::string, long long> key{
         LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
         std::string(text), use_index};
-    if (fActive.count(key))
+    if (fActive.count(key)) {
+        ++fCuts;
         return out;  // the value depends on itself: nothing more to learn here
+    }
+    // Values read in library files depend on their primary records alone.
+    bool keep = self_locals_free(text) && fBoundNames.empty() && fClassMaps.empty() && IsLibraryScope(scope);
+    if (keep) {
+        auto hit = fMemo.library_values.find(key);
+        if (hit != fMemo.library_values.end())
+            return hit->second;
+    }
+    std::uint64_t cuts_before = fCuts;
     fActive.insert(key);
     struct Leave {
         CEvaluator &ev;
@@ -100,7 +113,10 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (root < 0)
         return out;
     Frame frame{nb::borrow(scope), use_index, nullptr, self_locals.empty() ? nullptr : &self_locals};
-    return Eval(tree, root, frame);
+    out = Eval(tree, root, frame);
+    if (keep && fCuts == cuts_before)
+        fMemo.library_values.emplace(key, out);
+    return out;
 }
 
 ValueSet CEvaluator::ScopeObject(nb::handle scope) {

@@ -10,6 +10,7 @@
 #include <nanobind/nanobind.h>
 
 #include <map>
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -56,6 +57,26 @@ struct MroEntry {
     TypeMap map;
 };
 
+// What the engine keeps from one request to the next: facts derived from
+// primary records alone (method orders, type variables of classes, values
+// read in library files).  They stand while the info cache's primary records
+// do (its primary generation) and go as a whole when any of them changes.
+struct EngineMemo {
+    std::uint64_t generation = ~std::uint64_t(0);
+    PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
+    std::map<std::string, std::vector<MroEntry>> mros;  // url|name|class single
+    std::map<std::string, std::vector<std::string>> type_vars;
+    std::map<std::tuple<std::string, std::string, std::string, long long>, ValueSet> library_values;
+    std::map<std::string, bool> library_urls;  // url -> a file without derived info
+
+    void Clear(std::uint64_t new_generation) {
+        generation = new_generation;
+        mros.clear();
+        type_vars.clear();
+        library_values.clear();
+    }
+};
+
 class CEvaluator {
 public:
     CEvaluator(CInferenceEngine &engine, nb::handle ctx);
@@ -71,7 +92,9 @@ public:
 
     // Public pieces the engine's other services use.
     std::vector<MroEntry> Mro(nb::handle cls, const TypeMap &map);
+    std::vector<MroEntry> ComputeMro(nb::handle cls, const TypeMap &map);
     std::vector<std::string> OrderedTypeVars(nb::handle cls);
+    std::vector<std::string> ComputeOrderedTypeVars(nb::handle cls);
     std::string SpecialFormOf(nb::handle single);  // canonical name, or ""
     nb::object RecordOf(nb::handle scope);         // merged CScopeInfo or None
 
@@ -186,6 +209,9 @@ private:
     bool ConditionsHold(std::string_view single);
 
     bool Stop();  // out of time or too deep: give up this branch
+    bool IsLibraryScope(nb::handle scope);
+    // A key for memos of a class single.
+    static std::string ClassKey(nb::handle cls);
     void Seen(nb::handle scope);
 
     CInferenceEngine &fEngine;
@@ -195,7 +221,12 @@ private:
     nb::object fLocCache;
     nb::object fFinder;
     int fDepth = 0;
+    int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
+    // Answers that depend on this request's path (a cut cycle, a stop) are
+    // not kept: these count them.
+    std::uint64_t fCuts = 0;
+    EngineMemo &fMemo;
     std::string fPrimaryScanName;
     nb::dict fRecords;  // scope -> merged record, or None
     std::set<std::tuple<std::string, std::string, std::string, long long>> fActive;

@@ -19,7 +19,7 @@ namespace pysource::infer {
 
 CInferenceEngine::CInferenceEngine(nb::object info_cache, nb::object module_finder,
                                    nb::object condition_evaluator)
-    : fInfoCache(std::move(info_cache)), fFlowProvider(nb::none()) {
+    : fInfoCache(std::move(info_cache)), fFlowProvider(nb::none()), fMemo(new EngineMemo()) {
     _fLocCache = fInfoCache.attr("fLocCache");
     fPrimaryScanName = nb::cast<std::string>(fInfoCache.attr("fPrimaryScanName"));
     fModuleFinder = module_finder.is_none()
@@ -155,6 +155,7 @@ int CInferenceEngine::Traverse(visitproc visit, void *arg) {
 }
 
 void CInferenceEngine::Clear() {
+    fMemo->Clear(~std::uint64_t(0));
     fFlowProvider = nb::none();
     _fDetailsStore = nb::none();
     _fTypingGenericSupport = nb::none();

@@ -11,6 +11,7 @@
 #include <nanobind/intrusive/counter.h>
 #include <nanobind/intrusive/ref.h>
 
+#include <memory>
 #include <string>
 
 namespace nb = nanobind;
@@ -18,7 +19,7 @@ namespace nb = nanobind;
 namespace pysource::infer {
 
 class CModuleFinder;
-class CConditionCache;
+struct EngineMemo;
 
 class CResolveResult : public nb::intrusive_base {
 public:
@@ -49,8 +50,12 @@ public:
     // None: the latest setting before a use is the one that reaches it.
     nb::object fFlowProvider;
     std::string fPrimaryScanName;
+    // What requests learn that outlasts them (evaluator.h).
+    std::unique_ptr<EngineMemo> fMemo;
     // Bounds on one resolve: nested evaluations, and values per expression.
     int fMaxDepth = 40;
+    // How many calls deep an argument is followed into what callers passed.
+    int fMaxArgHops = 3;
     std::size_t fMaxValues = 64;
 
     // Virtual operations in slot order.

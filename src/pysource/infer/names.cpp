@@ -7,6 +7,7 @@
 
 #include "pysource/exprtext.h"
 #include "pysource/infer/infertyping.h"
+#include "pysource/infocache.h"
 #include "pysource/infer/modulefinder.h"
 #include "pysource/infokinds.h"
 #include "pysource/nesting.h"
@@ -109,8 +110,18 @@ ValueSet ValueSet::FromIterable(nb::handle items) {
 }
 
 CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
-    : fEngine(engine), fCtxObject(nb::borrow(ctx)), fCtx(AsContext(ctx)) {
+    : fEngine(engine), fCtxObject(nb::borrow(ctx)), fCtx(AsContext(ctx)), fMemo(*engine.fMemo) {
     fInfoCache = engine.fInfoCache;
+    std::uint64_t generation = IsExactly<CInfoCache>(fInfoCache)
+                                   ? nb::cast<CInfoCache *>(fInfoCache)->fPrimaryGeneration
+                                   : (nb::hasattr(fInfoCache, "fPrimaryGeneration")
+                                          ? nb::cast<std::uint64_t>(fInfoCache.attr("fPrimaryGeneration"))
+                                          : ~std::uint64_t(0) - 1);
+    if (generation != fMemo.generation || generation == ~std::uint64_t(0) - 1 ||
+        fMemo.conditions != engine.fConditionEvaluator.ptr()) {
+        fMemo.Clear(generation);
+        fMemo.conditions = engine.fConditionEvaluator.ptr();
+    }
     fLocCache = engine._fLocCache;
     fFinder = engine.fModuleFinder;
     fPrimaryScanName = engine.fPrimaryScanName;
@@ -123,6 +134,7 @@ bool CEvaluator::Stop() {
     bool late = fCtx ? fCtx->PastDeadline() : nb::cast<bool>(fCtxObject.attr("OutOfTime")());
     if (late) {
         fGaveUp = true;
+        ++fCuts;
         if (fCtx)
             fCtx->SetIncomplete(kOutOfTimeReason);
         else {
@@ -132,6 +144,7 @@ bool CEvaluator::Stop() {
         return true;
     }
     if (fDepth > fEngine.fMaxDepth) {
+        ++fCuts;
         if (fCtx)
             fCtx->SetIncomplete(kDepthReason);
         else if (!nb::cast<bool>(fCtxObject.attr("fIncomplete"))) {
@@ -174,6 +187,7 @@ nb::object CEvaluator::ModuleRecord(nb::handle loc) {
     std::string path = LocationPath(loc);
     bool scannable = path.empty() ? !nb::hasattr(loc, "fPath") : FileExists(path);
     if (scannable) {
+        ++fCuts;
         if (fCtx) {
             fCtx->AddNeedsScan(scope, nb::str(fPrimaryScanName.c_str()));
             fCtx->SetIncomplete(kCannotScanReason);
@@ -681,8 +695,13 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         // What callers passed, as the derived records of this def hold it
         // under the argument's own single.
         std::optional<si::ArgInfo> arg = si::UnpackArgInfo(s);
-        if (!arg)
-            return out;
+        if (!arg || fArgHops >= fEngine.fMaxArgHops)
+            return out;  // callers of callers of ...: far enough
+        struct Hop {
+            int &hops;
+            explicit Hop(int &h) : hops(h) { ++hops; }
+            ~Hop() { --hops; }
+        } hop(fArgHops);
         nb::object record = RecordOf(scope);
         if (record.is_none())
             return out;
@@ -812,8 +831,10 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
     auto *m = nb::cast<si::CSingleResolvedInfo *>(module_single);
     nb::object loc = m->loc;
     std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(loc), "", std::string(name), -7};
-    if (fActive.count(key))
+    if (fActive.count(key)) {
+        ++fCuts;
         return out;
+    }
     fActive.insert(key);
     struct Leave {
         std::set<std::tuple<std::string, std::string, std::string, long long>> &set;
@@ -898,6 +919,27 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
             if (nb::cast<si::CSingleResolvedInfo *>(def)->IsDef())
                 out.Merge(CallDef(def, {}, {}));
     return out;
+}
+
+}  // namespace pysource::infer
+
+namespace pysource::infer {
+
+bool CEvaluator::IsLibraryScope(nb::handle scope) {
+    nb::object loc = scope.attr("loc");
+    std::string url = LocationUrl(loc);
+    auto it = fMemo.library_urls.find(url);
+    if (it == fMemo.library_urls.end())
+        it = fMemo.library_urls.emplace(url, !nb::cast<bool>(fLocCache.attr("WantDerivedInfo")(loc))).first;
+    return it->second;
+}
+
+std::string CEvaluator::ClassKey(nb::handle cls) {
+    si::CSingleResolvedInfo *c = nb::cast<si::CSingleResolvedInfo *>(cls);
+    std::string key = LocationUrl(c->loc);
+    key.push_back('|');
+    key.append(si::TextView(c->ibytes, "ibytes"));
+    return key;
 }
 
 }  // namespace pysource::infer
