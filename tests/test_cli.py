@@ -354,6 +354,9 @@ class TestStats:
         run(capsys, "index")
         os.chdir(project / "pkg")     # the index is found above the current directory
         code, out, _ = run(capsys, "stats")
+        assert code == 0 and out.startswith("3 files, 10 scopes")
+        assert "'pysource stats --files' lists the files" in out
+        code, out, _ = run(capsys, "stats", "--files")
         assert code == 0
         rows = {line.split()[-1]: line.split()[:-1] for line in out.splitlines()[1:-1]}
         # scopes, module, class, instance, function, method, errors

@@ -403,7 +403,7 @@ def _cmd_show(args):
         json.dump(records, sys.stdout, indent=2)
         sys.stdout.write("\n")
     else:
-        sys.stdout.write("\n\n".join(recordtext.FormatRecord(r) for r in records) + "\n")
+        sys.stdout.write("\n\n".join(recordtext.FormatRecord(r, _display_path) for r in records) + "\n")
     return 0
 
 
