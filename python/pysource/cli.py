@@ -491,10 +491,15 @@ def _build_parser():
 def main(argv=None):
     parser = _build_parser()
     args = parser.parse_args(argv)
+    from pysource import scopeinfo
     try:
         return args.run(args)
     except _CDatabaseProblem as problem:
         _error(str(problem))
+        return kExitDatabase
+    except scopeinfo.CInfoDatabaseError as err:
+        # Met while reading records (a stored value that can't be decoded).
+        _error(_database_advice(str(err)))
         return kExitDatabase
     except KeyboardInterrupt:
         # Files scanned before the interrupt stay in the index.

@@ -192,15 +192,17 @@ def DefinitionOf(ibytes):
         info = symbolinfo.UnpackClassInfo(bare)
         return {"name": ReadableName(info.full_name), "parameters": None, "returns": None,
                 "decorators": list(info.decorators),
-                "text": ReadableName(info.full_name) + (info.arg_decl or "")}
+                "text": ReadableName(info.full_name) + (info.arg_decl or "").replace("()", "")}
     return None
 
 
 def _Fact(single, index_scope, bodies):
     text, line = DescribeSingle(single, index_scope, bodies)
     bare = symbolinfo.PopLeadingPrefixes(single)[1]
+    condition = ""
     if symbolinfo.GetInfoBytesKind(bare) == symbolinfo.kConditionalKind:
-        bare = symbolinfo.UnpackConditionalInfo(bare)[1]
+        test, bare = symbolinfo.UnpackConditionalInfo(bare)
+        condition = f"if {test}: "
     bare = symbolinfo.SplitLogicalIndexSuffix(bare)[0]
     kind = symbolinfo.GetInfoBytesKind(bare)
     fact = {"kind": _kFactKinds.get(kind, "other"), "text": ReadableText(text), "line": line}
@@ -216,7 +218,7 @@ def _Fact(single, index_scope, bodies):
         definition = DefinitionOf(bare)
         fact["definition"] = definition
         word = "class" if kind == symbolinfo.kClassKind else "def"
-        fact["text"] = f"{word} {definition['text']}" + "".join(
+        fact["text"] = f"{condition}{word} {definition['text']}" + "".join(
             f" @{d}" for d in definition["decorators"])
     return fact
 
