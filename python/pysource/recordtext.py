@@ -48,6 +48,8 @@ class CFileBodies:
         self.fPath = path
         self.fBodyLines = {}
         self.fDefLines = {}
+        self.fLineCounts = {}       # first line of a logical -> its number of lines
+        self.fSourceLines = []
         self.fDiskMTime = None
         cache = CFileLogicalLineCache(path)
         try:
@@ -55,8 +57,34 @@ class CFileBodies:
             if self.fReadable:
                 self.fDiskMTime = float(cache.fMatchedDiskMTime)
                 self._Divide(cache._fLogicalList)
+                self.fLineCounts = {logical.fFirstLine: logical.fLineCount
+                                    for logical in cache._fLogicalList}
+                self.fSourceLines = self._ReadLines()
         finally:
             cache.destroy()
+
+    def _ReadLines(self):
+        try:
+            with open(self.fPath, "rb") as f:
+                return f.read().decode("utf-8", "replace").splitlines()
+        except OSError:
+            return []
+
+    def AsWritten(self, text, line):
+        """`text` (joined from tokens) as the source writes it in the logical
+        that starts at `line`, or None when it isn't found there."""
+        count = self.fLineCounts.get(line)
+        if count is None or not text.strip():
+            return None
+        source = "\n".join(self.fSourceLines[line - 1:line - 1 + count])
+        # Compare without white space; remember where each kept character was.
+        kept = [i for i, c in enumerate(source) if not c.isspace()]
+        compact = "".join(source[i] for i in kept)
+        wanted = "".join(text.split())
+        start = compact.find(wanted)
+        if start < 0:
+            return None
+        return source[kept[start]:kept[start + len(wanted) - 1] + 1]
 
     def _Divide(self, logical_list):
         finder = scopescanner._CScopeBodyFinder(logical_list, -1, False)
@@ -174,19 +202,26 @@ def _ParameterText(param):
     return text
 
 
-def DefinitionOf(ibytes):
-    """The definition a def or class single states, as data, or None."""
+def DefinitionOf(ibytes, bodies=None, line=None):
+    """The definition a def or class single states, as data, or None; hints
+    and defaults as the source writes them when the def at `line` of
+    `bodies` is given."""
     bare = symbolinfo.PopLeadingPrefixes(ibytes)[1]
     kind = symbolinfo.GetInfoBytesKind(bare)
     if kind in _kDefKinds:
         info = symbolinfo.UnpackDefInfoStr(bare)
         params = Parameters(info)
+        for param in params:
+            for what in ("hint", "default"):
+                if param[what] is not None:
+                    param[what] = _AsWritten(param[what], line, bodies)
         _, returns = symbolinfo.SplitDefSignature(info.signature)
+        returns = _AsWritten(returns, line, bodies) if returns else None
         text = f"{ReadableName(info.scope_name)}({', '.join(map(_ParameterText, params))})"
         if returns:
             text += f" -> {returns}"
         return {"name": ReadableName(info.scope_name), "parameters": params,
-                "returns": returns or None, "decorators": list(info.decorators),
+                "returns": returns, "decorators": list(info.decorators),
                 "text": text}
     if kind == symbolinfo.kClassKind:
         info = symbolinfo.UnpackClassInfo(bare)
@@ -208,10 +243,12 @@ def _Fact(single, index_scope, bodies):
     fact = {"kind": _kFactKinds.get(kind, "other"), "text": ReadableText(text), "line": line}
     if kind == symbolinfo.kPlainEquivKind and bare:
         raw = bare.decode("utf-8", "replace")
-        fact["value"] = TidyExpression(raw)
+        fact["value"] = _AsWritten(raw, line, bodies)
         fact["text"] = fact["text"].replace(raw, fact["value"], 1)
     elif kind == symbolinfo.kCalledKind:
-        fact["arguments"] = symbolinfo.UnpackCalled(bare)[1]
+        raw = symbolinfo.UnpackCalled(bare)[1]
+        fact["arguments"] = _AsWritten(raw, line, bodies)
+        fact["text"] = fact["text"].replace(f"({raw})", f"({fact['arguments']})", 1)
     elif kind == symbolinfo.kTypeHintKind:
         fact["hint"] = symbolinfo.UnpackTypeHint(bare)
     elif kind in _kDefKinds or kind == symbolinfo.kClassKind:
@@ -221,6 +258,15 @@ def _Fact(single, index_scope, bodies):
         fact["text"] = f"{condition}{word} {definition['text']}" + "".join(
             f" @{d}" for d in definition["decorators"])
     return fact
+
+
+def _AsWritten(text, line, bodies):
+    """Expression text as the source at `line` writes it, or tidied."""
+    if bodies is not None and line is not None:
+        written = bodies.AsWritten(text, line)
+        if written is not None:
+            return written
+    return TidyExpression(text)
 
 
 def TidyExpression(text):
@@ -248,7 +294,8 @@ def DescribeRecord(loc, scope_name, info, bodies):
     defines (parameters with hints and defaults, decorators) and, per name,
     the facts known of it with line numbers."""
     own = bytes(info.ibytes)
-    definition = DefinitionOf(own) if own else None
+    line = bodies.DefLine(scope_name) if bodies is not None else None
+    definition = DefinitionOf(own, bodies, line) if own else None
     params = {}
     if definition is not None and definition["parameters"] is not None:
         params = {p["name"].lstrip("*"): (i, p) for i, p in enumerate(definition["parameters"])}
