@@ -496,6 +496,9 @@ class TestUnsoundDatabases:
         before = indexed_db.read_bytes()
         code, _, err = run(capsys, "stats")
         assert code == cli.kExitDatabase and "is damaged" in err
+        (indexed_db.parent.parent / "pkg" / "shapes.py").write_text(SHAPES + "more = 1\n")
+        code, _, err = run(capsys, "index")      # its records are read for the new scan
+        assert code == cli.kExitDatabase and err.count("\n") == 1 and "is damaged" in err
         assert indexed_db.read_bytes() == before
 
     def test_an_older_schema_is_rebuilt_and_the_command_says_so(self, indexed_db, capsys):
@@ -512,6 +515,18 @@ class TestUnsoundDatabases:
         code, out, err = run(capsys, "index")
         assert code == cli.kExitDatabase and err.count("\n") == 1
         assert "read-only" in err and "'pysource show' and 'pysource stats' can read it" in err
+
+    def test_a_database_whose_shared_memory_file_cant_be_made_is_read(self, indexed_db,
+                                                                       capsys):
+        # What a read-only directory does to a WAL reader, whoever runs the test.
+        (indexed_db.parent / "index.db-shm").mkdir()
+        before = indexed_db.read_bytes()
+        assert run(capsys, "stats")[0] == 0
+        assert "function scale" in shown(capsys, "scale")
+        (indexed_db.parent.parent / "pkg" / "new.py").write_text("x = 1\n")
+        code, _, err = run(capsys, "index")
+        assert code == cli.kExitDatabase and err.count("\n") == 1 and "readonly" in err
+        assert indexed_db.read_bytes() == before
 
     @pytest.mark.skipif(os.geteuid() == 0, reason="permissions don't bind the superuser")
     def test_a_read_only_database_and_directory_can_be_read(self, indexed_db, capsys):
@@ -532,8 +547,11 @@ SLOW_WRITER = '''
 import pathlib, sys, time
 from pysource import cli, scopeinfo
 def slow(path):
-    pathlib.Path("writing").touch()
-    time.sleep(6)
+    # The first write outlasts SQLite's own wait for a lock (5 s).
+    marker = pathlib.Path("writing")
+    if not marker.exists():
+        marker.touch()
+        time.sleep(6)
 scopeinfo._SetDatabaseWriteHook(slow)
 sys.exit(cli.main(["index"]))
 '''
@@ -584,7 +602,9 @@ class TestFilesThatComeAndGo:
         os.symlink("loop.py", project / "pkg" / "loop.py")
         (project / "locked").mkdir()
         (project / "locked" / "inside.py").write_text("x = 1\n")
+        run(capsys, "index")
         (project / os.fsdecode(b"bad\xff.py")).write_text("x = 1\n")
+        os.mkfifo(project / "pipe.py")
         real_scandir = os.scandir
 
         def scandir(path):
@@ -592,9 +612,14 @@ class TestFilesThatComeAndGo:
                 raise PermissionError(13, "Permission denied")
             return real_scandir(path)
 
+        real_lexists = os.path.lexists
         monkeypatch.setattr(os, "scandir", scandir)
+        monkeypatch.setattr(os.path, "lexists",
+                            lambda path: "locked" not in str(path) and real_lexists(path))
         code, out, err = run(capsys, "index")
-        assert code == cli.kExitFailed and "3 skipped" in out
+        assert code == cli.kExitFailed and "4 skipped" in out
+        assert "forgotten" not in out      # what the unreadable directory held stays
+        assert "skipped pipe.py: not a regular file" in err
         assert "skipped pkg/loop.py: a loop of symbolic links" in err
         assert "skipped locked: the directory can't be read (Permission denied)" in err
         assert "skipped bad\\xff.py: its name is not valid UTF-8" in err

@@ -187,16 +187,18 @@ def _write_problem(db_path):
     return None
 
 
-def _forget_gone_files(index, roots, found):
+def _forget_gone_files(index, roots, walk):
     """Forgets the files of the index under `roots` that the walk didn't find
-    and that no longer exist; gives how many."""
+    and that no longer exist (files in a directory it couldn't read are
+    kept); gives how many."""
     from pysource import projectfiles
-    found = set(found)
+    found = set(walk.fFiles)
+    unread = [path for path, _ in walk.fSkipped]
     forgotten = 0
     for loc in index.Locations():
         path = getattr(loc, "fPath", None)
         if path is None or path in found or not projectfiles.IsUnder(path, roots) or \
-                os.path.lexists(path):
+                projectfiles.IsUnder(path, unread) or os.path.lexists(path):
             continue
         index.fInfoCache.ForgetLocation(loc)
         forgotten += 1
@@ -274,7 +276,7 @@ def _cmd_index(args):
             _error(index.fInfoCache.fDatabaseMessage)
         coord = None
         try:
-            forgotten = _forget_gone_files(index, [os.path.abspath(p) for p in paths], files)
+            forgotten = _forget_gone_files(index, [os.path.abspath(p) for p in paths], walk)
             coord = coordinator.CScanCoordinator(index.fMgr, progress=progress)
             coord.AddLocations([CLocalFileLocation(path) for path in files])
             coord.RunUntilIdle()

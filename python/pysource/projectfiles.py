@@ -88,6 +88,8 @@ def WalkSourceFiles(paths):
                             skipped[entry.path] = problem
                         elif entry.is_symlink() or entry.is_file():
                             take(entry.path)
+                        else:
+                            skipped[entry.path] = "not a regular file"
                 except OSError as err:
                     skipped[entry.path] = err.strerror or str(err)
     return CSourceWalk(sorted(found), sorted(skipped.items()))

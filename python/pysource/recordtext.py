@@ -329,6 +329,9 @@ def DescribeRecord(loc, scope_name, info, bodies):
     }
 
 
+kNameColumnWidth = 24
+
+
 def FormatRecord(record, display_path=str):
     """The text form of a record made by `DescribeRecord`."""
     definition = record["definition"]
@@ -343,7 +346,8 @@ def FormatRecord(record, display_path=str):
         out.append("  [incomplete: a statement could not be parsed]")
     if record["description"]:
         out.append(f"  {record['description']}")
-    width = max((len(entry["name"]) for entry in record["names"]), default=0)
+    width = min(max((len(entry["name"]) for entry in record["names"]), default=0),
+                kNameColumnWidth)
     for entry in record["names"]:
         texts = [fact["text"] for fact in entry["facts"]] or ["(nothing known)"]
         out.append(f"  {entry['name']:<{width}}  {texts[0]}")
