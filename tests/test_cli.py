@@ -261,8 +261,8 @@ class TestShow:
         (call,) = json.loads(shown(capsys, "Shape.area", "--json"))[0]["names"][0]["facts"][:1]
         assert call["kind"] == "value" and call["value"] == "scale(self.size, 2)"
         assert record["definition"]["parameters"] == [
-            {"name": "value", "hint": None, "default": None},
-            {"name": "factor", "hint": None, "default": "2"}]
+            {"name": "value", "kind": "normal", "hint": None, "default": None},
+            {"name": "factor", "kind": "normal", "hint": None, "default": "2"}]
 
     def test_a_changed_file_is_flagged(self, indexed, capsys):
         path = indexed / "pkg" / "shapes.py"
@@ -641,13 +641,16 @@ class TestReadableAnswers:
     def test_decorators_by_name_and_escaped_file_names(self, project, capsys):
         name = "evil\x1b[2J.py"
         (project / name).write_text("import functools\n@functools.cache\n"
-                                    "def cached(flag: bool = None):\n    pass\n")
+                                    "def cached(flag: bool = None):\n    pass\n"
+                                    "def kinds(a, /, b, *, c: str = 'x  y', **kw): ...\n")
         run(capsys, "index")
         out = shown(capsys, "cached")
         assert out.startswith("function cached(flag: bool = None)  (evil\\x1b[2J.py:3)")
         assert "decorated by @functools.cache" in out
         assert "flag  parameter 0, hint: bool, default: None" in out
         assert "\x1b" not in out and "  :" not in out
+        assert shown(capsys, "kinds").startswith(
+            "function kinds(a, /, b, *, c: str = 'x  y', **kw)")
 
     def test_the_summary_names_files_with_parse_errors(self, project, capsys):
         for i in range(7):

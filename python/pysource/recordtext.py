@@ -172,6 +172,8 @@ _kFactKinds = {
 }
 _kDefKinds = (symbolinfo.kFunctionKind, symbolinfo.kUnboundMethodKind, symbolinfo.kMethodKind)
 _kStars = {2: "*", 4: "**"}
+_kParameterKinds = {0: "positional-only", 1: "normal", 2: "star", 3: "keyword-only",
+                    4: "star-star"}
 
 
 def ReadableName(scope_name):
@@ -189,8 +191,24 @@ def ReadableText(text):
 def Parameters(def_info):
     """[{name, kind, hint, default}] of a def's argument declaration."""
     arg_text, _ = symbolinfo.SplitDefSignature(def_info.signature)
-    return [{"name": _kStars.get(arg.kind, "") + arg.name, "hint": arg.type_hint,
-             "default": arg.default} for arg in pycodeutils.ParseDefArgs(arg_text)]
+    return [{"name": _kStars.get(arg.kind, "") + arg.name, "kind": _kParameterKinds[arg.kind],
+             "hint": arg.type_hint, "default": arg.default}
+            for arg in pycodeutils.ParseDefArgs(arg_text)]
+
+
+def _ParameterList(params):
+    """The parameters as a def writes them, with the `/` and `*` markers."""
+    parts = []
+    for i, param in enumerate(params):
+        before = params[i - 1]["kind"] if i else None
+        if before == "positional-only" and param["kind"] != "positional-only":
+            parts.append("/")
+        if param["kind"] == "keyword-only" and before not in ("keyword-only", "star"):
+            parts.append("*")
+        parts.append(_ParameterText(param))
+    if params and params[-1]["kind"] == "positional-only":
+        parts.append("/")
+    return ", ".join(parts)
 
 
 def _ParameterText(param):
@@ -217,7 +235,7 @@ def DefinitionOf(ibytes, bodies=None, line=None):
                     param[what] = _AsWritten(param[what], line, bodies)
         _, returns = symbolinfo.SplitDefSignature(info.signature)
         returns = _AsWritten(returns, line, bodies) if returns else None
-        text = f"{ReadableName(info.scope_name)}({', '.join(map(_ParameterText, params))})"
+        text = f"{ReadableName(info.scope_name)}({_ParameterList(params)})"
         if returns:
             text += f" -> {returns}"
         return {"name": ReadableName(info.scope_name), "parameters": params,
