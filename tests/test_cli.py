@@ -6,7 +6,9 @@ import json
 import os
 import subprocess
 import sys
+import sqlite3
 import textwrap
+import time
 
 import pytest
 
@@ -212,7 +214,7 @@ class TestShow:
         call = line_of(SHAPES, "return scale(")
         assert out.splitlines()[0].startswith("method Shape.area")
         assert out.splitlines()[0].endswith(f"shapes.py:{area})")
-        assert "unbound method Shape.area(self) -> float" in out
+        assert out.startswith("method Shape.area(self) -> float  (")
         assert f"called with (self.size, 2) (line {call})" in out
         assert f"first read at line {call}" in out
         assert "logical" not in out
@@ -220,7 +222,8 @@ class TestShow:
     def test_arguments_hints_and_the_def_line(self, indexed, capsys):
         out = shown(capsys, "pkg/shapes.py:Shape.__init__")
         init = line_of(SHAPES, "def __init__")
-        assert "type hint int" in out and "argument 2" in out
+        assert "size       parameter 2, hint: int, default: 1" in out
+        assert "|0" not in out and "<def>" not in out and "argument" not in out
         assert f"first set at line {init}" in out
         assert f"first read at line {line_of(SHAPES, 'self.size = size')}" in out
         # Instance attributes count lines in the method that sets them.
@@ -232,14 +235,15 @@ class TestShow:
         out = shown(capsys, "pkg/shapes.py")
         heads = [line for line in out.splitlines() if line and not line.startswith(" ")]
         assert [h.split("  (")[0] for h in heads] == [
-            "module <module>", "class Shape", "instance Shape()", "method Shape.__init__",
-            "method Shape.area", "function scale"]
+            "module <module>", "class Shape", "instance Shape()",
+            "method Shape.__init__(self, name: str, size: int = 1)",
+            "method Shape.area(self) -> float", "function scale(value, factor=2)"]
         assert "first set at the module start" in out
         assert f"import 'sys' (line {line_of(SHAPES, 'import sys')})" in out
 
     def test_a_definition_under_a_version_test_in_a_stub(self, indexed, capsys):
         out = shown(capsys, "pkg/util.pyi:")
-        assert "if sys.version_info >= (3, 8): function newer|0(x:int) -> int" in out
+        assert "if sys.version_info >= (3, 8): def newer(x: int) -> int" in out
         assert f"first set at line {line_of(UTIL, 'def newer')}" in out
 
     def test_json_gives_the_same_as_data(self, indexed, capsys):
@@ -249,10 +253,16 @@ class TestShow:
         assert record["kind"] == "function" and record["scope"] == "scale"
         assert record["line"] == line_of(SHAPES, "def scale")
         facts = {entry["name"]: entry["facts"] for entry in record["names"]}
-        result_lines = {fact["info"]: fact["line"] for fact in facts["result"]}
-        assert result_lines[":S0"] == line_of(SHAPES, "result = value")
-        assert result_lines[":g1"] == line_of(SHAPES, "return result")
-        assert any(f["text"] == "argument 1" and f["line"] is None for f in facts["factor"])
+        result_lines = {fact["kind"]: fact["line"] for fact in facts["result"]}
+        assert result_lines["set"] == line_of(SHAPES, "result = value")
+        assert result_lines["read"] == line_of(SHAPES, "return result")
+        (param,) = [f for f in facts["factor"] if f["kind"] == "parameter"]
+        assert (param["index"], param["hint"], param["default"]) == (1, None, "2")
+        (call,) = json.loads(shown(capsys, "Shape.area", "--json"))[0]["names"][0]["facts"][:1]
+        assert call["kind"] == "value" and call["value"] == "scale(self.size, 2)"
+        assert record["definition"]["parameters"] == [
+            {"name": "value", "kind": "normal", "hint": None, "default": None},
+            {"name": "factor", "kind": "normal", "hint": None, "default": "2"}]
 
     def test_a_changed_file_is_flagged(self, indexed, capsys):
         path = indexed / "pkg" / "shapes.py"
@@ -337,7 +347,7 @@ class TestLinesAgainstTheSource:
             for entry in record["names"]:
                 leaf = entry["name"].split(".")[-1]
                 for fact in entry["facts"]:
-                    if fact["info"][:2] in (":S", ":g") and fact["line"] is not None:
+                    if fact["kind"] in ("set", "read") and fact["line"] is not None:
                         text = lines[fact["line"] - 1]
                         assert leaf in text, (record["scope"], entry["name"], fact)
                         checked += 1
@@ -354,6 +364,9 @@ class TestStats:
         run(capsys, "index")
         os.chdir(project / "pkg")     # the index is found above the current directory
         code, out, _ = run(capsys, "stats")
+        assert code == 0 and out.startswith("3 files, 10 scopes")
+        assert "'pysource stats --files' lists the files" in out
+        code, out, _ = run(capsys, "stats", "--files")
         assert code == 0
         rows = {line.split()[-1]: line.split()[:-1] for line in out.splitlines()[1:-1]}
         # scopes, module, class, instance, function, method, errors
@@ -428,4 +441,237 @@ class TestDerivedPass:
         (project / "pkg" / "uses.py").write_text("G = 0\n\ndef f():\n    global G\n    G = 1\n")
         code, out, _ = run(capsys, "index")
         assert code == 0 and "derived info from 2 files" in out   # the stub wants none
-        assert "read in scope 'f'" in shown(capsys, "pkg/uses.py")
+        assert "in f: value: G" in shown(capsys, "pkg/uses.py")
+
+
+def damage(sql=None, page=None, flip=None):
+    """A way to damage a sound index: SQL run on it, or bytes of the file
+    changed (a page zeroed, or bytes flipped at an offset)."""
+    def apply(db):
+        if sql is not None:
+            conn = sqlite3.connect(db)
+            conn.executescript(sql)
+            conn.close()
+            return
+        data = bytearray(db.read_bytes())
+        if page is not None:
+            size = int.from_bytes(data[16:18], "big")
+            data[size * (page - 1):size * page] = bytes(size)
+        else:
+            for i in range(flip, flip + 64):
+                data[i] ^= 0x5A
+        db.write_bytes(bytes(data))
+    return apply
+
+
+kDamages = {
+    "dropped table": damage("DROP TABLE scans_done"),
+    "wrong columns": damage("ALTER TABLE locations ADD COLUMN extra"),
+    "text where a blob belongs": damage("UPDATE records SET type_equivs = 'text'"),
+    "bad location row": damage("UPDATE locations SET disk_mtime = 'soon'"),
+    "record of no location": damage("PRAGMA foreign_keys=OFF; UPDATE records SET loc_id = 999"),
+    "zeroed page": damage(page=2),
+    "flipped bytes": damage(flip=4096),
+    "not a database": lambda db: db.write_bytes(b"not an index\n" * 400),
+    "newer schema": damage("PRAGMA user_version = 99"),
+}
+
+
+class TestUnsoundDatabases:
+    @pytest.fixture
+    def indexed_db(self, project, capsys):
+        run(capsys, "index")
+        db = project / ".pysource" / "index.db"
+        assert not (project / ".pysource" / "index.db-wal").exists() or \
+            (project / ".pysource" / "index.db-wal").stat().st_size == 0
+        return db
+
+    @pytest.mark.parametrize("case", sorted(kDamages))
+    def test_every_command_stops_with_one_message_and_leaves_the_file(self, indexed_db,
+                                                                       capsys, case):
+        kDamages[case](indexed_db)
+        before = indexed_db.read_bytes()
+        (indexed_db.parent.parent / "pkg" / "new.py").write_text("x = 1\n")
+        for argv in (["index"], ["stats"], ["show", "pkg/shapes.py"]):
+            code, out, err = run(capsys, *argv)
+            assert code == cli.kExitDatabase, (argv, err)
+            assert err.count("\n") == 1 and "index.db" in err, (argv, err)
+            assert out == ""
+        assert indexed_db.read_bytes() == before
+        if case == "newer schema":
+            assert "reads schema version 99" in err
+
+    def test_a_bad_blob_is_found_when_read(self, indexed_db, capsys):
+        damage("UPDATE records SET type_equivs = x'ff00ff'")(indexed_db)
+        before = indexed_db.read_bytes()
+        code, _, err = run(capsys, "stats")
+        assert code == cli.kExitDatabase and "is damaged" in err
+        (indexed_db.parent.parent / "pkg" / "shapes.py").write_text(SHAPES + "more = 1\n")
+        code, _, err = run(capsys, "index")      # its records are read for the new scan
+        assert code == cli.kExitDatabase and err.count("\n") == 1 and "is damaged" in err
+        assert indexed_db.read_bytes() == before
+
+    def test_an_older_schema_is_rebuilt_and_the_command_says_so(self, indexed_db, capsys):
+        damage("PRAGMA user_version = 0")(indexed_db)
+        code, out, err = run(capsys, "index")
+        assert code == 0 and "older" in err and "rebuilt empty" in err
+        assert out.startswith("Indexed 2 files")
+
+    def test_a_read_only_database_stops_index_once(self, indexed_db, capsys, monkeypatch):
+        real_access = os.access
+        monkeypatch.setattr(os, "access", lambda path, mode: mode != os.W_OK and
+                            real_access(path, mode))
+        (indexed_db.parent.parent / "pkg" / "new.py").write_text("x = 1\n")
+        code, out, err = run(capsys, "index")
+        assert code == cli.kExitDatabase and err.count("\n") == 1
+        assert "read-only" in err and "'pysource show' and 'pysource stats' can read it" in err
+
+    def test_a_database_whose_shared_memory_file_cant_be_made_is_read(self, indexed_db,
+                                                                       capsys):
+        # What a read-only directory does to a WAL reader, whoever runs the test.
+        (indexed_db.parent / "index.db-shm").mkdir()
+        before = indexed_db.read_bytes()
+        assert run(capsys, "stats")[0] == 0
+        assert "function scale" in shown(capsys, "scale")
+        (indexed_db.parent.parent / "pkg" / "new.py").write_text("x = 1\n")
+        code, _, err = run(capsys, "index")
+        assert code == cli.kExitDatabase and err.count("\n") == 1 and "readonly" in err
+        assert indexed_db.read_bytes() == before
+
+    @pytest.mark.skipif(os.geteuid() == 0, reason="permissions don't bind the superuser")
+    def test_a_read_only_database_and_directory_can_be_read(self, indexed_db, capsys):
+        directory = indexed_db.parent
+        indexed_db.chmod(0o444)
+        directory.chmod(0o555)
+        try:
+            assert run(capsys, "stats")[0] == 0
+            assert "function scale" in shown(capsys, "scale")
+            code, _, err = run(capsys, "index")
+            assert code == cli.kExitDatabase and err.count("\n") == 1
+        finally:
+            directory.chmod(0o755)
+            indexed_db.chmod(0o644)
+
+
+SLOW_WRITER = '''
+import pathlib, sys, time
+from pysource import cli, scopeinfo
+def slow(path):
+    # The first write outlasts SQLite's own wait for a lock (5 s).
+    marker = pathlib.Path("writing")
+    if not marker.exists():
+        marker.touch()
+        time.sleep(6)
+scopeinfo._SetDatabaseWriteHook(slow)
+sys.exit(cli.main(["index"]))
+'''
+
+
+def test_a_second_indexer_waits_for_a_slow_first_one(project, capsys):
+    env = dict(os.environ, SKBUILD_EDITABLE_VERBOSE="0")
+    first = subprocess.Popen([sys.executable, "-c", SLOW_WRITER], cwd=project, env=env,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        deadline = time.monotonic() + 60
+        while not (project / "writing").exists():
+            assert first.poll() is None and time.monotonic() < deadline
+            time.sleep(0.05)
+        (project / "pkg" / "later.py").write_text("y = 2\n")
+        code, out, err = run(capsys, "index")
+    finally:
+        first_out, first_err = first.communicate(timeout=60)
+    assert first.returncode == 0, first_err
+    assert code == 0, err
+    assert err.count("another 'pysource index' is writing") == 1
+    assert out.startswith("Indexed 1 files") and "2 files unchanged" in out
+
+
+class TestFilesThatComeAndGo:
+    def test_deleted_and_renamed_files_leave_the_index(self, project, capsys):
+        (project / "extra.py").write_text("def gone():\n    pass\n")
+        run(capsys, "index")
+        (project / "extra.py").unlink()
+        (project / "pkg" / "util.pyi").rename(project / "pkg" / "tools.pyi")
+        code, out, _ = run(capsys, "index")
+        assert code == 0 and "2 gone files forgotten" in out
+        code, _, err = run(capsys, "show", "gone")
+        assert code == cli.kExitFailed and "no scope named 'gone'" in err
+        assert "pkg/tools.pyi" in shown(capsys, "helper")     # one match: one record
+        assert shown(capsys, "helper").count("function helper") == 1
+        code, out, _ = run(capsys, "stats", "--files")
+        assert "extra.py" not in out and "util.pyi" not in out and "2 files" in out
+
+    def test_files_outside_the_indexed_paths_are_kept(self, project, capsys):
+        run(capsys, "index")
+        (project / "pkg" / "shapes.py").unlink()
+        code, out, _ = run(capsys, "index", "pkg/util.pyi", "--db", ".pysource/index.db")
+        assert code == 0 and "forgotten" not in out
+
+    def test_every_file_met_is_indexed_or_named_with_a_reason(self, project, capsys,
+                                                             monkeypatch):
+        os.symlink("loop.py", project / "pkg" / "loop.py")
+        (project / "locked").mkdir()
+        (project / "locked" / "inside.py").write_text("x = 1\n")
+        run(capsys, "index")
+        (project / os.fsdecode(b"bad\xff.py")).write_text("x = 1\n")
+        os.mkfifo(project / "pipe.py")
+        real_scandir = os.scandir
+
+        def scandir(path):
+            if str(path).endswith("locked"):
+                raise PermissionError(13, "Permission denied")
+            return real_scandir(path)
+
+        real_lexists = os.path.lexists
+        monkeypatch.setattr(os, "scandir", scandir)
+        monkeypatch.setattr(os.path, "lexists",
+                            lambda path: "locked" not in str(path) and real_lexists(path))
+        code, out, err = run(capsys, "index")
+        assert code == cli.kExitFailed and "4 skipped" in out
+        assert "forgotten" not in out      # what the unreadable directory held stays
+        assert "skipped pipe.py: not a regular file" in err
+        assert "skipped pkg/loop.py: a loop of symbolic links" in err
+        assert "skipped locked: the directory can't be read (Permission denied)" in err
+        assert "skipped bad\\xff.py: its name is not valid UTF-8" in err
+
+
+class TestReadableAnswers:
+    def test_a_bare_name_matches_the_last_components(self, project, capsys):
+        (project / "other.py").write_text("class Other:\n    def __init__(self):\n"
+                                          "        pass\n")
+        run(capsys, "index")
+        out = shown(capsys, "__init__")
+        assert out.splitlines()[0] == "2 scopes match; show one with FILE:SCOPE"
+        assert "  other.py:2  Other.__init__" in out
+        assert f"  pkg/shapes.py:{line_of(SHAPES, 'def __init__')}  Shape.__init__" in out
+        assert shown(capsys, "Other.__init__").startswith("method Other.__init__(self)")
+        code, _, err = run(capsys, "show", "")
+        assert code == cli.kExitUsage and "show needs" in err
+
+    def test_decorators_by_name_and_escaped_file_names(self, project, capsys):
+        name = "evil\x1b[2J.py"
+        (project / name).write_text("import functools\n@functools.cache\n"
+                                    "def cached(flag: bool = None):\n    pass\n"
+                                    "def kinds(a, /, b, *, c: str = 'x  y', **kw): ...\n")
+        run(capsys, "index")
+        out = shown(capsys, "cached")
+        assert out.startswith("function cached(flag: bool = None)  (evil\\x1b[2J.py:3)")
+        assert "decorated by @functools.cache" in out
+        assert "flag  parameter 0, hint: bool, default: None" in out
+        assert "\x1b" not in out and "  :" not in out
+        assert shown(capsys, "kinds").startswith(
+            "function kinds(a, /, b, *, c: str = 'x  y', **kw)")
+
+    def test_the_summary_names_files_with_parse_errors(self, project, capsys):
+        for i in range(7):
+            (project / f"broken{i}.py").write_text(BROKEN)
+        code, out, _ = run(capsys, "index")
+        last = out.splitlines()[-1]
+        assert last.startswith("Parse errors in broken0.py, broken1.py")
+        assert last.endswith("and 2 more ('pysource stats --files' lists them)")
+
+    def test_version(self, capsys):
+        with pytest.raises(SystemExit) as stop:
+            cli.main(["--version"])
+        assert stop.value.code == 0
+        assert capsys.readouterr().out.startswith("pysource ")

@@ -210,17 +210,27 @@ class TestConcurrentAndInterrupted:
 
 
 class TestUnusableFiles:
-    def test_another_schema_version_is_rebuilt_with_a_message(self, tmp_path, caplog):
+    def test_an_older_schema_is_rebuilt_with_a_message(self, tmp_path, caplog):
         db, a = one_record_db(tmp_path)
         with sqlite3.connect(db) as conn:
-            conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
+            conn.execute(f"PRAGMA user_version={kSchemaVersion - 1}")
         with caplog.at_level(logging.WARNING, logger="pysource.scopeinfo"):
             rebuilt = CInfoCache(db_path=db)
         message = rebuilt.fDatabaseMessage
-        assert str(db) in message and "rebuilt" in message
+        assert str(db) in message and "older" in message and "rebuilt" in message
         assert message in caplog.text
         assert rebuilt.CountScopeInfoRecords(Scope(a, "")) < 0
         assert CInfoCache(db_path=db).fDatabaseMessage is None  # the current version now
+
+    def test_a_newer_schema_is_refused_naming_the_version_and_kept(self, tmp_path):
+        db, a = one_record_db(tmp_path)
+        with sqlite3.connect(db) as conn:
+            conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
+        before = db.read_bytes()
+        for read_only in (False, True):
+            with pytest.raises(CInfoDatabaseError, match=f"reads schema version {kSchemaVersion + 1}"):
+                CInfoCache(db_path=None).OpenDatabase(str(db), read_only=read_only)
+        assert db.read_bytes() == before
 
     def test_a_file_that_is_not_a_database_is_reported_and_kept(self, tmp_path):
         db = tmp_path / "index.db"

@@ -50,12 +50,28 @@ def _error(message):
 
 
 def _display_path(path):
-    """`path` relative to the current directory when it lies below it."""
+    """`path` relative to the current directory when it lies below it, safe
+    to print: control characters (terminal escapes among them) and bytes
+    that aren't UTF-8 are written as escapes."""
     try:
         rel = os.path.relpath(path)
     except ValueError:
-        return path
-    return path if rel.startswith(os.pardir) else rel
+        rel = os.pardir
+    return _printable(path if rel.startswith(os.pardir) else rel)
+
+
+def _printable(text):
+    raw = os.fsencode(text).decode("utf-8", "backslashreplace")
+    return "".join(c if c.isprintable() else c.encode("unicode_escape").decode("ascii")
+                   for c in raw)
+
+
+def _version():
+    from importlib import metadata
+    try:
+        return metadata.version("pysource")
+    except metadata.PackageNotFoundError:
+        return "unknown"
 
 
 class _CIndex:
@@ -77,8 +93,7 @@ class _CIndex:
             else:
                 self.fMgr = manager.CAnalysisMgr(db_path=db_path)
         except scopeinfo.CInfoDatabaseError as err:
-            raise _CDatabaseProblem(f"{err}. The file was left as it is; move it away "
-                                    f"or pass another --db to start a new index.") from None
+            raise _CDatabaseProblem(_database_advice(str(err))) from None
         self._fPrevious = manager.SetAnalysisMgr(self.fMgr)
 
     @property
@@ -96,7 +111,7 @@ class _CIndex:
         try:
             return self.fInfoCache.GetLocations()
         except scopeinfo.CInfoDatabaseError as err:
-            raise _CDatabaseProblem(str(err)) from None
+            raise _CDatabaseProblem(_database_advice(str(err))) from None
 
     def SizeInBytes(self):
         return sum(os.path.getsize(self.fPath + suffix)
@@ -105,6 +120,19 @@ class _CIndex:
 
 class _CDatabaseProblem(Exception):
     pass
+
+
+def _database_advice(message):
+    """A database error as the command reports it, with what to do."""
+    if "database is locked" in message:
+        return f"{message}; another program is writing the index, try again when it is done"
+    if "readonly database" in message:
+        return f"{message}; check the permissions of the file and its directory"
+    if "damaged" in message or "another program" in message or "not a database" in message:
+        if "left as it is" not in message:
+            message += "; it was left as it is"
+        return f"{message}: move it away or pass another --db to start a new index"
+    return message
 
 
 def _open_existing_index(db_arg, start):
@@ -150,9 +178,80 @@ class _CProgressLine:
             self.fShown = False
 
 
+def _write_problem(db_path):
+    """Why `index` can't write the database at `db_path`, or None."""
+    directory = os.path.dirname(os.path.abspath(db_path))
+    if os.path.exists(db_path) and not os.access(db_path, os.W_OK):
+        return f"{_display_path(db_path)} is read-only"
+    if not os.access(directory, os.W_OK):
+        return f"the directory of {_display_path(db_path)} is read-only"
+    return None
+
+
+def _forget_gone_files(index, roots, walk):
+    """Forgets the files of the index under `roots` that the walk didn't find
+    and that no longer exist (files in a directory it couldn't read are
+    kept); gives how many."""
+    from pysource import projectfiles
+    found = set(walk.fFiles)
+    unread = [path for path, _ in walk.fSkipped]
+    forgotten = 0
+    for loc in index.Locations():
+        path = getattr(loc, "fPath", None)
+        if path is None or path in found or not projectfiles.IsUnder(path, roots) or \
+                projectfiles.IsUnder(path, unread) or os.path.lexists(path):
+            continue
+        index.fInfoCache.ForgetLocation(loc)
+        forgotten += 1
+    return forgotten
+
+
+def _report_index_run(counts, failed, errors, walk, forgotten, parse_error_locs, db_path):
+    for loc in failed:
+        path = _display_path(loc.fPath)
+        if loc in errors:
+            _error(f"{path}: the scan failed: {errors[loc]}")
+        elif os.access(loc.fPath, os.R_OK) and os.path.isfile(loc.fPath):
+            _error(f"{path}: scan abandoned (the file kept changing while it was read)")
+        else:
+            _error(f"cannot read {path}")
+    for path, reason in walk.fSkipped:
+        _error(f"skipped {_display_path(path)}: {reason}")
+    if counts.files == 0 and not failed:
+        line = f"Nothing to scan: {counts.skipped} files unchanged"
+    else:
+        line = (f"Indexed {counts.files} files: {counts.scopes} scopes, "
+                f"{counts.parse_errors} with parse errors")
+        if counts.derived_files:
+            line += f", derived info from {counts.derived_files} files"
+        if counts.needed_files:
+            line += f" (and {counts.needed_files} library files it read)"
+        if counts.skipped:
+            line += f", {counts.skipped} files unchanged"
+        if failed:
+            line += f", {len(failed)} failed"
+    if walk.fSkipped:
+        line += f", {len(walk.fSkipped)} skipped"
+    if forgotten:
+        line += f", {forgotten} gone files forgotten"
+    if counts.files == 0 and not failed:
+        print(f"{line} ({_display_path(db_path)})")
+    else:
+        print(f"{line}, in {counts.seconds:.2f}s ({_display_path(db_path)})")
+    if parse_error_locs:
+        shown = parse_error_locs[:kParseErrorFilesShown]
+        names = ", ".join(_display_path(loc.fPath) for loc in shown)
+        more = len(parse_error_locs) - len(shown)
+        tail = f" and {more} more ('pysource stats --files' lists them)" if more > 0 else ""
+        print(f"Parse errors in {names}{tail}")
+
+
+kParseErrorFilesShown = 5
+
+
 def _cmd_index(args):
     from basekit.location import CLocalFileLocation
-    from pysource import coordinator, projectfiles
+    from pysource import coordinator, indexlock, projectfiles, scopeinfo
 
     paths = args.paths or [os.curdir]
     missing = [p for p in paths if not os.path.exists(p)]
@@ -166,52 +265,48 @@ def _cmd_index(args):
     except OSError as err:
         _error(f"cannot make the directory of {db_path}: {err.strerror}")
         return kExitDatabase
-    files = projectfiles.FindSourceFiles(paths)
-    index = _CIndex(db_path)
+    problem = _write_problem(db_path)
+    if problem is not None:
+        raise _CDatabaseProblem(f"{problem}: 'pysource show' and 'pysource stats' can read it, "
+                                "indexing needs write permission")
+    walk = projectfiles.WalkSourceFiles(paths)
+    files = walk.fFiles
     progress = _CProgressLine(sys.stderr) if sys.stderr.isatty() else None
     derived_progress = _CProgressLine(sys.stderr, "derived ") if progress is not None else None
-    coord = coordinator.CScanCoordinator(index.fMgr, progress=progress,
-                                         derived_progress=derived_progress)
-    try:
-        locs = [CLocalFileLocation(path) for path in files]
-        coord.AddLocations(locs)
-        coord.RunUntilIdle()
-        if progress is not None:
-            progress.Clear()
-        if not args.primary_only:
-            _run_derived_pass(coord, locs)
-    finally:
-        for line in (progress, derived_progress):
-            if line is not None:
-                line.Clear()
-        counts = coord.fCounts
-        failed = list(coord.fAbandonedLocs)
-        errors = dict(coord.fErrors)
-        coord.destroy()
-        index.close()
-    for loc in failed:
-        path = _display_path(loc.fPath)
-        if loc in errors:
-            _error(f"{path}: the scan failed: {errors[loc]}")
-        elif os.access(loc.fPath, os.R_OK) and os.path.isfile(loc.fPath):
-            _error(f"{path}: scan abandoned (the file kept changing while it was read)")
-        else:
-            _error(f"cannot read {path}")
-    if counts.files == 0 and not failed:
-        print(f"Nothing to scan: {counts.skipped} files unchanged ({_display_path(db_path)})")
-    else:
-        line = (f"Indexed {counts.files} files: {counts.scopes} scopes, "
-                f"{counts.parse_errors} with parse errors")
-        if counts.derived_files:
-            line += f", derived info from {counts.derived_files} files"
-        if counts.needed_files:
-            line += f" (and {counts.needed_files} library files it read)"
-        if counts.skipped:
-            line += f", {counts.skipped} files unchanged"
-        if failed:
-            line += f", {len(failed)} failed"
-        print(f"{line}, in {counts.seconds:.2f}s ({_display_path(db_path)})")
-    return kExitFailed if failed else 0
+    with indexlock.CIndexWriterLock(db_path) as lock:
+        lock.Acquire(on_wait=lambda: _error(
+            f"another 'pysource index' is writing {_display_path(db_path)}; "
+            "waiting for it to finish"))
+        index = _CIndex(db_path)
+        if index.fInfoCache.fDatabaseMessage:
+            _error(index.fInfoCache.fDatabaseMessage)
+        coord = None
+        try:
+            forgotten = _forget_gone_files(index, [os.path.abspath(p) for p in paths], walk)
+            coord = coordinator.CScanCoordinator(index.fMgr, progress=progress,
+                                                 derived_progress=derived_progress)
+            locs = [CLocalFileLocation(path) for path in files]
+            coord.AddLocations(locs)
+            coord.RunUntilIdle()
+            if progress is not None:
+                progress.Clear()
+            if not args.primary_only:
+                _run_derived_pass(coord, locs)
+        except scopeinfo.CInfoDatabaseError as err:
+            raise _CDatabaseProblem(_database_advice(str(err))) from None
+        finally:
+            for line in (progress, derived_progress):
+                if line is not None:
+                    line.Clear()
+            if coord is not None:
+                counts = coord.fCounts
+                failed = list(coord.fAbandonedLocs)
+                errors = dict(coord.fErrors)
+                parse_error_locs = list(coord.fParseErrorLocs)
+                coord.destroy()
+            index.close()
+    _report_index_run(counts, failed, errors, walk, forgotten, parse_error_locs, db_path)
+    return kExitFailed if failed or walk.fSkipped else 0
 
 
 # show
@@ -252,16 +347,51 @@ def _records_for_target(index, target):
         if scope not in names:
             return None, f"no record of scope '{scope}' in {file_part}"
         return [(loc, scope)], None
-    found = [(loc, scope) for loc in index.Locations()
-             if scope in info_cache.GetScopesForLoc(loc)]
+    exact, tail = [], []
+    for loc in index.Locations():
+        for name in info_cache.GetScopesForLoc(loc):
+            if name == scope:
+                exact.append((loc, name))
+            elif _ends_with_components(name, scope):
+                tail.append((loc, name))
+    found = exact or tail
     if not found:
         return None, f"no scope named '{scope}' in the index"
     return found, None
 
 
+def _ends_with_components(name, tail):
+    """True when the dotted scope `name` ends with the components of `tail`."""
+    return name.endswith("." + tail)
+
+
+def _list_matches(matches, as_json):
+    """The scopes a bare name matched, one line each with file and line."""
+    from pysource import recordtext
+    rows = []
+    bodies_of = {}
+    for loc, name in matches:
+        path = getattr(loc, "fPath", None) or loc.fUrl
+        bodies = bodies_of.get(path)
+        if bodies is None:
+            bodies = bodies_of[path] = recordtext.CFileBodies(path)
+        rows.append({"file": path, "scope": name, "line": bodies.DefLine(name)})
+    if as_json:
+        json.dump(rows, sys.stdout, indent=2)
+        sys.stdout.write("\n")
+        return
+    print(f"{len(rows)} scopes match; show one with FILE:SCOPE")
+    for row in rows:
+        where = _display_path(row["file"]) + (f":{row['line']}" if row["line"] else "")
+        print(f"  {where}  {_printable(row['scope'])}")
+
+
 def _cmd_show(args):
     from pysource import recordtext, symbolinfo
 
+    if not args.target.strip():
+        _error("show needs a FILE, FILE:SCOPE or a scope name")
+        return kExitUsage
     start = args.target.rpartition(":")[0] if ":" in args.target else args.target
     index = _open_existing_index(args.db, start if os.path.exists(start) else os.curdir)
     if index is None:
@@ -271,6 +401,10 @@ def _cmd_show(args):
         if problem is not None:
             _error(problem)
             return kExitFailed
+        if len(targets) > 1 and all(name != args.target for _, name in targets) and \
+                ":" not in args.target and not os.path.exists(args.target):
+            _list_matches(targets, args.json)
+            return 0
         info_cache = index.fInfoCache
         bodies_of = {}
         records = []
@@ -294,7 +428,7 @@ def _cmd_show(args):
         json.dump(records, sys.stdout, indent=2)
         sys.stdout.write("\n")
     else:
-        sys.stdout.write("\n\n".join(recordtext.FormatRecord(r) for r in records) + "\n")
+        sys.stdout.write("\n\n".join(recordtext.FormatRecord(r, _display_path) for r in records) + "\n")
     return 0
 
 
@@ -328,20 +462,21 @@ def _cmd_stats(args):
     finally:
         index.close()
     out = sys.stdout
-    header = ["scopes"] + kinds + ["errors", "file"]
-    out.write("  ".join(f"{h:>8}" for h in header[:-1]) + "  file\n")
-    totals = dict.fromkeys(kinds, 0)
-    for path, count, per_kind, errors in rows:
-        cells = [count] + [per_kind[k] for k in kinds] + [errors]
-        out.write("  ".join(f"{c:>8}" for c in cells) + f"  {_display_path(path)}\n")
-        for k in kinds:
-            totals[k] += per_kind[k]
+    if args.files:
+        header = ["scopes"] + kinds + ["errors", "file"]
+        out.write("  ".join(f"{h:>8}" for h in header[:-1]) + "  file\n")
+        for path, count, per_kind, errors in rows:
+            cells = [count] + [per_kind[k] for k in kinds] + [errors]
+            out.write("  ".join(f"{c:>8}" for c in cells) + f"  {_display_path(path)}\n")
+    totals = {k: sum(row[2][k] for row in rows) for k in kinds}
     total_scopes = sum(row[1] for row in rows)
     total_errors = sum(row[3] for row in rows)
     summary = ", ".join(f"{k} {totals[k]}" for k in kinds)
     out.write(f"{len(rows)} files, {total_scopes} scopes ({summary}), "
               f"{total_errors} scopes with parse errors; database {_display_path(index.fPath)}, "
               f"{size / 1024:.1f} KiB\n")
+    if total_errors and not args.files:
+        out.write("'pysource stats --files' lists the files, with their parse errors\n")
     return 0
 
 
@@ -429,6 +564,7 @@ def _cmd_infer(args):
 def _build_parser():
     parser = argparse.ArgumentParser(prog="pysource",
                                      description="Scanning core of a Python code-analysis engine.")
+    parser.add_argument("--version", action="version", version=f"pysource {_version()}")
     sub = parser.add_subparsers(dest="command", metavar="COMMAND")
     sub.required = True
     logicals = sub.add_parser("logicals", help="print the logical lines of a Python file")
@@ -455,6 +591,7 @@ def _build_parser():
     stats = sub.add_parser("stats", help="counts of the index: files, scopes, parse errors")
     stats.add_argument("--db", metavar="FILE",
                        help="index database (default: the nearest .pysource/index.db)")
+    stats.add_argument("--files", action="store_true", help="a row of counts per file")
     stats.set_defaults(run=_cmd_stats)
 
     infer = sub.add_parser("infer", help="print what an expression can be at a line of a file")
@@ -472,10 +609,15 @@ def _build_parser():
 def main(argv=None):
     parser = _build_parser()
     args = parser.parse_args(argv)
+    from pysource import scopeinfo
     try:
         return args.run(args)
     except _CDatabaseProblem as problem:
         _error(str(problem))
+        return kExitDatabase
+    except scopeinfo.CInfoDatabaseError as err:
+        # Met while reading records (a stored value that can't be decoded).
+        _error(_database_advice(str(err)))
         return kExitDatabase
     except KeyboardInterrupt:
         # Files scanned before the interrupt stay in the index.

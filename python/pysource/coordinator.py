@@ -28,7 +28,7 @@ import os
 import stat
 
 from basekit import location
-from pysource import _fastaccess, filellinecache, manager, scopescanner, symbolinfo
+from pysource import _fastaccess, filellinecache, manager, scopeinfo, scopescanner, symbolinfo
 
 kDefaultSliceSeconds = 0.020
 kDefaultMaxAttempts = 3
@@ -123,6 +123,7 @@ class CScanCoordinator:
         self.fAbandonedLocs = []
         self.fErrors = []                     # (loc, error text) of scanners that raised
         self.fScannedLocs = []                # files whose primary scan finished, in order
+        self.fParseErrorLocs = []             # finished files with parse errors
         self._fReady = collections.deque()   # jobs that can run, head first
         self._fParked = {}                    # loc -> job waiting for its data
         self._fJobs = {}                      # loc -> job, ready or parked
@@ -207,6 +208,8 @@ class CScanCoordinator:
                     if job.scanner is None:
                         self._StartScanner(job)
                     state = job.scanner.Scan(end_time)
+                except scopeinfo.CInfoDatabaseError:
+                    raise      # the index can't be used: no other file can be saved either
                 except Exception as err:   # noqa: BLE001 - one file's fault stops only that file
                     self._Failed(job, err)
                     continue
@@ -290,7 +293,10 @@ class CScanCoordinator:
             return
         self.fCounts.files += 1
         self.fCounts.scopes += self._CountScopes(job)
-        self.fCounts.parse_errors += self._CountParseErrors(job)
+        parse_errors = self._CountParseErrors(job)
+        self.fCounts.parse_errors += parse_errors
+        if parse_errors:
+            self.fParseErrorLocs.append(job.loc)
         self._Done(job)
 
     def _ForgetRemovedScopes(self, job):

@@ -3,6 +3,7 @@
 #include <nanobind/stl/string.h>
 
 #include <algorithm>
+#include <typeinfo>
 
 #include "pysource/recordcodec.h"
 #include "pysource/scope.h"
@@ -153,19 +154,38 @@ void CInfoCache::EnsureMeta(LocEntry &entry) {
     entry.meta_loaded = true;
     if (!fDatabase)
         return;
-    nb::object row = fDatabase->LoadLocation(entry.url);
-    if (row.is_none())
-        return;
-    entry.db_id = nb::cast<std::int64_t>(row[0]);
-    entry.disk_mtime = nb::cast<double>(row[1]);
-    nb::object checksum = row[2];
-    if (nb::cast<std::int64_t>(row[3]) != 0)
-        checksum = nb::int_(checksum);
-    entry.checksum = checksum;
-    nb::object words = row[4];
-    entry.words = words.is_none() ? nb::none() : DecodeStrings(words, fDatabase->Origin());
-    for (nb::handle scan_row : fDatabase->LoadScansDone(entry.db_id))
-        entry.scans_done[nb::cast<std::string>(scan_row[0])] = nb::cast<double>(scan_row[1]);
+    ReadingRows([&] {
+        nb::object row = fDatabase->LoadLocation(entry.url);
+        if (row.is_none())
+            return;
+        entry.db_id = nb::cast<std::int64_t>(row[0]);
+        entry.disk_mtime = nb::cast<double>(row[1]);
+        nb::object checksum = row[2];
+        if (nb::cast<std::int64_t>(row[3]) != 0)
+            checksum = nb::int_(checksum);
+        entry.checksum = checksum;
+        nb::object words = row[4];
+        entry.words = words.is_none() ? nb::none() : DecodeStrings(words, fDatabase->Origin());
+        for (nb::handle scan_row : fDatabase->LoadScansDone(entry.db_id))
+            entry.scans_done[nb::cast<std::string>(scan_row[0])] = nb::cast<double>(scan_row[1]);
+    });
+}
+
+template <typename F>
+void CInfoCache::ReadingRows(F &&body) {
+    try {
+        body();
+    } catch (const std::bad_cast &) {
+        throw InfoDatabaseError(fDatabase->Origin() +
+                                " is damaged (a stored row can't be read); it was left as it is");
+    } catch (nb::python_error &e) {
+        // A value that doesn't convert (text where a number belongs).
+        if (e.matches(PyExc_ValueError) || e.matches(PyExc_TypeError))
+            throw InfoDatabaseError(fDatabase->Origin() + " is damaged (" +
+                                    nb::cast<std::string>(nb::str(e.value())) +
+                                    "); it was left as it is");
+        throw;
+    }
 }
 
 void CInfoCache::EnsureRecords(LocEntry &entry) {
@@ -176,7 +196,7 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
     if (!fDatabase || entry.db_id == 0)
         return;
     try {
-        LoadRecordRows(entry, fDatabase->LoadRecords(entry.db_id));
+        ReadingRows([&] { LoadRecordRows(entry, fDatabase->LoadRecords(entry.db_id)); });
     } catch (...) {
         // Half a location would pass for all of it: drop what was read, so
         // that every later use meets the same error.
@@ -592,6 +612,44 @@ Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, n
         }
     }
     return dropped;
+}
+
+Py_ssize_t CInfoCache::ForgetLocation(nb::handle loc) {
+    LocEntry &entry = EntryFor(loc);
+    EnsureMeta(entry);
+    // The file first: when it fails, memory still agrees with it.
+    std::int64_t stored = 0;
+    if (fDatabase && entry.db_id != 0)
+        stored = fDatabase->DeleteLocation(entry.db_id);
+    Py_ssize_t dropped = (Py_ssize_t) entry.record_count;
+    // Records the location's scans made for scopes elsewhere.
+    std::vector<ScanId> its_scans;
+    for (auto &[scan, places] : fRecordsOfScan)
+        if (std::get<0>(scan) == entry.url)
+            its_scans.push_back(scan);
+    for (const ScanId &scan : its_scans) {
+        RemoveRecordsOfScan(scan, nullptr);
+        fReplacedScans.erase(scan);
+        fScansWithNewRecords.erase(scan);
+    }
+    std::vector<nb::object> changed;
+    for (auto &[name, scope_entry] : entry.scopes)
+        if (!scope_entry.records.empty())
+            changed.push_back(scope_entry.records.front().info->key->for_scope);
+    EvictRecords(entry);
+    for (nb::handle scope : changed)
+        NoteChanged(scope);
+    entry.records_loaded = entry.meta_loaded = true;
+    entry.deleted.clear();
+    entry.dirty_records = 0;
+    entry.meta_dirty = false;
+    fDirtyEntries.erase(&entry);
+    entry.db_id = 0;
+    entry.disk_mtime = entry.latest_record_mtime = -1.0;
+    entry.checksum = nb::none();
+    entry.words = nb::none();
+    entry.scans_done.clear();
+    return fDatabase ? (Py_ssize_t) stored : dropped;
 }
 
 // ---------------------------------------------------------------------------

@@ -77,6 +77,12 @@ public:
     // has.  Records other scans made stay.  Gives the number dropped.
     Py_ssize_t ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names);
 
+    // Drops everything known of `loc` (a file that is gone): its records, the
+    // records its scopes' scans made for other scopes, its disk time,
+    // checksum, scans-done marks and words, in the database and in memory.
+    // Gives the number of records dropped.
+    Py_ssize_t ForgetLocation(nb::handle loc);
+
     // The database.
     // `read_only`: never make, change or rebuild the file; writes raise.
     void OpenDatabase(const std::string &path, bool read_only = false);
@@ -160,6 +166,10 @@ private:
     nb::ref<CScopeInfo> BuildMerged(const ScopeEntry &scopes);
     void Touch(LocEntry &entry) { entry.last_use = ++fUseClock; }
     void EvictRecords(LocEntry &entry);
+    // Runs `body`, which reads stored rows: a row of a form the readers can't
+    // take means a damaged file.
+    template <typename F>
+    void ReadingRows(F &&body);
 
     nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
                          std::int64_t scanned_id);

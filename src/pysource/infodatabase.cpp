@@ -44,6 +44,33 @@ const char *const kSchema[] = {
 
 const char *const kOurTables[] = {"records", "scans_done", "locations"};
 
+// What a sound file holds: each table's columns, and a query that finds a row
+// whose values the readers could not take.
+struct TableShape {
+    const char *name;
+    const char *columns;
+    const char *bad_row_query;
+};
+const TableShape kTableShapes[] = {
+    {"locations", "id,url,disk_mtime,checksum,checksum_is_text_int,words",
+     "SELECT 1 FROM locations WHERE typeof(url) != 'text' OR typeof(disk_mtime) NOT IN "
+     "('real', 'integer') OR typeof(checksum_is_text_int) != 'integer' OR typeof(words) NOT IN "
+     "('blob', 'null') LIMIT 1"},
+    {"scans_done", "loc_id,scan_name,disk_mtime",
+     "SELECT 1 FROM scans_done WHERE typeof(scan_name) != 'text' OR typeof(disk_mtime) NOT IN "
+     "('real', 'integer') OR loc_id NOT IN (SELECT id FROM locations) LIMIT 1"},
+    {"records",
+     "loc_id,scope,scan_name,scanned_loc_id,scanned_scope,ibytes,disk_mtime,flags,type_equivs,"
+     "inst_type_equivs,domains,scopes_seen,resolved_imports",
+     "SELECT 1 FROM records WHERE typeof(scope) != 'text' OR typeof(scan_name) != 'text' OR "
+     "typeof(scanned_scope) != 'text' OR typeof(ibytes) != 'blob' OR typeof(disk_mtime) NOT IN "
+     "('real', 'integer') OR typeof(flags) != 'integer' OR typeof(type_equivs) != 'blob' OR "
+     "typeof(inst_type_equivs) NOT IN ('blob', 'null') OR typeof(domains) NOT IN ('blob', "
+     "'null') OR typeof(scopes_seen) NOT IN ('blob', 'null') OR typeof(resolved_imports) NOT IN "
+     "('blob', 'null') OR loc_id NOT IN (SELECT id FROM locations) OR scanned_loc_id NOT IN "
+     "(SELECT id FROM locations) LIMIT 1"},
+};
+
 // A callable or nullptr; a plain reference so that nothing is released
 // after the interpreter has gone.
 PyObject *gWriteHook = nullptr;
@@ -69,72 +96,140 @@ nb::object CInfoDatabase::Connect() {
     if (!fReadOnly)
         return fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
                                         nb::arg("isolation_level") = nb::none());
+    return ConnectReadOnly();
+}
+
+nb::object CInfoDatabase::ConnectReadOnly() {
     // Only a URI can ask SQLite for read-only access, which also keeps it
     // from making the file when it is missing.
     nb::object os_path = nb::module_::import_("os.path");
     nb::object quoted = nb::module_::import_("urllib.parse").attr("quote")(
         os_path.attr("abspath")(fPath));
-    nb::str uri(("file:" + nb::cast<std::string>(quoted) + "?mode=ro").c_str());
-    return fSqlite3.attr("connect")(uri, nb::arg("timeout") = 5.0,
-                                    nb::arg("isolation_level") = nb::none(), nb::arg("uri") = true);
+    std::string base = "file:" + nb::cast<std::string>(quoted);
+    auto connect = [&](const char *query) {
+        nb::str uri((base + query).c_str());
+        nb::object conn = fSqlite3.attr("connect")(uri, nb::arg("timeout") = 5.0,
+                                                   nb::arg("isolation_level") = nb::none(),
+                                                   nb::arg("uri") = true);
+        // The first read is where a WAL file that can't be opened shows.
+        conn.attr("execute")("SELECT count(*) FROM sqlite_master").attr("fetchone")();
+        return conn;
+    };
+    try {
+        return connect("?mode=ro");
+    } catch (nb::python_error &e) {
+        if (!e.matches(fSqlite3.attr("OperationalError")) || !nb::cast<bool>(os_path.attr("isfile")(fPath)))
+            throw;
+    }
+    // A file (or directory) we may not write: a WAL reader needs to make
+    // its shared-memory file beside it, an immutable reader doesn't.
+    return connect("?mode=ro&immutable=1");
 }
 
-void CInfoDatabase::CheckReadableSchema(std::int64_t app, std::int64_t version) {
-    if (app != kApplicationId) {
-        Close();
-        Fail("opening", "the file holds no pysource index");
+void CInfoDatabase::Damaged(const std::string &detail) {
+    throw InfoDatabaseError(fOrigin + " is damaged (" + detail +
+                            "); it was left as it is");
+}
+
+void CInfoDatabase::CheckIntegrity() {
+    nb::list problems = nb::list(Execute("PRAGMA quick_check(3)").attr("fetchall")());
+    if (nb::len(problems) == 1 && nb::cast<std::string>(nb::str(problems[0][0])) == "ok")
+        return;
+    std::string detail;
+    for (nb::handle row : problems) {
+        if (!detail.empty())
+            detail += "; ";
+        detail += nb::cast<std::string>(nb::str(row[0]));
     }
-    if (version != kSchemaVersion) {
-        Close();
+    Damaged("integrity check: " + detail);
+}
+
+void CInfoDatabase::CheckTables() {
+    for (const TableShape &table : kTableShapes) {
+        std::string columns;
+        std::string query = "PRAGMA table_info(";
+        query.append(table.name).append(")");
+        for (nb::handle row : Execute(query.c_str())) {
+            if (!columns.empty())
+                columns += ',';
+            columns += nb::cast<std::string>(nb::str(row[1]));
+        }
+        if (columns.empty())
+            Damaged(std::string("the table '") + table.name + "' is missing");
+        if (columns != table.columns)
+            Damaged(std::string("the table '") + table.name + "' has the columns " + columns +
+                    " instead of " + table.columns);
+        nb::object bad = Execute(table.bad_row_query).attr("fetchone")();
+        if (!bad.is_none())
+            Damaged(std::string("a row of the table '") + table.name +
+                    "' holds values of the wrong kind");
+    }
+}
+
+void CInfoDatabase::CheckVersion(std::int64_t version) {
+    if (version > kSchemaVersion)
         Fail("opening", "the file has schema version " + std::to_string(version) +
-                            ", this build uses version " + std::to_string(kSchemaVersion));
-    }
+                            ", newer than this build's version " + std::to_string(kSchemaVersion) +
+                            "; it needs a pysource that reads schema version " +
+                            std::to_string(version) + " and was left as it is");
+    if (version < kSchemaVersion && fReadOnly)
+        Fail("opening", "the file has schema version " + std::to_string(version) +
+                            ", older than this build's version " + std::to_string(kSchemaVersion) +
+                            "; run 'pysource index' to rebuild it");
 }
 
 CInfoDatabase::CInfoDatabase(std::string path, bool read_only)
     : fPath(std::move(path)), fOrigin("pysource index database " + fPath), fReadOnly(read_only) {
     fSqlite3 = nb::module_::import_("sqlite3");
-    Guarded("opening", [&] {
-        fConn = Connect();
-        // A file that is not a database fails here, before anything is written.
-        nb::object app_id = Execute("PRAGMA application_id").attr("fetchone")()[0];
-        nb::object version = Execute("PRAGMA user_version").attr("fetchone")()[0];
-        nb::object table_count =
-            Execute("SELECT count(*) FROM sqlite_master").attr("fetchone")()[0];
-        std::int64_t app = nb::cast<std::int64_t>(app_id);
-        std::int64_t ver = nb::cast<std::int64_t>(version);
-        std::int64_t tables = nb::cast<std::int64_t>(table_count);
-        if (app != kApplicationId && tables != 0) {
+    try {
+        Guarded("opening", [&] { Open(); });
+    } catch (...) {
+        try {
             Close();
-            Fail("opening", "the file is an SQLite database of another program; it was left as it is");
+        } catch (...) {
         }
-        Execute("PRAGMA cache_size=-32768");  // KiB: big writes stay off the disk until commit
-        if (fReadOnly) {
-            CheckReadableSchema(app, ver);
-            return;
-        }
-        if (app == kApplicationId && ver == kSchemaVersion) {
+        throw;
+    }
+}
+
+void CInfoDatabase::Open() {
+    fConn = Connect();
+    // A file that is not a database fails here, before anything is written.
+    CheckIntegrity();
+    std::int64_t app = nb::cast<std::int64_t>(Execute("PRAGMA application_id").attr("fetchone")()[0]);
+    std::int64_t ver = nb::cast<std::int64_t>(Execute("PRAGMA user_version").attr("fetchone")()[0]);
+    std::int64_t tables =
+        nb::cast<std::int64_t>(Execute("SELECT count(*) FROM sqlite_master").attr("fetchone")()[0]);
+    if (app != kApplicationId && tables != 0)
+        Fail("opening", "the file is an SQLite database of another program; it was left as it is");
+    if (app == kApplicationId)
+        CheckVersion(ver);
+    else if (fReadOnly)
+        Fail("opening", "the file holds no pysource index");
+    Execute("PRAGMA cache_size=-32768");  // KiB: big writes stay off the disk until commit
+    if (ver == kSchemaVersion || fReadOnly) {
+        CheckTables();
+        if (!fReadOnly) {
             Execute("PRAGMA journal_mode=WAL");
             Execute("PRAGMA synchronous=NORMAL");
-            return;
         }
-        if (app == kApplicationId) {
-            fOpenMessage = fOrigin + " had schema version " +
-                           std::to_string(ver) + ", this build uses version " +
-                           std::to_string(kSchemaVersion) + ": it was rebuilt empty";
-        }
-        Execute("PRAGMA journal_mode=WAL");
-        Execute("PRAGMA synchronous=NORMAL");
-        Begin();
-        try {
-            DropSchema();
-            CreateSchema();
-            Commit();
-        } catch (...) {
-            Rollback();
-            throw;
-        }
-    });
+        return;
+    }
+    if (app == kApplicationId)
+        fOpenMessage = fOrigin + " had schema version " + std::to_string(ver) +
+                       ", older than this build's version " + std::to_string(kSchemaVersion) +
+                       ": it was rebuilt empty";
+    Execute("PRAGMA journal_mode=WAL");
+    Execute("PRAGMA synchronous=NORMAL");
+    Begin();
+    try {
+        DropSchema();
+        CreateSchema();
+        Commit();
+    } catch (...) {
+        Rollback();
+        throw;
+    }
 }
 
 CInfoDatabase::~CInfoDatabase() {
@@ -313,6 +408,26 @@ void CInfoDatabase::DeleteRecordsOfScans(nb::handle scans) {
                     "AND scan_name = ?",
                     scans);
     });
+}
+
+std::int64_t CInfoDatabase::DeleteLocation(std::int64_t loc_id) {
+    Begin();
+    try {
+        std::int64_t deleted = Guarded("deleting a location", [&] {
+            nb::tuple id = nb::make_tuple(loc_id);
+            std::int64_t count = nb::cast<std::int64_t>(
+                Execute("DELETE FROM records WHERE loc_id = ?1 OR scanned_loc_id = ?1", id)
+                    .attr("rowcount"));
+            Execute("DELETE FROM scans_done WHERE loc_id = ?", id);
+            Execute("DELETE FROM locations WHERE id = ?", id);
+            return count;
+        });
+        Commit();
+        return deleted;
+    } catch (...) {
+        Rollback();
+        throw;
+    }
 }
 
 std::int64_t CInfoDatabase::CountRecords() {

@@ -6,12 +6,16 @@
 // that logical line caches hand over.  The file runs in WAL mode, so a reader
 // in another process can query while a scan writes; every write is one
 // transaction, so a crash loses at most the write under way.  The schema
-// carries a version (PRAGMA user_version) and an application id: a file of
-// another schema version is rebuilt empty with a message, a file that is not
-// ours or not readable raises InfoDatabaseError naming the file and is never
-// touched.  A read-only open (for readers that must never make or change an
-// index) also refuses a missing file, an empty one and one of another schema
-// version, and every write raises.
+// carries a version (PRAGMA user_version) and an application id.  Before use
+// every open runs PRAGMA quick_check and checks the tables, their columns and
+// the types of stored values: a file that is not ours, damaged, of a newer
+// schema version (the message names the version it needs) or not readable
+// raises InfoDatabaseError naming the file and is never written.  A file of an
+// older schema version is rebuilt empty when opened for writing, with a
+// message saying so.  A read-only open (for readers that must never make or
+// change an index) also refuses a missing file, an empty one and one of an
+// older version, and every write raises; when the file or its directory
+// can't be written it reads the file as immutable.
 //
 // Rows travel as Python tuples, the form sqlite3 takes and gives; encoding
 // records into rows is recordcodec.h's job.
@@ -86,6 +90,11 @@ public:
     // scanned_scope, scan_name).
     void DeleteRecordsOfScans(nb::handle scans);
 
+    // Deletes the location row `loc_id`, its scans-done marks, its records and
+    // the records its scopes' scans made elsewhere, in one transaction.  Gives
+    // the number of records deleted.
+    std::int64_t DeleteLocation(std::int64_t loc_id);
+
     // Number of rows in the records table (for tests and reports).
     std::int64_t CountRecords();
 
@@ -98,7 +107,12 @@ private:
     nb::object Execute(const char *sql, nb::handle params = nb::handle());
     void ExecuteMany(const char *sql, nb::handle rows);
     nb::object Connect();
-    void CheckReadableSchema(std::int64_t app, std::int64_t version);
+    void Open();
+    nb::object ConnectReadOnly();
+    [[noreturn]] void Damaged(const std::string &detail);
+    void CheckIntegrity();
+    void CheckTables();
+    void CheckVersion(std::int64_t version);
     void CreateSchema();
     void DropSchema();
     // Runs `body`, turning sqlite3 errors into InfoDatabaseError.

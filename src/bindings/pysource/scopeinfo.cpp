@@ -176,6 +176,7 @@ NB_MODULE(scopeinfo, m) {
         .def("GetScopesForLoc", &CInfoCache::GetScopesForLoc, nb::arg("loc"))
         .def("GetLocations", &CInfoCache::GetLocations)
         .def("OpenDatabase", &CInfoCache::OpenDatabase, nb::arg("path"), nb::arg("read_only") = false)
+        .def("ForgetLocation", &CInfoCache::ForgetLocation, nb::arg("loc"))
         .def("ForgetScopesOfLoc", &CInfoCache::ForgetScopesOfLoc, nb::arg("loc"),
              nb::arg("scan_name"), nb::arg("keep_names"))
         .def("CloseDatabase", &CInfoCache::CloseDatabase)
