@@ -40,6 +40,17 @@ def _BlockPaths(body):
     return paths
 
 
+class _CBody:
+    """What the engine asks of one scope body."""
+
+    __slots__ = ("paths", "generator")
+
+    def __init__(self, logicals):
+        self.paths = _BlockPaths(logicals)
+        self.generator = any("yield" in logical.fToks for logical in logicals
+                             if logical.fType != logicalline.kComment)
+
+
 class CBlockStructure:
     """Block paths of the bodies of every scope of a file, read once per
     version of the file (by disk time) and kept."""
@@ -51,6 +62,16 @@ class CBlockStructure:
     def BlockPaths(self, loc, scope_name):
         """The block paths of the body of `scope_name` in `loc`, as a list
         indexed by body logical index, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body.paths
+
+    def IsGenerator(self, loc, scope_name):
+        """Whether the body of the def `scope_name` yields (its calls make a
+        generator), or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body.generator
+
+    def _Body(self, loc, scope_name):
         url = loc.fUrl
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
         known = self._fFiles.get(url)
@@ -74,5 +95,5 @@ class CBlockStructure:
         for logical, position in zip(logicals, BodyPositions(logicals)):
             if position is not None:
                 bodies.setdefault(position[0], []).append((position[1], logical))
-        return {name: _BlockPaths([logical for _index, logical in sorted(items, key=lambda x: x[0])])
+        return {name: _CBody([logical for _index, logical in sorted(items, key=lambda x: x[0])])
                 for name, items in bodies.items()}

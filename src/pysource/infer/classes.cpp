@@ -582,6 +582,21 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
         return out;
     }
     nb::object returns = record.attr("GetInfoBytes")("return");
+    if (IsGeneratorDef(d->loc, name)) {
+        // The scan records what a generator yields as what it returns.
+        nb::object generator = TypingClass("Generator");
+        if (generator.is_none())
+            return out;
+        ValueSet yielded;
+        if (!returns.is_none()) {
+            ++fDepth;
+            yielded = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
+            --fDepth;
+        }
+        ValueSet none;
+        none.Add(LiteralSingle("None", std::nullopt));
+        return InstanceOf(generator, nb::make_tuple(yielded.AsFrozenSet(), none.AsFrozenSet(), none.AsFrozenSet()));
+    }
     if (returns.is_none()) {
         // Falling off the end of a function gives None; a stub's body says
         // nothing.
@@ -868,6 +883,18 @@ std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueS
             return true;
     }
     return false;
+}
+
+}  // namespace pysource::infer
+
+namespace pysource::infer {
+
+bool CEvaluator::IsGeneratorDef(nb::handle loc, std::string_view def_name) {
+    nb::object provider = fEngine.fFlowProvider;
+    if (provider.is_none() || !nb::hasattr(provider, "IsGenerator"))
+        return false;
+    nb::object answer = provider.attr("IsGenerator")(loc, nb::str(def_name.data(), def_name.size()));
+    return !answer.is_none() && nb::cast<bool>(answer);
 }
 
 }  // namespace pysource::infer

@@ -186,6 +186,7 @@ private:
     ValueSet CallDef(nb::handle def, const std::vector<ValueSet> &args,
                      const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map);
+    bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     ValueSet IterItems(const ValueSet &values);
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args);
