@@ -256,6 +256,15 @@ def _records_for_target(index, target):
     return found, None
 
 
+def _add_callers_pass(index, record, scope):
+    """The types callers pass, per parameter, on the record of a function."""
+    from pysource import paramquery
+    if record["kind"] in paramquery.kDefScopeKinds:
+        def_params = paramquery.ParamsOf(index.fMgr, scope)
+        if def_params is not None:
+            record["callers_pass"] = def_params.AsDict()
+
+
 def _cmd_show(args):
     from pysource import recordtext, symbolinfo
 
@@ -285,6 +294,7 @@ def _cmd_show(args):
                 continue
             records.append(recordtext.DescribeRecord(
                 loc, name, info, bodies if bodies.fReadable else None))
+            _add_callers_pass(index, records[-1], symbolinfo.Scope(loc, name))
     finally:
         index.close()
     if args.json:
@@ -423,6 +433,59 @@ def _cmd_infer(args):
     return 0
 
 
+# params
+
+def _params_targets(index, target):
+    """The def scopes named by FUNC (a dotted name, its last components
+    matched) or FILE:SCOPE, or an error text."""
+    from pysource import paramquery, symbolinfo
+    if ":" in target and os.path.exists(target.rpartition(":")[0]):
+        found, problem = _records_for_target(index, target)
+        if problem is not None:
+            return None, problem
+        scopes = [symbolinfo.Scope(loc, name) for loc, name in found]
+        scopes = [s for s in scopes if paramquery.IsDefScope(index.fInfoCache, s)]
+        if not scopes:
+            return None, f"'{target}' is not a function"
+        return scopes, None
+    scopes = paramquery.FindDefScopes(index.fMgr, index.Locations(), target)
+    if not scopes:
+        return None, f"no function named '{target}' in the index"
+    return scopes, None
+
+
+def _cmd_params(args):
+    from pysource import paramquery, recordtext
+
+    start = args.function.rpartition(":")[0] if ":" in args.function else os.curdir
+    index = _open_existing_index(args.db, start if os.path.exists(start) else os.curdir)
+    if index is None:
+        return kExitUsage
+    try:
+        scopes, problem = _params_targets(index, args.function)
+        if problem is not None:
+            _error(problem)
+            return kExitFailed
+        found = [paramquery.ParamsOf(index.fMgr, scope, args.seconds) for scope in scopes]
+        found = [def_params for def_params in found if def_params is not None]
+    finally:
+        index.close()
+    if args.json:
+        json.dump([def_params.AsDict() for def_params in found], sys.stdout, indent=2)
+        sys.stdout.write("\n")
+        return 0
+    blocks = []
+    for def_params in found:
+        data = def_params.AsDict()
+        where = _display_path(data["file"]) + (f":{data['line']}" if data["line"] else "")
+        head = f"{data['scope']}  ({where})"
+        if not def_params.fComplete:
+            head += "  [partial: some resolves did not finish]"
+        blocks.append("\n".join([head] + recordtext.FormatParamLines(data, _display_path)))
+    sys.stdout.write("\n\n".join(blocks) + "\n")
+    return 0
+
+
 def _build_parser():
     parser = argparse.ArgumentParser(prog="pysource",
                                      description="Scanning core of a Python code-analysis engine.")
@@ -463,6 +526,16 @@ def _build_parser():
     infer.add_argument("--json", action="store_true", help="print the answer as JSON")
     infer.add_argument("--seconds", type=float, default=2.0, help="time for the resolve")
     infer.set_defaults(run=_cmd_infer)
+
+    params = sub.add_parser("params", help="print the types callers pass to a function's parameters")
+    params.add_argument("function", metavar="FUNC",
+                        help="a dotted name (its last components match) or FILE:SCOPE")
+    params.add_argument("--db", metavar="FILE",
+                        help="index database (default: the nearest .pysource/index.db)")
+    params.add_argument("--json", action="store_true", help="print the answer as JSON")
+    params.add_argument("--seconds", type=float, default=2.0,
+                        help="time for the resolve of each argument")
+    params.set_defaults(run=_cmd_params)
     return parser
 
 
