@@ -2,15 +2,16 @@
 records against a package's functions, checked against the types those
 functions really receive while the package's own test suite runs.
 
-    python bench/params_oracle.py [--package toolz] [--cache DIR] [--samples N]
+    python bench/params_oracle.py [--package toolz] [--with-tests] [--samples N]
 
 The package's sdist is downloaded once into the cache folder and unpacked
 there.  The test suite runs in a child process under a profiling hook that
 notes, per function of the package (the tests left out) and per parameter,
-the runtime type of every argument a caller passed (a value that is the
-parameter's own default object counts as not passed).  The package's source
-is then indexed, its tests left out, and per exercised parameter the types
-`pysource.paramquery` reports are compared with the runtime set:
+the runtime type of every argument a caller passed; a value that is the
+parameter's own default object counts as not passed, though a type we report
+is right when it is the default's.  The package's source is then indexed
+(its tests left out unless --with-tests) and, per exercised parameter, the
+types `pysource.paramquery` reports are compared with the runtime set:
 
 - precision: of the types we report, the share the parameter really received;
 - recall: of the parameters that received arguments at runtime, the share
@@ -72,6 +73,7 @@ class CArgTracer:
         self.fSourceDir = source_dir + os.sep
         self.fTestsDir = tests_dir + os.sep
         self.fSeen = collections.defaultdict(lambda: collections.defaultdict(set))
+        self.fDefaulted = collections.defaultdict(lambda: collections.defaultdict(set))
         self.fCalls = collections.Counter()
         self._fParamsOf = {}
 
@@ -124,13 +126,16 @@ class CArgTracer:
                 continue
             value = values[name]
             if value is default:
+                # Not passed, or passed the default object itself.
+                self.fDefaulted[key][name].add(RuntimeTypeName(value))
                 continue
             for item in (value if star else (value,)):
                 seen[name].add(RuntimeTypeName(item))
 
     def Dump(self, path):
         data = [{"file": f, "qualname": q, "line": line, "calls": self.fCalls[(f, q, line)],
-                 "params": {n: sorted(t) for n, t in params.items()}}
+                 "params": {n: sorted(t) for n, t in params.items()},
+                 "defaulted": {n: sorted(t) for n, t in self.fDefaulted[(f, q, line)].items()}}
                 for (f, q, line), params in sorted(self.fSeen.items())]
         with open(path, "w") as out:
             json.dump(data, out, indent=1)
@@ -178,11 +183,12 @@ def RunTracedSuite(root, package, out_path):
 
 # Our side
 
-def IndexPackage(source_dir, db_path):
-    """`pysource index` of the package's source, its tests left out."""
+def IndexPackage(source_dir, db_path, with_tests):
+    """`pysource index` of the package's source, its tests left out unless
+    `with_tests`."""
     files = [os.path.join(d, f) for d, dirs, names in os.walk(source_dir)
              for f in names if f.endswith(".py")
-             if os.sep + kTestsDirName not in d[len(source_dir):]]
+             if with_tests or os.sep + kTestsDirName not in d[len(source_dir):]]
     if os.path.exists(db_path):
         os.remove(db_path)
     started = time.time()
@@ -231,7 +237,7 @@ def OurParams(index, source_dir, path, qualname, seconds):
               if _kScopeIndex.sub("", name) == wanted]
     found = None
     for scope in scopes:
-        def_params = paramquery.ParamsOf(mgr, scope, seconds)
+        def_params = paramquery.ParamsOf(mgr, scope, seconds, qualify_all=True)
         if def_params is None:
             continue
         found = found or {}
@@ -253,15 +259,17 @@ class CTally:
         self.fWrong = collections.defaultdict(list)   # kind -> samples
         self.fMissed = collections.defaultdict(list)
 
-    def Add(self, where, ours, runtime):
+    def Add(self, where, ours, runtime, defaulted):
+        """`runtime`: the classes of arguments passed; `defaulted`: of the
+        default object, which a caller may have passed too."""
         runtime = {RuntimeComparable(t) for t in runtime}
         self.fExercised += 1
         self.fReported += len(ours)
         right = ours & runtime
-        self.fCorrect += len(right)
+        self.fCorrect += len(ours & (runtime | defaulted))
         self.fFound += bool(right)
         self.fSilent += not ours
-        for text in sorted(ours - runtime):
+        for text in sorted(ours - runtime - defaulted):
             self.fWrong[_WrongKind(text, runtime)].append((where, text, sorted(runtime)))
         if ours and not right:
             self.fMissed["reported only wrong types"].append((where, sorted(ours), sorted(runtime)))
@@ -305,8 +313,9 @@ def Compare(trace, source_dir, db_path, seconds, samples):
                 if name in kSelfNames or not runtime:
                     continue
                 got = ours.get(name, set())
-                total.Add(f"{where}({name})", got, runtime)
-                per_file[entry["file"]].Add(f"{where}({name})", got, runtime)
+                defaulted = {RuntimeComparable(t) for t in entry["defaulted"].get(name, ())}
+                for tally in (total, per_file[entry["file"]]):
+                    tally.Add(f"{where}({name})", got, runtime, defaulted)
     finally:
         index.close()
     print(f"compared in {time.time() - started:.1f}s; functions skipped: "
@@ -344,16 +353,19 @@ def main(argv=None):
     parser.add_argument("--cache", default=kDefaultCache)
     parser.add_argument("--seconds", type=float, default=2.0, help="time for each resolve")
     parser.add_argument("--samples", type=int, default=4, help="samples per kind of disagreement")
+    parser.add_argument("--with-tests", action="store_true",
+                        help="index the tests too, so that their calls count as callers")
     parser.add_argument("--trace", nargs=3, metavar=("SOURCE", "TESTS", "OUT"), help=argparse.SUPPRESS)
     args = parser.parse_args(argv)
     if args.trace:
         return _TraceMain(*args.trace)
     root = UnpackedPackage(args.package, args.cache)
     source_dir = os.path.join(root, args.package)
-    print(f"package: {os.path.basename(root)} ({root}); callers in its tests are left out")
+    print(f"package: {os.path.basename(root)} ({root}); callers in its tests are "
+          + ("indexed too" if args.with_tests else "left out"))
     trace = RunTracedSuite(root, args.package, os.path.join(root, "runtime-args.json"))
     db_path = os.path.join(root, "oracle-index.db")
-    IndexPackage(source_dir, db_path)
+    IndexPackage(source_dir, db_path, args.with_tests)
     Compare(trace, source_dir, db_path, args.seconds, args.samples)
     return 0
 

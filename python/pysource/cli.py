@@ -122,6 +122,13 @@ def _open_existing_index(db_arg, start):
     return _CIndex(db_path, read_only=True)
 
 
+def _open_index_for_target(db_arg, target):
+    """The index for a command on TARGET (FILE, FILE:SCOPE or a name): the
+    nearest one at or above the file, else at or above the current directory."""
+    start = target.rpartition(":")[0] if ":" in target else target
+    return _open_existing_index(db_arg, start if os.path.exists(start) else os.curdir)
+
+
 # index
 
 class _CProgressLine:
@@ -268,8 +275,7 @@ def _add_callers_pass(index, record, scope):
 def _cmd_show(args):
     from pysource import recordtext, symbolinfo
 
-    start = args.target.rpartition(":")[0] if ":" in args.target else args.target
-    index = _open_existing_index(args.db, start if os.path.exists(start) else os.curdir)
+    index = _open_index_for_target(args.db, args.target)
     if index is None:
         return kExitUsage
     try:
@@ -457,8 +463,7 @@ def _params_targets(index, target):
 def _cmd_params(args):
     from pysource import paramquery, recordtext
 
-    start = args.function.rpartition(":")[0] if ":" in args.function else os.curdir
-    index = _open_existing_index(args.db, start if os.path.exists(start) else os.curdir)
+    index = _open_index_for_target(args.db, args.function)
     if index is None:
         return kExitUsage
     try:

@@ -194,7 +194,9 @@ def _DescribeArg(mgr, single, def_scope, seconds, asked_loc):
         _fastaccess.GetNowTime() + seconds)
     texts = inferquery.DescribeResolved(resolved, mgr, asked_loc)
     if not texts:
-        texts = ["? " + symbolinfo.DescribeInfo(single)]
+        # Unresolved: the argument as written (a name read in the caller).
+        _marks, bare = symbolinfo.PopLeadingPrefixes(single)
+        texts = ["? " + symbolinfo.DescribeInfo(bare)]
     return texts, complete
 
 
