@@ -216,6 +216,17 @@ def _LeafName(def_scope):
     return parts[-1]
 
 
+def _DeclaredParams(def_scope, def_ibytes):
+    """([CParamTypes] of the def as declared, whether its first parameter is
+    bound: `self` or `cls` of a method, or of a class's constructor)."""
+    definfo = symbolinfo.UnpackDefInfoStr(def_ibytes)
+    args_text, _return_text = symbolinfo.SplitDefSignature(definfo.signature)
+    params = [CParamTypes(arg) for arg in ParseDefArgs(args_text or "")]
+    is_method = recordtext.ScopeKind(def_scope.name, def_ibytes) == recordtext.kScopeKindMethod
+    bound_first = bool(params) and is_method and "staticmethod" not in definfo.decorators
+    return params, bound_first
+
+
 def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
     """The CDefParams of `def_scope`, or None when it has no def record.
     Classes of the def's own file are named without their module unless
@@ -225,17 +236,14 @@ def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
     info = info_cache.GetScopeInfo(def_scope)
     if info is None:
         return None
-    definfo = symbolinfo.UnpackDefInfoStr(bytes(info.ibytes))
-    args_text, _return_text = symbolinfo.SplitDefSignature(definfo.signature)
-    params = [CParamTypes(arg) for arg in ParseDefArgs(args_text or "")]
+    params, bound_first = _DeclaredParams(def_scope, bytes(info.ibytes))
     sites = _CCallSites(info_cache)
     leaf = _LeafName(def_scope)
-    # A call through an instance or class passes `self` (`cls`) unwritten.
-    is_method = recordtext.ScopeKind(def_scope.name, bytes(info.ibytes)) == \
-        recordtext.kScopeKindMethod or leaf != _DottedParts(def_scope.name)[-1]
 
     def positions(arg_i):
-        return (arg_i, arg_i - 1) if is_method else (arg_i,)
+        # A call through an instance or class doesn't write `self` (`cls`).
+        return (arg_i, arg_i - 1) if bound_first else (arg_i,)
+
     asked_loc = None if qualify_all else def_scope.loc
     complete = True
     for record in info_cache.GetScopeInfoRecords(def_scope):
@@ -259,4 +267,4 @@ def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
     bodies = sites.Bodies(def_scope.loc)
     line = bodies.DefLine(symbolinfo.NormalizedScope(None, def_scope.name).name) \
         if bodies is not None else None
-    return CDefParams(def_scope, line, params, complete, is_method and bool(params))
+    return CDefParams(def_scope, line, params, complete, bound_first)
