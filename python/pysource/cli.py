@@ -87,6 +87,8 @@ class _CIndex:
                 self.fMgr = manager.CAnalysisMgr()
                 try:
                     self.fMgr.fInfoCache.OpenDatabase(db_path, read_only=True)
+                    # What a query scans that the index lacks stays in memory.
+                    self.fMgr.fInfoCache.fKeepWritesInMemory = True
                 except BaseException:
                     self.fMgr.destroy()
                     raise
@@ -148,6 +150,13 @@ def _open_existing_index(db_arg, start):
         _error(f"no such index database: {db_path}")
         return None
     return _CIndex(db_path, read_only=True)
+
+
+def _open_index_for_target(db_arg, target):
+    """The index for a command on TARGET (FILE, FILE:SCOPE or a name): the
+    nearest one at or above the file, else at or above the current directory."""
+    start = target.rpartition(":")[0] if ":" in target else target
+    return _open_existing_index(db_arg, start if os.path.exists(start) else os.curdir)
 
 
 # index
@@ -386,14 +395,22 @@ def _list_matches(matches, as_json):
         print(f"  {where}  {_printable(row['scope'])}")
 
 
+def _add_callers_pass(index, record, scope):
+    """The types callers pass, per parameter, on the record of a function."""
+    from pysource import paramquery
+    if record["kind"] in paramquery.kDefScopeKinds:
+        def_params = paramquery.ParamsOf(index.fMgr, scope)
+        if def_params is not None:
+            record["callers_pass"] = def_params.AsDict()
+
+
 def _cmd_show(args):
     from pysource import recordtext, symbolinfo
 
     if not args.target.strip():
         _error("show needs a FILE, FILE:SCOPE or a scope name")
         return kExitUsage
-    start = args.target.rpartition(":")[0] if ":" in args.target else args.target
-    index = _open_existing_index(args.db, start if os.path.exists(start) else os.curdir)
+    index = _open_index_for_target(args.db, args.target)
     if index is None:
         return kExitUsage
     try:
@@ -422,6 +439,7 @@ def _cmd_show(args):
                 continue
             records.append(recordtext.DescribeRecord(
                 loc, name, info, bodies if bodies.fReadable else None))
+            _add_callers_pass(index, records[-1], symbolinfo.Scope(loc, name))
     finally:
         index.close()
     if args.json:
@@ -561,6 +579,58 @@ def _cmd_infer(args):
     return 0
 
 
+# params
+
+def _params_targets(index, target):
+    """The def scopes named by FUNC (a dotted name, its last components
+    matched) or FILE:SCOPE, or an error text."""
+    from pysource import paramquery, symbolinfo
+    if ":" in target and os.path.exists(target.rpartition(":")[0]):
+        found, problem = _records_for_target(index, target)
+        if problem is not None:
+            return None, problem
+        scopes = [symbolinfo.Scope(loc, name) for loc, name in found]
+        scopes = [s for s in scopes if paramquery.IsDefScope(index.fInfoCache, s)]
+        if not scopes:
+            return None, f"'{target}' is not a function"
+        return scopes, None
+    scopes = paramquery.FindDefScopes(index.fMgr, index.Locations(), target)
+    if not scopes:
+        return None, f"no function named '{target}' in the index"
+    return scopes, None
+
+
+def _cmd_params(args):
+    from pysource import paramquery, recordtext
+
+    index = _open_index_for_target(args.db, args.function)
+    if index is None:
+        return kExitUsage
+    try:
+        scopes, problem = _params_targets(index, args.function)
+        if problem is not None:
+            _error(problem)
+            return kExitFailed
+        found = [paramquery.ParamsOf(index.fMgr, scope, args.seconds) for scope in scopes]
+        found = [def_params for def_params in found if def_params is not None]
+    finally:
+        index.close()
+    if args.json:
+        json.dump([def_params.AsDict() for def_params in found], sys.stdout, indent=2)
+        sys.stdout.write("\n")
+        return 0
+    blocks = []
+    for def_params in found:
+        data = def_params.AsDict()
+        where = _display_path(data["file"]) + (f":{data['line']}" if data["line"] else "")
+        head = f"{data['scope']}  ({where})"
+        if not def_params.fComplete:
+            head += "  [partial: some resolves did not finish]"
+        blocks.append("\n".join([head] + recordtext.FormatParamLines(data, _display_path)))
+    sys.stdout.write("\n\n".join(blocks) + "\n")
+    return 0
+
+
 def _build_parser():
     parser = argparse.ArgumentParser(prog="pysource",
                                      description="Scanning core of a Python code-analysis engine.")
@@ -603,6 +673,16 @@ def _build_parser():
     infer.add_argument("--json", action="store_true", help="print the answer as JSON")
     infer.add_argument("--seconds", type=float, default=2.0, help="time for the resolve")
     infer.set_defaults(run=_cmd_infer)
+
+    params = sub.add_parser("params", help="print the types callers pass to a function's parameters")
+    params.add_argument("function", metavar="FUNC",
+                        help="a dotted name (its last components match) or FILE:SCOPE")
+    params.add_argument("--db", metavar="FILE",
+                        help="index database (default: the nearest .pysource/index.db)")
+    params.add_argument("--json", action="store_true", help="print the answer as JSON")
+    params.add_argument("--seconds", type=float, default=2.0,
+                        help="time for the resolve of each argument")
+    params.set_defaults(run=_cmd_params)
     return parser
 
 

@@ -153,11 +153,20 @@ def ResolveAt(mgr, loc, lineno, expr_text, seconds=kDefaultSeconds):
 
 def _ResolveWithScans(mgr, expr, end_time):
     engine = mgr.fInferenceEngine._fNativeEngine
+    return ResolveWithScans(mgr, lambda ctx: engine.ResolveToResult(expr, ctx).resolved,
+                            end_time)
+
+
+def ResolveWithScans(mgr, resolve, end_time):
+    """(frozenset of singles, complete) of `resolve(ctx)`, run again after
+    the primary scans a try asks for, until `end_time` or a bounded number
+    of rounds."""
+    engine = mgr.fInferenceEngine._fNativeEngine
     scanned = set()
     resolved = frozenset()
     for _ in range(kMaxScanRounds):
         ctx = engine.NewContext(end_time, False)
-        resolved = frozenset(engine.ResolveToResult(expr, ctx).resolved)
+        resolved = frozenset(resolve(ctx))
         if not ctx.fIncomplete:
             return resolved, True
         needed = {scope.loc for scope, _scan in (ctx.fNeedsScan or ())} - scanned

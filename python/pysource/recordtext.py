@@ -370,4 +370,28 @@ def FormatRecord(record, display_path=str):
         texts = [fact["text"] for fact in entry["facts"]] or ["(nothing known)"]
         out.append(f"  {entry['name']:<{width}}  {texts[0]}")
         out.extend(f"  {'':<{width}}  {text}" for text in texts[1:])
+    if record.get("callers_pass") is not None:
+        out.append("  callers pass:")
+        out.extend("  " + line for line in FormatParamLines(record["callers_pass"]))
     return "\n".join(out)
+
+
+def FormatParamLines(def_params, show_path=lambda path: path):
+    """Text lines of what callers pass, per parameter (the data form of
+    `paramquery.CDefParams`): the parameter as declared, then each type with
+    its call sites."""
+    out = []
+    for i, param in enumerate(def_params["params"]):
+        out.append(f"  {param['declared']}" + ("  [hinted]" if param["hinted"] else ""))
+        if param["types"] or (i == 0 and def_params["bound_first"]):
+            pass
+        elif param["hinted"]:
+            out.append("    (what callers pass is not recorded for a hinted parameter)")
+        else:
+            out.append("    (no caller's argument recorded)")
+        for entry in param["types"]:
+            places = ", ".join(show_path(site["file"]) +
+                               (f":{site['line']}" if site["line"] is not None else "")
+                               for site in entry["sites"])
+            out.append(f"    {entry['type']}  <- {places}")
+    return out

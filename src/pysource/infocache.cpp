@@ -876,8 +876,9 @@ nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope
 nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
     if (!fDatabase)
         return nb::int_(0);
-    // A reader with nothing to write stays quiet; anything to write raises.
-    if (fDatabase->IsReadOnly() && fDirtyEntries.empty() && fReplacedScans.empty())
+    // A reader with nothing to write stays quiet; anything to write raises,
+    // unless the reader keeps what it learns in memory.
+    if (fDatabase->IsReadOnly() && (fKeepWritesInMemory || (fDirtyEntries.empty() && fReplacedScans.empty())))
         return nb::int_(0);
     bool all = locs.is_none();
     std::set<std::string> urls;

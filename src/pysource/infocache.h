@@ -105,6 +105,10 @@ public:
     // Counts the changes of primary records (added, changed, dropped): what
     // is derived from primary records alone stays good while it stands.
     std::uint64_t fPrimaryGeneration = 0;
+    // With a read-only database: records scanned meanwhile stay in memory
+    // instead of raising on their write (a query that scans what the index
+    // lacks).
+    bool fKeepWritesInMemory = false;
 
 private:
     // Lets maps keyed by std::string be searched with a string_view.

@@ -1,0 +1,112 @@
+"""`pysource params`: what callers in other files pass to a function's
+parameters, with their call sites, after `pysource index`."""
+
+import json
+import textwrap
+
+import pytest
+
+from pysource import cli
+
+LIB = textwrap.dedent('''\
+    class Foo:
+        def meth(self, x, y=None):
+            return x
+
+
+    def helper(a, b: int, c=3, *rest):
+        return a
+    ''')
+
+APP = textwrap.dedent('''\
+    from lib import helper, Foo
+
+
+    def run(url):
+        foo = Foo()
+        helper(1, 2, "s")
+        helper(url, 5)
+        foo.meth([1, 2], foo)
+        return helper(foo, 1, 2, 3.5)
+
+
+    run("http://x")
+    ''')
+
+
+def run(capsys, *argv):
+    code = cli.main(list(argv))
+    out, err = capsys.readouterr()
+    return code, out, err
+
+
+@pytest.fixture
+def project(tmp_path, monkeypatch, capsys):
+    (tmp_path / "lib.py").write_text(LIB)
+    (tmp_path / "app.py").write_text(APP)
+    monkeypatch.chdir(tmp_path)
+    assert run(capsys, "index")[0] == 0
+    return tmp_path
+
+
+def params_json(capsys, func):
+    code, out, _err = run(capsys, "params", func, "--json")
+    assert code == 0
+    (found,) = json.loads(out)
+    return found, {p["name"]: p for p in found["params"]}
+
+
+def types_of(param):
+    return {t["type"]: [f"{s['file'].rpartition('/')[2]}:{s['line']}" for s in t["sites"]]
+            for t in param["types"]}
+
+
+def test_callers_in_another_file_with_their_lines(project, capsys):
+    found, params = params_json(capsys, "helper")
+    assert (found["scope"], found["line"]) == ("helper", 6)
+    # Each name passed is resolved where it was used, and placed on its call.
+    assert types_of(params["a"]) == {"int": ["app.py:6"], "str": ["app.py:7"],
+                                     "Foo": ["app.py:9"]}
+    assert types_of(params["c"]) == {"str": ["app.py:6"], "int": ["app.py:9"]}
+    assert types_of(params["rest"]) == {"float": ["app.py:9"]}
+    # A hinted parameter keeps its hint; what callers pass isn't recorded for it.
+    assert (params["b"]["hinted"], params["b"]["hint"], params["b"]["types"]) == \
+        (True, "int", [])
+    assert (params["c"]["default"], params["c"]["hinted"]) == ("3", False)
+
+
+def test_text_form_and_a_method_by_its_dotted_name(project, capsys):
+    code, out, _err = run(capsys, "params", "Foo.meth")
+    assert code == 0
+    assert out.splitlines()[0].startswith("Foo.meth  (lib.py:2)")
+    assert "    list  <- app.py:8" in out
+    assert "    Foo  <- app.py:8" in out
+    code, out, _err = run(capsys, "params", "lib.py:helper")
+    assert code == 0 and "  b: int  [hinted]\n" in out
+    assert "  c=3\n    int  <- app.py:9\n    str  <- app.py:6\n" in out
+
+
+def test_an_edited_caller_changes_the_answer(project, capsys):
+    (project / "app.py").write_text(APP.replace('helper(1, 2, "s")', 'helper(b"x", 2)'))
+    assert run(capsys, "index")[0] == 0
+    _found, params = params_json(capsys, "helper")
+    assert types_of(params["a"]) == {"bytes": ["app.py:6"], "str": ["app.py:7"],
+                                     "Foo": ["app.py:9"]}
+    assert types_of(params["c"]) == {"int": ["app.py:9"]}
+
+
+@pytest.mark.parametrize("func", ["nothing_here", "lib.py:Foo", "lib.py:absent"])
+def test_names_that_name_no_function(project, capsys, func):
+    code, out, err = run(capsys, "params", func)
+    assert (code, out) == (cli.kExitFailed, "")
+    assert err.startswith("pysource: ")
+
+
+def test_show_of_a_function_lists_what_callers_pass(project, capsys):
+    code, out, _err = run(capsys, "show", "lib.py:helper")
+    assert code == 0
+    section = out[out.index("  callers pass:\n"):]
+    assert "      str  <- " in section and section.rstrip().endswith("float  <- " + str(
+        project / "app.py") + ":9")
+    code, out, _err = run(capsys, "show", "lib.py:Foo", "--json")
+    assert "callers_pass" not in json.loads(out)[0]
