@@ -24,14 +24,16 @@ Figures:
              how often they agree on the type names (type arguments and module
              qualifiers left out)
 
-A resolve has --seconds before its context calls it off; while the warm-up
-pass runs, the read being resolved is written to --progress, so that a crash
+A resolve has --seconds before its context calls it off; while the resolve
+passes run, the read being resolved is written to --progress, so that a crash
 or hang names the file, scope and name.
 """
 import argparse
 import ast
+import contextlib
 import faulthandler
 import gc
+import mmap
 import os
 import random
 import sys
@@ -47,6 +49,10 @@ import inferevalset  # noqa: E402
 kQuickFiles = 40
 kSeed = 20261123
 kGetKind = symbolinfo.GetInfoBytesKind(symbolinfo.kGetPrefix)
+# The watchdog's allowance: a warm-up resolve may run this many rounds of
+# scans, and anything may take this many seconds more than its deadline.
+kScanRounds = inferquery.kMaxScanRounds
+kSlack = 30.0
 
 
 # ---------------------------------------------------------------------------
@@ -55,11 +61,12 @@ kGetKind = symbolinfo.GetInfoBytesKind(symbolinfo.kGetPrefix)
 
 class CRead:
     """A name read in a scope of a file, at its first read's logical index."""
-    __slots__ = ("loc", "scope", "name", "index", "expr")
+    __slots__ = ("loc", "scope", "name", "index", "expr", "label")
 
     def __init__(self, loc, scope, name, index):
         self.loc, self.scope, self.name, self.index = loc, scope, name, index
         self.expr = symbolinfo.Scope(loc, scope).ExprIn(f"{name}:#{index}")
+        self.label = CProgress.label(self)
 
     def __str__(self):
         return f"{self.loc.fPath}: scope '{self.scope}' name '{self.name}' (logical {self.index})"
@@ -95,45 +102,55 @@ def name_reads(mgr, locs):
 
 
 class CProgress:
-    """The read being resolved, written where a crash or hang leaves it."""
+    """The read being resolved, kept in a file mapped into memory: a crash or
+    hang leaves it there, at the cost of one short copy per resolve."""
+    kSize = 512
 
     def __init__(self, path):
-        self.fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+        self.path = path
+        with open(path, "wb") as fh:
+            fh.write(b" " * self.kSize)
+        with open(path, "r+b") as fh:
+            self.map = mmap.mmap(fh.fileno(), self.kSize)
 
-    def note(self, read):
-        text = str(read).encode("utf-8", "replace")
-        os.ftruncate(self.fd, 0)
-        os.pwrite(self.fd, text + b"\n", 0)
+    @classmethod
+    def label(cls, read):
+        return str(read).encode("utf-8", "replace")[:cls.kSize - 1].ljust(cls.kSize - 1) + b"\n"
 
-    def close(self):
-        os.close(self.fd)
+    def note(self, label):
+        self.map[:] = label
+
+    @contextlib.contextmanager
+    def watched(self, seconds):
+        """Ends the process with a traceback when the block takes more than `seconds`."""
+        faulthandler.dump_traceback_later(seconds, exit=True)
+        try:
+            yield
+        finally:
+            faulthandler.cancel_dump_traceback_later()
 
 
-def warm_up(mgr, reads, seconds, progress_path):
+def warm_up(mgr, reads, seconds, progress):
     """Resolves every read, running the primary scans it asks for; returns
     the number of files scanned on the way."""
     before = len(mgr.fInfoCache.GetLocations())
-    progress = CProgress(progress_path)
-    faulthandler.enable()
-    try:
-        for read in reads:
-            progress.note(read)
-            faulthandler.dump_traceback_later(seconds * 20 + 10, exit=True)
+    for read in reads:
+        progress.note(read.label)
+        with progress.watched(seconds * kScanRounds + kSlack):
             inferquery._ResolveWithScans(mgr, read.expr, _fastaccess.GetNowTime() + seconds)
-    finally:
-        faulthandler.cancel_dump_traceback_later()
-        progress.close()
     return len(mgr.fInfoCache.GetLocations()) - before
 
 
-def resolve_all(mgr, reads, seconds):
+def resolve_all(mgr, reads, seconds, progress):
     """Resolves every read once, without scans; returns (non-empty,
     incomplete, (worst time, its read))."""
     engine = mgr.fInferenceEngine._fNativeEngine
     now, clock = _fastaccess.GetNowTime, time.perf_counter
     non_empty = incomplete = 0
     worst = (0.0, None)
+    note = progress.note
     for read in reads:
+        note(read.label)
         start = clock()
         ctx = engine.NewContext(now() + seconds, False)
         resolved = engine.ResolveToResult(read.expr, ctx).resolved
@@ -297,6 +314,7 @@ def main():
     parser.add_argument("--progress", default="/tmp/bench-infer-progress.txt",
                         help="where the warm-up pass writes the read it is resolving")
     args = parser.parse_args()
+    faulthandler.enable()
     if args.quick:
         args.files = args.files or kQuickFiles
         args.jedi = min(args.jedi, 50)
@@ -313,7 +331,9 @@ def main():
         inferquery.RunPrimaryScans(mgr, locs)
         reads = name_reads(mgr, locs)
         indexed = time.perf_counter()
-        scanned = warm_up(mgr, reads, args.seconds, args.progress)
+        progress = CProgress(args.progress)
+        print(f"(a crash or hang leaves the read being resolved in {progress.path})")
+        scanned = warm_up(mgr, reads, args.seconds, progress)
         warmed = time.perf_counter()
         print(f"off the clock: primary scans {indexed - start:.1f} s; warm-up pass (every read "
               f"resolved once, with the scans it asks for: {scanned} more files) {warmed - indexed:.1f} s")
@@ -326,7 +346,8 @@ def main():
                 rss_before = resident_kb("VmRSS")
                 reset_peak_resident()
             start = time.perf_counter()
-            non_empty, incomplete, round_worst = resolve_all(mgr, reads, args.seconds)
+            with progress.watched(kSlack + (warmed - indexed)):
+                non_empty, incomplete, round_worst = resolve_all(mgr, reads, args.seconds, progress)
             engine_best = min(engine_best, time.perf_counter() - start)
             worst = max(worst, round_worst, key=lambda w: w[0])
             if round_index == 0:
