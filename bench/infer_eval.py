@@ -71,7 +71,7 @@ def _Verify():
               f"{' | '.join(exp.expected)}, ran as {', '.join(o[0] for o in seen)}")
 
 
-def _JediText(name):
+def JediText(name):
     full = name.full_name or name.name
     if full.startswith("builtins."):
         full = full[len("builtins."):]
@@ -106,7 +106,7 @@ def _Jedi():
         except Exception as err:  # noqa: BLE001 - jedi's own faults are only reported
             disagreements.append((exp, f"jedi failed: {err}"))
             continue
-        got = sorted({inferevalset.Loose(_JediText(n)).replace(f"{module}.", "")
+        got = sorted({inferevalset.Loose(JediText(n)).replace(f"{module}.", "")
                       .replace("__main__.", "") for n in names})
         want = sorted({inferevalset.Loose(t) for t in exp.expected})
         if got == want:
