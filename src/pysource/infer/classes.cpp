@@ -455,7 +455,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             TypeMap bound;
             for (const nb::object &init : inits.Items()) {
                 si::CSingleResolvedInfo *i = Single(init);
-                if (!i->IsDef() || !OverloadAccepts(init, args))
+                if (!i->IsDef() || !OverloadAccepts(init, args, &kwargs))
                     continue;
                 si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
                 std::vector<Param> params = ParamsOf(def);
@@ -492,8 +492,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
         }
         if (!news.Empty()) {
             ValueSet made;
-            for (const nb::object &nw : SelectOverloads(news, args).Items())
-                if (OverloadAccepts(nw, args))
+            for (const nb::object &nw : SelectOverloads(news, args, &kwargs).Items())
+                if (OverloadAccepts(nw, args, &kwargs))
                     made.Merge(CallDef(nw, args, kwargs));
             if (!made.Empty())
                 return made;
@@ -645,8 +645,9 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
         ValueSet candidates;
         for (const nb::object &m : defs)
             candidates.Add(m);
-        for (const nb::object &m : SelectOverloads(candidates, args).Items())
-            if (OverloadAccepts(m, args))
+        const Keywords none;
+        for (const nb::object &m : SelectOverloads(candidates, args, &none).Items())
+            if (OverloadAccepts(m, args, &none))
                 out.Merge(CallDef(m, args, {}));
     }
     return out;
@@ -671,87 +672,106 @@ ValueSet CEvaluator::IterItems(const ValueSet &values) {
 // Whether the positional arguments fit a def's parameter hints, as far as
 // the hints name concrete classes.  Protocols and unresolved hints accept
 // anything; an int is good where a float or a complex is wanted.
-bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueSet> &args) {
+bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueSet> &args, const Keywords *kwargs) {
     si::CSingleResolvedInfo *d = Single(def_single);
     si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
     std::vector<Param> params = ParamsOf(def);
     std::size_t first = (d->IsBound() || (!d->fBoundTo.is_none())) && !params.empty() ? 1 : 0;
     std::size_t positional = 0;
-    for (std::size_t p = first; p < params.size(); ++p)
+    bool has_star = false, has_double_star = false;
+    for (std::size_t p = first; p < params.size(); ++p) {
         if (!params[p].star && !params[p].keyword_only)
             ++positional;
-    bool has_star = false;
-    for (const Param &p : params)
-        has_star = has_star || p.star == 1;
+        has_star = has_star || params[p].star == 1;
+        has_double_star = has_double_star || params[p].star == 2;
+    }
     if (args.size() > positional && !has_star)
         return false;
-    std::size_t required = 0;
-    for (std::size_t p = first; p < params.size(); ++p)
-        if (!params[p].star && !params[p].keyword_only && !params[p].has_default)
-            ++required;
-    if (args.size() < required)
+    auto given_by_keyword = [&](const std::string &name) {
+        if (kwargs)
+            for (const auto &[kw, values] : *kwargs)
+                if (kw == name)
+                    return true;
         return false;
+    };
+    std::size_t seen = 0;
+    for (std::size_t p = first; p < params.size(); ++p) {
+        const Param &param = params[p];
+        if (param.star || param.has_default)
+            continue;
+        bool by_position = !param.keyword_only && seen < args.size();
+        if (!param.keyword_only)
+            ++seen;
+        // A parameter nothing gives: when the keywords are known, no fit.
+        if (!by_position && kwargs && !given_by_keyword(param.name))
+            return false;
+    }
     nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
     for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
         const Param &param = params[p];
         if (param.star || param.keyword_only)
             break;
-        if (param.hint.empty() || args[a].Empty())
-            continue;
-        TypeMap any;
-        ValueSet wanted = ResolveHintText(def_scope, param.hint, &any);
-        if (wanted.Empty())
-            continue;
-        if (std::optional<bool> literal_fit = LiteralsFit(wanted, args[a])) {
-            if (!*literal_fit)
-                return false;
-            continue;
-        }
-        std::vector<nb::object> wanted_classes;
-        bool open = false;
-        for (const nb::object &w : wanted.Items()) {
-            nb::object wc = ClassOfInstance(w);
-            if (wc.is_none()) {
-                open = true;
-                continue;
-            }
-            wanted_classes.push_back(wc);
-        }
-        if (open)
-            continue;
-        bool fits = false;
-        for (const nb::object &v : args[a].Items()) {
-            nb::object vc = ClassOfInstance(v);
-            if (vc.is_none()) {
-                fits = true;
-                break;
-            }
-            for (const nb::object &wc : wanted_classes)
-                if (IsProtocolClass(wc) && ProtocolAccepts(wc, vc))
-                    fits = true;
-            if (fits)
-                break;
-            std::string_view vname = NameOf(Single(vc));
-            for (const MroEntry &e : Mro(vc, {})) {
-                for (const nb::object &wc : wanted_classes) {
-                    si::CSingleResolvedInfo *w = Single(wc);
-                    std::string_view wname = NameOf(w);
-                    if (SameClass(Single(e.cls), w) ||
-                        (w->loc.is(Single(vc)->loc) && ((wname == "float" && (vname == "int" || vname == "bool")) ||
-                                                        (wname == "complex" && (vname == "int" || vname == "float" ||
-                                                                                vname == "bool")))))
-                        fits = true;
-                }
-                if (fits)
-                    break;
-            }
-            if (fits)
-                break;
-        }
-        if (!fits)
+        if (!ValueFitsHint(def_scope, param.hint, args[a]))
             return false;
     }
+    if (kwargs)
+        for (const auto &[kw, values] : *kwargs) {
+            const Param *named = nullptr;
+            for (std::size_t p = first; p < params.size(); ++p)
+                if (params[p].name == kw && params[p].star == 0)
+                    named = &params[p];
+            if (!named) {
+                if (!has_double_star)
+                    return false;
+                continue;
+            }
+            if (!ValueFitsHint(def_scope, named->hint, values))
+                return false;
+        }
     return true;
+}
+
+// Whether a value may be passed where `hint` (read in `def_scope`) is
+// wanted, as far as the hint names classes, protocols or literal values.
+bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given) {
+    if (hint.empty() || given.Empty())
+        return true;
+    TypeMap any;
+    ValueSet wanted = ResolveHintText(def_scope, hint, &any);
+    if (wanted.Empty())
+        return true;
+    if (std::optional<bool> literal_fit = LiteralsFit(wanted, given))
+        return *literal_fit;
+    std::vector<nb::object> wanted_classes;
+    for (const nb::object &w : wanted.Items()) {
+        nb::object wc = ClassOfInstance(w);
+        if (wc.is_none())
+            return true;  // something the hint allows that isn't a class
+        wanted_classes.push_back(wc);
+    }
+    for (const nb::object &v : given.Items()) {
+        nb::object vc = ClassOfInstance(v);
+        if (vc.is_none())
+            return true;
+        for (const nb::object &wc : wanted_classes)
+            if (IsProtocolClass(wc) && ProtocolAccepts(wc, vc))
+                return true;
+        std::string_view vname = NameOf(Single(vc));
+        for (const MroEntry &e : Mro(vc, {}))
+            for (const nb::object &wc : wanted_classes) {
+                si::CSingleResolvedInfo *w = Single(wc);
+                std::string_view wname = NameOf(w);
+                if (SameClass(Single(e.cls), w))
+                    return true;
+                // The numeric tower: an int is good for a float, both for a complex.
+                bool builtin = w->loc.is(Single(vc)->loc);
+                if (builtin && wname == "float" && (vname == "int" || vname == "bool"))
+                    return true;
+                if (builtin && wname == "complex" && (vname == "int" || vname == "float" || vname == "bool"))
+                    return true;
+            }
+    }
+    return false;
 }
 
 }  // namespace pysource::infer
@@ -808,7 +828,8 @@ bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
 // Calls of overloaded defs take the first overload that fits the
 // arguments, as a type checker does; the implementation behind the
 // overloads of a source file is left out.
-ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args) {
+ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
+                                     const Keywords *kwargs) {
     ValueSet out;
     std::map<std::string, std::vector<std::pair<long, nb::object>>> groups;
     std::vector<std::string> order;
@@ -842,7 +863,7 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
                          [](const auto &a, const auto &b) { return a.first < b.first; });
         bool chosen = false;
         for (const auto &[index, def] : group)
-            if (OverloadAccepts(def, args)) {
+            if (OverloadAccepts(def, args, kwargs)) {
                 out.Add(def);
                 chosen = true;
                 break;

@@ -322,6 +322,7 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
     std::vector<std::pair<std::string, ValueSet>> kwargs;
     std::int32_t first_arg = -1;
     bool args_done = false;
+    bool keywords_known = true;
     auto arguments = [&]() {
         if (args_done)
             return;
@@ -332,9 +333,12 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
                 continue;
             const Node &k = tree.nodes[(std::size_t) kid];
             if (k.kind == NodeKind::kKeyword) {
+                if (k.aux < 0)
+                    keywords_known = false;  // **mapping
                 if (k.aux >= 0)
                     kwargs.emplace_back(std::string(TokText(tree, k.aux)), Eval(tree, tree.Kid(k, 0), frame));
             } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
+                keywords_known = false;
                 break;  // positions after *args are unknown
             } else {
                 args.push_back(Eval(tree, kid, frame));
@@ -399,7 +403,7 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
         arguments();
         calls.Add(callee);
     }
-    for (const nb::object &callee : SelectOverloads(calls, args).Items())
+    for (const nb::object &callee : SelectOverloads(calls, args, keywords_known ? &kwargs : nullptr).Items())
         out.Merge(CallValue(callee, args, kwargs, frame));
     return out;
 }

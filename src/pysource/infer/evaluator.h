@@ -189,9 +189,13 @@ private:
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     ValueSet IterItems(const ValueSet &values);
-    bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args);
+    // Keyword arguments of a call; a null pointer where they aren't known.
+    using Keywords = std::vector<std::pair<std::string, ValueSet>>;
+    bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
+    bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given);
     std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
-    ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args);
+    ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
+                             const Keywords *kwargs = nullptr);
     bool IsProtocolClass(nb::handle cls);
     bool ProtocolAccepts(nb::handle protocol, nb::handle cls);
 
