@@ -371,3 +371,10 @@ class TestFinalize:
         # A name only set and only hinted: the set loop enters it first.
         with pytest.raises(AssertionError):
             finalize({}, {"s": b"1"}, None, {"s": b"2"})
+
+    def test_maps_that_are_not_dicts_are_type_errors(self, mgr, tmp_path):
+        loc, _ = open_file(mgr, tmp_path, "x = 1\n")
+        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""))
+        with pytest.raises(TypeError, match="dict"):
+            scanner._AddToFirstDict("x", "x")
+        scanner.destroy()

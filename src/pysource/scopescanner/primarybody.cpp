@@ -307,6 +307,7 @@ void CSingleScopePrimaryScanner::AddPerName_(nb::handle name_dict, nb::handle na
 }
 
 void CSingleScopePrimaryScanner::AddToFirstDict_(nb::handle name, nb::handle first_dict) {
+    RequireDict(first_dict, "first_dict");
     nb::object key = AsStr(name);
     int contained = PyDict_Contains(first_dict.ptr(), key.ptr());
     if (contained < 0)

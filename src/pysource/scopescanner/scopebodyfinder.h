@@ -27,8 +27,6 @@ inline constexpr const char *kModuleScopeName = "";
 inline constexpr int kDecoratorTokenType = kTokAt;
 inline constexpr int kCommentTokenType = kTokComment;
 
-// The CLogicalLine behind `obj`, or a TypeError naming `what`.
-CLogicalLine *AsLogical(nb::handle obj, const char *what = "a logical");
 // The same, but None raises AttributeError for `attr`, as reading that
 // attribute of None would.
 CLogicalLine *RequireLogical(nb::handle obj, const char *attr);
