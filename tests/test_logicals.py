@@ -356,6 +356,13 @@ class TestCreateLogical:
         long = CreateLogical(toks=["'" + "é" * 100 + "'"])
         assert repr(long).endswith("...>") and "é" * 20 in repr(long)
 
+    def test_analyzer_fields_can_be_set_back_to_none(self):
+        l = logicals("def f(a): pass\n")[0]
+        for field in ("fParsed", "fTypeEquivs", "fArgTypeEquivs", "fLocalScopeName"):
+            setattr(l, field, [])
+            setattr(l, field, None)
+            assert getattr(l, field) is None
+
     def test_analyzer_fields_may_hold_cycles(self):
         l = CreateLogical(toks=["x"])
         l.fParsed = [l]

@@ -3,6 +3,8 @@ slices of any size, waiting for remote content, abandoned by a change, and the
 file's end marks (checksum, done mark, database write)."""
 
 import ast
+import gc
+import weakref
 
 import pytest
 
@@ -371,6 +373,52 @@ class TestChangeUnderTheScan:
         assert state is ss.kFinishedScanning
         assert scanner._fAllScopeNames == {"", "from_buffer|0"}
         scanner.destroy()
+
+
+class TestDroppedScanners:
+    """A scanner dropped without destroy() must be freed, also after its Scan
+    raised and also when it is part of a reference cycle."""
+
+    @staticmethod
+    def freed(make_and_drop):
+        ref = make_and_drop()
+        gc.collect()
+        return ref() is None
+
+    @pytest.mark.parametrize("make", [
+        lambda loc: ss.CWholeFilePrimaryScanner(loc, "primary"),
+        lambda loc: ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "")),
+    ], ids=["whole-file", "single-scope"])
+    def test_scan_that_raised(self, editor_mgr, tmp_path, make):
+        loc = local_file(tmp_path, "x = 1\n")
+        ana = editor_mgr.fCacheMgr.OpenAnalysis(loc)
+
+        def fail():
+            raise RuntimeError("read failed")
+
+        ana.UpdateFromCache = fail
+
+        def make_and_drop():
+            scanner = make(loc)
+            with pytest.raises(RuntimeError):
+                scanner.Scan(kForever)
+            return weakref.ref(scanner)
+
+        assert self.freed(make_and_drop)
+
+    def test_cycles_through_the_log_scope_and_scan_name(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\n")
+
+        class Holder:
+            pass
+
+        def make_and_drop():
+            scanner = ss.CWholeFilePrimaryScanner(loc, Holder())
+            scanner.fScanName.scanner = scanner
+            scanner._fLog.fReceiver = lambda *args, s=scanner: None
+            return weakref.ref(scanner)
+
+        assert self.freed(make_and_drop)
 
 
 class TestCorpus:

@@ -158,6 +158,8 @@ public:
     virtual nb::object GetLogicalCache_();
     virtual void CB_LogicalCacheModified_(nb::handle lline_cache, nb::handle delta);
     virtual void AbandonScan();
+    // "etherealized" of the analysis: the scan is abandoned.
+    void CB_AnalysisEtherealized_(nb::args);
     virtual nb::object GetMatchedDiskMTime();
     virtual CScopeStackItem_ *GetClsItemOfLeafMethod_(CLogicalLine *method_def);
     virtual bool IsScopeDefForClsName_(CLogicalLine *scope_def, nb::handle maybe_cls_name);

@@ -128,6 +128,7 @@ inline void BindPrimaryScanner(nb::module_ &m) {
              nb::arg("log").none() = nb::none())
         .def("Scan", &W::Scan, nb::arg("end_time"))
         .def("AbandonScan", &W::AbandonScan)
+        .def("_CB_AnalysisEtherealized", &W::CB_AnalysisEtherealized_)
         .def("GetMatchedDiskMTime", &W::GetMatchedDiskMTime)
         .def("_CB_LogicalCacheModified", &W::CB_LogicalCacheModified_, nb::arg("lline_cache"),
              nb::arg("delta"))

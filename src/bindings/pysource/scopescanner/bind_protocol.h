@@ -3,6 +3,7 @@
 #pragma once
 
 #include "bindutil.h"
+#include "pysource/scopescanner/fieldslots.h"
 #include "pysource/scopescanner/module_values.h"
 #include "pysource/scopescanner/protocol.h"
 
@@ -63,7 +64,7 @@ inline void BindScanners(nb::module_ &m, CModuleValues &values) {
 
     nb::class_<CScannerBase_, CScanner, PyCScannerBase_>(
         m, "_CScannerBase", bindutil::IntrusiveHolder<CScannerBase_>(),
-        nb::type_slots(bindutil::kDestroyableSlots))
+        nb::type_slots(kDestroyableFieldSlots<CScannerBase_>))
         .def(nb::init<nb::handle, nb::handle, nb::handle>(), nb::arg("scope").none(),
              nb::arg("scan_name").none(), nb::arg("log").none() = nb::none())
         .def("_SetScanState", &CScannerBase_::SetScanState_, nb::arg("state"))
