@@ -347,6 +347,7 @@ class TestParseTokenListToNode:
         assert node and node.kind == "Compare" and node.text == "sys.version_info>=(3, 8)"
         FinishedWithNode(node)
         assert node.finished and node.text == ""
+        FinishedWithNode(None)  # a logical never parsed has no node to free
 
     def test_statement_or_garbage_raises(self, analyzer):
         with pytest.raises(SyntaxError, match="at token 1"):

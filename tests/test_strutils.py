@@ -46,6 +46,8 @@ class TestAdjustUtf8Pos:
         # bytes at or past end_pos are never read: each counts as one step
         assert su.AdjustUtf8Pos(MIXED_UTF8, 6, -1, 5) == 5
         assert su.AdjustUtf8Pos(MIXED_UTF8, 6, -2, 5) == 3
+        # from before the text, the first step lands on its first character
+        assert su.AdjustUtf8Pos(b"abc", -5, 1, 3) == 0
 
     def test_end_outside_the_text_is_refused(self):
         with pytest.raises(ValueError):

@@ -73,6 +73,8 @@ inline Py_ssize_t AdjustUtf8Pos(utf8_ptr p, Py_ssize_t pos, Py_ssize_t diff, Py_
         return pos;
     }
     Py_ssize_t count = 0;
+    if (pos < -1)
+        pos = -1;  // from before the text: its first character is the first step
     while (true) {
         ++pos;
         if (pos >= end_pos)
