@@ -47,7 +47,10 @@ inline void BindScanStates(nb::module_ &m) {
 inline void BindScanners(nb::module_ &m, CModuleValues &values) {
     m.attr("_kNoValue") = kNoValue_.get();
     m.attr("_kNoValueLogical") = kNoValueLogical_.get();
-    values.Add(&ProtocolModuleValue);
+    values.Add(&ProtocolModuleValue,
+               {"kVerboseLogging", "kSaveLiteralText", "kMaxDerivedMergedKeys",
+                "kSpecializeGenericsFromArgs", "kLazyCalledArgEvaluation", "_gDbgScanStats",
+                "_gDbgSeenCalled", "_gDbgSeenArgs"});
 
     m.def("SetSpecializeGenericsFromArgs", &SetSpecializeGenericsFromArgs, nb::arg("enable"));
     m.def("SetLazyCalledArgEvaluation", &SetLazyCalledArgEvaluation, nb::arg("enable"));
