@@ -149,8 +149,8 @@ class TestSwitches:
         with pytest.raises(AttributeError):
             delattr(ss, name)
         assert getattr(ss, name) == before and name not in vars(ss)
-        ss._fuzz_note = 1  # other attributes are set as usual
-        del ss._fuzz_note
+        ss._note = 1  # other attributes are set as usual
+        del ss._note
 
     def test_unknown_module_attribute_is_an_attribute_error(self):
         with pytest.raises(AttributeError, match="kNoSuchSwitch"):
