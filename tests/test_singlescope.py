@@ -328,14 +328,16 @@ class TestDefinitionInfo:
         assert infos["E"].decorators == ["x.y"]
 
     def test_dotted_names_of_decorators(self, mgr, tmp_path):
-        loc, ana = open_file(mgr, tmp_path, "@a.b\n@c(1)\n@_\ndef f():\n    pass\n")
+        loc, ana = open_file(mgr, tmp_path,
+                             "@a.b\n@c(1)\n@_\n@_cache\n@__x._SpecialForm\ndef f():\n    pass\n")
         assert ana.UpdateFromCache()
         scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
         logicals = ana.fLogicalCache._fLogicalList
-        assert scanner._FindDecoratorDottedName(logicals[0]) == "a.b"
-        assert scanner._FindDecoratorDottedName(logicals[1]) is None
-        assert scanner._FindDecoratorDottedName(logicals[2]) == "_"
+        assert [scanner._FindDecoratorDottedName(l) for l in logicals[:5]] == [
+            "a.b", None, "_", "_cache", "__x._SpecialForm"]
         scanner.destroy()
+        assert si.UnpackDefInfoStr(scan(loc, "f").fInfo.ibytes).decorators == [
+            "__x._SpecialForm", "_cache", "_", "a.b"]
 
 
 class TestFinalize:

@@ -139,16 +139,12 @@ nb::bytes CSingleScopePrimaryScanner::GetInfoBytesForScopeDef_(nb::handle logica
 
 nb::object CSingleScopePrimaryScanner::FindDecoratorDottedName_(nb::handle logical_obj) {
     CLogicalLine &logical = *AsLogical(logical_obj);
+    // Names of any spelling (`_cache`, `__x`, letters of any script) and
+    // dots, after the `@`.
     std::string dotted;
-    for (nb::handle tok : logical.GetToks()) {
-        std::string_view text = TextOf(tok);
-        bool alpha_start = false;
-        if (!text.empty()) {
-            // The first character, which may be any letter of Unicode.
-            nb::object first = nb::str(text.data(), text.size())[0];
-            alpha_start = IsTrue(first.attr("isalpha")());
-        }
-        if (alpha_start || text == "_" || text == ".")
+    for (Py_ssize_t i = 0; i < logical.TokenCount(); i++) {
+        std::string_view text = logical.TokenText(i);
+        if (logical.TokenType(i) == kTokName || text == ".")
             dotted += text;
         else if (text != "@")
             return nb::none();  // not a plain dotted name
