@@ -68,6 +68,10 @@ INFO_CASES = [
     ("return\n", "return", [b"None"]),
     ("x = yield item\n", "return", [b"item"]),
     ("x = y + y + y\n", "y", [GET]),
+    ("(x): int\n", "x", []),
+    ("x = (yield).send\n", "x", [SET, b"(yield).send"]),
+    ("x = (yield y)[0]\n", "x", [SET, b"(yield y)[0]"]),
+    ("x = (yield from it).value\n", "x", [SET, b"(yield from it).value"]),  # a parenthesized name without a value binds nothing
 ]
 
 

@@ -569,6 +569,12 @@ void Collector::AnnAssign(std::int32_t node) {
     std::int32_t target = Kid(node, 0);
     std::int32_t value = Kid(node, 2);
     std::string hint = HintText(Kid(node, 1));
+    const Node &t = N(target);
+    if (value < 0 && t.kind == NodeKind::kName && (t.flags & kFlagParenthesized) != 0) {
+        // `(x): int` alone: a name in parentheses is no simple target, and
+        // without a value Python neither binds nor records it.
+        return;
+    }
     if (value >= 0) {
         Read(value);
         Bind(target, value, Text(value));
