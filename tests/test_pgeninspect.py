@@ -70,6 +70,10 @@ INFO_CASES = [
     ("x = y + y + y\n", "y", [GET]),
     ("(x): int\n", "x", []),
     ("x = (yield).send\n", "x", [SET, b"(yield).send"]),
+    # hint texts that would break an info string stand as quoted literals
+    ("x: 'List[int' = 1\n", "x", [SET, b"1", b":t'List[int'"]),
+    ("x: 'x; y' = 1\n", "x", [SET, b"1", b":t'x; y'"]),
+    ("x = 1  # type: List[int\n", "x", [SET, b"1", b":t'List[int'"]),
     ("x = (yield y)[0]\n", "x", [SET, b"(yield y)[0]"]),
     ("x = (yield from it).value\n", "x", [SET, b"(yield from it).value"]),  # a parenthesized name without a value binds nothing
 ]
