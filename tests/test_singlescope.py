@@ -266,6 +266,14 @@ class FakeAnalyzer:
 
 
 class TestWithFakeAnalyzer:
+    def test_argument_pairs_must_be_a_tuple(self, mgr, tmp_path):
+        mgr.fLogicalAnalyzer = FakeAnalyzer({"def": ([], [(b"a", si.kSetPrefix)], True)})
+        loc, _ = open_file(mgr, tmp_path, "def f(a):\n    pass\n")
+        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
+        with pytest.raises(TypeError, match="tuple of pairs"):
+            scan_to_end(scanner)
+        scanner.destroy()
+
     def test_first_in_def_and_kinds_folded(self, mgr, tmp_path):
         hint = si.kTypeHintPrefix + b"int"
         mgr.fLogicalAnalyzer = FakeAnalyzer({

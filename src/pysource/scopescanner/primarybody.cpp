@@ -36,12 +36,6 @@ bool StartsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
 }
 
-// The pairs of a logical's fTypeEquivs or fArgTypeEquivs; none for None.
-nb::handle PairsOrEmpty(nb::handle pairs) {
-    static nb::handle empty = nb::tuple().release();
-    return pairs.is_none() ? empty : pairs;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -74,7 +68,7 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
     if (def->fKind == LogicalKind::kClassDef) {
         // Calling a class gives an instance.
         AddPerName_(fTypeEquivs_, nb::str("return"), si::ToBytes(si::kInstancePrefix));
-        for (nb::handle pair : PairsOrEmpty(def->fArgTypeEquivs)) {
+        for (nb::handle pair : ArgPairs(def->fArgTypeEquivs)) {
             auto [name, istr] = PairOf(pair);
             AddPerName_(fTypeEquivs_, AsStr(name), istr);
         }
@@ -95,10 +89,7 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
 
     nb::object first_arg = nb::none();
     Py_ssize_t arg_i = 0;
-    nb::handle arg_pairs = def->fArgTypeEquivs;
-    if (!arg_pairs.is_none() && !PyTuple_Check(arg_pairs.ptr()) && !PyList_Check(arg_pairs.ptr()))
-        throw nb::type_error("fArgTypeEquivs must be a tuple of pairs or None");
-    for (nb::handle pair : PairsOrEmpty(arg_pairs)) {
+    for (nb::handle pair : ArgPairs(def->fArgTypeEquivs)) {
         auto [raw_name, istr] = PairOf(pair);
         nb::object name = AsStr(raw_name);
         si::Kind kind = KindOf(istr);
