@@ -354,6 +354,16 @@ nb::object CSingleScopePrimaryScanner::GetFirstLogicalFromBodyOfLogical_(nb::han
 // ---------------------------------------------------------------------------
 // Simple conditionals of stub files
 
+bool CSingleScopePrimaryScanner::HasBodyOnItsLine(const CLogicalLine &header) const {
+    // The builder splits `if c: x: int` into the header and a body logical
+    // that starts on the header's last line.
+    if (!PyList_Check(fBody.ptr()) || fLogicalIndex_ + 1 >= PyList_GET_SIZE(fBody.ptr()))
+        return false;
+    CLogicalLine *next = AsLogical(PyList_GET_ITEM(fBody.ptr(), fLogicalIndex_ + 1));
+    return next->fFirstLine == header.fFirstLine + header.fLineCount - 1 &&
+           next->fIndentLevel > header.fIndentLevel;
+}
+
 void CSingleScopePrimaryScanner::UpdateSimpleConditional_(nb::handle logical_obj) {
     if (!fPerFileInfo->fPyiFile)
         return;
@@ -378,7 +388,7 @@ void CSingleScopePrimaryScanner::UpdateSimpleConditional_(nb::handle logical_obj
             _fInSimpleConditional = nb::none();
     }
     Py_ssize_t count = logical.TokenCount();
-    if (count == 0 || logical.TokenText(count - 1) != ":")
+    if (count == 0 || logical.TokenText(count - 1) != ":" || HasBodyOnItsLine(logical))
         return;  // a one-line block isn't tracked
     nb::object condition;
     if (kind == LogicalKind::kElseBeginning) {

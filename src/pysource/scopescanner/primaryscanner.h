@@ -139,6 +139,9 @@ private:
     nb::dict HintsFromFunctionDef(nb::handle logical, nb::handle body0,
                                   Py_ssize_t comment_arg_shift);
     void FoldNameInfo(CLogicalLine &logical, nb::handle logical_i_bytes);
+    // Whether the body logical after `header` (at fLogicalIndex_ of fBody)
+    // shares its line: a one-line block.
+    bool HasBodyOnItsLine(const CLogicalLine &header) const;
     nb::object Analyzer() const;
 };
 
