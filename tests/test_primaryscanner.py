@@ -465,3 +465,40 @@ class TestCorpus:
             records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
             assert None not in records.values(), name
             scanner.destroy()
+
+
+class TestOverriddenSteps:
+    """A Python subclass that overrides a step of a scan is called for it, and
+    can hand on to the scanner's own step under the same name."""
+
+    def test_steps_of_both_scanners(self, editor_mgr, tmp_path):
+        calls = []
+
+        class Single(ss.CSingleScopePrimaryScanner):
+            def _FindDecoratorDottedName(self, logical):
+                calls.append("decorator")
+                return super()._FindDecoratorDottedName(logical)
+
+            def _CSingleScopePrimaryScanner__ScanBodyLogicals(self, end_time):
+                calls.append("body")
+                return super()._CSingleScopePrimaryScanner__ScanBodyLogicals(end_time)
+
+        class Whole(ss.CWholeFilePrimaryScanner):
+            def _CWholeFilePrimaryScanner__PrepareLogicalList(self, end_time):
+                calls.append("prepare")
+                return super()._CWholeFilePrimaryScanner__PrepareLogicalList(end_time)
+
+            def _ScanSingleStackItem(self, item, end_time):
+                calls.append(("item", item.scope_name))
+                return super()._ScanSingleStackItem(item, end_time)
+
+        loc = local_file(tmp_path, "@_cache\ndef f():\n    x = 1\n")
+        scanner = Whole(loc, editor_mgr.fPrimaryScanName)
+        assert scan_to_end(scanner)[0] is ss.kFinishedScanning
+        scanner.destroy()
+        assert calls == ["prepare", ("item", "f|0"), ("item", "")]
+        calls.clear()
+        single = Single(si.NormalizedScope(loc, "f"))
+        assert scan_to_end(single)[0] is ss.kFinishedScanning
+        single.destroy()
+        assert "decorator" in calls and "body" in calls
