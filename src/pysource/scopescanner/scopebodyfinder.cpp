@@ -44,7 +44,7 @@ void DeleteLast(nb::handle list) {
 
 nb::handle ModuleScopeNameText() {
     if (!gModuleScopeNameText.ptr())
-        gModuleScopeNameText.Set(nb::str(kModuleScopeName));
+        gModuleScopeNameText.Set(nb::str(kModuleScopeName.data(), kModuleScopeName.size()));
     return gModuleScopeNameText.get();
 }
 
