@@ -718,6 +718,8 @@ void CWholeFilePrimaryScanner::AbandonScan() {
 nb::object CWholeFilePrimaryScanner::GetMatchedDiskMTime() { return fPerFileInfo->fMatchedDiskMTime; }
 
 bool CWholeFilePrimaryScanner::ScanCompletedScopes_(double end_time) {
+    if (!_fBodyFinder)
+        RaiseAssertion("no scopes are completed before the logical list is prepared");
     nb::list completed = _fBodyFinder->fCompletedScopeList;
     while (PyList_GET_SIZE(completed.ptr()) != 0) {
         // The item lives until its scanner is through, across slices.
