@@ -174,6 +174,8 @@ class TestFindByte:
         assert su.BytesFindByte(b"a,b,c", ord(","), 2) == 3
         assert su.BytesFindByte(b"a,b,c", ord(","), 4) == -1
         assert su.BytesFindByte(b"ab\0c", 0, 0) == 2
+        # a byte is read as everywhere else: an int, or one character
+        assert su.BytesFindByte(b"a,b", b",", 0) == su.BytesFindByte(b"a,b", ",", 0) == 1
         raw = "aé".encode()  # a high byte counts as a signed char too
         assert su.BytesFindByte(raw, 0xA9, 0) == 2 and su.BytesFindByte(raw, 0xA9 - 256, 0) == 2
         assert su.PtrFindByte(b"a,b,c", 3, ord(","), 2) == -1  # length bounds the search
