@@ -1,4 +1,5 @@
 import gc
+import sys
 import weakref
 
 import pytest
@@ -134,3 +135,38 @@ def test_subclass_overrides_can_call_the_base_operations():
     obj.destroy()
     assert obj.calls == ["destroy", "impl"]
     assert obj.fDestroyed
+
+
+def test_handler_that_emits_its_own_signal_raises_recursion_error():
+    # A depth that plain Python code survives, far beyond what the native
+    # stack holds for emit cycles.
+    limit = sys.getrecursionlimit()
+    sys.setrecursionlimit(100_000)
+    try:
+        d = CDestroyable(("ping",))
+        d.connect("ping", lambda: d.emit("ping"))
+        with pytest.raises(RecursionError):
+            d.emit("ping")
+    finally:
+        sys.setrecursionlimit(limit)
+
+
+def test_method_connected_while_alive_does_not_keep_its_owner():
+    emitter = CDestroyable(("changed",))
+    calls = []
+
+    class Owner(CDestroyable):
+        def on_changed(self, value):
+            calls.append((self, value))
+
+    owner = Owner()
+    emitter.connect_while_alive("changed", owner.on_changed, owner)
+    emitter.emit("changed", 1)
+    assert calls == [(owner, 1)]
+    calls.clear()
+    ref = weakref.ref(owner)
+    del owner
+    gc.collect()
+    assert ref() is None
+    emitter.emit("changed", 2)
+    assert calls == []

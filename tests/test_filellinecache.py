@@ -142,6 +142,19 @@ class TestQueries:
         with pytest.raises(TypeError):
             flc.SetWordStore(3)
 
+    def test_a_list_holding_none_is_a_type_error(self, tmp_path):
+        cache, path = read_cache(tmp_path, "a = 1\nb = 2\n")
+        cache._fLogicalList = [cache._fLogicalList[0], None]
+        write(path, "a = 1\nc = 3\n", mtime=2_000_000)
+        flc.SetWordStore(lambda loc, words: None)
+        try:
+            for call in (lambda: cache._IndexForLineno(2), cache.SaveWordsToDb, cache.Update,
+                         lambda: flc.CollectWords([None])):
+                with pytest.raises(TypeError, match="CLogicalLine"):
+                    call()
+        finally:
+            flc.SetWordStore(None)
+
 
 class TestCommand:
     def run(self, *args):

@@ -118,6 +118,19 @@ class TestJoining:
                        (ll.kAssignment, 4, 2, "b"), (ll.kAssignment, 4, 3, "c"),
                        (ll.kAssignment, 4, 3, "d")]
 
+    def test_statements_of_one_line_hold_only_their_own_text(self):
+        def stored_chars(n):
+            line = "".join(f"v{i} = {i}; " for i in range(n)) + "\n"
+            return sum(len(l.fText) for l in logicals(line)) / len(line)
+
+        # Each statement keeps its own text, not the line up to it: the stored
+        # text stays proportional to the source as the line grows.
+        assert stored_chars(4000) < 1.5 and stored_chars(4000) < 1.1 * stored_chars(250)
+        src = "if a: b = 'é'; c = (1,\n  2); d = 3  # type: int\n"
+        got = [(l.fText, l.fPositions[0]) for l in logicals(src)]
+        assert got == [("if a:", (1, 0)), ("b = 'é'", (1, 6)), ("c = (1,\n  2)", (1, 15)),
+                       ("d = 3  # type: int", (2, 6))]
+
     def test_one_line_compound_statements_put_the_body_deeper(self):
         src = "def f(x): return x; pass\nclass C: pass\nif a: b = 1\nelse: c()\nx = 1\n"
         got = [(l.fType, l.fIndentLevel, l.fScopeName) for l in logicals(src)]
@@ -342,6 +355,13 @@ class TestCreateLogical:
         assert "expression" in repr(a) and "x" in repr(a)
         long = CreateLogical(toks=["'" + "é" * 100 + "'"])
         assert repr(long).endswith("...>") and "é" * 20 in repr(long)
+
+    def test_analyzer_fields_can_be_set_back_to_none(self):
+        l = logicals("def f(a): pass\n")[0]
+        for field in ("fParsed", "fTypeEquivs", "fArgTypeEquivs", "fLocalScopeName"):
+            setattr(l, field, [])
+            setattr(l, field, None)
+            assert getattr(l, field) is None
 
     def test_analyzer_fields_may_hold_cycles(self):
         l = CreateLogical(toks=["x"])

@@ -68,6 +68,14 @@ INFO_CASES = [
     ("return\n", "return", [b"None"]),
     ("x = yield item\n", "return", [b"item"]),
     ("x = y + y + y\n", "y", [GET]),
+    ("(x): int\n", "x", []),
+    ("x = (yield).send\n", "x", [SET, b"(yield).send"]),
+    # hint texts that would break an info string stand as quoted literals
+    ("x: 'List[int' = 1\n", "x", [SET, b"1", b":t'List[int'"]),
+    ("x: 'x; y' = 1\n", "x", [SET, b"1", b":t'x; y'"]),
+    ("x = 1  # type: List[int\n", "x", [SET, b"1", b":t'List[int'"]),
+    ("x = (yield y)[0]\n", "x", [SET, b"(yield y)[0]"]),
+    ("x = (yield from it).value\n", "x", [SET, b"(yield from it).value"]),  # a parenthesized name without a value binds nothing
 ]
 
 
@@ -347,6 +355,7 @@ class TestParseTokenListToNode:
         assert node and node.kind == "Compare" and node.text == "sys.version_info>=(3, 8)"
         FinishedWithNode(node)
         assert node.finished and node.text == ""
+        FinishedWithNode(None)  # a logical never parsed has no node to free
 
     def test_statement_or_garbage_raises(self, analyzer):
         with pytest.raises(SyntaxError, match="at token 1"):

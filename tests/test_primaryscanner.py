@@ -3,6 +3,8 @@ slices of any size, waiting for remote content, abandoned by a change, and the
 file's end marks (checksum, done mark, database write)."""
 
 import ast
+import gc
+import weakref
 
 import pytest
 
@@ -373,6 +375,52 @@ class TestChangeUnderTheScan:
         scanner.destroy()
 
 
+class TestDroppedScanners:
+    """A scanner dropped without destroy() must be freed, also after its Scan
+    raised and also when it is part of a reference cycle."""
+
+    @staticmethod
+    def freed(make_and_drop):
+        ref = make_and_drop()
+        gc.collect()
+        return ref() is None
+
+    @pytest.mark.parametrize("make", [
+        lambda loc: ss.CWholeFilePrimaryScanner(loc, "primary"),
+        lambda loc: ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "")),
+    ], ids=["whole-file", "single-scope"])
+    def test_scan_that_raised(self, editor_mgr, tmp_path, make):
+        loc = local_file(tmp_path, "x = 1\n")
+        ana = editor_mgr.fCacheMgr.OpenAnalysis(loc)
+
+        def fail():
+            raise RuntimeError("read failed")
+
+        ana.UpdateFromCache = fail
+
+        def make_and_drop():
+            scanner = make(loc)
+            with pytest.raises(RuntimeError):
+                scanner.Scan(kForever)
+            return weakref.ref(scanner)
+
+        assert self.freed(make_and_drop)
+
+    def test_cycles_through_the_log_scope_and_scan_name(self, mgr, tmp_path):
+        loc = local_file(tmp_path, "x = 1\n")
+
+        class Holder:
+            pass
+
+        def make_and_drop():
+            scanner = ss.CWholeFilePrimaryScanner(loc, Holder())
+            scanner.fScanName.scanner = scanner
+            scanner._fLog.fReceiver = lambda *args, s=scanner: None
+            return weakref.ref(scanner)
+
+        assert self.freed(make_and_drop)
+
+
 class TestCorpus:
     """Every def and class of real files gets its record, and records agree
     with the syntax tree on what each scope defines."""
@@ -417,3 +465,40 @@ class TestCorpus:
             records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
             assert None not in records.values(), name
             scanner.destroy()
+
+
+class TestOverriddenSteps:
+    """A Python subclass that overrides a step of a scan is called for it, and
+    can hand on to the scanner's own step under the same name."""
+
+    def test_steps_of_both_scanners(self, editor_mgr, tmp_path):
+        calls = []
+
+        class Single(ss.CSingleScopePrimaryScanner):
+            def _FindDecoratorDottedName(self, logical):
+                calls.append("decorator")
+                return super()._FindDecoratorDottedName(logical)
+
+            def _CSingleScopePrimaryScanner__ScanBodyLogicals(self, end_time):
+                calls.append("body")
+                return super()._CSingleScopePrimaryScanner__ScanBodyLogicals(end_time)
+
+        class Whole(ss.CWholeFilePrimaryScanner):
+            def _CWholeFilePrimaryScanner__PrepareLogicalList(self, end_time):
+                calls.append("prepare")
+                return super()._CWholeFilePrimaryScanner__PrepareLogicalList(end_time)
+
+            def _ScanSingleStackItem(self, item, end_time):
+                calls.append(("item", item.scope_name))
+                return super()._ScanSingleStackItem(item, end_time)
+
+        loc = local_file(tmp_path, "@_cache\ndef f():\n    x = 1\n")
+        scanner = Whole(loc, editor_mgr.fPrimaryScanName)
+        assert scan_to_end(scanner)[0] is ss.kFinishedScanning
+        scanner.destroy()
+        assert calls == ["prepare", ("item", "f|0"), ("item", "")]
+        calls.clear()
+        single = Single(si.NormalizedScope(loc, "f"))
+        assert scan_to_end(single)[0] is ss.kFinishedScanning
+        single.destroy()
+        assert "decorator" in calls and "body" in calls

@@ -138,6 +138,20 @@ class TestSwitches:
             ss.SetSpecializeGenericsFromArgs(False)
         assert ss.kLazyCalledArgEvaluation is True
 
+    @pytest.mark.parametrize("name", ["kVerboseLogging", "kSaveLiteralText",
+                                      "kMaxDerivedMergedKeys", "kSpecializeGenericsFromArgs",
+                                      "kLazyCalledArgEvaluation", "_gDbgScanStats"])
+    def test_switches_are_listed_and_read_only(self, name):
+        assert name in dir(ss)
+        before = getattr(ss, name)
+        with pytest.raises(AttributeError, match="read-only"):
+            setattr(ss, name, 12345)
+        with pytest.raises(AttributeError):
+            delattr(ss, name)
+        assert getattr(ss, name) == before and name not in vars(ss)
+        ss._note = 1  # other attributes are set as usual
+        del ss._note
+
     def test_unknown_module_attribute_is_an_attribute_error(self):
         with pytest.raises(AttributeError, match="kNoSuchSwitch"):
             ss.kNoSuchSwitch

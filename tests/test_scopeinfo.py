@@ -69,6 +69,7 @@ class TestRecord:
         info = primary_record(Scope(loc, "C"), {"x": b":s1"}, inst={"attr": b"str"})
         assert info.GetInfoBytes("x") == b":s1"
         assert info.GetInfoBytes(b"x") == b":s1"  # bytes names are read as UTF-8 text
+        assert info.GetInfoBytes("\uff58") == b":s1"  # folded as Python reads names
         assert info.GetInfoBytes("missing") is None
         assert info.GetInfoBytes("missing", b"dflt") == b"dflt"
         assert info.GetInfoBytes("attr") is None

@@ -266,6 +266,14 @@ class FakeAnalyzer:
 
 
 class TestWithFakeAnalyzer:
+    def test_argument_pairs_must_be_a_tuple(self, mgr, tmp_path):
+        mgr.fLogicalAnalyzer = FakeAnalyzer({"def": ([], [(b"a", si.kSetPrefix)], True)})
+        loc, _ = open_file(mgr, tmp_path, "def f(a):\n    pass\n")
+        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
+        with pytest.raises(TypeError, match="tuple of pairs"):
+            scan_to_end(scanner)
+        scanner.destroy()
+
     def test_first_in_def_and_kinds_folded(self, mgr, tmp_path):
         hint = si.kTypeHintPrefix + b"int"
         mgr.fLogicalAnalyzer = FakeAnalyzer({
@@ -328,14 +336,16 @@ class TestDefinitionInfo:
         assert infos["E"].decorators == ["x.y"]
 
     def test_dotted_names_of_decorators(self, mgr, tmp_path):
-        loc, ana = open_file(mgr, tmp_path, "@a.b\n@c(1)\n@_\ndef f():\n    pass\n")
+        loc, ana = open_file(mgr, tmp_path,
+                             "@a.b\n@c(1)\n@_\n@_cache\n@__x._SpecialForm\ndef f():\n    pass\n")
         assert ana.UpdateFromCache()
         scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
         logicals = ana.fLogicalCache._fLogicalList
-        assert scanner._FindDecoratorDottedName(logicals[0]) == "a.b"
-        assert scanner._FindDecoratorDottedName(logicals[1]) is None
-        assert scanner._FindDecoratorDottedName(logicals[2]) == "_"
+        assert [scanner._FindDecoratorDottedName(l) for l in logicals[:5]] == [
+            "a.b", None, "_", "_cache", "__x._SpecialForm"]
         scanner.destroy()
+        assert si.UnpackDefInfoStr(scan(loc, "f").fInfo.ibytes).decorators == [
+            "__x._SpecialForm", "_cache", "_", "a.b"]
 
 
 class TestFinalize:
@@ -371,3 +381,10 @@ class TestFinalize:
         # A name only set and only hinted: the set loop enters it first.
         with pytest.raises(AssertionError):
             finalize({}, {"s": b"1"}, None, {"s": b"2"})
+
+    def test_maps_that_are_not_dicts_are_type_errors(self, mgr, tmp_path):
+        loc, _ = open_file(mgr, tmp_path, "x = 1\n")
+        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""))
+        with pytest.raises(TypeError, match="dict"):
+            scanner._AddToFirstDict("x", "x")
+        scanner.destroy()

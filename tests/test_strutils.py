@@ -46,6 +46,8 @@ class TestAdjustUtf8Pos:
         # bytes at or past end_pos are never read: each counts as one step
         assert su.AdjustUtf8Pos(MIXED_UTF8, 6, -1, 5) == 5
         assert su.AdjustUtf8Pos(MIXED_UTF8, 6, -2, 5) == 3
+        # from before the text, the first step lands on its first character
+        assert su.AdjustUtf8Pos(b"abc", -5, 1, 3) == 0
 
     def test_end_outside_the_text_is_refused(self):
         with pytest.raises(ValueError):
@@ -172,6 +174,8 @@ class TestFindByte:
         assert su.BytesFindByte(b"a,b,c", ord(","), 2) == 3
         assert su.BytesFindByte(b"a,b,c", ord(","), 4) == -1
         assert su.BytesFindByte(b"ab\0c", 0, 0) == 2
+        # a byte is read as everywhere else: an int, or one character
+        assert su.BytesFindByte(b"a,b", b",", 0) == su.BytesFindByte(b"a,b", ",", 0) == 1
         raw = "aé".encode()  # a high byte counts as a signed char too
         assert su.BytesFindByte(raw, 0xA9, 0) == 2 and su.BytesFindByte(raw, 0xA9 - 256, 0) == 2
         assert su.PtrFindByte(b"a,b,c", 3, ord(","), 2) == -1  # length bounds the search

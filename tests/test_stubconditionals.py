@@ -76,8 +76,8 @@ class TestStubFile:
         # elif ends the chain
         ("a", ["sys.version_info>=(3,9)"]), ("b", []), ("c", []),
         ("h", ["hasattr(sys,'spam')"]),
-        # "if c: stmt" is split into the header and a deeper statement
-        ("one", ["sys.version_info>=(3,10)"]), ("after", []),
+        # a one-line block "if c: stmt" isn't tracked
+        ("one", []), ("after", []),
         ("semi", []),  # a semicolon is not simple
     ])
     def test_conditions_of_each_name(self, stub_names, name, expected):

@@ -1,4 +1,5 @@
 #include "basekit/destroyable.h"
+#include "basekit/stackguard.h"
 
 #include <nanobind/stl/string.h>
 
@@ -92,12 +93,19 @@ std::size_t CDestroyable::ConnectionCount(std::string_view signal) const {
 }
 
 std::uint64_t CDestroyable::AddConnection(std::string_view signal, nb::handle callback,
-                                          nb::handle owner) {
+                                          nb::handle owner, bool split_owner_method) {
     Signal &s = RequireSignal(signal);
     if (!PyCallable_Check(callback.ptr()))
         throw nb::type_error("connect: the callback is not callable");
     std::uint64_t id = gNextConnectionId++;
-    s.connections.push_back(Connection{id, nb::borrow(callback), WeakRefOrSelf(owner)});
+    Connection connection{id, nb::borrow(callback), WeakRefOrSelf(owner)};
+    if (split_owner_method && PyWeakref_Check(connection.owner_ref.ptr()) &&
+        nb::hasattr(callback, "__func__") &&
+        nb::getattr(callback, "__self__", nb::none()).is(owner)) {
+        connection.callback = callback.attr("__func__");
+        connection.call_with_owner = true;
+    }
+    s.connections.push_back(std::move(connection));
     return id;
 }
 
@@ -112,7 +120,7 @@ std::uint64_t CDestroyable::connect_while_alive(std::string_view signal, nb::han
         throw nb::type_error("connect_while_alive: the owner must be a CDestroyable");
     if (owner_obj->fDestroyed)
         throw nb::value_error("connect_while_alive: the owner is already destroyed");
-    std::uint64_t id = AddConnection(signal, callback, owner);
+    std::uint64_t id = AddConnection(signal, callback, owner, true);
     owner_obj->fOwnedLinks.push_back(OwnedLink{WeakRefOrSelf(SelfObject()), id});
     return id;
 }
@@ -135,20 +143,28 @@ void CDestroyable::emit(std::string_view signal, nb::handle args) {
         return;
     if (!PyTuple_Check(args.ptr()))
         throw nb::type_error("emit: the arguments must be a tuple");
+    // A handler may emit again, also this very signal.
+    CheckNativeStack("while emitting a signal");
     // Handlers may connect or disconnect while we run: call a snapshot, and
     // skip a handler that was disconnected by an earlier one.
-    std::vector<std::pair<std::uint64_t, nb::object>> snapshot;
-    snapshot.reserve(s.connections.size());
-    for (auto &c : s.connections)
-        snapshot.emplace_back(c.id, c.callback);
-    for (auto &[id, callback] : snapshot) {
+    std::vector<Connection> snapshot = s.connections;
+    for (const Connection &connection : snapshot) {
         Signal *current = FindSignal(signal);
         bool still_connected =
             current && std::any_of(current->connections.begin(), current->connections.end(),
-                                   [&](const Connection &c) { return c.id == id; });
+                                   [&](const Connection &c) { return c.id == connection.id; });
         if (!still_connected)
             continue;
-        PyObject *result = PyObject_Call(callback.ptr(), args.ptr(), nullptr);
+        nb::object call_args = nb::borrow(args);
+        if (connection.call_with_owner) {
+            nb::handle owner = Dereference(connection.owner_ref);
+            if (!owner.is_valid())
+                continue;  // the owner is gone, and its connection with it
+            call_args = nb::steal(PySequence_Concat(nb::make_tuple(owner).ptr(), args.ptr()));
+            if (!call_args.is_valid())
+                throw nb::python_error();
+        }
+        PyObject *result = PyObject_Call(connection.callback.ptr(), call_args.ptr(), nullptr);
         if (!result)
             throw nb::python_error();
         Py_DECREF(result);

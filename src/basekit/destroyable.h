@@ -59,6 +59,10 @@ private:
         std::uint64_t id;
         nb::object callback;
         nb::object owner_ref;  // a weak reference to the owner, or None
+        // The callback is a method of the owner, held as its function so that
+        // the connection doesn't keep the owner alive; called with the owner
+        // first while the owner lives.
+        bool call_with_owner = false;
     };
     struct Signal {
         std::string name;
@@ -73,7 +77,7 @@ private:
     const Signal *FindSignal(std::string_view name) const;
     Signal &RequireSignal(std::string_view name);
     std::uint64_t AddConnection(std::string_view signal, nb::handle callback,
-                                nb::handle owner);
+                                nb::handle owner, bool split_owner_method = false);
     void DropOwnedLinks();
 
     std::vector<Signal> fSignals;

@@ -16,4 +16,16 @@ namespace basekit {
 // learns the shared nanobind state from the first module that loads it.
 void InitCoreLibrary(nb::detail::nb_internals *module_internals);
 
+// Garbage-collector visit of a shared object held by `ref`: its Python object,
+// when it has one (the reference count then lives there, so `ref` holds a
+// reference to it).
+template <typename T>
+int VisitRef(const nb::ref<T> &ref, visitproc visit, void *arg) {
+    if (ref) {
+        if (PyObject *self = ref->self_py())
+            Py_VISIT(self);
+    }
+    return 0;
+}
+
 }  // namespace basekit

@@ -150,7 +150,7 @@ Py_ssize_t CFileLogicalLineCache::IndexForLineno_(Py_ssize_t lineno) const {
     Py_ssize_t lo = 0, hi = (Py_ssize_t) nb::len(_fLogicalList);
     while (lo < hi) {
         Py_ssize_t mid = (lo + hi) / 2;
-        const CLogicalLine *l = nb::cast<const CLogicalLine *>(_fLogicalList[mid]);
+        const CLogicalLine *l = AsLogical(_fLogicalList[mid], "a CLogicalLine in _fLogicalList");
         if (l->fFirstLine + l->fLineCount - 1 < lineno)
             lo = mid + 1;
         else
@@ -158,14 +158,14 @@ Py_ssize_t CFileLogicalLineCache::IndexForLineno_(Py_ssize_t lineno) const {
     }
     if (lo >= (Py_ssize_t) nb::len(_fLogicalList))
         return -1;
-    const CLogicalLine *l = nb::cast<const CLogicalLine *>(_fLogicalList[lo]);
+    const CLogicalLine *l = AsLogical(_fLogicalList[lo], "a CLogicalLine in _fLogicalList");
     return l->fFirstLine <= lineno ? lo : -1;
 }
 
 nb::set CollectWords(nb::handle logicals) {
     nb::set words;
     for (nb::handle item : logicals) {
-        const CLogicalLine *l = nb::cast<const CLogicalLine *>(item);
+        const CLogicalLine *l = AsLogical(item, "a CLogicalLine");
         for (Py_ssize_t i = 0; i < l->TokenCount(); i++) {
             if (l->TokenType(i) != kTokName)
                 continue;

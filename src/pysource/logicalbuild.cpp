@@ -244,6 +244,10 @@ private:
     void PlaceInScope(CLogicalLine &l);
     int ExpandedColumn(const ScannedToken &tok) const;
     Py_ssize_t CharacterColumn(const ScannedToken &tok) const;
+    Py_ssize_t CharacterCount(Py_ssize_t from, Py_ssize_t to) const;  // of fText[from:to]
+    // The character column of `end`, for a text that begins at `start`, in
+    // column `start_column` of its line.
+    Py_ssize_t EndColumn(Py_ssize_t start, Py_ssize_t start_column, Py_ssize_t end) const;
     void IndentChars(const ScannedToken &tok, bool *spaces, bool *tabs) const;
     TokenSpan Span(size_t b, size_t e) const {
         return TokenSpan{fText.data(), fSpanToks.data() + b, e - b};
@@ -257,8 +261,10 @@ private:
     std::vector<nb::ref<CLogicalLine>> fOut;
     bool fLineSpaces = false;
     bool fLineTabs = false;
-    Py_ssize_t fLastEmitStart = 0;  // offset in fText where the last logical's text starts
-    Py_ssize_t fLastEmitEnd = 0;    // and where it ends (its own text may hold folded names)
+    // Where the last logical ends in fText (its own text may hold folded
+    // names), and the character column of that place.
+    Py_ssize_t fLastEmitEnd = 0;
+    Py_ssize_t fLastEmitEndColumn = 0;
     ScannedToken fTypeComment;      // a `# type:` comment behind the current statement
     bool fHaveTypeComment = false;
 };
@@ -297,11 +303,26 @@ int LogicalBuilder::ExpandedColumn(const ScannedToken &tok) const {
 }
 
 Py_ssize_t LogicalBuilder::CharacterColumn(const ScannedToken &tok) const {
-    Py_ssize_t col = 0;
-    for (Py_ssize_t i = tok.LineStart(); i < tok.offset; i++)
+    return CharacterCount(tok.LineStart(), tok.offset);
+}
+
+Py_ssize_t LogicalBuilder::CharacterCount(Py_ssize_t from, Py_ssize_t to) const {
+    Py_ssize_t count = 0;
+    for (Py_ssize_t i = from; i < to; i++)
         if (((unsigned char) fText[(size_t) i] & 0xC0) != 0x80)
-            col++;
-    return col;
+            count++;
+    return count;
+}
+
+Py_ssize_t LogicalBuilder::EndColumn(Py_ssize_t start, Py_ssize_t start_column,
+                                     Py_ssize_t end) const {
+    // Only the text from `start` is looked at, so that each statement of a
+    // long line costs its own length.
+    Py_ssize_t line_start = end;
+    while (line_start > start && fText[(size_t) line_start - 1] != '\n' &&
+           fText[(size_t) line_start - 1] != '\r')
+        line_start--;
+    return (line_start == start ? start_column : 0) + CharacterCount(line_start, end);
 }
 
 void LogicalBuilder::IndentChars(const ScannedToken &tok, bool *spaces, bool *tabs) const {
@@ -357,10 +378,18 @@ void LogicalBuilder::Emit(size_t b, size_t e, int indent, LogicalKind kind) {
     const ScannedToken &last = fPending[e - 1];
     Py_ssize_t start = first.LineStart();
     Py_ssize_t end = last.offset + last.length;
+    Py_ssize_t column = 0;
+    if (fLastEmitEnd > start && fLastEmitEnd <= first.offset) {
+        // Another statement of this physical line came first: begin at this
+        // one's first token rather than repeating the line up to it.
+        column = fLastEmitEndColumn + CharacterCount(fLastEmitEnd, first.offset);
+        start = first.offset;
+    }
     nb::ref<CLogicalLine> logical = new CLogicalLine();
     CLogicalLine &l = *logical;
-    fLastEmitStart = start;
     fLastEmitEnd = end;
+    fLastEmitEndColumn = EndColumn(start, column, end);
+    l.fTextColumn = column;
     l.fText.assign(fText.data() + start, (size_t) (end - start));
     l.fTokens.reserve(e - b);
     for (size_t i = b; i < e; i++)
@@ -561,7 +590,8 @@ bool SameLogical(const CLogicalLine &a, const CLogicalLine &b) {
     if (a.fKind != b.fKind || a.fFirstLine != b.fFirstLine || a.fLineCount != b.fLineCount ||
         a.fIndentLevel != b.fIndentLevel || a.fIncomplete != b.fIncomplete ||
         a.fSpacesInIndent != b.fSpacesInIndent || a.fTabsInIndent != b.fTabsInIndent ||
-        a.fText != b.fText || a.fTokens.size() != b.fTokens.size())
+        a.fTextColumn != b.fTextColumn || a.fText != b.fText ||
+        a.fTokens.size() != b.fTokens.size())
         return false;
     auto equal = [](const nb::object &x, const nb::object &y) {
         int r = PyObject_RichCompareBool(x.ptr(), y.ptr(), Py_EQ);
@@ -578,7 +608,7 @@ nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogica
     size_t old_n = nb::len(old);
     size_t same = 0;
     while (same < old_n && same < fresh.size()) {
-        CLogicalLine *prior = nb::cast<CLogicalLine *>(old[same]);
+        CLogicalLine *prior = AsLogical(old[same], "a CLogicalLine in the held list");
         if (!SameLogical(*prior, *fresh[same]))
             break;
         same++;

@@ -1,5 +1,6 @@
 #include "pysource/logicalline.h"
 
+#include "pysource/instptr.h"
 #include "pysource/srctokenizer.h"
 
 #include <nanobind/stl/string.h>
@@ -375,7 +376,7 @@ nb::object CLogicalLine::GetPositions() {
         return fPositionsGiven;
     nb::list out;
     Py_ssize_t line = fFirstLine;
-    Py_ssize_t col = 0;
+    Py_ssize_t col = fTextColumn;
     size_t pos = 0;
     for (const Token &t : fTokens) {
         for (; pos < t.offset && pos < fText.size(); pos++) {
@@ -539,6 +540,10 @@ nb::ref<CLogicalLine> CreateLogical(int indent, Py_ssize_t start_line, Py_ssize_
         l.fLocalScopeName = LeafWithScopeIndex(l.TokenText(name_i), 0);
     }
     return logical;
+}
+
+CLogicalLine *AsLogical(nb::handle obj, const char *what) {
+    return &InstRef<CLogicalLine>(obj, what);
 }
 
 }  // namespace pysource

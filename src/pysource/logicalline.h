@@ -143,6 +143,11 @@ public:
 
     // Token storage: token texts are slices of fText.
     std::string fText;           // UTF-8 text the tokens point into (the logical's source text)
+    // Character column on fFirstLine where fText begins: 0 when it holds the
+    // whole first line; a statement behind another on the same physical line
+    // (after `;` or a header's colon) begins at its own first token, so that
+    // a line of N statements costs memory linear in N.
+    Py_ssize_t fTextColumn = 0;
     std::vector<Token> fTokens;
 
     Py_ssize_t TokenCount() const { return (Py_ssize_t) fTokens.size(); }
@@ -176,6 +181,10 @@ public:
 private:
     nb::object fToksCache;
 };
+
+// The CLogicalLine behind `obj` (a list item or field Python may have set to
+// anything), or a TypeError naming `what`.
+CLogicalLine *AsLogical(nb::handle obj, const char *what = "a logical");
 
 // Makes a logical from its parts, as CreateLogical of pysource.logicalline:
 // `toks` is a sequence of token texts; `ttypes` their types or None (then they

@@ -113,4 +113,25 @@ bool IsBalancedText(std::string_view text) {
     return nesting == 0;
 }
 
+std::string PayloadSafeText(std::string_view text) {
+    if (IsBalancedText(text) && NonNestedFind(text, ";") < 0)
+        return std::string(text);
+    std::string quoted = "'";
+    for (char c : text) {
+        if (c == '\\' || c == '\'')
+            quoted += '\\';
+        if (c == '\n') {
+            quoted += "\\n";
+            continue;
+        }
+        if (c == '\r') {
+            quoted += "\\r";
+            continue;
+        }
+        quoted += c;
+    }
+    quoted += '\'';
+    return quoted;
+}
+
 }  // namespace pysource::symbolinfo

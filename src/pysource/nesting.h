@@ -77,4 +77,9 @@ std::ptrdiff_t MatchingBracket(std::string_view text, std::ptrdiff_t open_pos);
 // can stand inside an info string payload as it is.
 bool IsBalancedText(std::string_view text);
 
+// `text` made fit to stand as one payload of an info string whatever it holds
+// (it may come from a string annotation or a comment): itself when balanced
+// and free of a level-zero `;`, else a quoted string literal of it.
+std::string PayloadSafeText(std::string_view text);
+
 }  // namespace pysource::symbolinfo

@@ -98,9 +98,11 @@ std::string CParseNode::Text() const {
     return fRoot < 0 ? std::string() : fTree.NodeText(fRoot);
 }
 
-void FinishedWithNode(CParseNode &node) {
-    node.fTree.Clear();
-    node.fRoot = -1;
+void FinishedWithNode(CParseNode *node) {
+    if (!node)
+        return;  // a logical that was never parsed
+    node->fTree.Clear();
+    node->fRoot = -1;
 }
 
 void CPGenAnalyzer::AddToken(pgen::Tree &tree, std::string_view text, std::int32_t index) {

@@ -61,7 +61,8 @@ private:
     void LoadTokenList(pgen::Tree &tree, nb::handle tok_list);
 };
 
-// Releases what a parse node holds; the node is unusable afterwards.
-void FinishedWithNode(CParseNode &node);
+// Releases what a parse node holds; the node is unusable afterwards.  A null
+// node (None: a logical never parsed) is accepted.
+void FinishedWithNode(CParseNode *node);
 
 }  // namespace pysource

@@ -5,12 +5,24 @@
 #include <algorithm>
 #include <vector>
 
+#include "pysource/namefold.h"
 #include "pysource/nesting.h"
 #include "pysource/packedops.h"
 #include "pysource/pytext.h"
 #include "pysource/symbolinfo.h"
 
 namespace pysource {
+
+nb::object FoldedKeyName(nb::handle name) {
+    Py_ssize_t size = 0;
+    const char *utf8 = PyUnicode_AsUTF8AndSize(name.ptr(), &size);
+    if (!utf8)
+        throw nb::python_error();
+    std::optional<std::string> folded = FoldedIdentifier(std::string_view(utf8, (size_t) size));
+    if (!folded)
+        return nb::borrow(name);
+    return nb::str(folded->data(), folded->size());
+}
 
 nb::handle EmptyFrozenset() {
     // The vocabulary's shared empty frozenset, so that there is one in the

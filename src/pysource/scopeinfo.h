@@ -55,6 +55,10 @@ private:
     Py_hash_t fHash;
 };
 
+// The form of a non-ASCII name as the keys of a record hold it (NFKC, as
+// Python reads identifiers).
+nb::object FoldedKeyName(nb::handle name);
+
 class CScopeInfo : public nb::intrusive_base {
 public:
     // `ibytes`: what the scope itself is (bytes).  `disk_mtime`: a number,
@@ -126,6 +130,8 @@ inline PyObject *CScopeInfo::LookupInfoBytes(PyObject *name_str, bool inst) cons
 inline nb::object CScopeInfo::GetInfoBytes(nb::handle name, nb::handle dflt, bool inst) const {
     nb::object key_text =
         PyUnicode_CheckExact(name.ptr()) ? nb::borrow(name) : nb::object(symbolinfo::AsStr(name, "name"));
+    if (!PyUnicode_IS_ASCII(key_text.ptr()))
+        key_text = FoldedKeyName(key_text);
     PyObject *value = LookupInfoBytes(key_text.ptr(), inst);
     return value ? nb::borrow(value) : nb::borrow(dflt);
 }

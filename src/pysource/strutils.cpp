@@ -1,5 +1,7 @@
 #include "pysource/strutils.h"
 
+#include "pysource/fastaccess.h"
+
 #include <string>
 
 namespace pysource {
@@ -167,12 +169,6 @@ Utf8Buffer CheckedBuffer(nb::handle text, Py_ssize_t end_pos) {
     return buf;
 }
 
-signed char ByteArg(int c) {
-    if (c < -128 || c > 255)
-        throw nb::value_error(("byte value out of range: " + std::to_string(c)).c_str());
-    return (signed char) c;
-}
-
 }  // namespace
 
 nb::bytes GetUtf8Ptr(nb::handle u) {
@@ -209,20 +205,22 @@ bool IsIdentifierCharAtUtf8Pos(nb::handle text, Py_ssize_t pos, Py_ssize_t end_p
                                                initial);
 }
 
-Py_ssize_t PtrFindByte(nb::handle text, Py_ssize_t length, int c, Py_ssize_t start) {
+Py_ssize_t PtrFindByte(nb::handle text, Py_ssize_t length, nb::handle c, Py_ssize_t start) {
     Utf8Buffer buf = GetUtf8Buffer(text);
     if (length > buf.len)
         throw nb::value_error(("length " + std::to_string(length) +
                                " past the end of the text of length " + std::to_string(buf.len))
                                   .c_str());
-    return pysource::PtrFindByte(buf.ptr, length, ByteArg(c), start);
+    return pysource::PtrFindByte(buf.ptr, length, fastaccess_py::CharArg(c), start);
 }
 
-Py_ssize_t BytesFindByte(nb::handle b, int c, Py_ssize_t start) {
-    return pysource::BytesFindByte(b, ByteArg(c), start);
+Py_ssize_t BytesFindByte(nb::handle b, nb::handle c, Py_ssize_t start) {
+    return pysource::BytesFindByte(b, fastaccess_py::CharArg(c), start);
 }
 
-bool IsUtf8LeadByte(int c) { return pysource::IsUtf8LeadByte((unsigned char) ByteArg(c)); }
+bool IsUtf8LeadByte(nb::handle c) {
+    return pysource::IsUtf8LeadByte((unsigned char) fastaccess_py::CharArg(c));
+}
 
 }  // namespace strutils_py
 

@@ -73,6 +73,8 @@ inline Py_ssize_t AdjustUtf8Pos(utf8_ptr p, Py_ssize_t pos, Py_ssize_t diff, Py_
         return pos;
     }
     Py_ssize_t count = 0;
+    if (pos < -1)
+        pos = -1;  // from before the text: its first character is the first step
     while (true) {
         ++pos;
         if (pos >= end_pos)
@@ -230,9 +232,10 @@ bool IsSpaceAtUtf8Pos(nb::handle text, Py_ssize_t pos, Py_ssize_t end_pos);
 bool IsDigitAtUtf8Pos(nb::handle text, Py_ssize_t pos, Py_ssize_t end_pos);
 bool IsAlnumAtUtf8Pos(nb::handle text, Py_ssize_t pos, Py_ssize_t end_pos);
 bool IsIdentifierCharAtUtf8Pos(nb::handle text, Py_ssize_t pos, Py_ssize_t end_pos, bool initial);
-Py_ssize_t PtrFindByte(nb::handle text, Py_ssize_t length, int c, Py_ssize_t start);
-Py_ssize_t BytesFindByte(nb::handle b, int c, Py_ssize_t start);
-bool IsUtf8LeadByte(int c);
+// `c`: a byte as fastaccess's CharArg reads it.
+Py_ssize_t PtrFindByte(nb::handle text, Py_ssize_t length, nb::handle c, Py_ssize_t start);
+Py_ssize_t BytesFindByte(nb::handle b, nb::handle c, Py_ssize_t start);
+bool IsUtf8LeadByte(nb::handle c);
 
 }  // namespace strutils_py
 

@@ -61,13 +61,17 @@ NB_MODULE(logicalline, m) {
         .def_prop_rw("fScopeName", [](const CLogicalLine &l) { return l.fScopeName; },
                      [](CLogicalLine &l, nb::object v) { l.fScopeName = v; })
         .def_prop_rw("fLocalScopeName", [](const CLogicalLine &l) { return l.fLocalScopeName; },
-                     [](CLogicalLine &l, nb::object v) { l.fLocalScopeName = v; })
+                     [](CLogicalLine &l, nb::object v) { l.fLocalScopeName = v; },
+                     nb::for_setter(nb::arg("value").none()))
         .def_prop_rw("fParsed", [](const CLogicalLine &l) { return l.fParsed; },
-                     [](CLogicalLine &l, nb::object v) { l.fParsed = v; })
+                     [](CLogicalLine &l, nb::object v) { l.fParsed = v; },
+                     nb::for_setter(nb::arg("value").none()))
         .def_prop_rw("fTypeEquivs", [](const CLogicalLine &l) { return l.fTypeEquivs; },
-                     [](CLogicalLine &l, nb::object v) { l.fTypeEquivs = v; })
+                     [](CLogicalLine &l, nb::object v) { l.fTypeEquivs = v; },
+                     nb::for_setter(nb::arg("value").none()))
         .def_prop_rw("fArgTypeEquivs", [](const CLogicalLine &l) { return l.fArgTypeEquivs; },
-                     [](CLogicalLine &l, nb::object v) { l.fArgTypeEquivs = v; })
+                     [](CLogicalLine &l, nb::object v) { l.fArgTypeEquivs = v; },
+                     nb::for_setter(nb::arg("value").none()))
         .def_prop_ro("fTokenTypes",
                      [](const CLogicalLine &l) {
                          nb::list out;
@@ -76,6 +80,7 @@ NB_MODULE(logicalline, m) {
                          return out;
                      })
         .def_prop_ro("fPositions", &CLogicalLine::GetPositions)
+        .def_ro("fTextColumn", &CLogicalLine::fTextColumn)
         .def_prop_ro("fText", [](const CLogicalLine &l) {
             return nb::str(l.fText.data(), l.fText.size());
         })

@@ -26,5 +26,5 @@ NB_MODULE(pgeninspect, m) {
         .def("ParseTokenListToNode", &CPGenAnalyzer::ParseTokenListToNode, nb::arg("tok_list"),
              nb::arg("flag"));
 
-    m.def("FinishedWithNode", &pysource::FinishedWithNode, nb::arg("node"));
+    m.def("FinishedWithNode", &pysource::FinishedWithNode, nb::arg("node").none());
 }

@@ -1,6 +1,7 @@
 #include "pysource/pgeninspect/names.h"
 
 #include "pysource/infokinds.h"
+#include "pysource/nesting.h"
 #include "pysource/packedops.h"
 #include "pysource/pgeninspect/lexer.h"
 #include "pysource/pgeninspect/parser.h"
@@ -99,9 +100,12 @@ private:
 
     // Hints
     std::string HintText(std::int32_t annotation);
-    void Hint(std::string_view name, std::string_view hint) {
-        Add(name, Cat({sym::kTypeHintPrefix, hint}));
+    // Hint texts may come from string annotations and type comments, which
+    // can hold anything: they are made payload-safe.
+    static std::string HintInfo(std::string_view hint) {
+        return Cat({sym::kTypeHintPrefix, sym::PayloadSafeText(hint)});
     }
+    void Hint(std::string_view name, std::string_view hint) { Add(name, HintInfo(hint)); }
     std::int32_t ParseTypeComment();
     struct Signature {
         std::vector<std::string> args;  // a hint per argument, "" for none
@@ -510,9 +514,9 @@ void Collector::SignatureComment() {
     for (size_t i = 0; i < signature.args.size(); ++i)
         if (!signature.args[i].empty())
             Add(sym::BuildArgInfo((long long) i, std::nullopt),
-                Cat({sym::kTypeHintPrefix, signature.args[i]}));
+                HintInfo(signature.args[i]));
     if (!signature.return_hint.empty())
-        Add("return", Cat({sym::kTypeHintPrefix, signature.return_hint}));
+        Add("return", HintInfo(signature.return_hint));
 }
 
 void Collector::DefSignatureComment(std::int32_t params) {
@@ -531,10 +535,10 @@ void Collector::DefSignatureComment(std::int32_t params) {
     for (size_t i = 0; i < signature.args.size(); ++i) {
         std::int32_t param = Kid(params, (std::int32_t) (i + skip));
         if (Kid(param, 0) < 0 && !signature.args[i].empty())
-            AddArg(TokText(N(param).aux), Cat({sym::kTypeHintPrefix, signature.args[i]}));
+            AddArg(TokText(N(param).aux), HintInfo(signature.args[i]));
     }
     if (!signature.return_hint.empty())
-        AddArg("return", Cat({sym::kTypeHintPrefix, signature.return_hint}));
+        AddArg("return", HintInfo(signature.return_hint));
 }
 
 // ---------------------------------------------------------------- statements
@@ -569,6 +573,12 @@ void Collector::AnnAssign(std::int32_t node) {
     std::int32_t target = Kid(node, 0);
     std::int32_t value = Kid(node, 2);
     std::string hint = HintText(Kid(node, 1));
+    const Node &t = N(target);
+    if (value < 0 && t.kind == NodeKind::kName && (t.flags & kFlagParenthesized) != 0) {
+        // `(x): int` alone: a name in parentheses is no simple target, and
+        // without a value Python neither binds nor records it.
+        return;
+    }
     if (value >= 0) {
         Read(value);
         Bind(target, value, Text(value));
@@ -738,7 +748,7 @@ void Collector::Def(std::int32_t node) {
                 hint = Cat({"tuple[", hint, ", ...]"});
             else if (pn.param_kind == kVarKeywords)
                 hint = Cat({"dict[str, ", hint, "]"});
-            AddArg(name, Cat({sym::kTypeHintPrefix, hint}));
+            AddArg(name, HintInfo(hint));
         }
         if (deflt >= 0)
             AddArg(name, Text(deflt));

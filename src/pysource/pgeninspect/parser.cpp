@@ -1326,29 +1326,30 @@ std::int32_t Parser::ParseParenthesized() {
     if (Accept(")")) {
         return Leaf(NodeKind::kTuple, begin);
     }
-    if (At("yield")) {
-        std::int32_t node = ParseYield();
-        Expect(")", "expected ')'");
-        return node;
-    }
-    std::int32_t first = ParseStarNamedExpression();
     std::int32_t node;
-    if (AtComprehension()) {
-        size_t mark = scratch_.size();
-        Push(first);
-        ParseComprehensions();
-        Expect(")", "expected ')'");
-        return NewNode(NodeKind::kGenExp, begin, mark);
-    }
-    if (At(",")) {
-        node = ParseItemsAfter(begin, first, NodeKind::kTuple,
-                               [this] { return ParseStarNamedExpression(); });
-        Expect(")", "expected ')'");
-        t_.nodes[(size_t) node].tok_end = pos_;
-        return node;
+    if (At("yield")) {
+        // A yield in parentheses, like any parenthesized expression, keeps
+        // them in its text: `(yield).send` must stay balanced.
+        node = ParseYield();
+    } else {
+        std::int32_t first = ParseStarNamedExpression();
+        if (AtComprehension()) {
+            size_t mark = scratch_.size();
+            Push(first);
+            ParseComprehensions();
+            Expect(")", "expected ')'");
+            return NewNode(NodeKind::kGenExp, begin, mark);
+        }
+        if (At(",")) {
+            node = ParseItemsAfter(begin, first, NodeKind::kTuple,
+                                   [this] { return ParseStarNamedExpression(); });
+            Expect(")", "expected ')'");
+            t_.nodes[(size_t) node].tok_end = pos_;
+            return node;
+        }
+        node = first;
     }
     Expect(")", "expected ')'");
-    node = first;
     Node &n = t_.nodes[(size_t) node];
     n.flags |= kFlagParenthesized;
     n.tok_begin = begin;

@@ -36,12 +36,6 @@ bool StartsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
 }
 
-// The pairs of a logical's fTypeEquivs or fArgTypeEquivs; none for None.
-nb::handle PairsOrEmpty(nb::handle pairs) {
-    static nb::handle empty = nb::tuple().release();
-    return pairs.is_none() ? empty : pairs;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -74,7 +68,7 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
     if (def->fKind == LogicalKind::kClassDef) {
         // Calling a class gives an instance.
         AddPerName_(fTypeEquivs_, nb::str("return"), si::ToBytes(si::kInstancePrefix));
-        for (nb::handle pair : PairsOrEmpty(def->fArgTypeEquivs)) {
+        for (nb::handle pair : ArgPairs(def->fArgTypeEquivs)) {
             auto [name, istr] = PairOf(pair);
             AddPerName_(fTypeEquivs_, AsStr(name), istr);
         }
@@ -95,10 +89,7 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
 
     nb::object first_arg = nb::none();
     Py_ssize_t arg_i = 0;
-    nb::handle arg_pairs = def->fArgTypeEquivs;
-    if (!arg_pairs.is_none() && !PyTuple_Check(arg_pairs.ptr()) && !PyList_Check(arg_pairs.ptr()))
-        throw nb::type_error("fArgTypeEquivs must be a tuple of pairs or None");
-    for (nb::handle pair : PairsOrEmpty(arg_pairs)) {
+    for (nb::handle pair : ArgPairs(def->fArgTypeEquivs)) {
         auto [raw_name, istr] = PairOf(pair);
         nb::object name = AsStr(raw_name);
         si::Kind kind = KindOf(istr);
@@ -307,6 +298,7 @@ void CSingleScopePrimaryScanner::AddPerName_(nb::handle name_dict, nb::handle na
 }
 
 void CSingleScopePrimaryScanner::AddToFirstDict_(nb::handle name, nb::handle first_dict) {
+    RequireDict(first_dict, "first_dict");
     nb::object key = AsStr(name);
     int contained = PyDict_Contains(first_dict.ptr(), key.ptr());
     if (contained < 0)
@@ -362,6 +354,16 @@ nb::object CSingleScopePrimaryScanner::GetFirstLogicalFromBodyOfLogical_(nb::han
 // ---------------------------------------------------------------------------
 // Simple conditionals of stub files
 
+bool CSingleScopePrimaryScanner::HasBodyOnItsLine(const CLogicalLine &header) const {
+    // The builder splits `if c: x: int` into the header and a body logical
+    // that starts on the header's last line.
+    if (!PyList_Check(fBody.ptr()) || fLogicalIndex_ + 1 >= PyList_GET_SIZE(fBody.ptr()))
+        return false;
+    CLogicalLine *next = AsLogical(PyList_GET_ITEM(fBody.ptr(), fLogicalIndex_ + 1));
+    return next->fFirstLine == header.fFirstLine + header.fLineCount - 1 &&
+           next->fIndentLevel > header.fIndentLevel;
+}
+
 void CSingleScopePrimaryScanner::UpdateSimpleConditional_(nb::handle logical_obj) {
     if (!fPerFileInfo->fPyiFile)
         return;
@@ -386,7 +388,7 @@ void CSingleScopePrimaryScanner::UpdateSimpleConditional_(nb::handle logical_obj
             _fInSimpleConditional = nb::none();
     }
     Py_ssize_t count = logical.TokenCount();
-    if (count == 0 || logical.TokenText(count - 1) != ":")
+    if (count == 0 || logical.TokenText(count - 1) != ":" || HasBodyOnItsLine(logical))
         return;  // a one-line block isn't tracked
     nb::object condition;
     if (kind == LogicalKind::kElseBeginning) {

@@ -35,11 +35,6 @@ si::Kind KindOfBytes(nb::handle ibytes) {
     return si::GetInfoBytesKind(PyBytes_AS_STRING(ibytes.ptr()));
 }
 
-// The pairs of a logical's list; none for None.
-nb::object Pairs(nb::handle pairs) {
-    return pairs.is_none() ? nb::object(nb::tuple()) : nb::borrow(pairs);
-}
-
 }  // namespace
 
 nb::bytes CSingleScopePrimaryScanner::GetScopeDefInfoBytes_() {
@@ -139,16 +134,12 @@ nb::bytes CSingleScopePrimaryScanner::GetInfoBytesForScopeDef_(nb::handle logica
 
 nb::object CSingleScopePrimaryScanner::FindDecoratorDottedName_(nb::handle logical_obj) {
     CLogicalLine &logical = *AsLogical(logical_obj);
+    // Names of any spelling (`_cache`, `__x`, letters of any script) and
+    // dots, after the `@`.
     std::string dotted;
-    for (nb::handle tok : logical.GetToks()) {
-        std::string_view text = TextOf(tok);
-        bool alpha_start = false;
-        if (!text.empty()) {
-            // The first character, which may be any letter of Unicode.
-            nb::object first = nb::str(text.data(), text.size())[0];
-            alpha_start = IsTrue(first.attr("isalpha")());
-        }
-        if (alpha_start || text == "_" || text == ".")
+    for (Py_ssize_t i = 0; i < logical.TokenCount(); i++) {
+        std::string_view text = logical.TokenText(i);
+        if (logical.TokenType(i) == kTokName || text == ".")
             dotted += text;
         else if (text != "@")
             return nb::none();  // not a plain dotted name
@@ -167,7 +158,7 @@ nb::dict CSingleScopePrimaryScanner::HintsFromFunctionDef(nb::handle logical_obj
     nb::dict hint_dict;
     if (logical.fKind != LogicalKind::kFunctionDef || logical.fArgTypeEquivs.is_none())
         return hint_dict;
-    for (nb::handle pair : Pairs(logical.fArgTypeEquivs)) {
+    for (nb::handle pair : ArgPairs(logical.fArgTypeEquivs)) {
         nb::handle ibytes = pair[1];
         if (KindOfBytes(ibytes) == si::kTypeHintKind)
             hint_dict[AsStr(pair[0])] = si::PyUnpackTypeHint(ibytes);
@@ -181,10 +172,10 @@ nb::dict CSingleScopePrimaryScanner::HintsFromFunctionDef(nb::handle logical_obj
     // A signature comment numbers the arguments; a later hint for the same
     // argument replaces the one at the definition.
     nb::list arg_names;
-    for (nb::handle pair : Pairs(logical.fArgTypeEquivs))
+    for (nb::handle pair : ArgPairs(logical.fArgTypeEquivs))
         if (KindOfBytes(pair[1]) == si::kSetKind)
             arg_names.append(AsStr(pair[0]));
-    for (nb::handle pair : Pairs(first.fTypeEquivs)) {
+    for (nb::handle pair : PairsOrEmpty(first.fTypeEquivs)) {
         nb::handle name = pair[0];
         nb::handle ibytes = pair[1];
         if (KindOfBytes(ibytes) != si::kTypeHintKind)

@@ -418,6 +418,12 @@ nb::object CSingleScopePrimaryScanner::Analyzer() const {
 }
 
 int CSingleScopePrimaryScanner::TraverseFields(visitproc visit, void *arg) {
+    if (int result = CScannerBase_::TraverseFields(visit, arg))
+        return result;
+    if (int result = basekit::VisitRef(fPerFileInfo, visit, arg))
+        return result;
+    if (int result = basekit::VisitRef(_fStackItem, visit, arg))
+        return result;
     for (nb::handle field :
          {nb::handle(fScopeDef), nb::handle(fContainingClassDef), nb::handle(_fInSimpleConditional),
           nb::handle(fInfoCache), nb::handle(fAnalysis_), nb::handle(fBody),
@@ -430,6 +436,7 @@ int CSingleScopePrimaryScanner::TraverseFields(visitproc visit, void *arg) {
 }
 
 void CSingleScopePrimaryScanner::DropReferences() {
+    CScannerBase_::DropReferences();
     fAnalysis_ = nb::none();
     fBody = nb::none();
     _fStackItem = nullptr;
@@ -653,9 +660,8 @@ nb::object CWholeFilePrimaryScanner::GetLogicalCache_() {
     if (!fAnalysis_.is_none()) {
         // The cache is the analysis's; an analysis going ethereal ends the scan.
         nb::object self = SelfObject();
-        nb::object callback =
-            nb::module_::import_("basekit.timeout").attr("NoArgCallback")(self.attr("AbandonScan"));
-        fAnalysis_.attr("connect")("etherealized", callback, self);
+        fAnalysis_.attr("connect_while_alive")("etherealized",
+                                               self.attr("_CB_AnalysisEtherealized"), self);
         return fAnalysis_.attr("fLogicalCache");
     }
     fDestroyLogicalCache_ = true;
@@ -691,6 +697,8 @@ void CWholeFilePrimaryScanner::CB_LogicalCacheModified_(nb::handle lline_cache, 
     }
 }
 
+void CWholeFilePrimaryScanner::CB_AnalysisEtherealized_(nb::args) { AbandonScan(); }
+
 void CWholeFilePrimaryScanner::AbandonScan() {
     fScanAbandoned = true;
     SetScanState_(kScanAbandoned);
@@ -702,6 +710,8 @@ void CWholeFilePrimaryScanner::AbandonScan() {
 nb::object CWholeFilePrimaryScanner::GetMatchedDiskMTime() { return fPerFileInfo->fMatchedDiskMTime; }
 
 bool CWholeFilePrimaryScanner::ScanCompletedScopes_(double end_time) {
+    if (!_fBodyFinder)
+        RaiseAssertion("no scopes are completed before the logical list is prepared");
     nb::list completed = _fBodyFinder->fCompletedScopeList;
     while (PyList_GET_SIZE(completed.ptr()) != 0) {
         // The item lives until its scanner is through, across slices.
@@ -805,6 +815,12 @@ bool CWholeFilePrimaryScanner::IsScopeDefForClsName_(CLogicalLine *scope_def,
 }
 
 int CWholeFilePrimaryScanner::TraverseFields(visitproc visit, void *arg) {
+    if (int result = CScannerBase_::TraverseFields(visit, arg))
+        return result;
+    if (int result = basekit::VisitRef(fPerFileInfo, visit, arg))
+        return result;
+    if (int result = basekit::VisitRef(_fBodyFinder, visit, arg))
+        return result;
     Py_VISIT(fLogicalCache_.ptr());
     Py_VISIT(fAnalysis_.ptr());
     Py_VISIT(_fAllScopeNames.ptr());
@@ -812,6 +828,7 @@ int CWholeFilePrimaryScanner::TraverseFields(visitproc visit, void *arg) {
 }
 
 void CWholeFilePrimaryScanner::DropReferences() {
+    CScannerBase_::DropReferences();
     fLogicalCache_ = nb::none();
     fAnalysis_ = nb::none();
 }

@@ -139,6 +139,9 @@ private:
     nb::dict HintsFromFunctionDef(nb::handle logical, nb::handle body0,
                                   Py_ssize_t comment_arg_shift);
     void FoldNameInfo(CLogicalLine &logical, nb::handle logical_i_bytes);
+    // Whether the body logical after `header` (at fLogicalIndex_ of fBody)
+    // shares its line: a one-line block.
+    bool HasBodyOnItsLine(const CLogicalLine &header) const;
     nb::object Analyzer() const;
 };
 
@@ -158,6 +161,8 @@ public:
     virtual nb::object GetLogicalCache_();
     virtual void CB_LogicalCacheModified_(nb::handle lline_cache, nb::handle delta);
     virtual void AbandonScan();
+    // "etherealized" of the analysis: the scan is abandoned.
+    void CB_AnalysisEtherealized_(nb::args);
     virtual nb::object GetMatchedDiskMTime();
     virtual CScopeStackItem_ *GetClsItemOfLeafMethod_(CLogicalLine *method_def);
     virtual bool IsScopeDefForClsName_(CLogicalLine *scope_def, nb::handle maybe_cls_name);

@@ -30,6 +30,17 @@ void RequireDict(nb::handle obj, const char *what) {
         throw nb::type_error((std::string(what) + " must be a dict").c_str());
 }
 
+nb::handle PairsOrEmpty(nb::handle pairs) {
+    static nb::handle empty = nb::tuple().release();
+    return pairs.is_none() ? empty : pairs;
+}
+
+nb::handle ArgPairs(nb::handle pairs) {
+    if (!pairs.is_none() && !PyTuple_Check(pairs.ptr()))
+        throw nb::type_error("fArgTypeEquivs must be a tuple of pairs or None");
+    return PairsOrEmpty(pairs);
+}
+
 bool IsNoValueLogical(nb::handle obj) { return obj.ptr() == kNoValueLogical_.ptr(); }
 
 CLogicalLine *OptionalLogical(nb::handle obj) {

@@ -29,6 +29,12 @@ bool IsNoValueLogical(nb::handle obj);
 CLogicalLine *OptionalLogical(nb::handle obj);
 nb::object LogicalOrNone(const nb::ref<CLogicalLine> &logical);
 
+// The pairs of a logical's fTypeEquivs; an empty tuple for None.
+nb::handle PairsOrEmpty(nb::handle pairs);
+// The pairs of a logical's fArgTypeEquivs, which must be a tuple of pairs
+// (the order of the arguments is fixed) or None (no pairs); else a TypeError.
+nb::handle ArgPairs(nb::handle pairs);
+
 // The byte strings of a set, sorted and joined with ";".
 std::string SortedJoin(nb::handle set_of_bytes);
 

@@ -164,6 +164,20 @@ nb::ref<CNamedConstant> CScanner::Scan(double) {
     throw nb::python_error();
 }
 
+int CScannerBase_::TraverseFields(visitproc visit, void *arg) {
+    if (int result = basekit::VisitRef(_fLog, visit, arg))
+        return result;
+    Py_VISIT(fScope.ptr());
+    Py_VISIT(fScanName.ptr());
+    return 0;
+}
+
+void CScannerBase_::DropReferences() {
+    _fLog = new CLogger();
+    fScope = nb::none();
+    fScanName = nb::none();
+}
+
 CScannerBase_::CScannerBase_(nb::handle scope, nb::handle scan_name, nb::handle log)
     : CScanner(ScanStateSignals()) {
     fScanState = kReadyToScan;

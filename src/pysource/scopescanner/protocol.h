@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "basekit/destroyable.h"
+#include "basekit/intrusive.h"
 #include "pysource/fastaccess.h"
 #include "pysource/logicalline.h"
 
@@ -140,6 +141,11 @@ public:
     nb::ref<CLogger> _fLog;
     nb::object fScope;
     nb::object fScanName;
+
+    // Garbage-collector support for the fields above; the scanners' own
+    // TraverseFields and DropReferences begin with these.
+    int TraverseFields(visitproc visit, void *arg);
+    void DropReferences();
 
 protected:
     void LogScanState(CNamedConstant *state);

@@ -80,7 +80,7 @@ nb::object CScopeBodyCache::FindScope_(nb::handle scope) {
 
     nb::object name = scope.attr("name");
     Py_ssize_t scope_def_i = -1;
-    if (!nb::str(kModuleScopeName).equal(name)) {
+    if (!nb::str(kModuleScopeName.data(), kModuleScopeName.size()).equal(name)) {
         nb::object scope_def = ana.attr("_GetScopeDefForFullName")(name);
         if (scope_def.is_none())
             return nb::none();

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "pysource/instptr.h"
 #include "pysource/scopescanner/scopebodycache.h"
 
 namespace pysource {
@@ -10,30 +11,6 @@ namespace {
 
 CProcessRef gStackItemFreeList;
 CProcessRef gModuleScopeNameText;
-
-// The C++ object behind `obj` if it is a T, else nullptr.  The exact type is
-// checked first without a type-map lookup: this runs once per logical.
-template <typename T>
-T *FastInstPtr(nb::handle obj) {
-    static PyTypeObject *exact_type = nullptr;
-    if (!exact_type) {
-        nb::handle type = nb::type<T>();
-        if (type.is_valid())
-            exact_type = (PyTypeObject *) type.ptr();
-    }
-    if (exact_type && Py_TYPE(obj.ptr()) == exact_type && nb::inst_ready(obj))
-        return nb::inst_ptr<T>(obj);
-    T *out = nullptr;
-    if (obj.is_none() || !nb::try_cast<T *>(obj, out))
-        return nullptr;
-    return out;
-}
-
-[[noreturn]] void RaiseNotA(const char *what, nb::handle obj) {
-    std::string message = std::string("expected ") + what + ", got " +
-                          Py_TYPE(obj.ptr())->tp_name;
-    throw nb::type_error(message.c_str());
-}
 
 // Item `i` of a sequence; lists are read without a call.
 nb::object SequenceItem(nb::handle seq, Py_ssize_t i) {
@@ -67,7 +44,7 @@ void DeleteLast(nb::handle list) {
 
 nb::handle ModuleScopeNameText() {
     if (!gModuleScopeNameText.ptr())
-        gModuleScopeNameText.Set(nb::str(kModuleScopeName));
+        gModuleScopeNameText.Set(nb::str(kModuleScopeName.data(), kModuleScopeName.size()));
     return gModuleScopeNameText.get();
 }
 
@@ -86,13 +63,6 @@ void ReleaseList(nb::list &list) {
 }
 
 }  // namespace
-
-CLogicalLine *AsLogical(nb::handle obj, const char *what) {
-    CLogicalLine *logical = FastInstPtr<CLogicalLine>(obj);
-    if (!logical)
-        RaiseNotA(what, obj);
-    return logical;
-}
 
 CLogicalLine *RequireLogical(nb::handle obj, const char *attr) {
     if (obj.is_none()) {
@@ -218,10 +188,7 @@ void ReleaseStackItemFreeList() {
 nb::list StackItemFreeList() { return nb::borrow<nb::list>(gStackItemFreeList.get()); }
 
 CScopeStackItem_ &AsStackItem(nb::handle obj) {
-    CScopeStackItem_ *item = FastInstPtr<CScopeStackItem_>(obj);
-    if (!item)
-        RaiseNotA("a _CScopeStackItem", obj);
-    return *item;
+    return InstRef<CScopeStackItem_>(obj, "a _CScopeStackItem");
 }
 
 nb::ref<CScopeStackItem_> NewStackItem_() {

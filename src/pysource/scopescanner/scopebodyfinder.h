@@ -12,6 +12,7 @@
 
 #include "basekit/destroyable.h"
 #include "pysource/logicalline.h"
+#include "pysource/scopename.h"
 #include "pysource/srctokenizer.h"
 #include "pysource/scopescanner/protocol.h"
 
@@ -19,16 +20,14 @@ namespace nb = nanobind;
 
 namespace pysource {
 
-// The name of a file's root scope.  Must equal symbolinfo's kModuleScopeName.
-inline constexpr const char *kModuleScopeName = "";
+// The name of a file's root scope.
+using symbolinfo::kModuleScopeName;
 
 // Token types that matter to scope structure: the decorator operator and a
 // comment (pysource.srctokenizer's numbers 50 and 202).
 inline constexpr int kDecoratorTokenType = kTokAt;
 inline constexpr int kCommentTokenType = kTokComment;
 
-// The CLogicalLine behind `obj`, or a TypeError naming `what`.
-CLogicalLine *AsLogical(nb::handle obj, const char *what = "a logical");
 // The same, but None raises AttributeError for `attr`, as reading that
 // attribute of None would.
 CLogicalLine *RequireLogical(nb::handle obj, const char *attr);

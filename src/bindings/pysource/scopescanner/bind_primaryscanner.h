@@ -9,18 +9,74 @@ namespace scopescanner_bind {
 
 using namespace pysource;
 
+// The steps of the scans that a Python subclass may override, under their
+// Python names.  An instance of the class itself finds no override and runs
+// the C++ step directly.
 struct PyCSingleScopePrimaryScanner : CSingleScopePrimaryScanner {
-    NB_TRAMPOLINE(CSingleScopePrimaryScanner, 5);
+    NB_TRAMPOLINE(CSingleScopePrimaryScanner, 16);
     BASEKIT_DESTROYABLE_OVERRIDES(CSingleScopePrimaryScanner)
     nb::ref<CNamedConstant> Scan(double end_time) override { NB_OVERRIDE(Scan, end_time); }
     void SetScanState_(nb::ref<CNamedConstant> state) override {
         NB_OVERRIDE_NAME("_SetScanState", SetScanState_, state);
     }
     nb::object SaveToInfoCache(bool can_write) override { NB_OVERRIDE(SaveToInfoCache, can_write); }
+    bool GetAnalysis_(double end_time) override {
+        NB_OVERRIDE_NAME("_CSingleScopePrimaryScanner__GetAnalysis", GetAnalysis_, end_time);
+    }
+    bool GetScopeDef_(double end_time) override {
+        NB_OVERRIDE_NAME("_CSingleScopePrimaryScanner__GetScopeDef", GetScopeDef_, end_time);
+    }
+    bool ScanDefiningScopeDef_(double end_time) override {
+        NB_OVERRIDE_NAME("_CSingleScopePrimaryScanner__ScanDefiningScopeDef",
+                         ScanDefiningScopeDef_, end_time);
+    }
+    bool ScanBodyLogicals_(double end_time) override {
+        NB_OVERRIDE_NAME("_CSingleScopePrimaryScanner__ScanBodyLogicals", ScanBodyLogicals_,
+                         end_time);
+    }
+    void ProcessSingleInfoStr_(nb::handle name, nb::handle istr,
+                               nb::handle logical_i_bytes) override {
+        NB_OVERRIDE_NAME("_CSingleScopePrimaryScanner__ProcessSingleInfoStr",
+                         ProcessSingleInfoStr_, name, istr, logical_i_bytes);
+    }
+    void TryAnalyzeSingleLogical_(nb::handle logical) override {
+        NB_OVERRIDE_NAME("_TryAnalyzeSingleLogical", TryAnalyzeSingleLogical_, logical);
+    }
+    void UpdateSimpleConditional_(nb::handle logical) override {
+        NB_OVERRIDE_NAME("_UpdateSimpleConditional", UpdateSimpleConditional_, logical);
+    }
+    nb::object GetInstAttribName_(nb::handle name) override {
+        NB_OVERRIDE_NAME("_GetInstAttribName", GetInstAttribName_, name);
+    }
+    void AddToFirstDict_(nb::handle name, nb::handle first_dict) override {
+        NB_OVERRIDE_NAME("_AddToFirstDict", AddToFirstDict_, name, first_dict);
+    }
+    nb::object FindDecoratorDottedName_(nb::handle logical) override {
+        NB_OVERRIDE_NAME("_FindDecoratorDottedName", FindDecoratorDottedName_, logical);
+    }
 };
 
 struct PyCWholeFilePrimaryScanner : CWholeFilePrimaryScanner {
-    NB_TRAMPOLINE(CWholeFilePrimaryScanner, 5);
+    NB_TRAMPOLINE(CWholeFilePrimaryScanner, 10);
+    nb::ref<CNamedConstant> PrepareLogicalList_(double end_time) override {
+        NB_OVERRIDE_NAME("_CWholeFilePrimaryScanner__PrepareLogicalList", PrepareLogicalList_,
+                         end_time);
+    }
+    nb::object GetLogicalCache_() override {
+        NB_OVERRIDE_NAME("_CWholeFilePrimaryScanner__GetLogicalCache", GetLogicalCache_);
+    }
+    bool ScanCompletedScopes_(double end_time) override {
+        NB_OVERRIDE_NAME("_ScanCompletedScopes", ScanCompletedScopes_, end_time);
+    }
+    // Written out: the item goes to Python as the shared object it is.
+    bool ScanSingleStackItem_(CScopeStackItem_ &item, double end_time) override {
+        constexpr uint64_t hash = nb::detail::str_hash("_ScanSingleStackItem");
+        nb::detail::ticket ticket(nb_trampoline, "_ScanSingleStackItem", hash, false);
+        if (ticket.key.is_valid())
+            return nb::cast<bool>(nb_trampoline.base().attr(ticket.key)(
+                nb::ref<CScopeStackItem_>(&item), end_time));
+        return CWholeFilePrimaryScanner::ScanSingleStackItem_(item, end_time);
+    }
     BASEKIT_DESTROYABLE_OVERRIDES(CWholeFilePrimaryScanner)
     nb::ref<CNamedConstant> Scan(double end_time) override { NB_OVERRIDE(Scan, end_time); }
     void SetScanState_(nb::ref<CNamedConstant> state) override {
@@ -50,9 +106,32 @@ inline void BindPrimaryScanner(nb::module_ &m) {
         .def("_FindDecoratorLogicals", &S::FindDecoratorLogicals_)
         .def("_GetBody", &S::GetBody_, nb::arg("end_time"))
         .def("_GetBodyOfNamedScope", &S::GetBodyOfNamedScope_, nb::arg("scope"))
-        .def("_GetInstAttribName", &S::GetInstAttribName_, nb::arg("name"))
-        .def("_TryAnalyzeSingleLogical", &S::TryAnalyzeSingleLogical_, nb::arg("logical"))
-        .def("_UpdateSimpleConditional", &S::UpdateSimpleConditional_, nb::arg("logical"))
+        .def("_GetInstAttribName",
+             [](S &self, nb::handle name) { return self.S::GetInstAttribName_(name); },
+             nb::arg("name"))
+        .def("_TryAnalyzeSingleLogical",
+             [](S &self, nb::handle logical) { self.S::TryAnalyzeSingleLogical_(logical); },
+             nb::arg("logical"))
+        .def("_UpdateSimpleConditional",
+             [](S &self, nb::handle logical) { self.S::UpdateSimpleConditional_(logical); },
+             nb::arg("logical"))
+        .def("_CSingleScopePrimaryScanner__GetAnalysis",
+             [](S &self, double end_time) { return self.S::GetAnalysis_(end_time); },
+             nb::arg("end_time"))
+        .def("_CSingleScopePrimaryScanner__GetScopeDef",
+             [](S &self, double end_time) { return self.S::GetScopeDef_(end_time); },
+             nb::arg("end_time"))
+        .def("_CSingleScopePrimaryScanner__ScanDefiningScopeDef",
+             [](S &self, double end_time) { return self.S::ScanDefiningScopeDef_(end_time); },
+             nb::arg("end_time"))
+        .def("_CSingleScopePrimaryScanner__ScanBodyLogicals",
+             [](S &self, double end_time) { return self.S::ScanBodyLogicals_(end_time); },
+             nb::arg("end_time"))
+        .def("_CSingleScopePrimaryScanner__ProcessSingleInfoStr",
+             [](S &self, nb::handle name, nb::handle istr, nb::handle logical_i_bytes) {
+                 self.S::ProcessSingleInfoStr_(name, istr, logical_i_bytes);
+             },
+             nb::arg("name"), nb::arg("istr"), nb::arg("logical_i_bytes"))
         .def("_IsSimpleConditionParsable", &S::IsSimpleConditionParsable_, nb::arg("tok_list"))
         .def("_IsSimpleCondition", &S::IsSimpleCondition_, nb::arg("tok_list"))
         .def("_ScanSingleScopeDefInBody", &S::ScanSingleScopeDefInBody_, nb::arg("logical"),
@@ -72,8 +151,14 @@ inline void BindPrimaryScanner(nb::module_ &m) {
         .def("_RewriteCommentInfoForMethod", &S::RewriteCommentInfoForMethod_,
              nb::arg("logical"), nb::arg("name"), nb::arg("istr"))
         .def("_AddStandardModuleNames", &S::AddStandardModuleNames_)
-        .def("_AddToFirstDict", &S::AddToFirstDict_, nb::arg("name"), nb::arg("first_dict"))
-        .def("_FindDecoratorDottedName", &S::FindDecoratorDottedName_, nb::arg("logical"))
+        .def("_AddToFirstDict",
+             [](S &self, nb::handle name, nb::handle first_dict) {
+                 self.S::AddToFirstDict_(name, first_dict);
+             },
+             nb::arg("name"), nb::arg("first_dict"))
+        .def("_FindDecoratorDottedName",
+             [](S &self, nb::handle logical) { return self.S::FindDecoratorDottedName_(logical); },
+             nb::arg("logical"))
         .def("SaveToInfoCache", &S::SaveToInfoCache, nb::arg("can_write") = false)
         .def_prop_ro("fScopeDef", [](S &self) { return self.fScopeDef; })
         .def_prop_ro("fContainingClassDef", [](S &self) { return self.fContainingClassDef; })
@@ -128,6 +213,20 @@ inline void BindPrimaryScanner(nb::module_ &m) {
              nb::arg("log").none() = nb::none())
         .def("Scan", &W::Scan, nb::arg("end_time"))
         .def("AbandonScan", &W::AbandonScan)
+        .def("_CWholeFilePrimaryScanner__PrepareLogicalList",
+             [](W &self, double end_time) { return self.W::PrepareLogicalList_(end_time); },
+             nb::arg("end_time"))
+        .def("_CWholeFilePrimaryScanner__GetLogicalCache",
+             [](W &self) { return self.W::GetLogicalCache_(); })
+        .def("_ScanCompletedScopes",
+             [](W &self, double end_time) { return self.W::ScanCompletedScopes_(end_time); },
+             nb::arg("end_time"))
+        .def("_ScanSingleStackItem",
+             [](W &self, nb::handle item, double end_time) {
+                 return self.W::ScanSingleStackItem_(AsStackItem(item), end_time);
+             },
+             nb::arg("item"), nb::arg("end_time"))
+        .def("_CB_AnalysisEtherealized", &W::CB_AnalysisEtherealized_)
         .def("GetMatchedDiskMTime", &W::GetMatchedDiskMTime)
         .def("_CB_LogicalCacheModified", &W::CB_LogicalCacheModified_, nb::arg("lline_cache"),
              nb::arg("delta"))

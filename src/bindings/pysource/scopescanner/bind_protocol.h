@@ -3,6 +3,7 @@
 #pragma once
 
 #include "bindutil.h"
+#include "pysource/scopescanner/fieldslots.h"
 #include "pysource/scopescanner/module_values.h"
 #include "pysource/scopescanner/protocol.h"
 
@@ -46,7 +47,10 @@ inline void BindScanStates(nb::module_ &m) {
 inline void BindScanners(nb::module_ &m, CModuleValues &values) {
     m.attr("_kNoValue") = kNoValue_.get();
     m.attr("_kNoValueLogical") = kNoValueLogical_.get();
-    values.Add(&ProtocolModuleValue);
+    values.Add(&ProtocolModuleValue,
+               {"kVerboseLogging", "kSaveLiteralText", "kMaxDerivedMergedKeys",
+                "kSpecializeGenericsFromArgs", "kLazyCalledArgEvaluation", "_gDbgScanStats",
+                "_gDbgSeenCalled", "_gDbgSeenArgs"});
 
     m.def("SetSpecializeGenericsFromArgs", &SetSpecializeGenericsFromArgs, nb::arg("enable"));
     m.def("SetLazyCalledArgEvaluation", &SetLazyCalledArgEvaluation, nb::arg("enable"));
@@ -63,7 +67,7 @@ inline void BindScanners(nb::module_ &m, CModuleValues &values) {
 
     nb::class_<CScannerBase_, CScanner, PyCScannerBase_>(
         m, "_CScannerBase", bindutil::IntrusiveHolder<CScannerBase_>(),
-        nb::type_slots(bindutil::kDestroyableSlots))
+        nb::type_slots(kDestroyableFieldSlots<CScannerBase_>))
         .def(nb::init<nb::handle, nb::handle, nb::handle>(), nb::arg("scope").none(),
              nb::arg("scan_name").none(), nb::arg("log").none() = nb::none())
         .def("_SetScanState", &CScannerBase_::SetScanState_, nb::arg("state"))
