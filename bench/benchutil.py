@@ -2,6 +2,7 @@
 import gc
 import os
 import subprocess
+import symtable
 import sys
 import time
 
@@ -35,3 +36,31 @@ def best_of(repeat, func, *args):
         result = func(*args)
         best = min(best, time.perf_counter() - start)
     return best, result
+
+
+def walk_symtable(_locs, texts):
+    """Every table of every file, every symbol asked what it is: the peer's
+    equivalent of a record per scope."""
+    symbols = 0
+    for text in texts:
+        pending = [symtable.symtable(text, "<corpus>", "exec")]
+        while pending:
+            table = pending.pop()
+            for sym in table.get_symbols():
+                sym.is_assigned()
+                sym.is_referenced()
+                sym.is_imported()
+                sym.is_parameter()
+                symbols += 1
+            pending.extend(table.get_children())
+    return symbols
+
+
+def quantile(values, q):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(q * len(ordered)))]
+
+
+def machine_load():
+    one, five, _ = os.getloadavg()
+    return f"load average {one:.2f} (1 min) {five:.2f} (5 min) on {os.cpu_count()} cores"

@@ -48,7 +48,8 @@ from pysource import scopescanner, symbolinfo
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
-from benchutil import best_of, corpus_paths, read_bytes  # noqa: E402
+from benchutil import (best_of, corpus_paths, machine_load, quantile, read_bytes,  # noqa: E402
+                       walk_symtable)
 
 kSliceSeconds = 0.005
 kSingleScopeSamples = 40
@@ -104,24 +105,6 @@ def scan_with_database(locs, _texts):
     with tempfile.TemporaryDirectory() as folder:
         with installed_manager(db_path=os.path.join(folder, "info.db")) as mgr:
             return sum(scan_file(loc, mgr.fPrimaryScanName) for loc in locs)
-
-
-def walk_symtable(_locs, texts):
-    """Every table of every file, every symbol asked what it is: the peer's
-    equivalent of a record per scope."""
-    symbols = 0
-    for text in texts:
-        pending = [symtable.symtable(text, "<corpus>", "exec")]
-        while pending:
-            table = pending.pop()
-            for sym in table.get_symbols():
-                sym.is_assigned()
-                sym.is_referenced()
-                sym.is_imported()
-                sym.is_parameter()
-                symbols += 1
-            pending.extend(table.get_children())
-    return symbols
 
 
 def parse_ast(_locs, texts):
@@ -317,11 +300,6 @@ def measure_single_scope(paths, texts):
 # Slices
 
 
-def quantile(values, q):
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, int(q * len(ordered)))]
-
-
 @contextlib.contextmanager
 def collector_pauses():
     """Yields a list that gets the length of every garbage collection run
@@ -380,11 +358,6 @@ def measure_slices(locs):
 
 
 # ---------------------------------------------------------------------------
-
-
-def machine_load():
-    one, five, _ = os.getloadavg()
-    return f"load average {one:.2f} (1 min) {five:.2f} (5 min) on {os.cpu_count()} cores"
 
 
 def main():
