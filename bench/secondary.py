@@ -100,7 +100,8 @@ class CScanLog:
         self.fLatest = (float("-inf"), "", "")   # (lateness, file, scope)
         self.fScanSeconds = 0.0          # inside derived Scan calls
         self.fWaits = 0
-        self.fScopes = 0
+        self.fScopes = 0                 # scopes derived-scanned
+        self.fScopeScans = 0             # their scans, a scope scanned again counted again
         self.fGuarded = []               # (file, scope, seconds)
 
     def Note(self, scanner, late, state):
@@ -145,7 +146,9 @@ class CTimedScanner:
         return state
 
     def destroy(self):
-        self.fLog.fScopes += self.fScanner.fScanCompletedCount
+        completed = self.fScanner.fScanCompletedCount    # scope name -> scans of it
+        self.fLog.fScopes += len(completed)
+        self.fLog.fScopeScans += sum(completed.values())
         self.fScanner.destroy()
 
 
@@ -281,7 +284,8 @@ def print_pass(label, paths, result):
     derived = result.fSeconds - result.fWaitScanSeconds
     per_scope = result.fSeconds / max(1, log.fScopes)
     print(f"  {label}: {len(paths)} files, {result.fPrimaryScopes} primary scopes, "
-          f"{log.fScopes} scopes derived-scanned, {result.fDerivedFiles} files finished", flush=True)
+          f"{log.fScopes} scopes derived-scanned ({log.fScopeScans} scans), "
+          f"{result.fDerivedFiles} files finished", flush=True)
     print(f"    total {result.fSeconds:8.3f} s  (derived scans {derived:.3f} s, primary scans for "
           f"waits {result.fWaitScanSeconds:.3f} s)  per scope {per_scope * 1e6:8.1f} us", flush=True)
     print(f"    waits {log.fWaits}, files scanned because of waits {result.fNeededFiles}", flush=True)
@@ -308,12 +312,18 @@ def print_overruns(results):
               f"(goal {verdict})", flush=True)
 
 
-def measure_core(paths, texts, repeat, guard):
-    """Derived pass and symtable in interleaved rounds; best of `repeat`."""
+def measure_core(paths, texts, repeat, guard, budget):
+    """Derived pass and symtable in interleaved rounds; best of `repeat`, or
+    of fewer when the rounds so far took more than `budget` seconds."""
     print(f"derived pass over {len(paths)} files, {sum(map(len, texts)) / 1e6:.1f} MB, "
           f"{kSliceSeconds * ms:.0f} ms slices, best of {repeat} (rounds interleaved)", flush=True)
     results, symtable_times = [], []
+    started = time.perf_counter()
     for round_index in range(repeat):
+        if round_index and time.perf_counter() - started > budget:
+            print(f"  only {round_index} of {repeat} rounds: they took more than the "
+                  f"{budget:.0f} s budget", flush=True)
+            break
         result = run_derived_pass(paths, kSliceSeconds, guard, memory=round_index == 0)
         results.append(result)
         gc.collect()
@@ -368,25 +378,76 @@ def compare_sliced(paths, count, guard):
           f"{kTinySliceSeconds * ms:.0f} ms slices vs one long slice", flush=True)
     tiny = run_derived_pass(sample, kTinySliceSeconds, guard, keep_records=True)
     long = run_derived_pass(sample, kLongSliceSeconds, guard, keep_records=True)
-    for label, result in (("1 ms", tiny), ("long", long)):
+    control = run_derived_pass(sample, kLongSliceSeconds, guard, keep_records=True)
+    for label, result in (("1 ms", tiny), ("long", long), ("long again", control)):
         print(f"  {label}: {len(result.fRecords)} derived records, {len(result.fLog.fOverruns)} "
               f"Scan calls, {result.fLog.fWaits} waits", flush=True)
         print_findings(result)
-    keys = sorted(set(tiny.fRecords) | set(long.fRecords))
-    differing = [k for k in keys if tiny.fRecords.get(k) != long.fRecords.get(k)]
-    print(f"  differing records: {len(differing)} of {len(keys)}", flush=True)
+    differing = differing_keys(tiny.fRecords, long.fRecords)
+    print(f"  differing records, 1 ms vs long: {len(differing)} of "
+          f"{len(set(tiny.fRecords) | set(long.fRecords))}", flush=True)
     if differing:
-        key = differing[0]
-        a, b = tiny.fRecords.get(key), long.fRecords.get(key)
-        print(f"  first: {key}", flush=True)
-        if a is None or b is None:
-            print(f"    only in the {'long' if a is None else '1 ms'} run", flush=True)
-        else:
-            at = next((i for i, (x, y) in enumerate(zip(a, b)) if x != y), min(len(a), len(b)))
-            print(f"    {len(a)} vs {len(b)} bytes, first difference at byte {at}:\n"
-                  f"    1 ms {a[max(0, at - 16):at + 48]!r}\n    long {b[max(0, at - 16):at + 48]!r}",
-                  flush=True)
+        print_first_difference(differing[0], tiny.fRecords.get(differing[0]),
+                               long.fRecords.get(differing[0]))
+        print_difference_kinds(differing, tiny.fRecords, long.fRecords, ("1 ms", "long"))
+    control_differing = differing_keys(long.fRecords, control.fRecords)
+    print(f"  control, long vs long again (same process, fresh manager): "
+          f"{len(control_differing)} differing records", flush=True)
+    if control_differing:
+        print_difference_kinds(control_differing, long.fRecords, control.fRecords,
+                               ("long", "long again"))
     return differing
+
+
+def differing_keys(a, b):
+    return [k for k in sorted(set(a) | set(b)) if a.get(k) != b.get(k)]
+
+
+def print_first_difference(key, tiny, long):
+    print(f"  first: {key}", flush=True)
+    if tiny is None or long is None:
+        print(f"    only in the {'long' if tiny is None else '1 ms'} run", flush=True)
+        return
+    at = next((i for i, (x, y) in enumerate(zip(tiny, long)) if x != y), min(len(tiny), len(long)))
+    print(f"    {len(tiny)} vs {len(long)} bytes, first difference at byte {at}:\n"
+          f"    1 ms {tiny[max(0, at - 16):at + 48]!r}\n    long {long[max(0, at - 16):at + 48]!r}",
+          flush=True)
+
+
+kRecordFields = ("ibytes", "type_equivs", "inst_type_equivs", "incomplete", "scopes_seen",
+                 "resolved_imports", "_domains")
+
+
+def print_difference_kinds(differing, first_records, second_records, labels):
+    """The differing records decoded: which fields differ as values (a field
+    that is a set compares as one), with the first record of each kind."""
+    loads = scopeinfo.CScopeInfoSerializer().Loads
+    kinds = {}
+    for key in differing:
+        first, second = first_records.get(key), second_records.get(key)
+        if first is None or second is None:
+            kind = (f"only in the {labels[first is None]} run",)
+            detail = ""
+        else:
+            a, b = loads(first), loads(second)
+            kind = tuple(f for f in kRecordFields if getattr(a, f) != getattr(b, f)) or \
+                ("equal values, bytes in another order",)
+            detail = difference_detail(a, b, kind, labels)
+        kinds.setdefault(kind, []).append((key, detail))
+    print("  differing records by the fields whose values differ:", flush=True)
+    for kind, found in sorted(kinds.items(), key=lambda item: -len(item[1])):
+        key, detail = found[0]
+        print(f"    {', '.join(kind)}: {len(found)} records; first {key}{detail}", flush=True)
+
+
+def difference_detail(a, b, kind, labels):
+    if kind == ("scopes_seen",):
+        only_first = set(a.scopes_seen or ()) - set(b.scopes_seen or ())
+        only_second = set(b.scopes_seen or ()) - set(a.scopes_seen or ())
+        return (f"\n      seen only in the {labels[0]} run: {sorted(map(repr, only_first))}"
+                f"\n      seen only in the {labels[1]} run: {sorted(map(repr, only_second))}")
+    return "".join(f"\n      {f}: {labels[0]} {getattr(a, f)!r:.300} | {labels[1]} {getattr(b, f)!r:.300}"
+                   for f in kind if f in kRecordFields)
 
 
 def main():
@@ -396,24 +457,29 @@ def main():
     parser.add_argument("--files", type=int, default=0, help="only the first N core files")
     parser.add_argument("--repeat", type=int, default=3, help="rounds of the core pass (best is kept)")
     parser.add_argument("--skip-full", action="store_true", help="leave out the growth pass")
+    parser.add_argument("--skip-core", action="store_true",
+                        help="only the sliced=unsliced check (no timing, overrun, memory or growth)")
     parser.add_argument("--full-sample", type=int, default=-1,
                         help="growth over a fixed-seed sample of N full-corpus files "
                              "(default: twice the core size; 0: the whole full corpus)")
     parser.add_argument("--equal-files", type=int, default=30, help="files of the sliced=unsliced check")
     parser.add_argument("--guard", type=float, default=120.0,
                         help="seconds one file's derived scan may take before it is cut off")
+    parser.add_argument("--budget", type=float, default=400.0,
+                        help="no further core round starts after this many seconds of rounds")
     args = parser.parse_args()
     limit = kQuickFiles if args.quick and not args.files else args.files
     repeat = 1 if args.quick else args.repeat
     print(machine_load(), flush=True)
     with tempfile.TemporaryDirectory(prefix="pysource-bench-core-") as folder:
         paths = copy_corpus(corpus_paths(limit or None), folder)
-        texts = read_bytes(paths)
-        results = measure_core(paths, texts, repeat, args.guard)
-        print_overruns(results)
-        print_memory(results[0])
+        results = None
+        if not args.skip_core:
+            results = measure_core(paths, read_bytes(paths), repeat, args.guard, args.budget)
+            print_overruns(results)
+            print_memory(results[0])
         compare_sliced(paths, args.equal_files, args.guard)
-    if not args.skip_full:
+    if results and not args.skip_full:
         sample = 2 * len(paths) if args.full_sample < 0 else args.full_sample
         measure_growth(paths, min(results, key=lambda r: r.fSeconds), sample, args.guard)
     print(machine_load(), flush=True)
