@@ -48,8 +48,8 @@ from pysource import scopescanner, symbolinfo
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
-from benchutil import (best_of, corpus_paths, machine_load, quantile, read_bytes,  # noqa: E402
-                       walk_symtable)
+from benchutil import (best_of, corpus_paths, machine_load, peak_resident_bytes,  # noqa: E402
+                       quantile, read_bytes, resident_bytes, walk_symtable)
 
 kSliceSeconds = 0.005
 kSingleScopeSamples = 40
@@ -135,21 +135,6 @@ def compare_throughput(locs, texts, repeat):
 
 # ---------------------------------------------------------------------------
 # Memory, measured in a child process so that nothing else is resident
-
-
-def resident_bytes():
-    with open("/proc/self/statm") as fh:
-        return int(fh.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
-def peak_resident_bytes():
-    # The high-water mark of this process's own memory (getrusage's would
-    # carry the parent's over from before exec).
-    with open("/proc/self/status") as fh:
-        for line in fh:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1]) * 1024
-    raise RuntimeError("/proc/self/status has no VmHWM")
 
 
 @contextlib.contextmanager

@@ -48,7 +48,8 @@ from pysource import _fastaccess, coordinator, scopeinfo, scopescanner, symbolin
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
-from benchutil import corpus_paths, machine_load, quantile, read_bytes, walk_symtable  # noqa: E402
+from benchutil import (corpus_paths, machine_load, peak_resident_bytes, quantile,  # noqa: E402
+                       read_bytes, resident_bytes, walk_symtable)
 
 kSliceSeconds = coordinator.kDefaultSliceSeconds
 kTinySliceSeconds = 0.001
@@ -177,6 +178,7 @@ class CPass:
         self.fAbandoned = []
         self.fRssBefore = 0
         self.fRssPeak = 0
+        self.fPeakReset = False
         self.fRecords = None
 
 
@@ -199,7 +201,7 @@ def run_derived_pass(paths, slice_seconds, guard_seconds, keep_records=False, me
             gc.collect()
             if memory:
                 result.fRssBefore = resident_bytes()
-                reset_peak_resident()
+                result.fPeakReset = reset_peak_resident()
             coord.AddDerivedLocations([loc for loc in locs if loc not in primary_failures])
             start = now()
             while coord.HasReadyWork() or coord.HasDerivedWork():
@@ -244,26 +246,15 @@ def derived_records(mgr):
 # Memory
 
 
-def resident_bytes():
-    with open("/proc/self/statm") as fh:
-        return int(fh.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
 def reset_peak_resident():
-    """Sets the high-water mark of the resident set back to the current size."""
+    """Sets the high-water mark of the resident set back to the current size;
+    False when the system doesn't let it."""
     try:
         with open("/proc/self/clear_refs", "w") as fh:
             fh.write("5")
     except OSError:
-        pass
-
-
-def peak_resident_bytes():
-    with open("/proc/self/status") as fh:
-        for line in fh:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1]) * 1024
-    raise RuntimeError("/proc/self/status has no VmHWM")
+        return False
+    return True
 
 
 # ---------------------------------------------------------------------------
@@ -367,7 +358,8 @@ def print_memory(result):
     mb = 1e6
     print(f"memory of the derived pass (core, first round): RSS after the primary index "
           f"{result.fRssBefore / mb:.1f} MB, peak during the derived pass {result.fRssPeak / mb:.1f} MB "
-          f"(growth {(result.fRssPeak - result.fRssBefore) / mb:.1f} MB; VmHWM reset before the pass); "
+          f"(growth {(result.fRssPeak - result.fRssBefore) / mb:.1f} MB; VmHWM "
+          f"{'reset before the pass' if result.fPeakReset else 'NOT reset: the whole process peak'}); "
           f"process ru_maxrss {resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024 / mb:.1f} MB",
           flush=True)
 
