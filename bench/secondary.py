@@ -345,8 +345,11 @@ def measure_growth(core_paths, core_result, full_sample, guard):
         paths = copy_corpus(full, folder)
         result = run_derived_pass(paths, kSliceSeconds, guard)
     print_pass("one round", paths, result)
-    core_per_scope = core_result.fSeconds / max(1, core_result.fLog.fScopes)
     per_scope = result.fSeconds / max(1, result.fLog.fScopes)
+    if core_result is None:
+        print_overruns([result])
+        return result
+    core_per_scope = core_result.fSeconds / max(1, core_result.fLog.fScopes)
     print(f"    core {len(core_paths)} files {core_result.fSeconds:.3f} s, {core_per_scope * 1e6:.1f} us"
           f"/scope -> {len(paths)} files {result.fSeconds:.3f} s, {per_scope * 1e6:.1f} us/scope "
           f"(per-scope growth x{per_scope / max(1e-12, core_per_scope):.2f})", flush=True)
@@ -373,7 +376,9 @@ def compare_sliced(paths, count, guard):
     control = run_derived_pass(sample, kLongSliceSeconds, guard, keep_records=True)
     for label, result in (("1 ms", tiny), ("long", long), ("long again", control)):
         print(f"  {label}: {len(result.fRecords)} derived records, {len(result.fLog.fOverruns)} "
-              f"Scan calls, {result.fLog.fWaits} waits", flush=True)
+              f"Scan calls, {result.fLog.fWaits} waits, {result.fSeconds:.3f} s (derived Scan calls "
+              f"{result.fLog.fScanSeconds:.3f} s, primary slices for waits "
+              f"{result.fWaitScanSeconds:.3f} s)", flush=True)
         print_findings(result)
     differing = differing_keys(tiny.fRecords, long.fRecords)
     print(f"  differing records, 1 ms vs long: {len(differing)} of "
@@ -450,11 +455,12 @@ def main():
     parser.add_argument("--repeat", type=int, default=3, help="rounds of the core pass (best is kept)")
     parser.add_argument("--skip-full", action="store_true", help="leave out the growth pass")
     parser.add_argument("--skip-core", action="store_true",
-                        help="only the sliced=unsliced check (no timing, overrun, memory or growth)")
+                        help="leave out the core rounds (timing, overrun, memory)")
     parser.add_argument("--full-sample", type=int, default=-1,
                         help="growth over a fixed-seed sample of N full-corpus files "
                              "(default: twice the core size; 0: the whole full corpus)")
-    parser.add_argument("--equal-files", type=int, default=30, help="files of the sliced=unsliced check")
+    parser.add_argument("--equal-files", type=int, default=30,
+                        help="files of the sliced=unsliced check (0 leaves it out)")
     parser.add_argument("--guard", type=float, default=120.0,
                         help="seconds one file's derived scan may take before it is cut off")
     parser.add_argument("--budget", type=float, default=400.0,
@@ -470,10 +476,12 @@ def main():
             results = measure_core(paths, read_bytes(paths), repeat, args.guard, args.budget)
             print_overruns(results)
             print_memory(results[0])
-        compare_sliced(paths, args.equal_files, args.guard)
-    if results and not args.skip_full:
+        if args.equal_files:
+            compare_sliced(paths, args.equal_files, args.guard)
+    if not args.skip_full:
         sample = 2 * len(paths) if args.full_sample < 0 else args.full_sample
-        measure_growth(paths, min(results, key=lambda r: r.fSeconds), sample, args.guard)
+        best = min(results, key=lambda r: r.fSeconds) if results else None
+        measure_growth(paths, best, sample, args.guard)
     print(machine_load(), flush=True)
 
 
