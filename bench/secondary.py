@@ -60,6 +60,7 @@ kSeed = 20261123
 ms = 1e3
 
 now = _fastaccess.GetNowTime
+gTraceScans = False
 
 
 # ---------------------------------------------------------------------------
@@ -95,8 +96,9 @@ class CScanLog:
     """What the derived scanners of one pass did: every Scan call's lateness,
     the waits, the scopes scanned, the files cut off by the guard."""
 
-    def __init__(self, guard_seconds):
+    def __init__(self, guard_seconds, trace=False):
         self.fGuardSeconds = guard_seconds
+        self.fTrace = trace              # each Scan call's file and scope to stderr
         self.fOverruns = []              # seconds past end_time, one per Scan call
         self.fLatest = (float("-inf"), "", "")   # (lateness, file, scope)
         self.fScanSeconds = 0.0          # inside derived Scan calls
@@ -134,6 +136,9 @@ class CTimedScanner:
         return getattr(self.fScanner, name)
 
     def Scan(self, end_time):
+        if self.fLog.fTrace:
+            sys.stderr.write(f"scan {self.fLoc.fPath} from scope {ActiveScope(self.fScanner)}\n")
+            sys.stderr.flush()
         start = now()
         state = self.fScanner.Scan(end_time)
         done = now()
@@ -185,7 +190,7 @@ class CPass:
 def run_derived_pass(paths, slice_seconds, guard_seconds, keep_records=False, memory=False):
     """Indexes `paths` (primary scans, off the clock), then runs their derived
     scans slice by slice as `RunDerivedUntilIdle` would, timing each slice."""
-    log = CScanLog(guard_seconds)
+    log = CScanLog(guard_seconds, gTraceScans)
     result = CPass(log)
     with installed_manager(editor=False) as mgr:
         coord = coordinator.CScanCoordinator(
@@ -465,7 +470,11 @@ def main():
                         help="seconds one file's derived scan may take before it is cut off")
     parser.add_argument("--budget", type=float, default=400.0,
                         help="no further core round starts after this many seconds of rounds")
+    parser.add_argument("--trace", action="store_true",
+                        help="write each derived Scan call's file and scope to stderr (to name a crash)")
     args = parser.parse_args()
+    global gTraceScans
+    gTraceScans = args.trace
     limit = kQuickFiles if args.quick and not args.files else args.files
     repeat = 1 if args.quick else args.repeat
     print(machine_load(), flush=True)
