@@ -54,3 +54,28 @@ def walk_symtable(_locs, texts):
                 symbols += 1
             pending.extend(table.get_children())
     return symbols
+
+
+def quantile(values, q):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(q * len(ordered)))]
+
+
+def machine_load():
+    one, five, _ = os.getloadavg()
+    return f"load average {one:.2f} (1 min) {five:.2f} (5 min) on {os.cpu_count()} cores"
+
+
+def resident_bytes():
+    with open("/proc/self/statm") as fh:
+        return int(fh.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+def peak_resident_bytes():
+    # The high-water mark of this process's own memory (getrusage's would
+    # carry the parent's over from before exec).
+    with open("/proc/self/status") as fh:
+        for line in fh:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1]) * 1024
+    raise RuntimeError("/proc/self/status has no VmHWM")

@@ -48,7 +48,8 @@ from pysource import scopescanner, symbolinfo
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
-from benchutil import best_of, corpus_paths, read_bytes, walk_symtable  # noqa: E402
+from benchutil import (best_of, corpus_paths, machine_load, peak_resident_bytes,  # noqa: E402
+                       quantile, read_bytes, resident_bytes, walk_symtable)
 
 kSliceSeconds = 0.005
 kSingleScopeSamples = 40
@@ -134,21 +135,6 @@ def compare_throughput(locs, texts, repeat):
 
 # ---------------------------------------------------------------------------
 # Memory, measured in a child process so that nothing else is resident
-
-
-def resident_bytes():
-    with open("/proc/self/statm") as fh:
-        return int(fh.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
-
-
-def peak_resident_bytes():
-    # The high-water mark of this process's own memory (getrusage's would
-    # carry the parent's over from before exec).
-    with open("/proc/self/status") as fh:
-        for line in fh:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1]) * 1024
-    raise RuntimeError("/proc/self/status has no VmHWM")
 
 
 @contextlib.contextmanager
@@ -299,11 +285,6 @@ def measure_single_scope(paths, texts):
 # Slices
 
 
-def quantile(values, q):
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, int(q * len(ordered)))]
-
-
 @contextlib.contextmanager
 def collector_pauses():
     """Yields a list that gets the length of every garbage collection run
@@ -362,11 +343,6 @@ def measure_slices(locs):
 
 
 # ---------------------------------------------------------------------------
-
-
-def machine_load():
-    one, five, _ = os.getloadavg()
-    return f"load average {one:.2f} (1 min) {five:.2f} (5 min) on {os.cpu_count()} cores"
 
 
 def main():

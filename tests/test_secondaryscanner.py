@@ -532,6 +532,27 @@ def test_scopes_needing_a_derived_scan_go_to_the_running_scanner(project):
     assert locs["other.py"] in coordinator._fDerived
 
 
+def test_derived_scanners_come_from_the_given_class(mgr, tmp_path):
+    locs = write_project(tmp_path, kProject)
+    made = []
+
+    def make(loc, scan_name, shared_objects):
+        made.append((loc, scan_name, shared_objects))
+        return ss.CWholeFileSecondaryScanner(loc, scan_name, shared_objects)
+
+    coordinator = CScanCoordinator(mgr, derived_scanner_class=make)
+    try:
+        coordinator.AddLocations(locs.values())
+        coordinator.RunUntilIdle()
+        install_engine(mgr, script={"lib.f": [def_single(mgr, locs["lib.py"], "f")]})
+        coordinator.AddDerivedLocations([locs["app.py"]])
+        coordinator.RunDerivedUntilIdle()
+    finally:
+        coordinator.destroy()
+    assert made == [(locs["app.py"], mgr.fDerivedScanName, None)]
+    assert arg_key(0) in lib_f_record(mgr, locs)
+
+
 def _start_derived(coordinator, loc):
     """A derived job of `loc` with its scanner made and not yet run."""
     job = coordinator._fDerived.setdefault(loc, _CFileJob(loc))

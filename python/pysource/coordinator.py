@@ -103,11 +103,13 @@ class CScanCoordinator:
     `progress`: called as `progress(done, total, loc)` when a file starts
     (`loc` is that file) and when the last file is through (`loc` None).
     `derived_progress`: the same for the derived scans.
+    `derived_scanner_class`: called as `derived_scanner_class(loc, scan_name,
+    None)`; the whole-file secondary scanner by default.
     """
 
     def __init__(self, analysis_mgr=None, scanner_class=None,
                  slice_seconds=kDefaultSliceSeconds, max_attempts=kDefaultMaxAttempts,
-                 progress=None, derived_progress=None):
+                 progress=None, derived_progress=None, derived_scanner_class=None):
         if slice_seconds <= 0:
             raise ValueError("slice_seconds must be positive")
         if max_attempts < 1:
@@ -133,6 +135,7 @@ class CScanCoordinator:
         self._fPreviousCoordinator = self.fAnalysisMgr.SetScanCoordinator(self)
         self.fDerivedScanName = self.fAnalysisMgr.fDerivedScanName
         self.fDerivedProgress = derived_progress
+        self.fDerivedScannerClass = derived_scanner_class
         self._fDerived = collections.OrderedDict()   # loc -> derived job, head first
         self._fDerivedTotal = 0
         self._fDerivedDone = 0
@@ -486,8 +489,7 @@ class CScanCoordinator:
                 job = next(iter(self._fDerived.values()))
                 try:
                     if job.scanner is None:
-                        job.scanner = scopescanner.CWholeFileSecondaryScanner(
-                            job.loc, self.fDerivedScanName, None)
+                        job.scanner = self._MakeDerivedScanner(job.loc)
                         self._ReportDerivedProgress(job.loc)
                     state = job.scanner.Scan(end_time)
                 except Exception as err:   # noqa: BLE001 - one file's fault stops only that file
@@ -516,6 +518,12 @@ class CScanCoordinator:
             else:
                 self.RunSlice()
         return self.HasWork()
+
+    def _MakeDerivedScanner(self, loc):
+        scanner_class = self.fDerivedScannerClass
+        if scanner_class is None:
+            scanner_class = scopescanner.CWholeFileSecondaryScanner
+        return scanner_class(loc, self.fDerivedScanName, None)
 
     def _RunPrimaryScansFor(self, job):
         """A derived scan waits for primary scans: those files are queued (a
