@@ -38,11 +38,15 @@ std::uintptr_t StackLimit() {
 
 }  // namespace
 
-void CheckNativeStack(const char *where) {
+bool NativeStackLow() {
     char probe = 0;
     std::uintptr_t here = (std::uintptr_t) &probe;
     std::uintptr_t limit = StackLimit();
-    if (limit != 0 && here < limit) {
+    return limit != 0 && here < limit;
+}
+
+void CheckNativeStack(const char *where) {
+    if (NativeStackLow()) {
         std::string message = std::string("maximum recursion depth exceeded ") + where;
         PyErr_SetString(PyExc_RecursionError, message.c_str());
         throw nb::python_error();

@@ -10,4 +10,8 @@ namespace basekit {
 // margin of the current thread's stack is left; `where` names the operation.
 void CheckNativeStack(const char *where);
 
+// Whether less than the safety margin is left: for code that gives up a
+// branch of its work instead of raising.
+bool NativeStackLow();
+
 }  // namespace basekit

@@ -190,6 +190,8 @@ std::vector<std::string> CEvaluator::OrderedTypeVars(nb::handle cls) {
 
 std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
     std::vector<std::string> vars;
+    if (Stop())
+        return vars;
     si::CSingleResolvedInfo *c = Single(cls);
     std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
     if (si::GetInfoBytesKind(bare) != si::kClassKind && si::GetInfoBytesKind(bare) != si::kInstanceKind)
@@ -271,6 +273,8 @@ std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
 
 std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map) {
     std::vector<MroEntry> out;
+    if (Stop())
+        return out;
     std::vector<std::pair<nb::object, TypeMap>> stack{{nb::borrow(cls), map}};
     std::set<std::pair<std::string, std::string>> seen;
     // Depth first, left to right, each class once: close to the C3 order
@@ -366,6 +370,8 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
 ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::handle receiver,
                                     const TypeMap &map, bool via_instance) {
     ValueSet out;
+    if (Stop())
+        return out;
     for (const MroEntry &entry : Mro(cls, map)) {
         si::CSingleResolvedInfo *k = Single(entry.cls);
         nb::object scope = MakeScope(k->loc, NameOf(k));
@@ -558,6 +564,8 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
 
 ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
     ValueSet out;
+    if (Stop())
+        return out;
     si::CSingleResolvedInfo *d = Single(def_single);
     si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
     std::string_view name = NameOf(d);
@@ -630,6 +638,8 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
 
 ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args) {
     ValueSet out;
+    if (Stop())
+        return out;
     for (const nb::object &r : receivers.Items()) {
         si::CSingleResolvedInfo *s = Single(r);
         if (!s->IsInstance(true))
@@ -655,6 +665,8 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
 
 ValueSet CEvaluator::IterItems(const ValueSet &values) {
     ValueSet out;
+    if (Stop())
+        return out;
     for (const nb::object &v : values.Items()) {
         ValueSet one;
         one.Add(v);
@@ -734,6 +746,8 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
 // Whether a value may be passed where `hint` (read in `def_scope`) is
 // wanted, as far as the hint names classes, protocols or literal values.
 bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given) {
+    if (Stop())
+        return true;
     if (hint.empty() || given.Empty())
         return true;
     TypeMap any;
@@ -796,6 +810,8 @@ bool CEvaluator::IsProtocolClass(nb::handle cls) {
 
 // Structural fit: the class has every method the protocol declares.
 bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
+    if (Stop())
+        return true;
     si::CSingleResolvedInfo *p = Single(protocol);
     si::CSingleResolvedInfo *c = Single(cls);
     std::string key = LocationUrl(p->loc) + "|" + std::string(NameOf(p)) + "|" + LocationUrl(c->loc) + "|" +

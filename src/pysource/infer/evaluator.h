@@ -226,6 +226,8 @@ private:
     nb::object fLocCache;
     nb::object fFinder;
     int fDepth = 0;
+    std::uint64_t fSteps = 0;  // calls of Stop
+    static constexpr std::uint64_t kStepsPerClockReading = 8;
     int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
     // Answers that depend on this request's path (a cut cycle, a stop) are

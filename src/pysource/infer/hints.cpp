@@ -300,7 +300,7 @@ void CEvaluator::BindTypeVars(nb::handle scope, std::string_view hint, const Val
 
 void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
                           TypeMap &map) {
-    if (node < 0 || received.Empty())
+    if (node < 0 || received.Empty() || Stop())
         return;
     const Node &n = tree.nodes[(std::size_t) node];
     switch (n.kind) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "pysource/exprtext.h"
+#include "basekit/stackguard.h"
 #include "pysource/infer/infertyping.h"
 #include "pysource/infocache.h"
 #include "pysource/infer/modulefinder.h"
@@ -131,7 +132,11 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
 bool CEvaluator::Stop() {
     if (fGaveUp)
         return true;
-    bool late = fCtx ? fCtx->PastDeadline() : nb::cast<bool>(fCtxObject.attr("OutOfTime")());
+    // Every step of a request passes here: the clock is read every few
+    // steps, the depth and the native stack every time.
+    bool late = false;
+    if (++fSteps % kStepsPerClockReading == 1)
+        late = fCtx ? fCtx->PastDeadline() : nb::cast<bool>(fCtxObject.attr("OutOfTime")());
     if (late) {
         fGaveUp = true;
         ++fCuts;
@@ -143,7 +148,7 @@ bool CEvaluator::Stop() {
         }
         return true;
     }
-    if (fDepth > fEngine.fMaxDepth) {
+    if (fDepth > fEngine.fMaxDepth || basekit::NativeStackLow()) {
         ++fCuts;
         if (fCtx)
             fCtx->SetIncomplete(kDepthReason);
@@ -438,6 +443,8 @@ ValueSet CEvaluator::BuiltinNamed(std::string_view name) {
 bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                            int &redirect) {
     redirect = 0;
+    if (Stop())
+        return false;
     nb::object record = ScopeName(scope).empty() ? ModuleRecord(scope.attr("loc")) : RecordOf(scope);
     if (record.is_none())
         return false;
@@ -828,6 +835,8 @@ ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
 
 ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view name) {
     ValueSet out;
+    if (Stop())
+        return out;
     auto *m = nb::cast<si::CSingleResolvedInfo *>(module_single);
     nb::object loc = m->loc;
     std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(loc), "", std::string(name), -7};
