@@ -252,7 +252,7 @@ class TestInferCommand:
         code, out, err = self.run(capsys, target, "alpha")
         assert code == 0 and err == ""
         lines = out.splitlines()
-        assert lines[0] == f"Holder  ({source_loc.fPath}:{line_of('class Holder')})"
+        assert lines[0] == f"Holder  ({cli._display_path(source_loc.fPath)}:{line_of('class Holder')})"
         assert lines[1].startswith("int  (") and "builtins.pyi:" in lines[1]
         code, out, _ = self.run(capsys, target, "alpha", "--json")
         data = json.loads(out)

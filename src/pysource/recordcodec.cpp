@@ -1,5 +1,7 @@
 #include "pysource/recordcodec.h"
 
+#include <algorithm>
+
 #include "pysource/infodatabase.h"
 #include "pysource/scoperef.h"
 
@@ -150,10 +152,19 @@ nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::ha
     if (n < 0)
         throw nb::python_error();
     out.Count((std::uint64_t) n);
+    // In order of (url, name): a set's order follows its members' hashes,
+    // which differ from process to process, and the same record must give
+    // the same bytes.
+    std::vector<std::pair<std::string, std::string>> parts;
+    parts.reserve((std::size_t) n);
     for (nb::handle scope : scopes) {
         ScopeView view = ViewScope(scope);
-        out.Bytes(url_of(view.loc));
-        out.Bytes(view.name_view);
+        parts.emplace_back(url_of(view.loc), std::string(view.name_view));
+    }
+    std::sort(parts.begin(), parts.end());
+    for (const auto &[url, name] : parts) {
+        out.Bytes(url);
+        out.Bytes(name);
     }
     return out.Done();
 }
