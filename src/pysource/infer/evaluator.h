@@ -146,6 +146,8 @@ private:
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
     ValueSet LookupInScopeChain(nb::handle scope, std::string_view name);
+    int StarOfParameter(nb::handle record, long long index);
+    static constexpr long long kMaxStarPositions = 16;
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);

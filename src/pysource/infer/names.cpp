@@ -712,13 +712,31 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         nb::object record = RecordOf(scope);
         if (record.is_none())
             return out;
-        std::string key = si::BuildArgInfo(arg->index, std::nullopt);
-        nb::object passed = record.attr("GetInfoBytes")(nb::str(key.c_str()));
-        if (passed.is_none())
+        // `*args` and `**kwargs` are a tuple and a dict of what is passed: the
+        // call's positions from the star parameter's on, keyword values
+        // (which calls don't record).
+        int star = StarOfParameter(record, arg->index);
+        long long last = star == 1 ? arg->index + kMaxStarPositions : arg->index;
+        ValueSet items;
+        for (long long position = arg->index; star != 2 && position <= last; ++position) {
+            std::string key = si::BuildArgInfo(position, std::nullopt);
+            nb::object passed = record.attr("GetInfoBytes")(nb::str(key.c_str()));
+            if (passed.is_none())
+                continue;
+            for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
+                items.Merge(ValuesOfSingle(scope, one, -2));
+        }
+        if (star == 0)
+            return items;
+        nb::object cls = BuiltinClass(star == 1 ? "tuple" : "dict");
+        if (cls.is_none())
             return out;
-        for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
-            out.Merge(ValuesOfSingle(scope, one, -2));
-        return out;
+        if (star == 1)
+            return InstanceOf(cls, items.Empty() ? nb::object(nb::none())
+                                                 : nb::object(nb::make_tuple(items.AsFrozenSet(), EllipsisArg())));
+        ValueSet keys;
+        keys.Add(LiteralSingle("str", std::nullopt));
+        return InstanceOf(cls, nb::make_tuple(keys.AsFrozenSet(), items.AsFrozenSet()));
     }
     case si::kModuleKind: {
         si::UnpackedFields f = si::UnpackFields(s);
@@ -949,6 +967,27 @@ std::string CEvaluator::ClassKey(nb::handle cls) {
     key.push_back('|');
     key.append(si::TextView(c->ibytes, "ibytes"));
     return key;
+}
+
+}  // namespace pysource::infer
+
+namespace pysource::infer {
+
+// 1 for a `*args` parameter at def-side position `index` of the def whose
+// record this is, 2 for `**kwargs`, else 0.
+int CEvaluator::StarOfParameter(nb::handle record, long long index) {
+    std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+    if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+        return 0;
+    long long position = 0;
+    for (const std::string &raw : si::SplitDeclArguments(si::UnpackDefInfo(own).arg_decl)) {
+        std::string_view text = si::StripSpaces(raw);
+        if (text.empty() || text == "*" || text == "/")
+            continue;
+        if (position++ == index)
+            return text.substr(0, 2) == "**" ? 2 : (text.front() == '*' ? 1 : 0);
+    }
+    return 0;
 }
 
 }  // namespace pysource::infer
