@@ -27,20 +27,8 @@ using pgen::NodeKind;
 
 namespace {
 
-si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleResolvedInfo *>(obj); }
-
-std::string_view NameOf(si::CSingleResolvedInfo *s) { return si::TextView(s->scope->name, "name"); }
-
 bool SameClass(si::CSingleResolvedInfo *a, si::CSingleResolvedInfo *b) {
     return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
-}
-
-std::string_view Strip(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\n'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\n'))
-        s.remove_suffix(1);
-    return s;
 }
 
 // The parameters of a def: name, hint text, whether it has a default, and
@@ -57,7 +45,7 @@ std::vector<Param> ParamsOf(const si::DefInfo &def) {
     std::vector<Param> out;
     bool keyword_only = false;
     for (const std::string &raw : si::SplitDeclArguments(def.arg_decl)) {
-        std::string_view text = Strip(raw);
+        std::string_view text = si::StripSpaces(raw);
         if (text.empty() || text == "/")
             continue;
         if (text == "*") {
@@ -80,10 +68,10 @@ std::vector<Param> ParamsOf(const si::DefInfo &def) {
         }
         std::ptrdiff_t colon = si::NonNestedFind(text, ":");
         if (colon >= 0) {
-            p.hint = std::string(Strip(text.substr((std::size_t) colon + 1)));
+            p.hint = std::string(si::StripSpaces(text.substr((std::size_t) colon + 1)));
             text = text.substr(0, (std::size_t) colon);
         }
-        p.name = std::string(Strip(text));
+        p.name = std::string(si::StripSpaces(text));
         p.keyword_only = keyword_only && p.star == 0;
         out.push_back(std::move(p));
     }
@@ -206,7 +194,7 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
     std::vector<std::string> found;
     bool declared = false;
     for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
-        std::string_view text = Strip(base);
+        std::string_view text = si::StripSpaces(base);
         if (text.find('[') == std::string_view::npos || si::NonNestedFind(text, "=") >= 0)
             continue;
         Tree tree;
@@ -292,7 +280,7 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
         si::ClassInfo info = si::UnpackClassInfo(bare);
         nb::object parent = MakeScope(s->loc, si::ParentScopeName(NameOf(s)));
         for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
-            std::string_view text = Strip(base);
+            std::string_view text = si::StripSpaces(base);
             if (text.empty() || si::NonNestedFind(text, "=") >= 0 || text.front() == '*')
                 continue;
             Tree tree;
@@ -491,7 +479,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             if (!n->IsDef())
                 continue;
             si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(n->ibytes, "ibytes")));
-            std::string_view hint = def.return_hint ? Strip(*def.return_hint) : std::string_view();
+            std::string_view hint = def.return_hint ? si::StripSpaces(*def.return_hint) : std::string_view();
             if (hint.empty() || hint == "Self" || si::ParentScopeName(si::NormalizeScopeName(def.scope_name)) == "object")
                 continue;
             news.Add(nw);
@@ -798,7 +786,7 @@ bool CEvaluator::IsProtocolClass(nb::handle cls) {
     if (!info.arg_decl)
         return false;
     for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
-        std::string_view text = Strip(base);
+        std::string_view text = si::StripSpaces(base);
         std::size_t bracket = text.find('[');
         std::string_view head = bracket == std::string_view::npos ? text : text.substr(0, bracket);
         std::size_t dot = head.rfind('.');

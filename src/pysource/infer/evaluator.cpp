@@ -52,8 +52,6 @@ std::string WithIterMarkers(std::string_view text) {
     return out;
 }
 
-si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleResolvedInfo *>(obj); }
-
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
 
 // A one-line quoted literal without prefix, escapes or triple quotes.

@@ -21,10 +21,20 @@
 #include "pysource/infer/inferencectx.h"
 #include "pysource/infer/inferenceengine.h"
 #include "pysource/pgeninspect/tree.h"
+#include "pysource/pytext.h"
+#include "pysource/resolvedinfo.h"
 
 namespace nb = nanobind;
 
 namespace pysource::infer {
+
+// The single behind a Python handle, and the dotted name of its scope.
+inline symbolinfo::CSingleResolvedInfo *Single(nb::handle obj) {
+    return nb::cast<symbolinfo::CSingleResolvedInfo *>(obj);
+}
+inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
+    return symbolinfo::TextView(s->scope->name, "name");
+}
 
 // A set of singles (CSingleResolvedInfo objects), in the order found,
 // without duplicates, bounded in size.
@@ -96,6 +106,9 @@ public:
     std::vector<std::string> OrderedTypeVars(nb::handle cls);
     std::vector<std::string> ComputeOrderedTypeVars(nb::handle cls);
     std::string SpecialFormOf(nb::handle single);  // canonical name, or ""
+    // The dotted module name of a file, as the module finder names it ("" when
+    // it can't), asked once per file.
+    const std::string &ModuleNameOfLoc(nb::handle loc);
     nb::object RecordOf(nb::handle scope);         // merged CScopeInfo or None
 
 private:

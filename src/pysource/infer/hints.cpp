@@ -22,10 +22,6 @@ using pgen::NodeKind;
 
 namespace {
 
-si::CSingleResolvedInfo *Single(nb::handle obj) { return nb::cast<si::CSingleResolvedInfo *>(obj); }
-
-std::string_view NameOf(si::CSingleResolvedInfo *s) { return si::TextView(s->scope->name, "name"); }
-
 bool IsTypeParam(si::CSingleResolvedInfo *s) {
     return si::GetInfoBytesKind(si::BareSingle(si::TextView(s->ibytes, "ibytes"))) == si::kTypeParameterKind;
 }
@@ -40,13 +36,7 @@ std::string CEvaluator::SpecialFormOf(nb::handle single) {
     si::CSingleResolvedInfo *s = Single(single);
     if (!s->IsClass())
         return {};
-    std::string url = LocationUrl(s->loc);
-    auto it = fModuleNames.find(url);
-    if (it == fModuleNames.end()) {
-        nb::object dotted = fFinder.attr("ModuleNameOf")(s->loc);
-        it = fModuleNames.emplace(url, dotted.is_none() ? std::string() : nb::cast<std::string>(dotted)).first;
-    }
-    if (!IsTypingModuleName(it->second) && !nb::cast<bool>(fLocCache.attr("IsTypingLoc")(s->loc)))
+    if (!IsTypingModuleName(ModuleNameOfLoc(s->loc)) && !nb::cast<bool>(fLocCache.attr("IsTypingLoc")(s->loc)))
         return {};
     std::string_view canonical = CanonicalSpecialForm(NameOf(s));
     // Only the forms: typing's abstract classes (Iterable, ...) are classes.

@@ -12,14 +12,6 @@ namespace si = symbolinfo;
 
 namespace {
 
-std::string_view Strip(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\n'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\n'))
-        s.remove_suffix(1);
-    return s;
-}
-
 nb::object FrozenSetOf(const std::vector<long long> &items) {
     nb::object out = nb::steal(PySet_New(nullptr));
     for (long long i : items) {
@@ -50,7 +42,7 @@ nb::object CCallableDetails::GetHintedArgIndexes() {
     si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(ibytes, "ibytes")));
     long long arg_i = 0;
     for (const std::string &arg : si::SplitDeclArguments(def.arg_decl)) {
-        std::string_view text = Strip(arg);
+        std::string_view text = si::StripSpaces(arg);
         if (text.empty() || text == "*" || text == "/")
             continue;
         std::ptrdiff_t colon = si::NonNestedFind(text, ":");

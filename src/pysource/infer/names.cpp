@@ -284,14 +284,9 @@ nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kin
 
 nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
     // Named as the search path names it, whatever the import said.
-    std::string url = LocationUrl(loc);
-    auto it = fModuleNames.find(url);
-    if (it == fModuleNames.end()) {
-        nb::object name = fFinder.attr("ModuleNameOf")(loc);
-        it = fModuleNames.emplace(url, name.is_none() ? std::string() : nb::cast<std::string>(name)).first;
-    }
-    if (!it->second.empty())
-        dotted = it->second;
+    const std::string &known = ModuleNameOfLoc(loc);
+    if (!known.empty())
+        dotted = known;
     std::string ibytes = si::BuildFieldsInfo(si::kModuleKind, {si::OptView(dotted)});
     nb::object scope = ModuleScopeOf(loc);
     if (fCtx)
@@ -869,16 +864,7 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
         ~Leave() { set.erase(key); }
     } leave{fActive, key};
     // typing's special forms stand for themselves.
-    std::string module_name;
-    {
-        std::string url = LocationUrl(loc);
-        auto it = fModuleNames.find(url);
-        if (it == fModuleNames.end()) {
-            nb::object dotted = fFinder.attr("ModuleNameOf")(loc);
-            it = fModuleNames.emplace(url, dotted.is_none() ? std::string() : nb::cast<std::string>(dotted)).first;
-        }
-        module_name = it->second;
-    }
+    std::string module_name = ModuleNameOfLoc(loc);
     if (IsTypingModuleName(module_name)) {
         std::string_view canonical = CanonicalSpecialForm(name);
         if (!canonical.empty() && canonical.find('.') == std::string_view::npos &&
@@ -988,6 +974,20 @@ int CEvaluator::StarOfParameter(nb::handle record, long long index) {
             return text.substr(0, 2) == "**" ? 2 : (text.front() == '*' ? 1 : 0);
     }
     return 0;
+}
+
+}  // namespace pysource::infer
+
+namespace pysource::infer {
+
+const std::string &CEvaluator::ModuleNameOfLoc(nb::handle loc) {
+    std::string url = LocationUrl(loc);
+    auto it = fModuleNames.find(url);
+    if (it == fModuleNames.end()) {
+        nb::object dotted = fFinder.attr("ModuleNameOf")(loc);
+        it = fModuleNames.emplace(url, dotted.is_none() ? std::string() : nb::cast<std::string>(dotted)).first;
+    }
+    return it->second;
 }
 
 }  // namespace pysource::infer
