@@ -10,7 +10,19 @@ namespace pysource {
 
 namespace {
 
-std::vector<std::string> PathList(nb::handle items, const char *what) {
+std::string BaseName(const std::string &path) {
+    std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string DirName(const std::string &path) {
+    std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+}  // namespace
+
+std::vector<std::string> FolderList(nb::handle items, const char *what) {
     std::vector<std::string> out;
     if (items.is_none())
         return out;
@@ -25,18 +37,6 @@ std::vector<std::string> PathList(nb::handle items, const char *what) {
     }
     return out;
 }
-
-std::string BaseName(const std::string &path) {
-    std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string DirName(const std::string &path) {
-    std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? std::string() : path.substr(0, slash);
-}
-
-}  // namespace
 
 std::string StandardStubDir() {
     try {
@@ -65,7 +65,7 @@ CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_
         if (!standard.empty())
             fStubDirs.push_back(standard);
     } else {
-        fStubDirs = PathList(stub_dirs, "stub_dirs");
+        fStubDirs = FolderList(stub_dirs, "stub_dirs");
     }
     nb::dict paths = nb::borrow<nb::dict>(nb::module_::import_("sysconfig").attr("get_paths")());
     fStdlibDir = nb::cast<std::string>(paths["stdlib"]);
@@ -78,7 +78,7 @@ CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_
             for (nb::handle dir : site.attr("getsitepackages")())
                 fLibraryDirs.push_back(nb::cast<std::string>(dir));
     } else {
-        fLibraryDirs = PathList(library_dirs, "library_dirs");
+        fLibraryDirs = FolderList(library_dirs, "library_dirs");
     }
     std::vector<std::string> unique;
     for (const std::string &dir : fLibraryDirs)

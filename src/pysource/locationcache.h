@@ -18,6 +18,10 @@ namespace nb = nanobind;
 
 namespace pysource {
 
+// The folders of a list of paths (str or path-like), without trailing
+// slashes; a TypeError names `what` for a string given instead of a list.
+std::vector<std::string> FolderList(nb::handle items, const char *what);
+
 // The folder of the standard library's stubs that typeshed_client ships,
 // or "" when it isn't installed.
 std::string StandardStubDir();

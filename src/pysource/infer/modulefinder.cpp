@@ -27,22 +27,6 @@ std::string DirName(const std::string &path) {
     return slash == std::string::npos ? std::string() : path.substr(0, slash);
 }
 
-std::vector<std::string> DirList(nb::handle items) {
-    std::vector<std::string> out;
-    if (items.is_none())
-        return out;
-    if (PyUnicode_Check(items.ptr()))
-        throw nb::type_error("a list of folders is needed, not a string");
-    nb::object fspath = nb::module_::import_("os").attr("fspath");
-    for (nb::handle item : items) {
-        std::string dir = nb::cast<std::string>(fspath(item));
-        while (dir.size() > 1 && dir.back() == '/')
-            dir.pop_back();
-        out.push_back(dir);
-    }
-    return out;
-}
-
 std::vector<std::string_view> SplitDots(std::string_view name) {
     std::vector<std::string_view> parts;
     std::size_t start = 0;
@@ -70,13 +54,13 @@ nb::object LocOrNone(const std::string &path) {
 }  // namespace
 
 CModuleFinder::CModuleFinder(nb::handle roots, nb::handle stub_dirs, nb::handle library_dirs) {
-    fRoots = DirList(roots);
+    fRoots = FolderList(roots, "roots");
     if (stub_dirs.is_none()) {
         std::string standard = StandardStubDir();
         if (!standard.empty())
             fStubDirs.push_back(standard);
     } else {
-        fStubDirs = DirList(stub_dirs);
+        fStubDirs = FolderList(stub_dirs, "stub_dirs");
     }
     if (library_dirs.is_none()) {
         nb::dict paths = nb::borrow<nb::dict>(nb::module_::import_("sysconfig").attr("get_paths")());
@@ -93,7 +77,7 @@ CModuleFinder::CModuleFinder(nb::handle roots, nb::handle stub_dirs, nb::handle 
         if (!dynload.empty() && IsDir(dynload))
             fLibraryDirs.push_back(dynload);
     } else {
-        fLibraryDirs = DirList(library_dirs);
+        fLibraryDirs = FolderList(library_dirs, "library_dirs");
     }
 }
 
@@ -200,7 +184,7 @@ nb::object CModuleFinder::ModuleNameOf(nb::handle loc) {
 }
 
 void CModuleFinder::AddRoot(nb::handle dir) {
-    for (const std::string &d : DirList(nb::make_tuple(dir)))
+    for (const std::string &d : FolderList(nb::make_tuple(dir), "dir"))
         fRoots.push_back(d);
     fFound.clear();
 }
