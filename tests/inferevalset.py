@@ -219,10 +219,10 @@ class _CObservingLoader(importlib.machinery.SourceFileLoader):
 class _CObservingFinder:
     @classmethod
     def find_spec(cls, name, path=None, target=None):
-        spec = importlib.machinery.PathFinder.find_spec(name, path)
-        if spec is not None and spec.origin and spec.origin.startswith(kEvalDir + os.sep):
-            spec.loader = _CObservingLoader(name, spec.origin)
-        return spec
+        module_spec = importlib.machinery.PathFinder.find_spec(name, path)
+        if module_spec is not None and module_spec.origin and module_spec.origin.startswith(kEvalDir + os.sep):
+            module_spec.loader = _CObservingLoader(name, module_spec.origin)
+        return module_spec
 
 
 def _Instrument(source, path):

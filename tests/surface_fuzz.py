@@ -37,8 +37,8 @@ def extension_modules():
     for package in (basekit, pysource):
         for info in pkgutil.iter_modules(package.__path__):
             name = f"{package.__name__}.{info.name}"
-            spec = importlib.util.find_spec(name)
-            if spec and spec.origin and spec.origin.endswith(".so") and not info.name.startswith("lib"):
+            module_spec = importlib.util.find_spec(name)
+            if module_spec and module_spec.origin and module_spec.origin.endswith(".so") and not info.name.startswith("lib"):
                 yield importlib.import_module(name)
 
 

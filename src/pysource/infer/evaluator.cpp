@@ -437,12 +437,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             } else {
                 TypeArgsOf(tree, slice, frame, args);
             }
-            nb::list items;
-            for (const ValueSet &arg : args)
-                items.append(arg.AsFrozenSet());
-            auto *spec = new si::CSingleResolvedInfo(v->ibytes, v->scope, v->loc, v->fClassRef);
-            spec->fTypeArgs = nb::tuple(items);
-            out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(spec)));
+            out.Add(WithTypeArgs(value, args));
             continue;
         }
         // A tuple of known positions indexed by a constant.
@@ -577,6 +572,16 @@ bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &posi
     for (Py_ssize_t i = 0; i < size; ++i)
         positions.push_back(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
     return true;
+}
+
+nb::object CEvaluator::WithTypeArgs(nb::handle cls, const std::vector<ValueSet> &args) {
+    si::CSingleResolvedInfo *c = Single(cls);
+    nb::list items;
+    for (const ValueSet &arg : args)
+        items.append(arg.AsFrozenSet());
+    auto *specialised = new si::CSingleResolvedInfo(c->ibytes, c->scope, c->loc, c->fClassRef);
+    specialised->fTypeArgs = nb::tuple(items);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(specialised));
 }
 
 // Values that can stand on either side of `|` in a type: classes and None.

@@ -134,6 +134,8 @@ private:
     ValueSet EvalSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalBinOp(const Tree &tree, const pgen::Node &n, const Frame &frame);
     bool IsTypeOperand(const ValueSet &values);
+    // The class single `cls` specialised with `args` (list[int] from list).
+    nb::object WithTypeArgs(nb::handle cls, const std::vector<ValueSet> &args);
     // Homogeneous tuples carry this set after their item type
     // (tuple[int, ...]); positional ones carry one set per item.
     nb::object EllipsisArg();

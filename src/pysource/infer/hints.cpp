@@ -180,12 +180,7 @@ ValueSet CEvaluator::EvalTypeSubscript(const Tree &tree, const Node &n, const Fr
         }
         std::vector<ValueSet> args;
         TypeArgsOf(tree, slice, frame, args);
-        nb::list items;
-        for (const ValueSet &arg : args)
-            items.append(arg.AsFrozenSet());
-        auto *spec = new si::CSingleResolvedInfo(h->ibytes, h->scope, h->loc, h->fClassRef);
-        spec->fTypeArgs = nb::tuple(items);
-        out.Merge(TypeOfSingle(nb::cast(nb::ref<si::CSingleResolvedInfo>(spec)), frame));
+        out.Merge(TypeOfSingle(WithTypeArgs(head, args), frame));
     }
     return out;
 }
