@@ -226,6 +226,30 @@ def test_unscanned_module_asks_for_its_scan_then_answers(tmp_path):
         assert not ctx.fIncomplete and not ctx.fNeedsScan
 
 
+def test_repeated_resolves_agree_until_records_change(project, tmp_path):
+    """Answers kept from one request to the next tell each context the same
+    scopes read and modules imported, and go when a record changes."""
+    mgr, locs = project
+    engine = mgr.fInferenceEngine._fNativeEngine
+
+    def answer(loc, text):
+        ctx = engine.NewContext(None, True)
+        resolved = engine.ResolveToResult(symbolinfo.Scope(loc, "").ExprIn(text), ctx).resolved
+        return ({_describe(engine, s) for s in resolved}, set(ctx.GetScopesSeen()),
+                set(ctx.GetResolvedImports()))
+
+    _resolve(mgr, locs["app.py"], "", "box.get()")  # the scans it asks for
+    first = answer(locs["app.py"], "box.get()")
+    assert first[0] and len(first[1]) > 1 and first[2]
+    assert answer(locs["app.py"], "box.get()") == first
+    path = tmp_path / "edited.py"
+    loc = CLocalFileLocation(str(path))
+    for body, expected in (("1", "int"), ("'text'", "str")):
+        path.write_text(f"def f():\n    return {body}\nvalue = f()\n")
+        _scan(mgr, [loc])
+        assert {s.GetTypeName() for s in _resolve(mgr, loc, "", "value")[0]} == {expected}
+
+
 def test_deadline_stops_a_resolve(project):
     mgr, locs = project
     engine = mgr.fInferenceEngine._fNativeEngine

@@ -318,6 +318,7 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
         }
         if (same)
             return AddResult::kUnchanged;
+        ++fRecordGeneration;
         if (primary)
             ++fPrimaryGeneration;
         NoteChanged(key.for_scope);
@@ -344,6 +345,7 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
     fRecordsOfScan[ScanId(scanned_url, scanned_name, key.fScanName)].emplace(entry.url, scope_name);
     ++entry.record_count;
     ++fRecordsInMemory;
+    ++fRecordGeneration;
     if (primary)
         ++fPrimaryGeneration;
     NoteChanged(key.for_scope);
@@ -354,6 +356,7 @@ void CInfoCache::RemoveSlot(LocEntry &entry, const std::string &scope_name, std:
     auto scope_it = entry.scopes.find(scope_name);
     ScopeEntry &scope_entry = scope_it->second;
     RecordSlot &slot = scope_entry.records[index];
+    ++fRecordGeneration;
     if (slot.scan_name == fPrimaryScanName)
         ++fPrimaryGeneration;
     if (slot.dirty)

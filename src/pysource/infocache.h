@@ -105,6 +105,8 @@ public:
     // Counts the changes of primary records (added, changed, dropped): what
     // is derived from primary records alone stays good while it stands.
     std::uint64_t fPrimaryGeneration = 0;
+    // Counts the changes of any record, derived ones included.
+    std::uint64_t fRecordGeneration = 0;
     // With a read-only database: records scanned meanwhile stay in memory
     // instead of raising on their write (a query that scans what the index
     // lacks).

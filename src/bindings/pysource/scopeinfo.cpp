@@ -190,6 +190,7 @@ NB_MODULE(scopeinfo, m) {
         .def_rw("fMaxRecordsInMemory", &CInfoCache::fMaxRecordsInMemory)
         .def_rw("fMaxMergedInfos", &CInfoCache::fMaxMergedInfos)
         .def_ro("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration)
+        .def_ro("fRecordGeneration", &CInfoCache::fRecordGeneration)
         .def_rw("fKeepWritesInMemory", &CInfoCache::fKeepWritesInMemory)
         .def_prop_rw("fLocCache", ObjectField(&CInfoCache::fLocCache),
                      [](CInfoCache &self, nb::handle v) { self.fLocCache = nb::borrow(v); });

@@ -85,16 +85,41 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
         if (hit != fMemo.library_values.end())
             return hit->second;
     }
+    // Within a request every text is evaluated once per binding of the
+    // names a call fixes: real code reaches the same values along many
+    // paths, and evaluating each path anew is exponential.
+    std::optional<RequestKey> request_key;
+    bool keep_project = false;
+    if (self_locals_free(text)) {
+        request_key.emplace(key, BindingSignature(nullptr));
+        if (const ValueSet *hit = RequestValueOf(*request_key))
+            return *hit;
+        keep_project = !keep && fKeepProjectValues && fBoundNames.empty() && fClassMaps.empty();
+        if (keep_project) {
+            auto hit = fMemo.project_values.find(*request_key);
+            if (hit != fMemo.project_values.end()) {
+                for (const auto &[import, seen] : hit->second.effects)
+                    import ? ImportSeen(seen) : Seen(seen);
+                return hit->second.values;
+            }
+        }
+    }
     std::uint64_t cuts_before = fCuts;
+    std::size_t effects_from = fEffects.size();
     fActive.insert(key);
     struct Leave {
         CEvaluator &ev;
         std::tuple<std::string, std::string, std::string, long long> key;
+        bool collects;
         ~Leave() {
             ev.fActive.erase(key);
             --ev.fDepth;
+            if (collects && --ev.fCollecting == 0)
+                ev.fEffects.clear();
         }
-    } leave{*this, key};
+    } leave{*this, key, keep_project};
+    if (keep_project)
+        ++fCollecting;
     ++fDepth;
     Tree tree;
     Locals self_locals;
@@ -114,7 +139,59 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     out = Eval(tree, root, frame);
     if (keep && fCuts == cuts_before)
         fMemo.library_values.emplace(key, out);
+    if (keep_project && fCuts == cuts_before) {
+        EngineMemo::ProjectValue kept{out, {}};
+        std::set<std::pair<bool, PyObject *>> unique;
+        for (std::size_t i = effects_from; i < fEffects.size(); ++i)
+            if (unique.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
+                kept.effects.push_back(fEffects[i]);
+        fMemo.project_values.emplace(*request_key, std::move(kept));
+    }
+    if (request_key)
+        fRequestValues.emplace(std::move(*request_key), RequestValue{out, fCuts != cuts_before});
     return out;
+}
+
+const ValueSet *CEvaluator::RequestValueOf(const RequestKey &key) {
+    auto hit = fRequestValues.find(key);
+    if (hit == fRequestValues.end())
+        return nullptr;
+    if (hit->second.partial)
+        ++fCuts;  // as partial here as where it was found
+    return &hit->second.values;
+}
+
+std::string CEvaluator::BindingSignature(const TypeMap *map) {
+    std::string signature = std::to_string(fArgHops);
+    auto add_values = [&](const ValueSet &values) {
+        signature.push_back('[');
+        for (const nb::object &value : values.Items()) {
+            signature.append(std::to_string((long long) PyObject_Hash(value.ptr())));
+            signature.push_back(',');
+        }
+        signature.push_back(']');
+    };
+    for (const auto &[name, values] : fBoundNames) {
+        signature.append("|" + std::get<0>(name) + "|" + std::get<1>(name) + "|" + std::get<2>(name));
+        add_values(values);
+    }
+    auto add_map = [&](const TypeMap &vars) {
+        for (const auto &[var, values] : vars) {
+            signature.append("|" + var);
+            add_values(values);
+        }
+    };
+    for (const auto &[url, cls, class_map] : fClassMaps) {
+        signature.append("#" + url + "|" + cls);
+        add_map(class_map);
+    }
+    if (map) {
+        signature.push_back('@');
+        add_map(*map);
+    }
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    return signature;
 }
 
 ValueSet CEvaluator::ScopeObject(nb::handle scope) {

@@ -77,6 +77,19 @@ struct EngineMemo {
     std::map<std::string, std::vector<MroEntry>> mros;  // url|name|class single
     std::map<std::string, std::vector<std::string>> type_vars;
     std::map<std::tuple<std::string, std::string, std::string, long long>, ValueSet> library_values;
+    // Values read in the project's own files also depend on derived records
+    // (what callers pass): they stand while no record at all changes.
+    std::uint64_t record_generation = ~std::uint64_t(0);
+    // Each with what reading it told the request's context: the scopes it
+    // read and the modules it imported (a dependency is a dependency however
+    // the value was found).
+    struct ProjectValue {
+        ValueSet values;
+        std::vector<std::pair<bool, nb::object>> effects;  // (an import, scope)
+    };
+    std::map<std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>, ProjectValue>
+        project_values;
+    std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
     std::map<std::string, bool> library_urls;  // url -> a file without derived info
 
     void Clear(std::uint64_t new_generation) {
@@ -254,8 +267,36 @@ private:
     std::string fPrimaryScanName;
     nb::dict fRecords;  // scope -> merged record, or None
     std::set<std::tuple<std::string, std::string, std::string, long long>> fActive;
+    // What each text read in a scope gave in this request, under the names
+    // bound at the time (BindingSignature); partial when a cut cycle, the
+    // depth bound or the clock shortened it.
+    using RequestKey = std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>;
+    struct RequestValue {
+        ValueSet values;
+        bool partial;
+    };
+    std::map<RequestKey, RequestValue> fRequestValues;
+    // Hints are kept apart from values read at a logical index.
+    static constexpr long long kHintUseIndex = -9;
+    const ValueSet *RequestValueOf(const RequestKey &key);
+    // The names a call fixes and the type variables in force (plus `map`'s),
+    // as text: values read under equal signatures are equal.
+    std::string BindingSignature(const TypeMap *map);
+    bool fKeepProjectValues = false;
+    // What the request told its context while a kept value was being read.
+    int fCollecting = 0;
+    std::vector<std::pair<bool, nb::object>> fEffects;
+    void NoteEffect(bool import, nb::handle scope);
+    void ImportSeen(nb::handle module_scope);
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
+    // The type arguments a value gives a protocol's variables, by protocol,
+    // value, variables and bindings; partial while being matched or when cut.
+    struct ProtocolMatch {
+        TypeMap map;
+        bool partial = false;
+    };
+    std::map<std::string, ProtocolMatch> fProtocolArgs;
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;

@@ -61,6 +61,28 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
     nb::object record = RecordOf(MakeScope(p->loc, NameOf(p)));
     if (record.is_none() || vars.empty())
         return found;
+    // Matching a value against a protocol calls its members, whose hints
+    // bind through protocols again: once per request for each pair, and a
+    // pair met again while it is being matched is a cycle.
+    std::string key = ClassKey(protocol);
+    key.push_back('|');
+    key.append(std::to_string((long long) PyObject_Hash(value.ptr())));
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    for (const std::string &var : vars) {
+        key.push_back('|');
+        key.append(var);
+    }
+    key.push_back('|');
+    key.append(BindingSignature(nullptr));
+    auto [memo, fresh] = fProtocolArgs.try_emplace(key);
+    if (!fresh) {
+        if (memo->second.partial)
+            ++fCuts;
+        return memo->second.map;
+    }
+    memo->second.partial = true;  // until the match below is done
+    std::uint64_t cuts_before = fCuts;
     ValueSet receiver;
     receiver.Add(value);
     nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
@@ -78,6 +100,9 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             break;
         }
     }
+    ProtocolMatch &done = fProtocolArgs[key];
+    done.map = found;
+    done.partial = fCuts != cuts_before;
     return found;
 }
 
@@ -85,14 +110,21 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     ValueSet out;
     if (Stop())
         return out;
+    RequestKey key{{LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
+                    std::string(text), kHintUseIndex},
+                   BindingSignature(map)};
+    if (const ValueSet *hit = RequestValueOf(key))
+        return *hit;
+    std::uint64_t cuts_before = fCuts;
     Tree tree;
     std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
-    if (root < 0)
-        return out;
-    Frame frame{nb::borrow(scope), -2, map, nullptr};
-    ++fDepth;
-    out = EvalType(tree, root, frame);
-    --fDepth;
+    if (root >= 0) {
+        Frame frame{nb::borrow(scope), -2, map, nullptr};
+        ++fDepth;
+        out = EvalType(tree, root, frame);
+        --fDepth;
+    }
+    fRequestValues.emplace(std::move(key), RequestValue{out, fCuts != cuts_before});
     return out;
 }
 

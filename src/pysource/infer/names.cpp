@@ -113,16 +113,26 @@ ValueSet ValueSet::FromIterable(nb::handle items) {
 CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     : fEngine(engine), fCtxObject(nb::borrow(ctx)), fCtx(AsContext(ctx)), fMemo(*engine.fMemo) {
     fInfoCache = engine.fInfoCache;
-    std::uint64_t generation = IsExactly<CInfoCache>(fInfoCache)
-                                   ? nb::cast<CInfoCache *>(fInfoCache)->fPrimaryGeneration
-                                   : (nb::hasattr(fInfoCache, "fPrimaryGeneration")
-                                          ? nb::cast<std::uint64_t>(fInfoCache.attr("fPrimaryGeneration"))
-                                          : ~std::uint64_t(0) - 1);
-    if (generation != fMemo.generation || generation == ~std::uint64_t(0) - 1 ||
-        fMemo.conditions != engine.fConditionEvaluator.ptr()) {
+    constexpr std::uint64_t kUnknown = ~std::uint64_t(0) - 1;
+    auto generation_of = [&](const char *field, std::uint64_t CInfoCache::*member) {
+        if (IsExactly<CInfoCache>(fInfoCache))
+            return nb::cast<CInfoCache *>(fInfoCache)->*member;
+        return nb::hasattr(fInfoCache, field) ? nb::cast<std::uint64_t>(fInfoCache.attr(field)) : kUnknown;
+    };
+    std::uint64_t generation = generation_of("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration);
+    std::tuple<int, int, std::size_t> limits{engine.fMaxDepth, engine.fMaxArgHops, engine.fMaxValues};
+    if (generation != fMemo.generation || generation == kUnknown ||
+        fMemo.conditions != engine.fConditionEvaluator.ptr() || limits != fMemo.limits) {
         fMemo.Clear(generation);
         fMemo.conditions = engine.fConditionEvaluator.ptr();
+        fMemo.limits = limits;
     }
+    std::uint64_t records = generation_of("fRecordGeneration", &CInfoCache::fRecordGeneration);
+    if (records != fMemo.record_generation || records == kUnknown) {
+        fMemo.project_values.clear();
+        fMemo.record_generation = records;
+    }
+    fKeepProjectValues = records != kUnknown;
     fLocCache = engine._fLocCache;
     fFinder = engine.fModuleFinder;
     fPrimaryScanName = engine.fPrimaryScanName;
@@ -161,7 +171,21 @@ bool CEvaluator::Stop() {
     return false;
 }
 
+void CEvaluator::NoteEffect(bool import, nb::handle scope) {
+    if (fCollecting)
+        fEffects.emplace_back(import, nb::borrow(scope));
+}
+
+void CEvaluator::ImportSeen(nb::handle module_scope) {
+    NoteEffect(true, module_scope);
+    if (fCtx)
+        fCtx->AddResolvedImport(module_scope);
+    else
+        fCtxObject.attr("MergeResolvedImports")(nb::make_tuple(module_scope));
+}
+
 void CEvaluator::Seen(nb::handle scope) {
+    NoteEffect(false, scope);
     if (fCtx)
         fCtx->AddScopeToScopesSeen(scope);
     else
@@ -169,8 +193,11 @@ void CEvaluator::Seen(nb::handle scope) {
 }
 
 nb::object CEvaluator::RecordOf(nb::handle scope) {
-    if (PyObject *hit = PyDict_GetItemWithError(fRecords.ptr(), scope.ptr()))
+    if (PyObject *hit = PyDict_GetItemWithError(fRecords.ptr(), scope.ptr())) {
+        if (fCollecting && hit != Py_None)
+            NoteEffect(false, scope);
         return nb::borrow(hit);
+    }
     if (PyErr_Occurred())
         throw nb::python_error();
     nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
@@ -289,10 +316,7 @@ nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
         dotted = known;
     std::string ibytes = si::BuildFieldsInfo(si::kModuleKind, {si::OptView(dotted)});
     nb::object scope = ModuleScopeOf(loc);
-    if (fCtx)
-        fCtx->AddResolvedImport(scope);
-    else
-        fCtxObject.attr("MergeResolvedImports")(nb::make_tuple(scope));
+    ImportSeen(scope);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
         si::ToBytes(ibytes), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
 }
