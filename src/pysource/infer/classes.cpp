@@ -169,9 +169,9 @@ std::vector<std::string> CEvaluator::OrderedTypeVars(nb::handle cls) {
     auto hit = fMemo.type_vars.find(memo_key);
     if (hit != fMemo.type_vars.end())
         return hit->second;
-    std::uint64_t cuts_before = fCuts;
+    CutWatch watch(*this);
     std::vector<std::string> vars = ComputeOrderedTypeVars(cls);
-    if (fCuts == cuts_before)
+    if (watch.Whole())
         fMemo.type_vars.emplace(memo_key, vars);
     return vars;
 }
@@ -252,9 +252,9 @@ std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
     auto hit = fMemo.mros.find(memo_key);
     if (hit != fMemo.mros.end())
         return hit->second;
-    std::uint64_t cuts_before = fCuts;
+    CutWatch watch(*this);
     std::vector<MroEntry> mro = ComputeMro(cls, map);
-    if (fCuts == cuts_before)
+    if (watch.Whole())
         fMemo.mros.emplace(memo_key, mro);
     return mro;
 }
@@ -563,14 +563,9 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
     }
     std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(d->loc), std::string(name),
                                                                     "return", -5};
-    if (fActive.count(key))
-        return out;
-    fActive.insert(key);
-    struct Leave {
-        CEvaluator &ev;
-        std::tuple<std::string, std::string, std::string, long long> key;
-        ~Leave() { ev.fActive.erase(key); }
-    } leave{*this, key};
+    if (CycleAt(key))
+        return out;  // a recursive def: its other returns tell
+    ActiveRead active(*this, key);
     nb::object scope = MakeScope(d->loc, name);
     nb::object record = RecordOf(scope);
     if (record.is_none()) {

@@ -74,29 +74,36 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     std::tuple<std::string, std::string, std::string, long long> key{
         LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
         std::string(text), use_index};
-    if (fActive.count(key)) {
-        ++fCuts;
+    if (CycleAt(key))
         return out;  // the value depends on itself: nothing more to learn here
-    }
-    // Values read in library files depend on their primary records alone.
-    bool keep = self_locals_free(text) && fBoundNames.empty() && fClassMaps.empty() && IsLibraryScope(scope);
-    if (keep) {
-        auto hit = fMemo.library_values.find(key);
-        if (hit != fMemo.library_values.end())
-            return hit->second;
-    }
     // Within a request every text is evaluated once per binding of the
     // names a call fixes: real code reaches the same values along many
-    // paths, and evaluating each path anew is exponential.
-    std::optional<RequestKey> request_key;
-    bool keep_project = false;
-    if (self_locals_free(text)) {
-        request_key.emplace(key, BindingSignature(nullptr));
-        if (const ValueSet *hit = RequestValueOf(*request_key))
-            return *hit;
-        keep_project = !keep && fKeepProjectValues && fBoundNames.empty() && fClassMaps.empty();
-        if (keep_project) {
-            auto hit = fMemo.project_values.find(*request_key);
+    // paths, and evaluating each path anew is exponential.  A value that
+    // read no bound name stands under any binding, and from one request to
+    // the next: in library files while their primary records do, in the
+    // project's own while no record changes (derived ones hold what callers
+    // pass).
+    bool memoable = self_locals_free(text);
+    bool bound = !fBoundNames.empty() || !fClassMaps.empty();
+    bool library = memoable && IsLibraryScope(scope);
+    bool keep_project = memoable && !library && fKeepProjectValues;
+    // Keys: `free_key` for values that read no bound name, `context_key`
+    // for the others, under the bindings in force (or none).
+    RequestKey free_key{key, std::to_string(fArgHops)};
+    RequestKey context_key{key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
+    if (memoable) {
+        for (const RequestKey *k : {&free_key, &context_key})
+            if (const ValueSet *hit = RequestValueOf(*k))
+                return *hit;
+        if (library && !bound) {
+            auto hit = fMemo.library_values.find(key);
+            if (hit != fMemo.library_values.end())
+                return hit->second;
+        }
+        for (const RequestKey *k : {&free_key, &context_key}) {
+            if (!keep_project || (bound && k == &context_key))
+                break;
+            auto hit = fMemo.project_values.find(*k);
             if (hit != fMemo.project_values.end()) {
                 for (const auto &[import, seen] : hit->second.effects)
                     import ? ImportSeen(seen) : Seen(seen);
@@ -104,20 +111,19 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
             }
         }
     }
-    std::uint64_t cuts_before = fCuts;
+    std::uint64_t binding_reads_before = fBindingReads;
+    CutWatch watch(*this);
     std::size_t effects_from = fEffects.size();
-    fActive.insert(key);
+    ActiveRead active(*this, key);
     struct Leave {
         CEvaluator &ev;
-        std::tuple<std::string, std::string, std::string, long long> key;
         bool collects;
         ~Leave() {
-            ev.fActive.erase(key);
             --ev.fDepth;
             if (collects && --ev.fCollecting == 0)
                 ev.fEffects.clear();
         }
-    } leave{*this, key, keep_project};
+    } leave{*this, keep_project};
     if (keep_project)
         ++fCollecting;
     ++fDepth;
@@ -137,28 +143,30 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
         return out;
     Frame frame{nb::borrow(scope), use_index, nullptr, self_locals.empty() ? nullptr : &self_locals};
     out = Eval(tree, root, frame);
-    if (keep && fCuts == cuts_before)
+    if (!memoable)
+        return out;
+    bool binding_free = fBindingReads == binding_reads_before;
+    bool whole = watch.Whole();
+    if (library && !bound && whole)
         fMemo.library_values.emplace(key, out);
-    if (keep_project && fCuts == cuts_before) {
+    if (keep_project && (binding_free || !bound) && whole) {
         EngineMemo::ProjectValue kept{out, {}};
         std::set<std::pair<bool, PyObject *>> unique;
         for (std::size_t i = effects_from; i < fEffects.size(); ++i)
             if (unique.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
                 kept.effects.push_back(fEffects[i]);
-        fMemo.project_values.emplace(*request_key, std::move(kept));
+        fMemo.project_values.emplace(binding_free ? free_key : context_key, std::move(kept));
     }
-    if (request_key)
-        fRequestValues.emplace(std::move(*request_key), RequestValue{out, fCuts != cuts_before});
+    fRequestValues.emplace(binding_free ? std::move(free_key) : std::move(context_key), Keep(out, watch));
     return out;
 }
 
-const ValueSet *CEvaluator::RequestValueOf(const RequestKey &key) {
-    auto hit = fRequestValues.find(key);
-    if (hit == fRequestValues.end())
-        return nullptr;
-    if (hit->second.partial)
-        ++fCuts;  // as partial here as where it was found
-    return &hit->second.values;
+bool CEvaluator::CycleAt(const ActiveKey &key) {
+    auto hit = fActive.find(key);
+    if (hit == fActive.end())
+        return false;
+    fCycleLow = std::min(fCycleLow, hit->second);
+    return true;
 }
 
 std::string CEvaluator::BindingSignature(const TypeMap *map) {

@@ -9,6 +9,9 @@
 
 #include <nanobind/nanobind.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <map>
 #include <cstdint>
 #include <optional>
@@ -266,23 +269,104 @@ private:
     EngineMemo &fMemo;
     std::string fPrimaryScanName;
     nb::dict fRecords;  // scope -> merged record, or None
-    std::set<std::tuple<std::string, std::string, std::string, long long>> fActive;
+    // The values being read, each with its place on the stack of reads.
+    using ActiveKey = std::tuple<std::string, std::string, std::string, long long>;
+    std::map<ActiveKey, std::size_t> fActive;
+    std::vector<const ActiveKey *> fActiveStack;
+    // The lowest place a cut cycle led back to, in the reads under way.
+    std::size_t fCycleLow = SIZE_MAX;
+    // Whether `key` is being read: a cycle, noted against its place.
+    bool CycleAt(const ActiveKey &key);
+    // Watches a piece of work for what makes its answer partial: a stop, a
+    // scan it needs, or a cycle back to a read begun before it.  A cycle
+    // back to the piece's own read (a recursive def, `x = x + 1` in a loop)
+    // leaves its answer whole: that is the answer the read gives.
+    class CutWatch {
+    public:
+        explicit CutWatch(CEvaluator &ev)
+            : ev_(ev), cuts_(ev.fCuts), saved_low_(ev.fCycleLow), boundary_(ev.fActive.size()) {
+            ev.fCycleLow = SIZE_MAX;
+        }
+        ~CutWatch() {
+            // Cycles back into the finished piece end with it.
+            ev_.fCycleLow = ev_.fCycleLow < boundary_ ? std::min(ev_.fCycleLow, saved_low_) : saved_low_;
+        }
+        bool Whole() const { return !Stopped() && !CycledOut(); }
+        bool Stopped() const { return ev_.fCuts != cuts_; }
+        bool CycledOut() const { return ev_.fCycleLow < boundary_; }
+        std::size_t CycleLow() const { return ev_.fCycleLow; }
+        CutWatch(const CutWatch &) = delete;
+        CutWatch &operator=(const CutWatch &) = delete;
+
+    private:
+        CEvaluator &ev_;
+        std::uint64_t cuts_;
+        std::size_t saved_low_;
+        std::size_t boundary_;
+    };
+    // Marks `key` as being read for the life of the object.
+    class ActiveRead {
+    public:
+        ActiveRead(CEvaluator &ev, const ActiveKey &key)
+            : ev_(ev), it_(ev.fActive.emplace(key, ev.fActiveStack.size()).first) {
+            ev.fActiveStack.push_back(&it_->first);
+        }
+        ~ActiveRead() {
+            ev_.fActiveStack.pop_back();
+            ev_.fActive.erase(it_);
+        }
+        ActiveRead(const ActiveRead &) = delete;
+        ActiveRead &operator=(const ActiveRead &) = delete;
+
+    private:
+        CEvaluator &ev_;
+        std::map<ActiveKey, std::size_t>::iterator it_;
+    };
     // What each text read in a scope gave in this request, under the names
     // bound at the time (BindingSignature); partial when a cut cycle, the
     // depth bound or the clock shortened it.
     using RequestKey = std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>;
-    struct RequestValue {
-        ValueSet values;
-        bool partial;
+    // A result kept for the rest of the request.
+    template <class T>
+    struct Kept {
+        T value;
+        bool partial = false;            // a stop shortened it
+        std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
     };
-    std::map<RequestKey, RequestValue> fRequestValues;
+    std::map<RequestKey, Kept<ValueSet>> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
-    const ValueSet *RequestValueOf(const RequestKey &key);
+    // The kept result of `key`: one that read an unfinished value is good
+    // while that read is under way (the same cycle), and worked out again
+    // after it.
+    template <class Key, class T>
+    const T *KeptOf(std::map<Key, Kept<T>> &kept, const Key &key) {
+        auto hit = kept.find(key);
+        if (hit == kept.end())
+            return nullptr;
+        if (hit->second.cycle && !CycleAt(*hit->second.cycle)) {
+            kept.erase(hit);
+            return nullptr;
+        }
+        if (hit->second.partial)
+            ++fCuts;  // as partial here as where it was found
+        return &hit->second.value;
+    }
+    const ValueSet *RequestValueOf(const RequestKey &key) { return KeptOf(fRequestValues, key); }
+    template <class T>
+    Kept<T> Keep(T value, const CutWatch &watch) const {
+        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt};
+        if (watch.CycledOut())
+            kept.cycle = *fActiveStack[watch.CycleLow()];
+        return kept;
+    }
     // The names a call fixes and the type variables in force (plus `map`'s),
     // as text: values read under equal signatures are equal.
     std::string BindingSignature(const TypeMap *map);
     bool fKeepProjectValues = false;
+    // Counts the reads whose value a binding decides: a bound name, the
+    // first parameter of a def, a type variable outside an explicit map.
+    std::uint64_t fBindingReads = 0;
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
     std::vector<std::pair<bool, nb::object>> fEffects;
@@ -292,11 +376,7 @@ private:
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
     // The type arguments a value gives a protocol's variables, by protocol,
     // value, variables and bindings; partial while being matched or when cut.
-    struct ProtocolMatch {
-        TypeMap map;
-        bool partial = false;
-    };
-    std::map<std::string, ProtocolMatch> fProtocolArgs;
+    std::map<std::string, Kept<TypeMap>> fProtocolArgs;
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;

@@ -75,14 +75,13 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
     }
     key.push_back('|');
     key.append(BindingSignature(nullptr));
-    auto [memo, fresh] = fProtocolArgs.try_emplace(key);
-    if (!fresh) {
-        if (memo->second.partial)
-            ++fCuts;
-        return memo->second.map;
-    }
-    memo->second.partial = true;  // until the match below is done
-    std::uint64_t cuts_before = fCuts;
+    ActiveKey active_key{"", "protocol", key, 0};
+    if (CycleAt(active_key))
+        return found;  // a match under way
+    if (const TypeMap *kept = KeptOf(fProtocolArgs, key))
+        return *kept;
+    CutWatch watch(*this);
+    ActiveRead active(*this, active_key);
     ValueSet receiver;
     receiver.Add(value);
     nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
@@ -100,9 +99,7 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             break;
         }
     }
-    ProtocolMatch &done = fProtocolArgs[key];
-    done.map = found;
-    done.partial = fCuts != cuts_before;
+    fProtocolArgs.insert_or_assign(key, Keep(found, watch));
     return found;
 }
 
@@ -115,7 +112,7 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
                    BindingSignature(map)};
     if (const ValueSet *hit = RequestValueOf(key))
         return *hit;
-    std::uint64_t cuts_before = fCuts;
+    CutWatch watch(*this);
     Tree tree;
     std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
     if (root >= 0) {
@@ -124,7 +121,7 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
         out = EvalType(tree, root, frame);
         --fDepth;
     }
-    fRequestValues.emplace(std::move(key), RequestValue{out, fCuts != cuts_before});
+    fRequestValues.emplace(std::move(key), Keep(out, watch));
     return out;
 }
 
@@ -229,6 +226,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         }
         // Inside a class whose type arguments are known (reading an
         // instance's attributes), its variables stand for them.
+        ++fBindingReads;
         std::string url = LocationUrl(frame.scope.attr("loc"));
         std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
         for (auto it = fClassMaps.rbegin(); it != fClassMaps.rend(); ++it) {

@@ -472,6 +472,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     if (!fBoundNames.empty()) {
         auto bound = fBoundNames.find({LocationUrl(scope.attr("loc")), std::string(ScopeName(scope)), std::string(name)});
         if (bound != fBoundNames.end()) {
+            ++fBindingReads;
             out.Merge(bound->second);
             return true;
         }
@@ -707,6 +708,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     }
     case si::kSelfKind: {
         // The first parameter of a method: an instance of its class.
+        ++fBindingReads;
         std::string_view scope_name = ScopeName(scope);
         nb::object cls_scope = MakeScope(loc, si::ParentScopeName(scope_name));
         nb::object record = RecordOf(cls_scope);
@@ -721,6 +723,8 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         // What callers passed, as the derived records of this def hold it
         // under the argument's own single.
         std::optional<si::ArgInfo> arg = si::UnpackArgInfo(s);
+        if (arg && arg->index == 0)
+            ++fBindingReads;  // a def's first parameter is bound when it is called as a method
         if (!arg || fArgHops >= fEngine.fMaxArgHops)
             return out;  // callers of callers of ...: far enough
         struct Hop {
@@ -876,17 +880,10 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
         return out;
     auto *m = nb::cast<si::CSingleResolvedInfo *>(module_single);
     nb::object loc = m->loc;
-    std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(loc), "", std::string(name), -7};
-    if (fActive.count(key)) {
-        ++fCuts;
+    ActiveKey key{LocationUrl(loc), "", std::string(name), -7};
+    if (CycleAt(key))
         return out;
-    }
-    fActive.insert(key);
-    struct Leave {
-        std::set<std::tuple<std::string, std::string, std::string, long long>> &set;
-        std::tuple<std::string, std::string, std::string, long long> key;
-        ~Leave() { set.erase(key); }
-    } leave{fActive, key};
+    ActiveRead active(*this, key);
     // typing's special forms stand for themselves.
     std::string module_name = ModuleNameOfLoc(loc);
     if (IsTypingModuleName(module_name)) {
