@@ -250,6 +250,18 @@ def test_repeated_resolves_agree_until_records_change(project, tmp_path):
         assert {s.GetTypeName() for s in _resolve(mgr, loc, "", "value")[0]} == {expected}
 
 
+def test_kept_answers_follow_the_search_path(tmp_path):
+    for rel, text in (("app/use.py", "import helper\nvalue = helper.X\n"), ("lib/helper.py", "X = 1\n")):
+        (tmp_path / rel).parent.mkdir(exist_ok=True)
+        (tmp_path / rel).write_text(text)
+    with installed_manager(editor=False) as mgr:
+        use = CLocalFileLocation(str(tmp_path / "app/use.py"))
+        _scan(mgr, [use])
+        assert _resolve(mgr, use, "", "value")[0] == frozenset()
+        mgr.fInferenceEngine._fNativeEngine.fModuleFinder.AddRoot(str(tmp_path / "lib"))
+        assert {s.GetTypeName() for s in _resolve(mgr, use, "", "value")[0]} == {"int"}
+
+
 def test_deadline_stops_a_resolve(project):
     mgr, locs = project
     engine = mgr.fInferenceEngine._fNativeEngine

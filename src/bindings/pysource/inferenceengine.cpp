@@ -101,6 +101,7 @@ NB_MODULE(inferenceengine, m) {
              nb::arg("ibytes"), nb::arg("for_scope"), nb::arg("ctx").none() = nb::none())
         .def("_OrderedTypeVars", &CInferenceEngine::OrderedTypeVars_, nb::arg("class_single"),
              nb::arg("ctx").none() = nb::none())
+        .def("ForgetKeptAnswers", &CInferenceEngine::ForgetKeptAnswers)
         .def("_SpecialFormName", &CInferenceEngine::SpecialFormName, nb::arg("expr"),
              nb::arg("ctx").none() = nb::none());
 

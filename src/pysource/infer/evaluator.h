@@ -93,6 +93,13 @@ struct EngineMemo {
     std::map<std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>, ProjectValue>
         project_values;
     std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
+    // The module finder the answers were found with, and its generation.
+    std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
+
+    void Forget() {
+        Clear(~std::uint64_t(0));
+        record_generation = ~std::uint64_t(0);
+    }
     std::map<std::string, bool> library_urls;  // url -> a file without derived info
 
     void Clear(std::uint64_t new_generation) {
@@ -100,6 +107,7 @@ struct EngineMemo {
         mros.clear();
         type_vars.clear();
         library_values.clear();
+        project_values.clear();
     }
 };
 

@@ -154,8 +154,10 @@ int CInferenceEngine::Traverse(visitproc visit, void *arg) {
     return 0;
 }
 
+void CInferenceEngine::ForgetKeptAnswers() { fMemo->Forget(); }
+
 void CInferenceEngine::Clear() {
-    fMemo->Clear(~std::uint64_t(0));
+    fMemo->Forget();
     fFlowProvider = nb::none();
     _fDetailsStore = nb::none();
     _fTypingGenericSupport = nb::none();

@@ -75,6 +75,9 @@ public:
     nb::object SpecialFormName(nb::handle expr, nb::handle ctx);
     // Points the services made with the engine back at it.
     void Wire();
+    // Drops what requests kept for later ones (they go by themselves when
+    // records, the search path or the settings change).
+    void ForgetKeptAnswers();
 
     int Traverse(visitproc visit, void *arg);
     void Clear();

@@ -187,6 +187,7 @@ void CModuleFinder::AddRoot(nb::handle dir) {
     for (const std::string &d : FolderList(nb::make_tuple(dir), "dir"))
         fRoots.push_back(d);
     fFound.clear();
+    ++fGeneration;
 }
 
 static nb::list ToList(const std::vector<std::string> &dirs) {

@@ -8,6 +8,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/intrusive/counter.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -38,6 +39,9 @@ public:
     virtual nb::object ModuleNameOf(nb::handle loc);
 
     void AddRoot(nb::handle dir);
+    // Counts the changes of the search path: what was found under an older
+    // one may be found elsewhere now.
+    std::uint64_t fGeneration = 0;
     nb::list Roots() const;
     nb::list StubDirs() const;
     nb::list LibraryDirs() const;

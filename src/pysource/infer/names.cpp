@@ -119,6 +119,15 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
             return nb::cast<CInfoCache *>(fInfoCache)->*member;
         return nb::hasattr(fInfoCache, field) ? nb::cast<std::uint64_t>(fInfoCache.attr(field)) : kUnknown;
     };
+    std::pair<PyObject *, std::uint64_t> finder{engine.fModuleFinder.ptr(), kUnknown};
+    if (CModuleFinder *f = nb::isinstance<CModuleFinder>(engine.fModuleFinder)
+                               ? nb::cast<CModuleFinder *>(engine.fModuleFinder)
+                               : nullptr)
+        finder.second = f->fGeneration;
+    if (finder != fMemo.finder || finder.second == kUnknown) {
+        fMemo.Forget();
+        fMemo.finder = finder;
+    }
     std::uint64_t generation = generation_of("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration);
     std::tuple<int, int, std::size_t> limits{engine.fMaxDepth, engine.fMaxArgHops, engine.fMaxValues};
     if (generation != fMemo.generation || generation == kUnknown ||
