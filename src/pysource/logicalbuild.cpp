@@ -586,12 +586,12 @@ std::string EOLBlindChecksum(std::string_view data) {
     return buf;
 }
 
-bool SameLogical(const CLogicalLine &a, const CLogicalLine &b) {
-    if (a.fKind != b.fKind || a.fFirstLine != b.fFirstLine || a.fLineCount != b.fLineCount ||
-        a.fIndentLevel != b.fIndentLevel || a.fIncomplete != b.fIncomplete ||
-        a.fSpacesInIndent != b.fSpacesInIndent || a.fTabsInIndent != b.fTabsInIndent ||
-        a.fTextColumn != b.fTextColumn || a.fText != b.fText ||
-        a.fTokens.size() != b.fTokens.size())
+bool SameLogical(const CLogicalLine &a, const CLogicalLine &b, Py_ssize_t line_shift) {
+    if (a.fKind != b.fKind || a.fFirstLine + line_shift != b.fFirstLine ||
+        a.fLineCount != b.fLineCount || a.fIndentLevel != b.fIndentLevel ||
+        a.fIncomplete != b.fIncomplete || a.fSpacesInIndent != b.fSpacesInIndent ||
+        a.fTabsInIndent != b.fTabsInIndent || a.fTextColumn != b.fTextColumn ||
+        a.fText != b.fText || a.fTokens.size() != b.fTokens.size())
         return false;
     auto equal = [](const nb::object &x, const nb::object &y) {
         int r = PyObject_RichCompareBool(x.ptr(), y.ptr(), Py_EQ);
@@ -602,26 +602,48 @@ bool SameLogical(const CLogicalLine &a, const CLogicalLine &b) {
     return equal(a.fScopeName, b.fScopeName) && equal(a.fLocalScopeName, b.fLocalScopeName);
 }
 
+void ShiftLogicalLines(CLogicalLine &logical, Py_ssize_t line_shift) {
+    if (line_shift == 0)
+        return;
+    logical.fFirstLine += line_shift;
+    if (logical.fPositionsGiven.is_none())
+        return;
+    nb::list shifted;
+    for (nb::handle pos : logical.fPositionsGiven)
+        shifted.append(nb::make_tuple(nb::cast<Py_ssize_t>(pos[0]) + line_shift, pos[1]));
+    logical.fPositionsGiven = shifted;
+}
+
 nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogicalLine>> &fresh,
                            nb::list &added, nb::list &removed) {
     nb::list old = nb::borrow<nb::list>(current);
     size_t old_n = nb::len(old);
+    auto old_at = [&old](size_t i) { return AsLogical(old[i], "a CLogicalLine in the held list"); };
     size_t same = 0;
-    while (same < old_n && same < fresh.size()) {
-        CLogicalLine *prior = AsLogical(old[same], "a CLogicalLine in the held list");
-        if (!SameLogical(*prior, *fresh[same]))
-            break;
+    while (same < old_n && same < fresh.size() && SameLogical(*old_at(same), *fresh[same]))
         same++;
-    }
+    // The logicals behind the change are the same statements, moved by as
+    // many lines as the change added or took away.
+    size_t tail = 0;
+    Py_ssize_t shift = 0;
+    if (same < old_n && same < fresh.size())
+        shift = fresh.back()->fFirstLine - old_at(old_n - 1)->fFirstLine;
+    while (same + tail < old_n && same + tail < fresh.size() &&
+           SameLogical(*old_at(old_n - 1 - tail), *fresh[fresh.size() - 1 - tail], shift))
+        tail++;
     nb::list result;
     for (size_t i = 0; i < same; i++)
         result.append(old[i]);
-    for (size_t i = same; i < old_n; i++)
+    for (size_t i = same; i + tail < old_n; i++)
         removed.append(old[i]);
-    for (size_t i = same; i < fresh.size(); i++) {
+    for (size_t i = same; i + tail < fresh.size(); i++) {
         nb::object o = nb::cast(fresh[i]);
         result.append(o);
         added.append(o);
+    }
+    for (size_t i = old_n - tail; i < old_n; i++) {
+        ShiftLogicalLines(*old_at(i), shift);
+        result.append(old[i]);
     }
     return result;
 }

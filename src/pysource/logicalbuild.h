@@ -71,13 +71,18 @@ std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8);
 // Checksum of a text that is the same whatever its line ends (LF, CR LF, CR).
 std::string EOLBlindChecksum(std::string_view data);
 
-// True when two logicals stand for the same statement at the same place in
-// the same scope.
-bool SameLogical(const CLogicalLine &a, const CLogicalLine &b);
+// True when two logicals stand for the same statement in the same scope, `b`
+// `line_shift` lines below `a`.
+bool SameLogical(const CLogicalLine &a, const CLogicalLine &b, Py_ssize_t line_shift = 0);
 
-// The list that replaces `current` (a list of logicals) by `fresh`: the leading
-// logicals that are the same in both keep their old objects, so that what was
-// learnt about them stays.  The others go to `removed` (old) and `added` (new).
+// Moves a logical by `line_shift` lines (its first line and kept positions).
+void ShiftLogicalLines(CLogicalLine &logical, Py_ssize_t line_shift);
+
+// The list that replaces `current` (a list of logicals) by `fresh`: the
+// logicals ahead of the change and those behind it that are the same in both
+// keep their old objects, so that what was learnt about them stays (those
+// behind are moved to their new lines).  The others go to `removed` (old) and
+// `added` (new).
 nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogicalLine>> &fresh,
                            nb::list &added, nb::list &removed);
 

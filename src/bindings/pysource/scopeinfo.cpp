@@ -202,6 +202,7 @@ NB_MODULE(scopeinfo, m) {
         .def("AddToCache", &CScopeDependantCache::AddToCache, nb::arg("key"), nb::arg("value").none(),
              nb::arg("deps").none() = nb::tuple())
         .def("InvalidateScope", &CScopeDependantCache::InvalidateScope, nb::arg("scope"))
+        .def("RemoveFromCache", &CScopeDependantCache::RemoveFromCache, nb::arg("key"))
         .def("Clear", &CScopeDependantCache::Clear)
         .def("_destroy_impl",
              [](CScopeDependantCache &self) { self.CScopeDependantCache::_destroy_impl(); })
