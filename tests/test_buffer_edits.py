@@ -1,6 +1,7 @@
 """Random edits inside the functions of open buffers of real files: whatever
-the sequence of edits, the standalone scan of every scope gives the record
-that a whole-file scan of the final text gives."""
+the sequence of edits, the buffer's logicals are those of its text built
+afresh, and the standalone scan of every scope gives the record that a
+whole-file scan of the final text gives."""
 
 import os
 import random
@@ -9,7 +10,7 @@ import time
 
 import pytest
 
-from pysource import scopescanner as ss, symbolinfo as si
+from pysource import filellinecache, scopescanner as ss, symbolinfo as si
 
 from editutil import kAnyEdits, random_edit, statements_in_functions
 from managerutil import installed_manager
@@ -18,6 +19,7 @@ from scanutil import local_file, record_of, records_of_scan, scan_to_end
 kFiles = ("textwrap.py", "json/encoder.py", "ftplib.py")
 kEditSeconds = 1.0
 kMinEdits, kMaxEdits = 20, 200
+kLogicalCheckEvery = 5
 
 
 def standalone_record(loc, name, save=False):
@@ -29,6 +31,12 @@ def standalone_record(loc, name, save=False):
         return record_of(scanner.fInfo)
     finally:
         scanner.destroy()
+
+
+def logical_facts(logicals):
+    return [(l.fType, l.fFirstLine, l.fLineCount, l.fIndentLevel, l.fTextColumn, l.fText,
+             l.fScopeName, l.fLocalScopeName, l.fIncomplete, l.fSpacesInIndent, l.fTabsInIndent,
+             l.fPositions) for l in logicals]
 
 
 def whole_file_records(tmp_path, text, name):
@@ -63,6 +71,9 @@ def test_scopes_after_random_edits_equal_a_fresh_scan(tmp_path, relpath):
             statements = statements_in_functions(ana.fLogicalCache._fLogicalList)
             text, edited = random_edit(rng, text, statements, kAnyEdits)
             ana.SetText(text)
+            if edits % kLogicalCheckEvery == 0:
+                assert (logical_facts(ana.fLogicalCache._fLogicalList)
+                        == logical_facts(filellinecache.BuildLogicalLines(text))), f"edit {edits}"
             standalone_record(loc, edited, save=True)
             edits += 1
         expected = whole_file_records(tmp_path / "fresh", text, name)
