@@ -436,17 +436,9 @@ void LogicalBuilder::FlushStatement(bool incomplete) {
             b++;
             continue;
         }
-        size_t semi = b;
-        int depth = 0;
-        for (; semi < n; semi++) {
-            int type = fSpanToks[semi].type;
-            if (type == kTokLPar || type == kTokLSqb || type == kTokLBrace)
-                depth++;
-            else if ((type == kTokRPar || type == kTokRSqb || type == kTokRBrace) && depth > 0)
-                depth--;
-            else if (type == kTokSemi && depth == 0)
-                break;
-        }
+        Py_ssize_t found =
+            FindAtTopLevel(Span(0, n), b, [](size_t, int type) { return type == kTokSemi; });
+        size_t semi = found < 0 ? n : (size_t) found;
         TokenSpan part = Span(b, semi);
         LogicalKind kind = ClassifyTokens(part);
         if (IsCompoundHeaderKind(kind)) {

@@ -492,4 +492,14 @@ bool CBuiltinTypeNames_::IsBuiltinTypeName(nb::handle name) const {
     return false;
 }
 
+nb::handle EmptyFrozenset() {
+    static PyObject *empty = nullptr;
+    if (!empty) {
+        empty = PyFrozenSet_New(nullptr);
+        if (!empty)
+            throw nb::python_error();
+    }
+    return empty;
+}
+
 }  // namespace pysource::symbolinfo

@@ -198,4 +198,8 @@ public:
     bool IsBuiltinTypeName(nb::handle name) const;
 };
 
+// The one shared empty frozenset of the process (kEmptyFrozenSet), made on
+// first use and held for the life of the process.
+nb::handle EmptyFrozenset();
+
 }  // namespace pysource::symbolinfo
