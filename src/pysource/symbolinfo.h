@@ -33,7 +33,7 @@ inline constexpr std::string_view kTypingModuleSymbolDotAnyStr{"__typing__.Any"}
 
 // Kinds: a kind is one byte; Python sees it as a bytes object of length 1.
 nb::bytes KindBytes(Kind kind);
-Kind KindFromPy(nb::handle kind);  // bytes or str of length 1, or an int
+Kind KindFromPy(nb::handle kind);  // a byte as fastaccess_py::CharArg reads it
 nb::bytes PyGetInfoBytesKind(nb::handle ibytes);
 bool PyIsDefKind(nb::handle kind);
 bool PyIsDefOrClassKind(nb::handle kind);
