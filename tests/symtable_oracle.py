@@ -1,27 +1,32 @@
 """Primary scan records against Python's own `symtable`.
 
 Each file is scanned into the info cache of a private manager, and its symbol
-tables are walked: every class and function table must have a record, every
-parameter the argument domain, every imported name the imported domain, every
-name the table assigns a first set and every name it reads a first read;
-the other way round, every name a record sets or reads is a symbol there.
+tables are walked: every class and function table must have a record of its
+kind, every parameter the argument domain and its index in the parameter list
+(the order `ast` gives), every imported name the imported domain, every name
+declared global or nonlocal that declaration, every name the table assigns a
+first set and every name it reads a first read; the other way round, every
+name a record sets or reads is a symbol there.
 Lambdas and comprehensions have no records of their own: what they read, and
 what a walrus inside a comprehension binds, counts toward the enclosing scope.
 
 The places where a record rightly differs from a symbol table are the
 exception rules below (each one narrow, each one explained in
-docs/analyzer.md).  Run as a script to print the rates over the core corpus:
+docs/analyzer.md).  Run as a script to print the rates over the core corpus,
+or over the code of a few pinned third-party packages (their wheels fetched
+once into FOLDER):
 
-    python tests/symtable_oracle.py [--full] [--limit N] [--show N]
+    python tests/symtable_oracle.py [--full] [--limit N] [--show N] [--third-party FOLDER]
 """
 import argparse
+import ast
 import collections
 import keyword
 import math
 import os
-import re
 import subprocess
 import sys
+import zipfile
 import _symtable
 
 from basekit.location import CLocalFileLocation
@@ -30,15 +35,19 @@ from pysource import manager, scopescanner, symbolinfo as si
 CORPUS_SCRIPT = "/work/shared/corpus.py"
 
 kRecordRule = "record"
+kScopeKindRule = "scope kind"
 kArgumentRule = "argument"
+kArgumentIndexRule = "argument index"
 kImportedRule = "imported"
 kFirstSetRule = "first set"
 kFirstReadRule = "first read"
+kGlobalRule = "global"
+kNonlocalRule = "nonlocal"
 # The other way round: a name a record sets or reads is a symbol of its scope
 # (or of a lambda or comprehension in it).
 kKnownNameRule = "known name"
-RULES = (kRecordRule, kArgumentRule, kImportedRule, kFirstSetRule, kFirstReadRule,
-         kKnownNameRule)
+RULES = (kRecordRule, kScopeKindRule, kArgumentRule, kArgumentIndexRule, kImportedRule,
+         kFirstSetRule, kFirstReadRule, kGlobalRule, kNonlocalRule, kKnownNameRule)
 
 kInnerTableNames = frozenset(("lambda", "listcomp", "setcomp", "dictcomp", "genexpr"))
 _kSetPrefix = si.kSetPrefix
@@ -64,6 +73,33 @@ def corpus_files(full=False):
     return [path for path in out.split() if _compiles(path)] if full else out.split()
 
 
+# Pure-Python packages written by others, pinned so that a run reads the same
+# code every time.
+kThirdPartyWheels = ("attrs==23.2.0", "click==8.1.7", "idna==3.7", "jinja2==3.1.4",
+                     "packaging==24.0", "pluggy==1.5.0", "requests==2.32.3", "urllib3==2.2.2")
+
+
+def third_party_files(folder):
+    """The source files of the pinned wheels, fetched into `folder` (kept
+    there for the next run) and unpacked; None when they can't be fetched
+    (no network)."""
+    wheels = os.path.join(folder, "wheels")
+    unpacked = os.path.join(folder, "src")
+    if not os.path.isdir(unpacked):
+        fetch = subprocess.run([sys.executable, "-m", "pip", "download", "-q", "--no-deps",
+                                "--only-binary=:all:", "--dest", wheels, *kThirdPartyWheels],
+                               capture_output=True, timeout=300)
+        if fetch.returncode != 0:
+            return None
+        for name in sorted(os.listdir(wheels)):
+            with zipfile.ZipFile(os.path.join(wheels, name)) as wheel:
+                wheel.extractall(os.path.join(unpacked + ".part", name))
+        os.rename(unpacked + ".part", unpacked)
+    paths = [os.path.join(d, n) for d, _, names in os.walk(unpacked) for n in names
+             if n.endswith(".py")]
+    return [path for path in sorted(paths) if _compiles(path)]
+
+
 # ---- the symbol table side ------------------------------------------------
 # The raw tables of `_symtable` (what `symtable` wraps): a dict of flags per
 # table instead of an object per symbol keeps this side cheap.
@@ -81,18 +117,19 @@ def _scope_of(flags):
 class CFact:
     """One thing a symbol table says that a record must show."""
 
-    __slots__ = ("rule", "scope", "name", "table", "class_name")
+    __slots__ = ("rule", "scope", "name", "table", "class_name", "index")
 
-    def __init__(self, rule, scope, name, table, class_name=None):
+    def __init__(self, rule, scope, name, table, class_name=None, index=None):
         self.rule = rule
         self.scope = scope            # our normalised scope name
         self.name = name              # the symbol's name, or the scope's for a record
         self.table = table            # the raw table the fact comes from (the
         #                               file's CFileTables for a known name)
         self.class_name = class_name  # the innermost class around the table, if any
+        self.index = index            # a parameter's place in its list
 
     def with_name(self, name):
-        return CFact(self.rule, self.scope, name, self.table, self.class_name)
+        return CFact(self.rule, self.scope, name, self.table, self.class_name, self.index)
 
     def __repr__(self):
         return f"{self.rule}: {self.scope or '<module>'}: {self.name}"
@@ -127,6 +164,11 @@ def _own_facts(table, scope, class_name, out):
             out.append(CFact(kFirstSetRule, scope, name, table, class_name))
         if flags & _symtable.USE:
             out.append(CFact(kFirstReadRule, scope, name, table, class_name))
+        # (a global statement in a def marks the name in the module's table too)
+        if flags & _symtable.DEF_GLOBAL and table.type != _kModuleType:
+            out.append(CFact(kGlobalRule, scope, name, table, class_name))
+        if flags & _symtable.DEF_NONLOCAL:
+            out.append(CFact(kNonlocalRule, scope, name, table, class_name))
 
 
 def _binds(flags):
@@ -153,12 +195,16 @@ class CFileTables:
         self.facts = []
         self.known = collections.defaultdict(set)
         self.class_names = {}
-        self.source = source
+        # Per scope: the names of its annotations, and those of string
+        # annotations (a def's own annotations count in the def and around it).
+        self.annotation_names = collections.defaultdict(set)
+        self.string_annotation_names = collections.defaultdict(set)
         module = _symtable.symtable(source, path, "exec")
         # under this future import Python doesn't read annotations at all
         self.lazy_annotations = bool(module.symbols.get("annotations", 0)
                                      & _symtable.DEF_IMPORT)
         _walk(module, si.kModuleScopeName, None, None, collections.Counter(), self)
+        _CAstScopes(self).visit(ast.parse(source, path))
 
 
 def _walk(table, scope, class_name, bound, counts, tables):
@@ -184,7 +230,74 @@ def _walk(table, scope, class_name, bound, counts, tables):
         else:
             child_scope = _child_scope_name(scope, child.name, counts)
             out.append(CFact(kRecordRule, child_scope, child.name, child))
+            out.append(CFact(kScopeKindRule, child_scope, child.name, child))
             _walk(child, child_scope, class_name, None, collections.Counter(), tables)
+
+
+def _names_in(node):
+    return {n.id for n in ast.walk(node) if isinstance(n, ast.Name)}
+
+
+def _string_annotation_names(node):
+    """The names read by the strings of an annotation, each parsed as one."""
+    names = set()
+    for n in ast.walk(node):
+        if isinstance(n, ast.Constant) and isinstance(n.value, str):
+            try:
+                names |= _names_in(ast.parse(n.value.strip(), mode="eval"))
+            except SyntaxError:
+                pass
+    return names
+
+
+class _CAstScopes(ast.NodeVisitor):
+    """What `ast` adds to the tables: the parameters of each def in the order
+    of its parameter list, and the names of annotations.  Scopes are named
+    as `_walk` names them: defs and classes in source order."""
+
+    def __init__(self, tables):
+        self.tables = tables
+        self.scope = si.kModuleScopeName
+        self.counts = collections.Counter()
+
+    def _note_annotation(self, node, scopes):
+        for scope in scopes:
+            self.tables.annotation_names[scope] |= _names_in(node)
+            self.tables.string_annotation_names[scope] |= _string_annotation_names(node)
+
+    def _enter(self, node, own_parts):
+        outer_scope, outer_counts = self.scope, self.counts
+        self.scope = _child_scope_name(outer_scope, node.name, outer_counts)
+        self.counts = collections.Counter()
+        for part in own_parts:
+            self.visit(part)
+        self.scope, self.counts = outer_scope, outer_counts
+
+    def _visit_def(self, node):
+        args = node.args
+        for part in node.decorator_list + args.defaults + [d for d in args.kw_defaults if d]:
+            self.visit(part)
+        params = args.posonlyargs + args.args + ([args.vararg] if args.vararg else [])
+        params += args.kwonlyargs + ([args.kwarg] if args.kwarg else [])
+        scope = _child_scope_name(self.scope, node.name, collections.Counter(self.counts))
+        for index, param in enumerate(params):
+            self.tables.facts.append(CFact(kArgumentIndexRule, scope, param.arg, None, index=index))
+        for annotation in [p.annotation for p in params] + [node.returns]:
+            if annotation is not None:
+                self._note_annotation(annotation, (self.scope, scope))
+                self.visit(annotation)
+        self._enter(node, node.body)
+
+    visit_FunctionDef = visit_AsyncFunctionDef = _visit_def
+
+    def visit_ClassDef(self, node):
+        for part in node.decorator_list + node.bases + node.keywords:
+            self.visit(part)
+        self._enter(node, node.body)
+
+    def visit_AnnAssign(self, node):
+        self._note_annotation(node.annotation, (self.scope,))
+        self.generic_visit(node)
 
 
 def symtable_facts(source, path):
@@ -265,6 +378,11 @@ def fact_holds(fact, records):
         return record is not None
     if record is None:
         return False
+    if fact.rule == kScopeKindRule:
+        kind = si.GetInfoBytesKind(record.ibytes)
+        if fact.table.type == _kClassType:
+            return kind == si.kClassKind
+        return si.IsDefKind(kind)
     if fact.rule in (kArgumentRule, kImportedRule):
         domains = record._domains
         domain = None if domains is None else domains.get(fact.name)
@@ -273,6 +391,13 @@ def fact_holds(fact, records):
     compound = record.type_equivs.get(fact.name)
     if compound is None:
         return False
+    if fact.rule == kArgumentIndexRule:
+        own = b"%s%d" % (si.kArgPrefix, fact.index)
+        return any(single == own or single.startswith(own + b",")
+                   for single in si.NonNestedSplit(compound, b";"))
+    if fact.rule in (kGlobalRule, kNonlocalRule):
+        prefix = si.kGlobalPrefix if fact.rule == kGlobalRule else si.kNonlocalPrefix
+        return any(single.startswith(prefix) for single in si.NonNestedSplit(compound, b";"))
     return _has_first(compound, _kSetPrefix if fact.rule == kFirstSetRule else _kGetPrefix)
 
 
@@ -285,8 +410,10 @@ def _reads(records, scope, name):
 
 
 def _implicit_class_cell(fact, records):
-    """`super()` in a method reads the hidden `__class__` cell; the record
-    shows the read of `super`."""
+    """Any read of the name `super` in a function (even of a parameter so
+    named, even outside a class) makes Python read a hidden `__class__`; the
+    record shows the read of `super` (the fact failed: the text itself never
+    reads `__class__`)."""
     return (fact.rule == kFirstReadRule and fact.name == "__class__"
             and fact.table.type == _kFunctionType and _reads(records, fact.scope, "super"))
 
@@ -320,30 +447,28 @@ def _private_name(fact, records):
     return other is not None and fact_holds(fact.with_name(other), records)
 
 
-def _lazy_annotation(fact, records):
-    """Under `from __future__ import annotations` Python never reads an
-    annotation; records read the names in it.  Only names read and never
-    set in the scope qualify."""
-    if fact.rule != kKnownNameRule or fact.name is None or not fact.table.lazy_annotations:
-        return False
+def _only_read(fact, records):
     compound = records[fact.scope].type_equivs[fact.name]
     return not _has_first(compound, _kSetPrefix) and _has_first(compound, _kGetPrefix)
 
 
+def _lazy_annotation(fact, records):
+    """Under `from __future__ import annotations` Python never reads an
+    annotation; records read the names in it.  Only names of an annotation
+    of the scope (or of its def line), read and never set there, qualify."""
+    return (fact.rule == kKnownNameRule and fact.name is not None
+            and fact.table.lazy_annotations
+            and fact.name in fact.table.annotation_names[fact.scope]
+            and _only_read(fact, records))
+
+
 def _string_annotation(fact, records):
     """Records read the names of a string annotation (`-> 'Node'`); for
-    Python it is a constant.  Only names read and never set in the scope,
-    and found inside a one-line string of the file, qualify."""
-    if fact.rule != kKnownNameRule or fact.name is None:
-        return False
-    compound = records[fact.scope].type_equivs[fact.name]
-    if _has_first(compound, _kSetPrefix) or not _has_first(compound, _kGetPrefix):
-        return False
-    text = fact.table.source
-    if isinstance(text, bytes):
-        text = text.decode("utf-8", "replace")
-    quoted = r"""(['"])[^'"\n]*\b%s\b[^'"\n]*\1""" % re.escape(fact.name)
-    return re.search(quoted, text) is not None
+    Python it is a constant.  Only names of a string annotation of the scope
+    (or of its def line), read and never set there, qualify."""
+    return (fact.rule == kKnownNameRule and fact.name is not None
+            and fact.name in fact.table.string_annotation_names[fact.scope]
+            and _only_read(fact, records))
 
 
 EXCEPTIONS = (
@@ -437,8 +562,15 @@ def main(argv=None):
     parser.add_argument("--show", type=int, default=20, help="unexplained differences to list")
     parser.add_argument("--full", action="store_true",
                         help="the full corpus (tests included), files symtable accepts")
+    parser.add_argument("--third-party", metavar="FOLDER",
+                        help="the pinned third-party packages instead, fetched into FOLDER")
     args = parser.parse_args(argv)
-    paths = corpus_files(args.full)
+    if args.third_party:
+        paths = third_party_files(args.third_party)
+        if paths is None:
+            parser.error("the third-party wheels couldn't be fetched")
+    else:
+        paths = corpus_files(args.full)
     if args.limit:
         paths = paths[:args.limit]
     print(compare_files(paths).report(args.show))

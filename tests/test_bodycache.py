@@ -190,3 +190,19 @@ class TestInvalidation:
         self.record_primary(mgr, CScope(loc, "C.f"))
         assert cache.GetBody(scope, True, False) is (body if kept else None)
         assert cache.GetBody(other, True, False) is not None
+
+
+class TestBufferEdits:
+    # A body depends on the text it was cut from: an edit of the buffer drops
+    # the bodies of exactly the scopes whose logicals changed, whether or not
+    # their records change.
+    @pytest.mark.parametrize("stable", [False, True])
+    def test_edit_reaches_the_bodies_of_changed_scopes(self, mgr, cache, loc, stable):
+        scopes = {name: CScope(loc, name) for name in ("C.f", "C.f.inner", "C.f|1", "", "C")}
+        for scope in scopes.values():
+            scope.fStableLoc = scope.fPrimaryScanned = stable
+        bodies = {name: cache.GetBody(scope) for name, scope in scopes.items()}
+        mgr.fCacheMgr.GetAnalysis(loc, False).SetText(SOURCE.replace("pass", "return 2"))
+        assert texts(cache.GetBody(scopes["C.f|1"])) == ["return 2"]
+        kept = {name for name, scope in scopes.items() if cache.GetBody(scope, True, False) is bodies[name]}
+        assert kept == {"C.f", "C.f.inner", "", "C"}

@@ -2,6 +2,8 @@ import gc
 import os
 import weakref
 
+import pytest
+
 import pysource._fastaccess as fa
 from basekit.destroyable import CDestroyable
 from basekit.location import CLocalFileLocation
@@ -247,3 +249,64 @@ class TestLocalLocation:
         assert cache.Update() is False
         assert not cache.fWaiting
         assert cache.fMatchedDiskMTime == 0.0
+
+
+EDITED = (
+    "import os\n"
+    "\n"
+    "class C:\n"
+    "    def f(self, a):\n"
+    "        x = a\n"
+    "# a note at the margin\n"
+    "        def g():\n"
+    "            return 1\n"
+    "        def g():\n"
+    "            return 'é'\n"
+    "        return x\n"
+    "    # about h\n"
+    "    def h(self): y = 1\n"
+    "\n"
+    "def k():\n"
+    "    return (1,\n"
+    "            2)\n"
+    "z = C()\n"
+)
+
+
+def facts(logicals):
+    return [(l.fType, l.fFirstLine, l.fLineCount, l.fIndentLevel, l.fTextColumn, l.fText,
+             l.fScopeName, l.fLocalScopeName, l.fIncomplete, l.fPositions) for l in logicals]
+
+
+class TestEdits:
+    # Each edit gives the logicals of the new text built afresh, whichever
+    # part of the text is read again, and reports what changed alone.
+    @pytest.mark.parametrize("old, new, changed", [
+        ("x = a\n", "x = a\n        w = 2\n\n", (0, 1)),       # lines added inside f
+        ("        x = a\n", "", (1, 0)),                        # a line taken out
+        # The first g goes: the second, of the same text, takes its place
+        # and its body moves from g|1 to g.
+        ("        def g():\n            return 1\n", "", (3, 1)),
+        ("return x\n", "return x\n    def extra(self): pass\n", (0, 2)),  # after f's body
+        ("x = a\n", "x = (a,\n", None),                         # a bracket left open
+        # A statement leaves the class: h and its body with it.
+        ("        return x\n", "return x\n", (4, 4)),
+        ("# a note at the margin\n", "# another note\n", (1, 1)),  # a comment outside the body
+        ("'é'", "e", (1, 1)),                                    # a folded name goes
+        ("    return (1,\n", "    return [1,\n", None),          # in the last def, left open
+        ("import os\n", "import sys\n", (1, 1)),                # outside any body
+    ])
+    @pytest.mark.parametrize("line_end", ["\n", "\r\n"])
+    def test_edit_gives_the_logicals_of_the_new_text(self, old, new, changed, line_end):
+        text = EDITED.replace("\n", line_end)
+        loc = fresh_remote()
+        loc.SetContent(text, 1.0)
+        cache = CLogicalLineCache(None, loc, None)
+        assert cache.Update()
+        rec = Recorder(cache)
+        new_text = text.replace(old.replace("\n", line_end), new.replace("\n", line_end), 1)
+        cache.SetText(new_text, None)
+        assert facts(cache._fLogicalList) == facts(filellinecache.BuildLogicalLines(new_text))
+        _, added, removed = rec.events[0]
+        if changed is not None:
+            assert (len(removed), len(added)) == changed

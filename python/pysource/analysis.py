@@ -7,7 +7,7 @@ when the analysis goes ethereal (the buffer no longer stands for the file).
 """
 
 from basekit.destroyable import CDestroyable
-from pysource import llinecache, scopescanner, symbolinfo
+from pysource import llinecache, manager, scopescanner, symbolinfo
 
 kEtherealizedSignal = "etherealized"
 kActiveEditLinenoChangedSignal = "active-edit-lineno-changed"
@@ -66,6 +66,13 @@ class CPySourceAnalysis(CDestroyable):
         if self._fParseErrors:
             for logical in delta.removed:
                 self._fParseErrors.pop(logical, None)
+        # The logicals that stayed keep their scope names: the index of scope
+        # definitions follows the change alone.
+        if self._fScopeDefs is not None:
+            self._UpdateScopeDefs(delta)
+            self._fScopeDefsList = cache._fLogicalList
+        manager.GetAnalysisMgr().fScopeBodyCache.DropChangedScopes(
+            self.fLocation, delta.removed, delta.added)
 
     # Scope definitions.
 
@@ -84,9 +91,19 @@ class CPySourceAnalysis(CDestroyable):
         defs = {}
         for logical in logical_list:
             if scopescanner.IsScopeDef(logical):
-                full_name = scopescanner.GetFullNameForScopeDef(logical)
-                defs.setdefault(symbolinfo.NormalizeScopeName(full_name), logical)
+                defs.setdefault(_NormalizedFullName(logical), logical)
         return defs
+
+    def _UpdateScopeDefs(self, delta):
+        defs = self._fScopeDefs
+        for logical in delta.removed:
+            if scopescanner.IsScopeDef(logical):
+                name = _NormalizedFullName(logical)
+                if defs.get(name) is logical:
+                    del defs[name]
+        for logical in delta.added:
+            if scopescanner.IsScopeDef(logical):
+                defs.setdefault(_NormalizedFullName(logical), logical)
 
     # Editing state.
 
@@ -120,3 +137,7 @@ class CPySourceAnalysis(CDestroyable):
         self._fParseErrors.clear()
         self._fScopeDefs = self._fScopeDefsList = None
         self.fLogicalCache.destroy()
+
+
+def _NormalizedFullName(scope_def):
+    return symbolinfo.NormalizeScopeName(scopescanner.GetFullNameForScopeDef(scope_def))

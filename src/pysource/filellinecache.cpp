@@ -1,5 +1,6 @@
 #include "pysource/filellinecache.h"
 
+#include "pysource/logicaledit.h"
 #include "pysource/srctokenizer.h"
 
 #include <nanobind/stl/string.h>
@@ -91,6 +92,7 @@ void CFileLogicalLineCache::DropContent() {
         return;
     fHaveContent = false;
     fContent.clear();
+    fDecoded.clear();
     fChecksum.clear();
     nb::list removed = _fLogicalList;
     _fLogicalList = nb::list();
@@ -109,30 +111,40 @@ bool CFileLogicalLineCache::Update() {
     }
     bool had_content = fHaveContent;
     nb::list added, removed;
-    if (ReplaceContent(std::move(content), mtime, false, added, removed) && had_content)
+    if (ReplaceContent(content, mtime, false, added, removed) && had_content)
         EmitModified(added, removed);
     return true;
 }
 
-bool CFileLogicalLineCache::ReplaceContent(std::string content, double mtime, bool is_utf8_text,
-                                           nb::list &added, nb::list &removed) {
+bool CFileLogicalLineCache::ReplaceContent(std::string_view content, double mtime,
+                                           bool is_utf8_text, nb::list &added, nb::list &removed) {
     fMatchedDiskMTime = nb::float_(mtime);
     if (fHaveContent && content == fContent)
         return false;
+    // The two buffers take turns, so that an edit of a large text allocates
+    // nothing.
+    fSpare.assign(content);
+    content = fSpare;
     DecodedSource decoded;
     if (is_utf8_text) {
-        decoded.utf8 = content;
         decoded.encoding = "utf-8";
     } else {
         decoded = DecodeSource(content);
     }
-    std::vector<nb::ref<CLogicalLine>> fresh = BuildLogicalLines(decoded.utf8);
-    nb::list merged = MergeLogicalLists(_fLogicalList, fresh, added, removed);
+    std::string_view text = is_utf8_text ? std::string_view(content) : decoded.utf8;
+    // An edit inside one body is read again alone; anything else makes the
+    // whole text's logicals.
+    nb::list merged;
+    if (!fHaveContent ||
+        !UpdateLogicalsForEdit(HeldText(), text, _fLogicalList, merged, added, removed))
+        merged = MergeLogicalLists(_fLogicalList, BuildLogicalLines(text), added, removed);
     _fLogicalList = merged;
     fDecodeErrors = DecodeErrorsToList(decoded.errors);
     fEncoding = decoded.encoding;
-    fChecksum = EOLBlindChecksum(content);
-    fContent = std::move(content);
+    fChecksum.clear();
+    fContent.swap(fSpare);
+    fDecoded = is_utf8_text ? std::string() : std::move(decoded.utf8);
+    fContentIsText = is_utf8_text;
     fHaveContent = true;
     return true;
 }
@@ -140,6 +152,8 @@ bool CFileLogicalLineCache::ReplaceContent(std::string content, double mtime, bo
 nb::object CFileLogicalLineCache::GetEOLBlindChecksum() const {
     if (!fHaveContent)
         return nb::none();
+    if (fChecksum.empty())
+        fChecksum = EOLBlindChecksum(fContent);
     return nb::str(fChecksum.data(), fChecksum.size());
 }
 

@@ -44,7 +44,7 @@ protected:
     // decoded.  Builds the logicals unless the content is the one held.
     // Returns true when the logicals were rebuilt, with what changed in
     // `added` and `removed`.  Emits nothing.
-    bool ReplaceContent(std::string content, double mtime, bool is_utf8_text, nb::list &added,
+    bool ReplaceContent(std::string_view content, double mtime, bool is_utf8_text, nb::list &added,
                         nb::list &removed);
     void EmitModified(nb::list added, nb::list removed);
     bool HaveContent() const { return fHaveContent; }
@@ -52,9 +52,16 @@ protected:
 private:
     void DropContent();
 
+    // The text of the logicals held: fContent itself when it was given as
+    // text, else its decoding.
+    std::string_view HeldText() const { return fContentIsText ? fContent : fDecoded; }
+
     std::string fContent;  // bytes of the last successful read
+    std::string fSpare;    // the buffer the next content is copied into
+    std::string fDecoded;  // empty when fContentIsText
+    bool fContentIsText = false;
     bool fHaveContent = false;
-    std::string fChecksum;
+    mutable std::string fChecksum;  // made when first asked for
 };
 
 // The local path of a location, or "" when it has none.

@@ -8,6 +8,7 @@
 #include "pysource/recordcodec.h"
 #include "pysource/scope.h"
 #include "pysource/scopedependantcache.h"
+#include "pysource/symbolinfo.h"
 
 namespace pysource {
 
@@ -68,7 +69,7 @@ nb::object UnionOfSets(const std::vector<nb::handle> &parts) {
     if (given == 0) {
         for (nb::handle part : parts)
             if (!part.is_none())
-                return nb::borrow(EmptyFrozenset());
+                return nb::borrow(symbolinfo::EmptyFrozenset());
         return nb::none();
     }
     if (given == 1 && PyFrozenSet_CheckExact(only.ptr()))

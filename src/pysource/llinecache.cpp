@@ -44,7 +44,7 @@ bool CLogicalLineCache::TakeRemoteContent(nb::list &added, nb::list &removed, bo
     Utf8Buffer buf = GetUtf8Buffer(content);
     nb::object mtime = nb::getattr(fLoc, "fModTime", nb::none());
     double when = mtime.is_none() ? GetNowTime() : nb::cast<double>(mtime);
-    *rebuilt = ReplaceContent(std::string(buf.ptr, (size_t) buf.len), when, is_text, added,
+    *rebuilt = ReplaceContent(std::string_view(buf.ptr, (size_t) buf.len), when, is_text, added,
                               removed);
     return true;
 }
@@ -91,7 +91,7 @@ void CLogicalLineCache::SetText(nb::handle text, nb::handle mtime) {
     nb::object held_mtime = fMatchedDiskMTime;
     double when = mtime.is_none() ? GetNowTime() : nb::cast<double>(mtime);
     nb::list added, removed;
-    bool rebuilt = ReplaceContent(std::string(buf.ptr, (size_t) buf.len), when, is_text, added,
+    bool rebuilt = ReplaceContent(std::string_view(buf.ptr, (size_t) buf.len), when, is_text, added,
                                   removed);
     if (!rebuilt && mtime.is_none() && !held_mtime.is_none())
         fMatchedDiskMTime = held_mtime;

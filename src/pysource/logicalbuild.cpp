@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <unordered_map>
 
@@ -222,9 +223,11 @@ void FoldNameTokens(CLogicalLine &l) {
 
 class LogicalBuilder {
 public:
-    explicit LogicalBuilder(std::string_view text)
+    LogicalBuilder(std::string_view text, const std::vector<OpenScope> &open_scopes)
         : fText(text), fMayFoldNames(HasNonAsciiByte(text)) {
         fScopes.push_back(Scope{-1, nb::str(""), {}});
+        for (const OpenScope &open : open_scopes)
+            fScopes.push_back(Scope{open.indent, open.name, {}});
     }
 
     std::vector<nb::ref<CLogicalLine>> Run();
@@ -433,17 +436,9 @@ void LogicalBuilder::FlushStatement(bool incomplete) {
             b++;
             continue;
         }
-        size_t semi = b;
-        int depth = 0;
-        for (; semi < n; semi++) {
-            int type = fSpanToks[semi].type;
-            if (type == kTokLPar || type == kTokLSqb || type == kTokLBrace)
-                depth++;
-            else if ((type == kTokRPar || type == kTokRSqb || type == kTokRBrace) && depth > 0)
-                depth--;
-            else if (type == kTokSemi && depth == 0)
-                break;
-        }
+        Py_ssize_t found =
+            FindAtTopLevel(Span(0, n), b, [](size_t, int type) { return type == kTokSemi; });
+        size_t semi = found < 0 ? n : (size_t) found;
         TokenSpan part = Span(b, semi);
         LogicalKind kind = ClassifyTokens(part);
         if (IsCompoundHeaderKind(kind)) {
@@ -563,35 +558,64 @@ DecodedSource DecodeSource(std::string_view data) {
 std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8) {
     if (utf8.size() >= (size_t) UINT32_MAX)
         throw nb::value_error("source text too large");
-    return LogicalBuilder(utf8).Run();
+    return LogicalBuilder(utf8, {}).Run();
+}
+
+std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8,
+                                                     const std::vector<OpenScope> &open_scopes,
+                                                     Py_ssize_t first_line) {
+    if (utf8.size() >= (size_t) UINT32_MAX)
+        throw nb::value_error("source text too large");
+    std::vector<nb::ref<CLogicalLine>> out = LogicalBuilder(utf8, open_scopes).Run();
+    for (nb::ref<CLogicalLine> &logical : out)
+        ShiftLogicalLines(*logical, first_line - 1);
+    return out;
 }
 
 std::string EOLBlindChecksum(std::string_view data) {
-    std::uint64_t hash = 1469598103934665603ULL;
-    auto add = [&hash](unsigned char c) {
-        hash ^= c;
-        hash *= 1099511628211ULL;
-    };
-    for (size_t i = 0; i < data.size(); i++) {
-        char c = data[i];
-        if (c == '\r') {
-            if (i + 1 < data.size() && data[i + 1] == '\n')
-                i++;
-            c = '\n';
+    // Line ends are made "\n" first (only a text with a "\r" needs a copy);
+    // then the text is mixed in eight bytes at a time.
+    std::string unified;
+    if (std::memchr(data.data(), '\r', data.size())) {
+        unified.reserve(data.size());
+        for (size_t i = 0; i < data.size(); i++) {
+            char c = data[i];
+            if (c == '\r') {
+                if (i + 1 < data.size() && data[i + 1] == '\n')
+                    i++;
+                c = '\n';
+            }
+            unified += c;
         }
-        add((unsigned char) c);
+        data = unified;
     }
+    std::uint64_t hash = 1469598103934665603ULL ^ (std::uint64_t) data.size();
+    auto mix = [&hash](std::uint64_t word) {
+        hash ^= word;
+        hash *= 0x9E3779B97F4A7C15ULL;
+        hash ^= hash >> 29;
+    };
+    size_t i = 0;
+    for (; i + 8 <= data.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, data.data() + i, 8);
+        mix(word);
+    }
+    std::uint64_t last = 0;
+    std::memcpy(&last, data.data() + i, data.size() - i);
+    mix(last);
     char buf[17];
     std::snprintf(buf, sizeof buf, "%016llx", (unsigned long long) hash);
     return buf;
 }
 
-bool SameLogical(const CLogicalLine &a, const CLogicalLine &b) {
-    if (a.fKind != b.fKind || a.fFirstLine != b.fFirstLine || a.fLineCount != b.fLineCount ||
-        a.fIndentLevel != b.fIndentLevel || a.fIncomplete != b.fIncomplete ||
-        a.fSpacesInIndent != b.fSpacesInIndent || a.fTabsInIndent != b.fTabsInIndent ||
-        a.fTextColumn != b.fTextColumn || a.fText != b.fText ||
-        a.fTokens.size() != b.fTokens.size())
+bool SameLogical(const CLogicalLine &a, const CLogicalLine &b, Py_ssize_t line_shift,
+                 bool same_scope) {
+    if (a.fKind != b.fKind || a.fFirstLine + line_shift != b.fFirstLine ||
+        a.fLineCount != b.fLineCount || a.fIndentLevel != b.fIndentLevel ||
+        a.fIncomplete != b.fIncomplete || a.fSpacesInIndent != b.fSpacesInIndent ||
+        a.fTabsInIndent != b.fTabsInIndent || a.fTextColumn != b.fTextColumn ||
+        a.fText != b.fText || a.fTokens.size() != b.fTokens.size())
         return false;
     auto equal = [](const nb::object &x, const nb::object &y) {
         int r = PyObject_RichCompareBool(x.ptr(), y.ptr(), Py_EQ);
@@ -599,30 +623,61 @@ bool SameLogical(const CLogicalLine &a, const CLogicalLine &b) {
             throw nb::python_error();
         return r == 1;
     };
-    return equal(a.fScopeName, b.fScopeName) && equal(a.fLocalScopeName, b.fLocalScopeName);
+    return !same_scope ||
+           (equal(a.fScopeName, b.fScopeName) && equal(a.fLocalScopeName, b.fLocalScopeName));
 }
 
-nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogicalLine>> &fresh,
-                           nb::list &added, nb::list &removed) {
+void ShiftLogicalLines(CLogicalLine &logical, Py_ssize_t line_shift) {
+    if (line_shift == 0)
+        return;
+    logical.fFirstLine += line_shift;
+    if (logical.fPositionsGiven.is_none())
+        return;
+    nb::list shifted;
+    for (nb::handle pos : logical.fPositionsGiven)
+        shifted.append(nb::make_tuple(nb::cast<Py_ssize_t>(pos[0]) + line_shift, pos[1]));
+    logical.fPositionsGiven = shifted;
+}
+
+void MergeLogicalRange(nb::handle current, size_t lo, size_t hi,
+                       const std::vector<nb::ref<CLogicalLine>> &fresh, Py_ssize_t line_shift,
+                       nb::list &result, nb::list &added, nb::list &removed) {
     nb::list old = nb::borrow<nb::list>(current);
-    size_t old_n = nb::len(old);
+    auto old_at = [&old](size_t i) { return AsLogical(old[i], "a CLogicalLine in the held list"); };
+    size_t n = hi - lo;
     size_t same = 0;
-    while (same < old_n && same < fresh.size()) {
-        CLogicalLine *prior = AsLogical(old[same], "a CLogicalLine in the held list");
-        if (!SameLogical(*prior, *fresh[same]))
-            break;
+    while (same < n && same < fresh.size() && SameLogical(*old_at(lo + same), *fresh[same]))
         same++;
-    }
-    nb::list result;
-    for (size_t i = 0; i < same; i++)
+    size_t tail = 0;
+    while (same + tail < n && same + tail < fresh.size() &&
+           SameLogical(*old_at(hi - 1 - tail), *fresh[fresh.size() - 1 - tail], line_shift))
+        tail++;
+    for (size_t i = lo; i < lo + same; i++)
         result.append(old[i]);
-    for (size_t i = same; i < old_n; i++)
+    for (size_t i = lo + same; i + tail < hi; i++)
         removed.append(old[i]);
-    for (size_t i = same; i < fresh.size(); i++) {
+    for (size_t i = same; i + tail < fresh.size(); i++) {
         nb::object o = nb::cast(fresh[i]);
         result.append(o);
         added.append(o);
     }
+    for (size_t i = hi - tail; i < hi; i++) {
+        ShiftLogicalLines(*old_at(i), line_shift);
+        result.append(old[i]);
+    }
+}
+
+nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogicalLine>> &fresh,
+                           nb::list &added, nb::list &removed) {
+    size_t old_n = nb::len(current);
+    // The logicals behind the change are the same statements, moved by as
+    // many lines as the change added or took away.
+    Py_ssize_t shift = 0;
+    if (old_n > 0 && !fresh.empty())
+        shift = fresh.back()->fFirstLine -
+                AsLogical(nb::borrow<nb::list>(current)[old_n - 1], "a CLogicalLine")->fFirstLine;
+    nb::list result;
+    MergeLogicalRange(current, 0, old_n, fresh, shift, result, added, removed);
     return result;
 }
 

@@ -68,16 +68,41 @@ DecodedSource DecodeSource(std::string_view data);
 // The logical lines of a UTF-8 text, in source order.
 std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8);
 
+// A def or class whose body a part of a text lies in: its indent and its
+// normalised full name.
+struct OpenScope {
+    int indent;
+    nb::object name;
+};
+// The logicals of `utf8`, a part of a text that begins at the start of line
+// `first_line`, outside brackets and strings, inside the bodies of
+// `open_scopes` (outermost first).
+std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8,
+                                                     const std::vector<OpenScope> &open_scopes,
+                                                     Py_ssize_t first_line);
+
 // Checksum of a text that is the same whatever its line ends (LF, CR LF, CR).
 std::string EOLBlindChecksum(std::string_view data);
 
-// True when two logicals stand for the same statement at the same place in
-// the same scope.
-bool SameLogical(const CLogicalLine &a, const CLogicalLine &b);
+// True when two logicals stand for the same statement in the same scope (in
+// any scope when `same_scope` is false), `b` `line_shift` lines below `a`.
+bool SameLogical(const CLogicalLine &a, const CLogicalLine &b, Py_ssize_t line_shift = 0,
+                 bool same_scope = true);
 
-// The list that replaces `current` (a list of logicals) by `fresh`: the leading
-// logicals that are the same in both keep their old objects, so that what was
-// learnt about them stays.  The others go to `removed` (old) and `added` (new).
+// Moves a logical by `line_shift` lines (its first line and kept positions).
+void ShiftLogicalLines(CLogicalLine &logical, Py_ssize_t line_shift);
+
+// The list that replaces `current` (a list of logicals) by `fresh`: the
+// logicals ahead of the change and those behind it that are the same in both
+// keep their old objects, so that what was learnt about them stays (those
+// behind are moved to their new lines).  The others go to `removed` (old) and
+// `added` (new).
+// The same for the logicals current[lo:hi] replaced by `fresh`, appended to
+// `result`; those behind the change are `line_shift` lines below their old
+// place.
+void MergeLogicalRange(nb::handle current, size_t lo, size_t hi,
+                       const std::vector<nb::ref<CLogicalLine>> &fresh, Py_ssize_t line_shift,
+                       nb::list &result, nb::list &added, nb::list &removed);
 nb::list MergeLogicalLists(nb::handle current, const std::vector<nb::ref<CLogicalLine>> &fresh,
                            nb::list &added, nb::list &removed);
 

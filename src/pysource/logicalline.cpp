@@ -77,8 +77,6 @@ bool IsKeywordText(std::string_view t) {
     return false;
 }
 
-bool IsOpening(int type) { return type == kTokLPar || type == kTokLSqb || type == kTokLBrace; }
-bool IsClosing(int type) { return type == kTokRPar || type == kTokRSqb || type == kTokRBrace; }
 
 bool IsAugmentedAssign(int type) {
     switch (type) {
@@ -102,25 +100,6 @@ bool CanStartSoftKeywordOperand(const TokenSpan &s, size_t i) {
                s.Is(i, "False") || s.Is(i, "not") || s.Is(i, "lambda") || s.Is(i, "await");
     return type == kTokNumber || type == kTokString || IsOpening(type) || type == kTokMinus ||
            type == kTokPlus || type == kTokStar || type == kTokTilde || type == kTokEllipsis;
-}
-
-// The index of the first token at bracket depth zero, from `start` on, for
-// which `stop(i, type)` is true (brackets themselves are not offered), or -1.
-template <typename Stop>
-Py_ssize_t FindAtTopLevel(const TokenSpan &s, size_t start, Stop stop) {
-    int depth = 0;
-    for (size_t i = start; i < s.count; i++) {
-        int type = s.Type(i);
-        if (IsOpening(type)) {
-            depth++;
-        } else if (IsClosing(type)) {
-            if (depth > 0)
-                depth--;
-        } else if (depth == 0 && stop(i, type)) {
-            return (Py_ssize_t) i;
-        }
-    }
-    return -1;
 }
 
 // `match x:` / `case p:` against the same words used as names.
@@ -544,6 +523,20 @@ nb::ref<CLogicalLine> CreateLogical(int indent, Py_ssize_t start_line, Py_ssize_
 
 CLogicalLine *AsLogical(nb::handle obj, const char *what) {
     return &InstRef<CLogicalLine>(obj, what);
+}
+
+nb::dict StartKeywordsDict() {
+    nb::dict table;
+    for (const StartKeyword *k = kStartKeywordTable; k->keyword; k++)
+        table[k->keyword] = LogicalKindText(k->kind);
+    return table;
+}
+
+nb::list CLogicalLine::GetTokenTypes() const {
+    nb::list out;
+    for (const Token &t : fTokens)
+        out.append(t.type);
+    return out;
 }
 
 }  // namespace pysource

@@ -12,6 +12,8 @@
 #include <nanobind/intrusive/counter.h>
 #include <nanobind/intrusive/ref.h>
 
+#include "pysource/srctokenizer.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -80,6 +82,8 @@ struct StartKeyword {
     LogicalKind kind;
 };
 extern const StartKeyword kStartKeywordTable[];
+// The same table as a dict of keyword -> kind text (kStartKeywords).
+nb::dict StartKeywordsDict();
 
 struct Token {
     std::uint32_t offset;  // byte offset into CLogicalLine::fText
@@ -99,6 +103,29 @@ struct TokenSpan {
     int Type(size_t i) const { return toks[i].type; }
     bool Is(size_t i, std::string_view text) const { return i < count && Text(i) == text; }
 };
+
+inline bool IsOpening(int type) { return type == kTokLPar || type == kTokLSqb || type == kTokLBrace; }
+inline bool IsClosing(int type) { return type == kTokRPar || type == kTokRSqb || type == kTokRBrace; }
+
+// The index of the first token at bracket depth zero, from `start` on, for
+// which `stop(i, type)` is true (brackets themselves are not offered), or -1.
+// A closing bracket with none open is passed over.
+template <typename Stop>
+Py_ssize_t FindAtTopLevel(const TokenSpan &s, size_t start, Stop stop) {
+    int depth = 0;
+    for (size_t i = start; i < s.count; i++) {
+        int type = s.Type(i);
+        if (IsOpening(type)) {
+            depth++;
+        } else if (IsClosing(type)) {
+            if (depth > 0)
+                depth--;
+        } else if (depth == 0 && stop(i, type)) {
+            return (Py_ssize_t) i;
+        }
+    }
+    return -1;
+}
 
 // The kind of a statement from its tokens.  Keywords at the start decide
 // (soft keywords `match`, `case` and `type` only in their statement forms);
@@ -165,6 +192,7 @@ public:
     // Python views, made on demand and cached.  Error tokens are handed out
     // with kErrorTokenPrefix ahead of their text.
     nb::object GetToks();         // list of str
+    nb::list GetTokenTypes() const;  // list of int
     nb::object GetTokenString(Py_ssize_t i);  // str; negative i counts from the end; IndexError outside
     // (line, column) of every token: as given to CreateLogical or kept by the
     // builder (for a logical whose names were folded), else worked out from

@@ -13,14 +13,24 @@ std::ptrdiff_t StringLiteralEnd(const char *text, std::ptrdiff_t quote_pos, std:
     return after > quote_pos ? after : quote_pos + 1;
 }
 
-std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex_(const char *utf8_ptr, std::ptrdiff_t pos,
-                                                   std::ptrdiff_t end_pos) {
+namespace {
+
+struct GroupWalk {
+    std::ptrdiff_t end;       // the offset past the group, or the end of the text
+    bool closed;              // the group came back to level zero
+    bool strings_terminated;  // every string in it was closed
+};
+
+// Walks the bracket group or string that starts at `pos`.
+GroupWalk WalkGroup(const char *text, std::ptrdiff_t pos, std::ptrdiff_t end_pos) {
     std::ptrdiff_t nesting = 0;
+    bool strings_terminated = true;
     while (pos < end_pos) {
-        char c = utf8_ptr[pos];
+        char c = text[pos];
         if (IsQuote(c)) {
-            std::ptrdiff_t after = StringLiteralEnd(utf8_ptr, pos, end_pos);
-            pos = after > pos ? after : pos + 1;
+            bool terminated = false;
+            pos = StringLiteralEnd(text, pos, end_pos, &terminated);
+            strings_terminated = strings_terminated && terminated;
         } else {
             ++pos;
             if (IsOpeningBracket(c))
@@ -29,9 +39,16 @@ std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex_(const char *utf8_ptr, std::pt
                 --nesting;
         }
         if (nesting <= 0)
-            return pos;
+            return GroupWalk{pos, nesting == 0, strings_terminated};
     }
-    return end_pos;
+    return GroupWalk{end_pos, false, strings_terminated};
+}
+
+}  // namespace
+
+std::ptrdiff_t NonInlineNextNonNestedUtf8PtrIndex_(const char *utf8_ptr, std::ptrdiff_t pos,
+                                                   std::ptrdiff_t end_pos) {
+    return WalkGroup(utf8_ptr, pos, end_pos).end;
 }
 
 CNestLevelSearch::CNestLevelSearch(std::string_view text, std::string_view sub,
@@ -72,45 +89,26 @@ std::ptrdiff_t MatchingBracket(std::string_view text, std::ptrdiff_t open_pos) {
     const auto size = static_cast<std::ptrdiff_t>(text.size());
     if (open_pos < 0 || open_pos >= size || !IsOpeningBracket(text[open_pos]))
         return -1;
-    std::ptrdiff_t nesting = 0;
-    for (std::ptrdiff_t pos = open_pos; pos < size;) {
-        char c = text[pos];
-        if (IsQuote(c)) {
-            pos = StringLiteralEnd(text.data(), pos, size);
-            continue;
-        }
-        if (IsOpeningBracket(c)) {
-            ++nesting;
-        } else if (IsClosingBracket(c) && --nesting == 0) {
-            return pos;
-        }
-        ++pos;
-    }
-    return -1;
+    GroupWalk walk = WalkGroup(text.data(), open_pos, size);
+    return walk.closed ? walk.end - 1 : -1;
 }
 
 bool IsBalancedText(std::string_view text) {
-    const char *data = text.data();
     const auto size = static_cast<std::ptrdiff_t>(text.size());
-    std::ptrdiff_t nesting = 0;
     for (std::ptrdiff_t pos = 0; pos < size;) {
-        char c = data[pos];
-        if (IsQuote(c)) {
-            bool terminated = false;
-            pos = StringLiteralEnd(data, pos, size, &terminated);
-            if (!terminated)
-                return false;
+        char c = text[pos];
+        if (IsClosingBracket(c))
+            return false;
+        if (!IsOpeningBracket(c) && !IsQuote(c)) {
+            ++pos;
             continue;
         }
-        if (IsOpeningBracket(c)) {
-            ++nesting;
-        } else if (IsClosingBracket(c)) {
-            if (--nesting < 0)
-                return false;
-        }
-        ++pos;
+        GroupWalk walk = WalkGroup(text.data(), pos, size);
+        if (!walk.closed || !walk.strings_terminated)
+            return false;
+        pos = walk.end;
     }
-    return nesting == 0;
+    return true;
 }
 
 std::string PayloadSafeText(std::string_view text) {

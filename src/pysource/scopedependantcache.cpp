@@ -111,6 +111,14 @@ Py_ssize_t CScopeDependantCache::InvalidateScope(nb::handle scope) {
     return (Py_ssize_t) keys.size();
 }
 
+bool CScopeDependantCache::RemoveFromCache(nb::handle key) {
+    auto it = fIndex.find(PyKey(key));
+    if (it == fIndex.end())
+        return false;
+    Remove(it->second);
+    return true;
+}
+
 void CScopeDependantCache::Clear() {
     // Release the Python values after the containers are consistent.
     EntryList gone;

@@ -45,6 +45,8 @@ public:
     void AddToCache(nb::handle key, nb::handle value, nb::handle deps);
     // Drops every entry that depends on `scope`; the number dropped.
     Py_ssize_t InvalidateScope(nb::handle scope);
+    // Drops the entry stored under `key`; false when there is none.
+    bool RemoveFromCache(nb::handle key);
     void Clear();
     Py_ssize_t Count() const { return (Py_ssize_t) fIndex.size(); }
     bool Contains(nb::handle key) const;

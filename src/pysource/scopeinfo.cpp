@@ -24,19 +24,6 @@ nb::object FoldedKeyName(nb::handle name) {
     return nb::str(folded->data(), folded->size());
 }
 
-nb::handle EmptyFrozenset() {
-    // The vocabulary's shared empty frozenset, so that there is one in the
-    // process; held for the life of the process.
-    static PyObject *empty = nullptr;
-    if (!empty) {
-        nb::object shared = nb::module_::import_("pysource.symbolinfo").attr("kEmptyFrozenSet");
-        if (!PyFrozenSet_CheckExact(shared.ptr()) || PySet_GET_SIZE(shared.ptr()) != 0)
-            throw nb::type_error("pysource.symbolinfo.kEmptyFrozenSet is not an empty frozenset");
-        empty = shared.release().ptr();
-    }
-    return empty;
-}
-
 // ---------------------------------------------------------------------------
 // CScopeInfoKey
 
@@ -141,7 +128,7 @@ nb::object FrozenOrEmpty(nb::handle items) {
     if (items.is_none() || PyObject_Length(items.ptr()) == 0) {
         if (PyErr_Occurred())
             throw nb::python_error();
-        return nb::borrow(EmptyFrozenset());
+        return nb::borrow(symbolinfo::EmptyFrozenset());
     }
     if (PyFrozenSet_CheckExact(items.ptr()))
         return nb::borrow(items);

@@ -29,9 +29,6 @@ namespace pysource {
 enum class AddResult : int { kDiscarded = 0, kUnchanged = 1, kChanged = 2 };
 inline nb::object AddResultObject(AddResult r) { return nb::int_((int) r); }
 
-// The one shared empty frozenset (kEmptyFrozenset).
-nb::handle EmptyFrozenset();
-
 class CScopeInfoKey : public nb::intrusive_base {
 public:
     // (for_scope, scan_name, scanned_scope); both scopes must be scopes and

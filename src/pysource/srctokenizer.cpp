@@ -767,4 +767,14 @@ nb::list TokenizeToList(nb::handle text) {
     return out;
 }
 
+nb::dict TokenBytesById() {
+    nb::dict table;
+    for (int id = 0; id <= kMaxFixedTextTokenId; id++) {
+        std::string_view text = TokenIdText(id);
+        if (!text.empty())
+            table[nb::int_(id)] = nb::bytes(text.data(), text.size());
+    }
+    return table;
+}
+
 }  // namespace pysource

@@ -91,6 +91,9 @@ enum TokenId : int {
 std::string_view TokenIdText(int type);
 // Largest token id with a fixed text (for building tables).
 constexpr int kMaxFixedTextTokenId = kTokColonEqual;
+// The fixed texts of the token types as a dict of type -> bytes
+// (kTokenBytesById).
+nb::dict TokenBytesById();
 
 // True for bytes of an identifier in the ASCII range.
 inline bool IsAsciiIdentStart(unsigned char c) {

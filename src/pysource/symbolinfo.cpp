@@ -1,5 +1,6 @@
 #include "pysource/symbolinfo.h"
 
+#include "pysource/fastaccess.h"
 #include "pysource/pytext.h"
 
 #include <nanobind/stl/optional.h>
@@ -60,20 +61,7 @@ std::string IntegerText(nb::handle value) {
 
 nb::bytes KindBytes(Kind kind) { return ToBytes(std::string_view(&kind, 1)); }
 
-Kind KindFromPy(nb::handle kind) {
-    if (PyLong_Check(kind.ptr())) {
-        long value = PyLong_AsLong(kind.ptr());
-        if (value == -1 && PyErr_Occurred())
-            throw nb::python_error();
-        if (value < 0 || value > 255)
-            throw nb::value_error("a kind is one byte");
-        return static_cast<Kind>(value);
-    }
-    std::string_view text = TextView(kind, "kind");
-    if (text.size() != 1)
-        throw nb::value_error("a kind is one byte");
-    return text[0];
-}
+Kind KindFromPy(nb::handle kind) { return static_cast<Kind>(fastaccess_py::CharArg(kind)); }
 
 nb::bytes PyGetInfoBytesKind(nb::handle ibytes) {
     return KindBytes(GetInfoBytesKind(TextView(ibytes, "ibytes")));
@@ -490,6 +478,16 @@ bool CBuiltinTypeNames_::IsBuiltinTypeName(nb::handle name) const {
         if (known == text)
             return true;
     return false;
+}
+
+nb::handle EmptyFrozenset() {
+    static PyObject *empty = nullptr;
+    if (!empty) {
+        empty = PyFrozenSet_New(nullptr);
+        if (!empty)
+            throw nb::python_error();
+    }
+    return empty;
 }
 
 }  // namespace pysource::symbolinfo

@@ -33,7 +33,7 @@ inline constexpr std::string_view kTypingModuleSymbolDotAnyStr{"__typing__.Any"}
 
 // Kinds: a kind is one byte; Python sees it as a bytes object of length 1.
 nb::bytes KindBytes(Kind kind);
-Kind KindFromPy(nb::handle kind);  // bytes or str of length 1, or an int
+Kind KindFromPy(nb::handle kind);  // a byte as fastaccess_py::CharArg reads it
 nb::bytes PyGetInfoBytesKind(nb::handle ibytes);
 bool PyIsDefKind(nb::handle kind);
 bool PyIsDefOrClassKind(nb::handle kind);
@@ -197,5 +197,9 @@ public:
     nb::frozenset AllNames() const;
     bool IsBuiltinTypeName(nb::handle name) const;
 };
+
+// The one shared empty frozenset of the process (kEmptyFrozenSet), made on
+// first use and held for the life of the process.
+nb::handle EmptyFrozenset();
 
 }  // namespace pysource::symbolinfo

@@ -34,17 +34,8 @@ NB_MODULE(logicalline, m) {
         m.attr(LogicalKindConstantName((LogicalKind) k)) = LogicalKindText((LogicalKind) k);
     m.attr("kErrorTokenPrefix") = nb::str(kErrorTokenPrefix.data(), kErrorTokenPrefix.size());
     m.attr("kErrorTokenPrefixBytes") = nb::bytes(kErrorTokenPrefix.data(), kErrorTokenPrefix.size());
-    nb::dict start_keywords;
-    for (const StartKeyword *k = kStartKeywordTable; k->keyword; k++)
-        start_keywords[k->keyword] = LogicalKindText(k->kind);
-    m.attr("kStartKeywords") = start_keywords;
-    nb::dict token_bytes;
-    for (int id = 0; id <= kMaxFixedTextTokenId; id++) {
-        std::string_view text = TokenIdText(id);
-        if (!text.empty())
-            token_bytes[nb::int_(id)] = nb::bytes(text.data(), text.size());
-    }
-    m.attr("kTokenBytesById") = token_bytes;
+    m.attr("kStartKeywords") = StartKeywordsDict();
+    m.attr("kTokenBytesById") = TokenBytesById();
 
     nb::class_<CLogicalLine>(m, "CLogicalLine", bindutil::IntrusiveHolder<CLogicalLine>(),
                              nb::is_weak_referenceable(), nb::type_slots(kLogicalSlots))
@@ -72,13 +63,7 @@ NB_MODULE(logicalline, m) {
         .def_prop_rw("fArgTypeEquivs", [](const CLogicalLine &l) { return l.fArgTypeEquivs; },
                      [](CLogicalLine &l, nb::object v) { l.fArgTypeEquivs = v; },
                      nb::for_setter(nb::arg("value").none()))
-        .def_prop_ro("fTokenTypes",
-                     [](const CLogicalLine &l) {
-                         nb::list out;
-                         for (const Token &t : l.fTokens)
-                             out.append(t.type);
-                         return out;
-                     })
+        .def_prop_ro("fTokenTypes", &CLogicalLine::GetTokenTypes)
         .def_prop_ro("fPositions", &CLogicalLine::GetPositions)
         .def_ro("fTextColumn", &CLogicalLine::fTextColumn)
         .def_prop_ro("fText", [](const CLogicalLine &l) {

@@ -8,6 +8,7 @@
 #include "pysource/recordcodec.h"
 #include "pysource/scopedependantcache.h"
 #include "pysource/scopeinfo.h"
+#include "pysource/symbolinfo.h"
 
 using namespace pysource;
 
@@ -65,7 +66,7 @@ NB_MODULE(scopeinfo, m) {
     m.attr("kAddDiscarded") = AddResultObject(AddResult::kDiscarded);
     m.attr("kAddUnchanged") = AddResultObject(AddResult::kUnchanged);
     m.attr("kAddChanged") = AddResultObject(AddResult::kChanged);
-    m.attr("kEmptyFrozenset") = EmptyFrozenset();
+    m.attr("kEmptyFrozenset") = symbolinfo::EmptyFrozenset();
     m.attr("kSchemaVersion") = CInfoDatabase::kSchemaVersion;
 
     nb::class_<CScopeInfoKey>(m, "CScopeInfoKey", bindutil::IntrusiveHolder<CScopeInfoKey>())
@@ -203,6 +204,7 @@ NB_MODULE(scopeinfo, m) {
         .def("AddToCache", &CScopeDependantCache::AddToCache, nb::arg("key"), nb::arg("value").none(),
              nb::arg("deps").none() = nb::tuple())
         .def("InvalidateScope", &CScopeDependantCache::InvalidateScope, nb::arg("scope"))
+        .def("RemoveFromCache", &CScopeDependantCache::RemoveFromCache, nb::arg("key"))
         .def("Clear", &CScopeDependantCache::Clear)
         .def("_destroy_impl",
              [](CScopeDependantCache &self) { self.CScopeDependantCache::_destroy_impl(); })

@@ -51,7 +51,7 @@ NB_MODULE(symbolinfo, m) {
     m.attr("kDefLineScopeSuffix") = si::ToStr(si::kDefLineScopeSuffix);
     m.attr("kIterationSubscript") = si::ToStr(si::kIterationSubscript);
     m.attr("kSelfTypeVarName") = si::ToStr(si::kSelfTypeVarName);
-    m.attr("kEmptyFrozenSet") = nb::frozenset();
+    m.attr("kEmptyFrozenSet") = si::EmptyFrozenset();
     m.attr("kTypingModuleSymbol") = si::ToBytes(si::kTypingModuleSymbolStr);
     m.attr("kTypingModuleSymbolDot") = si::ToBytes(si::kTypingModuleSymbolDotStr);
     m.attr("kTypingModuleSymbolDotAny") = si::ToBytes(si::kTypingModuleSymbolDotAnyStr);

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <vector>
 
+#include "pysource/nesting.h"
 #include "pysource/pytext.h"
 
 namespace pysource::infer {
@@ -22,36 +23,6 @@ std::string_view Strip(std::string_view s) {
 
 bool StartsWith(std::string_view s, std::string_view p) { return s.substr(0, p.size()) == p; }
 
-// Splits at a top-level keyword (" and ", " or "), outside brackets and strings.
-std::vector<std::string_view> SplitTop(std::string_view s, std::string_view word) {
-    std::vector<std::string_view> parts;
-    int depth = 0;
-    char quote = 0;
-    std::size_t start = 0;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-        char c = s[i];
-        if (quote) {
-            if (c == '\\')
-                ++i;
-            else if (c == quote)
-                quote = 0;
-            continue;
-        }
-        if (c == '"' || c == '\'')
-            quote = c;
-        else if (c == '(' || c == '[' || c == '{')
-            ++depth;
-        else if (c == ')' || c == ']' || c == '}')
-            --depth;
-        else if (depth == 0 && s.compare(i, word.size(), word) == 0) {
-            parts.push_back(s.substr(start, i - start));
-            start = i + word.size();
-            i = start - 1;
-        }
-    }
-    parts.push_back(s.substr(start));
-    return parts;
-}
 
 // The integers of "(3, 8)" or "[3]"; false for anything else.
 bool ParseIntTuple(std::string_view text, std::vector<long> &out) {
@@ -60,7 +31,7 @@ bool ParseIntTuple(std::string_view text, std::vector<long> &out) {
         !(text.back() == ')' || text.back() == ']'))
         return false;
     text = text.substr(1, text.size() - 2);
-    for (std::string_view item : SplitTop(text, ",")) {
+    for (std::string_view item : symbolinfo::NonNestedSplit(text, ",")) {
         item = Strip(item);
         if (item.empty())
             continue;
@@ -103,29 +74,18 @@ int ApplyOp(std::string_view op, int cmp) {
 
 // The comparison operator at the top level of `s`: its position and text.
 bool FindOp(std::string_view s, std::size_t &pos, std::string_view &op) {
-    int depth = 0;
-    char quote = 0;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-        char c = s[i];
-        if (quote) {
-            if (c == quote)
-                quote = 0;
+    const auto end = static_cast<std::ptrdiff_t>(s.size());
+    for (std::ptrdiff_t i = 0; i >= 0 && i < end;
+         i = symbolinfo::NextNonNestedUtf8PtrIndex(s.data(), i, end)) {
+        char c = s[static_cast<std::size_t>(i)];
+        if (c != '<' && c != '>' && c != '=' && c != '!')
             continue;
-        }
-        if (c == '"' || c == '\'')
-            quote = c;
-        else if (c == '(' || c == '[')
-            ++depth;
-        else if (c == ')' || c == ']')
-            --depth;
-        else if (depth == 0 && (c == '<' || c == '>' || c == '=' || c == '!')) {
-            bool two = i + 1 < s.size() && s[i + 1] == '=';
-            if ((c == '=' || c == '!') && !two)
-                continue;
-            pos = i;
-            op = s.substr(i, two ? 2 : 1);
-            return true;
-        }
+        bool two = i + 1 < end && s[static_cast<std::size_t>(i) + 1] == '=';
+        if ((c == '=' || c == '!') && !two)
+            continue;
+        pos = static_cast<std::size_t>(i);
+        op = s.substr(pos, two ? 2 : 1);
+        return true;
     }
     return false;
 }
@@ -159,11 +119,11 @@ nb::object CSimpleConditionEvaluator::Evaluate(nb::handle condition) {
 int CSimpleConditionEvaluator::EvaluateText(std::string_view text) {
     text = Strip(text);
     while (text.size() >= 2 && text.front() == '(' && text.back() == ')' &&
-           SplitTop(text.substr(1, text.size() - 2), ",").size() == 1 &&
-           SplitTop(text, " or ").size() == 1 && SplitTop(text, " and ").size() == 1 &&
+           symbolinfo::NonNestedSplit(text.substr(1, text.size() - 2), ",").size() == 1 &&
+           symbolinfo::NonNestedSplit(text, " or ").size() == 1 && symbolinfo::NonNestedSplit(text, " and ").size() == 1 &&
            text.find('(', 1) == std::string_view::npos)
         text = Strip(text.substr(1, text.size() - 2));
-    if (auto ors = SplitTop(text, " or "); ors.size() > 1) {
+    if (auto ors = symbolinfo::NonNestedSplit(text, " or "); ors.size() > 1) {
         int result = 0;
         for (std::string_view part : ors) {
             int v = EvaluateText(part);
@@ -174,7 +134,7 @@ int CSimpleConditionEvaluator::EvaluateText(std::string_view text) {
         }
         return result;
     }
-    if (auto ands = SplitTop(text, " and "); ands.size() > 1) {
+    if (auto ands = symbolinfo::NonNestedSplit(text, " and "); ands.size() > 1) {
         int result = 1;
         for (std::string_view part : ands) {
             int v = EvaluateText(part);

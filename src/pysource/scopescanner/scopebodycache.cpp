@@ -1,6 +1,8 @@
 #include "pysource/scopescanner/scopebodycache.h"
 
 #include "pysource/scope.h"
+#include "pysource/scopedependantcache.h"
+#include "pysource/symbolinfo.h"
 #include "pysource/scopescanner/scopebodyfinder.h"
 
 namespace pysource {
@@ -23,6 +25,18 @@ nb::str GetFullNameForScopeDef(const CLogicalLine &logical) {
     if (!full)
         throw nb::python_error();
     return nb::steal<nb::str>(full);
+}
+
+nb::set ScopeNamesOfLogicals(nb::handle logicals) {
+    nb::set names;
+    for (nb::handle item : logicals) {
+        const CLogicalLine *logical = AsLogical(item, "a CLogicalLine");
+        if (PyUnicode_Check(logical->fScopeName.ptr()))
+            names.add(logical->fScopeName);
+        if (IsScopeDef(*logical))
+            names.add(symbolinfo::PyNormalizeScopeName(GetFullNameForScopeDef(*logical)));
+    }
+    return names;
 }
 
 namespace {
@@ -120,6 +134,19 @@ nb::list CScopeBodyCache::StripComments_(nb::handle logical_list) {
             stripped.append(item);
     }
     return stripped;
+}
+
+void CScopeBodyCache::DropChangedScopes(nb::handle loc, nb::handle removed, nb::handle added) {
+    nb::set names = ScopeNamesOfLogicals(removed);
+    for (nb::handle name : ScopeNamesOfLogicals(added))
+        names.add(name);
+    nb::object remove = _fScopeDependantCache.attr("RemoveFromCache");
+    for (nb::handle name : names) {
+        nb::ref<symbolinfo::CScope> scope = symbolinfo::Scope(nb::borrow(loc), name);
+        nb::object scope_obj = nb::cast(scope);
+        remove(scope_obj);
+        CScopeDependantCache::InvalidateScopeEverywhere(scope_obj);
+    }
 }
 
 void CScopeBodyCache::_destroy_impl() {

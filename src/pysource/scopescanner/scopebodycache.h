@@ -20,6 +20,10 @@ namespace pysource {
 // scope's name and its own name joined by "." (no dot at module level).
 nb::str GetFullNameForScopeDef(const CLogicalLine &logical);
 
+// The normalised full names of the scopes whose text holds one of
+// `logicals`: the scope each lies in and the scope each def or class defines.
+nb::set ScopeNamesOfLogicals(nb::handle logicals);
+
 class CScopeBodyCache : public basekit::CDestroyable {
 public:
     // Bound on the number of bodies kept.
@@ -39,6 +43,11 @@ public:
     virtual nb::object FindScope_(nb::handle scope);
     // A new list of the logicals of `logical_list` that aren't comments.
     virtual nb::list StripComments_(nb::handle logical_list);
+
+    // A buffer of `loc` changed: `removed` logicals went, `added` came.  The
+    // bodies of the scopes that held or hold them are dropped, and so is
+    // every entry of a scope-dependant cache that depends on those scopes.
+    void DropChangedScopes(nb::handle loc, nb::handle removed, nb::handle added);
 
     void _destroy_impl() override;
 

@@ -36,6 +36,8 @@ inline void BindScopeBodyCache(nb::module_ &m) {
              nb::arg("include_comments") = true, nb::arg("create") = true)
         .def("SetScopeBodyInCache", &CScopeBodyCache::SetScopeBodyInCache, nb::arg("scope"),
              nb::arg("body"))
+        .def("DropChangedScopes", &CScopeBodyCache::DropChangedScopes, nb::arg("loc"),
+             nb::arg("removed"), nb::arg("added"))
         .def("_FindScope", &CScopeBodyCache::FindScope_, nb::arg("scope"))
         .def("_StripComments", &CScopeBodyCache::StripComments_, nb::arg("logical_list"))
         .def("_destroy_impl", [](CScopeBodyCache &self) { self.CScopeBodyCache::_destroy_impl(); })
