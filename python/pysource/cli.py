@@ -256,6 +256,16 @@ def _report_index_run(counts, failed, errors, walk, forgotten, parse_error_locs,
 
 
 kParseErrorFilesShown = 5
+# An index run writes the records of this many files in one transaction (a
+# killed run loses at most those), and keeps about this many records in
+# memory: written ones leave and are read back when a scan asks for them.
+kWriteBatchFiles = 64
+kRecordsInMemory = 8000
+
+
+def _bound_index_writes(info_cache):
+    info_cache.fWriteBatchLocations = kWriteBatchFiles
+    info_cache.fMaxRecordsInMemory = kRecordsInMemory
 
 
 def _cmd_index(args):
@@ -287,6 +297,7 @@ def _cmd_index(args):
             f"another 'pysource index' is writing {_display_path(db_path)}; "
             "waiting for it to finish"))
         index = _CIndex(db_path)
+        _bound_index_writes(index.fInfoCache)
         if index.fInfoCache.fDatabaseMessage:
             _error(index.fInfoCache.fDatabaseMessage)
         coord = None
@@ -301,6 +312,7 @@ def _cmd_index(args):
                 progress.Clear()
             if not args.primary_only:
                 _run_derived_pass(coord, locs)
+            index.fInfoCache.WriteToDatabase(None)
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(_database_advice(str(err))) from None
         finally:
@@ -356,22 +368,12 @@ def _records_for_target(index, target):
         if scope not in names:
             return None, f"no record of scope '{scope}' in {file_part}"
         return [(loc, scope)], None
-    exact, tail = [], []
-    for loc in index.Locations():
-        for name in info_cache.GetScopesForLoc(loc):
-            if name == scope:
-                exact.append((loc, name))
-            elif _ends_with_components(name, scope):
-                tail.append((loc, name))
-    found = exact or tail
+    found = [(loc, name) for loc, name in info_cache.FindScopesNamed(scope)]
+    exact = [(loc, name) for loc, name in found if name == scope]
+    found = exact or found
     if not found:
         return None, f"no scope named '{scope}' in the index"
     return found, None
-
-
-def _ends_with_components(name, tail):
-    """True when the dotted scope `name` ends with the components of `tail`."""
-    return name.endswith("." + tail)
 
 
 def _list_matches(matches, as_json):
@@ -453,7 +455,7 @@ def _cmd_show(args):
 # stats
 
 def _cmd_stats(args):
-    from pysource import recordtext, symbolinfo
+    from pysource import recordtext
 
     index = _open_existing_index(args.db, os.curdir)
     if index is None:
@@ -467,13 +469,12 @@ def _cmd_stats(args):
         for loc in index.Locations():
             per_kind = dict.fromkeys(kinds + [recordtext.kScopeKindOther], 0)
             errors = 0
-            names = info_cache.GetScopesForLoc(loc)
-            for name in names:
-                info = info_cache.GetScopeInfo(symbolinfo.Scope(loc, name))
-                if info is None:
+            names = info_cache.GetScopeSummaries(loc)
+            for name, ibytes, incomplete in names:
+                if ibytes is None:
                     continue
-                per_kind[recordtext.ScopeKind(name, bytes(info.ibytes))] += 1
-                errors += bool(info.incomplete)
+                per_kind[recordtext.ScopeKind(name, bytes(ibytes))] += 1
+                errors += incomplete
             if names:
                 rows.append((getattr(loc, "fPath", None) or loc.fUrl, len(names), per_kind, errors))
         size = index.SizeInBytes()

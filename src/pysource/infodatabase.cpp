@@ -42,6 +42,15 @@ const char *const kSchema[] = {
     "CREATE INDEX records_by_scan ON records (scanned_loc_id, scanned_scope, scan_name)",
 };
 
+// The last dotted component of a record's scope name, in SQL: rtrim strips
+// from the right every character of the name but the dot, which leaves the
+// part up to its last dot.  Queries repeat the expression word for word, so
+// that SQLite serves them from the index on it.
+#define PYSOURCE_SCOPE_LEAF "substr(scope, length(rtrim(scope, replace(scope, '.', ''))) + 1)"
+const char *const kLookupIndexes[] = {
+    "CREATE INDEX IF NOT EXISTS records_by_leaf ON records (" PYSOURCE_SCOPE_LEAF ")",
+};
+
 const char *const kOurTables[] = {"records", "scans_done", "locations"};
 
 // What a sound file holds: each table's columns, and a query that finds a row
@@ -212,6 +221,7 @@ void CInfoDatabase::Open() {
         if (!fReadOnly) {
             Execute("PRAGMA journal_mode=WAL");
             Execute("PRAGMA synchronous=NORMAL");
+            CreateLookupIndexes();
         }
         return;
     }
@@ -275,12 +285,21 @@ void CInfoDatabase::ExecuteMany(const char *sql, nb::handle rows) {
 void CInfoDatabase::CreateSchema() {
     for (const char *statement : kSchema)
         Execute(statement);
+    CreateLookupIndexes();
     Execute(("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
     Execute(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
 }
 
+// Indexes that only speed up lookups: a file made before them gets them on
+// its first writable open.
+void CInfoDatabase::CreateLookupIndexes() {
+    for (const char *statement : kLookupIndexes)
+        Execute(statement);
+}
+
 void CInfoDatabase::DropSchema() {
     Execute("DROP INDEX IF EXISTS records_by_scan");
+    Execute("DROP INDEX IF EXISTS records_by_leaf");
     for (const char *table : kOurTables)
         Execute((std::string("DROP TABLE IF EXISTS ") + table).c_str());
 }
@@ -428,6 +447,34 @@ std::int64_t CInfoDatabase::DeleteLocation(std::int64_t loc_id) {
         Rollback();
         throw;
     }
+}
+
+nb::object CInfoDatabase::LoadScopeNames(std::int64_t loc_id) {
+    return Guarded("reading scope names", [&] {
+        nb::list names;
+        for (nb::handle row : Execute("SELECT DISTINCT scope FROM records WHERE loc_id = ? "
+                                      "ORDER BY scope",
+                                      nb::make_tuple(loc_id)))
+            names.append(row[0]);
+        return nb::object(names);
+    });
+}
+
+nb::object CInfoDatabase::FindScopesWithLeaf(const std::string &leaf) {
+    return Guarded("finding scopes", [&] {
+        return Execute("SELECT DISTINCT l.url, r.scope FROM records r "
+                       "JOIN locations l ON l.id = r.loc_id WHERE " PYSOURCE_SCOPE_LEAF " = ?",
+                       nb::make_tuple(leaf))
+            .attr("fetchall")();
+    });
+}
+
+nb::object CInfoDatabase::LoadRecordHeads(std::int64_t loc_id) {
+    return Guarded("reading records", [&] {
+        return Execute("SELECT scope, scan_name, ibytes, flags FROM records WHERE loc_id = ?",
+                       nb::make_tuple(loc_id))
+            .attr("fetchall")();
+    });
 }
 
 std::int64_t CInfoDatabase::CountRecords() {
