@@ -504,7 +504,7 @@ class TestUnsoundDatabases:
     def test_a_bad_blob_is_found_when_read(self, indexed_db, capsys):
         damage("UPDATE records SET type_equivs = x'ff00ff'")(indexed_db)
         before = indexed_db.read_bytes()
-        code, _, err = run(capsys, "stats")
+        code, _, err = run(capsys, "show", "pkg/shapes.py")
         assert code == cli.kExitDatabase and "is damaged" in err
         (indexed_db.parent.parent / "pkg" / "shapes.py").write_text(SHAPES + "more = 1\n")
         code, _, err = run(capsys, "index")      # its records are read for the new scan
