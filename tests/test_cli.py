@@ -186,6 +186,24 @@ class TestIndex:
         out = capsys.readouterr().out
         assert out.startswith("Indexed 1 files: ") and "1 files unchanged" in out
 
+    def test_workers_make_the_same_database_as_one_process(self, project, capsys,
+                                                            monkeypatch):
+        from pysource import parallelscan
+        for i in range(20):
+            (project / "pkg" / f"mod{i}.py").write_text(SHAPES.replace("Shape", f"Shape{i}"))
+        (project / "broken.py").write_text(BROKEN)
+        replayed = []
+        scan = parallelscan.CReplayScanner.Scan
+        monkeypatch.setattr(parallelscan.CReplayScanner, "Scan",
+                            lambda self, end: replayed.append(self.fScope.loc) or scan(self, end))
+        outs = []
+        for jobs, db in (("1", "one.db"), ("2", "two.db")):
+            code, out, err = run(capsys, "index", "-j", jobs, "--db", db)
+            assert code == 0 and err == ""
+            outs.append(out.split(", in ")[0])
+        assert len(replayed) == 23 and outs[0] == outs[1]
+        assert (project / "one.db").read_bytes() == (project / "two.db").read_bytes()
+
     def test_quiet_when_piped(self, project):
         env = dict(os.environ, SKBUILD_EDITABLE_VERBOSE="0")
         done = subprocess.run([sys.executable, "-m", "pysource", "index"], cwd=project,

@@ -263,6 +263,37 @@ kWriteBatchFiles = 64
 kRecordsInMemory = 8000
 
 
+# Fewer files than this are scanned in one process: workers cost more than
+# they save.
+kMinFilesPerWorker = 8
+
+
+def _start_workers(jobs, file_count):
+    """The worker processes of an index run, or None to scan in this one."""
+    from pysource import manager, parallelscan
+    jobs = min(jobs, file_count // kMinFilesPerWorker)
+    if jobs <= 1:
+        return None
+    return parallelscan.CParallelPrimaryScans(jobs, manager.kPrimaryScanName)
+
+
+def _default_jobs():
+    try:
+        return len(os.sched_getaffinity(0))
+    except AttributeError:
+        return os.cpu_count() or 1
+
+
+def _jobs_arg(text):
+    try:
+        jobs = int(text)
+    except ValueError:
+        jobs = 0
+    if jobs < 1:
+        raise argparse.ArgumentTypeError(f"expected a number of processes (1 or more), got '{text}'")
+    return jobs
+
+
 def _bound_index_writes(info_cache):
     info_cache.fWriteBatchLocations = kWriteBatchFiles
     info_cache.fMaxRecordsInMemory = kRecordsInMemory
@@ -296,18 +327,32 @@ def _cmd_index(args):
         lock.Acquire(on_wait=lambda: _error(
             f"another 'pysource index' is writing {_display_path(db_path)}; "
             "waiting for it to finish"))
-        index = _CIndex(db_path)
+        # Workers are forked before the database is opened.
+        workers = _start_workers(args.jobs, len(files))
+        try:
+            index = _CIndex(db_path)
+        except BaseException:
+            if workers is not None:
+                workers.close()
+            raise
         _bound_index_writes(index.fInfoCache)
         if index.fInfoCache.fDatabaseMessage:
             _error(index.fInfoCache.fDatabaseMessage)
         coord = None
         try:
             forgotten = _forget_gone_files(index, [os.path.abspath(p) for p in paths], walk)
-            coord = coordinator.CScanCoordinator(index.fMgr, progress=progress,
-                                                 derived_progress=derived_progress)
+            coord = coordinator.CScanCoordinator(
+                index.fMgr, progress=progress, derived_progress=derived_progress,
+                scanner_class=workers.ScannerClass() if workers is not None else None)
             locs = [CLocalFileLocation(path) for path in files]
             coord.AddLocations(locs)
+            if workers is not None:
+                workers.Expect(coord.QueuedLocations())
             coord.RunUntilIdle()
+            if workers is not None:
+                # What the derived pass needs scanned is scanned here.
+                workers.close()
+                workers = coord.fScannerClass = None
             if progress is not None:
                 progress.Clear()
             if not args.primary_only:
@@ -316,6 +361,8 @@ def _cmd_index(args):
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(_database_advice(str(err))) from None
         finally:
+            if workers is not None:
+                workers.close()
             for line in (progress, derived_progress):
                 if line is not None:
                     line.Clear()
@@ -649,6 +696,9 @@ def _build_parser():
                        help="index database (default: .pysource/index.db under the first PATH)")
     index.add_argument("--primary-only", action="store_true",
                        help="skip the derived pass (what callers pass, attributes set elsewhere)")
+    index.add_argument("-j", "--jobs", type=_jobs_arg, default=_default_jobs(), metavar="N",
+                       help="processes that scan files (default: the number of cores); "
+                            "one writes the index")
     index.set_defaults(run=_cmd_index)
 
     show = sub.add_parser("show", help="print what the index knows of a file or scope")

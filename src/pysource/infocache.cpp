@@ -1032,7 +1032,11 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
                         write_slot(*entry, place.second, slot);
             }
         }
-        for (LocEntry *entry : fDirtyEntries) {
+        // In URL order, so that new locations get the same ids in every run.
+        std::vector<LocEntry *> dirty(fDirtyEntries.begin(), fDirtyEntries.end());
+        std::sort(dirty.begin(), dirty.end(),
+                  [](const LocEntry *a, const LocEntry *b) { return a->url < b->url; });
+        for (LocEntry *entry : dirty) {
             bool whole = wanted(entry->url);
             if (whole && entry->meta_dirty) {
                 std::int64_t id = db_id_of(*entry);
