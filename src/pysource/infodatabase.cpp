@@ -49,6 +49,9 @@ const char *const kSchema[] = {
 #define PYSOURCE_SCOPE_LEAF "substr(scope, length(rtrim(scope, replace(scope, '.', ''))) + 1)"
 const char *const kLookupIndexes[] = {
     "CREATE INDEX IF NOT EXISTS records_by_leaf ON records (" PYSOURCE_SCOPE_LEAF ")",
+    // Holds what a summary of a location's scopes reads, so that it doesn't
+    // read the records' maps.
+    "CREATE INDEX IF NOT EXISTS records_heads ON records (loc_id, scope, scan_name, flags, ibytes)",
 };
 
 const char *const kOurTables[] = {"records", "scans_done", "locations"};
@@ -300,6 +303,7 @@ void CInfoDatabase::CreateLookupIndexes() {
 void CInfoDatabase::DropSchema() {
     Execute("DROP INDEX IF EXISTS records_by_scan");
     Execute("DROP INDEX IF EXISTS records_by_leaf");
+    Execute("DROP INDEX IF EXISTS records_heads");
     for (const char *table : kOurTables)
         Execute((std::string("DROP TABLE IF EXISTS ") + table).c_str());
 }
