@@ -47,12 +47,12 @@ class _CRecordingInfoCache(scopeinfo.CInfoCache):
         return super().ChangeScansDone(loc, scan_name, done, disk_mtime)
 
 
+# The workers' manager, made in the writer before the fork (no database), so
+# that the workers inherit it ready instead of each making its own.
 _gWorkerMgr = None
 
 
 def _StartWorker():
-    global _gWorkerMgr
-    _gWorkerMgr = manager.CAnalysisMgr(info_cache_class=_CRecordingInfoCache)
     manager.SetAnalysisMgr(_gWorkerMgr)
 
 
@@ -91,7 +91,9 @@ class CParallelPrimaryScans:
     it before the database is opened; `close` ends the workers."""
 
     def __init__(self, jobs, scan_name):
+        global _gWorkerMgr
         self.fScanName = scan_name
+        _gWorkerMgr = manager.CAnalysisMgr(info_cache_class=_CRecordingInfoCache)
         self._fPool = multiprocessing.get_context("fork").Pool(jobs, initializer=_StartWorker)
         self._fAhead = max(1, jobs * kFilesAheadPerWorker)
         self._fPending = {}      # loc -> async result
@@ -125,8 +127,12 @@ class CParallelPrimaryScans:
         return lambda loc, scan_name: CReplayScanner(self, loc, scan_name)
 
     def close(self):
+        global _gWorkerMgr
         self._fPool.terminate()
         self._fPool.join()
+        if _gWorkerMgr is not None:
+            _gWorkerMgr.destroy()
+            _gWorkerMgr = None
 
 
 class CReplayScanner(CDestroyable):

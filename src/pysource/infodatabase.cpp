@@ -232,6 +232,11 @@ void CInfoDatabase::Open() {
         fOpenMessage = fOrigin + " had schema version " + std::to_string(ver) +
                        ", older than this build's version " + std::to_string(kSchemaVersion) +
                        ": it was rebuilt empty";
+    // Records run to about a kilobyte: on bigger pages the B-tree of a table
+    // without rowids splits less and writes about twice as fast.  Only a new
+    // file takes it (before WAL mode is set).
+    if (tables == 0)
+        Execute("PRAGMA page_size=16384");
     Execute("PRAGMA journal_mode=WAL");
     Execute("PRAGMA synchronous=NORMAL");
     Begin();
