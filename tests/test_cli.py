@@ -462,9 +462,9 @@ class TestDerivedPass:
         assert "in f: value: G" in shown(capsys, "pkg/uses.py")
 
 
-def damage(sql=None, page=None, flip=None):
+def damage(sql=None, page=None, flip_page=None):
     """A way to damage a sound index: SQL run on it, or bytes of the file
-    changed (a page zeroed, or bytes flipped at an offset)."""
+    changed (a page zeroed, or bytes flipped at the start of a page)."""
     def apply(db):
         if sql is not None:
             conn = sqlite3.connect(db)
@@ -472,11 +472,12 @@ def damage(sql=None, page=None, flip=None):
             conn.close()
             return
         data = bytearray(db.read_bytes())
+        size = int.from_bytes(data[16:18], "big")
         if page is not None:
-            size = int.from_bytes(data[16:18], "big")
             data[size * (page - 1):size * page] = bytes(size)
         else:
-            for i in range(flip, flip + 64):
+            start = size * (flip_page - 1)
+            for i in range(start, start + 64):
                 data[i] ^= 0x5A
         db.write_bytes(bytes(data))
     return apply
@@ -489,7 +490,7 @@ kDamages = {
     "bad location row": damage("UPDATE locations SET disk_mtime = 'soon'"),
     "record of no location": damage("PRAGMA foreign_keys=OFF; UPDATE records SET loc_id = 999"),
     "zeroed page": damage(page=2),
-    "flipped bytes": damage(flip=4096),
+    "flipped bytes": damage(flip_page=2),
     "not a database": lambda db: db.write_bytes(b"not an index\n" * 400),
     "newer schema": damage("PRAGMA user_version = 99"),
 }
