@@ -218,7 +218,7 @@ void CInfoDatabase::Open() {
         CheckVersion(ver);
     else if (fReadOnly)
         Fail("opening", "the file holds no pysource index");
-    Execute("PRAGMA cache_size=-32768");  // KiB: big writes stay off the disk until commit
+    Execute("PRAGMA cache_size=-8192");  // KiB: a batch of writes stays off the disk until commit
     if (ver == kSchemaVersion || fReadOnly) {
         CheckTables();
         if (!fReadOnly) {
