@@ -14,6 +14,7 @@ crosses a fork), and results are asked for a bounded number of files ahead,
 so the writer's memory doesn't grow with the project.
 """
 
+import concurrent.futures
 import math
 import multiprocessing
 
@@ -94,7 +95,12 @@ class CParallelPrimaryScans:
         global _gWorkerMgr
         self.fScanName = scan_name
         _gWorkerMgr = manager.CAnalysisMgr(info_cache_class=_CRecordingInfoCache)
-        self._fPool = multiprocessing.get_context("fork").Pool(jobs, initializer=_StartWorker)
+        # A worker that dies fails the files it had (BrokenProcessPool) instead
+        # of leaving the writer waiting.
+        self._fPool = concurrent.futures.ProcessPoolExecutor(
+            jobs, mp_context=multiprocessing.get_context("fork"), initializer=_StartWorker)
+        # The first task forks every worker: now, before the database is opened.
+        self._fPool.submit(int).result()
         self._fAhead = max(1, jobs * kFilesAheadPerWorker)
         self._fPending = {}      # loc -> async result
         self._fQueue = []        # locs to scan, in the coordinator's order
@@ -110,16 +116,15 @@ class CParallelPrimaryScans:
             loc = self._fQueue[self._fNext]
             self._fNext += 1
             if loc not in self._fPending:
-                self._fPending[loc] = self._fPool.apply_async(
-                    _ScanInWorker, (loc.fPath, self.fScanName))
+                self._fPending[loc] = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
 
     def Take(self, loc):
         """The worker's result for `loc` (scanned now when it wasn't asked
         for ahead, as for a retry)."""
         pending = self._fPending.pop(loc, None)
         if pending is None:
-            pending = self._fPool.apply_async(_ScanInWorker, (loc.fPath, self.fScanName))
-        result = pending.get()
+            pending = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
+        result = pending.result()
         self._Submit()
         return result
 
@@ -128,8 +133,7 @@ class CParallelPrimaryScans:
 
     def close(self):
         global _gWorkerMgr
-        self._fPool.terminate()
-        self._fPool.join()
+        self._fPool.shutdown(wait=True, cancel_futures=True)
         if _gWorkerMgr is not None:
             _gWorkerMgr.destroy()
             _gWorkerMgr = None
