@@ -6,8 +6,8 @@ library's `symtable` and `ast.parse` over the same files held in memory.
 Figures, each the best of N runs:
   scan            whole-file primary scan of every file, records in memory
   scan+db         the same with the records written to a SQLite database in a
-                  temporary folder (the scanner writes each file's records when
-                  it finishes the file)
+                  temporary folder as `pysource index` writes them (in batches
+                  of files, a bounded set of records in memory)
   symtable        symtable of every file, walking every table's symbols
   ast.parse       parse of every file
 then ratios to symtable (goals: scan <= 0.8, scan+db <= 1.1), each the best of
@@ -44,7 +44,7 @@ import tracemalloc
 
 import pysource._fastaccess as fastaccess
 from basekit.location import CLocalFileLocation, CRemoteLocation
-from pysource import scopescanner, symbolinfo
+from pysource import cli, scopescanner, symbolinfo
 
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
@@ -105,7 +105,13 @@ def scan_in_memory(locs, _texts):
 def scan_with_database(locs, _texts):
     with tempfile.TemporaryDirectory() as folder:
         with installed_manager(db_path=os.path.join(folder, "info.db")) as mgr:
-            return sum(scan_file(loc, mgr.fPrimaryScanName) for loc in locs)
+            # Written as `pysource index` writes: in batches of files, with a
+            # bounded set of records in memory.
+            mgr.fInfoCache.fWriteBatchLocations = cli.kWriteBatchFiles
+            mgr.fInfoCache.fMaxRecordsInMemory = cli.kRecordsInMemory
+            records = sum(scan_file(loc, mgr.fPrimaryScanName) for loc in locs)
+            mgr.fInfoCache.WriteToDatabase(None)
+            return records
 
 
 def parse_ast(_locs, texts):
