@@ -1,5 +1,6 @@
-"""Splitting a file into scope bodies: the body finder beside the standard
-library's parser collecting the same bodies from a syntax tree.
+"""Splitting a file into scope bodies, both from the source text: logical
+lines and the body finder beside the standard library's parser collecting the
+same bodies from a syntax tree (best of interleaved rounds).
 
 Run by hand: python bench/bench_bodyfinder.py [repeats]
 Prints logicals per second for both and their ratio; no pass/fail.
@@ -11,7 +12,7 @@ import time
 
 from pysource import scopescanner as ss
 from pysource.filellinecache import BuildLogicalLines
-from benchutil import best_of
+from benchutil import interleaved_best
 
 
 def make_source(classes=300, methods=8):
@@ -32,7 +33,8 @@ def make_source(classes=300, methods=8):
     return "".join(parts)
 
 
-def finder_bodies(logicals):
+def finder_bodies(source):
+    logicals = BuildLogicalLines(source)
     finder = ss._CScopeBodyFinder(logicals, -1, False)
     finder.ProcessUntilEnd()
     count = 0
@@ -52,13 +54,13 @@ def parser_bodies(source):
 def main():
     repeats = int(sys.argv[1]) if len(sys.argv) > 1 else 5
     source = make_source()
-    logicals = BuildLogicalLines(source)
-    finder_time, finder_count = best_of(repeats, finder_bodies, logicals)
-    parser_time, parser_count = best_of(repeats, parser_bodies, source)
+    best = interleaved_best(repeats, {"finder": finder_bodies, "parser": parser_bodies}, source)
+    (finder_time, finder_count), (parser_time, parser_count) = best["finder"], best["parser"]
     assert finder_count == parser_count, (finder_count, parser_count)
+    logicals = BuildLogicalLines(source)
     n = len(logicals)
     print(f"{n} logicals, {finder_count} scopes")
-    print(f"body finder          {n / finder_time:12.0f} logicals/s")
+    print(f"logicals + finder    {n / finder_time:12.0f} logicals/s")
     print(f"stdlib parse + walk  {n / parser_time:12.0f} logicals/s")
     print(f"ratio (finder/parser speed): {parser_time / finder_time:.1f}x")
 

@@ -38,6 +38,21 @@ def best_of(repeat, func, *args):
     return best, result
 
 
+def interleaved_best(repeat, contenders, *args):
+    """{name: (best wall time, result of its last call)} of the callables in
+    `contenders` (name -> callable), each called with `args` once per round:
+    a change in the machine's load hits every contender alike."""
+    best = {}
+    for _ in range(repeat):
+        for name, func in contenders.items():
+            gc.collect()
+            start = time.perf_counter()
+            result = func(*args)
+            elapsed = time.perf_counter() - start
+            best[name] = (min(elapsed, best.get(name, (float("inf"),))[0]), result)
+    return best
+
+
 def walk_symtable(_locs, texts):
     """Every table of every file, every symbol asked what it is: the peer's
     equivalent of a record per scope."""

@@ -186,6 +186,24 @@ class TestIndex:
         out = capsys.readouterr().out
         assert out.startswith("Indexed 1 files: ") and "1 files unchanged" in out
 
+    def test_workers_make_the_same_database_as_one_process(self, project, capsys,
+                                                            monkeypatch):
+        from pysource import parallelscan
+        for i in range(20):
+            (project / "pkg" / f"mod{i}.py").write_text(SHAPES.replace("Shape", f"Shape{i}"))
+        (project / "broken.py").write_text(BROKEN)
+        replayed = []
+        scan = parallelscan.CReplayScanner.Scan
+        monkeypatch.setattr(parallelscan.CReplayScanner, "Scan",
+                            lambda self, end: replayed.append(self.fScope.loc) or scan(self, end))
+        outs = []
+        for jobs, db in (("1", "one.db"), ("2", "two.db")):
+            code, out, err = run(capsys, "index", "-j", jobs, "--db", db)
+            assert code == 0 and err == ""
+            outs.append(out.split(", in ")[0])
+        assert len(replayed) == 23 and outs[0] == outs[1]
+        assert (project / "one.db").read_bytes() == (project / "two.db").read_bytes()
+
     def test_quiet_when_piped(self, project):
         env = dict(os.environ, SKBUILD_EDITABLE_VERBOSE="0")
         done = subprocess.run([sys.executable, "-m", "pysource", "index"], cwd=project,
@@ -444,9 +462,9 @@ class TestDerivedPass:
         assert "in f: value: G" in shown(capsys, "pkg/uses.py")
 
 
-def damage(sql=None, page=None, flip=None):
+def damage(sql=None, page=None, flip_page=None):
     """A way to damage a sound index: SQL run on it, or bytes of the file
-    changed (a page zeroed, or bytes flipped at an offset)."""
+    changed (a page zeroed, or bytes flipped at the start of a page)."""
     def apply(db):
         if sql is not None:
             conn = sqlite3.connect(db)
@@ -454,11 +472,12 @@ def damage(sql=None, page=None, flip=None):
             conn.close()
             return
         data = bytearray(db.read_bytes())
+        size = int.from_bytes(data[16:18], "big")
         if page is not None:
-            size = int.from_bytes(data[16:18], "big")
             data[size * (page - 1):size * page] = bytes(size)
         else:
-            for i in range(flip, flip + 64):
+            start = size * (flip_page - 1)
+            for i in range(start, start + 64):
                 data[i] ^= 0x5A
         db.write_bytes(bytes(data))
     return apply
@@ -471,7 +490,7 @@ kDamages = {
     "bad location row": damage("UPDATE locations SET disk_mtime = 'soon'"),
     "record of no location": damage("PRAGMA foreign_keys=OFF; UPDATE records SET loc_id = 999"),
     "zeroed page": damage(page=2),
-    "flipped bytes": damage(flip=4096),
+    "flipped bytes": damage(flip_page=2),
     "not a database": lambda db: db.write_bytes(b"not an index\n" * 400),
     "newer schema": damage("PRAGMA user_version = 99"),
 }
@@ -504,7 +523,7 @@ class TestUnsoundDatabases:
     def test_a_bad_blob_is_found_when_read(self, indexed_db, capsys):
         damage("UPDATE records SET type_equivs = x'ff00ff'")(indexed_db)
         before = indexed_db.read_bytes()
-        code, _, err = run(capsys, "stats")
+        code, _, err = run(capsys, "show", "pkg/shapes.py")
         assert code == cli.kExitDatabase and "is damaged" in err
         (indexed_db.parent.parent / "pkg" / "shapes.py").write_text(SHAPES + "more = 1\n")
         code, _, err = run(capsys, "index")      # its records are read for the new scan

@@ -188,6 +188,35 @@ class TestConcurrentAndInterrupted:
         after.WriteToDatabase()
         assert CInfoCache(db_path=db).GetScopeInfo(Scope(a, "")).GetInfoBytes("x") == b"newer"
 
+    def test_a_killed_batched_writer_loses_only_the_batch_under_way(self, tmp_path):
+        writer = run_child(tmp_path, """
+            cache = CInfoCache(db_path=db)
+            cache.fWriteBatchLocations = 3
+            writes = []
+            def stop_in_the_second_write(path):
+                writes.append(path)
+                if len(writes) == 2:
+                    print("writing", flush=True)
+                    sys.stdin.readline()  # held here until the parent kills us
+            _SetDatabaseWriteHook(stop_in_the_second_write)
+            for i in range(7):
+                loc = loc_of(work, f"m{i}.py")
+                cache.AddScopeInfo(primary_record(Scope(loc, ""), {"n": b"1"}), True)
+                cache.WriteToDatabase([loc])
+        """, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        try:
+            line = writer.stdout.readline()
+            while line and line.strip() != "writing":
+                line = writer.stdout.readline()
+            assert line.strip() == "writing"
+        finally:
+            writer.send_signal(signal.SIGKILL)
+            writer.wait()
+        with sqlite3.connect(tmp_path / "index.db") as conn:
+            assert conn.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
+        stored = CInfoCache(db_path=tmp_path / "index.db")
+        assert urls_of(stored.GetLocations()) == [loc_of(tmp_path, f"m{i}.py").fUrl for i in range(3)]
+
     def test_a_failing_write_rolls_back_and_keeps_its_work_for_the_next(self, tmp_path):
         from pysource.scopeinfo import _SetDatabaseWriteHook
         a = loc_of(tmp_path, "a.py")
@@ -320,6 +349,21 @@ class TestListingLocations:
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl]
         cache.WriteToDatabase()
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl, b.fUrl]
+
+    def test_scopes_by_name_and_summaries_come_from_the_file_and_from_memory(
+            self, tmp_path, project_db):
+        a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        assert cache.FindScopesNamed("f") == [(a, "f")]
+        assert cache.FindScopesNamed("a.f") == [] and cache.FindScopesNamed("") == [(a, "")]
+        summaries = cache.GetScopeSummaries(a)
+        assert cache.fRecordsInMemory == 0
+        merged = [cache.GetScopeInfo(Scope(a, name)) for name in ("", "f")]
+        assert summaries == [("", merged[0].ibytes, False), ("f", merged[1].ibytes, False)]
+        cache.AddScopeInfo(primary_record(Scope(b, "C.f"), {}), True)  # not written
+        assert cache.FindScopesNamed("f") == [(a, "f"), (b, "C.f")]
+        assert cache.FindScopesNamed("C.f") == [(b, "C.f")]
+        assert [name for name, _, _ in cache.GetScopeSummaries(b)] == ["C.f", "g"]
 
     def test_without_a_database_the_locations_in_memory_and_no_writes(self, tmp_path):
         cache = CInfoCache()

@@ -152,6 +152,24 @@ class TestMergeScopeInfoSeq:
         assert "m" not in te  # class attributes are not instance attributes
         assert inst.incomplete  # one of the methods was incomplete
 
+    def test_a_name_many_methods_set_gets_each_single_once_in_the_order_met(self, loc):
+        def unique_singles(values):
+            out = []
+            for value in values:
+                out += [single for single in value.split(b";") if single not in out]
+            return b";".join(out)
+
+        values = [(f"C.m{i}", b"int;" + (b"str" if i % 2 else b"bytes")) for i in range(40)]
+        values += [("C.m", y) for y in (b"int", b"int;str", b"str;bytes;int")]
+        methods = [primary_record(Scope(loc, name), {}, inst={"shared": value})
+                   for name, value in values]
+        inst_scope = Scope(loc, "C#")
+        inst = CScopeInfo(CScopeInfoKey(inst_scope, PRIMARY, inst_scope), b":i", 10.0, False)
+        inst.type_equivs["shared"] = b"float"
+        MergeScopeInfoSeq(inst, [], methods)
+        readable = [PrefixWithLocationAndScope(value, None, name) for name, value in values]
+        assert inst.type_equivs["shared"] == unique_singles([b"float"] + readable)
+
     def test_empty_sequences_leave_the_record(self, loc):
         s = Scope(loc, "C#")
         inst = CScopeInfo(CScopeInfoKey(s, PRIMARY, s), b"", 1.5, False)

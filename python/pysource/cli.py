@@ -256,6 +256,47 @@ def _report_index_run(counts, failed, errors, walk, forgotten, parse_error_locs,
 
 
 kParseErrorFilesShown = 5
+# An index run writes the records of this many files in one transaction (a
+# killed run loses at most those), and keeps about this many records in
+# memory: written ones leave and are read back when a scan asks for them.
+kWriteBatchFiles = 64
+kRecordsInMemory = 8000
+
+
+# Fewer files than this are scanned in one process: workers cost more than
+# they save.
+kMinFilesPerWorker = 8
+
+
+def _start_workers(jobs, file_count):
+    """The worker processes of an index run, or None to scan in this one."""
+    from pysource import manager, parallelscan
+    jobs = min(jobs, file_count // kMinFilesPerWorker)
+    if jobs <= 1:
+        return None
+    return parallelscan.CParallelPrimaryScans(jobs, manager.kPrimaryScanName)
+
+
+def _default_jobs():
+    try:
+        return len(os.sched_getaffinity(0))
+    except AttributeError:
+        return os.cpu_count() or 1
+
+
+def _jobs_arg(text):
+    try:
+        jobs = int(text)
+    except ValueError:
+        jobs = 0
+    if jobs < 1:
+        raise argparse.ArgumentTypeError(f"expected a number of processes (1 or more), got '{text}'")
+    return jobs
+
+
+def _bound_index_writes(info_cache):
+    info_cache.fWriteBatchLocations = kWriteBatchFiles
+    info_cache.fMaxRecordsInMemory = kRecordsInMemory
 
 
 def _cmd_index(args):
@@ -286,24 +327,42 @@ def _cmd_index(args):
         lock.Acquire(on_wait=lambda: _error(
             f"another 'pysource index' is writing {_display_path(db_path)}; "
             "waiting for it to finish"))
-        index = _CIndex(db_path)
+        # Workers are forked before the database is opened.
+        workers = _start_workers(args.jobs, len(files))
+        try:
+            index = _CIndex(db_path)
+        except BaseException:
+            if workers is not None:
+                workers.close()
+            raise
+        _bound_index_writes(index.fInfoCache)
         if index.fInfoCache.fDatabaseMessage:
             _error(index.fInfoCache.fDatabaseMessage)
         coord = None
         try:
             forgotten = _forget_gone_files(index, [os.path.abspath(p) for p in paths], walk)
-            coord = coordinator.CScanCoordinator(index.fMgr, progress=progress,
-                                                 derived_progress=derived_progress)
+            coord = coordinator.CScanCoordinator(
+                index.fMgr, progress=progress, derived_progress=derived_progress,
+                scanner_class=workers.ScannerClass() if workers is not None else None)
             locs = [CLocalFileLocation(path) for path in files]
             coord.AddLocations(locs)
+            if workers is not None:
+                workers.Expect(coord.QueuedLocations())
             coord.RunUntilIdle()
+            if workers is not None:
+                # What the derived pass needs scanned is scanned here.
+                workers.close()
+                workers = coord.fScannerClass = None
             if progress is not None:
                 progress.Clear()
             if not args.primary_only:
                 _run_derived_pass(coord, locs)
+            index.fInfoCache.WriteToDatabase(None)
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(_database_advice(str(err))) from None
         finally:
+            if workers is not None:
+                workers.close()
             for line in (progress, derived_progress):
                 if line is not None:
                     line.Clear()
@@ -356,22 +415,12 @@ def _records_for_target(index, target):
         if scope not in names:
             return None, f"no record of scope '{scope}' in {file_part}"
         return [(loc, scope)], None
-    exact, tail = [], []
-    for loc in index.Locations():
-        for name in info_cache.GetScopesForLoc(loc):
-            if name == scope:
-                exact.append((loc, name))
-            elif _ends_with_components(name, scope):
-                tail.append((loc, name))
-    found = exact or tail
+    found = [(loc, name) for loc, name in info_cache.FindScopesNamed(scope)]
+    exact = [(loc, name) for loc, name in found if name == scope]
+    found = exact or found
     if not found:
         return None, f"no scope named '{scope}' in the index"
     return found, None
-
-
-def _ends_with_components(name, tail):
-    """True when the dotted scope `name` ends with the components of `tail`."""
-    return name.endswith("." + tail)
 
 
 def _list_matches(matches, as_json):
@@ -453,7 +502,7 @@ def _cmd_show(args):
 # stats
 
 def _cmd_stats(args):
-    from pysource import recordtext, symbolinfo
+    from pysource import recordtext
 
     index = _open_existing_index(args.db, os.curdir)
     if index is None:
@@ -467,13 +516,12 @@ def _cmd_stats(args):
         for loc in index.Locations():
             per_kind = dict.fromkeys(kinds + [recordtext.kScopeKindOther], 0)
             errors = 0
-            names = info_cache.GetScopesForLoc(loc)
-            for name in names:
-                info = info_cache.GetScopeInfo(symbolinfo.Scope(loc, name))
-                if info is None:
+            names = info_cache.GetScopeSummaries(loc)
+            for name, ibytes, incomplete in names:
+                if ibytes is None:
                     continue
-                per_kind[recordtext.ScopeKind(name, bytes(info.ibytes))] += 1
-                errors += bool(info.incomplete)
+                per_kind[recordtext.ScopeKind(name, bytes(ibytes))] += 1
+                errors += incomplete
             if names:
                 rows.append((getattr(loc, "fPath", None) or loc.fUrl, len(names), per_kind, errors))
         size = index.SizeInBytes()
@@ -648,6 +696,9 @@ def _build_parser():
                        help="index database (default: .pysource/index.db under the first PATH)")
     index.add_argument("--primary-only", action="store_true",
                        help="skip the derived pass (what callers pass, attributes set elsewhere)")
+    index.add_argument("-j", "--jobs", type=_jobs_arg, default=_default_jobs(), metavar="N",
+                       help="processes that scan files (default: the number of cores); "
+                            "one writes the index")
     index.set_defaults(run=_cmd_index)
 
     show = sub.add_parser("show", help="print what the index knows of a file or scope")

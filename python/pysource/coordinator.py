@@ -192,6 +192,10 @@ class CScanCoordinator:
         """True while any file is queued or parked."""
         return bool(self._fJobs)
 
+    def QueuedLocations(self):
+        """The files that wait for their primary scan, head first."""
+        return [job.loc for job in self._fReady]
+
     def HasReadyWork(self):
         return bool(self._fReady)
 

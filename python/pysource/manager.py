@@ -22,14 +22,16 @@ class CAnalysisMgr:
     `db_path`: the SQLite file behind the info cache; None keeps the records in
     memory only.  `loc_cache`: the location cache (a default one when None).
     `cache_mgr`: the holder of open analyses (None in a scanning process).
+    `info_cache_class`: the info cache's class (CInfoCache or a subclass).
     """
 
-    def __init__(self, db_path=None, loc_cache=None, cache_mgr=None, module_finder=None):
+    def __init__(self, db_path=None, loc_cache=None, cache_mgr=None, module_finder=None,
+                 info_cache_class=scopeinfo.CInfoCache):
         if loc_cache is None:
             loc_cache = CLocationCache()
         self.fPrimaryScanName = kPrimaryScanName
         self.fDerivedScanName = kDerivedScanName
-        self.fInfoCache = scopeinfo.CInfoCache(loc_cache, db_path, self.fPrimaryScanName)
+        self.fInfoCache = info_cache_class(loc_cache, db_path, self.fPrimaryScanName)
         # Stub files are read by an analyzer of their own, so that an embedder
         # can give them a different one.
         self.fLogicalAnalyzer = pgeninspect.CPGenAnalyzer()

@@ -545,6 +545,8 @@ nb::list CInfoCache::GetScopeInfoRecords(nb::handle scope) {
 
 nb::list CInfoCache::GetScopesForLoc(nb::handle loc) {
     LocEntry &entry = EntryFor(loc);
+    if (StoredRowsStand(entry))
+        return entry.db_id == 0 ? nb::list() : nb::borrow<nb::list>(fDatabase->LoadScopeNames(entry.db_id));
     EnsureRecords(entry);
     std::vector<std::string> names;
     for (auto &[name, scope_entry] : entry.scopes)
@@ -553,6 +555,87 @@ nb::list CInfoCache::GetScopesForLoc(nb::handle loc) {
     nb::list out;
     for (const std::string &name : names)
         out.append(nb::str(name.data(), name.size()));
+    return out;
+}
+
+bool CInfoCache::StoredRowsStand(LocEntry &entry) {
+    EnsureMeta(entry);
+    return fDatabase && !entry.records_loaded && fReplacedScans.empty();
+}
+
+nb::list CInfoCache::FindScopesNamed(nb::handle name) {
+    if (!PyUnicode_Check(name.ptr()))
+        throw nb::type_error("FindScopesNamed: the name must be str");
+    std::string target = nb::cast<std::string>(name);
+    auto matches = [&](std::string_view scope) {
+        if (scope == target)
+            return true;
+        return scope.size() > target.size() && scope.ends_with(target) &&
+               scope[scope.size() - target.size() - 1] == '.';
+    };
+    std::map<std::pair<std::string, std::string>, nb::object> found;
+    std::set<std::string> read;  // locations answered from memory
+    auto from_memory = [&](LocEntry &entry) {
+        read.insert(entry.url);
+        for (auto &[scope, scope_entry] : entry.scopes)
+            if (matches(scope))
+                found.emplace(std::make_pair(entry.url, scope), entry.loc);
+    };
+    for (auto &[url, entry] : fEntries)
+        if (entry->records_loaded)
+            from_memory(*entry);
+    if (fDatabase) {
+        std::size_t dot = target.rfind('.');
+        std::string leaf = dot == std::string::npos ? target : target.substr(dot + 1);
+        ReadingRows([&] {
+            for (nb::handle row : fDatabase->FindScopesWithLeaf(leaf)) {
+                std::string url = nb::cast<std::string>(row[0]);
+                if (read.count(url))
+                    continue;
+                LocEntry &entry = EntryForUrl(url, nb::handle());
+                if (!StoredRowsStand(entry)) {
+                    EnsureRecords(entry);
+                    from_memory(entry);
+                    continue;
+                }
+                std::string scope = nb::cast<std::string>(row[1]);
+                if (matches(scope))
+                    found.emplace(std::make_pair(url, std::move(scope)), entry.loc);
+            }
+        });
+    }
+    nb::list out;
+    for (auto &[place, loc] : found)
+        out.append(nb::make_tuple(loc, nb::str(place.second.data(), place.second.size())));
+    return out;
+}
+
+nb::list CInfoCache::GetScopeSummaries(nb::handle loc) {
+    LocEntry &entry = EntryFor(loc);
+    // name -> (ibytes of the primary record or None, incomplete)
+    std::map<std::string, std::pair<nb::object, bool>> by_name;
+    auto note = [&](std::string name, bool primary, nb::handle ibytes, bool incomplete) {
+        auto &summary = by_name.try_emplace(std::move(name), nb::none(), false).first->second;
+        if (primary && summary.first.is_none())
+            summary = {nb::borrow(ibytes), incomplete};
+    };
+    if (StoredRowsStand(entry)) {
+        if (entry.db_id != 0)
+            ReadingRows([&] {
+                for (nb::handle row : fDatabase->LoadRecordHeads(entry.db_id))
+                    note(nb::cast<std::string>(row[0]),
+                         nb::cast<std::string>(row[1]) == fPrimaryScanName, row[2],
+                         (nb::cast<std::int64_t>(row[3]) & 1) != 0);
+            });
+    } else {
+        EnsureRecords(entry);
+        for (auto &[name, scope_entry] : entry.scopes)
+            for (const RecordSlot &slot : scope_entry.records)
+                note(name, slot.scan_name == fPrimaryScanName, slot.info->ibytes, slot.info->incomplete);
+    }
+    nb::list out;
+    for (auto &[name, summary] : by_name)
+        out.append(nb::make_tuple(nb::str(name.data(), name.size()), summary.first, summary.second));
     return out;
 }
 
@@ -839,6 +922,10 @@ void CInfoCache::OpenDatabase(const std::string &path, bool read_only) {
 void CInfoCache::CloseDatabase() {
     if (!fDatabase)
         return;
+    if (!fHeldWrites.empty() && !fDatabase->IsReadOnly()) {
+        std::set<std::string> held = fHeldWrites;
+        WriteLocations(&held);
+    }
     std::unique_ptr<CInfoDatabase> db = std::move(fDatabase);
     db->Close();
     // What is in memory stays and is now all there is.
@@ -884,12 +971,19 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
     // unless the reader keeps what it learns in memory.
     if (fDatabase->IsReadOnly() && (fKeepWritesInMemory || (fDirtyEntries.empty() && fReplacedScans.empty())))
         return nb::int_(0);
-    bool all = locs.is_none();
-    std::set<std::string> urls;
-    if (!all)
-        for (nb::handle loc : locs)
-            urls.insert(UrlOf(loc));
-    auto wanted = [&](const std::string &url) { return all || urls.count(url) != 0; };
+    if (locs.is_none())
+        return WriteLocations(nullptr);
+    for (nb::handle loc : locs)
+        fHeldWrites.insert(UrlOf(loc));
+    if ((Py_ssize_t) fHeldWrites.size() < fWriteBatchLocations)
+        return nb::int_(0);
+    std::set<std::string> held = fHeldWrites;
+    return WriteLocations(&held);
+}
+
+nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
+    bool all = urls == nullptr;
+    auto wanted = [&](const std::string &url) { return all || urls->count(url) != 0; };
 
     std::vector<std::pair<LocEntry *, RecordSlot *>> written;
     std::unordered_set<const RecordSlot *> written_set;
@@ -942,7 +1036,11 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
                         write_slot(*entry, place.second, slot);
             }
         }
-        for (LocEntry *entry : fDirtyEntries) {
+        // In URL order, so that new locations get the same ids in every run.
+        std::vector<LocEntry *> dirty(fDirtyEntries.begin(), fDirtyEntries.end());
+        std::sort(dirty.begin(), dirty.end(),
+                  [](const LocEntry *a, const LocEntry *b) { return a->url < b->url; });
+        for (LocEntry *entry : dirty) {
             bool whole = wanted(entry->url);
             if (whole && entry->meta_dirty) {
                 std::int64_t id = db_id_of(*entry);
@@ -999,6 +1097,7 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
     }
     for (const ScanId &scan : scans_replaced)
         fReplacedScans.erase(scan);
+    fHeldWrites.clear();
     fNextEvictionAttempt = 0;
     for (auto it = fDirtyEntries.begin(); it != fDirtyEntries.end();) {
         LocEntry *entry = *it;
@@ -1007,16 +1106,25 @@ nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
         else
             ++it;
     }
+    // What was written may now leave memory.
+    CInfoCache::Trim();
     return nb::int_((Py_ssize_t) written.size());
 }
 
 void CInfoCache::_destroy_impl() {
-    CloseDatabase();
+    try {
+        CloseDatabase();
+    } catch (const InfoDatabaseError &) {
+        // The held writes failed: they are lost, as in a killed writer.
+        fHeldWrites.clear();
+        CloseDatabase();
+    }
     fEntryByLoc.clear();
     fEntries.clear();
     fRecordsOfScan.clear();
     fScansWithNewRecords.clear();
     fDirtyEntries.clear();
+    fHeldWrites.clear();
     fRecordsInMemory = fMergedCount = 0;
     fPendingScopes = nb::steal(PySet_New(nullptr));
 }

@@ -69,6 +69,14 @@ public:
     nb::object GetWords(nb::handle loc);               // frozenset of str, or None
     nb::list GetScopeInfoRecords(nb::handle scope);    // the records behind a merged info
     nb::list GetScopesForLoc(nb::handle loc);          // scope names with records
+    // (loc, scope name) of every scope with records named `name` or ending in
+    // "." + `name`, ordered by URL and name; the database answers through its
+    // index on last components, so no location is read.
+    nb::list FindScopesNamed(nb::handle name);
+    // Per scope of `loc` with records, ordered by name: (name, ibytes of its
+    // primary record or None, whether that record is incomplete), without
+    // reading the records' maps.
+    nb::list GetScopeSummaries(nb::handle loc);
     // Every location with records or facts, in memory or in the database,
     // ordered by URL; nothing of theirs is read.
     nb::list GetLocations();
@@ -107,6 +115,10 @@ public:
     std::uint64_t fPrimaryGeneration = 0;
     // Counts the changes of any record, derived ones included.
     std::uint64_t fRecordGeneration = 0;
+    // WriteToDatabase(locs) holds the given locations back until this many
+    // wait, then writes them all in one transaction (a killed writer loses at
+    // most that batch); WriteToDatabase(None) writes whatever waits.
+    Py_ssize_t fWriteBatchLocations = 1;
     // With a read-only database: records scanned meanwhile stay in memory
     // instead of raising on their write (a query that scans what the index
     // lacks).
@@ -177,6 +189,8 @@ private:
     template <typename F>
     void ReadingRows(F &&body);
 
+    // Writes the given locations (nullptr: everything) in one transaction.
+    nb::object WriteLocations(const std::set<std::string> *urls);
     nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
                          std::int64_t scanned_id);
     void MarkDirty(LocEntry &entry) { fDirtyEntries.insert(&entry); }
@@ -191,6 +205,9 @@ private:
         MarkDirty(entry);
     }
     bool CanEvict(const LocEntry &entry) const;
+    // True when the database's rows of `entry` are what memory would hold
+    // once they were read: the records can be summed up from the file.
+    bool StoredRowsStand(LocEntry &entry);
     static bool HoldsFacts(const LocEntry &entry);
 
     std::unique_ptr<CInfoDatabase> fDatabase;
@@ -201,6 +218,7 @@ private:
     std::set<ScanId> fScansWithNewRecords;  // listed since their last FinishedWithScans
     std::set<ScanId> fReplacedScans;        // whose rows the next write replaces wholesale
     std::unordered_set<LocEntry *> fDirtyEntries;  // with anything not yet written
+    std::set<std::string> fHeldWrites;  // URLs of locations waiting for their batch
     std::size_t fRecordsInMemory = 0;
     std::size_t fMergedCount = 0;
     std::size_t fNextEvictionAttempt = 0;  // Trim waits for this many records

@@ -5,7 +5,8 @@
 // the line-end blind checksums and disk times of locations, and the words
 // that logical line caches hand over.  The file runs in WAL mode, so a reader
 // in another process can query while a scan writes; every write is one
-// transaction, so a crash loses at most the write under way.  The schema
+// transaction, so a crash loses at most the write under way (a writer may
+// gather the records of many files into one write).  The schema
 // carries a version (PRAGMA user_version) and an application id.  Before use
 // every open runs PRAGMA quick_check and checks the tables, their columns and
 // the types of stored values: a file that is not ours, damaged, of a newer
@@ -95,6 +96,16 @@ public:
     // the number of records deleted.
     std::int64_t DeleteLocation(std::int64_t loc_id);
 
+    // The scope names of a location's records, sorted, each once (a list of
+    // str).
+    nb::object LoadScopeNames(std::int64_t loc_id);
+    // (URL, scope name) of every scope with records whose last dotted
+    // component is `leaf`, each once; an index makes this a lookup.
+    nb::object FindScopesWithLeaf(const std::string &leaf);
+    // (scope, scan_name, ibytes, flags) of a location's records: what a
+    // summary needs, without the name maps.
+    nb::object LoadRecordHeads(std::int64_t loc_id);
+
     // Number of rows in the records table (for tests and reports).
     std::int64_t CountRecords();
 
@@ -115,6 +126,7 @@ private:
     void CheckVersion(std::int64_t version);
     void CreateSchema();
     void DropSchema();
+    void CreateLookupIndexes();
     // Runs `body`, turning sqlite3 errors into InfoDatabaseError.
     template <typename F>
     auto Guarded(const char *doing, F &&body) -> decltype(body());

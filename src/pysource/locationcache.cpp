@@ -38,13 +38,20 @@ std::vector<std::string> FolderList(nb::handle items, const char *what) {
     return out;
 }
 
+// The stubs that typeshed_client ships, found without importing it (which
+// costs a command that only reads the index a good part of its time).
 std::string StandardStubDir() {
     try {
-        nb::object mod = nb::module_::import_("typeshed_client");
+        nb::object spec = nb::module_::import_("importlib.util").attr("find_spec")("typeshed_client");
+        nb::object package_dirs = spec.is_none() ? nb::none() : spec.attr("submodule_search_locations");
+        if (package_dirs.is_none())
+            return std::string();
         nb::object path = nb::module_::import_("os.path");
-        nb::object dir = path.attr("join")(path.attr("dirname")(mod.attr("__file__")), "typeshed");
-        if (nb::cast<bool>(path.attr("isdir")(dir)))
-            return nb::cast<std::string>(dir);
+        for (nb::handle package_dir : package_dirs) {
+            nb::object dir = path.attr("join")(package_dir, "typeshed");
+            if (nb::cast<bool>(path.attr("isdir")(dir)))
+                return nb::cast<std::string>(dir);
+        }
     } catch (nb::python_error &e) {
         e.discard_as_unraisable("typeshed_client");
     }

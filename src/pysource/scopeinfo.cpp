@@ -3,6 +3,9 @@
 #include <nanobind/stl/string.h>
 
 #include <algorithm>
+#include <optional>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "pysource/namefold.h"
@@ -303,38 +306,117 @@ nb::object ReadInScope(nb::handle ibytes, const ScopeView &scope) {
     return symbolinfo::PyPrefixWithLocationAndScope(ibytes, nb::none(), scope.name);
 }
 
-// Folds the instance attributes of each record of `records` into `target`.
-void FoldInstanceAttributes(CScopeInfo &target, nb::handle records) {
-    if (records.is_none())
-        return;
-    for (nb::handle item : records) {
-        CScopeInfo &record = AsScopeInfo(item);
-        if (record.incomplete)
-            target.incomplete = true;
-        if (MapIsEmpty(record.inst_type_equivs))
+std::string_view BytesView(nb::handle value) {
+    if (!PyBytes_Check(value.ptr()))
+        throw nb::type_error("info must be bytes");
+    return {PyBytes_AS_STRING(value.ptr()), (size_t) PyBytes_GET_SIZE(value.ptr())};
+}
+
+// Joins additions into one compound exactly as a JoinCompoundInfo call per
+// addition would, but keeps the compound's singles in a set instead of
+// splitting the growing compound again for every addition: the info of a
+// name that N methods set grows in O(N), not O(N^2).
+class CCompoundJoiner {
+public:
+    explicit CCompoundJoiner(nb::handle first) : fValue(nb::borrow(first)) { BytesView(first); }
+
+    void Add(nb::handle addition) {
+        std::string_view have = Current(), add = BytesView(addition);
+        if (add.empty() || have == add)
+            return;
+        if (have.empty()) {
+            fValue = nb::borrow(addition);
+            fJoined.reset();
+            fKnownBuilt = false;
+            return;
+        }
+        if (!fKnownBuilt) {
+            fKnown.clear();
+            for (std::string_view single : symbolinfo::NonNestedSplit(have, ";"))
+                fKnown.emplace(single);
+            fKnownBuilt = true;
+        }
+        // Singles are looked up among those known before this addition, as
+        // the single join does.
+        std::vector<std::string_view> fresh;
+        for (std::string_view single : symbolinfo::NonNestedSplit(add, ";"))
+            if (!fKnown.count(std::string(single)))
+                fresh.push_back(single);
+        if (fresh.empty())
+            return;
+        if (!fJoined)
+            fJoined.emplace(have);
+        for (std::string_view single : fresh) {
+            if (single.empty())
+                continue;
+            fJoined->append(1, ';').append(single);
+            // An unbalanced single would change how the whole splits.
+            if (!symbolinfo::IsBalancedText(single))
+                fKnownBuilt = false;
+        }
+        if (fKnownBuilt)
+            for (std::string_view single : fresh)
+                fKnown.emplace(single);
+    }
+
+    nb::object Result() const { return fJoined ? nb::object(symbolinfo::ToBytes(*fJoined)) : fValue; }
+
+private:
+    std::string_view Current() const { return fJoined ? std::string_view(*fJoined) : BytesView(fValue); }
+
+    nb::object fValue;                   // the compound as given, until something is appended
+    std::optional<std::string> fJoined;  // the compound once something is appended
+    std::unordered_set<std::string> fKnown;
+    bool fKnownBuilt = false;
+};
+
+// Folds the instance attributes of each record of each list of `lists` into
+// `target`, in order.
+void FoldInstanceAttributes(CScopeInfo &target, std::initializer_list<nb::handle> lists) {
+    // Names in the order they first reach the target, each with its joiner.
+    nb::dict slot_of;
+    std::vector<std::pair<nb::object, CCompoundJoiner>> joined;
+    for (nb::handle records : lists) {
+        if (records.is_none())
             continue;
-        PyObject *name, *value;
-        Py_ssize_t pos = 0;
-        while (PyDict_Next(record.inst_type_equivs.ptr(), &pos, &name, &value)) {
-            if (!PyBytes_Check(value))
-                CScopeInfo::ThrowNotBytes(name, value);
-            nb::object readable = ReadInScope(nb::handle(value), record.key->fForView);
-            PyObject *prior = PyDict_GetItemWithError(target.type_equivs.ptr(), name);
-            if (!prior && PyErr_Occurred())
-                throw nb::python_error();
-            nb::object merged = prior ? JoinCompoundInfo(prior, readable) : readable;
-            if (PyDict_SetItem(target.type_equivs.ptr(), name, merged.ptr()) < 0)
-                throw nb::python_error();
+        for (nb::handle item : records) {
+            CScopeInfo &record = AsScopeInfo(item);
+            if (record.incomplete)
+                target.incomplete = true;
+            if (MapIsEmpty(record.inst_type_equivs))
+                continue;
+            PyObject *name, *value;
+            Py_ssize_t pos = 0;
+            while (PyDict_Next(record.inst_type_equivs.ptr(), &pos, &name, &value)) {
+                if (!PyBytes_Check(value))
+                    CScopeInfo::ThrowNotBytes(name, value);
+                nb::object readable = ReadInScope(nb::handle(value), record.key->fForView);
+                PyObject *slot = PyDict_GetItemWithError(slot_of.ptr(), name);
+                if (!slot && PyErr_Occurred())
+                    throw nb::python_error();
+                if (slot) {
+                    joined[PyLong_AsSize_t(slot)].second.Add(readable);
+                    continue;
+                }
+                PyObject *prior = PyDict_GetItemWithError(target.type_equivs.ptr(), name);
+                if (!prior && PyErr_Occurred())
+                    throw nb::python_error();
+                slot_of[name] = nb::int_(joined.size());
+                joined.emplace_back(nb::borrow(name), CCompoundJoiner(prior ? prior : readable.ptr()));
+                if (prior)
+                    joined.back().second.Add(readable);
+            }
         }
     }
+    for (auto &[name, joiner] : joined)
+        if (PyDict_SetItem(target.type_equivs.ptr(), name.ptr(), joiner.Result().ptr()) < 0)
+            throw nb::python_error();
 }
 
 }  // namespace
 
 nb::object MergeScopeInfoSeq(nb::handle info, nb::handle first, nb::handle second) {
-    CScopeInfo &target = AsScopeInfo(info);
-    FoldInstanceAttributes(target, first);
-    FoldInstanceAttributes(target, second);
+    FoldInstanceAttributes(AsScopeInfo(info), {first, second});
     return nb::borrow(info);
 }
 

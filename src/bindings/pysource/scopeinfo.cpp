@@ -176,6 +176,8 @@ NB_MODULE(scopeinfo, m) {
         .def("GetScopeInfoRecords", &CInfoCache::GetScopeInfoRecords, nb::arg("scope"))
         .def("GetScopesForLoc", &CInfoCache::GetScopesForLoc, nb::arg("loc"))
         .def("GetLocations", &CInfoCache::GetLocations)
+        .def("FindScopesNamed", &CInfoCache::FindScopesNamed, nb::arg("name"))
+        .def("GetScopeSummaries", &CInfoCache::GetScopeSummaries, nb::arg("loc"))
         .def("OpenDatabase", &CInfoCache::OpenDatabase, nb::arg("path"), nb::arg("read_only") = false)
         .def("ForgetLocation", &CInfoCache::ForgetLocation, nb::arg("loc"))
         .def("ForgetScopesOfLoc", &CInfoCache::ForgetScopesOfLoc, nb::arg("loc"),
@@ -190,6 +192,7 @@ NB_MODULE(scopeinfo, m) {
         .def_prop_ro("fPrimaryScanName", [](CInfoCache &self) { return self.fPrimaryScanName; })
         .def_rw("fMaxRecordsInMemory", &CInfoCache::fMaxRecordsInMemory)
         .def_rw("fMaxMergedInfos", &CInfoCache::fMaxMergedInfos)
+        .def_rw("fWriteBatchLocations", &CInfoCache::fWriteBatchLocations)
         .def_ro("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration)
         .def_ro("fRecordGeneration", &CInfoCache::fRecordGeneration)
         .def_rw("fKeepWritesInMemory", &CInfoCache::fKeepWritesInMemory)

@@ -1,0 +1,174 @@
+"""Primary scans in worker processes, with one writer.
+
+The primary scan of a file depends on that file alone.  A worker process
+scans files into an info cache of its own, in memory, and hands back what
+the scan told that cache (its records as bytes, the checksum, the scans-done
+mark, the names of the file's scopes).  The writer — the process that owns
+the database — tells its own cache the same, in the same order, through
+`CReplayScanner`, a scanner that the coordinator drives like any other: the
+coordinator keeps its order, counts, retries and clean-up, and the database
+gets the same rows as when the writer scans the files itself.
+
+Workers are forked before the writer opens its database (no connection
+crosses a fork), and results are asked for a bounded number of files ahead,
+so the writer's memory doesn't grow with the project.
+"""
+
+import concurrent.futures
+import math
+import multiprocessing
+
+from basekit import location
+from basekit.destroyable import CDestroyable
+from pysource import manager, scopeinfo, scopescanner, symbolinfo
+
+kStateChangedSignal = "scan-state-changed"
+kFilesAheadPerWorker = 4
+
+
+# The worker's side.
+
+class _CRecordingInfoCache(scopeinfo.CInfoCache):
+    """An info cache that keeps, in order, what a scan tells it."""
+
+    def __init__(self, *args):
+        super().__init__(*args)
+        self.fCalls = []
+
+    def AddScopeInfo(self, info, can_write=False):
+        self.fCalls.append(("AddScopeInfo", info, can_write))
+        return super().AddScopeInfo(info, can_write)
+
+    def SetEOLBlindChecksum(self, loc, checksum, mtime):
+        self.fCalls.append(("SetEOLBlindChecksum", loc.fUrl, checksum, mtime))
+        return super().SetEOLBlindChecksum(loc, checksum, mtime)
+
+    def ChangeScansDone(self, loc, scan_name, done, disk_mtime):
+        self.fCalls.append(("ChangeScansDone", loc.fUrl, scan_name, done, disk_mtime))
+        return super().ChangeScansDone(loc, scan_name, done, disk_mtime)
+
+
+# The workers' manager, made in the writer before the fork (no database), so
+# that the workers inherit it ready instead of each making its own.
+_gWorkerMgr = None
+
+
+def _StartWorker():
+    manager.SetAnalysisMgr(_gWorkerMgr)
+
+
+def _ScanInWorker(path, scan_name):
+    """Scans the file at `path` to its end; gives (whether the scan finished,
+    the calls made on the cache with records as bytes, the file's scope names,
+    error text)."""
+    info_cache = _gWorkerMgr.fInfoCache
+    loc = location.CLocalFileLocation(path)
+    scanner = scopescanner.CWholeFilePrimaryScanner(loc, scan_name)
+    error = names = None
+    try:
+        finished = scanner.Scan(math.inf) is scopescanner.kFinishedScanning
+        names = getattr(scanner, "_fAllScopeNames", None)
+        names = sorted(names) if names is not None else None
+    except Exception as err:   # noqa: BLE001 - reported to the writer, which fails the file
+        finished, error = False, f"{type(err).__name__}: {err}"
+    finally:
+        if scanner.fScanState is not scopescanner.kFinishedScanning and \
+                scanner.fScanState is not scopescanner.kScanAbandoned:
+            scanner.AbandonScan()
+        scanner.destroy()
+    serializer = scopeinfo.CScopeInfoSerializer()
+    calls = [("AddScopeInfo", serializer.Dumps(call[1]), call[2])
+             if call[0] == "AddScopeInfo" else call for call in info_cache.fCalls]
+    info_cache.fCalls = []
+    info_cache.ForgetLocation(loc)
+    return finished, calls, names, error
+
+
+# The writer's side.
+
+class CParallelPrimaryScans:
+    """A pool of `jobs` worker processes that scans files ahead of the
+    coordinator; `ScannerClass` gives the coordinator's scanner class.  Make
+    it before the database is opened; `close` ends the workers."""
+
+    def __init__(self, jobs, scan_name):
+        global _gWorkerMgr
+        self.fScanName = scan_name
+        _gWorkerMgr = manager.CAnalysisMgr(info_cache_class=_CRecordingInfoCache)
+        # A worker that dies fails the files it had (BrokenProcessPool) instead
+        # of leaving the writer waiting.
+        self._fPool = concurrent.futures.ProcessPoolExecutor(
+            jobs, mp_context=multiprocessing.get_context("fork"), initializer=_StartWorker)
+        # The first task forks every worker: now, before the database is opened.
+        self._fPool.submit(int).result()
+        self._fAhead = max(1, jobs * kFilesAheadPerWorker)
+        self._fPending = {}      # loc -> async result
+        self._fQueue = []        # locs to scan, in the coordinator's order
+        self._fNext = 0
+
+    def Expect(self, locs):
+        """The files the coordinator will scan, in its order."""
+        self._fQueue.extend(locs)
+        self._Submit()
+
+    def _Submit(self):
+        while len(self._fPending) < self._fAhead and self._fNext < len(self._fQueue):
+            loc = self._fQueue[self._fNext]
+            self._fNext += 1
+            if loc not in self._fPending:
+                self._fPending[loc] = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
+
+    def Take(self, loc):
+        """The worker's result for `loc` (scanned now when it wasn't asked
+        for ahead, as for a retry)."""
+        pending = self._fPending.pop(loc, None)
+        if pending is None:
+            pending = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
+        result = pending.result()
+        self._Submit()
+        return result
+
+    def ScannerClass(self):
+        return lambda loc, scan_name: CReplayScanner(self, loc, scan_name)
+
+    def close(self):
+        global _gWorkerMgr
+        self._fPool.shutdown(wait=True, cancel_futures=True)
+        if _gWorkerMgr is not None:
+            _gWorkerMgr.destroy()
+            _gWorkerMgr = None
+
+
+class CReplayScanner(CDestroyable):
+    """Tells the writer's info cache what a worker's scan of one file told
+    its own, as the scan itself would have, and ends in the worker's state."""
+
+    def __init__(self, scans, loc, scan_name):
+        super().__init__([kStateChangedSignal])
+        self.fScope = symbolinfo.Scope(loc, "")
+        self.fScanName = scan_name
+        self.fScanState = scopescanner.kReadyToScan
+        self._fScans = scans
+
+    def Scan(self, end_time):
+        finished, calls, names, error = self._fScans.Take(self.fScope.loc)
+        if error is not None:
+            raise RuntimeError(error)
+        info_cache = manager.GetAnalysisMgr().fInfoCache
+        serializer = scopeinfo.CScopeInfoSerializer()
+        for call in calls:
+            if call[0] == "AddScopeInfo":
+                info_cache.AddScopeInfo(serializer.Loads(call[1]), call[2])
+            else:
+                getattr(info_cache, call[0])(location.LocationForUrl(call[1]), *call[2:])
+        if finished:
+            info_cache.WriteToDatabase([self.fScope.loc])
+            self._fAllScopeNames = set(names) if names is not None else None
+            self.fScanState = scopescanner.kFinishedScanning
+        else:
+            self.fScanState = scopescanner.kScanAbandoned
+        return self.fScanState
+
+    def AbandonScan(self):
+        self.fScanState = scopescanner.kScanAbandoned
+
