@@ -391,9 +391,10 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         if (HasDecorator(def, "setter") || HasDecorator(def, "deleter"))
             continue;  // the same property as its getter
         bool is_static = HasDecorator(def, "staticmethod");
-        bool is_class = HasDecorator(def, "classmethod") || si::LeafScopeName(def.scope_name) == "__new__" ||
-                        si::LeafScopeName(def.scope_name) == "__init_subclass__" ||
-                        si::LeafScopeName(def.scope_name) == "__class_getitem__";
+        // The leaf's name without the index an overload carries (__new__|2).
+        std::string_view leaf = si::LeafScopeName(si::SplitScopeNameFromSuffixes(def.scope_name).first);
+        bool is_class = HasDecorator(def, "classmethod") || leaf == "__new__" || leaf == "__init_subclass__" ||
+                        leaf == "__class_getitem__";
         bool is_property = HasDecorator(def, "property") || HasDecorator(def, "cached_property") ||
                            HasDecorator(def, "getter");
         char kind = si::kUnboundMethodKind;
