@@ -61,6 +61,21 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
     nb::object record = RecordOf(MakeScope(p->loc, NameOf(p)));
     if (record.is_none() || vars.empty())
         return found;
+    // A protocol whose methods return the protocol again (Iterator.__iter__)
+    // met again for the same value: nothing more to learn there.
+    nb::object value_cls = ClassOfInstance(value);
+    std::tuple<std::string, std::string, std::string, long long> key{
+        LocationUrl(p->loc), std::string(NameOf(p)), value_cls.is_none() ? std::string() : ClassKey(value_cls), -6};
+    if (fActive.count(key)) {
+        ++fCuts;
+        return found;
+    }
+    fActive.insert(key);
+    struct Leave {
+        CEvaluator &ev;
+        std::tuple<std::string, std::string, std::string, long long> key;
+        ~Leave() { ev.fActive.erase(key); }
+    } leave{*this, key};
     ValueSet receiver;
     receiver.Add(value);
     nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
