@@ -363,10 +363,20 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                 continue;
             }
             std::vector<std::string> vars = OrderedTypeVars(head);
+            bool builtin_tuple = NameOf(h) == "tuple" && h->loc.is(fLocCache.attr("GetBuiltinLoc")()) &&
+                                 tree.toks[(std::size_t) tree.nodes[(std::size_t) arg_nodes.back()].tok_begin].text != "...";
             for (const nb::object &r : received.Items()) {
                 nb::object rc = ClassOfInstance(r);
                 if (rc.is_none())
                     continue;
+                // tuple[K, V] receiving a tuple of as many known positions:
+                // item by item.
+                std::vector<nb::object> positions;
+                if (builtin_tuple && TuplePositions(r, positions) && positions.size() == arg_nodes.size()) {
+                    for (std::size_t i = 0; i < positions.size(); ++i)
+                        BindNode(tree, arg_nodes[i], frame, ValueSet::FromIterable(positions[i]), map);
+                    continue;
+                }
                 bool nominal = false;
                 for (const MroEntry &e : Mro(rc, MapOfInstance(r))) {
                     si::CSingleResolvedInfo *k = Single(e.cls);
