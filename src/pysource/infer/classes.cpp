@@ -78,6 +78,22 @@ std::vector<Param> ParamsOf(const si::DefInfo &def) {
     return out;
 }
 
+// Each positional argument with the hint of its parameter (from `first`),
+// those that want a callable last: what a callable is called with comes
+// from the type variables the others bind (map(fn, items)).
+template <class Visit>
+void ForEachHintedPositional(const std::vector<Param> &params, std::size_t first, const std::vector<ValueSet> &args,
+                             Visit visit) {
+    for (bool callables : {false, true})
+        for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+            if (params[p].star || params[p].keyword_only)
+                break;
+            bool wants_callable = params[p].hint.find("Callable") != std::string::npos;
+            if (!params[p].hint.empty() && wants_callable == callables)
+                visit(params[p].hint, args[a]);
+        }
+}
+
 bool HasDecorator(const si::DefInfo &def, std::string_view name) {
     for (const std::string &d : def.decorators) {
         std::string_view text = d;
@@ -456,12 +472,9 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
                 std::size_t first = params.empty() || params[0].star ? 0 : 1;
-                for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
-                    if (params[p].star || params[p].keyword_only)
-                        break;
-                    if (!params[p].hint.empty())
-                        BindTypeVars(def_scope, params[p].hint, args[a], bound);
-                }
+                ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
+                    BindTypeVars(def_scope, hint, arg, bound);
+                });
                 if (!bound.empty())
                     break;
             }
@@ -537,12 +550,9 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
             }
             first = 1;
         }
-        for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
-            if (params[p].star || params[p].keyword_only)
-                break;
-            if (!params[p].hint.empty())
-                BindTypeVars(def_scope, params[p].hint, args[a], map);
-        }
+        ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
+            BindTypeVars(def_scope, hint, arg, map);
+        });
         for (const auto &[name, values] : kwargs)
             for (const Param &p : params)
                 if (p.name == name && !p.hint.empty())

@@ -350,6 +350,21 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                     BindNode(tree, arg, frame, received, map);
                 continue;
             }
+            if (form == "Callable" && arg_nodes.size() == 2) {
+                // Callable[[A, B], R] receiving something callable: R is what
+                // calling it with an A and a B gives.
+                std::vector<ValueSet> call_args;
+                const Node &params = tree.nodes[(std::size_t) arg_nodes[0]];
+                Frame bound{frame.scope, -2, &map, nullptr};
+                if (params.kind == NodeKind::kList)
+                    for (std::int32_t i = 0; i < params.kids_count; ++i)
+                        call_args.push_back(EvalType(tree, tree.Kid(params, i), bound));
+                ValueSet results;
+                for (const nb::object &r : received.Items())
+                    results.Merge(CallValue(r, call_args, {}, frame));
+                BindNode(tree, arg_nodes[1], frame, results, map);
+                continue;
+            }
             if (!form.empty())
                 continue;
             if (NameOf(h) == "type" && h->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
