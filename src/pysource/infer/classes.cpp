@@ -452,6 +452,12 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
     if (Stop())
         return out;
     si::CSingleResolvedInfo *c = Single(callee);
+    if (c->IsClass() && !c->fTypeArgs.is_none() && SpecialFormOf(callee) == "Callable") {
+        Py_ssize_t size = PyTuple_GET_SIZE(c->fTypeArgs.ptr());
+        if (size > 0)
+            return ValueSet::FromIterable(PyTuple_GET_ITEM(c->fTypeArgs.ptr(), size - 1));
+        return out;
+    }
     if (c->IsClass()) {
         // A class makes an instance; its type arguments come from what its
         // constructor's parameters bind.
@@ -507,12 +513,6 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 return made;
         }
         return InstanceOf(callee, type_args);
-    }
-    if (c->IsClass() && !c->fTypeArgs.is_none() && SpecialFormOf(callee) == "Callable") {
-        Py_ssize_t size = PyTuple_GET_SIZE(c->fTypeArgs.ptr());
-        if (size > 0)
-            return ValueSet::FromIterable(PyTuple_GET_ITEM(c->fTypeArgs.ptr(), size - 1));
-        return out;
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);

@@ -360,8 +360,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             }
             continue;
         }
-        if (c->IsClass() && !form.empty())
-            continue;  // other forms are not called for values
+        if (c->IsClass() && !form.empty() && form != "Callable")
+            continue;  // other forms are not called for values; a Callable[..., R] gives R
         if (c->IsClass()) {
             std::string_view name = si::TextView(c->scope->name, "name");
             nb::object builtins = fLocCache.attr("GetBuiltinLoc")();
