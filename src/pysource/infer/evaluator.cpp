@@ -185,10 +185,15 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             return out;
         }
         return Eval(tree, tree.Kid(n, 0), frame);
-    case NodeKind::kBoolOp:
+    case NodeKind::kBoolOp: {
+        // `a or b` gives a only when it is true: never a None.
+        bool is_or = n.kids_count > 1 && TokText(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end) == "or";
         for (std::int32_t i = 0; i < n.kids_count; ++i)
-            out.Merge(Eval(tree, tree.Kid(n, i), frame));
+            for (const nb::object &v : Eval(tree, tree.Kid(n, i), frame).Items())
+                if (!(is_or && i + 1 < n.kids_count && IsNoneLiteral(v)))
+                    out.Add(v);
         return out;
+    }
     case NodeKind::kCompare:
         out.Add(LiteralSingle("bool", std::nullopt));
         return out;

@@ -36,6 +36,9 @@ inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
     return symbolinfo::TextView(s->scope->name, "name");
 }
 
+// Whether a single is the None literal.
+bool IsNoneLiteral(nb::handle single);
+
 // A set of singles (CSingleResolvedInfo objects), in the order found,
 // without duplicates, bounded in size.
 class ValueSet {

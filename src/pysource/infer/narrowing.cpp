@@ -32,11 +32,6 @@ bool IsNoneNode(const pgen::Tree &tree, std::int32_t node) {
     return n.kind == NodeKind::kConstant && TokAt(tree, n.tok_begin) == "None";
 }
 
-bool IsNoneLiteral(nb::handle single) {
-    std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
-    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
-}
-
 // The call `type(name)`.
 bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
     if (node < 0)
@@ -47,6 +42,11 @@ bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view na
 }
 
 }  // namespace
+
+bool IsNoneLiteral(nb::handle single) {
+    std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
+}
 
 const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::GuardsOf(nb::handle scope) {
     nb::object provider = fEngine.fFlowProvider;
