@@ -94,6 +94,19 @@ void ForEachHintedPositional(const std::vector<Param> &params, std::size_t first
         }
 }
 
+// Decorators known not to make a property (or known to make one, by name).
+bool IsPlainDecorator(std::string_view text) {
+    std::size_t dot = text.rfind('.');
+    std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
+    static const char *kKnown[] = {"overload", "abstractmethod", "final", "override", "staticmethod",
+                                   "classmethod", "property", "cached_property", "setter", "getter",
+                                   "deleter", "deprecated", "type_check_only", "wraps", "lru_cache", "cache"};
+    for (const char *known : kKnown)
+        if (leaf == known)
+            return true;
+    return false;
+}
+
 bool HasDecorator(const si::DefInfo &def, std::string_view name) {
     for (const std::string &d : def.decorators) {
         std::string_view text = d;
@@ -350,6 +363,11 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
         nb::object cls = ClassOfInstance(single);
         if (cls.is_none())
             return out;
+        if ((name == "value" || name == "_value_") && IsEnumClass(cls)) {
+            ValueSet values = EnumMemberValues(cls);
+            if (!values.Empty())
+                return values;
+        }
         TypeMap map = MapOfInstance(single);
         // What instances get assigned (self.x = ...), class by class.
         for (const MroEntry &entry : Mro(cls, map)) {
@@ -381,8 +399,11 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = MakeScope(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        if (FindLocal(scope, name, -2, found, redirect))
+        if (FindLocal(scope, name, -2, found, redirect)) {
+            if (IsEnumMember(entry.cls, name, found))
+                return InstanceOf(entry.cls, nb::none());
             return BindFound(found, entry.cls, receiver, entry.map, via_instance);
+        }
     }
     if (!via_instance) {
         // What every class has, from its metaclass.
@@ -413,6 +434,12 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
                         leaf == "__class_getitem__";
         bool is_property = HasDecorator(def, "property") || HasDecorator(def, "cached_property") ||
                            HasDecorator(def, "getter");
+        if (!is_property && !is_static && !is_class)
+            for (const std::string &d : def.decorators)
+                if (!IsPlainDecorator(d) && DecoratorMakesProperty(s->loc, def.scope_name, d)) {
+                    is_property = true;
+                    break;
+                }
         char kind = si::kUnboundMethodKind;
         nb::object bound_to = nb::none();
         if (is_static)
@@ -545,8 +572,11 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         std::size_t first = 0;
         if (!d->fBoundTo.is_none() && !params.empty()) {
             if (!params[0].hint.empty()) {
-                ValueSet self = map["Self"];
-                BindTypeVars(def_scope, params[0].hint, self, map);
+                // The first parameter receives what the method is bound to:
+                // the class itself for a class method or a metaclass's method.
+                ValueSet bound;
+                bound.Add(d->fBoundTo);
+                BindTypeVars(def_scope, params[0].hint, bound, map);
             }
             first = 1;
         }
@@ -641,6 +671,13 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
         return out;
     for (const nb::object &r : receivers.Items()) {
         si::CSingleResolvedInfo *s = Single(r);
+        if (s->IsClass()) {
+            // A class object's dunders are its metaclass's.
+            ValueSet one;
+            one.Add(r);
+            out.Merge(CallMetaclassDunder(one, method, args));
+            continue;
+        }
         if (!s->IsInstance(true))
             continue;
         nb::object cls = ClassOfInstance(r);

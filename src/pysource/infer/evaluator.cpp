@@ -424,6 +424,17 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
     bool index_done = false;
     for (const nb::object &value : base.Items()) {
         si::CSingleResolvedInfo *v = Single(value);
+        if (v->IsClass() && SpecialFormOf(value).empty() && OrderedTypeVars(value).empty()) {
+            // A class that isn't generic, subscripted: its metaclass's
+            // __getitem__ (an enumeration's member by name).
+            ValueSet one;
+            one.Add(value);
+            ValueSet got = CallDunder(one, "__getitem__", {Eval(tree, slice, frame)});
+            if (!got.Empty()) {
+                out.Merge(got);
+                continue;
+            }
+        }
         if (v->IsClass()) {
             // A generic alias in an expression: list[int], Optional[X];
             // Literal[...] holds values, not types.

@@ -229,6 +229,19 @@ private:
     ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
                              const Keywords *kwargs = nullptr);
     bool IsProtocolClass(nb::handle cls);
+    // A decorator that names property or a subclass of it (an alias of
+    // property in a stub), read where the def stands.
+    bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
+    // Enumerations: a class with enum.Enum in its order; its members are the
+    // plain values its body sets; `value` is what they were set to.
+    bool IsEnumClass(nb::handle cls);
+    bool IsEnumMember(nb::handle owner, std::string_view name, const ValueSet &found);
+    ValueSet EnumMemberValues(nb::handle cls);
+    // The metaclass a class declares or inherits (None when only `type`).
+    nb::object MetaclassOf(nb::handle cls);
+    // A dunder method of the metaclass called on the class objects of
+    // `receivers` (iteration and subscripts of an enumeration's class).
+    ValueSet CallMetaclassDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     bool ProtocolAccepts(nb::handle protocol, nb::handle cls);
 
     // Singles.

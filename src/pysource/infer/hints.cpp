@@ -382,6 +382,15 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                                  tree.toks[(std::size_t) tree.nodes[(std::size_t) arg_nodes.back()].tok_begin].text != "...";
             for (const nb::object &r : received.Items()) {
                 nb::object rc = ClassOfInstance(r);
+                if (rc.is_none() && Single(r)->IsClass() && IsProtocolClass(head)) {
+                    // A class object fits a protocol through its metaclass
+                    // (iterating an enumeration's class).
+                    TypeMap found = ProtocolTypeArgs(head, vars, r);
+                    for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i)
+                        if (found.count(vars[i]))
+                            BindNode(tree, arg_nodes[i], frame, found[vars[i]], map);
+                    continue;
+                }
                 if (rc.is_none())
                     continue;
                 // tuple[K, V] receiving a tuple of as many known positions:
