@@ -417,6 +417,11 @@ bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std
 
 ValueSet CEvaluator::LookupInScopeChain(nb::handle module_scope, std::string_view name) {
     ValueSet out;
+    // typing's own stubs name its special forms as the forms, as importers see them.
+    nb::object loc = module_scope.attr("loc");
+    const std::string &module_name = ModuleNameOfLoc(loc);
+    if (IsTypingModuleName(module_name) && !CanonicalSpecialForm(name).empty())
+        return ModuleAttribute(ModuleSingle(loc, module_name), name);
     int redirect = 0;
     if (FindLocal(module_scope, name, -2, out, redirect))
         return out;
