@@ -1,5 +1,6 @@
 // Expressions: the parse tree of an expression text, evaluated to singles.
 #include "pysource/infer/evaluator.h"
+#include "pysource/infer/infertyping.h"
 
 #include <nanobind/stl/string.h>
 
@@ -457,28 +458,24 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             continue;
         }
         // A tuple of known positions indexed by a constant.
-        nb::object cls = ClassOfInstance(value);
-        if (!cls.is_none() && !v->fTypeArgs.is_none() && s.kind != NodeKind::kSlice) {
-            auto *c = Single(cls);
-            if (si::TextView(c->scope->name, "name") == "tuple" && c->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
-                std::string_view text = TokText(tree, s.tok_begin);
-                bool negative = false;
-                if (s.kind == NodeKind::kUnaryOp && text == "-") {
-                    negative = true;
-                    text = TokText(tree, s.tok_begin + 1);
-                }
-                if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
-                    std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
-                    long long i = std::stoll(std::string(text));
-                    std::vector<nb::object> positions;
-                    if (TuplePositions(value, positions)) {
-                        long long size = (long long) positions.size();
-                        if (negative)
-                            i = size - i;
-                        if (i >= 0 && i < size) {
-                            out.Merge(ValueSet::FromIterable(positions[(std::size_t) i]));
-                            continue;
-                        }
+        if (s.kind != NodeKind::kSlice) {
+            std::string_view text = TokText(tree, s.tok_begin);
+            bool negative = false;
+            if (s.kind == NodeKind::kUnaryOp && text == "-") {
+                negative = true;
+                text = TokText(tree, s.tok_begin + 1);
+            }
+            if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
+                std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+                long long i = std::stoll(std::string(text));
+                std::vector<nb::object> positions;
+                if (TuplePositions(value, positions)) {
+                    long long size = (long long) positions.size();
+                    if (negative)
+                        i = size - i;
+                    if (i >= 0 && i < size) {
+                        out.Merge(ValueSet::FromIterable(positions[(std::size_t) i]));
+                        continue;
                     }
                 }
             }
@@ -577,10 +574,14 @@ bool CEvaluator::IsEllipsisArg(nb::handle arg) {
 
 bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &positions) {
     si::CSingleResolvedInfo *s = Single(single);
-    if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
-        return false;
     std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
-    if (si::GetInfoBytesKind(bare) != si::kInstanceKind || si::TextView(s->scope->name, "name") != "tuple")
+    if (si::GetInfoBytesKind(bare) != si::kInstanceKind)
+        return false;
+    if (si::TextView(s->scope->name, "name") != "tuple" || !s->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
+        nb::object cls = ClassOfInstance(single);
+        return !cls.is_none() && NamedTupleFields(cls, positions);
+    }
+    if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
         return false;
     Py_ssize_t size = PyTuple_GET_SIZE(s->fTypeArgs.ptr());
     if (size == 0 || IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), size - 1)))
@@ -588,6 +589,35 @@ bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &posi
     for (Py_ssize_t i = 0; i < size; ++i)
         positions.push_back(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
     return true;
+}
+
+bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions) {
+    std::vector<MroEntry> mro = Mro(cls, {});
+    bool named = false;
+    for (const MroEntry &e : mro) {
+        si::CSingleResolvedInfo *k = Single(e.cls);
+        named = named || (NameOf(k) == "NamedTuple" && IsTypingModuleName(ModuleNameOfLoc(k->loc)));
+    }
+    if (!named)
+        return false;
+    // The fields are the names the class bodies annotate, base classes first.
+    for (auto it = mro.rbegin(); it != mro.rend(); ++it) {
+        si::CSingleResolvedInfo *k = Single(it->cls);
+        if (IsTypingModuleName(ModuleNameOfLoc(k->loc)) || k->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+            continue;  // NamedTuple itself, tuple, object
+        nb::object scope = MakeScope(k->loc, NameOf(k));
+        nb::object record = RecordOf(scope);
+        if (record.is_none())
+            continue;
+        for (auto [key, ibytes] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
+            bool annotated = false;
+            for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";"))
+                annotated = annotated || si::GetInfoBytesKind(si::BareSingle(single)) == si::kTypeHintKind;
+            if (annotated)
+                positions.push_back(EntryValues(scope, record, si::TextView(ibytes, "ibytes"), -2).AsFrozenSet());
+        }
+    }
+    return !positions.empty();
 }
 
 nb::object CEvaluator::WithTypeArgs(nb::handle cls, const std::vector<ValueSet> &args) {

@@ -145,7 +145,9 @@ private:
     static bool IsEllipsisArg(nb::handle arg);
     // The type arguments of a tuple by position, or false when it is
     // homogeneous or has none.
-    static bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
+    // A named tuple's instance has the positions of its annotated fields.
+    bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
+    bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
     ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
 
