@@ -489,6 +489,20 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
             index_done = true;
         }
+        // A TypedDict's key written as a string.
+        if (index.Size() == 1) {
+            std::string_view bare = si::BareSingle(si::TextView(Single(index.Items()[0])->ibytes, "ibytes"));
+            if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
+                si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+                if (lit.class_name == "str" && lit.value) {
+                    ValueSet item = TypedDictItem(value, *lit.value);
+                    if (!item.Empty()) {
+                        out.Merge(item);
+                        continue;
+                    }
+                }
+            }
+        }
         ValueSet one;
         one.Add(value);
         out.Merge(CallDunder(one, "__getitem__", {index}));
@@ -618,6 +632,28 @@ bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &posit
         }
     }
     return !positions.empty();
+}
+
+ValueSet CEvaluator::TypedDictItem(nb::handle single, std::string_view key) {
+    ValueSet out;
+    nb::object cls = ClassOfInstance(single);
+    if (cls.is_none() || !Single(single)->IsInstance(false))
+        return out;
+    std::vector<MroEntry> mro = Mro(cls, {});
+    bool typed = false;
+    for (const MroEntry &e : mro) {
+        si::CSingleResolvedInfo *k = Single(e.cls);
+        typed = typed || (NameOf(k) == "TypedDict" && IsTypingModuleName(ModuleNameOfLoc(k->loc)));
+    }
+    if (!typed)
+        return out;
+    for (const MroEntry &e : mro) {
+        si::CSingleResolvedInfo *k = Single(e.cls);
+        int redirect = 0;
+        if (FindLocal(MakeScope(k->loc, NameOf(k)), key, -2, out, redirect))
+            return out;
+    }
+    return out;
 }
 
 nb::object CEvaluator::WithTypeArgs(nb::handle cls, const std::vector<ValueSet> &args) {

@@ -148,6 +148,9 @@ private:
     // A named tuple's instance has the positions of its annotated fields.
     bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
+    // The values of the key `key` of an instance of a TypedDict class (none
+    // when it isn't one or has no such key).
+    ValueSet TypedDictItem(nb::handle single, std::string_view key);
     ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
 
