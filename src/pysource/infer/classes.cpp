@@ -420,6 +420,24 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
     for (const nb::object &f : found.Items()) {
         si::CSingleResolvedInfo *s = Single(f);
         if (!s->IsDef()) {
+            // A descriptor in a class body: read through its __get__ (with
+            // the instance, or None from the class, and the class).
+            if (si::GetInfoBytesKind(si::BareSingle(si::TextView(s->ibytes, "ibytes"))) == si::kInstanceKind) {
+                ValueSet descriptor, instance, owner_cls;
+                descriptor.Add(f);
+                if (via_instance)
+                    instance.Add(receiver);
+                else
+                    instance.Add(LiteralSingle("None", std::nullopt));
+                nb::object cls = via_instance ? ClassOfInstance(receiver) : nb::borrow(receiver);
+                if (!cls.is_none())
+                    owner_cls.Add(cls);
+                ValueSet got = CallDunder(descriptor, "__get__", {instance, owner_cls});
+                if (!got.Empty()) {
+                    out.Merge(got);
+                    continue;
+                }
+            }
             out.Add(f);
             continue;
         }
