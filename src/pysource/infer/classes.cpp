@@ -384,6 +384,13 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));
+        if (out.Empty() && !name.starts_with("__")) {
+            // Any other name: what the class's __getattr__ gives.
+            ValueSet one, attr_name;
+            one.Add(single);
+            attr_name.Add(LiteralSingle("str", std::string(name)));
+            out.Merge(CallDunder(one, "__getattr__", {attr_name}));
+        }
         return out;
     }
     return out;
