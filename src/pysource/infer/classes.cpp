@@ -613,10 +613,28 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
                 if (p.name == name && !p.hint.empty())
                     BindTypeVars(def_scope, p.hint, values, map);
     }
-    return ReturnsOfDef(def_single, map);
+    if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos)
+        return ReturnsOfDef(def_single, map);
+    // The body answers: its parameters without a hint are what this call
+    // passes them.
+    std::vector<Param> params = ParamsOf(def);
+    std::vector<std::pair<std::string, ValueSet>> arguments;
+    std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
+    for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+        if (params[p].star || params[p].keyword_only)
+            break;
+        if (params[p].hint.empty() && !args[a].Empty())
+            arguments.emplace_back(params[p].name, args[a]);
+    }
+    for (const auto &[name, values] : kwargs)
+        for (std::size_t p = first; p < params.size(); ++p)
+            if (params[p].name == name && params[p].star == 0 && params[p].hint.empty() && !values.Empty())
+                arguments.emplace_back(name, values);
+    return ReturnsOfDef(def_single, map, arguments);
 }
 
-ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
+ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
+                                  const std::vector<std::pair<std::string, ValueSet>> &arguments) {
     ValueSet out;
     if (Stop())
         return out;
@@ -682,11 +700,19 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
             }
         }
     }
+    std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
+    for (const auto &[param, values] : arguments) {
+        std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
+        if (fBoundNames.emplace(key, values).second)
+            bound_arguments.push_back(key);
+    }
     ++fDepth;
     out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
     --fDepth;
     if (binds_self)
         fBoundNames.erase(self_key);
+    for (const auto &key : bound_arguments)
+        fBoundNames.erase(key);
     return out;
 }
 

@@ -222,7 +222,10 @@ private:
                         const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     ValueSet CallDef(nb::handle def, const std::vector<ValueSet> &args,
                      const std::vector<std::pair<std::string, ValueSet>> &kwargs);
-    ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map);
+    // `arguments`: what the call passed to parameters without a hint, read
+    // as those names while the body's returns are.
+    ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,
+                          const std::vector<std::pair<std::string, ValueSet>> &arguments = {});
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     ValueSet IterItems(const ValueSet &values);
