@@ -31,53 +31,6 @@ bool SameClass(si::CSingleResolvedInfo *a, si::CSingleResolvedInfo *b) {
     return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
 }
 
-// The parameters of a def: name, hint text, whether it has a default, and
-// its star kind (0 plain, 1 *args, 2 **kwargs); bare "*" and "/" left out.
-struct Param {
-    std::string name;
-    std::string hint;
-    bool has_default = false;
-    int star = 0;
-    bool keyword_only = false;
-};
-
-std::vector<Param> ParamsOf(const si::DefInfo &def) {
-    std::vector<Param> out;
-    bool keyword_only = false;
-    for (const std::string &raw : si::SplitDeclArguments(def.arg_decl)) {
-        std::string_view text = si::StripSpaces(raw);
-        if (text.empty() || text == "/")
-            continue;
-        if (text == "*") {
-            keyword_only = true;
-            continue;
-        }
-        Param p;
-        if (text.substr(0, 2) == "**") {
-            p.star = 2;
-            text.remove_prefix(2);
-        } else if (text.front() == '*') {
-            p.star = 1;
-            text.remove_prefix(1);
-            keyword_only = true;
-        }
-        std::ptrdiff_t eq = si::NonNestedFind(text, "=");
-        if (eq >= 0) {
-            p.has_default = true;
-            text = text.substr(0, (std::size_t) eq);
-        }
-        std::ptrdiff_t colon = si::NonNestedFind(text, ":");
-        if (colon >= 0) {
-            p.hint = std::string(si::StripSpaces(text.substr((std::size_t) colon + 1)));
-            text = text.substr(0, (std::size_t) colon);
-        }
-        p.name = std::string(si::StripSpaces(text));
-        p.keyword_only = keyword_only && p.star == 0;
-        out.push_back(std::move(p));
-    }
-    return out;
-}
-
 // Each positional argument with the hint of its parameter (from `first`),
 // those that want a callable last: what a callable is called with comes
 // from the type variables the others bind (map(fn, items)).
@@ -138,6 +91,43 @@ TypeMap TupleToMap(nb::handle pairs) {
 }
 
 }  // namespace
+
+std::vector<Param> ParamsOf(const si::DefInfo &def) {
+    std::vector<Param> out;
+    bool keyword_only = false;
+    for (const std::string &raw : si::SplitDeclArguments(def.arg_decl)) {
+        std::string_view text = si::StripSpaces(raw);
+        if (text.empty() || text == "/")
+            continue;
+        if (text == "*") {
+            keyword_only = true;
+            continue;
+        }
+        Param p;
+        if (text.substr(0, 2) == "**") {
+            p.star = 2;
+            text.remove_prefix(2);
+        } else if (text.front() == '*') {
+            p.star = 1;
+            text.remove_prefix(1);
+            keyword_only = true;
+        }
+        std::ptrdiff_t eq = si::NonNestedFind(text, "=");
+        if (eq >= 0) {
+            p.has_default = true;
+            text = text.substr(0, (std::size_t) eq);
+        }
+        std::ptrdiff_t colon = si::NonNestedFind(text, ":");
+        if (colon >= 0) {
+            p.hint = std::string(si::StripSpaces(text.substr((std::size_t) colon + 1)));
+            text = text.substr(0, (std::size_t) colon);
+        }
+        p.name = std::string(si::StripSpaces(text));
+        p.keyword_only = keyword_only && p.star == 0;
+        out.push_back(std::move(p));
+    }
+    return out;
+}
 
 nb::object CEvaluator::ClassOfInstance(nb::handle single) {
     si::CSingleResolvedInfo *s = Single(single);

@@ -20,6 +20,7 @@
 
 #include "pysource/infer/inferencectx.h"
 #include "pysource/infer/inferenceengine.h"
+#include "pysource/packedops.h"
 #include "pysource/pgeninspect/tree.h"
 #include "pysource/pytext.h"
 #include "pysource/resolvedinfo.h"
@@ -58,6 +59,17 @@ public:
 private:
     std::vector<nb::object> fItems;
 };
+
+// The parameters of a def: name, hint text, whether it has a default, and
+// its star kind (0 plain, 1 *args, 2 **kwargs); bare "*" and "/" left out.
+struct Param {
+    std::string name;
+    std::string hint;
+    bool has_default = false;
+    int star = 0;
+    bool keyword_only = false;
+};
+std::vector<Param> ParamsOf(const symbolinfo::DefInfo &def);
 
 // Type variable name -> what it stands for (instances, or classes for
 // type[T]).

@@ -87,8 +87,17 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             si::DefInfo def = si::UnpackDefInfo(bare);
             if (!def.return_hint)
                 continue;
-            ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), {});
             nb::object def_scope = MakeScope(p->loc, si::DefLineScope(si::NormalizeScopeName(def.scope_name)));
+            // Called with what the protocol's method wants (__round__(ndigits: int)).
+            std::vector<ValueSet> args;
+            std::vector<Param> params = ParamsOf(def);
+            TypeMap unbound;
+            for (std::size_t i = 1; i < params.size(); ++i) {
+                if (params[i].star || params[i].keyword_only || params[i].has_default)
+                    break;
+                args.push_back(ResolveHintText(def_scope, params[i].hint, &unbound));
+            }
+            ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), args);
             BindTypeVars(def_scope, *def.return_hint, results, found);
             break;
         }
