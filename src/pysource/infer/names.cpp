@@ -892,8 +892,9 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
             }
             return out;
         }
-        if (!canonical.empty()) {
-            // An alias of a builtin or collections class.
+        if (!canonical.empty() && (module_name == "typing" || module_name == "typing_extensions")) {
+            // An alias of a builtin or collections class (typing's own: Set
+            // of collections.abc is the abstract class).
             std::size_t dot = canonical.rfind('.');
             if (dot == std::string_view::npos) {
                 nb::object cls = BuiltinClass(canonical);
