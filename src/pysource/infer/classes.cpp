@@ -828,8 +828,18 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
     if (hint.empty() || given.Empty())
         return true;
     TypeMap any;
+    // A hint with a type variable says nothing definite of type arguments
+    // (Iterable[T | None]): only its classes are checked.
+    bool saw_before = fSawUnboundTypeVar;
+    fSawUnboundTypeVar = false;
     ValueSet wanted = ResolveHintText(def_scope, hint, &any);
-    if (wanted.Empty())
+    bool check_args = !fSawUnboundTypeVar;
+    fSawUnboundTypeVar = saw_before;
+    return ValuesFit(wanted, given, check_args);
+}
+
+bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args) {
+    if (wanted.Empty() || given.Empty() || Stop())
         return true;
     if (std::optional<bool> literal_fit = LiteralsFit(wanted, given))
         return *literal_fit;
@@ -844,15 +854,16 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
         nb::object vc = ClassOfInstance(v);
         if (vc.is_none())
             return true;
-        for (const nb::object &wc : wanted_classes)
-            if (IsProtocolClass(wc) && ProtocolAccepts(wc, vc))
+        for (std::size_t i = 0; i < wanted_classes.size(); ++i)
+            if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
+                (!check_args || TypeArgsFit(wanted.Items()[i], v)))
                 return true;
         std::string_view vname = NameOf(Single(vc));
         for (const MroEntry &e : Mro(vc, {}))
-            for (const nb::object &wc : wanted_classes) {
-                si::CSingleResolvedInfo *w = Single(wc);
+            for (std::size_t i = 0; i < wanted_classes.size(); ++i) {
+                si::CSingleResolvedInfo *w = Single(wanted_classes[i]);
                 std::string_view wname = NameOf(w);
-                if (SameClass(Single(e.cls), w))
+                if (SameClass(Single(e.cls), w) && (!check_args || TypeArgsFit(wanted.Items()[i], v)))
                     return true;
                 // The numeric tower: an int is good for a float, both for a complex.
                 bool builtin = w->loc.is(Single(vc)->loc);
@@ -868,6 +879,42 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
 }  // namespace pysource::infer
 
 namespace pysource::infer {
+
+// Whether the type arguments `value` has for the class of `wanted` fit those
+// `wanted` names (a list of floats is no Iterable[int]); what isn't known fits.
+bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
+    si::CSingleResolvedInfo *w = Single(wanted);
+    if (w->fTypeArgs.is_none() || !PyTuple_Check(w->fTypeArgs.ptr()) || fDepth > 8)
+        return true;
+    nb::object wc = ClassOfInstance(wanted);
+    if (wc.is_none() || NameOf(Single(wc)) == "tuple")
+        return true;
+    std::vector<std::string> vars = OrderedTypeVars(wc);
+    if ((Py_ssize_t) vars.size() != PyTuple_GET_SIZE(w->fTypeArgs.ptr()))
+        return true;
+    nb::object vc = ClassOfInstance(value);
+    if (vc.is_none())
+        return true;
+    TypeMap have;
+    bool nominal = false;
+    for (const MroEntry &e : Mro(vc, MapOfInstance(value)))
+        if (SameClass(Single(e.cls), Single(wc))) {
+            have = e.map;
+            nominal = true;
+            break;
+        }
+    if (!nominal && IsProtocolClass(wc))
+        have = ProtocolTypeArgs(wc, vars, value);
+    ++fDepth;
+    bool fits = true;
+    for (std::size_t i = 0; i < vars.size() && fits; ++i) {
+        auto it = have.find(vars[i]);
+        if (it != have.end())
+            fits = ValuesFit(ValueSet::FromIterable(PyTuple_GET_ITEM(w->fTypeArgs.ptr(), (Py_ssize_t) i)), it->second);
+    }
+    --fDepth;
+    return fits;
+}
 
 bool CEvaluator::IsProtocolClass(nb::handle cls) {
     std::string_view bare = si::BareSingle(si::TextView(Single(cls)->ibytes, "ibytes"));

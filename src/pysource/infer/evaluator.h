@@ -245,6 +245,8 @@ private:
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
     bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given);
+    bool ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args = true);
+    bool TypeArgsFit(nb::handle wanted, nb::handle value);
     std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
     ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
                              const Keywords *kwargs = nullptr);
@@ -295,6 +297,7 @@ private:
     static constexpr std::uint64_t kStepsPerClockReading = 8;
     int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
+    bool fSawUnboundTypeVar = false;  // a hint read met a type variable bound to nothing
     // Answers that depend on this request's path (a cut cycle, a stop) are
     // not kept: these count them.
     std::uint64_t fCuts = 0;

@@ -231,6 +231,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
             if (var != cls_map.end())
                 return var->second;
         }
+        fSawUnboundTypeVar = true;
         return out;  // an unbound type variable says nothing
     }
     if (!s->IsClass()) {
