@@ -39,11 +39,17 @@ void ForEachHintedPositional(const std::vector<Param> &params, std::size_t first
                              Visit visit) {
     for (bool callables : {false, true})
         for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
-            if (params[p].star || params[p].keyword_only)
+            if (params[p].star == 2 || params[p].keyword_only)
                 break;
             bool wants_callable = params[p].hint.find("Callable") != std::string::npos;
-            if (!params[p].hint.empty() && wants_callable == callables)
+            if (params[p].hint.empty() || wants_callable != callables)
+                continue;
+            // *args: every remaining positional argument wants its hint.
+            for (std::size_t last = params[p].star == 1 ? args.size() - 1 : a; a <= last; ++a)
                 visit(params[p].hint, args[a]);
+            --a;
+            if (params[p].star == 1)
+                break;
         }
 }
 
