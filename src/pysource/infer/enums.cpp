@@ -15,28 +15,6 @@ namespace pysource::infer {
 
 namespace si = symbolinfo;
 
-bool CEvaluator::DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name,
-                                        const std::string &decorator) {
-    std::string_view text = si::StripSpaces(decorator);
-    if (text.empty() || text.find('(') != std::string_view::npos)
-        return false;
-    nb::object scope = MakeScope(loc, si::ParentScopeName(si::NormalizeScopeName(def_scope_name)));
-    nb::object property = BuiltinClass("property");
-    if (property.is_none())
-        return false;
-    si::CSingleResolvedInfo *p = Single(property);
-    for (const nb::object &v : ResolveText(scope, text, -2).Items()) {
-        if (!Single(v)->IsClass())
-            continue;
-        for (const MroEntry &e : Mro(v, {})) {
-            si::CSingleResolvedInfo *k = Single(e.cls);
-            if (k->loc.is(p->loc) && NameOf(k) == "property")
-                return true;
-        }
-    }
-    return false;
-}
-
 bool CEvaluator::IsEnumClass(nb::handle cls) {
     for (const MroEntry &e : Mro(cls, {})) {
         si::CSingleResolvedInfo *k = Single(e.cls);

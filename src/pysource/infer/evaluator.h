@@ -254,6 +254,9 @@ private:
     // A decorator that names property or a subclass of it (an alias of
     // property in a stub), read where the def stands.
     bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
+    // A def as its decorators leave it: a library's hinted decorator is
+    // called with it (functools.cache, contextlib.contextmanager).
+    ValueSet DecoratedDef(nb::handle loc, nb::handle def_single);
     // Enumerations: a class with enum.Enum in its order; its members are the
     // plain values its body sets; `value` is what they were set to.
     bool IsEnumClass(nb::handle cls);

@@ -654,6 +654,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         out.Add(ClassSingle(loc, s));
         return out;
     case si::kFunctionKind:
+        return DecoratedDef(loc, DefSingle(loc, s, kind));
     case si::kUnboundMethodKind:
     case si::kMethodKind:
         out.Add(DefSingle(loc, s, kind));
