@@ -858,8 +858,20 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
     }
     for (const nb::object &v : given.Items()) {
         nb::object vc = ClassOfInstance(v);
-        if (vc.is_none())
+        if (vc.is_none()) {
+            // A def or a class is no int, str, None, ... of the builtins.
+            si::CSingleResolvedInfo *s = Single(v);
+            bool plain_builtins = s->IsDef() || s->IsClass();
+            for (const nb::object &wc : wanted_classes) {
+                std::string_view wname = NameOf(Single(wc));
+                plain_builtins = plain_builtins &&
+                                 (Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()) || wname == "NoneType") &&
+                                 wname != "object" && wname != "type" && !IsProtocolClass(wc);
+            }
+            if (plain_builtins)
+                continue;
             return true;
+        }
         for (std::size_t i = 0; i < wanted_classes.size(); ++i)
             if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
                 (!check_args || TypeArgsFit(wanted.Items()[i], v)))

@@ -49,7 +49,7 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     // Innermost first; a decorator of the project's own, unhinted, is taken
     // to keep the def it wraps.
     for (auto it = def.decorators.rbegin(); it != def.decorators.rend(); ++it) {
-        ValueSet made;
+        ValueSet decorators;
         for (const nb::object &deco : ResolveText(parent, si::StripSpaces(*it), -2).Items()) {
             si::CSingleResolvedInfo *s = Single(deco);
             if (!s->IsDef() && !s->IsClass())
@@ -59,15 +59,14 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
                 if (!info.return_hint || info.return_hint->find_first_not_of(" ") == std::string::npos)
                     continue;
             }
-            if (!IsLibraryScope(MakeScope(s->loc, "")))
-                continue;
-            std::vector<ValueSet> args{out};
-            const Keywords none;
-            ValueSet one;
-            one.Add(deco);
-            for (const nb::object &callee : SelectOverloads(one, args, &none).Items())
-                made.Merge(CallValue(callee, args, {}, frame));
+            if (IsLibraryScope(MakeScope(s->loc, "")))
+                decorators.Add(deco);
         }
+        ValueSet made;
+        std::vector<ValueSet> args{out};
+        const Keywords none;
+        for (const nb::object &callee : SelectOverloads(decorators, args, &none).Items())
+            made.Merge(CallValue(callee, args, {}, frame));
         if (made.Empty())
             continue;
         out = made;
