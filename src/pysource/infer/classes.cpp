@@ -587,7 +587,9 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
         // Bind the def's own type variables from the arguments (and from the
-        // receiver for a bound method's first parameter).
+        // receiver for a bound method's first parameter); those of its class
+        // stay what the receiver says (setdefault(k, []) of a dict[str, list[int]]).
+        TypeMap of_receiver = map;
         std::vector<Param> params = ParamsOf(def);
         nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
         std::size_t first = 0;
@@ -608,6 +610,9 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
             for (const Param &p : params)
                 if (p.name == name && !p.hint.empty())
                     BindTypeVars(def_scope, p.hint, values, map);
+        for (const auto &[var, values] : of_receiver)
+            if (var != "Self" && !values.Empty())
+                map[var] = values;
     }
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos)
         return ReturnsOfDef(def_single, map);
@@ -802,11 +807,24 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
             return false;
     }
     nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
+    // The type variables of the receiver's class are what it says (pop(k,
+    // None) of a dict[str, int] wants an int default).
+    // Their values' literal values don't count: dict[str, int] of {"a": 1}
+    // takes any str key.
+    TypeMap bound;
+    for (const auto &[var, values] : TupleToMap(d->fTypeArgs))
+        for (const nb::object &v : values.Items()) {
+            std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+            if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+                bound[var].Add(LiteralSingle(si::UnpackLiteralInfo(bare).class_name, std::nullopt));
+            else
+                bound[var].Add(v);
+        }
     for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
         const Param &param = params[p];
         if (param.star || param.keyword_only)
             break;
-        if (!ValueFitsHint(def_scope, param.hint, args[a]))
+        if (!ValueFitsHint(def_scope, param.hint, args[a], bound))
             return false;
     }
     if (kwargs)
@@ -820,7 +838,7 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
                     return false;
                 continue;
             }
-            if (!ValueFitsHint(def_scope, named->hint, values))
+            if (!ValueFitsHint(def_scope, named->hint, values, bound))
                 return false;
         }
     return true;
@@ -828,17 +846,17 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
 
 // Whether a value may be passed where `hint` (read in `def_scope`) is
 // wanted, as far as the hint names classes, protocols or literal values.
-bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given) {
+bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given,
+                               const TypeMap &bound) {
     if (Stop())
         return true;
     if (hint.empty() || given.Empty())
         return true;
-    TypeMap any;
-    // A hint with a type variable says nothing definite of type arguments
-    // (Iterable[T | None]): only its classes are checked.
+    // A hint with a type variable bound to nothing says nothing definite of
+    // type arguments (Iterable[T | None]): only its classes are checked.
     bool saw_before = fSawUnboundTypeVar;
     fSawUnboundTypeVar = false;
-    ValueSet wanted = ResolveHintText(def_scope, hint, &any);
+    ValueSet wanted = ResolveHintText(def_scope, hint, &bound);
     bool check_args = !fSawUnboundTypeVar;
     fSawUnboundTypeVar = saw_before;
     return ValuesFit(wanted, given, check_args);

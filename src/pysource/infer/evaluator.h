@@ -244,7 +244,7 @@ private:
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
-    bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given);
+    bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given, const TypeMap &bound);
     bool ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args = true);
     bool TypeArgsFit(nb::handle wanted, nb::handle value);
     std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
