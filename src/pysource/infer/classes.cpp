@@ -756,6 +756,14 @@ ValueSet CEvaluator::IterItems(const ValueSet &values) {
     if (Stop())
         return out;
     for (const nb::object &v : values.Items()) {
+        // A named tuple's items are its fields.
+        std::vector<nb::object> positions;
+        nb::object cls = ClassOfInstance(v);
+        if (!cls.is_none() && NameOf(Single(cls)) != "tuple" && TuplePositions(v, positions)) {
+            for (const nb::object &p : positions)
+                out.Merge(ValueSet::FromIterable(p));
+            continue;
+        }
         ValueSet one;
         one.Add(v);
         ValueSet iterators = CallDunder(one, "__iter__", {});
