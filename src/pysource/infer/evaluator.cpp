@@ -696,7 +696,15 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
         ValueSet keys, values;
         for (std::int32_t i = 0; i + 1 < n.kids_count && (std::size_t) i < 2 * kMaxDisplayItems; i += 2) {
             std::int32_t key = tree.Kid(n, i);
-            if (key < 0 || tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred)
+            if (key >= 0 && tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred) {
+                // {**other}: the keys other iterates, what they index.
+                ValueSet other = Eval(tree, tree.Kid(tree.nodes[(std::size_t) key], 0), frame);
+                ValueSet other_keys = IterItems(other);
+                keys.Merge(other_keys);
+                values.Merge(CallDunder(other, "__getitem__", {other_keys}));
+                continue;
+            }
+            if (key < 0)
                 continue;
             keys.Merge(Eval(tree, key, frame));
             values.Merge(Eval(tree, tree.Kid(n, i + 1), frame));
