@@ -55,6 +55,14 @@ std::string WithIterMarkers(std::string_view text) {
 
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
 
+// The first token of a node written in parentheses, `(1.5)`, past them.
+std::int32_t FirstTokInParens(const pgen::Tree &tree, const pgen::Node &n) {
+    std::int32_t tok = n.tok_begin;
+    while (tok + 1 < n.tok_end && TokText(tree, tok) == "(")
+        ++tok;
+    return tok;
+}
+
 // A one-line quoted literal without prefix, escapes or triple quotes.
 bool IsPlainShortLiteral(std::string_view text) {
     if (text.size() < 2 || text.size() > 42)
@@ -280,7 +288,7 @@ ValueSet CEvaluator::EvalName(std::string_view name, const Frame &frame) {
 
 ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
     ValueSet out;
-    std::string_view text = TokText(tree, n.tok_begin);
+    std::string_view text = TokText(tree, FirstTokInParens(tree, n));
     if (text == "None")
         out.Add(LiteralSingle("None", std::nullopt));
     else if (text == "True" || text == "False")
@@ -301,7 +309,8 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
 
 ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     ValueSet out;
-    std::string_view text = TokText(tree, n.tok_begin);
+    std::int32_t first = FirstTokInParens(tree, n);
+    std::string_view text = TokText(tree, first);
     bool is_bytes = false;
     for (char c : text) {
         if (c == '"' || c == '\'')
@@ -310,7 +319,7 @@ ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     }
     // A short plain literal keeps its value, for Literal[...] parameters.
     std::optional<std::string> value;
-    if (n.tok_end - n.tok_begin == 1 && IsPlainShortLiteral(text))
+    if (n.tok_end - first == 1 + (first - n.tok_begin) && IsPlainShortLiteral(text))
         value = std::string(text.substr(1, text.size() - 2));
     out.Add(LiteralSingle(is_bytes ? "bytes" : "str", value));
     return out;
