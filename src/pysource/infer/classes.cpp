@@ -648,14 +648,9 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     }
     std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(d->loc), std::string(name),
                                                                     "return", -5};
-    if (fActive.count(key))
+    ActiveGuard guard(fActive, key);
+    if (!guard.entered)
         return out;
-    fActive.insert(key);
-    struct Leave {
-        CEvaluator &ev;
-        std::tuple<std::string, std::string, std::string, long long> key;
-        ~Leave() { ev.fActive.erase(key); }
-    } leave{*this, key};
     nb::object scope = MakeScope(d->loc, name);
     nb::object record = RecordOf(scope);
     if (record.is_none()) {

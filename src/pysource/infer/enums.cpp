@@ -15,14 +15,7 @@ namespace pysource::infer {
 
 namespace si = symbolinfo;
 
-bool CEvaluator::IsEnumClass(nb::handle cls) {
-    for (const MroEntry &e : Mro(cls, {})) {
-        si::CSingleResolvedInfo *k = Single(e.cls);
-        if (NameOf(k) == "Enum" && ModuleNameOfLoc(k->loc) == "enum")
-            return true;
-    }
-    return false;
-}
+bool CEvaluator::IsEnumClass(nb::handle cls) { return MroHolds(Mro(cls, {}), "enum", "Enum"); }
 
 // A name the body of enumeration `owner` sets to a plain value (not a def,
 // a class, a descriptor or a private name) is a member.

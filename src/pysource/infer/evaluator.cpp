@@ -614,14 +614,21 @@ bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &posi
     return true;
 }
 
-bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions) {
-    std::vector<MroEntry> mro = Mro(cls, {});
-    bool named = false;
+bool CEvaluator::MroHolds(const std::vector<MroEntry> &mro, std::string_view module, std::string_view name) {
     for (const MroEntry &e : mro) {
         si::CSingleResolvedInfo *k = Single(e.cls);
-        named = named || (NameOf(k) == "NamedTuple" && IsTypingModuleName(ModuleNameOfLoc(k->loc)));
+        if (NameOf(k) != name)
+            continue;
+        const std::string &found = ModuleNameOfLoc(k->loc);
+        if (module == "typing" ? IsTypingModuleName(found) : found == module)
+            return true;
     }
-    if (!named)
+    return false;
+}
+
+bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions) {
+    std::vector<MroEntry> mro = Mro(cls, {});
+    if (!MroHolds(mro, "typing", "NamedTuple"))
         return false;
     // The fields are the names the class bodies annotate, base classes first.
     for (auto it = mro.rbegin(); it != mro.rend(); ++it) {
@@ -649,12 +656,7 @@ ValueSet CEvaluator::TypedDictItem(nb::handle single, std::string_view key) {
     if (cls.is_none() || !Single(single)->IsInstance(false))
         return out;
     std::vector<MroEntry> mro = Mro(cls, {});
-    bool typed = false;
-    for (const MroEntry &e : mro) {
-        si::CSingleResolvedInfo *k = Single(e.cls);
-        typed = typed || (NameOf(k) == "TypedDict" && IsTypingModuleName(ModuleNameOfLoc(k->loc)));
-    }
-    if (!typed)
+    if (!MroHolds(mro, "typing", "TypedDict"))
         return out;
     for (const MroEntry &e : mro) {
         si::CSingleResolvedInfo *k = Single(e.cls);

@@ -102,6 +102,27 @@ struct EngineMemo {
     }
 };
 
+// A computation marked under way in `active` for the guard's life;
+// `entered` is false when it already was (a value that depends on itself).
+template <class Key>
+class ActiveGuard {
+public:
+    ActiveGuard(std::set<Key> &active, Key key) : fActive(active), fKey(std::move(key)) {
+        entered = fActive.insert(fKey).second;
+    }
+    ~ActiveGuard() {
+        if (entered)
+            fActive.erase(fKey);
+    }
+    ActiveGuard(const ActiveGuard &) = delete;
+    ActiveGuard &operator=(const ActiveGuard &) = delete;
+    bool entered = false;
+
+private:
+    std::set<Key> &fActive;
+    Key fKey;
+};
+
 class CEvaluator {
 public:
     CEvaluator(CInferenceEngine &engine, nb::handle ctx);
@@ -160,6 +181,9 @@ private:
     // A named tuple's instance has the positions of its annotated fields.
     bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
+    // Whether `mro` holds the class `name` of `module` ("typing": any of
+    // typing's modules).
+    bool MroHolds(const std::vector<MroEntry> &mro, std::string_view module, std::string_view name);
     // The values of the key `key` of an instance of a TypedDict class (none
     // when it isn't one or has no such key).
     ValueSet TypedDictItem(nb::handle single, std::string_view key);

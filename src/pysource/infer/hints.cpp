@@ -66,16 +66,11 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
     nb::object value_cls = ClassOfInstance(value);
     std::tuple<std::string, std::string, std::string, long long> key{
         LocationUrl(p->loc), std::string(NameOf(p)), value_cls.is_none() ? std::string() : ClassKey(value_cls), -6};
-    if (fActive.count(key)) {
+    ActiveGuard guard(fActive, key);
+    if (!guard.entered) {
         ++fCuts;
         return found;
     }
-    fActive.insert(key);
-    struct Leave {
-        CEvaluator &ev;
-        std::tuple<std::string, std::string, std::string, long long> key;
-        ~Leave() { ev.fActive.erase(key); }
-    } leave{*this, key};
     ValueSet receiver;
     receiver.Add(value);
     nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
