@@ -217,15 +217,19 @@ private:
     // engine's flow provider; null when it can't tell.
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
-    // The conditions known at each body logical of a scope (header index,
-    // condition text, whether it holds), from the flow provider; null when
-    // it can't tell.
-    using Guard = std::tuple<long long, std::string, bool>;
-    const std::vector<std::vector<Guard>> *GuardsOf(nb::handle scope);
-    // `values` of the local `name` (set by `entry`) at `use_index`, narrowed
-    // by the conditions known there that no setting after them undoes.
-    ValueSet Narrowed(nb::handle scope, std::string_view name, std::string_view entry, long long use_index,
-                      ValueSet values);
+    // Conditions at each body logical of a scope, from the flow provider's
+    // `method` (header index, condition text, a number): "Guards", those
+    // known there (the number: whether it holds); "SkippedIfs", the earlier
+    // `if` blocks (the number: the block's last logical).  Null when it
+    // can't tell.
+    using Guard = std::tuple<long long, std::string, long long>;
+    const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
+    // `values` of the local `name` (set by `entry` of `record`) at
+    // `use_index`, narrowed by the conditions known there that no setting
+    // after them undoes; what was set before an `if` block that sets the
+    // name again reaches past it narrowed by its condition being false.
+    ValueSet Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
+                      long long use_index, ValueSet values);
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
@@ -341,7 +345,8 @@ private:
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
     std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> fBlockPaths;
-    std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<Guard>>>> fGuards;
+    std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<Guard>>>>
+        fConditions;
 };
 
 }  // namespace pysource::infer

@@ -484,7 +484,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         redirect = 1;
     else if (HasKind(text, si::kNonlocalKind))
         redirect = 2;
-    out.Merge(Narrowed(scope, name, text, use_index, EntryValues(scope, record, text, use_index)));
+    out.Merge(Narrowed(scope, record, name, text, use_index, EntryValues(scope, record, text, use_index)));
     return true;
 }
 

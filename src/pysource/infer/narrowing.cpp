@@ -48,40 +48,57 @@ bool IsNoneLiteral(nb::handle single) {
     return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
 }
 
-const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::GuardsOf(nb::handle scope) {
+const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
     nb::object provider = fEngine.fFlowProvider;
-    if (provider.is_none() || !nb::hasattr(provider, "Guards"))
+    if (provider.is_none() || !nb::hasattr(provider, method))
         return nullptr;
-    std::pair<std::string, std::string> key{LocationUrl(scope.attr("loc")),
-                                            std::string(si::TextView(scope.attr("name"), "name"))};
-    auto it = fGuards.find(key);
-    if (it == fGuards.end()) {
-        std::optional<std::vector<std::vector<Guard>>> guards;
-        nb::object found = provider.attr("Guards")(scope.attr("loc"), scope.attr("name"));
-        if (!found.is_none()) {
-            guards.emplace();
-            for (nb::handle at : found) {
+    std::tuple<std::string, std::string, std::string> key{
+        LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")), method};
+    auto it = fConditions.find(key);
+    if (it == fConditions.end()) {
+        std::optional<std::vector<std::vector<Guard>>> found;
+        nb::object listed = provider.attr(method)(scope.attr("loc"), scope.attr("name"));
+        if (!listed.is_none()) {
+            found.emplace();
+            for (nb::handle at : listed) {
                 std::vector<Guard> here;
                 for (nb::handle g : at) {
                     nb::handle text = g[1];
                     if (!text.is_none())
                         here.emplace_back(nb::cast<long long>(g[0]), nb::cast<std::string>(text),
-                                          nb::cast<bool>(g[2]));
+                                          nb::cast<long long>(g[2]));
                 }
-                guards->push_back(std::move(here));
+                found->push_back(std::move(here));
             }
         }
-        it = fGuards.emplace(key, std::move(guards)).first;
+        it = fConditions.emplace(key, std::move(found)).first;
     }
     return it->second ? &*it->second : nullptr;
 }
 
-ValueSet CEvaluator::Narrowed(nb::handle scope, std::string_view name, std::string_view entry, long long use_index,
-                              ValueSet values) {
+namespace {
+
+// The singles of a record entry numbered (by logical index) within [from, to],
+// unnumbered ones with them when `with_unnumbered`, as an entry.
+std::string EntryPart(std::string_view entry, long long from, long long to, bool with_unnumbered) {
+    std::string out;
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+        bool in = split.logical_index ? *split.logical_index >= from && *split.logical_index <= to : with_unnumbered;
+        if (!in)
+            continue;
+        if (!out.empty())
+            out.push_back(';');
+        out.append(single);
+    }
+    return out;
+}
+
+}  // namespace
+
+ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
+                              long long use_index, ValueSet values) {
     if (use_index < 0 || Stop())
-        return values;
-    const std::vector<std::vector<Guard>> *guards = GuardsOf(scope);
-    if (!guards || (std::size_t) use_index >= guards->size() || (*guards)[(std::size_t) use_index].empty())
         return values;
     // The latest setting before the use: conditions read before it say
     // nothing of the value it sets.
@@ -91,15 +108,35 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, std::string_view name, std::stri
         if (split.logical_index && *split.logical_index < use_index)
             latest = std::max(latest, *split.logical_index);
     }
+    auto parse = [&](const std::string &condition, long long header, auto &&narrow) {
+        Tree tree;
+        std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(condition), 0, true);
+        if (root >= 0)
+            narrow(tree, root, Frame{nb::borrow(scope), header, nullptr, nullptr});
+    };
+    const std::vector<std::vector<Guard>> *skips = ConditionsOf(scope, "SkippedIfs");
+    if (skips && (std::size_t) use_index < skips->size())
+        for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
+            if (latest < header || latest > last)
+                continue;
+            // `if x is None: x = ...`: the earlier values only when x wasn't None.
+            ValueSet before = EntryValues(scope, record, EntryPart(entry, -1, header - 1, true), use_index);
+            parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
+                NarrowBy(tree, root, frame, name, false, before);
+            });
+            before.Merge(EntryValues(scope, record, EntryPart(entry, header, last, false), use_index));
+            values = before;
+            break;
+        }
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    if (!guards || (std::size_t) use_index >= guards->size())
+        return values;
     for (const auto &[header, condition, holds] : (*guards)[(std::size_t) use_index]) {
         if (header < latest)
             continue;
-        Tree tree;
-        std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(condition), 0, true);
-        if (root < 0)
-            continue;
-        Frame frame{nb::borrow(scope), header, nullptr, nullptr};
-        NarrowBy(tree, root, frame, name, holds, values);
+        parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
+            NarrowBy(tree, root, frame, name, holds != 0, values);
+        });
     }
     return values;
 }
