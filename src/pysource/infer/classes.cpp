@@ -518,6 +518,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             ValueSet inits = ClassAttribute(callee, "__init__", blank.Items()[0], {}, true);
             inits.Merge(ClassAttribute(callee, "__new__", callee, {}, false));
             TypeMap bound;
+            nb::object self_args = nb::none();
             for (const nb::object &init : inits.Items()) {
                 si::CSingleResolvedInfo *i = Single(init);
                 if (!i->IsDef() || !OverloadAccepts(init, args, &kwargs))
@@ -529,10 +530,30 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
                     BindTypeVars(def_scope, hint, arg, bound);
                 });
-                if (!bound.empty())
-                    break;
+                // Keywords: their parameter's hint, or that of **kwargs.
+                for (const auto &[name, values] : kwargs)
+                    for (std::size_t p = first; p < params.size(); ++p)
+                        if ((params[p].name == name && params[p].star == 0) || params[p].star == 2) {
+                            if (!params[p].hint.empty())
+                                BindTypeVars(def_scope, params[p].hint, values, bound);
+                            break;
+                        }
+                if (bound.empty())
+                    continue;
+                // A hinted first parameter says what the instance is
+                // (dict(a=1): `self: dict[str, _VT]`).
+                if (first == 1 && !params[0].hint.empty())
+                    for (const nb::object &made : ResolveHintText(def_scope, params[0].hint, &bound).Items()) {
+                        si::CSingleResolvedInfo *m = Single(made);
+                        nb::object made_cls = ClassOfInstance(made);
+                        if (!m->fTypeArgs.is_none() && !made_cls.is_none() && SameClass(Single(made_cls), c))
+                            self_args = m->fTypeArgs;
+                    }
+                break;
             }
-            if (!bound.empty()) {
+            if (!self_args.is_none()) {
+                type_args = self_args;
+            } else if (!bound.empty()) {
                 nb::list items;
                 for (const std::string &var : vars)
                     items.append(bound.count(var) ? bound[var].AsFrozenSet() : ValueSet().AsFrozenSet());
