@@ -352,6 +352,18 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
         return out;
     std::string_view scope_name = ScopeName(scope);
     nb::object loc = scope.attr("loc");
+    if (redirect == 2 && use_index >= 0 && !out.Empty()) {
+        // A nonlocal name set here before the use: that setting is its value.
+        nb::object record = RecordOf(scope);
+        nb::object entry = record.is_none() ? nb::none() : record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+        if (!entry.is_none())
+            for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
+                si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+                if (split.logical_index && *split.logical_index < use_index &&
+                    SaysValue(si::GetInfoBytesKind(si::BareSingle(single))))
+                    return out;
+            }
+    }
     if (redirect == 1) {
         out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
         return out;
