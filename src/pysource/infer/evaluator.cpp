@@ -804,6 +804,17 @@ ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Fr
         ValueSet iterable = Eval(tree, tree.Kid(c, 1), inner);
         ValueSet items = IterItems(iterable);
         BindTarget(tree, tree.Kid(c, 0), items, locals, item_at);
+        // `if (z := f(v))` in a condition binds z for what follows.
+        for (std::int32_t k = 2; k < c.kids_count; ++k) {
+            std::int32_t cond = tree.Kid(c, k);
+            if (cond < 0 || tree.nodes[(std::size_t) cond].kind != NodeKind::kNamedExpr)
+                continue;
+            const Node &walrus = tree.nodes[(std::size_t) cond];
+            std::int32_t target = tree.Kid(walrus, 0);
+            if (target >= 0 && tree.nodes[(std::size_t) target].kind == NodeKind::kName)
+                locals.emplace_back(std::string(TokText(tree, tree.nodes[(std::size_t) target].aux)),
+                                    Eval(tree, tree.Kid(walrus, 1), inner));
+        }
     }
     if (n.kind == NodeKind::kDictComp) {
         ValueSet keys = Eval(tree, tree.Kid(n, 0), inner);
