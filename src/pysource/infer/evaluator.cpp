@@ -225,8 +225,32 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             new si::CSingleResolvedInfo(si::ToBytes(ibytes), scope, scope->loc))));
         return out;
     }
+    case NodeKind::kYield: {
+        // What is sent in: the second type argument of the generator the
+        // def's return hint names.
+        nb::object record = RecordOf(frame.scope);
+        if (record.is_none())
+            return out;
+        std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+        if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+            return out;
+        si::DefInfo def = si::UnpackDefInfo(own);
+        if (!def.return_hint)
+            return out;
+        nb::object def_line = MakeScope(frame.scope.attr("loc"), si::DefLineScope(si::TextView(frame.scope.attr("name"), "name")));
+        for (const nb::object &gen : ResolveHintText(def_line, *def.return_hint, nullptr).Items()) {
+            si::CSingleResolvedInfo *g = Single(gen);
+            nb::object cls = ClassOfInstance(gen);
+            if (cls.is_none() || g->fTypeArgs.is_none() || PyTuple_GET_SIZE(g->fTypeArgs.ptr()) < 2)
+                continue;
+            std::string_view name = NameOf(Single(cls));
+            if (name == "Generator" || name == "AsyncGenerator")
+                out.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(g->fTypeArgs.ptr(), 1)));
+        }
+        return out;
+    }
     default:
-        return out;  // yields, slices: nothing known
+        return out;  // slices: nothing known
     }
 }
 
