@@ -385,8 +385,19 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
             std::vector<std::string> vars = OrderedTypeVars(head);
             bool builtin_tuple = NameOf(h) == "tuple" && h->loc.is(fLocCache.attr("GetBuiltinLoc")()) &&
                                  tree.toks[(std::size_t) tree.nodes[(std::size_t) arg_nodes.back()].tok_begin].text != "...";
+            // A call of an async def reads as what it returns: where an
+            // awaitable is wanted, that is what awaiting it gives.
+            std::string_view head_name = NameOf(h);
+            bool awaitable = (head_name == "Coroutine" || head_name == "Awaitable") &&
+                             IsTypingModuleName(ModuleNameOfLoc(h->loc));
             for (const nb::object &r : received.Items()) {
                 nb::object rc = ClassOfInstance(r);
+                if (awaitable && (rc.is_none() || ClassAttribute(rc, "__await__", r, {}, true).Empty())) {
+                    ValueSet result;
+                    result.Add(r);
+                    BindNode(tree, arg_nodes.back(), frame, result, map);
+                    continue;
+                }
                 if (rc.is_none() && Single(r)->IsClass() && IsProtocolClass(head)) {
                     // A class object fits a protocol through its metaclass
                     // (iterating an enumeration's class).
