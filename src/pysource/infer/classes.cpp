@@ -947,8 +947,24 @@ bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
     if (w->fTypeArgs.is_none() || !PyTuple_Check(w->fTypeArgs.ptr()) || fDepth > 8)
         return true;
     nb::object wc = ClassOfInstance(wanted);
-    if (wc.is_none() || NameOf(Single(wc)) == "tuple")
+    if (wc.is_none())
         return true;
+    if (NameOf(Single(wc)) == "tuple") {
+        // tuple[X, ...] wants every item an X.
+        Py_ssize_t size = PyTuple_GET_SIZE(w->fTypeArgs.ptr());
+        if (size != 2 || !IsEllipsisArg(PyTuple_GET_ITEM(w->fTypeArgs.ptr(), 1)))
+            return true;
+        ValueSet item = ValueSet::FromIterable(PyTuple_GET_ITEM(w->fTypeArgs.ptr(), 0));
+        std::vector<nb::object> positions;
+        if (!TuplePositions(value, positions))
+            return true;
+        ++fDepth;
+        bool fits = true;
+        for (const nb::object &p : positions)
+            fits = fits && ValuesFit(item, ValueSet::FromIterable(p));
+        --fDepth;
+        return fits;
+    }
     std::vector<std::string> vars = OrderedTypeVars(wc);
     if ((Py_ssize_t) vars.size() != PyTuple_GET_SIZE(w->fTypeArgs.ptr()))
         return true;
