@@ -538,7 +538,11 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
             return false;
         std::string hint = si::UnpackTypeHint(bare);
-        return !hint.ends_with("TypeAlias");
+        // A bare `Final` or `ClassVar` names no type: the value does.
+        std::string_view text = si::StripSpaces(hint);
+        std::size_t dot = text.rfind('.');
+        std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
+        return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar";
     };
     bool declared = false;
     for (const auto &[single, at] : singles)
