@@ -105,6 +105,13 @@ class TestWholeFile:
         assert type_equivs["print"].endswith(b";" + si.kGetPrefix + b"1")
         scanner.destroy()
 
+    @pytest.mark.parametrize("name", ["mod.py", "mod.pyi"])
+    def test_async_def_keeps_its_signature(self, mgr, tmp_path, name):
+        loc = local_file(tmp_path, "async def g(a: int) -> str: ...\n", name)
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        assert records_of_scan(mgr, loc, [""])[""][1]["g"].startswith(b":fg|0,,(a:int),str")
+        scanner.destroy()
+
     def test_file_end_marks_and_one_batch_per_slice(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
         scanner, _ = full_scan(loc, mgr.fPrimaryScanName)

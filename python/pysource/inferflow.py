@@ -40,13 +40,85 @@ def _BlockPaths(body):
     return paths
 
 
+_kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kContinue,
+                         logicalline.kBreak})
+
+
+class _CGuardBlock:
+    __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain", "last")
+
+    def __init__(self, header, indent, kind, condition, inside):
+        self.header, self.indent, self.kind, self.condition = header, indent, kind, condition
+        self.inside = inside      # guards that hold in the whole block
+        self.exits = []           # guards from earlier `if` blocks here that always leave
+        self.skips = []           # (header, condition, last logical) of earlier `if` blocks here
+        self.chain = []           # (header, condition) of the if/elif chain just closed here
+        self.last = None          # kind of the latest logical directly in the block
+
+
+def _Conditions(body):
+    """Two lists with one tuple per logical of a scope body.  The guards: the
+    conditions known there, as (header index, condition text, holds): those
+    of the `if`, `elif` and `while` headers around it, the earlier branches
+    of an `elif` or `else` (not holding), and an earlier `if` of its block
+    whose body always leaves (return, raise, continue, break) without an
+    `elif` or `else`.  The skips: the other earlier `if` blocks without an
+    `elif` or `else`, as (header index, condition text, last logical of the
+    block): what was set before one reaches past it only when its condition
+    was false."""
+    guards = []
+    skips = []
+    stack = [_CGuardBlock(-1, -1, None, None, [])]
+    for i, logical in enumerate(body):
+        if logical.fType == logicalline.kComment:
+            guards.append(tuple(g for b in stack for g in b.inside + b.exits))
+            skips.append(tuple(k for b in stack for k in b.skips))
+            continue
+        indent = logical.fIndentLevel
+        continues_chain = logical.fType in (logicalline.kElifBeginning, logicalline.kElseBeginning)
+        while len(stack) > 1 and stack[-1].indent >= indent:
+            block = stack.pop()
+            parent = stack[-1]
+            same_level = block.indent == indent
+            if block.kind in (logicalline.kIfBeginning, logicalline.kElifBeginning) and \
+                    continues_chain and same_level:
+                head = [] if block.kind == logicalline.kIfBeginning else parent.chain
+                parent.chain = head + [(block.header, block.condition)]
+            else:
+                parent.chain = []
+            if block.kind == logicalline.kIfBeginning and not (continues_chain and same_level):
+                if block.last in _kExitKinds:
+                    parent.exits.append((block.header, block.condition, False))
+                else:
+                    parent.skips.append((block.header, block.condition, i - 1))
+        parent = stack[-1]
+        parent.last = logical.fType
+        guards.append(tuple(g for b in stack for g in b.inside + b.exits))
+        skips.append(tuple(k for b in stack for k in b.skips))
+        toks = logical.fToks
+        if not toks or toks[-1] != ":" or logical.fType not in _kBranchKinds | _kTransparentKinds:
+            continue
+        condition = " ".join(toks[1:-1]) or None
+        if logical.fType in (logicalline.kIfBeginning, logicalline.kWhileBeginning):
+            inside = [(i, condition, True)]
+        elif logical.fType == logicalline.kElifBeginning:
+            inside = [(h, c, False) for h, c in parent.chain] + [(i, condition, True)]
+        elif logical.fType == logicalline.kElseBeginning:
+            inside = [(h, c, False) for h, c in parent.chain]
+        else:
+            inside = []
+        stack.append(_CGuardBlock(i, indent, logical.fType, condition, inside))
+    return guards, skips
+
+
 class _CBody:
     """What the engine asks of one scope body."""
 
-    __slots__ = ("paths", "generator")
+    __slots__ = ("paths", "guards", "skips", "generator")
 
     def __init__(self, logicals):
         self.paths = _BlockPaths(logicals)
+        self.guards, self.skips = _Conditions(logicals)
         self.generator = any("yield" in logical.fToks for logical in logicals
                              if logical.fType != logicalline.kComment)
 
@@ -64,6 +136,20 @@ class CBlockStructure:
         indexed by body logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body.paths
+
+    def Guards(self, loc, scope_name):
+        """The conditions known at each logical of the body of `scope_name`
+        in `loc` (see _Conditions), as a list indexed by body logical index, or
+        None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body.guards
+
+    def SkippedIfs(self, loc, scope_name):
+        """The earlier `if` blocks at each logical of the body of
+        `scope_name` in `loc` (see _Conditions), as a list indexed by body
+        logical index, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body.skips
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

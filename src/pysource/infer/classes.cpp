@@ -31,15 +31,72 @@ bool SameClass(si::CSingleResolvedInfo *a, si::CSingleResolvedInfo *b) {
     return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
 }
 
-// The parameters of a def: name, hint text, whether it has a default, and
-// its star kind (0 plain, 1 *args, 2 **kwargs); bare "*" and "/" left out.
-struct Param {
-    std::string name;
-    std::string hint;
-    bool has_default = false;
-    int star = 0;
-    bool keyword_only = false;
-};
+// Each positional argument with the hint of its parameter (from `first`),
+// those that want a callable last: what a callable is called with comes
+// from the type variables the others bind (map(fn, items)).
+template <class Visit>
+void ForEachHintedPositional(const std::vector<Param> &params, std::size_t first, const std::vector<ValueSet> &args,
+                             Visit visit) {
+    for (bool callables : {false, true})
+        for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+            if (params[p].star == 2 || params[p].keyword_only)
+                break;
+            bool wants_callable = params[p].hint.find("Callable") != std::string::npos;
+            if (params[p].hint.empty() || wants_callable != callables)
+                continue;
+            // *args: every remaining positional argument wants its hint.
+            for (std::size_t last = params[p].star == 1 ? args.size() - 1 : a; a <= last; ++a)
+                visit(params[p].hint, args[a]);
+            --a;
+            if (params[p].star == 1)
+                break;
+        }
+}
+
+// Decorators known not to make a property (or known to make one, by name).
+bool IsPlainDecorator(std::string_view text) {
+    std::size_t dot = text.rfind('.');
+    std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
+    static const char *kKnown[] = {"overload", "abstractmethod", "final", "override", "staticmethod",
+                                   "classmethod", "property", "cached_property", "setter", "getter",
+                                   "deleter", "deprecated", "type_check_only", "wraps", "lru_cache", "cache"};
+    for (const char *known : kKnown)
+        if (leaf == known)
+            return true;
+    return false;
+}
+
+bool HasDecorator(const si::DefInfo &def, std::string_view name) {
+    for (const std::string &d : def.decorators) {
+        std::string_view text = d;
+        std::size_t dot = text.rfind('.');
+        std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
+        if (leaf == name)
+            return true;
+    }
+    return false;
+}
+
+nb::object MapToTuple(const TypeMap &map) {
+    nb::list items;
+    for (const auto &[name, values] : map)
+        items.append(nb::make_tuple(nb::str(name.c_str()), values.AsFrozenSet()));
+    return nb::tuple(items);
+}
+
+TypeMap TupleToMap(nb::handle pairs) {
+    TypeMap map;
+    if (pairs.is_none() || !PyTuple_Check(pairs.ptr()))
+        return map;
+    for (nb::handle pair : pairs) {
+        if (!PyTuple_Check(pair.ptr()) || PyTuple_GET_SIZE(pair.ptr()) != 2)
+            continue;
+        map[nb::cast<std::string>(pair[0])] = ValueSet::FromIterable(pair[1]);
+    }
+    return map;
+}
+
+}  // namespace
 
 std::vector<Param> ParamsOf(const si::DefInfo &def) {
     std::vector<Param> out;
@@ -77,38 +134,6 @@ std::vector<Param> ParamsOf(const si::DefInfo &def) {
     }
     return out;
 }
-
-bool HasDecorator(const si::DefInfo &def, std::string_view name) {
-    for (const std::string &d : def.decorators) {
-        std::string_view text = d;
-        std::size_t dot = text.rfind('.');
-        std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
-        if (leaf == name)
-            return true;
-    }
-    return false;
-}
-
-nb::object MapToTuple(const TypeMap &map) {
-    nb::list items;
-    for (const auto &[name, values] : map)
-        items.append(nb::make_tuple(nb::str(name.c_str()), values.AsFrozenSet()));
-    return nb::tuple(items);
-}
-
-TypeMap TupleToMap(nb::handle pairs) {
-    TypeMap map;
-    if (pairs.is_none() || !PyTuple_Check(pairs.ptr()))
-        return map;
-    for (nb::handle pair : pairs) {
-        if (!PyTuple_Check(pair.ptr()) || PyTuple_GET_SIZE(pair.ptr()) != 2)
-            continue;
-        map[nb::cast<std::string>(pair[0])] = ValueSet::FromIterable(pair[1]);
-    }
-    return map;
-}
-
-}  // namespace
 
 nb::object CEvaluator::ClassOfInstance(nb::handle single) {
     si::CSingleResolvedInfo *s = Single(single);
@@ -334,6 +359,11 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
         nb::object cls = ClassOfInstance(single);
         if (cls.is_none())
             return out;
+        if ((name == "value" || name == "_value_") && IsEnumClass(cls)) {
+            ValueSet values = EnumMemberValues(cls);
+            if (!values.Empty())
+                return values;
+        }
         TypeMap map = MapOfInstance(single);
         // What instances get assigned (self.x = ...), class by class.
         for (const MroEntry &entry : Mro(cls, map)) {
@@ -350,6 +380,13 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));
+        if (out.Empty() && !name.starts_with("__")) {
+            // Any other name: what the class's __getattr__ gives.
+            ValueSet one, attr_name;
+            one.Add(single);
+            attr_name.Add(LiteralSingle("str", std::string(name)));
+            out.Merge(CallDunder(one, "__getattr__", {attr_name}));
+        }
         return out;
     }
     return out;
@@ -365,8 +402,11 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = MakeScope(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        if (FindLocal(scope, name, -2, found, redirect))
+        if (FindLocal(scope, name, -2, found, redirect)) {
+            if (IsEnumMember(entry.cls, name, found))
+                return InstanceOf(entry.cls, nb::none());
             return BindFound(found, entry.cls, receiver, entry.map, via_instance);
+        }
     }
     if (!via_instance) {
         // What every class has, from its metaclass.
@@ -383,6 +423,24 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
     for (const nb::object &f : found.Items()) {
         si::CSingleResolvedInfo *s = Single(f);
         if (!s->IsDef()) {
+            // A descriptor in a class body: read through its __get__ (with
+            // the instance, or None from the class, and the class).
+            if (si::GetInfoBytesKind(si::BareSingle(si::TextView(s->ibytes, "ibytes"))) == si::kInstanceKind) {
+                ValueSet descriptor, instance, owner_cls;
+                descriptor.Add(f);
+                if (via_instance)
+                    instance.Add(receiver);
+                else
+                    instance.Add(LiteralSingle("None", std::nullopt));
+                nb::object cls = via_instance ? ClassOfInstance(receiver) : nb::borrow(receiver);
+                if (!cls.is_none())
+                    owner_cls.Add(cls);
+                ValueSet got = CallDunder(descriptor, "__get__", {instance, owner_cls});
+                if (!got.Empty()) {
+                    out.Merge(got);
+                    continue;
+                }
+            }
             out.Add(f);
             continue;
         }
@@ -391,11 +449,18 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         if (HasDecorator(def, "setter") || HasDecorator(def, "deleter"))
             continue;  // the same property as its getter
         bool is_static = HasDecorator(def, "staticmethod");
-        bool is_class = HasDecorator(def, "classmethod") || si::LeafScopeName(def.scope_name) == "__new__" ||
-                        si::LeafScopeName(def.scope_name) == "__init_subclass__" ||
-                        si::LeafScopeName(def.scope_name) == "__class_getitem__";
+        // The leaf's name without the index an overload carries (__new__|2).
+        std::string_view leaf = si::LeafScopeName(si::SplitScopeNameFromSuffixes(def.scope_name).first);
+        bool is_class = HasDecorator(def, "classmethod") || leaf == "__new__" || leaf == "__init_subclass__" ||
+                        leaf == "__class_getitem__";
         bool is_property = HasDecorator(def, "property") || HasDecorator(def, "cached_property") ||
                            HasDecorator(def, "getter");
+        if (!is_property && !is_static && !is_class)
+            for (const std::string &d : def.decorators)
+                if (!IsPlainDecorator(d) && DecoratorMakesProperty(s->loc, def.scope_name, d)) {
+                    is_property = true;
+                    break;
+                }
         char kind = si::kUnboundMethodKind;
         nb::object bound_to = nb::none();
         if (is_static)
@@ -435,6 +500,12 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
     if (Stop())
         return out;
     si::CSingleResolvedInfo *c = Single(callee);
+    if (c->IsClass() && !c->fTypeArgs.is_none() && SpecialFormOf(callee) == "Callable") {
+        Py_ssize_t size = PyTuple_GET_SIZE(c->fTypeArgs.ptr());
+        if (size > 0)
+            return ValueSet::FromIterable(PyTuple_GET_ITEM(c->fTypeArgs.ptr(), size - 1));
+        return out;
+    }
     if (c->IsClass()) {
         // A class makes an instance; its type arguments come from what its
         // constructor's parameters bind.
@@ -447,6 +518,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             ValueSet inits = ClassAttribute(callee, "__init__", blank.Items()[0], {}, true);
             inits.Merge(ClassAttribute(callee, "__new__", callee, {}, false));
             TypeMap bound;
+            nb::object self_args = nb::none();
             for (const nb::object &init : inits.Items()) {
                 si::CSingleResolvedInfo *i = Single(init);
                 if (!i->IsDef() || !OverloadAccepts(init, args, &kwargs))
@@ -455,16 +527,33 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
                 std::size_t first = params.empty() || params[0].star ? 0 : 1;
-                for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
-                    if (params[p].star || params[p].keyword_only)
-                        break;
-                    if (!params[p].hint.empty())
-                        BindTypeVars(def_scope, params[p].hint, args[a], bound);
-                }
-                if (!bound.empty())
-                    break;
+                ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
+                    BindTypeVars(def_scope, hint, arg, bound);
+                });
+                // Keywords: their parameter's hint, or that of **kwargs.
+                for (const auto &[name, values] : kwargs)
+                    for (std::size_t p = first; p < params.size(); ++p)
+                        if ((params[p].name == name && params[p].star == 0) || params[p].star == 2) {
+                            if (!params[p].hint.empty())
+                                BindTypeVars(def_scope, params[p].hint, values, bound);
+                            break;
+                        }
+                if (bound.empty())
+                    continue;
+                // A hinted first parameter says what the instance is
+                // (dict(a=1): `self: dict[str, _VT]`).
+                if (first == 1 && !params[0].hint.empty())
+                    for (const nb::object &made : ResolveHintText(def_scope, params[0].hint, &bound).Items()) {
+                        si::CSingleResolvedInfo *m = Single(made);
+                        nb::object made_cls = ClassOfInstance(made);
+                        if (!m->fTypeArgs.is_none() && !made_cls.is_none() && SameClass(Single(made_cls), c))
+                            self_args = m->fTypeArgs;
+                    }
+                break;
             }
-            if (!bound.empty()) {
+            if (!self_args.is_none()) {
+                type_args = self_args;
+            } else if (!bound.empty()) {
                 nb::list items;
                 for (const std::string &var : vars)
                     items.append(bound.count(var) ? bound[var].AsFrozenSet() : ValueSet().AsFrozenSet());
@@ -494,12 +583,6 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
         }
         return InstanceOf(callee, type_args);
     }
-    if (c->IsClass() && !c->fTypeArgs.is_none() && SpecialFormOf(callee) == "Callable") {
-        Py_ssize_t size = PyTuple_GET_SIZE(c->fTypeArgs.ptr());
-        if (size > 0)
-            return ValueSet::FromIterable(PyTuple_GET_ITEM(c->fTypeArgs.ptr(), size - 1));
-        return out;
-    }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);
     if (si::GetInfoBytesKind(si::TextView(c->ibytes, "ibytes")) == si::kExpressionEquivKind)
@@ -525,32 +608,55 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
         // Bind the def's own type variables from the arguments (and from the
-        // receiver for a bound method's first parameter).
+        // receiver for a bound method's first parameter); those of its class
+        // stay what the receiver says (setdefault(k, []) of a dict[str, list[int]]).
+        TypeMap of_receiver = map;
         std::vector<Param> params = ParamsOf(def);
         nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
         std::size_t first = 0;
         if (!d->fBoundTo.is_none() && !params.empty()) {
             if (!params[0].hint.empty()) {
-                ValueSet self = map["Self"];
-                BindTypeVars(def_scope, params[0].hint, self, map);
+                // The first parameter receives what the method is bound to:
+                // the class itself for a class method or a metaclass's method.
+                ValueSet bound;
+                bound.Add(d->fBoundTo);
+                BindTypeVars(def_scope, params[0].hint, bound, map);
             }
             first = 1;
         }
-        for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
-            if (params[p].star || params[p].keyword_only)
-                break;
-            if (!params[p].hint.empty())
-                BindTypeVars(def_scope, params[p].hint, args[a], map);
-        }
+        ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
+            BindTypeVars(def_scope, hint, arg, map);
+        });
         for (const auto &[name, values] : kwargs)
             for (const Param &p : params)
                 if (p.name == name && !p.hint.empty())
                     BindTypeVars(def_scope, p.hint, values, map);
+        for (const auto &[var, values] : of_receiver)
+            if (var != "Self" && !values.Empty())
+                map[var] = values;
     }
-    return ReturnsOfDef(def_single, map);
+    if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos)
+        return ReturnsOfDef(def_single, map);
+    // The body answers: its parameters without a hint are what this call
+    // passes them.
+    std::vector<Param> params = ParamsOf(def);
+    std::vector<std::pair<std::string, ValueSet>> arguments;
+    std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
+    for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+        if (params[p].star || params[p].keyword_only)
+            break;
+        if (params[p].hint.empty() && !args[a].Empty())
+            arguments.emplace_back(params[p].name, args[a]);
+    }
+    for (const auto &[name, values] : kwargs)
+        for (std::size_t p = first; p < params.size(); ++p)
+            if (params[p].name == name && params[p].star == 0 && params[p].hint.empty() && !values.Empty())
+                arguments.emplace_back(name, values);
+    return ReturnsOfDef(def_single, map, arguments);
 }
 
-ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
+ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
+                                  const std::vector<std::pair<std::string, ValueSet>> &arguments) {
     ValueSet out;
     if (Stop())
         return out;
@@ -611,11 +717,19 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map) {
             }
         }
     }
+    std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
+    for (const auto &[param, values] : arguments) {
+        std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
+        if (fBoundNames.emplace(key, values).second)
+            bound_arguments.push_back(key);
+    }
     ++fDepth;
     out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
     --fDepth;
     if (binds_self)
         fBoundNames.erase(self_key);
+    for (const auto &key : bound_arguments)
+        fBoundNames.erase(key);
     return out;
 }
 
@@ -625,6 +739,13 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
         return out;
     for (const nb::object &r : receivers.Items()) {
         si::CSingleResolvedInfo *s = Single(r);
+        if (s->IsClass()) {
+            // A class object's dunders are its metaclass's.
+            ValueSet one;
+            one.Add(r);
+            out.Merge(CallMetaclassDunder(one, method, args));
+            continue;
+        }
         if (!s->IsInstance(true))
             continue;
         nb::object cls = ClassOfInstance(r);
@@ -651,6 +772,14 @@ ValueSet CEvaluator::IterItems(const ValueSet &values) {
     if (Stop())
         return out;
     for (const nb::object &v : values.Items()) {
+        // A named tuple's items are its fields.
+        std::vector<nb::object> positions;
+        nb::object cls = ClassOfInstance(v);
+        if (!cls.is_none() && NameOf(Single(cls)) != "tuple" && TuplePositions(v, positions)) {
+            for (const nb::object &p : positions)
+                out.Merge(ValueSet::FromIterable(p));
+            continue;
+        }
         ValueSet one;
         one.Add(v);
         ValueSet iterators = CallDunder(one, "__iter__", {});
@@ -702,11 +831,24 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
             return false;
     }
     nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
+    // The type variables of the receiver's class are what it says (pop(k,
+    // None) of a dict[str, int] wants an int default).
+    // Their values' literal values don't count: dict[str, int] of {"a": 1}
+    // takes any str key.
+    TypeMap bound;
+    for (const auto &[var, values] : TupleToMap(d->fTypeArgs))
+        for (const nb::object &v : values.Items()) {
+            std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+            if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+                bound[var].Add(LiteralSingle(si::UnpackLiteralInfo(bare).class_name, std::nullopt));
+            else
+                bound[var].Add(v);
+        }
     for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
         const Param &param = params[p];
         if (param.star || param.keyword_only)
             break;
-        if (!ValueFitsHint(def_scope, param.hint, args[a]))
+        if (!ValueFitsHint(def_scope, param.hint, args[a], bound))
             return false;
     }
     if (kwargs)
@@ -720,7 +862,7 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
                     return false;
                 continue;
             }
-            if (!ValueFitsHint(def_scope, named->hint, values))
+            if (!ValueFitsHint(def_scope, named->hint, values, bound))
                 return false;
         }
     return true;
@@ -728,14 +870,24 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
 
 // Whether a value may be passed where `hint` (read in `def_scope`) is
 // wanted, as far as the hint names classes, protocols or literal values.
-bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given) {
+bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given,
+                               const TypeMap &bound) {
     if (Stop())
         return true;
     if (hint.empty() || given.Empty())
         return true;
-    TypeMap any;
-    ValueSet wanted = ResolveHintText(def_scope, hint, &any);
-    if (wanted.Empty())
+    // A hint with a type variable bound to nothing says nothing definite of
+    // type arguments (Iterable[T | None]): only its classes are checked.
+    bool saw_before = fSawUnboundTypeVar;
+    fSawUnboundTypeVar = false;
+    ValueSet wanted = ResolveHintText(def_scope, hint, &bound);
+    bool check_args = !fSawUnboundTypeVar;
+    fSawUnboundTypeVar = saw_before;
+    return ValuesFit(wanted, given, check_args);
+}
+
+bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args) {
+    if (wanted.Empty() || given.Empty() || Stop())
         return true;
     if (std::optional<bool> literal_fit = LiteralsFit(wanted, given))
         return *literal_fit;
@@ -748,17 +900,30 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
     }
     for (const nb::object &v : given.Items()) {
         nb::object vc = ClassOfInstance(v);
-        if (vc.is_none())
+        if (vc.is_none()) {
+            // A def or a class is no int, str, None, ... of the builtins.
+            si::CSingleResolvedInfo *s = Single(v);
+            bool plain_builtins = s->IsDef() || s->IsClass();
+            for (const nb::object &wc : wanted_classes) {
+                std::string_view wname = NameOf(Single(wc));
+                plain_builtins = plain_builtins &&
+                                 (Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()) || wname == "NoneType") &&
+                                 wname != "object" && wname != "type" && !IsProtocolClass(wc);
+            }
+            if (plain_builtins)
+                continue;
             return true;
-        for (const nb::object &wc : wanted_classes)
-            if (IsProtocolClass(wc) && ProtocolAccepts(wc, vc))
+        }
+        for (std::size_t i = 0; i < wanted_classes.size(); ++i)
+            if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
+                (!check_args || TypeArgsFit(wanted.Items()[i], v)))
                 return true;
         std::string_view vname = NameOf(Single(vc));
         for (const MroEntry &e : Mro(vc, {}))
-            for (const nb::object &wc : wanted_classes) {
-                si::CSingleResolvedInfo *w = Single(wc);
+            for (std::size_t i = 0; i < wanted_classes.size(); ++i) {
+                si::CSingleResolvedInfo *w = Single(wanted_classes[i]);
                 std::string_view wname = NameOf(w);
-                if (SameClass(Single(e.cls), w))
+                if (SameClass(Single(e.cls), w) && (!check_args || TypeArgsFit(wanted.Items()[i], v)))
                     return true;
                 // The numeric tower: an int is good for a float, both for a complex.
                 bool builtin = w->loc.is(Single(vc)->loc);
@@ -774,6 +939,58 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
 }  // namespace pysource::infer
 
 namespace pysource::infer {
+
+// Whether the type arguments `value` has for the class of `wanted` fit those
+// `wanted` names (a list of floats is no Iterable[int]); what isn't known fits.
+bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
+    si::CSingleResolvedInfo *w = Single(wanted);
+    if (w->fTypeArgs.is_none() || !PyTuple_Check(w->fTypeArgs.ptr()) || fDepth > 8)
+        return true;
+    nb::object wc = ClassOfInstance(wanted);
+    if (wc.is_none())
+        return true;
+    if (NameOf(Single(wc)) == "tuple") {
+        // tuple[X, ...] wants every item an X.
+        Py_ssize_t size = PyTuple_GET_SIZE(w->fTypeArgs.ptr());
+        if (size != 2 || !IsEllipsisArg(PyTuple_GET_ITEM(w->fTypeArgs.ptr(), 1)))
+            return true;
+        ValueSet item = ValueSet::FromIterable(PyTuple_GET_ITEM(w->fTypeArgs.ptr(), 0));
+        std::vector<nb::object> positions;
+        if (!TuplePositions(value, positions))
+            return true;
+        ++fDepth;
+        bool fits = true;
+        for (const nb::object &p : positions)
+            fits = fits && ValuesFit(item, ValueSet::FromIterable(p));
+        --fDepth;
+        return fits;
+    }
+    std::vector<std::string> vars = OrderedTypeVars(wc);
+    if ((Py_ssize_t) vars.size() != PyTuple_GET_SIZE(w->fTypeArgs.ptr()))
+        return true;
+    nb::object vc = ClassOfInstance(value);
+    if (vc.is_none())
+        return true;
+    TypeMap have;
+    bool nominal = false;
+    for (const MroEntry &e : Mro(vc, MapOfInstance(value)))
+        if (SameClass(Single(e.cls), Single(wc))) {
+            have = e.map;
+            nominal = true;
+            break;
+        }
+    if (!nominal && IsProtocolClass(wc))
+        have = ProtocolTypeArgs(wc, vars, value);
+    ++fDepth;
+    bool fits = true;
+    for (std::size_t i = 0; i < vars.size() && fits; ++i) {
+        auto it = have.find(vars[i]);
+        if (it != have.end())
+            fits = ValuesFit(ValueSet::FromIterable(PyTuple_GET_ITEM(w->fTypeArgs.ptr(), (Py_ssize_t) i)), it->second);
+    }
+    --fDepth;
+    return fits;
+}
 
 bool CEvaluator::IsProtocolClass(nb::handle cls) {
     std::string_view bare = si::BareSingle(si::TextView(Single(cls)->ibytes, "ibytes"));

@@ -1,5 +1,6 @@
 // Expressions: the parse tree of an expression text, evaluated to singles.
 #include "pysource/infer/evaluator.h"
+#include "pysource/infer/infertyping.h"
 
 #include <nanobind/stl/string.h>
 
@@ -53,6 +54,14 @@ std::string WithIterMarkers(std::string_view text) {
 }
 
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
+
+// The first token of a node written in parentheses, `(1.5)`, past them.
+std::int32_t FirstTokInParens(const pgen::Tree &tree, const pgen::Node &n) {
+    std::int32_t tok = n.tok_begin;
+    while (tok + 1 < n.tok_end && TokText(tree, tok) == "(")
+        ++tok;
+    return tok;
+}
 
 // A one-line quoted literal without prefix, escapes or triple quotes.
 bool IsPlainShortLiteral(std::string_view text) {
@@ -270,10 +279,15 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             return out;
         }
         return Eval(tree, tree.Kid(n, 0), frame);
-    case NodeKind::kBoolOp:
+    case NodeKind::kBoolOp: {
+        // `a or b` gives a only when it is true: never a None.
+        bool is_or = n.kids_count > 1 && TokText(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end) == "or";
         for (std::int32_t i = 0; i < n.kids_count; ++i)
-            out.Merge(Eval(tree, tree.Kid(n, i), frame));
+            for (const nb::object &v : Eval(tree, tree.Kid(n, i), frame).Items())
+                if (!(is_or && i + 1 < n.kids_count && IsNoneLiteral(v)))
+                    out.Add(v);
         return out;
+    }
     case NodeKind::kCompare:
         out.Add(LiteralSingle("bool", std::nullopt));
         return out;
@@ -296,8 +310,32 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             new si::CSingleResolvedInfo(si::ToBytes(ibytes), scope, scope->loc))));
         return out;
     }
+    case NodeKind::kYield: {
+        // What is sent in: the second type argument of the generator the
+        // def's return hint names.
+        nb::object record = RecordOf(frame.scope);
+        if (record.is_none())
+            return out;
+        std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+        if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+            return out;
+        si::DefInfo def = si::UnpackDefInfo(own);
+        if (!def.return_hint)
+            return out;
+        nb::object def_line = MakeScope(frame.scope.attr("loc"), si::DefLineScope(si::TextView(frame.scope.attr("name"), "name")));
+        for (const nb::object &gen : ResolveHintText(def_line, *def.return_hint, nullptr).Items()) {
+            si::CSingleResolvedInfo *g = Single(gen);
+            nb::object cls = ClassOfInstance(gen);
+            if (cls.is_none() || g->fTypeArgs.is_none() || PyTuple_GET_SIZE(g->fTypeArgs.ptr()) < 2)
+                continue;
+            std::string_view name = NameOf(Single(cls));
+            if (name == "Generator" || name == "AsyncGenerator")
+                out.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(g->fTypeArgs.ptr(), 1)));
+        }
+        return out;
+    }
     default:
-        return out;  // yields, slices: nothing known
+        return out;  // slices: nothing known
     }
 }
 
@@ -359,7 +397,7 @@ ValueSet CEvaluator::EvalName(std::string_view name, const Frame &frame) {
 
 ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
     ValueSet out;
-    std::string_view text = TokText(tree, n.tok_begin);
+    std::string_view text = TokText(tree, FirstTokInParens(tree, n));
     if (text == "None")
         out.Add(LiteralSingle("None", std::nullopt));
     else if (text == "True" || text == "False")
@@ -380,7 +418,8 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
 
 ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     ValueSet out;
-    std::string_view text = TokText(tree, n.tok_begin);
+    std::int32_t first = FirstTokInParens(tree, n);
+    std::string_view text = TokText(tree, first);
     bool is_bytes = false;
     for (char c : text) {
         if (c == '"' || c == '\'')
@@ -389,7 +428,7 @@ ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     }
     // A short plain literal keeps its value, for Literal[...] parameters.
     std::optional<std::string> value;
-    if (n.tok_end - n.tok_begin == 1 && IsPlainShortLiteral(text))
+    if (n.tok_end - first == 1 + (first - n.tok_begin) && IsPlainShortLiteral(text))
         value = std::string(text.substr(1, text.size() - 2));
     out.Add(LiteralSingle(is_bytes ? "bytes" : "str", value));
     return out;
@@ -445,8 +484,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             }
             continue;
         }
-        if (c->IsClass() && !form.empty())
-            continue;  // other forms are not called for values
+        if (c->IsClass() && !form.empty() && form != "Callable")
+            continue;  // other forms are not called for values; a Callable[..., R] gives R
         if (c->IsClass()) {
             std::string_view name = si::TextView(c->scope->name, "name");
             nb::object builtins = fLocCache.attr("GetBuiltinLoc")();
@@ -504,6 +543,17 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
     bool index_done = false;
     for (const nb::object &value : base.Items()) {
         si::CSingleResolvedInfo *v = Single(value);
+        if (v->IsClass() && SpecialFormOf(value).empty() && OrderedTypeVars(value).empty()) {
+            // A class that isn't generic, subscripted: its metaclass's
+            // __getitem__ (an enumeration's member by name).
+            ValueSet one;
+            one.Add(value);
+            ValueSet got = CallDunder(one, "__getitem__", {Eval(tree, slice, frame)});
+            if (!got.Empty()) {
+                out.Merge(got);
+                continue;
+            }
+        }
         if (v->IsClass()) {
             // A generic alias in an expression: list[int], Optional[X];
             // Literal[...] holds values, not types.
@@ -526,28 +576,24 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             continue;
         }
         // A tuple of known positions indexed by a constant.
-        nb::object cls = ClassOfInstance(value);
-        if (!cls.is_none() && !v->fTypeArgs.is_none() && s.kind != NodeKind::kSlice) {
-            auto *c = Single(cls);
-            if (si::TextView(c->scope->name, "name") == "tuple" && c->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
-                std::string_view text = TokText(tree, s.tok_begin);
-                bool negative = false;
-                if (s.kind == NodeKind::kUnaryOp && text == "-") {
-                    negative = true;
-                    text = TokText(tree, s.tok_begin + 1);
-                }
-                if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
-                    std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
-                    long long i = std::stoll(std::string(text));
-                    std::vector<nb::object> positions;
-                    if (TuplePositions(value, positions)) {
-                        long long size = (long long) positions.size();
-                        if (negative)
-                            i = size - i;
-                        if (i >= 0 && i < size) {
-                            out.Merge(ValueSet::FromIterable(positions[(std::size_t) i]));
-                            continue;
-                        }
+        if (s.kind != NodeKind::kSlice) {
+            std::string_view text = TokText(tree, s.tok_begin);
+            bool negative = false;
+            if (s.kind == NodeKind::kUnaryOp && text == "-") {
+                negative = true;
+                text = TokText(tree, s.tok_begin + 1);
+            }
+            if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
+                std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+                long long i = std::stoll(std::string(text));
+                std::vector<nb::object> positions;
+                if (TuplePositions(value, positions)) {
+                    long long size = (long long) positions.size();
+                    if (negative)
+                        i = size - i;
+                    if (i >= 0 && i < size) {
+                        out.Merge(ValueSet::FromIterable(positions[(std::size_t) i]));
+                        continue;
                     }
                 }
             }
@@ -560,6 +606,20 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                     index = InstanceOf(slice_cls, nb::none());
             }
             index_done = true;
+        }
+        // A TypedDict's key written as a string.
+        if (index.Size() == 1) {
+            std::string_view bare = si::BareSingle(si::TextView(Single(index.Items()[0])->ibytes, "ibytes"));
+            if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
+                si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+                if (lit.class_name == "str" && lit.value) {
+                    ValueSet item = TypedDictItem(value, *lit.value);
+                    if (!item.Empty()) {
+                        out.Merge(item);
+                        continue;
+                    }
+                }
+            }
         }
         ValueSet one;
         one.Add(value);
@@ -646,10 +706,14 @@ bool CEvaluator::IsEllipsisArg(nb::handle arg) {
 
 bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &positions) {
     si::CSingleResolvedInfo *s = Single(single);
-    if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
-        return false;
     std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
-    if (si::GetInfoBytesKind(bare) != si::kInstanceKind || si::TextView(s->scope->name, "name") != "tuple")
+    if (si::GetInfoBytesKind(bare) != si::kInstanceKind)
+        return false;
+    if (si::TextView(s->scope->name, "name") != "tuple" || !s->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
+        nb::object cls = ClassOfInstance(single);
+        return !cls.is_none() && NamedTupleFields(cls, positions);
+    }
+    if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
         return false;
     Py_ssize_t size = PyTuple_GET_SIZE(s->fTypeArgs.ptr());
     if (size == 0 || IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), size - 1)))
@@ -657,6 +721,59 @@ bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &posi
     for (Py_ssize_t i = 0; i < size; ++i)
         positions.push_back(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));
     return true;
+}
+
+bool CEvaluator::MroHolds(const std::vector<MroEntry> &mro, std::string_view module, std::string_view name) {
+    for (const MroEntry &e : mro) {
+        si::CSingleResolvedInfo *k = Single(e.cls);
+        if (NameOf(k) != name)
+            continue;
+        const std::string &found = ModuleNameOfLoc(k->loc);
+        if (module == "typing" ? IsTypingModuleName(found) : found == module)
+            return true;
+    }
+    return false;
+}
+
+bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions) {
+    std::vector<MroEntry> mro = Mro(cls, {});
+    if (!MroHolds(mro, "typing", "NamedTuple"))
+        return false;
+    // The fields are the names the class bodies annotate, base classes first.
+    for (auto it = mro.rbegin(); it != mro.rend(); ++it) {
+        si::CSingleResolvedInfo *k = Single(it->cls);
+        if (IsTypingModuleName(ModuleNameOfLoc(k->loc)) || k->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+            continue;  // NamedTuple itself, tuple, object
+        nb::object scope = MakeScope(k->loc, NameOf(k));
+        nb::object record = RecordOf(scope);
+        if (record.is_none())
+            continue;
+        for (auto [key, ibytes] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
+            bool annotated = false;
+            for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";"))
+                annotated = annotated || si::GetInfoBytesKind(si::BareSingle(single)) == si::kTypeHintKind;
+            if (annotated)
+                positions.push_back(EntryValues(scope, record, si::TextView(ibytes, "ibytes"), -2).AsFrozenSet());
+        }
+    }
+    return !positions.empty();
+}
+
+ValueSet CEvaluator::TypedDictItem(nb::handle single, std::string_view key) {
+    ValueSet out;
+    nb::object cls = ClassOfInstance(single);
+    if (cls.is_none() || !Single(single)->IsInstance(false))
+        return out;
+    std::vector<MroEntry> mro = Mro(cls, {});
+    if (!MroHolds(mro, "typing", "TypedDict"))
+        return out;
+    for (const MroEntry &e : mro) {
+        si::CSingleResolvedInfo *k = Single(e.cls);
+        int redirect = 0;
+        if (FindLocal(MakeScope(k->loc, NameOf(k)), key, -2, out, redirect))
+            return out;
+    }
+    return out;
 }
 
 nb::object CEvaluator::WithTypeArgs(nb::handle cls, const std::vector<ValueSet> &args) {
@@ -699,7 +816,15 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
         ValueSet keys, values;
         for (std::int32_t i = 0; i + 1 < n.kids_count && (std::size_t) i < 2 * kMaxDisplayItems; i += 2) {
             std::int32_t key = tree.Kid(n, i);
-            if (key < 0 || tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred)
+            if (key >= 0 && tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred) {
+                // {**other}: the keys other iterates, what they index.
+                ValueSet other = Eval(tree, tree.Kid(tree.nodes[(std::size_t) key], 0), frame);
+                ValueSet other_keys = IterItems(other);
+                keys.Merge(other_keys);
+                values.Merge(CallDunder(other, "__getitem__", {other_keys}));
+                continue;
+            }
+            if (key < 0)
                 continue;
             keys.Merge(Eval(tree, key, frame));
             values.Merge(Eval(tree, tree.Kid(n, i + 1), frame));
@@ -788,6 +913,17 @@ ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Fr
         ValueSet iterable = Eval(tree, tree.Kid(c, 1), inner);
         ValueSet items = IterItems(iterable);
         BindTarget(tree, tree.Kid(c, 0), items, locals, item_at);
+        // `if (z := f(v))` in a condition binds z for what follows.
+        for (std::int32_t k = 2; k < c.kids_count; ++k) {
+            std::int32_t cond = tree.Kid(c, k);
+            if (cond < 0 || tree.nodes[(std::size_t) cond].kind != NodeKind::kNamedExpr)
+                continue;
+            const Node &walrus = tree.nodes[(std::size_t) cond];
+            std::int32_t target = tree.Kid(walrus, 0);
+            if (target >= 0 && tree.nodes[(std::size_t) target].kind == NodeKind::kName)
+                locals.emplace_back(std::string(TokText(tree, tree.nodes[(std::size_t) target].aux)),
+                                    Eval(tree, tree.Kid(walrus, 1), inner));
+        }
     }
     if (n.kind == NodeKind::kDictComp) {
         ValueSet keys = Eval(tree, tree.Kid(n, 0), inner);

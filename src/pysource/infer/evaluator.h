@@ -23,6 +23,7 @@
 
 #include "pysource/infer/inferencectx.h"
 #include "pysource/infer/inferenceengine.h"
+#include "pysource/packedops.h"
 #include "pysource/pgeninspect/tree.h"
 #include "pysource/pytext.h"
 #include "pysource/resolvedinfo.h"
@@ -38,6 +39,9 @@ inline symbolinfo::CSingleResolvedInfo *Single(nb::handle obj) {
 inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
     return symbolinfo::TextView(s->scope->name, "name");
 }
+
+// Whether a single is the None literal.
+bool IsNoneLiteral(nb::handle single);
 
 // A set of singles (CSingleResolvedInfo objects), in the order found,
 // without duplicates, bounded in size.
@@ -58,6 +62,17 @@ public:
 private:
     std::vector<nb::object> fItems;
 };
+
+// The parameters of a def: name, hint text, whether it has a default, and
+// its star kind (0 plain, 1 *args, 2 **kwargs); bare "*" and "/" left out.
+struct Param {
+    std::string name;
+    std::string hint;
+    bool has_default = false;
+    int star = 0;
+    bool keyword_only = false;
+};
+std::vector<Param> ParamsOf(const symbolinfo::DefInfo &def);
 
 // Type variable name -> what it stands for (instances, or classes for
 // type[T]).
@@ -166,7 +181,15 @@ private:
     static bool IsEllipsisArg(nb::handle arg);
     // The type arguments of a tuple by position, or false when it is
     // homogeneous or has none.
-    static bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
+    // A named tuple's instance has the positions of its annotated fields.
+    bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
+    bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
+    // Whether `mro` holds the class `name` of `module` ("typing": any of
+    // typing's modules).
+    bool MroHolds(const std::vector<MroEntry> &mro, std::string_view module, std::string_view name);
+    // The values of the key `key` of an instance of a TypedDict class (none
+    // when it isn't one or has no such key).
+    ValueSet TypedDictItem(nb::handle single, std::string_view key);
     ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
 
@@ -197,6 +220,22 @@ private:
     // engine's flow provider; null when it can't tell.
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Conditions at each body logical of a scope, from the flow provider's
+    // `method` (header index, condition text, a number): "Guards", those
+    // known there (the number: whether it holds); "SkippedIfs", the earlier
+    // `if` blocks (the number: the block's last logical).  Null when it
+    // can't tell.
+    using Guard = std::tuple<long long, std::string, long long>;
+    const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
+    // `values` of the local `name` (set by `entry` of `record`) at
+    // `use_index`, narrowed by the conditions known there that no setting
+    // after them undoes; what was set before an `if` block that sets the
+    // name again reaches past it narrowed by its condition being false.
+    ValueSet Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
+                      long long use_index, ValueSet values);
+    void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
+                  ValueSet &values);
+    ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
     ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
     ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
@@ -226,18 +265,39 @@ private:
                         const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     ValueSet CallDef(nb::handle def, const std::vector<ValueSet> &args,
                      const std::vector<std::pair<std::string, ValueSet>> &kwargs);
-    ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map);
+    // `arguments`: what the call passed to parameters without a hint, read
+    // as those names while the body's returns are.
+    ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,
+                          const std::vector<std::pair<std::string, ValueSet>> &arguments = {});
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     ValueSet IterItems(const ValueSet &values);
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
-    bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given);
+    bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given, const TypeMap &bound);
+    bool ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args = true);
+    bool TypeArgsFit(nb::handle wanted, nb::handle value);
     std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
     ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
                              const Keywords *kwargs = nullptr);
     bool IsProtocolClass(nb::handle cls);
+    // A decorator that names property or a subclass of it (an alias of
+    // property in a stub), read where the def stands.
+    bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
+    // A def as its decorators leave it: a library's hinted decorator is
+    // called with it (functools.cache, contextlib.contextmanager).
+    ValueSet DecoratedDef(nb::handle loc, nb::handle def_single);
+    // Enumerations: a class with enum.Enum in its order; its members are the
+    // plain values its body sets; `value` is what they were set to.
+    bool IsEnumClass(nb::handle cls);
+    bool IsEnumMember(nb::handle owner, std::string_view name, const ValueSet &found);
+    ValueSet EnumMemberValues(nb::handle cls);
+    // The metaclass a class declares or inherits (None when only `type`).
+    nb::object MetaclassOf(nb::handle cls);
+    // A dunder method of the metaclass called on the class objects of
+    // `receivers` (iteration and subscripts of an enumeration's class).
+    ValueSet CallMetaclassDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     bool ProtocolAccepts(nb::handle protocol, nb::handle cls);
 
     // Singles.
@@ -271,6 +331,7 @@ private:
     static constexpr std::uint64_t kStepsPerClockReading = 8;
     int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
+    bool fSawUnboundTypeVar = false;  // a hint read met a type variable bound to nothing
     // Answers that depend on this request's path (a cut cycle, a stop) are
     // not kept: these count them.
     std::uint64_t fCuts = 0;
@@ -392,6 +453,8 @@ private:
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
     std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> fBlockPaths;
+    std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<Guard>>>>
+        fConditions;
 };
 
 }  // namespace pysource::infer

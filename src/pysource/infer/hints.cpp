@@ -93,8 +93,17 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             si::DefInfo def = si::UnpackDefInfo(bare);
             if (!def.return_hint)
                 continue;
-            ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), {});
             nb::object def_scope = MakeScope(p->loc, si::DefLineScope(si::NormalizeScopeName(def.scope_name)));
+            // Called with what the protocol's method wants (__round__(ndigits: int)).
+            std::vector<ValueSet> args;
+            std::vector<Param> params = ParamsOf(def);
+            TypeMap unbound;
+            for (std::size_t i = 1; i < params.size(); ++i) {
+                if (params[i].star || params[i].keyword_only || params[i].has_default)
+                    break;
+                args.push_back(ResolveHintText(def_scope, params[i].hint, &unbound));
+            }
+            ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), args);
             BindTypeVars(def_scope, *def.return_hint, results, found);
             break;
         }
@@ -237,6 +246,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
             if (var != cls_map.end())
                 return var->second;
         }
+        fSawUnboundTypeVar = true;
         return out;  // an unbound type variable says nothing
     }
     if (!s->IsClass()) {
@@ -365,6 +375,21 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                     BindNode(tree, arg, frame, received, map);
                 continue;
             }
+            if (form == "Callable" && arg_nodes.size() == 2) {
+                // Callable[[A, B], R] receiving something callable: R is what
+                // calling it with an A and a B gives.
+                std::vector<ValueSet> call_args;
+                const Node &params = tree.nodes[(std::size_t) arg_nodes[0]];
+                Frame bound{frame.scope, -2, &map, nullptr};
+                if (params.kind == NodeKind::kList)
+                    for (std::int32_t i = 0; i < params.kids_count; ++i)
+                        call_args.push_back(EvalType(tree, tree.Kid(params, i), bound));
+                ValueSet results;
+                for (const nb::object &r : received.Items())
+                    results.Merge(CallValue(r, call_args, {}, frame));
+                BindNode(tree, arg_nodes[1], frame, results, map);
+                continue;
+            }
             if (!form.empty())
                 continue;
             if (NameOf(h) == "type" && h->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
@@ -378,10 +403,40 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                 continue;
             }
             std::vector<std::string> vars = OrderedTypeVars(head);
+            bool builtin_tuple = NameOf(h) == "tuple" && h->loc.is(fLocCache.attr("GetBuiltinLoc")()) &&
+                                 tree.toks[(std::size_t) tree.nodes[(std::size_t) arg_nodes.back()].tok_begin].text != "...";
+            // A call of an async def reads as what it returns: where an
+            // awaitable is wanted, that is what awaiting it gives.
+            std::string_view head_name = NameOf(h);
+            bool awaitable = (head_name == "Coroutine" || head_name == "Awaitable") &&
+                             IsTypingModuleName(ModuleNameOfLoc(h->loc));
             for (const nb::object &r : received.Items()) {
                 nb::object rc = ClassOfInstance(r);
+                if (awaitable && (rc.is_none() || ClassAttribute(rc, "__await__", r, {}, true).Empty())) {
+                    ValueSet result;
+                    result.Add(r);
+                    BindNode(tree, arg_nodes.back(), frame, result, map);
+                    continue;
+                }
+                if (rc.is_none() && Single(r)->IsClass() && IsProtocolClass(head)) {
+                    // A class object fits a protocol through its metaclass
+                    // (iterating an enumeration's class).
+                    TypeMap found = ProtocolTypeArgs(head, vars, r);
+                    for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i)
+                        if (found.count(vars[i]))
+                            BindNode(tree, arg_nodes[i], frame, found[vars[i]], map);
+                    continue;
+                }
                 if (rc.is_none())
                     continue;
+                // tuple[K, V] receiving a tuple of as many known positions:
+                // item by item.
+                std::vector<nb::object> positions;
+                if (builtin_tuple && TuplePositions(r, positions) && positions.size() == arg_nodes.size()) {
+                    for (std::size_t i = 0; i < positions.size(); ++i)
+                        BindNode(tree, arg_nodes[i], frame, ValueSet::FromIterable(positions[i]), map);
+                    continue;
+                }
                 bool nominal = false;
                 for (const MroEntry &e : Mro(rc, MapOfInstance(r))) {
                     si::CSingleResolvedInfo *k = Single(e.cls);

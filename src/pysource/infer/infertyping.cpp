@@ -12,11 +12,13 @@ namespace {
 // typing's special forms and aliases, by the name they have there, with the
 // canonical name the engine works with: the builtin or collections class
 // for an alias of one, else the form's own name.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 61> kSpecialForms{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 63> kSpecialForms{{
     {"Any", "Any"}, {"Optional", "Optional"}, {"Union", "Union"}, {"Literal", "Literal"},
     {"Final", "Final"}, {"ClassVar", "ClassVar"}, {"Annotated", "Annotated"},
     {"TypeGuard", "TypeGuard"}, {"TypeIs", "TypeIs"}, {"Self", "Self"}, {"Never", "Never"},
     {"NoReturn", "NoReturn"}, {"Generic", "Generic"}, {"Protocol", "Protocol"},
+    // The stubs spell these two as variables of the classes below.
+    {"_Generic", "Generic"}, {"_Protocol", "Protocol"},
     {"Callable", "Callable"}, {"Concatenate", "Concatenate"}, {"Unpack", "Unpack"},
     {"Required", "Required"}, {"NotRequired", "NotRequired"}, {"ReadOnly", "ReadOnly"},
     {"TypeAlias", "TypeAlias"}, {"LiteralString", "LiteralString"}, {"TypeVar", "TypeVar"},

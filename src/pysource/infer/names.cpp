@@ -385,6 +385,18 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
         return out;
     std::string_view scope_name = ScopeName(scope);
     nb::object loc = scope.attr("loc");
+    if (redirect == 2 && use_index >= 0 && !out.Empty()) {
+        // A nonlocal name set here before the use: that setting is its value.
+        nb::object record = RecordOf(scope);
+        nb::object entry = record.is_none() ? nb::none() : record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+        if (!entry.is_none())
+            for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
+                si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+                if (split.logical_index && *split.logical_index < use_index &&
+                    SaysValue(si::GetInfoBytesKind(si::BareSingle(single))))
+                    return out;
+            }
+    }
     if (redirect == 1) {
         out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
         return out;
@@ -450,6 +462,11 @@ bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std
 
 ValueSet CEvaluator::LookupInScopeChain(nb::handle module_scope, std::string_view name) {
     ValueSet out;
+    // typing's own stubs name its special forms as the forms, as importers see them.
+    nb::object loc = module_scope.attr("loc");
+    const std::string &module_name = ModuleNameOfLoc(loc);
+    if (IsTypingModuleName(module_name) && !CanonicalSpecialForm(name).empty())
+        return ModuleAttribute(ModuleSingle(loc, module_name), name);
     int redirect = 0;
     if (FindLocal(module_scope, name, -2, out, redirect))
         return out;
@@ -509,11 +526,13 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         return false;
     }
     std::string_view text = si::TextView(entry, "ibytes");
+    if (HasKind(text, si::kArgKind) || HasKind(text, si::kSelfKind))
+        ++fBindingReads;  // a parameter: what a call binds to it decides
     if (HasKind(text, si::kGlobalKind))
         redirect = 1;
     else if (HasKind(text, si::kNonlocalKind))
         redirect = 2;
-    out.Merge(EntryValues(scope, record, text, use_index));
+    out.Merge(Narrowed(scope, record, name, text, use_index, EntryValues(scope, record, text, use_index)));
     return true;
 }
 
@@ -555,7 +574,11 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
             return false;
         std::string hint = si::UnpackTypeHint(bare);
-        return !hint.ends_with("TypeAlias");
+        // A bare `Final` or `ClassVar` names no type: the value does.
+        std::string_view text = si::StripSpaces(hint);
+        std::size_t dot = text.rfind('.');
+        std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
+        return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar";
     };
     bool declared = false;
     for (const auto &[single, at] : singles)
@@ -683,6 +706,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         out.Add(ClassSingle(loc, s));
         return out;
     case si::kFunctionKind:
+        return DecoratedDef(loc, DefSingle(loc, s, kind));
     case si::kUnboundMethodKind:
     case si::kMethodKind:
         out.Add(DefSingle(loc, s, kind));
@@ -732,8 +756,8 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         // What callers passed, as the derived records of this def hold it
         // under the argument's own single.
         std::optional<si::ArgInfo> arg = si::UnpackArgInfo(s);
-        if (arg && arg->index == 0)
-            ++fBindingReads;  // a def's first parameter is bound when it is called as a method
+        if (arg)
+            ++fBindingReads;  // a call binds its def's parameters
         if (!arg || fArgHops >= fEngine.fMaxArgHops)
             return out;  // callers of callers of ...: far enough
         struct Hop {
@@ -917,8 +941,9 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
             }
             return out;
         }
-        if (!canonical.empty()) {
-            // An alias of a builtin or collections class.
+        if (!canonical.empty() && (module_name == "typing" || module_name == "typing_extensions")) {
+            // An alias of a builtin or collections class (typing's own: Set
+            // of collections.abc is the abstract class).
             std::size_t dot = canonical.rfind('.');
             if (dot == std::string_view::npos) {
                 nb::object cls = BuiltinClass(canonical);

@@ -63,17 +63,19 @@ nb::bytes CSingleScopePrimaryScanner::GetInfoBytesForScopeDef_(nb::handle logica
     nb::object arg_decl = nb::str("()");
     nb::object type_params = nb::none();
     nb::object hint_dict = nb::none();
-    Py_ssize_t lpar_i = 2;
+    // The token after the name: `def f(`, `async def f(`.
+    Py_ssize_t after_name = TokenIs(toks, 0, "async") ? 3 : 2;
+    Py_ssize_t lpar_i = after_name;
     Py_ssize_t rpar_i = -1;
 
-    if (count >= 4) {
+    if (count >= after_name + 2) {
         bool has_decl = false;
-        if (TokenIs(toks, 2, "(")) {
+        if (TokenIs(toks, after_name, "(")) {
             has_decl = true;
-        } else if (TokenIs(toks, 2, "[")) {
-            Py_ssize_t rbracket_i = si::PyFindNestingEnd(toks, 2);
+        } else if (TokenIs(toks, after_name, "[")) {
+            Py_ssize_t rbracket_i = si::PyFindNestingEnd(toks, after_name);
             if (TokenIs(toks, rbracket_i, "]")) {
-                type_params = AsStr(si::PyJoinTokens(Slice(toks, 2, rbracket_i + 1)));
+                type_params = AsStr(si::PyJoinTokens(Slice(toks, after_name, rbracket_i + 1)));
                 if (TokenIs(toks, rbracket_i + 1, "(")) {
                     lpar_i = rbracket_i + 1;
                     has_decl = true;

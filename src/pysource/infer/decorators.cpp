@@ -1,0 +1,77 @@
+// Decorators: what a decorator of a library (a hinted def) makes of the
+// def it decorates, and decorators that make a property.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include "pysource/infokinds.h"
+#include "pysource/scopename.h"
+#include "pysource/scoperef.h"
+#include "pysource/symbolinfo.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+
+bool CEvaluator::DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name,
+                                        const std::string &decorator) {
+    std::string_view text = si::StripSpaces(decorator);
+    if (text.empty() || text.find('(') != std::string_view::npos)
+        return false;
+    nb::object scope = MakeScope(loc, si::ParentScopeName(si::NormalizeScopeName(def_scope_name)));
+    nb::object property = BuiltinClass("property");
+    if (property.is_none())
+        return false;
+    si::CSingleResolvedInfo *p = Single(property);
+    for (const nb::object &v : ResolveText(scope, text, -2).Items()) {
+        if (!Single(v)->IsClass())
+            continue;
+        for (const MroEntry &e : Mro(v, {})) {
+            si::CSingleResolvedInfo *k = Single(e.cls);
+            if (k->loc.is(p->loc) && NameOf(k) == "property")
+                return true;
+        }
+    }
+    return false;
+}
+
+ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
+    ValueSet out;
+    out.Add(def_single);
+    si::CSingleResolvedInfo *d = Single(def_single);
+    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    if (def.decorators.empty() || nb::cast<bool>(fLocCache.attr("IsPyiLocation")(loc)))
+        return out;
+    nb::object parent = MakeScope(loc, si::ParentScopeName(NameOf(d)));
+    if (ScopeKindOf(parent) == "class")
+        return out;  // methods: bound as their class says
+    Frame frame{parent, -2, nullptr, nullptr};
+    // Innermost first; a decorator of the project's own, unhinted, is taken
+    // to keep the def it wraps.
+    for (auto it = def.decorators.rbegin(); it != def.decorators.rend(); ++it) {
+        ValueSet decorators;
+        for (const nb::object &deco : ResolveText(parent, si::StripSpaces(*it), -2).Items()) {
+            si::CSingleResolvedInfo *s = Single(deco);
+            if (!s->IsDef() && !s->IsClass())
+                continue;
+            if (s->IsDef()) {
+                si::DefInfo info = si::UnpackDefInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+                if (!info.return_hint || info.return_hint->find_first_not_of(" ") == std::string::npos)
+                    continue;
+            }
+            if (IsLibraryScope(MakeScope(s->loc, "")))
+                decorators.Add(deco);
+        }
+        ValueSet made;
+        std::vector<ValueSet> args{out};
+        const Keywords none;
+        for (const nb::object &callee : SelectOverloads(decorators, args, &none).Items())
+            made.Merge(CallValue(callee, args, {}, frame));
+        if (made.Empty())
+            continue;
+        out = made;
+    }
+    return out;
+}
+
+}  // namespace pysource::infer

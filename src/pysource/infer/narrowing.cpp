@@ -1,0 +1,266 @@
+// Narrowing: what a local name can be where conditions on it are known
+// (`if isinstance(x, str):`, `if x is not None:`, after `if x is None:
+// return`), from the conditions the flow provider reports per body logical.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include "pysource/pgeninspect/parser.h"
+#include "pysource/scopename.h"
+#include "pysource/scoperef.h"
+#include "pysource/symbolinfo.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+using pgen::Node;
+using pgen::NodeKind;
+
+namespace {
+
+std::string_view TokAt(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
+
+bool IsNameNode(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
+    if (node < 0)
+        return false;
+    const Node &n = tree.nodes[(std::size_t) node];
+    return n.kind == NodeKind::kName && TokAt(tree, n.aux) == name;
+}
+
+bool IsNoneNode(const pgen::Tree &tree, std::int32_t node) {
+    const Node &n = tree.nodes[(std::size_t) node];
+    return n.kind == NodeKind::kConstant && TokAt(tree, n.tok_begin) == "None";
+}
+
+// The call `type(name)`.
+bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
+    if (node < 0)
+        return false;
+    const Node &n = tree.nodes[(std::size_t) node];
+    return n.kind == NodeKind::kCall && n.kids_count == 2 && IsNameNode(tree, tree.Kid(n, 0), "type") &&
+           IsNameNode(tree, tree.Kid(n, 1), name);
+}
+
+}  // namespace
+
+bool IsNoneLiteral(nb::handle single) {
+    std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
+}
+
+const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
+    nb::object provider = fEngine.fFlowProvider;
+    if (provider.is_none() || !nb::hasattr(provider, method))
+        return nullptr;
+    std::tuple<std::string, std::string, std::string> key{
+        LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")), method};
+    auto it = fConditions.find(key);
+    if (it == fConditions.end()) {
+        std::optional<std::vector<std::vector<Guard>>> found;
+        nb::object listed = provider.attr(method)(scope.attr("loc"), scope.attr("name"));
+        if (!listed.is_none()) {
+            found.emplace();
+            for (nb::handle at : listed) {
+                std::vector<Guard> here;
+                for (nb::handle g : at) {
+                    nb::handle text = g[1];
+                    if (!text.is_none())
+                        here.emplace_back(nb::cast<long long>(g[0]), nb::cast<std::string>(text),
+                                          nb::cast<long long>(g[2]));
+                }
+                found->push_back(std::move(here));
+            }
+        }
+        it = fConditions.emplace(key, std::move(found)).first;
+    }
+    return it->second ? &*it->second : nullptr;
+}
+
+namespace {
+
+// The singles of a record entry numbered (by logical index) within [from, to],
+// unnumbered ones with them when `with_unnumbered`, as an entry.
+std::string EntryPart(std::string_view entry, long long from, long long to, bool with_unnumbered) {
+    std::string out;
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+        bool in = split.logical_index ? *split.logical_index >= from && *split.logical_index <= to : with_unnumbered;
+        if (!in)
+            continue;
+        if (!out.empty())
+            out.push_back(';');
+        out.append(single);
+    }
+    return out;
+}
+
+}  // namespace
+
+ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
+                              long long use_index, ValueSet values) {
+    if (use_index < 0 || Stop())
+        return values;
+    // The latest setting before the use: conditions read before it say
+    // nothing of the value it sets.
+    long long latest = -1;
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+        if (split.logical_index && *split.logical_index < use_index)
+            latest = std::max(latest, *split.logical_index);
+    }
+    auto parse = [&](const std::string &condition, long long header, auto &&narrow) {
+        Tree tree;
+        std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(condition), 0, true);
+        if (root >= 0)
+            narrow(tree, root, Frame{nb::borrow(scope), header, nullptr, nullptr});
+    };
+    const std::vector<std::vector<Guard>> *skips = ConditionsOf(scope, "SkippedIfs");
+    if (skips && (std::size_t) use_index < skips->size())
+        for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
+            if (latest < header || latest > last)
+                continue;
+            // `if x is None: x = ...`: the earlier values only when x wasn't None.
+            ValueSet before = EntryValues(scope, record, EntryPart(entry, -1, header - 1, true), use_index);
+            parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
+                NarrowBy(tree, root, frame, name, false, before);
+            });
+            before.Merge(EntryValues(scope, record, EntryPart(entry, header, last, false), use_index));
+            values = before;
+            break;
+        }
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    if (!guards || (std::size_t) use_index >= guards->size())
+        return values;
+    for (const auto &[header, condition, holds] : (*guards)[(std::size_t) use_index]) {
+        if (header < latest)
+            continue;
+        parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
+            NarrowBy(tree, root, frame, name, holds != 0, values);
+        });
+    }
+    return values;
+}
+
+void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
+                          ValueSet &values) {
+    if (node < 0)
+        return;
+    const Node &n = tree.nodes[(std::size_t) node];
+    switch (n.kind) {
+    case NodeKind::kName:
+        // A true value is never None.
+        if (holds && TokAt(tree, n.aux) == name) {
+            ValueSet kept;
+            for (const nb::object &v : values.Items())
+                if (!IsNoneLiteral(v))
+                    kept.Add(v);
+            if (!kept.Empty())
+                values = kept;
+        }
+        return;
+    case NodeKind::kUnaryOp:
+        if (TokAt(tree, n.tok_begin) == "not")
+            NarrowBy(tree, tree.Kid(n, 0), frame, name, !holds, values);
+        return;
+    case NodeKind::kBoolOp: {
+        // Each side of a true `and`, of a false `or`, holds alike.
+        std::string_view op = TokAt(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end);
+        if ((op == "and") == holds)
+            for (std::int32_t i = 0; i < n.kids_count; ++i)
+                NarrowBy(tree, tree.Kid(n, i), frame, name, holds, values);
+        return;
+    }
+    case NodeKind::kCall: {
+        // isinstance(name, C) or isinstance(name, (C, D)).
+        if (n.kids_count != 3 || !IsNameNode(tree, tree.Kid(n, 0), "isinstance") ||
+            !IsNameNode(tree, tree.Kid(n, 1), name))
+            return;
+        std::int32_t kinds = tree.Kid(n, 2);
+        const Node &k = tree.nodes[(std::size_t) kinds];
+        ValueSet classes;
+        if (k.kind == NodeKind::kTuple)
+            for (std::int32_t i = 0; i < k.kids_count; ++i)
+                classes.Merge(Eval(tree, tree.Kid(k, i), frame));
+        else
+            classes = Eval(tree, kinds, frame);
+        values = NarrowToClasses(values, classes, holds);
+        return;
+    }
+    case NodeKind::kCompare: {
+        // name is None, name is not None, type(name) is C (and == / !=).
+        if (n.kids_count != 2)
+            return;
+        std::int32_t left = tree.Kid(n, 0), right = tree.Kid(n, 1);
+        std::string op;
+        for (std::int32_t t = tree.nodes[(std::size_t) left].tok_end; t < tree.nodes[(std::size_t) right].tok_begin; ++t)
+            op += std::string(TokAt(tree, t)) + " ";
+        bool equal = op == "is " || op == "== ";
+        if (!equal && op != "is not " && op != "!= ")
+            return;
+        bool positive = equal == holds;
+        if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
+            ValueSet kept;
+            for (const nb::object &v : values.Items())
+                if (IsNoneLiteral(v) == positive)
+                    kept.Add(v);
+            if (positive && kept.Empty())
+                kept.Add(LiteralSingle("None", std::nullopt));
+            if (!kept.Empty())
+                values = kept;
+        } else if (positive && IsTypeOfName(tree, left, name)) {
+            values = NarrowToClasses(values, Eval(tree, right, frame), true);
+        }
+        return;
+    }
+    default:
+        return;
+    }
+}
+
+// The values that are (`holds`) or aren't instances of one of `classes`; a
+// value of a base of one of them, when it must be one, becomes an instance
+// of that class.
+ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds) {
+    std::vector<nb::object> wanted;
+    for (const nb::object &c : classes.Items()) {
+        if (!Single(c)->IsClass() || !SpecialFormOf(c).empty())
+            return values;  // something isinstance can't be read from here
+        wanted.push_back(c);
+    }
+    if (wanted.empty())
+        return values;
+    auto same = [](nb::handle a, nb::handle b) {
+        si::CSingleResolvedInfo *x = Single(a), *y = Single(b);
+        return x->loc.is(y->loc) && NameOf(x) == NameOf(y);
+    };
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        nb::object cls = ClassOfInstance(v);
+        if (cls.is_none()) {
+            if (!holds)
+                out.Add(v);
+            continue;
+        }
+        bool is_one = false;
+        for (const MroEntry &e : Mro(cls, {}))
+            for (const nb::object &w : wanted)
+                is_one = is_one || same(e.cls, w);
+        if (is_one == holds) {
+            out.Add(v);
+            continue;
+        }
+        if (holds)
+            for (const nb::object &w : wanted)
+                for (const MroEntry &e : Mro(w, {}))
+                    if (same(e.cls, cls)) {
+                        out.Merge(InstanceOf(w, nb::none()));
+                        break;
+                    }
+    }
+    if (holds && out.Empty())
+        for (const nb::object &w : wanted)
+            out.Merge(InstanceOf(w, nb::none()));
+    return out.Empty() ? values : out;
+}
+
+}  // namespace pysource::infer

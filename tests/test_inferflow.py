@@ -1,0 +1,40 @@
+"""The flow provider's conditions per body logical: the guards known there
+and the earlier `if` blocks a value may have skipped."""
+
+import collections
+
+from pysource import inferflow, logicalline as ll
+
+_L = collections.namedtuple("_L", "fType fIndentLevel fToks")
+
+
+def _Logical(kind, indent, text):
+    return _L(kind, indent, text.split())
+
+
+BODY = [
+    _Logical(ll.kIfBeginning, 4, "if x is None :"),        # 0
+    _Logical(ll.kReturn, 8, "return 0"),                   # 1
+    _Logical(ll.kIfBeginning, 4, "if isinstance ( y , int ) :"),  # 2
+    _Logical(ll.kExpression, 8, "y"),                      # 3
+    _Logical(ll.kElifBeginning, 4, "elif y :"),            # 4
+    _Logical(ll.kExpression, 8, "y"),                      # 5
+    _Logical(ll.kElseBeginning, 4, "else :"),              # 6
+    _Logical(ll.kExpression, 8, "y"),                      # 7
+    _Logical(ll.kIfBeginning, 4, "if z is None :"),        # 8
+    _Logical(ll.kAssignment, 8, "z = 1"),                  # 9
+    _Logical(ll.kExpression, 4, "z"),                      # 10
+]
+
+
+def test_guards_and_skipped_ifs_per_logical():
+    guards, skips = inferflow._Conditions(BODY)
+    left = (0, "x is None", False)
+    is_int = "isinstance ( y , int )"
+    assert guards[1] == ((0, "x is None", True),)
+    assert guards[3] == (left, (2, is_int, True))
+    assert guards[5] == (left, (2, is_int, False), (4, "y", True))
+    assert guards[7] == (left, (2, is_int, False), (4, "y", False))
+    assert guards[10] == (left,)
+    assert skips[9] == ()
+    assert skips[10] == ((8, "z is None", 9),)
