@@ -520,6 +520,19 @@ class TestUnsoundDatabases:
         if case == "newer schema":
             assert "reads schema version 99" in err
 
+    def test_a_reader_checks_the_whole_file_only_after_it_changed(self, indexed_db, capsys):
+        """A reader trusts the file as a writer of ours left it (same size,
+        change time and inode); any other change makes it check every page
+        and row again."""
+        before = indexed_db.stat()
+        damage("UPDATE records SET type_equivs = 'text'")(indexed_db)
+        assert indexed_db.stat().st_size == before.st_size
+        os.utime(indexed_db, ns=(before.st_atime_ns, before.st_mtime_ns))
+        assert run(capsys, "stats")[0] == 0         # left as verified: not read whole
+        os.utime(indexed_db)
+        code, _, err = run(capsys, "stats")
+        assert code == cli.kExitDatabase and "wrong kind" in err
+
     def test_a_bad_blob_is_found_when_read(self, indexed_db, capsys):
         damage("UPDATE records SET type_equivs = x'ff00ff'")(indexed_db)
         before = indexed_db.read_bytes()

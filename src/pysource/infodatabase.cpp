@@ -2,6 +2,10 @@
 
 #include <nanobind/stl/string.h>
 
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
 #include <utility>
 
 namespace pysource {
@@ -156,7 +160,7 @@ void CInfoDatabase::CheckIntegrity() {
     Damaged("integrity check: " + detail);
 }
 
-void CInfoDatabase::CheckTables() {
+void CInfoDatabase::CheckTables(bool scan_rows) {
     for (const TableShape &table : kTableShapes) {
         std::string columns;
         std::string query = "PRAGMA table_info(";
@@ -171,6 +175,8 @@ void CInfoDatabase::CheckTables() {
         if (columns != table.columns)
             Damaged(std::string("the table '") + table.name + "' has the columns " + columns +
                     " instead of " + table.columns);
+        if (!scan_rows)
+            continue;
         nb::object bad = Execute(table.bad_row_query).attr("fetchone")();
         if (!bad.is_none())
             Damaged(std::string("a row of the table '") + table.name +
@@ -207,7 +213,9 @@ CInfoDatabase::CInfoDatabase(std::string path, bool read_only)
 void CInfoDatabase::Open() {
     fConn = Connect();
     // A file that is not a database fails here, before anything is written.
-    CheckIntegrity();
+    bool trusted = fReadOnly && VerifiedAsItIs();
+    if (!trusted)
+        CheckIntegrity();
     std::int64_t app = nb::cast<std::int64_t>(Execute("PRAGMA application_id").attr("fetchone")()[0]);
     std::int64_t ver = nb::cast<std::int64_t>(Execute("PRAGMA user_version").attr("fetchone")()[0]);
     std::int64_t tables =
@@ -220,7 +228,10 @@ void CInfoDatabase::Open() {
         Fail("opening", "the file holds no pysource index");
     Execute("PRAGMA cache_size=-8192");  // KiB: a batch of writes stays off the disk until commit
     if (ver == kSchemaVersion || fReadOnly) {
-        CheckTables();
+        CheckTables(!trusted);
+        fFoundSound = true;
+        if (fReadOnly && !trusted)
+            NoteVerified();
         if (!fReadOnly) {
             Execute("PRAGMA journal_mode=WAL");
             Execute("PRAGMA synchronous=NORMAL");
@@ -244,6 +255,7 @@ void CInfoDatabase::Open() {
         DropSchema();
         CreateSchema();
         Commit();
+        fFoundSound = true;
     } catch (...) {
         Rollback();
         throw;
@@ -274,6 +286,39 @@ void CInfoDatabase::Close() {
         }
     }
     Guarded("closing", [&] { conn.attr("close")(); });
+    if (!fReadOnly && fFoundSound)
+        NoteVerified();  // what is there now is what we wrote over a sound file
+}
+
+std::string CInfoDatabase::FileStamp() const {
+    struct stat st {};
+    if (::stat(fPath.c_str(), &st) != 0)
+        return "";
+    std::ostringstream stamp;
+    stamp << st.st_size << ' ' << st.st_mtim.tv_sec << '.' << st.st_mtim.tv_nsec << ' ' << st.st_ino;
+    return stamp.str();
+}
+
+bool CInfoDatabase::VerifiedAsItIs() const {
+    struct stat wal {};
+    if (::stat((fPath + "-wal").c_str(), &wal) == 0 && wal.st_size > 0)
+        return false;  // a writer is at work, or one was stopped
+    std::string stamp = FileStamp();
+    std::ifstream in(fPath + "-verified");
+    std::string noted;
+    return !stamp.empty() && std::getline(in, noted) && noted == stamp;
+}
+
+void CInfoDatabase::NoteVerified() const {
+    struct stat wal {};
+    if (::stat((fPath + "-wal").c_str(), &wal) == 0 && wal.st_size > 0)
+        return;
+    std::string stamp = FileStamp();
+    if (stamp.empty())
+        return;
+    // Best effort: a folder we may not write keeps every open checking.
+    std::ofstream out(fPath + "-verified", std::ios::trunc);
+    out << stamp << '\n';
 }
 
 nb::object CInfoDatabase::Execute(const char *sql, nb::handle params) {

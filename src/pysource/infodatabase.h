@@ -122,7 +122,15 @@ private:
     nb::object ConnectReadOnly();
     [[noreturn]] void Damaged(const std::string &detail);
     void CheckIntegrity();
-    void CheckTables();
+    // The columns of every table, and with `scan_rows` each table's rows for
+    // values of the wrong kind.
+    void CheckTables(bool scan_rows);
+    // A whole check reads the whole file.  A reader skips it when the file
+    // is as it was last found sound or left by a writer of ours: same size,
+    // change time and inode, and no write-ahead log pending.
+    std::string FileStamp() const;  // "" when it can't be told
+    bool VerifiedAsItIs() const;
+    void NoteVerified() const;
     void CheckVersion(std::int64_t version);
     void CreateSchema();
     void DropSchema();
@@ -139,6 +147,7 @@ private:
     nb::object fConn;
     bool fReadOnly = false;
     bool fInTransaction = false;
+    bool fFoundSound = false;  // the open's checks passed
 };
 
 }  // namespace pysource
