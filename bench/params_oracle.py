@@ -2,10 +2,12 @@
 records against a package's functions, checked against the types those
 functions really receive while the package's own test suite runs.
 
-    python bench/params_oracle.py [--package toolz] [--with-tests] [--samples N]
+    python bench/params_oracle.py [--package toolz] [--module NAME] [--with-tests] [--samples N]
 
 The package's sdist is downloaded once into the cache folder and unpacked
-there.  The test suite runs in a child process under a profiling hook that
+there; its importable folder (`--module`, by default the package's name with
+`_` for `-`) is found at the top or under `src/`, its tests inside it or
+beside it.  The test suite runs in a child process under a profiling hook that
 notes, per function of the package (the tests left out) and per parameter,
 the runtime type of every argument a caller passed; a value that is the
 parameter's own default object counts as not passed, though a type we report
@@ -36,7 +38,7 @@ import time
 
 kDefaultPackage = "toolz"
 kDefaultCache = os.path.join(os.path.expanduser("~"), ".cache", "pysource-oracle")
-kTestsDirName = "tests"
+kTestsDirNames = ("tests", "test")
 kAbstractClasses = ("Iterator", "Iterable", "Generator", "Mapping", "MutableMapping", "Sequence",
                     "MutableSequence", "Set", "Collection", "Container", "Callable", "Hashable",
                     "Sized", "Reversible")
@@ -55,11 +57,12 @@ def UnpackedPackage(name, cache):
     """The folder of the unpacked sdist of `name` in `cache`, downloaded and
     unpacked when it isn't there yet."""
     os.makedirs(cache, exist_ok=True)
-    archives = glob.glob(os.path.join(cache, f"{name}-*.tar.gz"))
+    patterns = {os.path.join(cache, f"{n}-*.tar.gz") for n in (name, name.replace("-", "_"))}
+    archives = [a for pattern in patterns for a in glob.glob(pattern)]
     if not archives:
         subprocess.run([sys.executable, "-m", "pip", "download", "-q", "--no-binary", ":all:",
                         "--no-deps", name, "-d", cache], check=True)
-        archives = glob.glob(os.path.join(cache, f"{name}-*.tar.gz"))
+        archives = [a for pattern in patterns for a in glob.glob(pattern)]
     archive = sorted(archives)[-1]
     root = archive[:-len(".tar.gz")]
     if not os.path.isdir(root):
@@ -81,6 +84,7 @@ class CArgTracer:
         self.fDefaulted = collections.defaultdict(lambda: collections.defaultdict(set))
         self.fSupertypes = collections.defaultdict(lambda: collections.defaultdict(set))
         self.fCalls = collections.Counter()
+        self.fFailures = 0           # calls whose arguments could not be described
         self._fParamsOf = {}
 
     def _Params(self, code):
@@ -118,6 +122,12 @@ class CArgTracer:
     def __call__(self, frame, event, _arg):
         if event != "call":
             return
+        try:
+            self._Note(frame)
+        except Exception:  # an exception here would unset the hook for the rest of the run
+            self.fFailures += 1
+
+    def _Note(self, frame):
         code = frame.f_code
         params = self._Params(code)
         if not params:
@@ -190,9 +200,21 @@ def _TraceMain(source_dir, tests_dir, out_path):
     return int(code)
 
 
-def RunTracedSuite(root, package, out_path):
-    source_dir = os.path.join(root, package)
-    tests_dir = os.path.join(source_dir, kTestsDirName)
+def SourceAndTestsDirs(root, module):
+    """(the module's folder, its tests' folder) in the unpacked sdist."""
+    source_dir = next((d for d in (os.path.join(root, module), os.path.join(root, "src", module))
+                       if os.path.isdir(d)), None)
+    if source_dir is None:
+        raise SystemExit(f"no folder {module} in {root}; name it with --module")
+    tests_dir = next((os.path.join(parent, name) for parent in (source_dir, root)
+                      for name in kTestsDirNames if os.path.isdir(os.path.join(parent, name))),
+                     None)
+    if tests_dir is None:
+        raise SystemExit(f"no tests folder in {source_dir} or {root}")
+    return source_dir, tests_dir
+
+
+def RunTracedSuite(root, source_dir, tests_dir, out_path):
     started = time.time()
     result = subprocess.run([sys.executable, __file__, "--trace", source_dir, tests_dir, out_path],
                             cwd=root, capture_output=True, text=True)
@@ -204,12 +226,16 @@ def RunTracedSuite(root, package, out_path):
 
 # Our side
 
-def IndexPackage(source_dir, db_path, with_tests):
+def PythonFiles(folder):
+    return {os.path.join(d, f) for d, _dirs, names in os.walk(folder)
+            for f in names if f.endswith(".py")}
+
+
+def IndexPackage(source_dir, tests_dir, db_path, with_tests):
     """`pysource index` of the package's source, its tests left out unless
     `with_tests`."""
-    files = [os.path.join(d, f) for d, dirs, names in os.walk(source_dir)
-             for f in names if f.endswith(".py")
-             if with_tests or os.sep + kTestsDirName not in d[len(source_dir):]]
+    tests = PythonFiles(tests_dir)
+    files = (PythonFiles(source_dir) - tests) | (tests if with_tests else set())
     if os.path.exists(db_path):
         os.remove(db_path)
     started = time.time()
@@ -381,7 +407,8 @@ def Compare(trace, source_dir, db_path, seconds, samples):
 
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--package", default=kDefaultPackage)
+    parser.add_argument("--package", default=kDefaultPackage, help="the name of the sdist")
+    parser.add_argument("--module", help="the importable folder, if not the package's name")
     parser.add_argument("--cache", default=kDefaultCache)
     parser.add_argument("--seconds", type=float, default=2.0, help="time for each resolve")
     parser.add_argument("--samples", type=int, default=4, help="samples per kind of disagreement")
@@ -392,12 +419,12 @@ def main(argv=None):
     if args.trace:
         return _TraceMain(*args.trace)
     root = UnpackedPackage(args.package, args.cache)
-    source_dir = os.path.join(root, args.package)
+    source_dir, tests_dir = SourceAndTestsDirs(root, args.module or args.package.replace("-", "_"))
     print(f"package: {os.path.basename(root)} ({root}); callers in its tests are "
           + ("indexed too" if args.with_tests else "left out"))
-    trace = RunTracedSuite(root, args.package, os.path.join(root, "runtime-args.json"))
+    trace = RunTracedSuite(root, source_dir, tests_dir, os.path.join(root, "runtime-args.json"))
     db_path = os.path.join(root, "oracle-index.db")
-    IndexPackage(source_dir, db_path, args.with_tests)
+    IndexPackage(source_dir, tests_dir, db_path, args.with_tests)
     Compare(trace, source_dir, db_path, args.seconds, args.samples)
     return 0
 
