@@ -251,7 +251,8 @@ def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
             continue
         caller = record.key.scanned_scope
         for key, ibytes in record.type_equivs.items():
-            arg = symbolinfo.UnpackArgInfo(key)
+            # Other keys: names of the def's body narrowed from outside.
+            arg = symbolinfo.UnpackArgInfo(key) if symbolinfo.IsIndexedArgName(key) else None
             param = _ParamAt(params, arg[0]) if arg is not None else None
             if param is None:
                 continue
