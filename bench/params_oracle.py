@@ -414,6 +414,8 @@ def main(argv=None):
     parser.add_argument("--samples", type=int, default=4, help="samples per kind of disagreement")
     parser.add_argument("--with-tests", action="store_true",
                         help="index the tests too, so that their calls count as callers")
+    parser.add_argument("--reuse-trace", action="store_true",
+                        help="read the runtime types of the last run instead of running the suite")
     parser.add_argument("--trace", nargs=3, metavar=("SOURCE", "TESTS", "OUT"), help=argparse.SUPPRESS)
     args = parser.parse_args(argv)
     if args.trace:
@@ -422,7 +424,12 @@ def main(argv=None):
     source_dir, tests_dir = SourceAndTestsDirs(root, args.module or args.package.replace("-", "_"))
     print(f"package: {os.path.basename(root)} ({root}); callers in its tests are "
           + ("indexed too" if args.with_tests else "left out"))
-    trace = RunTracedSuite(root, source_dir, tests_dir, os.path.join(root, "runtime-args.json"))
+    trace_path = os.path.join(root, "runtime-args.json")
+    if args.reuse_trace and os.path.exists(trace_path):
+        with open(trace_path) as f:
+            trace = json.load(f)
+    else:
+        trace = RunTracedSuite(root, source_dir, tests_dir, trace_path)
     db_path = os.path.join(root, "oracle-index.db")
     IndexPackage(source_dir, tests_dir, db_path, args.with_tests)
     Compare(trace, source_dir, db_path, args.seconds, args.samples)
