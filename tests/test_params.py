@@ -110,3 +110,18 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
         project / "app.py") + ":9")
     code, out, _err = run(capsys, "show", "lib.py:Foo", "--json")
     assert "callers_pass" not in json.loads(out)[0]
+
+
+# What a caller passes is what reaches its call, by Python's rules.
+@pytest.mark.parametrize("body, expected", [
+    # A setting after the call doesn't reach it.
+    ("x = 1\n    target(x)\n    x = 's'", {"int"}),
+    ("x = b''\n    x = target(x)", {"bytes"}),
+])
+def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, expected):
+    (tmp_path / "lib.py").write_text("def target(a):\n    return a\n")
+    (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run():\n    {body}\n")
+    monkeypatch.chdir(tmp_path)
+    assert run(capsys, "index")[0] == 0
+    _found, params = params_json(capsys, "target")
+    assert set(types_of(params["a"])) == expected

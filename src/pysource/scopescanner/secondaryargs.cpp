@@ -4,6 +4,7 @@
 // the called definitions' parameters.  Also the one way in which the scan
 // resolves source text, where the final-try rule applies.
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -89,6 +90,9 @@ nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ib
     nb::tuple called = si::PyUnpackCalled(called_ibytes);
     nb::object arg_text = called[1];
     RequireStr(arg_text, "the argument text of a call");
+    // Each argument is read where the call stands: its text carries the
+    // call's logical index.
+    std::optional<long long> call_at = si::SplitLogicalIndexSuffix(TextOf(called_ibytes)).logical_index;
     nb::list result;
     Py_ssize_t i = 0;
     for (nb::handle arg : si::PySplitArguments(arg_text)) {
@@ -98,7 +102,12 @@ nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ib
         } else if (si::IsAtomExpr(text) || IsSignedNumberText(text)) {
             if (DbgStatsOn())
                 DbgCountScanHit_(nb::str("called-arg-resolve"));
-            result.append(GetInfoBytesForResolvedArgText_(arg, ctx));
+            nb::object at_call = nb::borrow(arg);
+            if (call_at) {
+                std::string suffixed = si::AppendLogicalIndexBytesSuffix(text, std::to_string(*call_at));
+                at_call = nb::str(suffixed.data(), suffixed.size());
+            }
+            result.append(GetInfoBytesForResolvedArgText_(at_call, ctx));
         } else {
             result.append(nb::none());  // a compound expression is given up at once
         }
@@ -109,7 +118,9 @@ nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ib
 
 nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::handle arg_text,
                                                                          nb::handle ctx) {
-    std::string_view text = TextOf(arg_text);
+    // The text may end with the logical index it is read at.
+    si::SuffixSplit split = si::SplitLogicalIndexSuffix(TextOf(arg_text));
+    std::string_view text = split.single;
     if (text != si::StripSpaces(text))
         RaiseAssertion("argument text must be stripped");
     nb::bytes utf8 = Bytes(text);
@@ -120,7 +131,7 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
         tok = GetTokenType(utf8, 1);
         end = GetTokenEnd(utf8, 1, false);
     }
-    nb::object literal = kSaveLiteralText ? nb::borrow(arg_text) : nb::none();
+    nb::object literal = kSaveLiteralText ? nb::object(nb::str(text.data(), text.size())) : nb::none();
     switch (tok) {
     case kTokName: {
         if (text == "None")
@@ -134,7 +145,10 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
             // The name travels with the scope it was used in and is
             // evaluated when the derived record is read.
             si::CScope &ours = ScopeOf(our_scope);
-            return si::PyPrefixWithLocationAndScope(utf8, ours.loc, ours.name);
+            nb::object lazy = si::PyPrefixWithLocationAndScope(utf8, ours.loc, ours.name);
+            if (!split.logical_index)
+                return lazy;
+            return Bytes(si::AppendLogicalIndexBytesSuffix(TextOf(lazy), std::to_string(*split.logical_index)));
         }
         nb::object resolved = ResolveInThisScope_(arg_text, true, ctx);
         if (resolved.is_none() || !HasItems(resolved))
