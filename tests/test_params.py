@@ -113,15 +113,22 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
 
 
 # What a caller passes is what reaches its call, by Python's rules.
-@pytest.mark.parametrize("body, expected", [
+@pytest.mark.parametrize("body, param, expected", [
     # A setting after the call doesn't reach it.
-    ("x = 1\n    target(x)\n    x = 's'", {"int"}),
-    ("x = b''\n    x = target(x)", {"bytes"}),
+    ("x = 1\n    target(x)\n    x = 's'", "a", {"int"}),
+    ("x = b''\n    x = target(x)", "a", {"bytes"}),
+    # Keywords go to the parameter of that name, not to a position.
+    ("target(1, k='s', b=1.5)", "b", {"float"}),
+    ("target(1, k='s', b=1.5)", "rest", set()),
+    ("target(k=1)", "a", set()),
+    ("target(a == 1, 2)", "a", set()),
+    # Past an unpacked argument, positions are unknown.
+    ("target(*[1], 's')", "b", set()),
 ])
-def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, expected):
-    (tmp_path / "lib.py").write_text("def target(a):\n    return a\n")
+def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
+    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n")
     (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run():\n    {body}\n")
     monkeypatch.chdir(tmp_path)
     assert run(capsys, "index")[0] == 0
     _found, params = params_json(capsys, "target")
-    assert set(types_of(params["a"])) == expected
+    assert set(types_of(params[param])) == expected

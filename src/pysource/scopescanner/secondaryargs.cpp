@@ -90,30 +90,82 @@ nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ib
     nb::tuple called = si::PyUnpackCalled(called_ibytes);
     nb::object arg_text = called[1];
     RequireStr(arg_text, "the argument text of a call");
-    // Each argument is read where the call stands: its text carries the
-    // call's logical index.
     std::optional<long long> call_at = si::SplitLogicalIndexSuffix(TextOf(called_ibytes)).logical_index;
     nb::list result;
     Py_ssize_t i = 0;
+    bool unpacked = false;  // past a `*x`, positions are unknown
     for (nb::handle arg : si::PySplitArguments(arg_text)) {
         std::string_view text = TextOf(arg);
-        if (!skip_indexes.is_none() && Contains(skip_indexes, nb::int_(i))) {
+        unpacked = unpacked || StartsWith(text, "*");
+        if (unpacked || (!skip_indexes.is_none() && Contains(skip_indexes, nb::int_(i))))
             result.append(nb::none());
-        } else if (si::IsAtomExpr(text) || IsSignedNumberText(text)) {
-            if (DbgStatsOn())
-                DbgCountScanHit_(nb::str("called-arg-resolve"));
-            nb::object at_call = nb::borrow(arg);
-            if (call_at) {
-                std::string suffixed = si::AppendLogicalIndexBytesSuffix(text, std::to_string(*call_at));
-                at_call = nb::str(suffixed.data(), suffixed.size());
-            }
-            result.append(GetInfoBytesForResolvedArgText_(at_call, ctx));
-        } else {
-            result.append(nb::none());  // a compound expression is given up at once
-        }
+        else
+            result.append(ArgInfoBytesAt(text, call_at, ctx));
         ++i;
     }
     return result;
+}
+
+nb::object CSingleScopeSecondaryScanner::ArgInfoBytesAt(std::string_view text,
+                                                        std::optional<long long> call_at,
+                                                        nb::handle ctx) {
+    if (!si::IsAtomExpr(text) && !IsSignedNumberText(text))
+        return nb::none();  // a compound expression is given up at once
+    if (DbgStatsOn())
+        DbgCountScanHit_(nb::str("called-arg-resolve"));
+    // The argument is read where the call stands: its text carries the
+    // call's logical index.
+    std::string at_call(text);
+    if (call_at)
+        at_call = si::AppendLogicalIndexBytesSuffix(text, std::to_string(*call_at));
+    return GetInfoBytesForResolvedArgText_(nb::str(at_call.data(), at_call.size()), ctx);
+}
+
+void CSingleScopeSecondaryScanner::AddInfoForKeywordArgs(nb::handle derived_list,
+                                                         nb::handle called_ibytes, nb::handle ctx) {
+    std::optional<long long> call_at = si::SplitLogicalIndexSuffix(TextOf(called_ibytes)).logical_index;
+    nb::tuple called = si::PyUnpackCalled(called_ibytes);
+    std::vector<std::pair<std::string, nb::object>> keywords;  // (name, info bytes)
+    for (nb::handle arg : si::PySplitArguments(called[1])) {
+        std::string_view text = TextOf(arg);
+        std::ptrdiff_t equals = si::NonNestedFind(text, "=");
+        if (equals <= 0 || text.substr((std::size_t) equals, 2) == "==")
+            continue;
+        std::string_view name = si::StripSpaces(text.substr(0, (std::size_t) equals));
+        if (!si::IsSingleNameToken(name))
+            continue;  // `a <= b` and the like
+        nb::object ibytes =
+            ArgInfoBytesAt(si::StripSpaces(text.substr((std::size_t) equals + 1)), call_at, ctx);
+        if (!ibytes.is_none())
+            keywords.emplace_back(std::string(name), ibytes);
+    }
+    if (keywords.empty())
+        return;
+    for (nb::handle entry : derived_list) {
+        nb::object derived = entry[0];
+        nb::object def_info = InfoCache().attr("GetScopeInfo")(AsScopeInfo(derived).key->for_scope);
+        if (def_info.is_none())
+            continue;
+        std::string_view own = si::BareSingle(TextOf(def_info.attr("ibytes")));
+        if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+            continue;
+        std::vector<si::DeclParam> params = si::DeclParameters(si::UnpackDefInfo(own).arg_decl);
+        for (const auto &[name, ibytes] : keywords) {
+            for (std::size_t i = 0; i < params.size(); ++i) {
+                const si::DeclParam &param = params[i];
+                if (param.name != name || param.stars || param.positional_only)
+                    continue;
+                // A keyword-only parameter's position is also the place of
+                // the positions that `*args` collects: left out.
+                if (param.keyword_only)
+                    break;
+                // The def's own annotation outranks what call sites say.
+                if (!param.hinted)
+                    AddDerivedInfoForName_(derived, false, AsStr(si::PyBuildArgInfo((long long) i, nb::none())), ibytes);
+                break;
+            }
+        }
+    }
 }
 
 nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::handle arg_text,

@@ -107,6 +107,7 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
         arg_ibytes_list = GetArgInfoBytesList_(called_ibytes, ctx, skip_indexes);
         if (HasItems(arg_ibytes_list))
             AddInfoForUsedArgs_(derived_list, arg_ibytes_list, ctx);
+        AddInfoForKeywordArgs(derived_list, called_ibytes, ctx);
     }
     if (has_typevar_methods) {
         if (arg_ibytes_list.is_none())
