@@ -124,10 +124,20 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(a == 1, 2)", "a", set()),
     # Past an unpacked argument, positions are unknown.
     ("target(*[1], 's')", "b", set()),
+    # Tests of None around the call (v: None or float).
+    ("target(v)", "a", {"None", "float"}),
+    ("if v:\n        target(v)", "a", {"float"}),
+    ("if isinstance(v, float) and v > 1:\n        target(v)", "a", {"float"}),
+    ("if v is None:\n        return\n    target(v)", "a", {"float"}),
+    ("if v is None:\n        v = []\n    target(v)", "a", {"float", "list"}),
+    ("if v is None:\n        pass\n    target(v)", "a", {"None", "float"}),
+    ("if v is not None:\n        v = None\n        target(v)", "a", {"None"}),
+    ("if v is None:\n        return\n    else:\n        target(v)", "a", {"float"}),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
     (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n")
-    (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run():\n    {body}\n")
+    (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run(v=None):\n    {body}\n\n"
+                                     "run(1.5)\n")
     monkeypatch.chdir(tmp_path)
     assert run(capsys, "index")[0] == 0
     _found, params = params_json(capsys, "target")

@@ -18,6 +18,8 @@ _kBranchKinds = frozenset({
     logicalline.kExcept, logicalline.kFinally, logicalline.kMatch, logicalline.kCase,
 })
 _kTransparentKinds = frozenset({logicalline.kWith})
+_kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kContinue,
+                         logicalline.kBreak})
 
 
 def _BlockPaths(body):
@@ -40,13 +42,90 @@ def _BlockPaths(body):
     return paths
 
 
+def _TopLevelParts(toks, word):
+    """`toks` split at `word` outside brackets."""
+    parts, depth = [[]], 0
+    for tok in toks:
+        depth += (tok in "([{") - (tok in ")]}") if len(tok) == 1 else 0
+        if tok == word and depth == 0:
+            parts.append([])
+        else:
+            parts[-1].append(tok)
+    return parts
+
+
+def _IsName(tok):
+    return tok.isidentifier() and tok not in ("None", "True", "False", "not", "is")
+
+
+def _NotNoneIfTrue(toks):
+    """The names a condition's truth shows not None: `x`, `x is not None`,
+    `isinstance(x, ...)`, joined by `and`."""
+    names = set()
+    for part in _TopLevelParts(toks, "and"):
+        if len(part) == 1 and _IsName(part[0]):
+            names.add(part[0])
+        elif len(part) == 4 and _IsName(part[0]) and part[1:] == ["is", "not", "None"]:
+            names.add(part[0])
+        elif len(part) > 4 and part[:2] == ["isinstance", "("] and _IsName(part[2]) \
+                and part[3] == ",":
+            names.add(part[2])
+    return names
+
+
+def _NotNoneIfFalse(toks):
+    """The names a condition's falsity shows not None: `x is None`, `not x`,
+    joined by `or`."""
+    names = set()
+    for part in _TopLevelParts(toks, "or"):
+        if len(part) == 3 and _IsName(part[0]) and part[1:] == ["is", "None"]:
+            names.add(part[0])
+        elif len(part) == 2 and part[0] == "not" and _IsName(part[1]):
+            names.add(part[1])
+    return names
+
+
+def _NoneTests(body, paths):
+    """{logical index of an `if`/`elif` header: (names not None in its block,
+    names not None once the statement is done)}.  The latter holds for an
+    `if` whose false branch is the only way past it for the name: its block
+    leaves (return, raise, continue, break) or sets the name, at its top level."""
+    tests = {}
+    for i, logical in enumerate(body):
+        kind = logical.fType
+        toks = logical.fToks
+        if kind not in (logicalline.kIfBeginning, logicalline.kElifBeginning) or \
+                len(toks) < 3 or toks[-1] != ":":
+            continue
+        condition = toks[1:-1]
+        inside = _NotNoneIfTrue(condition)
+        after = set()
+        if kind == logicalline.kIfBeginning:
+            candidates = _NotNoneIfFalse(condition)
+            block = []
+            for j in range(i + 1, len(body)):
+                if i not in paths[j]:
+                    break
+                if len(paths[j]) == len(paths[i]) + 1 and body[j].fType != logicalline.kComment:
+                    block.append(body[j])
+            if any(b.fType in _kExitKinds for b in block):
+                after = candidates
+            else:
+                after = {b.fToks[0] for b in block if len(b.fToks) > 1
+                         and b.fToks[0] in candidates and b.fToks[1] in ("=", ":")}
+        if inside or after:
+            tests[i] = (frozenset(inside), frozenset(after))
+    return tests
+
+
 class _CBody:
     """What the engine asks of one scope body."""
 
-    __slots__ = ("paths", "generator")
+    __slots__ = ("paths", "generator", "none_tests")
 
     def __init__(self, logicals):
         self.paths = _BlockPaths(logicals)
+        self.none_tests = _NoneTests(logicals, self.paths)
         self.generator = any("yield" in logical.fToks for logical in logicals
                              if logical.fType != logicalline.kComment)
 
@@ -64,6 +143,13 @@ class CBlockStructure:
         indexed by body logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body.paths
+
+    def NoneTests(self, loc, scope_name):
+        """{logical index of an `if`/`elif` header of the body of `scope_name`:
+        (names that are not None in its block, names that are not None once
+        the statement is done)}, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body.none_tests
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

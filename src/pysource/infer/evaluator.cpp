@@ -589,15 +589,24 @@ bool CEvaluator::IsTypeOperand(const ValueSet &values) {
     if (values.Empty())
         return false;
     for (const nb::object &v : values.Items()) {
-        si::CSingleResolvedInfo *s = Single(v);
-        if (s->IsClass())
-            continue;
-        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
-        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None")
+        if (Single(v)->IsClass() || IsNoneLiteral(v))
             continue;
         return false;
     }
     return true;
+}
+
+bool CEvaluator::IsNoneLiteral(nb::handle single) {
+    std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
+}
+
+ValueSet CEvaluator::WithoutNone(const ValueSet &values) {
+    ValueSet out;
+    for (const nb::object &v : values.Items())
+        if (!IsNoneLiteral(v))
+            out.Add(v);
+    return out;
 }
 
 ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &frame) {

@@ -134,6 +134,8 @@ private:
     ValueSet EvalSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalBinOp(const Tree &tree, const pgen::Node &n, const Frame &frame);
     bool IsTypeOperand(const ValueSet &values);
+    static bool IsNoneLiteral(nb::handle single);
+    static ValueSet WithoutNone(const ValueSet &values);
     // The class single `cls` specialised with `args` (list[int] from list).
     nb::object WithTypeArgs(nb::handle cls, const std::vector<ValueSet> &args);
     // Homogeneous tuples carry this set after their item type
@@ -166,13 +168,26 @@ private:
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
+    // With `name`, the values of that name at `use_index` in its own scope,
+    // narrowed by the tests around the use.
     ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
-                         long long use_index);
+                         long long use_index, std::string_view name = {});
     ValueSet ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index);
     // The branch headers around each body logical of a scope, from the
     // engine's flow provider; null when it can't tell.
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // An `if`/`elif` header's tests of None: the names not None in its block,
+    // and those not None once its statement is done.
+    struct NoneTest {
+        long long header;
+        std::set<std::string, std::less<>> inside, after;
+    };
+    const std::vector<NoneTest> *NoneTestsOf(nb::handle scope);
+    static bool IsParameterBinding(std::string_view single);
+    // Whether a value of `name` set at body logical `setting` is surely not
+    // None when it reaches the use at `use`.
+    bool NoneExcluded(nb::handle scope, std::string_view name, long long setting, long long use);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
     ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
     ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
@@ -263,6 +278,7 @@ private:
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
     std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> fBlockPaths;
+    std::map<std::pair<std::string, std::string>, std::optional<std::vector<NoneTest>>> fNoneTests;
 };
 
 }  // namespace pysource::infer

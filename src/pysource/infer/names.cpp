@@ -479,7 +479,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         redirect = 1;
     else if (HasKind(text, si::kNonlocalKind))
         redirect = 2;
-    out.Merge(EntryValues(scope, record, text, use_index));
+    out.Merge(EntryValues(scope, record, text, use_index, name));
     return true;
 }
 
@@ -487,7 +487,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
 // that reach it count: those at the latest logical before it (a name set
 // again later, or in a loop, falls back to all of them).
 ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
-                                 long long use_index) {
+                                 long long use_index, std::string_view name) {
     ValueSet out;
     std::vector<std::pair<std::string_view, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
@@ -506,12 +506,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // The settings that reach the use: back from the latest, until one that
     // surely ran (its block holds the use).
     std::set<long long> reaching;
+    bool rebound = false;  // a setting that surely ran hides the parameter's binding
     if (best > -3) {
         const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
         for (auto it = before.rbegin(); it != before.rend(); ++it) {
             reaching.insert(*it);
-            if (!paths || BlockHolds(*paths, *it, use_index))
+            if (!paths || BlockHolds(*paths, *it, use_index)) {
+                rebound = *it >= 0;
                 break;
+            }
         }
     }
     // A declared type (a hint) governs every setting of the name.
@@ -533,7 +536,12 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         // count; numbered ones only from the reaching logicals when known.
         if (best > -3 && at >= -1 && !reaching.count(at))
             continue;
-        out.Merge(ValuesOfSingle(scope, single, at));
+        if (rebound && at < -1 && IsParameterBinding(single))
+            continue;
+        ValueSet values = ValuesOfSingle(scope, single, at);
+        if (!name.empty() && NoneExcluded(scope, name, at, use_index))
+            values = WithoutNone(values);
+        out.Merge(values);
         if (fGaveUp)
             break;
     }
@@ -561,6 +569,64 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
         it = fBlockPaths.emplace(key, std::move(paths)).first;
     }
     return it->second ? &*it->second : nullptr;
+}
+
+// A parameter's binding in its def's body: what callers pass, or its
+// default (read on the def line).
+bool CEvaluator::IsParameterBinding(std::string_view single) {
+    si::Kind kind = si::GetInfoBytesKind(si::BareSingle(single));
+    return kind == si::kArgKind || kind == si::kDefLineScopeKind;
+}
+
+const std::vector<CEvaluator::NoneTest> *CEvaluator::NoneTestsOf(nb::handle scope) {
+    nb::object provider = fEngine.fFlowProvider;
+    if (provider.is_none() || !nb::hasattr(provider, "NoneTests"))
+        return nullptr;
+    std::pair<std::string, std::string> key{LocationUrl(scope.attr("loc")), std::string(ScopeName(scope))};
+    auto it = fNoneTests.find(key);
+    if (it == fNoneTests.end()) {
+        std::optional<std::vector<NoneTest>> tests;
+        nb::object found = provider.attr("NoneTests")(scope.attr("loc"), scope.attr("name"));
+        if (!found.is_none()) {
+            tests.emplace();
+            for (auto [header, names] : nb::borrow<nb::dict>(found)) {
+                NoneTest test{nb::cast<long long>(header), {}, {}};
+                for (nb::handle n : names[0])
+                    test.inside.insert(nb::cast<std::string>(n));
+                for (nb::handle n : names[1])
+                    test.after.insert(nb::cast<std::string>(n));
+                tests->push_back(std::move(test));
+            }
+        }
+        it = fNoneTests.emplace(key, std::move(tests)).first;
+    }
+    return it->second ? &*it->second : nullptr;
+}
+
+bool CEvaluator::NoneExcluded(nb::handle scope, std::string_view name, long long setting, long long use) {
+    if (use < 0)
+        return false;
+    const std::vector<NoneTest> *tests = NoneTestsOf(scope);
+    const std::vector<std::vector<long long>> *paths = tests ? BlockPathsOf(scope) : nullptr;
+    if (!paths || (std::size_t) use >= paths->size())
+        return false;
+    const std::vector<long long> &use_path = (*paths)[(std::size_t) use];
+    for (const NoneTest &test : *tests) {
+        long long h = test.header;
+        // Only a value set before the test is tested by it.
+        if (h >= use || setting >= h || (std::size_t) h >= paths->size())
+            continue;
+        bool encloses = std::find(use_path.begin(), use_path.end(), h) != use_path.end();
+        if (encloses && test.inside.count(name))
+            return true;
+        // Past the statement (or in its elif / else blocks), when the use
+        // can't be reached without passing the test.
+        const std::vector<long long> &test_path = (*paths)[(std::size_t) h];
+        if (!encloses && test.after.count(name) && test_path.size() <= use_path.size() &&
+            std::equal(test_path.begin(), test_path.end(), use_path.begin()))
+            return true;
+    }
+    return false;
 }
 
 // Whether the block of body logical `setting` holds body logical `use`: the
