@@ -162,7 +162,26 @@ class CArgTracer:
 _kNoDefault = object()
 
 
+def _PublicNames():
+    """{class: name} of the classes that `types` (and `io`) name publicly
+    though their own module says otherwise (`frame` is `types.FrameType`)."""
+    import io
+    import types
+    return {cls: f"{module.__name__}.{name}" for module in (types, io)
+            for name, cls in vars(module).items()
+            if isinstance(cls, type) and not name.startswith("_")
+            and cls.__module__ != module.__name__}
+
+
+_kPublicNames = None
+
+
 def ClassName(cls):
+    global _kPublicNames
+    if _kPublicNames is None:
+        _kPublicNames = _PublicNames()
+    if cls in _kPublicNames:
+        return _kPublicNames[cls]
     qualname = cls.__qualname__.replace(".<locals>", "")
     module = cls.__module__
     return qualname if module == "builtins" else f"{module}.{qualname}"
@@ -276,8 +295,9 @@ def RuntimeComparable(name):
 
 
 def OurParams(index, source_dir, path, qualname, seconds):
-    """{parameter name: set of our comparable type texts} of the function,
-    or None when the index has no def of that name in the file."""
+    """{parameter name: {our comparable type text: call sites "file:line"}}
+    of the function, or None when the index has no def of that name in the
+    file."""
     from basekit.location import CLocalFileLocation
     from pysource import paramquery, symbolinfo
     mgr = index.fMgr
@@ -292,8 +312,11 @@ def OurParams(index, source_dir, path, qualname, seconds):
             continue
         found = found or {}
         for param in def_params.fParams:
-            texts = {Comparable(t) for t in param.fTypes} - {None}
-            found.setdefault(param.fName, set()).update(texts)
+            texts = found.setdefault(param.fName, {})
+            for text, sites in param.fTypes.items():
+                if Comparable(text) is not None:
+                    texts.setdefault(Comparable(text), set()).update(
+                        f"{os.path.relpath(site_path, source_dir)}:{line}" for site_path, line in sites)
     return found
 
 
@@ -310,10 +333,12 @@ class CTally:
         self.fWrong = collections.defaultdict(list)   # kind -> samples
         self.fMissed = collections.defaultdict(list)
 
-    def Add(self, where, ours, runtime, defaulted, supertypes):
-        """`runtime`: the classes of arguments passed; `defaulted`: of the
-        default object, which a caller may have passed too; `supertypes`:
-        base and abstract classes of the arguments passed."""
+    def Add(self, where, ours_sites, runtime, defaulted, supertypes):
+        """`ours_sites`: {type we report: its call sites}; `runtime`: the
+        classes of arguments passed; `defaulted`: of the default object,
+        which a caller may have passed too; `supertypes`: base and abstract
+        classes of the arguments passed."""
+        ours = set(ours_sites)
         runtime = {RuntimeComparable(t) for t in runtime}
         self.fExercised += 1
         self.fReported += len(ours)
@@ -323,7 +348,9 @@ class CTally:
         self.fFound += bool(right)
         self.fSilent += not ours
         for text in sorted(ours - runtime - defaulted - supertypes):
-            self.fWrong[_WrongKind(text, runtime)].append((where, text, sorted(runtime)))
+            sites = ", ".join(sorted(ours_sites[text])[:3])
+            self.fWrong[_WrongKind(text, runtime)].append(
+                (f"{where} from {sites}", text, sorted(runtime)))
         if ours and not right:
             self.fMissed["reported only wrong types"].append((where, sorted(ours), sorted(runtime)))
 
@@ -367,7 +394,7 @@ def Compare(trace, source_dir, db_path, seconds, samples):
             for name, runtime in sorted(entry["params"].items()):
                 if name in kSelfNames or not runtime:
                     continue
-                got = ours.get(name, set())
+                got = ours.get(name, {})
                 defaulted = {RuntimeComparable(t) for t in entry["defaulted"].get(name, ())}
                 supertypes = set(entry["supertypes"].get(name, ()))
                 for tally in (total, per_file[entry["file"]]):
