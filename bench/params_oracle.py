@@ -167,10 +167,11 @@ def _PublicNames():
     though their own module says otherwise (`frame` is `types.FrameType`)."""
     import io
     import types
-    return {cls: f"{module.__name__}.{name}" for module in (types, io)
-            for name, cls in vars(module).items()
+    kept = kFunctionClasses | {"NoneType", "generator", "module", "type"}
+    return {cls: f"{module.__name__}.{name}" for module, home in ((types, "builtins"), (io, "_io"))
+            for name, cls in sorted(vars(module).items())
             if isinstance(cls, type) and not name.startswith("_")
-            and cls.__module__ != module.__name__}
+            and cls.__module__ == home and cls.__qualname__ not in kept}
 
 
 _kPublicNames = None
