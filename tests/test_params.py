@@ -132,7 +132,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        v = []\n    target(v)", "a", {"float", "list"}),
     ("if v is None:\n        pass\n    target(v)", "a", {"None", "float"}),
     ("if v is not None:\n        v = None\n        target(v)", "a", {"None"}),
-    ("if v is None:\n        return\n    else:\n        target(v)", "a", {"float"}),
+    ("if v is None:\n        pass\n    else:\n        target(v)", "a", {"float"}),
+    ("if not v:\n        pass\n    elif v > 1:\n        target(v)", "a", {"float"}),
+    ("for i in v:\n        pass\n    else:\n        target(v)", "a", {"None", "float"}),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
     (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n")

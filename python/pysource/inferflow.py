@@ -86,22 +86,39 @@ def _NotNoneIfFalse(toks):
 
 
 def _NoneTests(body, paths):
-    """{logical index of an `if`/`elif` header: (names not None in its block,
-    names not None once the statement is done)}.  The latter holds for an
-    `if` whose false branch is the only way past it for the name: its block
-    leaves (return, raise, continue, break) or sets the name, at its top level."""
+    """{logical index of an `if`/`elif`/`else` header: (names not None in its
+    block, names not None once the statement is done)}.  In an `elif` or
+    `else` block the tests before it failed.  The latter holds for an `if`
+    whose false branch is the only way past it for the name: its block leaves
+    (return, raise, continue, break) or sets the name, at its top level."""
     tests = {}
+    failed = {}  # indent -> names not None once the tests of its if chain so far failed
     for i, logical in enumerate(body):
         kind = logical.fType
+        if kind == logicalline.kComment:
+            continue
         toks = logical.fToks
-        if kind not in (logicalline.kIfBeginning, logicalline.kElifBeginning) or \
-                len(toks) < 3 or toks[-1] != ":":
+        indent = logical.fIndentLevel
+        for deeper in [k for k in failed if k > indent]:
+            del failed[deeper]
+        chain = failed.pop(indent, None) if kind in (logicalline.kElifBeginning,
+                                                     logicalline.kElseBeginning) else None
+        failed.pop(indent, None)
+        if kind not in (logicalline.kIfBeginning, logicalline.kElifBeginning,
+                        logicalline.kElseBeginning) or len(toks) < 2 or toks[-1] != ":":
+            continue
+        if kind == logicalline.kElseBeginning:
+            if chain:
+                tests[i] = (frozenset(chain), frozenset())
+            continue
+        if kind == logicalline.kElifBeginning and chain is None:
             continue
         condition = toks[1:-1]
-        inside = _NotNoneIfTrue(condition)
+        candidates = _NotNoneIfFalse(condition)
+        failed[indent] = candidates | (chain or set())
+        inside = _NotNoneIfTrue(condition) | (chain or set())
         after = set()
         if kind == logicalline.kIfBeginning:
-            candidates = _NotNoneIfFalse(condition)
             block = []
             for j in range(i + 1, len(body)):
                 if i not in paths[j]:
