@@ -163,15 +163,13 @@ _kNoDefault = object()
 
 
 def _PublicNames():
-    """{class: name} of the classes that `types` (and `io`) name publicly
-    though their own module says otherwise (`frame` is `types.FrameType`)."""
-    import io
+    """{class: name} of the builtin classes that only `types` names
+    (`frame` is `types.FrameType`)."""
     import types
     kept = kFunctionClasses | {"NoneType", "generator", "module", "type"}
-    return {cls: f"{module.__name__}.{name}" for module, home in ((types, "builtins"), (io, "_io"))
-            for name, cls in sorted(vars(module).items())
+    return {cls: f"types.{name}" for name, cls in sorted(vars(types).items())
             if isinstance(cls, type) and not name.startswith("_")
-            and cls.__module__ == home and cls.__qualname__ not in kept}
+            and cls.__module__ == "builtins" and cls.__qualname__ not in kept}
 
 
 _kPublicNames = None
