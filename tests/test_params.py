@@ -117,6 +117,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A setting after the call doesn't reach it.
     ("x = 1\n    target(x)\n    x = 's'", "a", {"int"}),
     ("x = b''\n    x = target(x)", "a", {"bytes"}),
+    ("f = len\n    f(1.5)\n    f = target", "a", set()),
     # Keywords go to the parameter of that name, not to a position.
     ("target(1, k='s', b=1.5)", "b", {"float"}),
     ("target(1, k='s', b=1.5)", "rest", set()),
