@@ -185,10 +185,16 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             return out;
         }
         return Eval(tree, tree.Kid(n, 0), frame);
-    case NodeKind::kBoolOp:
-        for (std::int32_t i = 0; i < n.kids_count; ++i)
-            out.Merge(Eval(tree, tree.Kid(n, i), frame));
+    case NodeKind::kBoolOp: {
+        // `a or b` gives `a` only when it is true: never None.
+        std::int32_t first = tree.Kid(n, 0);
+        bool is_or = first >= 0 && TokText(tree, tree.nodes[(std::size_t) first].tok_end) == "or";
+        for (std::int32_t i = 0; i < n.kids_count; ++i) {
+            ValueSet operand = Eval(tree, tree.Kid(n, i), frame);
+            out.Merge(is_or && i + 1 < n.kids_count ? WithoutNone(operand) : operand);
+        }
         return out;
+    }
     case NodeKind::kCompare:
         out.Add(LiteralSingle("bool", std::nullopt));
         return out;
