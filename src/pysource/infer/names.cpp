@@ -571,11 +571,11 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
     return it->second ? &*it->second : nullptr;
 }
 
-// A parameter's binding in its def's body: what callers pass, or its
-// default (read on the def line).
+// An unnumbered single of a parameter's binding in its def's body: what
+// callers pass, or its default (read in the scope the def stands in).
 bool CEvaluator::IsParameterBinding(std::string_view single) {
-    si::Kind kind = si::GetInfoBytesKind(si::BareSingle(single));
-    return kind == si::kArgKind || kind == si::kDefLineScopeKind;
+    si::Kind kind = si::GetInfoBytesKind(si::SplitLogicalIndexSuffix(single).single);
+    return kind == si::kArgKind || kind == si::kDefLineScopeKind || kind == si::kSpecificScopeKind;
 }
 
 const std::vector<CEvaluator::NoneTest> *CEvaluator::NoneTestsOf(nb::handle scope) {
