@@ -2,10 +2,12 @@
 records against a package's functions, checked against the types those
 functions really receive while the package's own test suite runs.
 
-    python bench/params_oracle.py [--package toolz] [--with-tests] [--samples N]
+    python bench/params_oracle.py [--package toolz] [--module NAME] [--with-tests] [--samples N]
 
 The package's sdist is downloaded once into the cache folder and unpacked
-there.  The test suite runs in a child process under a profiling hook that
+there; its importable folder (`--module`, by default the package's name with
+`_` for `-`) is found at the top or under `src/`, its tests inside it or
+beside it.  The test suite runs in a child process under a profiling hook that
 notes, per function of the package (the tests left out) and per parameter,
 the runtime type of every argument a caller passed; a value that is the
 parameter's own default object counts as not passed, though a type we report
@@ -36,7 +38,7 @@ import time
 
 kDefaultPackage = "toolz"
 kDefaultCache = os.path.join(os.path.expanduser("~"), ".cache", "pysource-oracle")
-kTestsDirName = "tests"
+kTestsDirNames = ("tests", "test")
 kAbstractClasses = ("Iterator", "Iterable", "Generator", "Mapping", "MutableMapping", "Sequence",
                     "MutableSequence", "Set", "Collection", "Container", "Callable", "Hashable",
                     "Sized", "Reversible")
@@ -55,11 +57,12 @@ def UnpackedPackage(name, cache):
     """The folder of the unpacked sdist of `name` in `cache`, downloaded and
     unpacked when it isn't there yet."""
     os.makedirs(cache, exist_ok=True)
-    archives = glob.glob(os.path.join(cache, f"{name}-*.tar.gz"))
+    patterns = {os.path.join(cache, f"{n}-*.tar.gz") for n in (name, name.replace("-", "_"))}
+    archives = [a for pattern in patterns for a in glob.glob(pattern)]
     if not archives:
         subprocess.run([sys.executable, "-m", "pip", "download", "-q", "--no-binary", ":all:",
                         "--no-deps", name, "-d", cache], check=True)
-        archives = glob.glob(os.path.join(cache, f"{name}-*.tar.gz"))
+        archives = [a for pattern in patterns for a in glob.glob(pattern)]
     archive = sorted(archives)[-1]
     root = archive[:-len(".tar.gz")]
     if not os.path.isdir(root):
@@ -81,6 +84,7 @@ class CArgTracer:
         self.fDefaulted = collections.defaultdict(lambda: collections.defaultdict(set))
         self.fSupertypes = collections.defaultdict(lambda: collections.defaultdict(set))
         self.fCalls = collections.Counter()
+        self.fFailures = 0           # calls whose arguments could not be described
         self._fParamsOf = {}
 
     def _Params(self, code):
@@ -118,6 +122,12 @@ class CArgTracer:
     def __call__(self, frame, event, _arg):
         if event != "call":
             return
+        try:
+            self._Note(frame)
+        except Exception:  # an exception here would unset the hook for the rest of the run
+            self.fFailures += 1
+
+    def _Note(self, frame):
         code = frame.f_code
         params = self._Params(code)
         if not params:
@@ -152,7 +162,25 @@ class CArgTracer:
 _kNoDefault = object()
 
 
+def _PublicNames():
+    """{class: name} of the builtin classes that only `types` names
+    (`frame` is `types.FrameType`)."""
+    import types
+    kept = kFunctionClasses | {"NoneType", "generator", "module", "type"}
+    return {cls: f"types.{name}" for name, cls in sorted(vars(types).items())
+            if isinstance(cls, type) and not name.startswith("_")
+            and cls.__module__ == "builtins" and cls.__qualname__ not in kept}
+
+
+_kPublicNames = None
+
+
 def ClassName(cls):
+    global _kPublicNames
+    if _kPublicNames is None:
+        _kPublicNames = _PublicNames()
+    if cls in _kPublicNames:
+        return _kPublicNames[cls]
     qualname = cls.__qualname__.replace(".<locals>", "")
     module = cls.__module__
     return qualname if module == "builtins" else f"{module}.{qualname}"
@@ -190,9 +218,21 @@ def _TraceMain(source_dir, tests_dir, out_path):
     return int(code)
 
 
-def RunTracedSuite(root, package, out_path):
-    source_dir = os.path.join(root, package)
-    tests_dir = os.path.join(source_dir, kTestsDirName)
+def SourceAndTestsDirs(root, module):
+    """(the module's folder, its tests' folder) in the unpacked sdist."""
+    source_dir = next((d for d in (os.path.join(root, module), os.path.join(root, "src", module))
+                       if os.path.isdir(d)), None)
+    if source_dir is None:
+        raise SystemExit(f"no folder {module} in {root}; name it with --module")
+    tests_dir = next((os.path.join(parent, name) for parent in (source_dir, root)
+                      for name in kTestsDirNames if os.path.isdir(os.path.join(parent, name))),
+                     None)
+    if tests_dir is None:
+        raise SystemExit(f"no tests folder in {source_dir} or {root}")
+    return source_dir, tests_dir
+
+
+def RunTracedSuite(root, source_dir, tests_dir, out_path):
     started = time.time()
     result = subprocess.run([sys.executable, __file__, "--trace", source_dir, tests_dir, out_path],
                             cwd=root, capture_output=True, text=True)
@@ -204,12 +244,16 @@ def RunTracedSuite(root, package, out_path):
 
 # Our side
 
-def IndexPackage(source_dir, db_path, with_tests):
+def PythonFiles(folder):
+    return {os.path.join(d, f) for d, _dirs, names in os.walk(folder)
+            for f in names if f.endswith(".py")}
+
+
+def IndexPackage(source_dir, tests_dir, db_path, with_tests):
     """`pysource index` of the package's source, its tests left out unless
     `with_tests`."""
-    files = [os.path.join(d, f) for d, dirs, names in os.walk(source_dir)
-             for f in names if f.endswith(".py")
-             if with_tests or os.sep + kTestsDirName not in d[len(source_dir):]]
+    tests = PythonFiles(tests_dir)
+    files = (PythonFiles(source_dir) - tests) | (tests if with_tests else set())
     if os.path.exists(db_path):
         os.remove(db_path)
     started = time.time()
@@ -250,8 +294,9 @@ def RuntimeComparable(name):
 
 
 def OurParams(index, source_dir, path, qualname, seconds):
-    """{parameter name: set of our comparable type texts} of the function,
-    or None when the index has no def of that name in the file."""
+    """{parameter name: {our comparable type text: call sites "file:line"}}
+    of the function, or None when the index has no def of that name in the
+    file."""
     from basekit.location import CLocalFileLocation
     from pysource import paramquery, symbolinfo
     mgr = index.fMgr
@@ -266,8 +311,11 @@ def OurParams(index, source_dir, path, qualname, seconds):
             continue
         found = found or {}
         for param in def_params.fParams:
-            texts = {Comparable(t) for t in param.fTypes} - {None}
-            found.setdefault(param.fName, set()).update(texts)
+            texts = found.setdefault(param.fName, {})
+            for text, sites in param.fTypes.items():
+                if Comparable(text) is not None:
+                    texts.setdefault(Comparable(text), set()).update(
+                        f"{os.path.relpath(site_path, source_dir)}:{line}" for site_path, line in sites)
     return found
 
 
@@ -284,10 +332,12 @@ class CTally:
         self.fWrong = collections.defaultdict(list)   # kind -> samples
         self.fMissed = collections.defaultdict(list)
 
-    def Add(self, where, ours, runtime, defaulted, supertypes):
-        """`runtime`: the classes of arguments passed; `defaulted`: of the
-        default object, which a caller may have passed too; `supertypes`:
-        base and abstract classes of the arguments passed."""
+    def Add(self, where, ours_sites, runtime, defaulted, supertypes):
+        """`ours_sites`: {type we report: its call sites}; `runtime`: the
+        classes of arguments passed; `defaulted`: of the default object,
+        which a caller may have passed too; `supertypes`: base and abstract
+        classes of the arguments passed."""
+        ours = set(ours_sites)
         runtime = {RuntimeComparable(t) for t in runtime}
         self.fExercised += 1
         self.fReported += len(ours)
@@ -297,7 +347,9 @@ class CTally:
         self.fFound += bool(right)
         self.fSilent += not ours
         for text in sorted(ours - runtime - defaulted - supertypes):
-            self.fWrong[_WrongKind(text, runtime)].append((where, text, sorted(runtime)))
+            sites = ", ".join(sorted(ours_sites[text])[:3])
+            self.fWrong[_WrongKind(text, runtime)].append(
+                (f"{where} from {sites}", text, sorted(runtime)))
         if ours and not right:
             self.fMissed["reported only wrong types"].append((where, sorted(ours), sorted(runtime)))
 
@@ -341,7 +393,7 @@ def Compare(trace, source_dir, db_path, seconds, samples):
             for name, runtime in sorted(entry["params"].items()):
                 if name in kSelfNames or not runtime:
                     continue
-                got = ours.get(name, set())
+                got = ours.get(name, {})
                 defaulted = {RuntimeComparable(t) for t in entry["defaulted"].get(name, ())}
                 supertypes = set(entry["supertypes"].get(name, ()))
                 for tally in (total, per_file[entry["file"]]):
@@ -381,23 +433,31 @@ def Compare(trace, source_dir, db_path, seconds, samples):
 
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--package", default=kDefaultPackage)
+    parser.add_argument("--package", default=kDefaultPackage, help="the name of the sdist")
+    parser.add_argument("--module", help="the importable folder, if not the package's name")
     parser.add_argument("--cache", default=kDefaultCache)
     parser.add_argument("--seconds", type=float, default=2.0, help="time for each resolve")
     parser.add_argument("--samples", type=int, default=4, help="samples per kind of disagreement")
     parser.add_argument("--with-tests", action="store_true",
                         help="index the tests too, so that their calls count as callers")
+    parser.add_argument("--reuse-trace", action="store_true",
+                        help="read the runtime types of the last run instead of running the suite")
     parser.add_argument("--trace", nargs=3, metavar=("SOURCE", "TESTS", "OUT"), help=argparse.SUPPRESS)
     args = parser.parse_args(argv)
     if args.trace:
         return _TraceMain(*args.trace)
     root = UnpackedPackage(args.package, args.cache)
-    source_dir = os.path.join(root, args.package)
+    source_dir, tests_dir = SourceAndTestsDirs(root, args.module or args.package.replace("-", "_"))
     print(f"package: {os.path.basename(root)} ({root}); callers in its tests are "
           + ("indexed too" if args.with_tests else "left out"))
-    trace = RunTracedSuite(root, args.package, os.path.join(root, "runtime-args.json"))
+    trace_path = os.path.join(root, "runtime-args.json")
+    if args.reuse_trace and os.path.exists(trace_path):
+        with open(trace_path) as f:
+            trace = json.load(f)
+    else:
+        trace = RunTracedSuite(root, source_dir, tests_dir, trace_path)
     db_path = os.path.join(root, "oracle-index.db")
-    IndexPackage(source_dir, db_path, args.with_tests)
+    IndexPackage(source_dir, tests_dir, db_path, args.with_tests)
     Compare(trace, source_dir, db_path, args.seconds, args.samples)
     return 0
 

@@ -2,6 +2,7 @@
 made by hand, and primary scans of small projects."""
 
 import math
+import re
 
 from basekit.location import CLocalFileLocation
 from pysource import inferenceengine as ie, scopeinfo, scopescanner as ss, symbolinfo as si
@@ -33,7 +34,7 @@ class FakeEngine(ie.CInferenceEngine):
         return iter([si.CSingleResolvedInfo(ibytes, for_scope)])
 
     def ResolveToResult(self, expr, ctx=None):
-        name = expr.name or expr.scope.name
+        name = bare_name(expr) or expr.scope.name
         self.calls.append(name)
         answer = self.script.get(name, ())
         if callable(answer):
@@ -77,6 +78,12 @@ class FakeDetailsStore:
 
     def GetDetailsForInstance(self, resolved, ctx):
         return self.details
+
+
+def bare_name(expr):
+    """The expression's text without the position it is read at (the
+    logical-index suffix), which doesn't matter to a script."""
+    return re.sub(r":#-?\d+$", "", expr.name)
 
 
 def install_engine(mgr, **kw):

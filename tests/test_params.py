@@ -110,3 +110,41 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
         project / "app.py") + ":9")
     code, out, _err = run(capsys, "show", "lib.py:Foo", "--json")
     assert "callers_pass" not in json.loads(out)[0]
+
+
+# What a caller passes is what reaches its call, by Python's rules.
+@pytest.mark.parametrize("body, param, expected", [
+    # A setting after the call doesn't reach it.
+    ("x = 1\n    target(x)\n    x = 's'", "a", {"int"}),
+    ("x = b''\n    x = target(x)", "a", {"bytes"}),
+    ("f = len\n    f(1.5)\n    f = target", "a", set()),
+    # Keywords go to the parameter of that name, not to a position.
+    ("target(1, k='s', b=1.5)", "b", {"float"}),
+    ("target(1, k='s', b=1.5)", "rest", set()),
+    ("target(k=1)", "a", set()),
+    ("target(a == 1, 2)", "a", set()),
+    # Past an unpacked argument, positions are unknown.
+    ("target(*[1], 's')", "b", set()),
+    # Tests of None around the call (v: None or float).
+    ("target(v)", "a", {"None", "float"}),
+    ("if v:\n        target(v)", "a", {"float"}),
+    ("if isinstance(v, float) and v > 1:\n        target(v)", "a", {"float"}),
+    ("if v is None:\n        return\n    target(v)", "a", {"float"}),
+    ("if v is None:\n        v = []\n    target(v)", "a", {"float", "list"}),
+    ("if v is None:\n        pass\n    target(v)", "a", {"None", "float"}),
+    ("w = v or []\n    target(w)", "a", {"float", "list"}),
+    ("w = v and []\n    target(w)", "a", {"None", "float", "list"}),
+    ("if v is not None:\n        v = None\n        target(v)", "a", {"None"}),
+    ("v = v or []\n    target(v)", "a", {"float", "list"}),
+    ("if v is None:\n        pass\n    else:\n        target(v)", "a", {"float"}),
+    ("if not v:\n        pass\n    elif v > 1:\n        target(v)", "a", {"float"}),
+    ("for i in v:\n        pass\n    else:\n        target(v)", "a", {"None", "float"}),
+])
+def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
+    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n")
+    (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run(v=None):\n    {body}\n\n"
+                                     "run(1.5)\n")
+    monkeypatch.chdir(tmp_path)
+    assert run(capsys, "index")[0] == 0
+    _found, params = params_json(capsys, "target")
+    assert set(types_of(params[param])) == expected

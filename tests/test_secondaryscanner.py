@@ -12,7 +12,7 @@ from managerutil import installed_manager
 from pysource.coordinator import CScanCoordinator, _CFileJob
 from scanutil import counter_clock
 from secondaryutil import (FakeDetails, FakeDetailsStore, add_record, called, def_single,
-                           install_engine, kForever,
+                           bare_name, install_engine, kForever,
                            primary_scan, scan_until_final, write_project)
 
 kPast = 0.0
@@ -421,7 +421,7 @@ def derived_records_of_run(stdlib, sliced):
         def same_module_def(expr, ctx):
             module = si.Scope(expr.scope.loc, "")
             info = mgr.fInfoCache.GetScopeInfo(module)
-            ibytes = info.GetInfoBytes(expr.name) if info is not None else None
+            ibytes = info.GetInfoBytes(bare_name(expr)) if info is not None else None
             parts = [] if ibytes is None else ibytes.split(b";")
             return [si.CSingleResolvedInfo(p, module) for p in parts
                     if si.IsDefKind(si.GetInfoBytesKind(p))]

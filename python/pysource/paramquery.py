@@ -132,7 +132,8 @@ class _CCallSites:
         calls = self._Calls(caller, leaf)
         reaching = [(index, [args[p] for p in positions if 0 <= p < len(args)])
                     for index, args in calls]
-        indexes = [index for index, texts in reaching if any(map(passed, texts))] or \
+        indexes = [index for index, texts in reaching
+                   if any(passed(index, text) for text in texts)] or \
             [index for index, texts in reaching if texts] or [index for index, _ in calls]
         lines = sorted({bodies.LineOf(scope_name, i) for i in indexes} - {None})
         if not lines:
@@ -169,18 +170,19 @@ def _LiteralClassOf(text):
 
 
 def _PassedTest(single):
-    """A test of an argument's source text: could it be what `single` was
-    made from (the same name, or a literal of the same class)?  None when
-    the single says nothing of its text."""
+    """A test of a call's logical index and an argument's source text: could
+    it be what `single` was made from (the same name, read at that call, or a
+    literal of the same class)?"""
     _marks, bare = symbolinfo.PopLeadingPrefixes(single)
+    bare, at = symbolinfo.SplitLogicalIndexSuffix(bare)
     kind = symbolinfo.GetInfoBytesKind(bare)
     if kind == symbolinfo.kPlainEquivKind:
         name = bare.decode("utf-8", "replace")
-        return lambda text: text == name
+        return lambda index, text: text == name and at in (None, index)
     if kind == symbolinfo.kTypedLiteralKind:
         class_name = symbolinfo.UnpackLiteralInfo(bare)[0]
-        return lambda text: _LiteralClassOf(text) == class_name
-    return lambda text: False
+        return lambda index, text: _LiteralClassOf(text) == class_name
+    return lambda index, text: False
 
 
 # Resolving
@@ -251,7 +253,8 @@ def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
             continue
         caller = record.key.scanned_scope
         for key, ibytes in record.type_equivs.items():
-            arg = symbolinfo.UnpackArgInfo(key)
+            # Other keys: names of the def's body narrowed from outside.
+            arg = symbolinfo.UnpackArgInfo(key) if symbolinfo.IsIndexedArgName(key) else None
             param = _ParamAt(params, arg[0]) if arg is not None else None
             if param is None:
                 continue

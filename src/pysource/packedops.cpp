@@ -447,6 +447,36 @@ std::vector<std::string> SplitDeclArguments(OptView arg_decl) {
     return args;
 }
 
+std::vector<DeclParam> DeclParameters(OptView arg_decl) {
+    std::vector<DeclParam> params;
+    bool keyword_only = false;
+    for (const std::string &arg : SplitDeclArguments(arg_decl)) {
+        std::string_view text = StripSpaces(arg);
+        if (text == "/") {
+            for (DeclParam &param : params)
+                param.positional_only = true;
+            continue;
+        }
+        keyword_only = keyword_only || text == "*";
+        if (text.empty() || text == "*")
+            continue;
+        DeclParam param;
+        param.keyword_only = keyword_only;
+        while (param.stars < 2 && text.substr(0, 1) == "*") {
+            ++param.stars;
+            text.remove_prefix(1);
+        }
+        std::ptrdiff_t colon = NonNestedFind(text, ":");
+        std::ptrdiff_t equals = NonNestedFind(text, "=");
+        param.hinted = colon >= 0 && (equals < 0 || colon < equals);
+        std::ptrdiff_t end = param.hinted ? colon : equals;
+        param.name = std::string(StripSpaces(end >= 0 ? text.substr(0, (std::size_t) end) : text));
+        keyword_only = keyword_only || param.stars == 1;
+        params.push_back(std::move(param));
+    }
+    return params;
+}
+
 DeclTypeParam UnpackTypeParameterInfo(std::string_view single) {
     std::string_view bare = BareSingle(single);
     if (GetInfoBytesKind(bare) != kTypeParameterKind)

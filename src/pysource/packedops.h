@@ -106,6 +106,18 @@ std::vector<DeclTypeParam> ParseDeclTypeParams(std::string_view type_params);
 // The arguments of a declaration "(a, b)" without its parentheses.
 std::vector<std::string> SplitDeclArguments(OptView arg_decl);
 
+// One parameter of a def's declaration.
+struct DeclParam {
+    std::string name;
+    int stars = 0;                 // 1 for `*args`, 2 for `**kwargs`
+    bool hinted = false;
+    bool positional_only = false;  // before a `/`
+    bool keyword_only = false;     // after a `*` or `*args`
+};
+// The parameters of a declaration in the order of their positions, the
+// positions that argument entries number (a bare `*` or `/` holds none).
+std::vector<DeclParam> DeclParameters(OptView arg_decl);
+
 struct ArgInfo {
     long long index = 0;
     OptText name;

@@ -791,11 +791,7 @@ bool CEvaluator::IsTypeOperand(const ValueSet &values) {
     if (values.Empty())
         return false;
     for (const nb::object &v : values.Items()) {
-        si::CSingleResolvedInfo *s = Single(v);
-        if (s->IsClass())
-            continue;
-        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
-        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None")
+        if (Single(v)->IsClass() || IsNoneLiteral(v))
             continue;
         return false;
     }

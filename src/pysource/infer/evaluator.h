@@ -215,6 +215,8 @@ private:
                    int &redirect);
     ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
                          long long use_index);
+    // An unnumbered single of a parameter's binding in its def's body.
+    static bool IsParameterBinding(std::string_view single);
     ValueSet ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index);
     // The branch headers around each body logical of a scope, from the
     // engine's flow provider; null when it can't tell.

@@ -559,12 +559,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // The settings that reach the use: back from the latest, until one that
     // surely ran (its block holds the use).
     std::set<long long> reaching;
+    bool rebound = false;  // a setting that surely ran hides the parameter's binding
     if (best > -3) {
         const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
         for (auto it = before.rbegin(); it != before.rend(); ++it) {
             reaching.insert(*it);
-            if (!paths || BlockHolds(*paths, *it, use_index))
+            if (!paths || BlockHolds(*paths, *it, use_index)) {
+                rebound = *it >= 0;
                 break;
+            }
         }
     }
     // A declared type (a hint) governs every setting of the name.
@@ -589,6 +592,8 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         // Unnumbered singles (arguments, hints of the def line, defs) always
         // count; numbered ones only from the reaching logicals when known.
         if (best > -3 && at >= -1 && !reaching.count(at))
+            continue;
+        if (rebound && at < -1 && IsParameterBinding(single))
             continue;
         out.Merge(ValuesOfSingle(scope, single, at));
         if (fGaveUp)
@@ -618,6 +623,13 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
         it = fBlockPaths.emplace(key, std::move(paths)).first;
     }
     return it->second ? &*it->second : nullptr;
+}
+
+// An unnumbered single of a parameter's binding in its def's body: what
+// callers pass, or its default (read in the scope the def stands in).
+bool CEvaluator::IsParameterBinding(std::string_view single) {
+    si::Kind kind = si::GetInfoBytesKind(si::SplitLogicalIndexSuffix(single).single);
+    return kind == si::kArgKind || kind == si::kDefLineScopeKind || kind == si::kSpecificScopeKind;
 }
 
 // Whether the block of body logical `setting` holds body logical `use`: the

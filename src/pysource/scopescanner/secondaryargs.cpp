@@ -4,6 +4,7 @@
 // the called definitions' parameters.  Also the one way in which the scan
 // resolves source text, where the final-try rule applies.
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -89,27 +90,89 @@ nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ib
     nb::tuple called = si::PyUnpackCalled(called_ibytes);
     nb::object arg_text = called[1];
     RequireStr(arg_text, "the argument text of a call");
+    std::optional<long long> call_at = si::SplitLogicalIndexSuffix(TextOf(called_ibytes)).logical_index;
     nb::list result;
     Py_ssize_t i = 0;
+    bool unpacked = false;  // past a `*x`, positions are unknown
     for (nb::handle arg : si::PySplitArguments(arg_text)) {
         std::string_view text = TextOf(arg);
-        if (!skip_indexes.is_none() && Contains(skip_indexes, nb::int_(i))) {
+        unpacked = unpacked || StartsWith(text, "*");
+        if (unpacked || (!skip_indexes.is_none() && Contains(skip_indexes, nb::int_(i))))
             result.append(nb::none());
-        } else if (si::IsAtomExpr(text) || IsSignedNumberText(text)) {
-            if (DbgStatsOn())
-                DbgCountScanHit_(nb::str("called-arg-resolve"));
-            result.append(GetInfoBytesForResolvedArgText_(arg, ctx));
-        } else {
-            result.append(nb::none());  // a compound expression is given up at once
-        }
+        else
+            result.append(ArgInfoBytesAt(text, call_at, ctx));
         ++i;
     }
     return result;
 }
 
+nb::object CSingleScopeSecondaryScanner::ArgInfoBytesAt(std::string_view text,
+                                                        std::optional<long long> call_at,
+                                                        nb::handle ctx) {
+    if (!si::IsAtomExpr(text) && !IsSignedNumberText(text))
+        return nb::none();  // a compound expression is given up at once
+    if (DbgStatsOn())
+        DbgCountScanHit_(nb::str("called-arg-resolve"));
+    // The argument is read where the call stands: its text carries the
+    // call's logical index.
+    std::string at_call(text);
+    if (call_at)
+        at_call = si::AppendLogicalIndexBytesSuffix(text, std::to_string(*call_at));
+    return GetInfoBytesForResolvedArgText_(nb::str(at_call.data(), at_call.size()), ctx);
+}
+
+void CSingleScopeSecondaryScanner::AddInfoForKeywordArgs(nb::handle derived_list,
+                                                         nb::handle called_ibytes, nb::handle ctx) {
+    std::optional<long long> call_at = si::SplitLogicalIndexSuffix(TextOf(called_ibytes)).logical_index;
+    nb::tuple called = si::PyUnpackCalled(called_ibytes);
+    std::vector<std::pair<std::string, nb::object>> keywords;  // (name, info bytes)
+    for (nb::handle arg : si::PySplitArguments(called[1])) {
+        std::string_view text = TextOf(arg);
+        std::ptrdiff_t equals = si::NonNestedFind(text, "=");
+        if (equals <= 0 || text.substr((std::size_t) equals, 2) == "==")
+            continue;
+        std::string_view name = si::StripSpaces(text.substr(0, (std::size_t) equals));
+        if (!si::IsSingleNameToken(name))
+            continue;  // `a <= b` and the like
+        nb::object ibytes =
+            ArgInfoBytesAt(si::StripSpaces(text.substr((std::size_t) equals + 1)), call_at, ctx);
+        if (!ibytes.is_none())
+            keywords.emplace_back(std::string(name), ibytes);
+    }
+    if (keywords.empty())
+        return;
+    for (nb::handle entry : derived_list) {
+        nb::object derived = entry[0];
+        nb::object def_info = InfoCache().attr("GetScopeInfo")(AsScopeInfo(derived).key->for_scope);
+        if (def_info.is_none())
+            continue;
+        std::string_view own = si::BareSingle(TextOf(def_info.attr("ibytes")));
+        if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+            continue;
+        std::vector<si::DeclParam> params = si::DeclParameters(si::UnpackDefInfo(own).arg_decl);
+        for (const auto &[name, ibytes] : keywords) {
+            for (std::size_t i = 0; i < params.size(); ++i) {
+                const si::DeclParam &param = params[i];
+                if (param.name != name || param.stars || param.positional_only)
+                    continue;
+                // A keyword-only parameter's position is also the place of
+                // the positions that `*args` collects: left out.
+                if (param.keyword_only)
+                    break;
+                // The def's own annotation outranks what call sites say.
+                if (!param.hinted)
+                    AddDerivedInfoForName_(derived, false, AsStr(si::PyBuildArgInfo((long long) i, nb::none())), ibytes);
+                break;
+            }
+        }
+    }
+}
+
 nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::handle arg_text,
                                                                          nb::handle ctx) {
-    std::string_view text = TextOf(arg_text);
+    // The text may end with the logical index it is read at.
+    si::SuffixSplit split = si::SplitLogicalIndexSuffix(TextOf(arg_text));
+    std::string_view text = split.single;
     if (text != si::StripSpaces(text))
         RaiseAssertion("argument text must be stripped");
     nb::bytes utf8 = Bytes(text);
@@ -120,7 +183,7 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
         tok = GetTokenType(utf8, 1);
         end = GetTokenEnd(utf8, 1, false);
     }
-    nb::object literal = kSaveLiteralText ? nb::borrow(arg_text) : nb::none();
+    nb::object literal = kSaveLiteralText ? nb::object(nb::str(text.data(), text.size())) : nb::none();
     switch (tok) {
     case kTokName: {
         if (text == "None")
@@ -134,7 +197,10 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
             // The name travels with the scope it was used in and is
             // evaluated when the derived record is read.
             si::CScope &ours = ScopeOf(our_scope);
-            return si::PyPrefixWithLocationAndScope(utf8, ours.loc, ours.name);
+            nb::object lazy = si::PyPrefixWithLocationAndScope(utf8, ours.loc, ours.name);
+            if (!split.logical_index)
+                return lazy;
+            return Bytes(si::AppendLogicalIndexBytesSuffix(TextOf(lazy), std::to_string(*split.logical_index)));
         }
         nb::object resolved = ResolveInThisScope_(arg_text, true, ctx);
         if (resolved.is_none() || !HasItems(resolved))

@@ -3,6 +3,7 @@
 // call's arguments are recorded on them, generic containers are
 // specialised, and a call of a user-defined TypeGuard / TypeIs narrows its
 // first argument in the calling scope.
+#include <optional>
 #include <string>
 
 #include "pysource/infer/inferreddetails.h"
@@ -36,7 +37,13 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
     nb::object name = nb::borrow(name_in);
     if (!TextOf(called[0]).empty())
         name = name + nb::object(called[0]);
-    nb::object expr = ExprIn(OurScope(), name);
+    // The called name is read where the call stands, and remembered so.
+    nb::object name_at = name;
+    if (std::optional<long long> at = si::SplitLogicalIndexSuffix(TextOf(called_ibytes)).logical_index) {
+        std::string suffixed = si::AppendLogicalIndexBytesSuffix(TextOf(name), std::to_string(*at));
+        name_at = nb::str(suffixed.data(), suffixed.size());
+    }
+    nb::object expr = ExprIn(OurScope(), name_at);
 
     CSubContext sub(parent_ctx);
     nb::handle ctx = sub.get();
@@ -47,10 +54,10 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
         DbgCountScanEvent_(nb::str("called-name"), _gDbgSeenCalled.get(), name);
 
     nb::object derived_list, typevar_method_list, guard_ibytes;
-    if (_fCalledMemo.contains(name)) {
+    if (_fCalledMemo.contains(name_at)) {
         if (DbgStatsOn())
             DbgCountScanHit_(nb::str("called-name-memo-hit"));
-        nb::object entry = _fCalledMemo[name];
+        nb::object entry = _fCalledMemo[name_at];
         derived_list = entry[0];
         typevar_method_list = entry[1];
         guard_ibytes = entry[4];
@@ -83,11 +90,11 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
         guard_ibytes = HasItems(guard_singles) ? GetInfoBytesForReducedResolved_(guard_singles)
                                                : nb::none();
         if (HasItems(typevar_method_list))
-            _fCalledMemo[name] = nb::make_tuple(derived_list, typevar_method_list,
+            _fCalledMemo[name_at] = nb::make_tuple(derived_list, typevar_method_list,
                                                 ctx.attr("GetScopesSeen")(),
                                                 ctx.attr("GetResolvedImports")(), guard_ibytes);
         else
-            _fCalledMemo[name] = nb::make_tuple(derived_list, typevar_method_list, nb::none(),
+            _fCalledMemo[name_at] = nb::make_tuple(derived_list, typevar_method_list, nb::none(),
                                                 nb::none(), guard_ibytes);
     }
 
@@ -107,6 +114,7 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
         arg_ibytes_list = GetArgInfoBytesList_(called_ibytes, ctx, skip_indexes);
         if (HasItems(arg_ibytes_list))
             AddInfoForUsedArgs_(derived_list, arg_ibytes_list, ctx);
+        AddInfoForKeywordArgs(derived_list, called_ibytes, ctx);
     }
     if (has_typevar_methods) {
         if (arg_ibytes_list.is_none())

@@ -13,6 +13,9 @@
 // is not finished and must be taken up again.
 #pragma once
 
+#include <optional>
+#include <string_view>
+
 #include <nanobind/nanobind.h>
 #include <nanobind/intrusive/counter.h>
 #include <nanobind/intrusive/ref.h>
@@ -149,6 +152,11 @@ private:
     nb::ref<CNamedConstant> RunItems(double end_time);
     // The dispatch of one item by its kind; true when it is incomplete.
     bool ScanOneItem(nb::handle name, nb::handle ibytes, nb::handle ctx, bool &scanned);
+    // The info bytes of one argument's text read at the call's logical
+    // index, or None for an expression that isn't resolved.
+    nb::object ArgInfoBytesAt(std::string_view text, std::optional<long long> call_at, nb::handle ctx);
+    // Keyword arguments recorded on the parameters of that name.
+    void AddInfoForKeywordArgs(nb::handle derived_list, nb::handle called_ibytes, nb::handle ctx);
 };
 
 // Derived scan of a whole file: its scopes one at a time, breadth first from
