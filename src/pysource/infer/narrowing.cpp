@@ -148,14 +148,13 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     const Node &n = tree.nodes[(std::size_t) node];
     switch (n.kind) {
     case NodeKind::kName:
-        // A true value is never None.
+        // A true value is never None (None alone: nothing is known there).
         if (holds && TokAt(tree, n.aux) == name) {
             ValueSet kept;
             for (const nb::object &v : values.Items())
                 if (!IsNoneLiteral(v))
                     kept.Add(v);
-            if (!kept.Empty())
-                values = kept;
+            values = kept;
         }
         return;
     case NodeKind::kUnaryOp:
@@ -205,8 +204,7 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
                     kept.Add(v);
             if (positive && kept.Empty())
                 kept.Add(LiteralSingle("None", std::nullopt));
-            if (!kept.Empty())
-                values = kept;
+            values = kept;
         } else if (positive && IsTypeOfName(tree, left, name)) {
             values = NarrowToClasses(values, Eval(tree, right, frame), true);
         }
