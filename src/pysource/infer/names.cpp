@@ -806,34 +806,19 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         keys.Add(LiteralSingle("str", std::nullopt));
         return InstanceOf(cls, nb::make_tuple(keys.AsFrozenSet(), items.AsFrozenSet()));
     }
-    case si::kModuleKind: {
-        si::UnpackedFields f = si::UnpackFields(s);
-        std::string dotted = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
-        nb::object mod = dotted.empty() ? nb::object(loc) : ImportModule(dotted, loc);
-        if (!mod.is_none())
-            out.Add(ModuleSingle(mod, dotted));
-        return out;
-    }
-    case si::kImportKind: {
-        // `import a.b.c` binds `a`.
-        si::UnpackedFields f = si::UnpackFields(s);
-        if (f.fields.empty() || !f.fields[0])
-            return out;
-        std::string dotted = *f.fields[0];
-        std::string first = dotted.substr(0, dotted.find('.'));
-        nb::object mod = ImportModule(first, loc);
-        if (!mod.is_none())
-            out.Add(ModuleSingle(mod, first));
-        return out;
-    }
+    case si::kModuleKind:
+    case si::kImportKind:
     case si::kImportAsNameKind: {
         si::UnpackedFields f = si::UnpackFields(s);
-        if (f.fields.empty() || !f.fields[0])
+        std::string dotted = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
+        if (dotted.empty()) {
+            if (kind == si::kModuleKind)
+                out.Add(ModuleSingle(loc, ""));  // the module itself
             return out;
-        nb::object mod = ImportModule(*f.fields[0], loc);
-        if (!mod.is_none())
-            out.Add(ModuleSingle(mod, *f.fields[0]));
-        return out;
+        }
+        if (kind == si::kImportKind)
+            dotted.resize(dotted.find('.') == std::string::npos ? dotted.size() : dotted.find('.'));  // `import a.b.c` binds `a`
+        return ModuleNamed(loc, dotted);
     }
     case si::kFromImportKind: {
         si::UnpackedFields f = si::UnpackFields(s);
