@@ -271,8 +271,21 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
 }
 
 std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
-    if (!map.empty() || !Single(cls)->fTypeArgs.is_none())
-        return ComputeMro(cls, map);
+    if (!map.empty() || !Single(cls)->fTypeArgs.is_none()) {
+        // A specialised class: once per request for its arguments.
+        std::string key = ClassKey(cls);
+        key.push_back('|');
+        key.append(std::to_string((long long) PyObject_Hash(cls.ptr())));
+        if (PyErr_Occurred())
+            throw nb::python_error();
+        key.append(BindingSignature(&map));
+        if (const std::vector<MroEntry> *kept = KeptOf(fRequestMros, key))
+            return *kept;
+        CutWatch watch(*this);
+        std::vector<MroEntry> mro = ComputeMro(cls, map);
+        fRequestMros.insert_or_assign(key, Keep(mro, watch));
+        return mro;
+    }
     std::string memo_key = ClassKey(cls);
     auto hit = fMemo.mros.find(memo_key);
     if (hit != fMemo.mros.end())

@@ -448,6 +448,8 @@ private:
     // The type arguments a value gives a protocol's variables, by protocol,
     // value, variables and bindings; partial while being matched or when cut.
     std::map<std::string, Kept<TypeMap>> fProtocolArgs;
+    // Method orders of specialised classes, by class, arguments and bindings.
+    std::map<std::string, Kept<std::vector<MroEntry>>> fRequestMros;
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;

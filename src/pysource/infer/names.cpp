@@ -5,6 +5,8 @@
 
 #include <sys/stat.h>
 
+#include <bitset>
+
 #include "pysource/exprtext.h"
 #include "basekit/stackguard.h"
 #include "pysource/infer/infertyping.h"
@@ -35,17 +37,25 @@ std::string_view ScopeName(nb::handle scope) {
     return si::TextView(scope.attr("name"), "scope name");
 }
 
-// The singles of an entry that say the name is bound in the scope.
-bool BindsName(std::string_view entry) {
-    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
-        std::string_view bare = si::SplitLogicalIndexSuffix(single).single;
-        si::Kind kind = si::GetInfoBytesKind(bare);
-        if (kind == si::kSetKind || kind == si::kArgKind || kind == si::kGlobalKind ||
-            kind == si::kNonlocalKind || kind == si::kTypeHintKind || si::IsDefOrClassKind(kind) ||
-            kind == si::kImportKind || kind == si::kImportAsNameKind || kind == si::kFromImportKind ||
-            kind == si::kConditionalKind || kind == si::kTypeParameterKind)
+// The kinds of the singles of an entry, read in one pass.
+using EntryKinds = std::bitset<256>;
+EntryKinds KindsIn(std::string_view entry) {
+    EntryKinds kinds;
+    for (std::string_view single : si::NonNestedSplit(entry, ";"))
+        kinds.set((unsigned char) si::GetInfoBytesKind(si::SplitLogicalIndexSuffix(single).single));
+    return kinds;
+}
+
+bool Has(const EntryKinds &kinds, si::Kind kind) { return kinds.test((unsigned char) kind); }
+
+// Whether the singles of an entry say the name is bound in the scope.
+bool BindsName(const EntryKinds &kinds) {
+    for (si::Kind kind : {si::kSetKind, si::kArgKind, si::kGlobalKind, si::kNonlocalKind, si::kTypeHintKind,
+                          si::kFunctionKind, si::kMethodKind, si::kUnboundMethodKind, si::kClassKind,
+                          si::kImportKind, si::kImportAsNameKind, si::kFromImportKind, si::kConditionalKind,
+                          si::kTypeParameterKind})
+        if (Has(kinds, kind))
             return true;
-    }
     return false;
 }
 
@@ -70,12 +80,7 @@ bool SaysValue(si::Kind kind) {
     }
 }
 
-bool HasKind(std::string_view entry, si::Kind wanted) {
-    for (std::string_view single : si::NonNestedSplit(entry, ";"))
-        if (si::GetInfoBytesKind(si::SplitLogicalIndexSuffix(single).single) == wanted)
-            return true;
-    return false;
-}
+
 
 }  // namespace
 
@@ -504,7 +509,8 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         }
     }
     nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
-    if (entry.is_none() || !BindsName(si::TextView(entry, "ibytes"))) {
+    EntryKinds kinds = entry.is_none() ? EntryKinds() : KindsIn(si::TextView(entry, "ibytes"));
+    if (entry.is_none() || !BindsName(kinds)) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
             nb::object stars = record.attr("GetInfoBytes")("*");
@@ -526,11 +532,11 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         return false;
     }
     std::string_view text = si::TextView(entry, "ibytes");
-    if (HasKind(text, si::kArgKind) || HasKind(text, si::kSelfKind))
+    if (Has(kinds, si::kArgKind) || Has(kinds, si::kSelfKind))
         ++fBindingReads;  // a parameter: what a call binds to it decides
-    if (HasKind(text, si::kGlobalKind))
+    if (Has(kinds, si::kGlobalKind))
         redirect = 1;
-    else if (HasKind(text, si::kNonlocalKind))
+    else if (Has(kinds, si::kNonlocalKind))
         redirect = 2;
     out.Merge(Narrowed(scope, record, name, text, use_index, EntryValues(scope, record, text, use_index)));
     return true;
