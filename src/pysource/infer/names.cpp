@@ -885,21 +885,30 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
     // `from package import name` finds a submodule before the package's
     // own attribute of that name (what the import system does for a name
     // the package hasn't set yet, and the usual intent).
-    std::string path = LocationPath(mod);
-    std::size_t slash = path.rfind('/');
-    if (slash != std::string::npos) {
-        std::string_view base = std::string_view(path).substr(slash + 1);
-        if (base == "__init__.py" || base == "__init__.pyi") {
-            std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name});
-            if (!found.empty()) {
-                std::string sub = dotted.empty() || dotted.back() == '.' ? dotted + std::string(name)
-                                                                         : dotted + "." + std::string(name);
-                out.Add(ModuleSingle(LocalFileLocation(found), sub));
-                return out;
-            }
-        }
+    nb::object sub = SubmoduleOf(mod, dotted, name);
+    if (!sub.is_none()) {
+        out.Add(sub);
+        return out;
     }
     return ModuleAttribute(ModuleSingle(mod, dotted), name);
+}
+
+nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name) {
+    std::string path = LocationPath(package_loc);
+    std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return nb::none();
+    std::string_view base = std::string_view(path).substr(slash + 1);
+    if (base != "__init__.py" && base != "__init__.pyi")
+        return nb::none();
+    std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name});
+    if (found.empty())
+        return nb::none();
+    std::string dotted(package_dotted);
+    if (!dotted.empty() && dotted.back() != '.')
+        dotted.push_back('.');
+    dotted.append(name);
+    return ModuleSingle(LocalFileLocation(found), dotted);
 }
 
 ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
@@ -969,19 +978,10 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
     if (FindLocal(scope, name, -2, out, redirect))
         return out;
     // A submodule of a package.
-    std::string path = LocationPath(loc);
-    std::size_t slash = path.rfind('/');
-    if (slash != std::string::npos) {
-        std::string_view base = std::string_view(path).substr(slash + 1);
-        if (base == "__init__.py" || base == "__init__.pyi") {
-            std::string dir = path.substr(0, slash);
-            std::string found = CModuleFinder::FindBelow(dir, {name});
-            if (!found.empty()) {
-                std::string dotted = module_name.empty() ? std::string(name) : module_name + "." + std::string(name);
-                out.Add(ModuleSingle(LocalFileLocation(found), dotted));
-                return out;
-            }
-        }
+    nb::object sub = SubmoduleOf(loc, module_name, name);
+    if (!sub.is_none()) {
+        out.Add(sub);
+        return out;
     }
     // A module-level __getattr__ answers for any other name.
     ValueSet getattr;
