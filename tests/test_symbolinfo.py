@@ -3,7 +3,7 @@ import math
 import sys
 
 import pytest
-from hypothesis import given, settings, strategies as st
+from hypothesis import example, given, settings, strategies as st
 
 from pysource import symbolinfo as si
 
@@ -559,6 +559,7 @@ info_like = st.lists(
 
 @settings(max_examples=400, deadline=None)
 @given(ibytes=info_like)
+@example(ibytes=b":^\xff,")  # a URL that isn't UTF-8
 def test_any_bytes_give_a_description_or_a_clear_error(ibytes):
     assert isinstance(si.DescribeInfo(ibytes), str)
     for unpack in (si.PopLeadingPrefixes, si.SplitLogicalIndexSuffix, si.InfoDefinesScope,

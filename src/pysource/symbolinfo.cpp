@@ -393,7 +393,13 @@ nb::tuple PyUnpackLocationAndScope(nb::handle ibytes, bool as_location) {
     nb::object scope_name = nb::none();
     for (auto mark = UnpackScopeMark(rest); mark; mark = UnpackScopeMark(rest)) {
         if (mark->kind == kSpecificUrlKind && loc.is_none() && scope_name.is_none()) {
-            nb::str url = ToStr(mark->text.value_or(std::string()));
+            // A URL names a file only as valid UTF-8: anything else is a
+            // UnicodeDecodeError here, not a failed conversion further on.
+            std::string text = mark->text.value_or(std::string());
+            PyObject *decoded = PyUnicode_DecodeUTF8(text.data(), (Py_ssize_t) text.size(), nullptr);
+            if (!decoded)
+                throw nb::python_error();
+            nb::str url = nb::steal<nb::str>(decoded);
             nb::object found = as_location ? LocationForUrl(url) : nb::none();
             loc = found.is_none() ? nb::object(url) : found;
         } else if (mark->kind == kSpecificScopeKind && scope_name.is_none()) {
