@@ -106,16 +106,17 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
                 return *hit;
         if (library && !bound) {
             auto hit = fMemo.library_values.find(key);
-            if (hit != fMemo.library_values.end())
-                return hit->second;
+            if (hit != fMemo.library_values.end()) {
+                Replay(hit->second.effects);
+                return hit->second.values;
+            }
         }
         for (const RequestKey *k : {&free_key, &context_key}) {
             if (!keep_project || (bound && k == &context_key))
                 break;
             auto hit = fMemo.project_values.find(*k);
             if (hit != fMemo.project_values.end()) {
-                for (const auto &[import, seen] : hit->second.effects)
-                    import ? ImportSeen(seen) : Seen(seen);
+                Replay(hit->second.effects);
                 return hit->second.values;
             }
         }
@@ -132,8 +133,8 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
             if (collects && --ev.fCollecting == 0)
                 ev.fEffects.clear();
         }
-    } leave{*this, keep_project};
-    if (keep_project)
+    } leave{*this, keep_project || library};
+    if (keep_project || library)
         ++fCollecting;
     ++fDepth;
     Tree tree;
@@ -157,15 +158,10 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     bool binding_free = fBindingReads == binding_reads_before;
     bool whole = watch.Whole();
     if (library && !bound && whole)
-        fMemo.library_values.emplace(key, out);
-    if (keep_project && (binding_free || !bound) && whole) {
-        EngineMemo::ProjectValue kept{out, {}};
-        std::set<std::pair<bool, PyObject *>> unique;
-        for (std::size_t i = effects_from; i < fEffects.size(); ++i)
-            if (unique.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
-                kept.effects.push_back(fEffects[i]);
-        fMemo.project_values.emplace(binding_free ? free_key : context_key, std::move(kept));
-    }
+        fMemo.library_values.emplace(key, EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
+    if (keep_project && (binding_free || !bound) && whole)
+        fMemo.project_values.emplace(binding_free ? free_key : context_key,
+                                     EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
     fRequestValues.emplace(binding_free ? std::move(free_key) : std::move(context_key), Keep(out, watch));
     return out;
 }

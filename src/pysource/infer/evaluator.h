@@ -94,18 +94,18 @@ struct EngineMemo {
     PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
     std::map<std::string, std::vector<MroEntry>> mros;  // url|name|class single
     std::map<std::string, std::vector<std::string>> type_vars;
-    std::map<std::tuple<std::string, std::string, std::string, long long>, ValueSet> library_values;
-    // Values read in the project's own files also depend on derived records
-    // (what callers pass): they stand while no record at all changes.
-    std::uint64_t record_generation = ~std::uint64_t(0);
-    // Each with what reading it told the request's context: the scopes it
-    // read and the modules it imported (a dependency is a dependency however
-    // the value was found).
-    struct ProjectValue {
+    // A value kept between requests, with what reading it told the request's
+    // context: the scopes it read and the modules it imported (a dependency
+    // is a dependency however the value was found).
+    struct KeptAnswer {
         ValueSet values;
         std::vector<std::pair<bool, nb::object>> effects;  // (an import, scope)
     };
-    std::map<std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>, ProjectValue>
+    std::map<std::tuple<std::string, std::string, std::string, long long>, KeptAnswer> library_values;
+    // Values read in the project's own files also depend on derived records
+    // (what callers pass): they stand while no record at all changes.
+    std::uint64_t record_generation = ~std::uint64_t(0);
+    std::map<std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>, KeptAnswer>
         project_values;
     std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
     // The module finder the answers were found with, and its generation.
@@ -445,6 +445,9 @@ private:
     int fCollecting = 0;
     std::vector<std::pair<bool, nb::object>> fEffects;
     void NoteEffect(bool import, nb::handle scope);
+    // Tells the context again what a kept answer told it.
+    void Replay(const std::vector<std::pair<bool, nb::object>> &effects);
+    std::vector<std::pair<bool, nb::object>> EffectsFrom(std::size_t start) const;
     void ImportSeen(nb::handle module_scope);
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits

@@ -190,6 +190,20 @@ void CEvaluator::NoteEffect(bool import, nb::handle scope) {
         fEffects.emplace_back(import, nb::borrow(scope));
 }
 
+std::vector<std::pair<bool, nb::object>> CEvaluator::EffectsFrom(std::size_t start) const {
+    std::vector<std::pair<bool, nb::object>> unique_effects;
+    std::set<std::pair<bool, PyObject *>> seen;
+    for (std::size_t i = start; i < fEffects.size(); ++i)
+        if (seen.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
+            unique_effects.push_back(fEffects[i]);
+    return unique_effects;
+}
+
+void CEvaluator::Replay(const std::vector<std::pair<bool, nb::object>> &effects) {
+    for (const auto &[import, scope] : effects)
+        import ? ImportSeen(scope) : Seen(scope);
+}
+
 void CEvaluator::ImportSeen(nb::handle module_scope) {
     NoteEffect(true, module_scope);
     if (fCtx)
