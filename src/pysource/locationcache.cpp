@@ -42,8 +42,8 @@ std::vector<std::string> FolderList(nb::handle items, const char *what) {
 // costs a command that only reads the index a good part of its time).
 std::string StandardStubDir() {
     try {
-        nb::object spec = nb::module_::import_("importlib.util").attr("find_spec")("typeshed_client");
-        nb::object package_dirs = spec.is_none() ? nb::none() : spec.attr("submodule_search_locations");
+        nb::object found = nb::module_::import_("importlib.util").attr("find_spec")("typeshed_client");
+        nb::object package_dirs = found.is_none() ? nb::none() : found.attr("submodule_search_locations");
         if (package_dirs.is_none())
             return std::string();
         nb::object path = nb::module_::import_("os.path");
@@ -58,6 +58,16 @@ std::string StandardStubDir() {
     return std::string();
 }
 
+std::vector<std::string> StubDirsOrStandard(nb::handle stub_dirs) {
+    if (!stub_dirs.is_none())
+        return FolderList(stub_dirs, "stub_dirs");
+    std::vector<std::string> dirs;
+    std::string standard = StandardStubDir();
+    if (!standard.empty())
+        dirs.push_back(standard);
+    return dirs;
+}
+
 CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_dirs,
                                nb::handle library_dirs) {
     fBuiltinLoc = nb::none();
@@ -67,13 +77,7 @@ CLocationCache::CLocationCache(nb::handle python_major_version, nb::handle stub_
         fPythonMajorVersion = PY_MAJOR_VERSION;
     else
         SetPythonMajorVersion(nb::cast<int>(python_major_version));
-    if (stub_dirs.is_none()) {
-        std::string standard = StandardStubDir();
-        if (!standard.empty())
-            fStubDirs.push_back(standard);
-    } else {
-        fStubDirs = FolderList(stub_dirs, "stub_dirs");
-    }
+    fStubDirs = StubDirsOrStandard(stub_dirs);
     nb::dict paths = nb::borrow<nb::dict>(nb::module_::import_("sysconfig").attr("get_paths")());
     fStdlibDir = nb::cast<std::string>(paths["stdlib"]);
     if (library_dirs.is_none()) {

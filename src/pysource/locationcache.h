@@ -25,6 +25,9 @@ std::vector<std::string> FolderList(nb::handle items, const char *what);
 // The folder of the standard library's stubs that typeshed_client ships,
 // or "" when it isn't installed.
 std::string StandardStubDir();
+// The stub folders given (a list of folders), or with None the standard
+// library's stubs when they are installed.
+std::vector<std::string> StubDirsOrStandard(nb::handle stub_dirs);
 
 class CLocationCache : public nb::intrusive_base {
 public:

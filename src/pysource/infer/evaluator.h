@@ -241,6 +241,9 @@ private:
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
     ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
     ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
+    // An instance of the class whose scope is `scope`; nothing when the
+    // scope's record isn't a class.
+    ValueSet InstanceOfClassScope(nb::handle scope);
     // The submodule `name` of the package whose __init__ file is at
     // `package_loc` (named `package_dotted`), or None.
     nb::object SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name);

@@ -55,13 +55,7 @@ nb::object LocOrNone(const std::string &path) {
 
 CModuleFinder::CModuleFinder(nb::handle roots, nb::handle stub_dirs, nb::handle library_dirs) {
     fRoots = FolderList(roots, "roots");
-    if (stub_dirs.is_none()) {
-        std::string standard = StandardStubDir();
-        if (!standard.empty())
-            fStubDirs.push_back(standard);
-    } else {
-        fStubDirs = FolderList(stub_dirs, "stub_dirs");
-    }
+    fStubDirs = StubDirsOrStandard(stub_dirs);
     if (library_dirs.is_none()) {
         nb::dict paths = nb::borrow<nb::dict>(nb::module_::import_("sysconfig").attr("get_paths")());
         for (const char *kind : {"stdlib", "platstdlib", "purelib", "platlib"})

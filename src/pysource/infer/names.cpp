@@ -756,33 +756,16 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     case si::kInstanceKind: {
         // The instance of the class whose record this is (the "return" of a
         // class), or of the class in the payload.
-        std::string_view scope_name = ScopeName(scope);
-        if (s.size() == (std::size_t) si::kPrefixLen) {
-            nb::object record = RecordOf(scope);
-            if (record.is_none())
-                return out;
-            std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
-            if (si::GetInfoBytesKind(own) == si::kClassKind)
-                return InstanceOf(ClassSingle(loc, own), nb::none());
-            return out;
-        }
+        if (s.size() == (std::size_t) si::kPrefixLen)
+            return InstanceOfClassScope(scope);
         std::string cls(si::kClassPrefix);
         cls.append(s.substr(si::kPrefixLen));
-        (void) scope_name;
         return InstanceOf(ClassSingle(loc, cls), nb::none());
     }
     case si::kSelfKind: {
         // The first parameter of a method: an instance of its class.
         ++fBindingReads;
-        std::string_view scope_name = ScopeName(scope);
-        nb::object cls_scope = MakeScope(loc, si::ParentScopeName(scope_name));
-        nb::object record = RecordOf(cls_scope);
-        if (record.is_none())
-            return out;
-        std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
-        if (si::GetInfoBytesKind(own) == si::kClassKind)
-            return InstanceOf(ClassSingle(loc, own), nb::none());
-        return out;
+        return InstanceOfClassScope(MakeScope(loc, si::ParentScopeName(ScopeName(scope))));
     }
     case si::kArgKind: {
         // What callers passed, as the derived records of this def hold it
@@ -923,6 +906,16 @@ nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view pack
         dotted.push_back('.');
     dotted.append(name);
     return ModuleSingle(LocalFileLocation(found), dotted);
+}
+
+ValueSet CEvaluator::InstanceOfClassScope(nb::handle scope) {
+    nb::object record = RecordOf(scope);
+    if (record.is_none())
+        return ValueSet();
+    std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+    if (si::GetInfoBytesKind(own) != si::kClassKind)
+        return ValueSet();
+    return InstanceOf(ClassSingle(scope.attr("loc"), own), nb::none());
 }
 
 ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
