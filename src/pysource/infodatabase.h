@@ -43,7 +43,7 @@ public:
 
 class CInfoDatabase {
 public:
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
     static constexpr std::int32_t kApplicationId = 0x50795372;  // "PySr"
 
     // Opens (creating if need be, unless `read_only`) the database at `path`.
@@ -102,9 +102,10 @@ public:
     // (URL, scope name) of every scope with records whose last dotted
     // component is `leaf`, each once; an index makes this a lookup.
     nb::object FindScopesWithLeaf(const std::string &leaf);
-    // (scope, scan_name, ibytes, flags) of a location's records: what a
-    // summary needs, without the name maps.
-    nb::object LoadRecordHeads(std::int64_t loc_id);
+    // (URL, scope kind, scopes, incomplete scopes) for every location and
+    // kind of scope (see scopekind.h) with records of `scan_name`, ordered by
+    // URL and kind: counts kept as records are written, so nothing is counted.
+    nb::object LoadScopeCounts(const std::string &scan_name);
 
     // Number of rows in the records table (for tests and reports).
     std::int64_t CountRecords();
