@@ -380,8 +380,10 @@ class TestListingLocations:
         reader = CInfoCache(db_path=db)
         assert counts(reader) == expected and reader.fRecordsInMemory == 0
         cache.AddScopeInfo(primary_record(Scope(b, "g"), {}, ibytes=b":Cg"), True)   # replaced
-        cache.ForgetLocation(a)
+        cache.ForgetScopesOfLoc(a, PRIMARY, ["", "C", "C()"])
         cache.WriteToDatabase()
+        assert counts(CInfoCache(db_path=db)) == expected[:2] + expected[3:4] + [(False, "class", 1, 0)]
+        cache.ForgetLocation(a)
         assert counts(CInfoCache(db_path=db)) == [(False, "class", 1, 0)]
 
     def test_without_a_database_the_locations_in_memory_and_no_writes(self, tmp_path):

@@ -1012,6 +1012,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
     std::vector<LocEntry *> meta_written, new_ids, partial_deletes;
     std::vector<ScanId> scans_replaced;
     nb::list upserts, deletes;
+    std::set<std::int64_t> recount;  // locations whose primary records change
     auto db_id_of = [&](LocEntry &entry) {
         if (entry.db_id == 0) {
             entry.db_id = fDatabase->EnsureLocation(entry.url);
@@ -1032,6 +1033,8 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         std::int64_t scanned_id = db_id_of(EntryForUrl(slot.scanned_url, nb::handle()));
         upserts.append(RowForSlot(entry, scope_name, slot, scanned_id));
         written.emplace_back(&entry, &slot);
+        if (slot.scan_name == fPrimaryScanName)
+            recount.insert(entry.db_id);
     };
 
     fDatabase->Begin();
@@ -1039,8 +1042,11 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         nb::list replaced_rows;
         for (const ScanId &scan : fReplacedScans)
             if (wanted(std::get<0>(scan)))
-                if (std::int64_t id = stored_id_of(std::get<0>(scan)))
+                if (std::int64_t id = stored_id_of(std::get<0>(scan))) {
                     replaced_rows.append(nb::make_tuple(id, std::get<1>(scan), std::get<2>(scan)));
+                    if (std::get<2>(scan) == fPrimaryScanName)  // a scope's own scan
+                        recount.insert(id);
+                }
         fDatabase->DeleteRecordsOfScans(replaced_rows);
         for (const ScanId &scan : fReplacedScans) {
             if (!wanted(std::get<0>(scan)))
@@ -1078,9 +1084,12 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
             if (!entry->deleted.empty() && entry->db_id != 0) {
                 for (auto &[scope, scan, scanned_url, scanned_name] : entry->deleted)
                     if (whole || wanted(scanned_url))
-                        if (std::int64_t scanned_id = stored_id_of(scanned_url))
+                        if (std::int64_t scanned_id = stored_id_of(scanned_url)) {
                             deletes.append(
                                 nb::make_tuple(entry->db_id, scope, scan, scanned_id, scanned_name));
+                            if (scan == fPrimaryScanName)
+                                recount.insert(entry->db_id);
+                        }
                 partial_deletes.push_back(entry);
             }
             if (entry->dirty_records == 0)
@@ -1094,6 +1103,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         // In key order the B-tree fills page by page instead of at random.
         upserts.sort();
         fDatabase->UpsertRecords(upserts);
+        fDatabase->RecountScopes(recount, fPrimaryScanName);
         CInfoDatabase::CallWriteHook(fDatabase->Path());
         fDatabase->Commit();
     } catch (...) {

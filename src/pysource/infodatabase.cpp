@@ -7,7 +7,6 @@
 #include <fstream>
 #include <sstream>
 #include <utility>
-#include <vector>
 
 #include "pysource/scopekind.h"
 
@@ -48,8 +47,10 @@ const char *const kSchema[] = {
     " PRIMARY KEY (loc_id, scope, scan_name, scanned_loc_id, scanned_scope)) WITHOUT ROWID",
     "CREATE INDEX records_by_scan ON records (scanned_loc_id, scanned_scope, scan_name)",
     // Per location and scan, how many scopes of each kind hold a record and
-    // how many of those are incomplete: triggers keep it in step with
-    // `records`, so that a summary of the index reads a few rows per file.
+    // how many of those are incomplete, counted again in each write that
+    // changes the location's records of the scan (RecountScopes), so that a
+    // summary of the index reads a few rows per file.  (Triggers on `records`
+    // would do the same, but make every write of a record twice as slow.)
     "CREATE TABLE scope_counts ("
     " loc_id INTEGER NOT NULL,"
     " scan_name TEXT NOT NULL,"
@@ -58,21 +59,6 @@ const char *const kSchema[] = {
     " incomplete INTEGER NOT NULL,"
     " PRIMARY KEY (loc_id, scan_name, kind)) WITHOUT ROWID",
 };
-
-// Keeps `scope_counts` in step; a replaced record fires the delete trigger
-// too, since connections turn on recursive_triggers.
-std::vector<std::string> ScopeCountTriggers() {
-    return {
-        "CREATE TRIGGER records_counted AFTER INSERT ON records BEGIN "
-        "INSERT INTO scope_counts VALUES (new.loc_id, new.scan_name, " + ScopeKindSql("new") +
-            ", 1, new.flags & 1) ON CONFLICT (loc_id, scan_name, kind) DO UPDATE SET "
-            "scopes = scopes + 1, incomplete = incomplete + excluded.incomplete; END",
-        "CREATE TRIGGER records_uncounted AFTER DELETE ON records BEGIN "
-        "UPDATE scope_counts SET scopes = scopes - 1, incomplete = incomplete - (old.flags & 1) "
-        "WHERE loc_id = old.loc_id AND scan_name = old.scan_name AND kind = " +
-            ScopeKindSql("old") + "; END",
-    };
-}
 
 // The last dotted component of a record's scope name, in SQL: rtrim strips
 // from the right every character of the name but the dot, which leaves the
@@ -139,11 +125,8 @@ void CInfoDatabase::Fail(const char *doing, const std::string &detail) {
 nb::object CInfoDatabase::Connect() {
     if (fReadOnly)
         return ConnectReadOnly();
-    nb::object conn = fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
-                                               nb::arg("isolation_level") = nb::none());
-    // A record that replaces another must also uncount it (scope_counts).
-    conn.attr("execute")("PRAGMA recursive_triggers=ON");
-    return conn;
+    return fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
+                                    nb::arg("isolation_level") = nb::none());
 }
 
 nb::object CInfoDatabase::ConnectReadOnly() {
@@ -369,8 +352,6 @@ void CInfoDatabase::ExecuteMany(const char *sql, nb::handle rows) {
 void CInfoDatabase::CreateSchema() {
     for (const char *statement : kSchema)
         Execute(statement);
-    for (const std::string &statement : ScopeCountTriggers())
-        Execute(statement.c_str());
     CreateLookupIndexes();
     Execute(("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
     Execute(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
@@ -554,6 +535,20 @@ nb::object CInfoDatabase::FindScopesWithLeaf(const std::string &leaf) {
                        "JOIN locations l ON l.id = r.loc_id WHERE " PYSOURCE_SCOPE_LEAF " = ?",
                        nb::make_tuple(leaf))
             .attr("fetchall")();
+    });
+}
+
+void CInfoDatabase::RecountScopes(const std::set<std::int64_t> &loc_ids,
+                                  const std::string &scan_name) {
+    Guarded("counting scopes", [&] {
+        nb::list keys;
+        for (std::int64_t id : loc_ids)
+            keys.append(nb::make_tuple(id, scan_name));
+        ExecuteMany("DELETE FROM scope_counts WHERE loc_id = ? AND scan_name = ?", keys);
+        static const std::string recount =
+            "INSERT INTO scope_counts SELECT loc_id, scan_name, " + ScopeKindSql("records") +
+            ", count(*), sum(flags & 1) FROM records WHERE loc_id = ? AND scan_name = ? GROUP BY 3";
+        ExecuteMany(recount.c_str(), keys);
     });
 }
 

@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -102,9 +103,12 @@ public:
     // (URL, scope name) of every scope with records whose last dotted
     // component is `leaf`, each once; an index makes this a lookup.
     nb::object FindScopesWithLeaf(const std::string &leaf);
+    // Counts again, per kind of scope (scopekind.h), the records of
+    // `scan_name` of each location: a write that changes them calls it.
+    void RecountScopes(const std::set<std::int64_t> &loc_ids, const std::string &scan_name);
     // (URL, scope kind, scopes, incomplete scopes) for every location and
-    // kind of scope (see scopekind.h) with records of `scan_name`, ordered by
-    // URL and kind: counts kept as records are written, so nothing is counted.
+    // kind of scope with records of `scan_name`, ordered by URL and kind: the
+    // counts RecountScopes kept, so no record is read.
     nb::object LoadScopeCounts(const std::string &scan_name);
 
     // Number of rows in the records table (for tests and reports).
