@@ -164,7 +164,16 @@ class CBlockStructure:
         if known is None or known[0] != mtime:
             known = (mtime, self._Read(loc))
             self._fFiles[url] = known
-        return known[1].get(symbolinfo.NormalizedScope(None, scope_name).name)
+        bodies = known[1]
+        name = symbolinfo.NormalizedScope(None, scope_name).name
+        body = bodies.get(name)
+        # A scope's structure is worked out when first asked for: a request
+        # reads a few scopes of a file, and a large file's every scope at
+        # once would hold up the caller's time slice.
+        if isinstance(body, list):
+            body.sort(key=lambda item: item[0])
+            body = bodies[name] = _CBody([logical for _index, logical in body])
+        return body
 
     def Forget(self, loc=None):
         if loc is None:
@@ -177,9 +186,10 @@ class CBlockStructure:
         logicals = FileLogicals(loc)
         if logicals is None:
             return {}
+        # {scope name: [(body index, logical)]}, each list turned into its
+        # _CBody by _Body when first asked for.
         bodies = {}
         for logical, position in zip(logicals, BodyPositions(logicals)):
             if position is not None:
                 bodies.setdefault(position[0], []).append((position[1], logical))
-        return {name: _CBody([logical for _index, logical in sorted(items, key=lambda x: x[0])])
-                for name, items in bodies.items()}
+        return bodies
