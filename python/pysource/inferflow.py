@@ -111,59 +111,71 @@ def _Conditions(body):
     return guards, skips
 
 
-class _CBody:
-    """What the engine asks of one scope body."""
+# What the engine asks of one scope body, as a plain tuple of tuples of
+# atomic values, which the garbage collector stops walking after its first
+# pass over it: (block paths, guards, skipped ifs, whether it yields).
+_kPaths, _kGuards, _kSkips, _kGenerator = range(4)
 
-    __slots__ = ("paths", "guards", "skips", "generator")
 
-    def __init__(self, logicals):
-        self.paths = _BlockPaths(logicals)
-        self.guards, self.skips = _Conditions(logicals)
-        self.generator = any("yield" in logical.fToks for logical in logicals
-                             if logical.fType != logicalline.kComment)
+def _BodyStructure(logicals):
+    guards, skips = _Conditions(logicals)
+    generator = any("yield" in logical.fToks for logical in logicals
+                    if logical.fType != logicalline.kComment)
+    return tuple(_BlockPaths(logicals)), tuple(guards), tuple(skips), generator
+
+
+# Files whose bodies are kept at once: the engine reads the bodies of the
+# file a scan is in and of the few it reaches; every file ever read would
+# keep its logical lines for the garbage collector to walk at each full
+# collection.
+kFilesKept = 8
 
 
 class CBlockStructure:
-    """Block paths of the bodies of every scope of a file, read once per
-    version of the file (by disk time) and kept."""
+    """Block paths of the bodies of the scopes of a file, read once per
+    version of the file (by disk time) and kept for the latest few files."""
 
     def __init__(self, info_cache):
         self._fInfoCache = info_cache
-        self._fFiles = {}  # url -> (disk time, {scope name: paths})
+        # url -> (disk time, {scope name: its _BodyStructure, or its body
+        # logicals until first asked for}), the latest read last
+        self._fFiles = {}
 
     def BlockPaths(self, loc, scope_name):
-        """The block paths of the body of `scope_name` in `loc`, as a list
+        """The block paths of the body of `scope_name` in `loc`, as a tuple
         indexed by body logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.paths
+        return None if body is None else body[_kPaths]
 
     def Guards(self, loc, scope_name):
         """The conditions known at each logical of the body of `scope_name`
-        in `loc` (see _Conditions), as a list indexed by body logical index, or
+        in `loc` (see _Conditions), as a tuple indexed by body logical index, or
         None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.guards
+        return None if body is None else body[_kGuards]
 
     def SkippedIfs(self, loc, scope_name):
         """The earlier `if` blocks at each logical of the body of
-        `scope_name` in `loc` (see _Conditions), as a list indexed by body
+        `scope_name` in `loc` (see _Conditions), as a tuple indexed by body
         logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.skips
+        return None if body is None else body[_kSkips]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a
         generator), or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.generator
+        return None if body is None else body[_kGenerator]
 
     def _Body(self, loc, scope_name):
         url = loc.fUrl
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
-        known = self._fFiles.get(url)
+        known = self._fFiles.pop(url, None)
         if known is None or known[0] != mtime:
             known = (mtime, self._Read(loc))
-            self._fFiles[url] = known
+            if len(self._fFiles) >= kFilesKept:
+                del self._fFiles[next(iter(self._fFiles))]
+        self._fFiles[url] = known
         bodies = known[1]
         name = symbolinfo.NormalizedScope(None, scope_name).name
         body = bodies.get(name)
@@ -171,8 +183,7 @@ class CBlockStructure:
         # reads a few scopes of a file, and a large file's every scope at
         # once would hold up the caller's time slice.
         if isinstance(body, list):
-            body.sort(key=lambda item: item[0])
-            body = bodies[name] = _CBody([logical for _index, logical in body])
+            body = bodies[name] = _BodyStructure(body)
         return body
 
     def Forget(self, loc=None):
@@ -186,10 +197,9 @@ class CBlockStructure:
         logicals = FileLogicals(loc)
         if logicals is None:
             return {}
-        # {scope name: [(body index, logical)]}, each list turned into its
-        # _CBody by _Body when first asked for.
+        # A body's logicals stand in the file in body order.
         bodies = {}
         for logical, position in zip(logicals, BodyPositions(logicals)):
             if position is not None:
-                bodies.setdefault(position[0], []).append((position[1], logical))
+                bodies.setdefault(position[0], []).append(logical)
         return bodies
