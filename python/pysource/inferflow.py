@@ -20,6 +20,22 @@ _kBranchKinds = frozenset({
 _kTransparentKinds = frozenset({logicalline.kWith})
 
 
+# Tokens are read one at a time: a logical that hands out its token list
+# may come to hold anything, and the collector walks it from then on.
+def _LastToken(logical):
+    return logical.GetTokenString(-1) if logical.fTokenCount else None
+
+
+def _InnerTokens(logical):
+    """The tokens between a header's keyword and its colon."""
+    return [logical.GetTokenString(i) for i in range(1, logical.fTokenCount - 1)]
+
+
+def _Yields(logical):
+    return "yield" in logical.fText and any(logical.GetTokenString(i) == "yield"
+                                            for i in range(logical.fTokenCount))
+
+
 def _BlockPaths(body):
     """One tuple per logical of a scope body: the indexes of the branch
     headers around it, outermost first."""
@@ -34,8 +50,7 @@ def _BlockPaths(body):
             open_blocks.pop()
         paths.append(tuple(h for h, _indent, branch in open_blocks if branch))
         if logical.fType in _kBranchKinds or logical.fType in _kTransparentKinds:
-            toks = logical.fToks
-            if toks and toks[-1] == ":":   # a one-line block holds nothing after it
+            if _LastToken(logical) == ":":   # a one-line block holds nothing after it
                 open_blocks.append((i, indent, logical.fType in _kBranchKinds))
     return paths
 
@@ -95,10 +110,9 @@ def _Conditions(body):
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
         skips.append(tuple(k for b in stack for k in b.skips))
-        toks = logical.fToks
-        if not toks or toks[-1] != ":" or logical.fType not in _kBranchKinds | _kTransparentKinds:
+        if logical.fType not in _kBranchKinds | _kTransparentKinds or _LastToken(logical) != ":":
             continue
-        condition = " ".join(toks[1:-1]) or None
+        condition = " ".join(_InnerTokens(logical)) or None
         if logical.fType in (logicalline.kIfBeginning, logicalline.kWhileBeginning):
             inside = [(i, condition, True)]
         elif logical.fType == logicalline.kElifBeginning:
@@ -119,7 +133,7 @@ _kPaths, _kGuards, _kSkips, _kGenerator = range(4)
 
 def _BodyStructure(logicals):
     guards, skips = _Conditions(logicals)
-    generator = any("yield" in logical.fToks for logical in logicals
+    generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
     return tuple(_BlockPaths(logicals)), tuple(guards), tuple(skips), generator
 
@@ -137,8 +151,9 @@ class CBlockStructure:
 
     def __init__(self, info_cache):
         self._fInfoCache = info_cache
-        # url -> (disk time, {scope name: its _BodyStructure, or its body
-        # logicals until first asked for}), the latest read last
+        # url -> (disk time, the file's logicals, {scope name: the indexes of
+        # its body's logicals until first asked for}, {scope name: its
+        # _BodyStructure}), the latest read last
         self._fFiles = {}
 
     def BlockPaths(self, loc, scope_name):
@@ -172,18 +187,18 @@ class CBlockStructure:
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
         known = self._fFiles.pop(url, None)
         if known is None or known[0] != mtime:
-            known = (mtime, self._Read(loc))
+            known = (mtime, *self._Read(loc), {})
             if len(self._fFiles) >= kFilesKept:
                 del self._fFiles[next(iter(self._fFiles))]
         self._fFiles[url] = known
-        bodies = known[1]
+        _mtime, logicals, waiting, worked_out = known
         name = symbolinfo.NormalizedScope(None, scope_name).name
-        body = bodies.get(name)
+        body = worked_out.get(name)
         # A scope's structure is worked out when first asked for: a request
         # reads a few scopes of a file, and a large file's every scope at
         # once would hold up the caller's time slice.
-        if isinstance(body, list):
-            body = bodies[name] = _BodyStructure(body)
+        if body is None and name in waiting:
+            body = worked_out[name] = _BodyStructure([logicals[i] for i in waiting.pop(name)])
         return body
 
     def Forget(self, loc=None):
@@ -194,12 +209,16 @@ class CBlockStructure:
 
     @staticmethod
     def _Read(loc):
+        """(the logicals of `loc`, {scope name: the indexes of its body's
+        logicals}); no logicals when the file can't be read."""
         logicals = FileLogicals(loc)
         if logicals is None:
-            return {}
-        # A body's logicals stand in the file in body order.
+            return [], {}
+        # A body's logicals stand in the file in body order.  Only the file's
+        # list holds them (they are left out of the collector's walks); the
+        # bodies are tuples of numbers, which the collector lets go of.
         bodies = {}
-        for logical, position in zip(logicals, BodyPositions(logicals)):
+        for index, position in enumerate(BodyPositions(logicals)):
             if position is not None:
-                bodies.setdefault(position[0], []).append(logical)
-        return bodies
+                bodies.setdefault(position[0], []).append(index)
+        return logicals, {name: tuple(indexes) for name, indexes in bodies.items()}
