@@ -182,7 +182,13 @@ class CBlockStructure:
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kGenerator]
 
-    def _Body(self, loc, scope_name):
+    def ReadFile(self, loc):
+        """Reads the file at `loc` unless it is kept already: a caller with
+        time to spare (a scan starting on the file) takes that step apart
+        from the questions that would need it."""
+        self._File(loc)
+
+    def _File(self, loc):
         url = loc.fUrl
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
         known = self._fFiles.pop(url, None)
@@ -191,7 +197,10 @@ class CBlockStructure:
             if len(self._fFiles) >= kFilesKept:
                 del self._fFiles[next(iter(self._fFiles))]
         self._fFiles[url] = known
-        _mtime, logicals, waiting, worked_out = known
+        return known
+
+    def _Body(self, loc, scope_name):
+        _mtime, logicals, waiting, worked_out = self._File(loc)
         name = symbolinfo.NormalizedScope(None, scope_name).name
         body = worked_out.get(name)
         # A scope's structure is worked out when first asked for: a request
