@@ -88,6 +88,10 @@ struct MroEntry {
 // What a piece of work told the request's context: (an import, scope) pairs.
 using Effects = std::vector<std::pair<bool, nb::object>>;
 
+// A condition known at a body logical: (header index, condition text, a
+// number), see CEvaluator::ConditionsOf.
+using FlowGuard = std::tuple<long long, std::string, long long>;
+
 // What the engine keeps from one request to the next: facts derived from
 // primary records alone (method orders, type variables of classes, values
 // read in library files).  They stand while the info cache's primary records
@@ -121,9 +125,17 @@ struct EngineMemo {
         record_generation = ~std::uint64_t(0);
     }
     std::map<std::string, bool> library_urls;  // url -> a file without derived info
+    // The branch structure of scope bodies as the flow provider told it: it
+    // follows the files' text, as the primary records do.
+    PyObject *flow = nullptr;  // the provider it was read from
+    std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> block_paths;
+    std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<FlowGuard>>>>
+        conditions_at;
 
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
+        block_paths.clear();
+        conditions_at.clear();
         mros.clear();
         type_vars.clear();
         library_values.clear();
@@ -232,7 +244,7 @@ private:
     // known there (the number: whether it holds); "SkippedIfs", the earlier
     // `if` blocks (the number: the block's last logical).  Null when it
     // can't tell.
-    using Guard = std::tuple<long long, std::string, long long>;
+    using Guard = FlowGuard;
     const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
     // `values` of the local `name` (set by `entry` of `record`) at
     // `use_index`, narrowed by the conditions known there that no setting
@@ -487,9 +499,6 @@ private:
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
-    std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> fBlockPaths;
-    std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<Guard>>>>
-        fConditions;
 };
 
 }  // namespace pysource::infer

@@ -96,6 +96,21 @@ std::string CModuleFinder::PackageRootOf(const std::string &path) {
     return dir;
 }
 
+const std::string &CModuleFinder::KnownPackageRootOf(const std::string &path) {
+    std::string dir = DirName(path);
+    auto it = fPackageRoots.find(dir);
+    if (it == fPackageRoots.end())
+        it = fPackageRoots.emplace(dir, PackageRootOf(path)).first;
+    return it->second;
+}
+
+nb::object CModuleFinder::KnownLocation(const std::string &path) {
+    auto it = fLocations.find(path);
+    if (it == fLocations.end())
+        it = fLocations.emplace(path, LocalFileLocation(path)).first;
+    return it->second;
+}
+
 nb::object CModuleFinder::FindModule(nb::handle dotted_name, nb::handle from_loc) {
     std::string name(symbolinfo::TextView(dotted_name, "module name"));
     std::vector<std::string_view> parts = SplitDots(name);
@@ -106,7 +121,7 @@ nb::object CModuleFinder::FindModule(nb::handle dotted_name, nb::handle from_loc
     if (!from_loc.is_none()) {
         std::string path = LocationPath(from_loc);
         if (!path.empty())
-            own_root = PackageRootOf(path);
+            own_root = KnownPackageRootOf(path);
     }
     if (!own_root.empty())
         dirs.push_back(&own_root);
@@ -119,7 +134,7 @@ nb::object CModuleFinder::FindModule(nb::handle dotted_name, nb::handle from_loc
         if (it == fFound.end())
             it = fFound.emplace(key, FindBelow(*dir, parts)).first;
         if (!it->second.empty())
-            return LocalFileLocation(it->second);
+            return KnownLocation(it->second);
     }
     return nb::none();
 }
@@ -155,7 +170,7 @@ nb::object CModuleFinder::ModuleNameOf(nb::handle loc) {
     for (const auto *group : {&fRoots, &fStubDirs, &fLibraryDirs})
         for (const std::string &dir : *group)
             dirs.push_back(&dir);
-    std::string own_root = PackageRootOf(path);
+    std::string own_root = KnownPackageRootOf(path);
     dirs.push_back(&own_root);
     for (const std::string *dir : dirs) {
         if (dir->empty() || path.size() <= dir->size() + 1 || path.compare(0, dir->size(), *dir) != 0 ||
@@ -181,6 +196,8 @@ void CModuleFinder::AddRoot(nb::handle dir) {
     for (const std::string &d : FolderList(nb::make_tuple(dir), "dir"))
         fRoots.push_back(d);
     fFound.clear();
+    fPackageRoots.clear();
+    fLocations.clear();
     ++fGeneration;
 }
 

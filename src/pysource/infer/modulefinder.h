@@ -52,11 +52,19 @@ public:
     // folder upward without an __init__ file.
     static std::string PackageRootOf(const std::string &path);
 
+    // The same, asked of the file system once per folder.
+    const std::string &KnownPackageRootOf(const std::string &path);
+
 private:
     std::vector<std::string> fRoots;
     std::vector<std::string> fStubDirs;
     std::vector<std::string> fLibraryDirs;
+    // Imports are asked again and again: what the file system said is kept
+    // (a change of the search path drops it).
     std::unordered_map<std::string, std::string> fFound;  // "root|name" -> path or ""
+    std::unordered_map<std::string, std::string> fPackageRoots;  // folder -> its package root
+    std::unordered_map<std::string, nb::object> fLocations;      // path -> its location
+    nb::object KnownLocation(const std::string &path);
 };
 
 }  // namespace pysource::infer

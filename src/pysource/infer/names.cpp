@@ -136,9 +136,11 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     std::uint64_t generation = generation_of("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration);
     std::tuple<int, int, std::size_t> limits{engine.fMaxDepth, engine.fMaxArgHops, engine.fMaxValues};
     if (generation != fMemo.generation || generation == kUnknown ||
-        fMemo.conditions != engine.fConditionEvaluator.ptr() || limits != fMemo.limits) {
+        fMemo.conditions != engine.fConditionEvaluator.ptr() || fMemo.flow != engine.fFlowProvider.ptr() ||
+        limits != fMemo.limits) {
         fMemo.Clear(generation);
         fMemo.conditions = engine.fConditionEvaluator.ptr();
+        fMemo.flow = engine.fFlowProvider.ptr();
         fMemo.limits = limits;
     }
     std::uint64_t records = generation_of("fRecordGeneration", &CInfoCache::fRecordGeneration);
@@ -627,8 +629,8 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
     if (provider.is_none())
         return nullptr;
     std::pair<std::string, std::string> key{LocationUrl(scope.attr("loc")), std::string(ScopeName(scope))};
-    auto it = fBlockPaths.find(key);
-    if (it == fBlockPaths.end()) {
+    auto it = fMemo.block_paths.find(key);
+    if (it == fMemo.block_paths.end()) {
         std::optional<std::vector<std::vector<long long>>> paths;
         nb::object found = provider.attr("BlockPaths")(scope.attr("loc"), scope.attr("name"));
         if (!found.is_none()) {
@@ -640,7 +642,7 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
                 paths->push_back(std::move(headers));
             }
         }
-        it = fBlockPaths.emplace(key, std::move(paths)).first;
+        it = fMemo.block_paths.emplace(key, std::move(paths)).first;
     }
     return it->second ? &*it->second : nullptr;
 }

@@ -50,14 +50,16 @@ bool IsNoneLiteral(nb::handle single) {
 
 const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
     nb::object provider = fEngine.fFlowProvider;
-    if (provider.is_none() || !nb::hasattr(provider, method))
+    if (provider.is_none())
         return nullptr;
     std::tuple<std::string, std::string, std::string> key{
         LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")), method};
-    auto it = fConditions.find(key);
-    if (it == fConditions.end()) {
+    auto it = fMemo.conditions_at.find(key);
+    if (it == fMemo.conditions_at.end()) {
         std::optional<std::vector<std::vector<Guard>>> found;
-        nb::object listed = provider.attr(method)(scope.attr("loc"), scope.attr("name"));
+        nb::object listed = nb::hasattr(provider, method)
+                                ? provider.attr(method)(scope.attr("loc"), scope.attr("name"))
+                                : nb::none();
         if (!listed.is_none()) {
             found.emplace();
             for (nb::handle at : listed) {
@@ -71,7 +73,7 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
                 found->push_back(std::move(here));
             }
         }
-        it = fConditions.emplace(key, std::move(found)).first;
+        it = fMemo.conditions_at.emplace(key, std::move(found)).first;
     }
     return it->second ? &*it->second : nullptr;
 }
