@@ -153,7 +153,7 @@ nb::object CEvaluator::ClassOfInstance(nb::handle single) {
             name = "EllipsisType";
         nb::object cls = BuiltinClass(name);
         if (cls.is_none() && name == "NoneType") {
-            ValueSet types = ModuleNamed(fLocCache.attr("GetBuiltinLoc")(), "types");
+            ValueSet types = ModuleNamed(BuiltinLoc(), "types");
             for (const nb::object &t : types.Items())
                 for (const nb::object &c : ModuleAttribute(t, name).Items())
                     if (Single(c)->IsClass())
@@ -576,7 +576,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 nb::list items;
                 for (const std::string &var : vars)
                     items.append(bound.count(var) ? bound[var].AsFrozenSet() : ValueSet().AsFrozenSet());
-                if (NameOf(c) == "tuple" && c->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+                if (NameOf(c) == "tuple" && c->loc.is(BuiltinLoc()))
                     items.append(EllipsisArg());  // tuple(iterable): as many items as it gives
                 type_args = nb::tuple(items);
             }
@@ -926,7 +926,7 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
             for (const nb::object &wc : wanted_classes) {
                 std::string_view wname = NameOf(Single(wc));
                 plain_builtins = plain_builtins &&
-                                 (Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()) || wname == "NoneType") &&
+                                 (Single(wc)->loc.is(BuiltinLoc()) || wname == "NoneType") &&
                                  wname != "object" && wname != "type" && !IsProtocolClass(wc);
             }
             if (plain_builtins)
@@ -1147,10 +1147,17 @@ namespace pysource::infer {
 
 bool CEvaluator::IsGeneratorDef(nb::handle loc, std::string_view def_name) {
     nb::object provider = fEngine.fFlowProvider;
-    if (provider.is_none() || !nb::hasattr(provider, "IsGenerator"))
+    if (provider.is_none())
         return false;
-    nb::object answer = provider.attr("IsGenerator")(loc, nb::str(def_name.data(), def_name.size()));
-    return !answer.is_none() && nb::cast<bool>(answer);
+    std::pair<std::string, std::string> key{LocationUrl(loc), std::string(def_name)};
+    auto it = fMemo.generators.find(key);
+    if (it == fMemo.generators.end()) {
+        nb::object answer = nb::hasattr(provider, "IsGenerator")
+                                ? provider.attr("IsGenerator")(loc, nb::str(def_name.data(), def_name.size()))
+                                : nb::none();
+        it = fMemo.generators.emplace(std::move(key), !answer.is_none() && nb::cast<bool>(answer)).first;
+    }
+    return it->second;
 }
 
 }  // namespace pysource::infer

@@ -484,7 +484,7 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             continue;  // other forms are not called for values; a Callable[..., R] gives R
         if (c->IsClass()) {
             std::string_view name = si::TextView(c->scope->name, "name");
-            nb::object builtins = fLocCache.attr("GetBuiltinLoc")();
+            nb::object builtins = BuiltinLoc();
             if (c->loc.is(builtins) && name == "type" && n.kids_count == 2) {
                 // type(x): the class of x.
                 arguments();
@@ -705,7 +705,7 @@ bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &posi
     std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
     if (si::GetInfoBytesKind(bare) != si::kInstanceKind)
         return false;
-    if (si::TextView(s->scope->name, "name") != "tuple" || !s->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
+    if (si::TextView(s->scope->name, "name") != "tuple" || !s->loc.is(BuiltinLoc())) {
         nb::object cls = ClassOfInstance(single);
         return !cls.is_none() && NamedTupleFields(cls, positions);
     }
@@ -738,7 +738,7 @@ bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &posit
     // The fields are the names the class bodies annotate, base classes first.
     for (auto it = mro.rbegin(); it != mro.rend(); ++it) {
         si::CSingleResolvedInfo *k = Single(it->cls);
-        if (IsTypingModuleName(ModuleNameOfLoc(k->loc)) || k->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+        if (IsTypingModuleName(ModuleNameOfLoc(k->loc)) || k->loc.is(BuiltinLoc()))
             continue;  // NamedTuple itself, tuple, object
         nb::object scope = MakeScope(k->loc, NameOf(k));
         nb::object record = RecordOf(scope);

@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "pysource/infer/inferencectx.h"
@@ -131,11 +132,17 @@ struct EngineMemo {
     std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> block_paths;
     std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<FlowGuard>>>>
         conditions_at;
+    std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
+    // The module scope of each location met, by the location (held, so
+    // that its address names it alone).
+    std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
 
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
         block_paths.clear();
         conditions_at.clear();
+        generators.clear();
+        module_scopes.clear();
         mros.clear();
         type_vars.clear();
         library_values.clear();
@@ -269,6 +276,8 @@ private:
     ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name);
     ValueSet BuiltinNamed(std::string_view name);
     nb::object ModuleScopeOf(nb::handle loc);
+    // The location of the builtins' stub, asked once per request.
+    nb::object BuiltinLoc();
     std::string ScopeKindOf(nb::handle scope);  // "class", "def", "module", "" unknown
     // The record of the module at `loc`; marks the request incomplete and
     // names the needed scan when the file has none yet.
@@ -351,6 +360,7 @@ private:
     nb::object fInfoCache;
     nb::object fLocCache;
     nb::object fFinder;
+    nb::object fBuiltinLoc;  // None until asked for
     int fDepth = 0;
     std::uint64_t fSteps = 0;  // calls of Stop
     static constexpr std::uint64_t kStepsPerClockReading = 8;

@@ -300,7 +300,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         return out;  // Any, Callable, Generic, ...: nothing definite
     }
     std::string_view name = NameOf(s);
-    if (name == "type" && s->loc.is(fLocCache.attr("GetBuiltinLoc")()) && !args.empty()) {
+    if (name == "type" && s->loc.is(BuiltinLoc()) && !args.empty()) {
         // type[X]: the class X itself.
         for (const nb::object &inst : args[0].Items()) {
             nb::object cls = ClassOfInstance(inst);
@@ -392,7 +392,7 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
             }
             if (!form.empty())
                 continue;
-            if (NameOf(h) == "type" && h->loc.is(fLocCache.attr("GetBuiltinLoc")())) {
+            if (NameOf(h) == "type" && h->loc.is(BuiltinLoc())) {
                 // type[T] receiving classes binds T to their instances.
                 ValueSet instances;
                 for (const nb::object &r : received.Items())
@@ -403,7 +403,7 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                 continue;
             }
             std::vector<std::string> vars = OrderedTypeVars(head);
-            bool builtin_tuple = NameOf(h) == "tuple" && h->loc.is(fLocCache.attr("GetBuiltinLoc")()) &&
+            bool builtin_tuple = NameOf(h) == "tuple" && h->loc.is(BuiltinLoc()) &&
                                  tree.toks[(std::size_t) tree.nodes[(std::size_t) arg_nodes.back()].tok_begin].text != "...";
             // A call of an async def reads as what it returns: where an
             // awaitable is wanted, that is what awaiting it gives.

@@ -237,7 +237,18 @@ nb::object CEvaluator::RecordOf(nb::handle scope) {
     return record;
 }
 
-nb::object CEvaluator::ModuleScopeOf(nb::handle loc) { return MakeScope(loc, ""); }
+nb::object CEvaluator::ModuleScopeOf(nb::handle loc) {
+    auto it = fMemo.module_scopes.find(loc.ptr());
+    if (it == fMemo.module_scopes.end())
+        it = fMemo.module_scopes.emplace(loc.ptr(), std::pair{nb::borrow(loc), MakeScope(loc, "")}).first;
+    return it->second.second;
+}
+
+nb::object CEvaluator::BuiltinLoc() {
+    if (!fBuiltinLoc.is_valid())
+        fBuiltinLoc = fLocCache.attr("GetBuiltinLoc")();
+    return fBuiltinLoc;
+}
 
 nb::object CEvaluator::ModuleRecord(nb::handle loc) {
     nb::object scope = ModuleScopeOf(loc);
@@ -352,7 +363,7 @@ nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
 }
 
 nb::object CEvaluator::LiteralSingle(std::string_view class_name, const std::optional<std::string> &value) {
-    nb::object loc = fLocCache.attr("GetBuiltinLoc")();
+    nb::object loc = BuiltinLoc();
     std::string ibytes = si::BuildLiteralInfo(class_name, value ? si::OptView(*value) : si::OptView());
     nb::object scope = MakeScope(loc, class_name);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
@@ -497,7 +508,7 @@ ValueSet CEvaluator::LookupInScopeChain(nb::handle module_scope, std::string_vie
 
 ValueSet CEvaluator::BuiltinNamed(std::string_view name) {
     ValueSet out;
-    nb::object loc = fLocCache.attr("GetBuiltinLoc")();
+    nb::object loc = BuiltinLoc();
     nb::object record = ModuleRecord(loc);
     if (record.is_none())
         return out;
@@ -712,7 +723,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         return ValuesOfSingle(ModuleScopeOf(other), f.rest, use_index);
     }
     case si::kBuiltinModuleKind:
-        return ValuesOfSingle(ModuleScopeOf(fLocCache.attr("GetBuiltinLoc")()), s.substr(si::kPrefixLen), -2);
+        return ValuesOfSingle(ModuleScopeOf(BuiltinLoc()), s.substr(si::kPrefixLen), -2);
     case si::kTypingModuleKind:
         return ValuesOfSingle(ModuleScopeOf(fLocCache.attr("GetTypingLoc")()), s.substr(si::kPrefixLen), -2);
     case si::kDefLineScopeKind: {
