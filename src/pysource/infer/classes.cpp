@@ -212,7 +212,8 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
     std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
     if (si::GetInfoBytesKind(bare) != si::kClassKind && si::GetInfoBytesKind(bare) != si::kInstanceKind)
         return vars;
-    si::ClassInfo info = si::UnpackClassInfo(bare);
+    const auto info_held = ClassInfoOf(bare);
+    const si::ClassInfo &info = *info_held;
     if (info.type_params) {
         for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*info.type_params))
             vars.push_back(param.name);
@@ -321,7 +322,8 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
         std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
         if (si::GetInfoBytesKind(bare) != si::kClassKind)
             return;
-        si::ClassInfo info = si::UnpackClassInfo(bare);
+        const auto info_held = ClassInfoOf(bare);
+        const si::ClassInfo &info = *info_held;
         nb::object parent = MakeScope(s->loc, si::ParentScopeName(NameOf(s)));
         for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
             std::string_view text = si::StripSpaces(base);
@@ -464,7 +466,8 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
             continue;
         }
         std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
-        si::DefInfo def = si::UnpackDefInfo(bare);
+        const auto def_held = DefInfoOf(bare);
+        const si::DefInfo &def = *def_held;
         if (HasDecorator(def, "setter") || HasDecorator(def, "deleter"))
             continue;  // the same property as its getter
         bool is_static = HasDecorator(def, "staticmethod");
@@ -542,7 +545,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 si::CSingleResolvedInfo *i = Single(init);
                 if (!i->IsDef() || !OverloadAccepts(init, args, &kwargs))
                     continue;
-                si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
+                const auto def_held = DefInfoOf(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
+                const si::DefInfo &def = *def_held;
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
                 std::size_t first = params.empty() || params[0].star ? 0 : 1;
@@ -586,7 +590,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             si::CSingleResolvedInfo *n = Single(nw);
             if (!n->IsDef())
                 continue;
-            si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(n->ibytes, "ibytes")));
+            const auto def_held = DefInfoOf(si::BareSingle(si::TextView(n->ibytes, "ibytes")));
+            const si::DefInfo &def = *def_held;
             std::string_view hint = def.return_hint ? si::StripSpaces(*def.return_hint) : std::string_view();
             if (hint.empty() || hint == "Self" || si::ParentScopeName(si::NormalizeScopeName(def.scope_name)) == "object")
                 continue;
@@ -624,7 +629,8 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         self.Add(d->fBoundTo);
         map["Self"] = recv->IsClass() ? InstanceOf(d->fBoundTo, recv->fTypeArgs) : self;
     }
-    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const si::DefInfo &def = *def_held;
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
         // Bind the def's own type variables from the arguments (and from the
         // receiver for a bound method's first parameter); those of its class
@@ -680,7 +686,8 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     if (Stop())
         return out;
     si::CSingleResolvedInfo *d = Single(def_single);
-    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const si::DefInfo &def = *def_held;
     std::string_view name = NameOf(d);
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
         nb::object def_scope = MakeScope(d->loc, si::DefLineScope(name));
@@ -817,7 +824,8 @@ ValueSet CEvaluator::IterItems(const ValueSet &values) {
 // anything; an int is good where a float or a complex is wanted.
 bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueSet> &args, const Keywords *kwargs) {
     si::CSingleResolvedInfo *d = Single(def_single);
-    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const si::DefInfo &def = *def_held;
     std::vector<Param> params = ParamsOf(def);
     std::size_t first = (d->IsBound() || (!d->fBoundTo.is_none())) && !params.empty() ? 1 : 0;
     std::size_t positional = 0;
@@ -1013,7 +1021,8 @@ bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
 
 bool CEvaluator::IsProtocolClass(nb::handle cls) {
     std::string_view bare = si::BareSingle(si::TextView(Single(cls)->ibytes, "ibytes"));
-    si::ClassInfo info = si::UnpackClassInfo(bare);
+    const auto info_held = ClassInfoOf(bare);
+    const si::ClassInfo &info = *info_held;
     if (!info.arg_decl)
         return false;
     for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
@@ -1079,7 +1088,8 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
         si::CSingleResolvedInfo *s = Single(callee);
         if (!s->IsDef())
             continue;
-        si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+        const auto def_held = DefInfoOf(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+        const si::DefInfo &def = *def_held;
         if (!HasDecorator(def, "overload"))
             continue;
         std::string key = group_key(s);

@@ -39,7 +39,8 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     ValueSet out;
     out.Add(def_single);
     si::CSingleResolvedInfo *d = Single(def_single);
-    si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const si::DefInfo &def = *def_held;
     if (def.decorators.empty() || nb::cast<bool>(fLocCache.attr("IsPyiLocation")(loc)))
         return out;
     nb::object parent = MakeScope(loc, si::ParentScopeName(NameOf(d)));
@@ -55,7 +56,8 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
             if (!s->IsDef() && !s->IsClass())
                 continue;
             if (s->IsDef()) {
-                si::DefInfo info = si::UnpackDefInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+                const auto info_held = DefInfoOf(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+                const si::DefInfo &info = *info_held;
                 if (!info.return_hint || info.return_hint->find_first_not_of(" ") == std::string::npos)
                     continue;
             }

@@ -62,7 +62,8 @@ nb::object CEvaluator::MetaclassOf(nb::handle cls) {
         std::string_view bare = si::BareSingle(si::TextView(k->ibytes, "ibytes"));
         if (si::GetInfoBytesKind(bare) != si::kClassKind)
             continue;
-        si::ClassInfo info = si::UnpackClassInfo(bare);
+        const auto info_held = ClassInfoOf(bare);
+        const si::ClassInfo &info = *info_held;
         for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
             std::string_view text = si::StripSpaces(base);
             std::ptrdiff_t eq = si::NonNestedFind(text, "=");

@@ -315,7 +315,8 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
         std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
         if (!si::IsDefKind(si::GetInfoBytesKind(own)))
             return out;
-        si::DefInfo def = si::UnpackDefInfo(own);
+        const auto def_held = DefInfoOf(own);
+        const si::DefInfo &def = *def_held;
         if (!def.return_hint)
             return out;
         nb::object def_line = MakeScope(frame.scope.attr("loc"), si::DefLineScope(si::TextView(frame.scope.attr("name"), "name")));

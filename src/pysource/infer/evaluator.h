@@ -13,7 +13,8 @@
 #include <climits>
 #include <cstdint>
 #include <map>
-#include <cstdint>
+#include <memory>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -89,6 +90,14 @@ struct MroEntry {
 // What a piece of work told the request's context: (an import, scope) pairs.
 using Effects = std::vector<std::pair<bool, nb::object>>;
 
+// Hashes text keys so that a view finds them without a copy.
+struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+};
+template <class T>
+using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
+
 // A condition known at a body logical: (header index, condition text, a
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
@@ -133,6 +142,10 @@ struct EngineMemo {
     std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<FlowGuard>>>>
         conditions_at;
     std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
+    // The fields of def and class singles, by their text: the same few are
+    // unpacked again and again.
+    TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
+    TextMap<std::shared_ptr<const symbolinfo::ClassInfo>> class_infos;
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
@@ -142,6 +155,8 @@ struct EngineMemo {
         block_paths.clear();
         conditions_at.clear();
         generators.clear();
+        def_infos.clear();
+        class_infos.clear();
         module_scopes.clear();
         mros.clear();
         type_vars.clear();
@@ -333,6 +348,11 @@ private:
     // `receivers` (iteration and subscripts of an enumeration's class).
     ValueSet CallMetaclassDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
     bool ProtocolAccepts(nb::handle protocol, nb::handle cls);
+
+    // The fields of a def or class single (the unpacking's error when it is
+    // not one), unpacked once per text.
+    std::shared_ptr<const symbolinfo::DefInfo> DefInfoOf(std::string_view single);
+    std::shared_ptr<const symbolinfo::ClassInfo> ClassInfoOf(std::string_view single);
 
     // Singles.
     nb::object ClassSingle(nb::handle loc, std::string_view bare_class_info);

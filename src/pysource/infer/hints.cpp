@@ -90,7 +90,8 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             std::string_view bare = si::BareSingle(single);
             if (!si::IsDefKind(si::GetInfoBytesKind(bare)))
                 continue;
-            si::DefInfo def = si::UnpackDefInfo(bare);
+            const auto def_held = DefInfoOf(bare);
+            const si::DefInfo &def = *def_held;
             if (!def.return_hint)
                 continue;
             nb::object def_scope = MakeScope(p->loc, si::DefLineScope(si::NormalizeScopeName(def.scope_name)));

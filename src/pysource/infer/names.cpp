@@ -326,8 +326,30 @@ bool CEvaluator::ConditionsHold(std::string_view single) {
 
 // ---------------------------------------------------------------- singles
 
+namespace {
+
+template <class Info, class Unpack>
+std::shared_ptr<const Info> KeptInfo(TextMap<std::shared_ptr<const Info>> &kept, std::string_view single,
+                                     Unpack unpack) {
+    auto it = kept.find(single);
+    if (it == kept.end())
+        it = kept.emplace(std::string(single), std::make_shared<const Info>(unpack(single))).first;
+    return it->second;
+}
+
+}  // namespace
+
+std::shared_ptr<const si::DefInfo> CEvaluator::DefInfoOf(std::string_view single) {
+    return KeptInfo(fMemo.def_infos, single, si::UnpackDefInfo);
+}
+
+std::shared_ptr<const si::ClassInfo> CEvaluator::ClassInfoOf(std::string_view single) {
+    return KeptInfo(fMemo.class_infos, single, si::UnpackClassInfo);
+}
+
 nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
-    si::ClassInfo info = si::UnpackClassInfo(bare);
+    const auto info_held = ClassInfoOf(bare);
+    const si::ClassInfo &info = *info_held;
     std::string name = si::NormalizeScopeName(info.full_name);
     std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
     auto view = [](const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); };
@@ -338,7 +360,8 @@ nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
 }
 
 nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kind) {
-    si::DefInfo info = si::UnpackDefInfo(bare);
+    const auto info_held = DefInfoOf(bare);
+    const si::DefInfo &info = *info_held;
     std::string name = si::NormalizeScopeName(info.scope_name);
     std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
     auto view = [](const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); };
@@ -479,9 +502,9 @@ bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std
     si::Kind kind = si::GetInfoBytesKind(own);
     si::OptText params;
     if (si::IsDefKind(kind))
-        params = si::UnpackDefInfo(own).type_params;
+        params = DefInfoOf(own)->type_params;
     else if (kind == si::kClassKind)
-        params = si::UnpackClassInfo(own).type_params;
+        params = ClassInfoOf(own)->type_params;
     if (!params)
         return false;
     for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*params))
@@ -1044,7 +1067,7 @@ int CEvaluator::StarOfParameter(nb::handle record, long long index) {
     if (!si::IsDefKind(si::GetInfoBytesKind(own)))
         return 0;
     long long position = 0;
-    for (const std::string &raw : si::SplitDeclArguments(si::UnpackDefInfo(own).arg_decl)) {
+    for (const std::string &raw : si::SplitDeclArguments(DefInfoOf(own)->arg_decl)) {
         std::string_view text = si::StripSpaces(raw);
         if (text.empty() || text == "*" || text == "/")
             continue;
