@@ -10,6 +10,7 @@
 #include <nanobind/nanobind.h>
 
 #include <algorithm>
+#include <bitset>
 #include <climits>
 #include <cstdint>
 #include <map>
@@ -98,6 +99,21 @@ struct TextHash {
 template <class T>
 using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 
+// A record entry split into its singles, each with its logical index (when
+// numbered) and its kinds: the same entries are read again and again.
+struct EntryPiece {
+    std::string_view single;         // as written, wrappers and index included
+    std::optional<long long> index;  // its logical index, when numbered
+    symbolinfo::Kind kind;           // of the single without its index
+    symbolinfo::Kind bare_kind;      // of the single without wrappers either
+    bool malformed = false;          // its wrappers don't unpack (bare_kind unknown)
+};
+struct ParsedEntry {
+    std::string text;  // the pieces view it
+    std::vector<EntryPiece> pieces;
+    std::bitset<256> kinds;  // the pieces' `kind`s
+};
+
 // A condition known at a body logical: (header index, condition text, a
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
@@ -146,6 +162,7 @@ struct EngineMemo {
     // unpacked again and again.
     TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
     TextMap<std::shared_ptr<const symbolinfo::ClassInfo>> class_infos;
+    TextMap<std::shared_ptr<const ParsedEntry>> entries;
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
@@ -157,6 +174,7 @@ struct EngineMemo {
         generators.clear();
         def_infos.clear();
         class_infos.clear();
+        entries.clear();
         module_scopes.clear();
         mros.clear();
         type_vars.clear();
@@ -353,6 +371,8 @@ private:
     // not one), unpacked once per text.
     std::shared_ptr<const symbolinfo::DefInfo> DefInfoOf(std::string_view single);
     std::shared_ptr<const symbolinfo::ClassInfo> ClassInfoOf(std::string_view single);
+    // A record entry split into its singles, once per text.
+    std::shared_ptr<const ParsedEntry> EntryOf(std::string_view entry);
 
     // Singles.
     nb::object ClassSingle(nb::handle loc, std::string_view bare_class_info);

@@ -37,14 +37,8 @@ std::string_view ScopeName(nb::handle scope) {
     return si::TextView(scope.attr("name"), "scope name");
 }
 
-// The kinds of the singles of an entry, read in one pass.
+// The kinds of the singles of an entry.
 using EntryKinds = std::bitset<256>;
-EntryKinds KindsIn(std::string_view entry) {
-    EntryKinds kinds;
-    for (std::string_view single : si::NonNestedSplit(entry, ";"))
-        kinds.set((unsigned char) si::GetInfoBytesKind(si::SplitLogicalIndexSuffix(single).single));
-    return kinds;
-}
 
 bool Has(const EntryKinds &kinds, si::Kind kind) { return kinds.test((unsigned char) kind); }
 
@@ -347,6 +341,26 @@ std::shared_ptr<const si::ClassInfo> CEvaluator::ClassInfoOf(std::string_view si
     return KeptInfo(fMemo.class_infos, single, si::UnpackClassInfo);
 }
 
+std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
+    auto it = fMemo.entries.find(entry);
+    if (it != fMemo.entries.end())
+        return it->second;
+    auto parsed = std::make_shared<ParsedEntry>();
+    parsed->text.assign(entry);
+    for (std::string_view single : si::NonNestedSplit(parsed->text, ";")) {
+        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+        EntryPiece piece{single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{}};
+        try {
+            piece.bare_kind = si::GetInfoBytesKind(si::BareSingle(single));
+        } catch (const std::invalid_argument &) {
+            piece.malformed = true;
+        }
+        parsed->kinds.set((unsigned char) piece.kind);
+        parsed->pieces.push_back(piece);
+    }
+    return fMemo.entries.emplace(std::string(entry), std::move(parsed)).first->second;
+}
+
 nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
     const auto info_held = ClassInfoOf(bare);
     const si::ClassInfo &info = *info_held;
@@ -559,7 +573,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         }
     }
     nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
-    EntryKinds kinds = entry.is_none() ? EntryKinds() : KindsIn(si::TextView(entry, "ibytes"));
+    EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (entry.is_none() || !BindsName(kinds)) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
@@ -598,16 +612,16 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
 ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
                                  long long use_index) {
     ValueSet out;
+    const std::shared_ptr<const ParsedEntry> parsed = EntryOf(entry);
     std::vector<std::pair<std::string_view, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
-    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
-        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-        long long at = split.logical_index ? *split.logical_index : -2;
-        if (!SaysValue(si::GetInfoBytesKind(si::BareSingle(single))))
+    for (const EntryPiece &piece : parsed->pieces) {
+        long long at = piece.index ? *piece.index : -2;
+        if (!SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind))
             continue;
-        singles.emplace_back(single, at);
-        if (use_index >= -1 && split.logical_index && at < use_index) {
+        singles.emplace_back(piece.single, at);
+        if (use_index >= -1 && piece.index && at < use_index) {
             before.insert(at);
             best = std::max(best, at);
         }
@@ -628,7 +642,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     }
     // A declared type (a hint) governs every setting of the name.
     // (`X: TypeAlias = ...` declares an alias: its value is what counts.)
-    auto declares = [](std::string_view single) {
+    auto declares = [&](std::string_view single) {
         std::string_view bare = si::BareSingle(single);
         if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
             return false;
@@ -640,8 +654,8 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar";
     };
     bool declared = false;
-    for (const auto &[single, at] : singles)
-        declared = declared || declares(single);
+    for (const EntryPiece &piece : parsed->pieces)
+        declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single));
     for (const auto &[single, at] : singles) {
         if (declared && !declares(single))
             continue;

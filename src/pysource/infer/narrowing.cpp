@@ -105,11 +105,9 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
     // The latest setting before the use: conditions read before it say
     // nothing of the value it sets.
     long long latest = -1;
-    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
-        si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-        if (split.logical_index && *split.logical_index < use_index)
-            latest = std::max(latest, *split.logical_index);
-    }
+    for (const EntryPiece &piece : EntryOf(entry)->pieces)
+        if (piece.index && *piece.index < use_index)
+            latest = std::max(latest, *piece.index);
     auto parse = [&](const std::string &condition, long long header, auto &&narrow) {
         Tree tree;
         std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(condition), 0, true);
