@@ -81,7 +81,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (Stop())
         return out;
     std::tuple<std::string, std::string, std::string, long long> key{
-        LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
+        LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)),
         std::string(text), use_index};
     if (CycleAt(key))
         return out;  // the value depends on itself: nothing more to learn here
@@ -209,8 +209,8 @@ std::string CEvaluator::BindingSignature(const TypeMap *map) {
 
 ValueSet CEvaluator::ScopeObject(nb::handle scope) {
     ValueSet out;
-    nb::object loc = scope.attr("loc");
-    std::string_view name = si::TextView(scope.attr("name"), "name");
+    nb::object loc = ScopeLoc(scope);
+    std::string_view name = ScopeName(scope);
     if (name.empty()) {
         out.Add(ModuleSingle(loc, ""));
         return out;
@@ -319,7 +319,7 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
         const si::DefInfo &def = *def_held;
         if (!def.return_hint)
             return out;
-        nb::object def_line = MakeScope(frame.scope.attr("loc"), si::DefLineScope(si::TextView(frame.scope.attr("name"), "name")));
+        nb::object def_line = MakeScope(ScopeLoc(frame.scope), si::DefLineScope(ScopeName(frame.scope)));
         for (const nb::object &gen : ResolveHintText(def_line, *def.return_hint, nullptr).Items()) {
             si::CSingleResolvedInfo *g = Single(gen);
             nb::object cls = ClassOfInstance(gen);
@@ -475,8 +475,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             tree.nodes[(std::size_t) first_arg].kind == NodeKind::kString) {
             std::string_view literal;
             if (pgen::StringAnnotationText(tree, first_arg, literal)) {
-                nb::object module_scope = ModuleScopeOf(frame.scope.attr("loc"));
-                std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+                nb::object module_scope = ModuleScopeOf(ScopeLoc(frame.scope));
+                std::string_view scope_name = ScopeName(frame.scope);
                 out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form));
             }
             continue;
@@ -499,11 +499,11 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             }
             if (c->loc.is(builtins) && name == "super") {
                 // super() in a method: the instance seen as its first base.
-                std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
-                nb::object cls_scope = MakeScope(frame.scope.attr("loc"), si::ParentScopeName(scope_name));
+                std::string_view scope_name = ScopeName(frame.scope);
+                nb::object cls_scope = MakeScope(ScopeLoc(frame.scope), si::ParentScopeName(scope_name));
                 if (ScopeKindOf(cls_scope) == "class") {
                     std::string_view own = si::BareSingle(si::TextView(RecordOf(cls_scope).attr("ibytes"), "ibytes"));
-                    std::vector<MroEntry> mro = Mro(ClassSingle(frame.scope.attr("loc"), own), {});
+                    std::vector<MroEntry> mro = Mro(ClassSingle(ScopeLoc(frame.scope), own), {});
                     if (mro.size() > 1)
                         out.Merge(InstanceOf(mro[1].cls, nb::none()));
                 }

@@ -30,6 +30,7 @@
 #include "pysource/pgeninspect/tree.h"
 #include "pysource/pytext.h"
 #include "pysource/resolvedinfo.h"
+#include "pysource/scope.h"
 
 namespace nb = nanobind;
 
@@ -41,6 +42,19 @@ inline symbolinfo::CSingleResolvedInfo *Single(nb::handle obj) {
 }
 inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
     return symbolinfo::TextView(s->scope->name, "name");
+}
+
+// The name and location of a scope: straight from our own CScope, through
+// its Python attributes for any other object.
+inline std::string_view ScopeName(nb::handle scope) {
+    if (IsExactly<symbolinfo::CScope>(scope))
+        return nb::inst_ptr<symbolinfo::CScope>(scope)->NameView();
+    return symbolinfo::TextView(scope.attr("name"), "scope name");
+}
+inline nb::object ScopeLoc(nb::handle scope) {
+    if (IsExactly<symbolinfo::CScope>(scope))
+        return nb::inst_ptr<symbolinfo::CScope>(scope)->loc;
+    return scope.attr("loc");
 }
 
 // Whether a single is the None literal.

@@ -117,7 +117,7 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     ValueSet out;
     if (Stop())
         return out;
-    RequestKey key{{LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
+    RequestKey key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)),
                     std::string(text), kHintUseIndex},
                    BindingSignature(map)};
     if (const ValueSet *hit = RequestValueOf(key))
@@ -237,8 +237,8 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         // Inside a class whose type arguments are known (reading an
         // instance's attributes), its variables stand for them.
         ++fBindingReads;
-        std::string url = LocationUrl(frame.scope.attr("loc"));
-        std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+        std::string url = LocationUrl(ScopeLoc(frame.scope));
+        std::string_view scope_name = ScopeName(frame.scope);
         for (auto it = fClassMaps.rbegin(); it != fClassMaps.rend(); ++it) {
             const auto &[cls_url, cls_name, cls_map] = *it;
             if (cls_url != url || !scope_name.starts_with(cls_name))
@@ -287,13 +287,13 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
                     return it->second;
             }
             // The class of the def whose hint this is.
-            std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
+            std::string_view scope_name = ScopeName(frame.scope);
             std::string owner(si::ParentScopeName(scope_name));
             while (!owner.empty()) {
-                nb::object cls_scope = MakeScope(frame.scope.attr("loc"), owner);
+                nb::object cls_scope = MakeScope(ScopeLoc(frame.scope), owner);
                 if (ScopeKindOf(cls_scope) == "class") {
                     std::string_view own = si::BareSingle(si::TextView(RecordOf(cls_scope).attr("ibytes"), "ibytes"));
-                    return InstanceOf(ClassSingle(frame.scope.attr("loc"), own), nb::none());
+                    return InstanceOf(ClassSingle(ScopeLoc(frame.scope), own), nb::none());
                 }
                 owner = std::string(si::ParentScopeName(owner));
             }

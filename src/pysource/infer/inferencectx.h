@@ -87,7 +87,9 @@ private:
 // only then may C++ skip the Python interface (a subclass may override it).
 template <typename T>
 bool IsExactly(nb::handle obj) {
-    return !obj.is_none() && obj.type().is(nb::type<T>());
+    // The class is looked up once: it lives as long as its module.
+    static const nb::handle type = nb::type<T>();
+    return obj.is_valid() && type.is_valid() && obj.type().is(type);
 }
 
 // The context object behind a Python handle, or nullptr when it is not

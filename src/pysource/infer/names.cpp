@@ -33,9 +33,6 @@ bool FileExists(const std::string &path) {
     return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-std::string_view ScopeName(nb::handle scope) {
-    return si::TextView(scope.attr("name"), "scope name");
-}
 
 // The kinds of the singles of an entry.
 using EntryKinds = std::bitset<256>;
@@ -83,9 +80,16 @@ std::size_t ValueSet::gMaxValues = 64;
 void ValueSet::Add(nb::handle single) {
     if (fItems.size() >= gMaxValues)
         return;
-    for (const nb::object &item : fItems)
-        if (item.is(single) || item.equal(single))
+    // Our own singles compare in C++; anything else as Python compares it.
+    const bool own = IsExactly<si::CSingleResolvedInfo>(single);
+    for (const nb::object &item : fItems) {
+        if (item.is(single))
             return;
+        if (own && IsExactly<si::CSingleResolvedInfo>(item)
+                ? nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*nb::inst_ptr<si::CSingleResolvedInfo>(single))
+                : item.equal(single))
+            return;
+    }
     fItems.push_back(nb::borrow(single));
 }
 
@@ -453,7 +457,7 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     if (FindLocal(scope, name, use_index, out, redirect) && redirect == 0)
         return out;
     std::string_view scope_name = ScopeName(scope);
-    nb::object loc = scope.attr("loc");
+    nb::object loc = ScopeLoc(scope);
     if (redirect == 2 && use_index >= 0 && !out.Empty()) {
         // A nonlocal name set here before the use: that setting is its value.
         nb::object record = RecordOf(scope);
@@ -532,7 +536,7 @@ bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std
 ValueSet CEvaluator::LookupInScopeChain(nb::handle module_scope, std::string_view name) {
     ValueSet out;
     // typing's own stubs name its special forms as the forms, as importers see them.
-    nb::object loc = module_scope.attr("loc");
+    nb::object loc = ScopeLoc(module_scope);
     const std::string &module_name = ModuleNameOfLoc(loc);
     if (IsTypingModuleName(module_name) && !CanonicalSpecialForm(name).empty())
         return ModuleAttribute(ModuleSingle(loc, module_name), name);
@@ -559,13 +563,13 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     redirect = 0;
     if (Stop())
         return false;
-    nb::object record = ScopeName(scope).empty() ? ModuleRecord(scope.attr("loc")) : RecordOf(scope);
+    nb::object record = ScopeName(scope).empty() ? ModuleRecord(ScopeLoc(scope)) : RecordOf(scope);
     if (record.is_none())
         return false;
     if (ScopeDeclaresTypeParam(scope, record, name, out))
         return true;
     if (!fBoundNames.empty()) {
-        auto bound = fBoundNames.find({LocationUrl(scope.attr("loc")), std::string(ScopeName(scope)), std::string(name)});
+        auto bound = fBoundNames.find({LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(name)});
         if (bound != fBoundNames.end()) {
             ++fBindingReads;
             out.Merge(bound->second);
@@ -676,11 +680,11 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
     nb::object provider = fEngine.fFlowProvider;
     if (provider.is_none())
         return nullptr;
-    std::pair<std::string, std::string> key{LocationUrl(scope.attr("loc")), std::string(ScopeName(scope))};
+    std::pair<std::string, std::string> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope))};
     auto it = fMemo.block_paths.find(key);
     if (it == fMemo.block_paths.end()) {
         std::optional<std::vector<std::vector<long long>>> paths;
-        nb::object found = provider.attr("BlockPaths")(scope.attr("loc"), scope.attr("name"));
+        nb::object found = provider.attr("BlockPaths")(ScopeLoc(scope), scope.attr("name"));
         if (!found.is_none()) {
             paths.emplace();
             for (nb::handle path : found) {
@@ -739,7 +743,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     std::string_view s = split.single;
     if (split.logical_index)
         use_index = *split.logical_index;
-    nb::object loc = scope.attr("loc");
+    nb::object loc = ScopeLoc(scope);
     si::Kind kind = si::GetInfoBytesKind(s);
     struct DepthGuard {
         int &d;
@@ -922,7 +926,7 @@ nb::object CEvaluator::ImportRelative(long long level, std::string_view dotted, 
 
 ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::string_view name) {
     ValueSet out;
-    nb::object loc = scope.attr("loc");
+    nb::object loc = ScopeLoc(scope);
     nb::object mod = ImportModule(module, loc);
     if (mod.is_none())
         return out;
@@ -965,7 +969,7 @@ ValueSet CEvaluator::InstanceOfClassScope(nb::handle scope) {
     std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
     if (si::GetInfoBytesKind(own) != si::kClassKind)
         return ValueSet();
-    return InstanceOf(ClassSingle(scope.attr("loc"), own), nb::none());
+    return InstanceOf(ClassSingle(ScopeLoc(scope), own), nb::none());
 }
 
 ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
@@ -1054,7 +1058,7 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
 namespace pysource::infer {
 
 bool CEvaluator::IsLibraryScope(nb::handle scope) {
-    nb::object loc = scope.attr("loc");
+    nb::object loc = ScopeLoc(scope);
     std::string url = LocationUrl(loc);
     auto it = fMemo.library_urls.find(url);
     if (it == fMemo.library_urls.end())

@@ -53,12 +53,12 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
     if (provider.is_none())
         return nullptr;
     std::tuple<std::string, std::string, std::string> key{
-        LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")), method};
+        LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), method};
     auto it = fMemo.conditions_at.find(key);
     if (it == fMemo.conditions_at.end()) {
         std::optional<std::vector<std::vector<Guard>>> found;
         nb::object listed = nb::hasattr(provider, method)
-                                ? provider.attr(method)(scope.attr("loc"), scope.attr("name"))
+                                ? provider.attr(method)(ScopeLoc(scope), scope.attr("name"))
                                 : nb::none();
         if (!listed.is_none()) {
             found.emplace();
