@@ -226,8 +226,9 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
         std::string_view text = si::StripSpaces(base);
         if (text.find('[') == std::string_view::npos || si::NonNestedFind(text, "=") >= 0)
             continue;
-        Tree tree;
-        std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
+        const auto parsed = ParseText(text);
+        const Tree &tree = parsed->tree;
+        std::int32_t root = parsed->root;
         if (root < 0 || tree.nodes[(std::size_t) root].kind != NodeKind::kSubscript)
             continue;
         const Node &sub = tree.nodes[(std::size_t) root];
@@ -329,8 +330,9 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
             std::string_view text = si::StripSpaces(base);
             if (text.empty() || si::NonNestedFind(text, "=") >= 0 || text.front() == '*')
                 continue;
-            Tree tree;
-            std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
+            const auto parsed = ParseText(text);
+            const Tree &tree = parsed->tree;
+            std::int32_t root = parsed->root;
             if (root < 0)
                 continue;
             Frame frame{parent, -2, &m, nullptr};

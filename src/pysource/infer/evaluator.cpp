@@ -137,7 +137,6 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (keep_project || library)
         ++fCollecting;
     ++fDepth;
-    Tree tree;
     Locals self_locals;
     std::string source;
     if (!text.empty() && text.front() == '.') {
@@ -148,7 +147,9 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     } else {
         source = WithIterMarkers(text);
     }
-    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(source), 0, true);
+    const auto parsed = ParseText(source);
+    const Tree &tree = parsed->tree;
+    std::int32_t root = parsed->root;
     if (root < 0)
         return out;
     Frame frame{nb::borrow(scope), use_index, nullptr, self_locals.empty() ? nullptr : &self_locals};
@@ -343,8 +344,9 @@ ValueSet CEvaluator::CallLambda(nb::handle lambda, const std::vector<ValueSet> &
     si::UnpackedFields f = si::UnpackFields(si::TextView(l->ibytes, "ibytes"));
     if (f.fields.empty() || !f.fields[0])
         return out;
-    Tree tree;
-    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(*f.fields[0]), 0, true);
+    const auto parsed = ParseText(*f.fields[0]);
+    const Tree &tree = parsed->tree;
+    std::int32_t root = parsed->root;
     if (root < 0 || tree.nodes[(std::size_t) root].kind != NodeKind::kLambda)
         return out;
     const Node &n = tree.nodes[(std::size_t) root];

@@ -122,6 +122,12 @@ struct EntryPiece {
     symbolinfo::Kind bare_kind;      // of the single without wrappers either
     bool malformed = false;          // its wrappers don't unpack (bare_kind unknown)
 };
+// An expression text parsed once.
+struct ParsedText {
+    pgen::Tree tree;
+    std::int32_t root = -1;  // -1 when it isn't an expression
+};
+
 struct ParsedEntry {
     std::string text;  // the pieces view it
     std::vector<EntryPiece> pieces;
@@ -177,6 +183,7 @@ struct EngineMemo {
     TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
     TextMap<std::shared_ptr<const symbolinfo::ClassInfo>> class_infos;
     TextMap<std::shared_ptr<const ParsedEntry>> entries;
+    TextMap<std::shared_ptr<const ParsedText>> parsed_texts;
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
@@ -189,6 +196,7 @@ struct EngineMemo {
         def_infos.clear();
         class_infos.clear();
         entries.clear();
+        parsed_texts.clear();
         module_scopes.clear();
         mros.clear();
         type_vars.clear();
@@ -387,6 +395,8 @@ private:
     std::shared_ptr<const symbolinfo::ClassInfo> ClassInfoOf(std::string_view single);
     // A record entry split into its singles, once per text.
     std::shared_ptr<const ParsedEntry> EntryOf(std::string_view entry);
+    // An expression text's parse tree, once per text.
+    std::shared_ptr<const ParsedText> ParseText(std::string_view text);
 
     // Singles.
     nb::object ClassSingle(nb::handle loc, std::string_view bare_class_info);

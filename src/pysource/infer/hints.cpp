@@ -123,8 +123,9 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     if (const ValueSet *hit = RequestValueOf(key))
         return *hit;
     CutWatch watch(*this);
-    Tree tree;
-    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(text)), 0, true);
+    const auto parsed = ParseText(text);
+    const Tree &tree = parsed->tree;
+    std::int32_t root = parsed->root;
     if (root >= 0) {
         Frame frame{nb::borrow(scope), -2, map, nullptr};
         ++fDepth;
@@ -316,8 +317,9 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
 void CEvaluator::BindTypeVars(nb::handle scope, std::string_view hint, const ValueSet &received, TypeMap &map) {
     if (received.Empty() || Stop())
         return;
-    Tree tree;
-    std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(std::string(hint)), 0, true);
+    const auto parsed = ParseText(hint);
+    const Tree &tree = parsed->tree;
+    std::int32_t root = parsed->root;
     if (root < 0)
         return;
     Frame frame{nb::borrow(scope), -2, nullptr, nullptr};

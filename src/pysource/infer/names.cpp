@@ -15,6 +15,7 @@
 #include "pysource/infokinds.h"
 #include "pysource/nesting.h"
 #include "pysource/packedops.h"
+#include "pysource/pgeninspect/parser.h"
 #include "pysource/pytext.h"
 #include "pysource/resolvedinfo.h"
 #include "pysource/scope.h"
@@ -343,6 +344,19 @@ std::shared_ptr<const si::DefInfo> CEvaluator::DefInfoOf(std::string_view single
 
 std::shared_ptr<const si::ClassInfo> CEvaluator::ClassInfoOf(std::string_view single) {
     return KeptInfo(fMemo.class_infos, single, si::UnpackClassInfo);
+}
+
+std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
+    auto it = fMemo.parsed_texts.find(text);
+    if (it != fMemo.parsed_texts.end())
+        return it->second;
+    // A bounded number of trees: past it they are read afresh.
+    constexpr std::size_t kMaxParsedTexts = 1 << 15;
+    if (fMemo.parsed_texts.size() >= kMaxParsedTexts)
+        fMemo.parsed_texts.clear();
+    auto parsed = std::make_shared<ParsedText>();
+    parsed->root = pgen::ParseEmbeddedExpression(parsed->tree, parsed->tree.Keep(std::string(text)), 0, true);
+    return fMemo.parsed_texts.emplace(std::string(text), std::move(parsed)).first->second;
 }
 
 std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {

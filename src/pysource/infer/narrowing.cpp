@@ -109,8 +109,9 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         if (piece.index && *piece.index < use_index)
             latest = std::max(latest, *piece.index);
     auto parse = [&](const std::string &condition, long long header, auto &&narrow) {
-        Tree tree;
-        std::int32_t root = pgen::ParseEmbeddedExpression(tree, tree.Keep(condition), 0, true);
+        const auto parsed = ParseText(condition);
+        const Tree &tree = parsed->tree;
+        std::int32_t root = parsed->root;
         if (root >= 0)
             narrow(tree, root, Frame{nb::borrow(scope), header, nullptr, nullptr});
     };
