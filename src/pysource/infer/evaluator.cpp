@@ -180,23 +180,32 @@ std::string CEvaluator::BindingSignature(const TypeMap *map) {
     auto add_values = [&](const ValueSet &values) {
         signature.push_back('[');
         for (const nb::object &value : values.Items()) {
-            signature.append(std::to_string((long long) PyObject_Hash(value.ptr())));
+            // Our own singles hash in C++ (-1 is -2, as Python has it).
+            Py_hash_t hash;
+            if (IsExactly<si::CSingleResolvedInfo>(value)) {
+                hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
+                hash = hash == -1 ? -2 : hash;
+            } else {
+                hash = PyObject_Hash(value.ptr());
+            }
+            signature.append(std::to_string((long long) hash));
             signature.push_back(',');
         }
         signature.push_back(']');
     };
     for (const auto &[name, values] : fBoundNames) {
-        signature.append("|" + std::get<0>(name) + "|" + std::get<1>(name) + "|" + std::get<2>(name));
+        signature.append("|").append(std::get<0>(name)).append("|").append(std::get<1>(name)).append("|").append(
+            std::get<2>(name));
         add_values(values);
     }
     auto add_map = [&](const TypeMap &vars) {
         for (const auto &[var, values] : vars) {
-            signature.append("|" + var);
+            signature.append("|").append(var);
             add_values(values);
         }
     };
     for (const auto &[url, cls, class_map] : fClassMaps) {
-        signature.append("#" + url + "|" + cls);
+        signature.append("#").append(url).append("|").append(cls);
         add_map(class_map);
     }
     if (map) {

@@ -184,6 +184,9 @@ struct EngineMemo {
     TextMap<std::shared_ptr<const symbolinfo::ClassInfo>> class_infos;
     TextMap<std::shared_ptr<const ParsedEntry>> entries;
     TextMap<std::shared_ptr<const ParsedText>> parsed_texts;
+    // The canonical form of class and def singles (their normalised scope
+    // name, and their text as bytes), by their text (a def's led by its kind).
+    TextMap<std::pair<std::string, nb::object>> canonical_singles;
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
@@ -197,6 +200,7 @@ struct EngineMemo {
         class_infos.clear();
         entries.clear();
         parsed_texts.clear();
+        canonical_singles.clear();
         module_scopes.clear();
         mros.clear();
         type_vars.clear();

@@ -379,30 +379,49 @@ std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
     return fMemo.entries.emplace(std::string(entry), std::move(parsed)).first->second;
 }
 
+namespace {
+
+auto OptViewOf(const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); }
+
+// A single of `loc` in the scope `canonical.first`, whose text is `canonical.second`.
+nb::object SingleIn(nb::handle loc, const std::pair<std::string, nb::object> &canonical) {
+    nb::object scope = MakeScope(loc, canonical.first);
+    return nb::cast(nb::ref<si::CSingleResolvedInfo>(
+        new si::CSingleResolvedInfo(canonical.second, nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+}
+
+}  // namespace
+
 nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
-    const auto info_held = ClassInfoOf(bare);
-    const si::ClassInfo &info = *info_held;
-    std::string name = si::NormalizeScopeName(info.full_name);
-    std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
-    auto view = [](const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); };
-    std::string canonical = si::PackClassInfo(name, view(info.type_params), view(info.arg_decl), decorators);
-    nb::object scope = MakeScope(loc, name);
-    return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
-        si::ToBytes(canonical), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+    auto it = fMemo.canonical_singles.find(bare);
+    if (it == fMemo.canonical_singles.end()) {
+        const auto info_held = ClassInfoOf(bare);
+        const si::ClassInfo &info = *info_held;
+        std::string name = si::NormalizeScopeName(info.full_name);
+        std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
+        std::string canonical =
+            si::PackClassInfo(name, OptViewOf(info.type_params), OptViewOf(info.arg_decl), decorators);
+        it = fMemo.canonical_singles.emplace(std::string(bare), std::pair{name, si::ToBytes(canonical)}).first;
+    }
+    return SingleIn(loc, it->second);
 }
 
 nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kind) {
-    const auto info_held = DefInfoOf(bare);
-    const si::DefInfo &info = *info_held;
-    std::string name = si::NormalizeScopeName(info.scope_name);
-    std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
-    auto view = [](const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); };
-    const char prefix[] = {si::kPrefixLead, kind, 0};
-    std::string canonical = si::BuildDefInfoStr(std::string_view(prefix, 2), name, view(info.type_params),
-                                                view(info.arg_decl), view(info.return_hint), decorators);
-    nb::object scope = MakeScope(loc, name);
-    return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
-        si::ToBytes(canonical), nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+    std::string key(1, kind);
+    key.append(bare);
+    auto it = fMemo.canonical_singles.find(key);
+    if (it == fMemo.canonical_singles.end()) {
+        const auto info_held = DefInfoOf(bare);
+        const si::DefInfo &info = *info_held;
+        std::string name = si::NormalizeScopeName(info.scope_name);
+        std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
+        const char prefix[] = {si::kPrefixLead, kind, 0};
+        std::string canonical =
+            si::BuildDefInfoStr(std::string_view(prefix, 2), name, OptViewOf(info.type_params),
+                                OptViewOf(info.arg_decl), OptViewOf(info.return_hint), decorators);
+        it = fMemo.canonical_singles.emplace(std::move(key), std::pair{name, si::ToBytes(canonical)}).first;
+    }
+    return SingleIn(loc, it->second);
 }
 
 nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
