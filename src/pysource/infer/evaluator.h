@@ -113,6 +113,16 @@ struct TextHash {
 template <class T>
 using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 
+// A scope of our own CScope class as a key: its location's address and its
+// name.  The map holding it holds the location too, so that the address
+// names that location alone.
+using ScopeKey = std::pair<PyObject *, std::string>;
+struct ScopeKeyHash {
+    std::size_t operator()(const ScopeKey &key) const {
+        return std::hash<std::string>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
+    }
+};
+
 // A record entry split into its singles, each with its logical index (when
 // numbered) and its kinds: the same entries are read again and again.
 struct EntryPiece {
@@ -174,9 +184,12 @@ struct EngineMemo {
     // The branch structure of scope bodies as the flow provider told it: it
     // follows the files' text, as the primary records do.
     PyObject *flow = nullptr;  // the provider it was read from
-    std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> block_paths;
-    std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<FlowGuard>>>>
-        conditions_at;
+    // By ScopeKey (the conditions' name followed by "|" and the provider's
+    // method), each with the location it holds.
+    template <class T>
+    using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash>;
+    ByScope<std::vector<std::vector<long long>>> block_paths;
+    ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
     std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
     // The fields of def and class singles, by their text: the same few are
     // unpacked again and again.
@@ -441,6 +454,8 @@ private:
     EngineMemo &fMemo;
     std::string fPrimaryScanName;
     nb::dict fRecords;  // scope -> merged record, or None
+    // The same for our own scopes, by ScopeKey: (the scope, its record).
+    std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash> fScopeRecords;
     // The values being read, each with its place on the stack of reads.
     using ActiveKey = std::tuple<std::string, std::string, std::string, long long>;
     std::map<ActiveKey, std::size_t> fActive;

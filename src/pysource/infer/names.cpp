@@ -222,6 +222,21 @@ void CEvaluator::Seen(nb::handle scope) {
 }
 
 nb::object CEvaluator::RecordOf(nb::handle scope) {
+    if (IsExactly<si::CScope>(scope)) {
+        auto *own = nb::inst_ptr<si::CScope>(scope);
+        ScopeKey key{own->loc.ptr(), std::string(own->NameView())};
+        auto hit = fScopeRecords.find(key);
+        if (hit != fScopeRecords.end()) {
+            if (fCollecting && !hit->second.second.is_none())
+                NoteEffect(false, scope);
+            return hit->second.second;
+        }
+        nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
+        fScopeRecords.emplace(std::move(key), std::pair{nb::borrow(scope), record});
+        if (!record.is_none())
+            Seen(scope);
+        return record;
+    }
     if (PyObject *hit = PyDict_GetItemWithError(fRecords.ptr(), scope.ptr())) {
         if (fCollecting && hit != Py_None)
             NoteEffect(false, scope);
@@ -713,11 +728,12 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
     nb::object provider = fEngine.fFlowProvider;
     if (provider.is_none())
         return nullptr;
-    std::pair<std::string, std::string> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope))};
+    nb::object loc = ScopeLoc(scope);
+    ScopeKey key{loc.ptr(), std::string(ScopeName(scope))};
     auto it = fMemo.block_paths.find(key);
     if (it == fMemo.block_paths.end()) {
         std::optional<std::vector<std::vector<long long>>> paths;
-        nb::object found = provider.attr("BlockPaths")(ScopeLoc(scope), scope.attr("name"));
+        nb::object found = provider.attr("BlockPaths")(loc, scope.attr("name"));
         if (!found.is_none()) {
             paths.emplace();
             for (nb::handle path : found) {
@@ -727,9 +743,9 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
                 paths->push_back(std::move(headers));
             }
         }
-        it = fMemo.block_paths.emplace(key, std::move(paths)).first;
+        it = fMemo.block_paths.emplace(std::move(key), std::pair{loc, std::move(paths)}).first;
     }
-    return it->second ? &*it->second : nullptr;
+    return it->second.second ? &*it->second.second : nullptr;
 }
 
 // An unnumbered single of a parameter's binding in its def's body: what

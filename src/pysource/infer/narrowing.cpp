@@ -52,14 +52,14 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
     nb::object provider = fEngine.fFlowProvider;
     if (provider.is_none())
         return nullptr;
-    std::tuple<std::string, std::string, std::string> key{
-        LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), method};
+    nb::object loc = ScopeLoc(scope);
+    ScopeKey key{loc.ptr(), std::string(ScopeName(scope))};
+    key.second.append("|").append(method);
     auto it = fMemo.conditions_at.find(key);
     if (it == fMemo.conditions_at.end()) {
         std::optional<std::vector<std::vector<Guard>>> found;
-        nb::object listed = nb::hasattr(provider, method)
-                                ? provider.attr(method)(ScopeLoc(scope), scope.attr("name"))
-                                : nb::none();
+        nb::object listed =
+            nb::hasattr(provider, method) ? provider.attr(method)(loc, scope.attr("name")) : nb::none();
         if (!listed.is_none()) {
             found.emplace();
             for (nb::handle at : listed) {
@@ -73,9 +73,9 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
                 found->push_back(std::move(here));
             }
         }
-        it = fMemo.conditions_at.emplace(key, std::move(found)).first;
+        it = fMemo.conditions_at.emplace(std::move(key), std::pair{loc, std::move(found)}).first;
     }
-    return it->second ? &*it->second : nullptr;
+    return it->second.second ? &*it->second.second : nullptr;
 }
 
 namespace {
