@@ -398,34 +398,39 @@ namespace {
 
 auto OptViewOf(const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(); }
 
-// A single of `loc` in the scope `canonical.first`, whose text is `canonical.second`.
-nb::object SingleIn(nb::handle loc, const std::pair<std::string, nb::object> &canonical) {
-    nb::object scope = MakeScope(loc, canonical.first);
+// A single of `loc` in canonical form, whose scope name and text `make`
+// gives once per `key`.
+template <class Make>
+nb::object KeptCanonicalSingle(TextMap<std::pair<std::string, nb::object>> &kept, nb::handle loc,
+                               std::string_view key, Make make) {
+    auto it = kept.find(key);
+    if (it == kept.end()) {
+        auto [name, canonical] = make();
+        it = kept.emplace(std::string(key), std::pair{std::move(name), si::ToBytes(canonical)}).first;
+    }
+    nb::object scope = MakeScope(loc, it->second.first);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(
-        new si::CSingleResolvedInfo(canonical.second, nb::cast<si::CScope *>(scope), nb::borrow(loc))));
+        new si::CSingleResolvedInfo(it->second.second, nb::cast<si::CScope *>(scope), nb::borrow(loc))));
 }
 
 }  // namespace
 
 nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
-    auto it = fMemo.canonical_singles.find(bare);
-    if (it == fMemo.canonical_singles.end()) {
+    return KeptCanonicalSingle(fMemo.canonical_singles, loc, bare, [&] {
         const auto info_held = ClassInfoOf(bare);
         const si::ClassInfo &info = *info_held;
         std::string name = si::NormalizeScopeName(info.full_name);
         std::vector<std::string_view> decorators(info.decorators.begin(), info.decorators.end());
         std::string canonical =
             si::PackClassInfo(name, OptViewOf(info.type_params), OptViewOf(info.arg_decl), decorators);
-        it = fMemo.canonical_singles.emplace(std::string(bare), std::pair{name, si::ToBytes(canonical)}).first;
-    }
-    return SingleIn(loc, it->second);
+        return std::pair{name, canonical};
+    });
 }
 
 nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kind) {
     std::string key(1, kind);
     key.append(bare);
-    auto it = fMemo.canonical_singles.find(key);
-    if (it == fMemo.canonical_singles.end()) {
+    return KeptCanonicalSingle(fMemo.canonical_singles, loc, key, [&] {
         const auto info_held = DefInfoOf(bare);
         const si::DefInfo &info = *info_held;
         std::string name = si::NormalizeScopeName(info.scope_name);
@@ -434,9 +439,8 @@ nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kin
         std::string canonical =
             si::BuildDefInfoStr(std::string_view(prefix, 2), name, OptViewOf(info.type_params),
                                 OptViewOf(info.arg_decl), OptViewOf(info.return_hint), decorators);
-        it = fMemo.canonical_singles.emplace(std::move(key), std::pair{name, si::ToBytes(canonical)}).first;
-    }
-    return SingleIn(loc, it->second);
+        return std::pair{name, canonical};
+    });
 }
 
 nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
