@@ -139,10 +139,16 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        pass\n    else:\n        target(v)", "a", {"float"}),
     ("if not v:\n        pass\n    elif v > 1:\n        target(v)", "a", {"float"}),
     ("for i in v:\n        pass\n    else:\n        target(v)", "a", {"None", "float"}),
+    # callable() tells functions and classes from other values.
+    ("w = len if v else v\n    if not callable(w):\n        target(w)", "a", {"None", "float"}),
+    ("w = len if v else v\n    if callable(w):\n        target(w)", "a", {"def len"}),
+    # A star import brings what the module binds, not what its __getattr__ makes up.
+    ("target(int)", "a", {"type[int]"}),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
-    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n")
-    (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run(v=None):\n    {body}\n\n"
+    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"
+                                     "def __getattr__(name):\n    return ''\n")
+    (tmp_path / "app.py").write_text(f"from lib import *\n\n\ndef run(v=None):\n    {body}\n\n"
                                      "run(1.5)\n")
     monkeypatch.chdir(tmp_path)
     assert run(capsys, "index")[0] == 0

@@ -238,8 +238,13 @@ private:
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
+    // What `callable(value)` gives: true for functions, classes and
+    // instances of classes with a __call__.
+    bool IsCallableValue(nb::handle value);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
-    ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
+    // `name` of a module; `through_getattr` lets a module-level __getattr__
+    // answer for a name the module doesn't bind (a star import never asks it).
+    ValueSet ModuleAttribute(nb::handle module_single, std::string_view name, bool through_getattr = true);
     ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
     // An instance of the class whose scope is `scope`; nothing when the
     // scope's record isn't a class.
@@ -249,7 +254,7 @@ private:
     nb::object SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name);
     nb::object ImportModule(std::string_view dotted, nb::handle from_loc);
     nb::object ImportRelative(long long level, std::string_view dotted, nb::handle from_loc);
-    ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name);
+    ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name, bool star = false);
     ValueSet BuiltinNamed(std::string_view name);
     nb::object ModuleScopeOf(nb::handle loc);
     std::string ScopeKindOf(nb::handle scope);  // "class", "def", "module", "" unknown

@@ -538,7 +538,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
                     si::UnpackedFields f = si::UnpackFields(bare);
                     if (f.fields.empty() || !f.fields[0])
                         continue;
-                    out.Merge(FromImport(scope, *f.fields[0], name));
+                    out.Merge(FromImport(scope, *f.fields[0], name, true));
                 }
                 return !out.Empty();
             }
@@ -870,7 +870,7 @@ nb::object CEvaluator::ImportRelative(long long level, std::string_view dotted, 
     return fFinder.attr("FindRelativeModule")(level, nb::str(dotted.data(), dotted.size()), from_loc);
 }
 
-ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::string_view name) {
+ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::string_view name, bool star) {
     ValueSet out;
     nb::object loc = scope.attr("loc");
     nb::object mod = ImportModule(module, loc);
@@ -887,7 +887,7 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
         out.Add(sub);
         return out;
     }
-    return ModuleAttribute(ModuleSingle(mod, dotted), name);
+    return ModuleAttribute(ModuleSingle(mod, dotted), name, !star);
 }
 
 nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name) {
@@ -926,7 +926,7 @@ ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
     return out;
 }
 
-ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view name) {
+ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view name, bool through_getattr) {
     ValueSet out;
     if (Stop())
         return out;
@@ -992,7 +992,7 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
     }
     // A module-level __getattr__ answers for any other name.
     ValueSet getattr;
-    if (FindLocal(scope, "__getattr__", -2, getattr, redirect))
+    if (through_getattr && FindLocal(scope, "__getattr__", -2, getattr, redirect))
         for (const nb::object &def : getattr.Items())
             if (nb::cast<si::CSingleResolvedInfo *>(def)->IsDef())
                 out.Merge(CallDef(def, {}, {}));

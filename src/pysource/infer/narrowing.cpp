@@ -41,6 +41,12 @@ bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view na
            IsNameNode(tree, tree.Kid(n, 1), name);
 }
 
+// An expression kept as written (a lambda, or one not evaluated): what a
+// test of its value says is not known.
+bool IsUnevaluated(nb::handle single) {
+    return si::GetInfoBytesKind(si::TextView(Single(single)->ibytes, "ibytes")) == si::kExpressionEquivKind;
+}
+
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) {
@@ -170,6 +176,15 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         return;
     }
     case NodeKind::kCall: {
+        if (n.kids_count == 2 && IsNameNode(tree, tree.Kid(n, 0), "callable") &&
+            IsNameNode(tree, tree.Kid(n, 1), name)) {
+            ValueSet kept;
+            for (const nb::object &v : values.Items())
+                if (IsUnevaluated(v) || IsCallableValue(v) == holds)
+                    kept.Add(v);
+            values = kept;
+            return;
+        }
         // isinstance(name, C) or isinstance(name, (C, D)).
         if (n.kids_count != 3 || !IsNameNode(tree, tree.Kid(n, 0), "isinstance") ||
             !IsNameNode(tree, tree.Kid(n, 1), name))
@@ -213,6 +228,16 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     default:
         return;
     }
+}
+
+bool CEvaluator::IsCallableValue(nb::handle value) {
+    si::CSingleResolvedInfo *s = Single(value);
+    if (s->IsDef() || s->IsClass())
+        return true;
+    if (!s->IsInstance(true))
+        return false;
+    nb::object cls = ClassOfInstance(value);
+    return !cls.is_none() && !ClassAttribute(cls, "__call__", value, MapOfInstance(value), true).Empty();
 }
 
 // The values that are (`holds`) or aren't instances of one of `classes`; a
