@@ -144,6 +144,19 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w = len if v else v\n    if callable(w):\n        target(w)", "a", {"def len"}),
     # A star import brings what the module binds, not what its __getattr__ makes up.
     ("target(int)", "a", {"type[int]"}),
+    # `is` against an object of its own (a sentinel) tells it from the others.
+    ("m = object()\n    w = m if v else 1\n    if w is not m:\n        target(w)", "a", {"int"}),
+    ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = ''\n    target(w)", "a",
+     {"int", "str"}),
+    # type(name) against classes: exact classes, so subclasses of them stay.
+    ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
+    ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),
+    ("w = 1 if v else ''\n    if type(w) is object:\n        return\n    target(w)", "a", {"int", "str"}),
+    # A union with a member that says nothing (the values of an empty dict) says nothing.
+    ("w = {}.get('k')\n    target(w)", "a", {"? expression w (logical 1)"}),
+    # A term that holds unrelated callables: no call of it says what one of them gets.
+    ("f = target if v else len\n    f(1)", "a", set()),
+    ("f = target if v else int\n    f(1)", "a", set()),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
     (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"

@@ -27,10 +27,6 @@ using pgen::NodeKind;
 
 namespace {
 
-bool SameClass(si::CSingleResolvedInfo *a, si::CSingleResolvedInfo *b) {
-    return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
-}
-
 // Each positional argument with the hint of its parameter (from `first`),
 // those that want a callable last: what a callable is called with comes
 // from the type variables the others bind (map(fn, items)).

@@ -39,6 +39,9 @@ inline symbolinfo::CSingleResolvedInfo *Single(nb::handle obj) {
 inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
     return symbolinfo::TextView(s->scope->name, "name");
 }
+inline bool SameClass(symbolinfo::CSingleResolvedInfo *a, symbolinfo::CSingleResolvedInfo *b) {
+    return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
+}
 
 // Whether a single is the None literal.
 bool IsNoneLiteral(nb::handle single);
@@ -195,6 +198,7 @@ private:
 
     // Type hints.
     ValueSet EvalType(const Tree &tree, std::int32_t node, const Frame &frame);
+    static ValueSet UnionOf(const std::vector<ValueSet> &members);
     ValueSet EvalTypeSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet TypeOfSingle(nb::handle single, const Frame &frame);
     void TypeArgsOf(const Tree &tree, std::int32_t slice, const Frame &frame, std::vector<ValueSet> &args);
@@ -238,6 +242,8 @@ private:
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
+    ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
+    ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
     // What `callable(value)` gives: true for functions, classes and
     // instances of classes with a __call__.
     bool IsCallableValue(nb::handle value);

@@ -47,6 +47,13 @@ bool IsUnevaluated(nb::handle single) {
     return si::GetInfoBytesKind(si::TextView(Single(single)->ibytes, "ibytes")) == si::kExpressionEquivKind;
 }
 
+// A name or dotted name, which `x is NAME` compares with an object of its own
+// (a sentinel), not with a constant.
+bool IsReference(const pgen::Tree &tree, std::int32_t node) {
+    NodeKind kind = tree.nodes[(std::size_t) node].kind;
+    return kind == NodeKind::kName || kind == NodeKind::kAttribute;
+}
+
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) {
@@ -201,18 +208,27 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         return;
     }
     case NodeKind::kCompare: {
-        // name is None, name is not None, type(name) is C (and == / !=).
+        // name is None, name is not None, type(name) is C (and == / !=),
+        // type(name) in (C, D), name is SENTINEL.
         if (n.kids_count != 2)
             return;
         std::int32_t left = tree.Kid(n, 0), right = tree.Kid(n, 1);
         std::string op;
         for (std::int32_t t = tree.nodes[(std::size_t) left].tok_end; t < tree.nodes[(std::size_t) right].tok_begin; ++t)
             op += std::string(TokAt(tree, t)) + " ";
-        bool equal = op == "is " || op == "== ";
-        if (!equal && op != "is not " && op != "!= ")
+        bool member = op == "in " || op == "not in ";
+        bool equal = op == "is " || op == "== " || op == "in ";
+        if (!equal && !member && op != "is not " && op != "!= ")
             return;
         bool positive = equal == holds;
-        if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
+        if (IsTypeOfName(tree, left, name)) {
+            ValueSet classes = Eval(tree, right, frame);
+            if (member)
+                classes = IterItems(classes);
+            values = positive ? NarrowToClasses(values, classes, true) : WithoutExactClasses(values, classes);
+        } else if (member) {
+            return;
+        } else if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
             ValueSet kept;
             for (const nb::object &v : values.Items())
                 if (IsNoneLiteral(v) == positive)
@@ -220,8 +236,9 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             if (positive && kept.Empty())
                 kept.Add(LiteralSingle("None", std::nullopt));
             values = kept;
-        } else if (positive && IsTypeOfName(tree, left, name)) {
-            values = NarrowToClasses(values, Eval(tree, right, frame), true);
+        } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
+                   IsReference(tree, right)) {
+            values = NarrowToObjects(values, Eval(tree, right, frame), positive);
         }
         return;
     }
@@ -240,6 +257,51 @@ bool CEvaluator::IsCallableValue(nb::handle value) {
     return !cls.is_none() && !ClassAttribute(cls, "__call__", value, MapOfInstance(value), true).Empty();
 }
 
+// The values whose class is none of `classes` (`type(x) is not C`: instances
+// of subclasses stay); all of them when a class can't be read.
+ValueSet CEvaluator::WithoutExactClasses(const ValueSet &values, const ValueSet &classes) {
+    for (const nb::object &c : classes.Items())
+        if (!Single(c)->IsClass())
+            return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        nb::object cls = Single(v)->IsInstance(true) ? ClassOfInstance(v) : nb::object();
+        bool listed = false;
+        if (cls.is_valid() && !cls.is_none())
+            for (const nb::object &c : classes.Items())
+                listed = listed || SameClass(Single(c), Single(cls));
+        if (!listed)
+            out.Add(v);
+    }
+    return out;
+}
+
+// The values that are (`holds`) or aren't one of `objects`, instances of
+// classes (`x is _MISSING`), told apart by their classes.  Nothing is learnt
+// from objects that aren't all such instances.
+ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds) {
+    std::vector<si::CSingleResolvedInfo *> classes;
+    for (const nb::object &o : objects.Items()) {
+        nb::object cls = Single(o)->IsInstance(false) ? ClassOfInstance(o) : nb::object();
+        if (!cls.is_valid() || cls.is_none())
+            return values;
+        classes.push_back(Single(cls));
+    }
+    if (classes.empty())
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        nb::object cls = Single(v)->IsInstance(false) ? ClassOfInstance(v) : nb::object();
+        bool is_one = false;
+        if (cls.is_valid() && !cls.is_none())
+            for (si::CSingleResolvedInfo *c : classes)
+                is_one = is_one || SameClass(c, Single(cls));
+        if (is_one == holds)
+            out.Add(v);
+    }
+    return out.Empty() && holds ? objects : out;
+}
+
 // The values that are (`holds`) or aren't instances of one of `classes`; a
 // value of a base of one of them, when it must be one, becomes an instance
 // of that class.
@@ -252,10 +314,6 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     }
     if (wanted.empty())
         return values;
-    auto same = [](nb::handle a, nb::handle b) {
-        si::CSingleResolvedInfo *x = Single(a), *y = Single(b);
-        return x->loc.is(y->loc) && NameOf(x) == NameOf(y);
-    };
     ValueSet out;
     for (const nb::object &v : values.Items()) {
         nb::object cls = ClassOfInstance(v);
@@ -267,7 +325,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
         bool is_one = false;
         for (const MroEntry &e : Mro(cls, {}))
             for (const nb::object &w : wanted)
-                is_one = is_one || same(e.cls, w);
+                is_one = is_one || SameClass(Single(e.cls), Single(w));
         if (is_one == holds) {
             out.Add(v);
             continue;
@@ -275,7 +333,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
         if (holds)
             for (const nb::object &w : wanted)
                 for (const MroEntry &e : Mro(w, {}))
-                    if (same(e.cls, cls)) {
+                    if (SameClass(Single(e.cls), Single(cls))) {
                         out.Merge(InstanceOf(w, nb::none()));
                         break;
                     }

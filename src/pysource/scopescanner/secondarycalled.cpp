@@ -26,6 +26,30 @@ bool RetryableStop(nb::handle ctx) {
     return Equal(reason, ctx.attr("kCannotScan")) || Equal(reason, ctx.attr("kOutOfTime"));
 }
 
+// Whether a called term may hold unrelated callables: functions of different
+// names, or a function and a class (`f = g if c else h`, what a factory
+// returns).  Each call reaches one of them, so what it passes says nothing
+// sure of any one.  Methods of one name (overrides) and classes alone
+// (`cls(...)`) stay related.
+bool ReachesUnrelatedCallables(nb::handle resolved) {
+    std::optional<std::string> def_leaf;
+    bool classes = false;
+    for (nb::handle single : resolved) {
+        if (Calls(single, "IsDef")) {
+            std::string_view name = TextOf(single.attr("GetDefinedScope")().attr("name"));
+            // The leaf, without the index of a def of the name made again.
+            std::string_view leaf_text = name.substr(name.rfind('.') + 1);
+            std::string leaf(leaf_text.substr(0, leaf_text.find('|')));
+            if (def_leaf && *def_leaf != leaf)
+                return true;
+            def_leaf = std::move(leaf);
+        } else if (Calls(single, "IsClass")) {
+            classes = true;
+        }
+    }
+    return def_leaf && classes;
+}
+
 }  // namespace
 
 bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handle called_ibytes,
@@ -84,7 +108,7 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
             sub.Finish();
             return true;
         }
-        derived_list = processed[0];
+        derived_list = ReachesUnrelatedCallables(resolved) ? nb::list() : processed[0];
         typevar_method_list = processed[1];
         nb::object guard_singles = processed[2];
         guard_ibytes = HasItems(guard_singles) ? GetInfoBytesForReducedResolved_(guard_singles)
