@@ -157,6 +157,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A term that holds unrelated callables: no call of it says what one of them gets.
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
+    ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
     (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"

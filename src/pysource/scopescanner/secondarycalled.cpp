@@ -3,10 +3,12 @@
 // call's arguments are recorded on them, generic containers are
 // specialised, and a call of a user-defined TypeGuard / TypeIs narrows its
 // first argument in the calling scope.
+#include <algorithm>
 #include <optional>
 #include <string>
 
 #include "pysource/infer/inferreddetails.h"
+#include "pysource/scoperef.h"
 #include "pysource/scopescanner/secondaryscanner.h"
 #include "pysource/scopescanner/secondaryutil.h"
 #include "pysource/symbolinfo.h"
@@ -26,28 +28,32 @@ bool RetryableStop(nb::handle ctx) {
     return Equal(reason, ctx.attr("kCannotScan")) || Equal(reason, ctx.attr("kOutOfTime"));
 }
 
-// Whether a called term may hold unrelated callables: functions of different
-// names, or a function and a class (`f = g if c else h`, what a factory
-// returns).  Each call reaches one of them, so what it passes says nothing
-// sure of any one.  Methods of one name (overrides) and classes alone
-// (`cls(...)`) stay related.
+// Whether a called term may hold unrelated callables: different functions,
+// methods of different names, or a function and a class (`f = g if c else h`,
+// a callback parameter, what a factory returns).  Each call reaches one of
+// them, so what it passes says nothing sure of any one.  Methods of one name
+// (overrides) and classes alone (`cls(...)`) stay related.
 bool ReachesUnrelatedCallables(nb::handle resolved) {
-    std::optional<std::string> def_leaf;
+    std::optional<std::string> def_key;
     bool classes = false;
     for (nb::handle single : resolved) {
         if (Calls(single, "IsDef")) {
             std::string_view name = TextOf(single.attr("GetDefinedScope")().attr("name"));
-            // The leaf, without the index of a def of the name made again.
-            std::string_view leaf_text = name.substr(name.rfind('.') + 1);
-            std::string leaf(leaf_text.substr(0, leaf_text.find('|')));
-            if (def_leaf && *def_leaf != leaf)
+            // A method by its leaf name, a function by its place; without the
+            // index of a def of the name made again.
+            std::string key = Calls(single, "IsMethod")
+                                  ? std::string(name.substr(name.rfind('.') + 1))
+                                  : LocationUrl(single.attr("loc")) + ":" +
+                                        std::string(name);
+            key.erase(std::min(key.find('|', key.rfind(':') + 1), key.size()));
+            if (def_key && *def_key != key)
                 return true;
-            def_leaf = std::move(leaf);
+            def_key = std::move(key);
         } else if (Calls(single, "IsClass")) {
             classes = true;
         }
     }
-    return def_leaf && classes;
+    return def_key && classes;
 }
 
 }  // namespace
