@@ -148,6 +148,8 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("m = object()\n    w = m if v else 1\n    if w is not m:\n        target(w)", "a", {"int"}),
     ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = ''\n    target(w)", "a",
      {"int", "str"}),
+    ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = 2\n    else:\n        target(w)", "a",
+     {"int"}),
     # type(name) against classes: exact classes, so subclasses of them stay.
     ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),
