@@ -3,7 +3,6 @@
 // call's arguments are recorded on them, generic containers are
 // specialised, and a call of a user-defined TypeGuard / TypeIs narrows its
 // first argument in the calling scope.
-#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -28,24 +27,26 @@ bool RetryableStop(nb::handle ctx) {
     return Equal(reason, ctx.attr("kCannotScan")) || Equal(reason, ctx.attr("kOutOfTime"));
 }
 
-// Whether a called term may hold unrelated callables: different functions,
-// methods of different names, or a function and a class (`f = g if c else h`,
-// a callback parameter, what a factory returns).  Each call reaches one of
-// them, so what it passes says nothing sure of any one.  Methods of one name
-// (overrides) and classes alone (`cls(...)`) stay related.
-bool ReachesUnrelatedCallables(nb::handle resolved) {
+// Whether a called term may hold more than one callable: different defs
+// (`f = g if c else h`, a callback parameter, what a factory returns, a method
+// that receivers of several classes define), or a def and a class.  Each call
+// reaches one of them, so what it passes says nothing sure of any one.
+// Classes alone (`cls(...)`) construct alike.
+bool ReachesSeveralCallables(nb::handle resolved) {
     std::optional<std::string> def_key;
     bool classes = false;
     for (nb::handle single : resolved) {
         if (Calls(single, "IsDef")) {
+            // A def by its place; the defs of one name made again (`|1`) are one.
+            std::string key = LocationUrl(single.attr("loc")) + ":";
             std::string_view name = TextOf(single.attr("GetDefinedScope")().attr("name"));
-            // A method by its leaf name, a function by its place; without the
-            // index of a def of the name made again.
-            std::string key = Calls(single, "IsMethod")
-                                  ? std::string(name.substr(name.rfind('.') + 1))
-                                  : LocationUrl(single.attr("loc")) + ":" +
-                                        std::string(name);
-            key.erase(std::min(key.find('|', key.rfind(':') + 1), key.size()));
+            for (std::size_t i = 0; i < name.size(); ++i) {
+                if (name[i] == '|')
+                    while (i + 1 < name.size() && name[i + 1] >= '0' && name[i + 1] <= '9')
+                        ++i;
+                else
+                    key.push_back(name[i]);
+            }
             if (def_key && *def_key != key)
                 return true;
             def_key = std::move(key);
@@ -114,7 +115,7 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
             sub.Finish();
             return true;
         }
-        derived_list = ReachesUnrelatedCallables(resolved) ? nb::list() : processed[0];
+        derived_list = ReachesSeveralCallables(resolved) ? nb::list() : processed[0];
         typevar_method_list = processed[1];
         nb::object guard_singles = processed[2];
         guard_ibytes = HasItems(guard_singles) ? GetInfoBytesForReducedResolved_(guard_singles)
