@@ -129,6 +129,8 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(v)", "a", {"None", "float"}),
     ("if v:\n        target(v)", "a", {"float"}),
     ("if isinstance(v, float) and v > 1:\n        target(v)", "a", {"float"}),
+    ("if isinstance(v, (float, type(None))):\n        return\n    target(v)", "a",
+     {"? expression v (logical 2)"}),
     ("if v is None:\n        return\n    target(v)", "a", {"float"}),
     ("if v is None:\n        v = []\n    target(v)", "a", {"float", "list"}),
     ("if v is None:\n        pass\n    target(v)", "a", {"None", "float"}),
@@ -150,6 +152,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      {"int", "str"}),
     ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = 2\n    else:\n        target(w)", "a",
      {"int"}),
+    ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
+    ("for i in [1, 2]:\n        if i == 1:\n            w = ()\n        else:\n            target(w)", "a",
+     {"tuple[()]"}),
     # type(name) against classes: exact classes, so subclasses of them stay.
     ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),

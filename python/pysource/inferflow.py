@@ -111,13 +111,17 @@ def _Conditions(body):
     return guards, skips
 
 
+_kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
+
+
 class _CBody:
     """What the engine asks of one scope body."""
 
-    __slots__ = ("paths", "guards", "skips", "generator")
+    __slots__ = ("paths", "loops", "guards", "skips", "generator")
 
     def __init__(self, logicals):
         self.paths = _BlockPaths(logicals)
+        self.loops = sorted(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
         self.guards, self.skips = _Conditions(logicals)
         self.generator = any("yield" in logical.fToks for logical in logicals
                              if logical.fType != logicalline.kComment)
@@ -136,6 +140,12 @@ class CBlockStructure:
         indexed by body logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body.paths
+
+    def LoopHeaders(self, loc, scope_name):
+        """The body logical indexes of the `for` and `while` headers of the
+        body of `scope_name` in `loc`, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body.loops
 
     def Guards(self, loc, scope_name):
         """The conditions known at each logical of the body of `scope_name`

@@ -225,7 +225,16 @@ private:
     // The branch headers around each body logical of a scope, from the
     // engine's flow provider; null when it can't tell.
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
+    // The `for` and `while` headers of a scope's body; null when unknown.
+    const std::vector<long long> *LoopHeadersOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Whether the use's guards rule out the branch that holds body logical
+    // `setting` (`if c: x = 1` ... `else: use`).  Unless `within_turn`, a
+    // loop around both lets the setting reach the use on a later turn.
+    bool BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn);
+    template <class T, class Convert>
+    const T *FlowOf(nb::handle scope, const char *method,
+                    std::map<std::pair<std::string, std::string>, std::optional<T>> &cache, Convert convert);
     // Conditions at each body logical of a scope, from the flow provider's
     // `method` (header index, condition text, a number): "Guards", those
     // known there (the number: whether it holds); "SkippedIfs", the earlier
@@ -477,6 +486,7 @@ private:
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;
     std::map<std::pair<std::string, std::string>, std::optional<std::vector<std::vector<long long>>>> fBlockPaths;
+    std::map<std::pair<std::string, std::string>, std::optional<std::vector<long long>>> fLoopHeaders;
     std::map<std::tuple<std::string, std::string, std::string>, std::optional<std::vector<std::vector<Guard>>>>
         fConditions;
 };

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <bitset>
 
 #include "pysource/exprtext.h"
@@ -572,6 +573,12 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         singles.emplace_back(single, at);
         if (use_index >= -1 && split.logical_index && at < use_index) {
+            // A setting in a branch the use can't follow doesn't reach it
+            // (though the use's settings are then known: -2 for none).
+            if (BranchRuledOut(scope, at, use_index, false)) {
+                best = std::max(best, -2LL);
+                continue;
+            }
             before.insert(at);
             best = std::max(best, at);
         }
@@ -622,27 +629,73 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     return out;
 }
 
-const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
+namespace {
+
+std::vector<long long> IndexList(nb::handle indexes) {
+    std::vector<long long> out;
+    for (nb::handle index : indexes)
+        out.push_back(nb::cast<long long>(index));
+    return out;
+}
+
+}  // namespace
+
+// What the flow provider's `method` says of the body of `scope`, read by
+// `convert` once per scope and kept in `cache`; null when it can't tell.
+template <class T, class Convert>
+const T *CEvaluator::FlowOf(nb::handle scope, const char *method,
+                            std::map<std::pair<std::string, std::string>, std::optional<T>> &cache, Convert convert) {
     nb::object provider = fEngine.fFlowProvider;
-    if (provider.is_none())
+    if (provider.is_none() || !nb::hasattr(provider, method))
         return nullptr;
     std::pair<std::string, std::string> key{LocationUrl(scope.attr("loc")), std::string(ScopeName(scope))};
-    auto it = fBlockPaths.find(key);
-    if (it == fBlockPaths.end()) {
-        std::optional<std::vector<std::vector<long long>>> paths;
-        nb::object found = provider.attr("BlockPaths")(scope.attr("loc"), scope.attr("name"));
-        if (!found.is_none()) {
-            paths.emplace();
-            for (nb::handle path : found) {
-                std::vector<long long> headers;
-                for (nb::handle header : path)
-                    headers.push_back(nb::cast<long long>(header));
-                paths->push_back(std::move(headers));
-            }
-        }
-        it = fBlockPaths.emplace(key, std::move(paths)).first;
+    auto it = cache.find(key);
+    if (it == cache.end()) {
+        std::optional<T> value;
+        nb::object found = provider.attr(method)(scope.attr("loc"), scope.attr("name"));
+        if (!found.is_none())
+            value.emplace(convert(found));
+        it = cache.emplace(key, std::move(value)).first;
     }
     return it->second ? &*it->second : nullptr;
+}
+
+const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
+    return FlowOf(scope, "BlockPaths", fBlockPaths, [](nb::handle found) {
+        std::vector<std::vector<long long>> paths;
+        for (nb::handle path : found)
+            paths.push_back(IndexList(path));
+        return paths;
+    });
+}
+
+const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
+    return FlowOf(scope, "LoopHeaders", fLoopHeaders, IndexList);
+}
+
+bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn) {
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+    if (!guards || !paths || use < 0 || setting < 0 || (std::size_t) use >= guards->size() ||
+        (std::size_t) use >= paths->size() || (std::size_t) setting >= paths->size())
+        return false;
+    const std::vector<long long> &use_path = (*paths)[(std::size_t) use];
+    const std::vector<long long> &path = (*paths)[(std::size_t) setting];
+    auto holds = [](const std::vector<long long> &p, long long header) {
+        return std::find(p.begin(), p.end(), header) != p.end();
+    };
+    bool ruled_out = false;
+    for (const auto &[header, condition, held] : (*guards)[(std::size_t) use])
+        ruled_out = ruled_out || (!held && holds(path, header) && !holds(use_path, header));
+    if (!ruled_out || within_turn)
+        return ruled_out;
+    const std::vector<long long> *loops = LoopHeadersOf(scope);
+    if (!loops)
+        return false;
+    for (long long loop : *loops)
+        if (holds(path, loop) && holds(use_path, loop))
+            return false;
+    return true;
 }
 
 // An unnumbered single of a parameter's binding in its def's body: what

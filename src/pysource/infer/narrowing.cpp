@@ -119,24 +119,11 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
     // The latest setting before the use: conditions read before it say
     // nothing of the value it sets.  A setting in a branch that the use's
     // guards rule out (`if x is S: x = ...` `else: use`) doesn't count.
-    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
-    auto ruled_out = [&](long long setting) {
-        if (!guards || !paths || (std::size_t) use_index >= guards->size() ||
-            (std::size_t) use_index >= paths->size() || setting < 0 || (std::size_t) setting >= paths->size())
-            return false;
-        const std::vector<long long> &use_path = (*paths)[(std::size_t) use_index];
-        for (const auto &[header, condition, holds] : (*guards)[(std::size_t) use_index]) {
-            const std::vector<long long> &path = (*paths)[(std::size_t) setting];
-            if (!holds && std::find(path.begin(), path.end(), header) != path.end() &&
-                std::find(use_path.begin(), use_path.end(), header) == use_path.end())
-                return true;
-        }
-        return false;
-    };
     long long latest = -1;
     for (std::string_view single : si::NonNestedSplit(entry, ";")) {
         si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-        if (split.logical_index && *split.logical_index < use_index && !ruled_out(*split.logical_index))
+        if (split.logical_index && *split.logical_index < use_index &&
+            !BranchRuledOut(scope, *split.logical_index, use_index, true))
             latest = std::max(latest, *split.logical_index);
     }
     auto parse = [&](const std::string &condition, long long header, auto &&narrow) {
@@ -358,7 +345,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     if (holds && out.Empty())
         for (const nb::object &w : wanted)
             out.Merge(InstanceOf(w, nb::none()));
-    return out.Empty() ? values : out;
+    return out.Empty() && holds ? values : out;
 }
 
 }  // namespace pysource::infer
