@@ -134,6 +134,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        return\n    target(v)", "a", {"float"}),
     ("if v is None:\n        v = []\n    target(v)", "a", {"float", "list"}),
     ("if v is None:\n        pass\n    target(v)", "a", {"None", "float"}),
+    ("if v is None:\n        v = ''\n    if v == '':\n        v = 1\n    target(v)", "a", {"float", "str", "int"}),
     ("w = v or []\n    target(w)", "a", {"float", "list"}),
     ("w = v and []\n    target(w)", "a", {"None", "float", "list"}),
     ("if v is not None:\n        v = None\n        target(v)", "a", {"None"}),

@@ -137,8 +137,10 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
             if (latest < header || latest > last)
                 continue;
-            // `if x is None: x = ...`: the earlier values only when x wasn't None.
-            ValueSet before = EntryValues(scope, record, EntryPart(entry, -1, header - 1, true), use_index);
+            // `if x is None: x = ...`: the earlier values only when x wasn't
+            // None; those are what x is at the `if`, itself after earlier ones.
+            std::string earlier = EntryPart(entry, -1, header - 1, true);
+            ValueSet before = Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header));
             parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
                 NarrowBy(tree, root, frame, name, false, before);
             });
