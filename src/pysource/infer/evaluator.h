@@ -253,6 +253,7 @@ private:
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
+    bool IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals);
     // What `callable(value)` gives: true for functions, classes and
     // instances of classes with a __call__.
     bool IsCallableValue(nb::handle value);

@@ -263,6 +263,18 @@ bool CEvaluator::IsCallableValue(nb::handle value) {
     return !cls.is_none() && !ClassAttribute(cls, "__call__", value, MapOfInstance(value), true).Empty();
 }
 
+// Whether `value` is an instance (a literal too, with `literals`) whose class
+// is one of `classes` exactly.
+bool CEvaluator::IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals) {
+    nb::object cls = Single(value)->IsInstance(literals) ? ClassOfInstance(value) : nb::object();
+    if (!cls.is_valid() || cls.is_none())
+        return false;
+    for (const nb::object &c : classes)
+        if (SameClass(Single(c), Single(cls)))
+            return true;
+    return false;
+}
+
 // The values whose class is none of `classes` (`type(x) is not C`: instances
 // of subclasses stay); all of them when a class can't be read.
 ValueSet CEvaluator::WithoutExactClasses(const ValueSet &values, const ValueSet &classes) {
@@ -270,15 +282,9 @@ ValueSet CEvaluator::WithoutExactClasses(const ValueSet &values, const ValueSet 
         if (!Single(c)->IsClass())
             return values;
     ValueSet out;
-    for (const nb::object &v : values.Items()) {
-        nb::object cls = Single(v)->IsInstance(true) ? ClassOfInstance(v) : nb::object();
-        bool listed = false;
-        if (cls.is_valid() && !cls.is_none())
-            for (const nb::object &c : classes.Items())
-                listed = listed || SameClass(Single(c), Single(cls));
-        if (!listed)
+    for (const nb::object &v : values.Items())
+        if (!IsInstanceOfExactly(v, classes.Items(), true))
             out.Add(v);
-    }
     return out;
 }
 
@@ -286,25 +292,19 @@ ValueSet CEvaluator::WithoutExactClasses(const ValueSet &values, const ValueSet 
 // classes (`x is _MISSING`), told apart by their classes.  Nothing is learnt
 // from objects that aren't all such instances.
 ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds) {
-    std::vector<si::CSingleResolvedInfo *> classes;
+    std::vector<nb::object> classes;
     for (const nb::object &o : objects.Items()) {
         nb::object cls = Single(o)->IsInstance(false) ? ClassOfInstance(o) : nb::object();
         if (!cls.is_valid() || cls.is_none())
             return values;
-        classes.push_back(Single(cls));
+        classes.push_back(cls);
     }
     if (classes.empty())
         return values;
     ValueSet out;
-    for (const nb::object &v : values.Items()) {
-        nb::object cls = Single(v)->IsInstance(false) ? ClassOfInstance(v) : nb::object();
-        bool is_one = false;
-        if (cls.is_valid() && !cls.is_none())
-            for (si::CSingleResolvedInfo *c : classes)
-                is_one = is_one || SameClass(c, Single(cls));
-        if (is_one == holds)
+    for (const nb::object &v : values.Items())
+        if (IsInstanceOfExactly(v, classes, false) == holds)
             out.Add(v);
-    }
     return out.Empty() && holds ? objects : out;
 }
 
