@@ -156,6 +156,8 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
     ("for i in [1, 2]:\n        if i == 1:\n            w = ()\n        else:\n            target(w)", "a",
      {"tuple[()]"}),
+    # What a function returns from its `*args` is what this call passes there.
+    ("def pick(*fs):\n        return fs[0]\n    pick('s')\n    w = pick(1)\n    target(w)", "a", {"int"}),
     # type(name) against classes: exact classes, so subclasses of them stay.
     ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),
