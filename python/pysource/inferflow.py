@@ -45,7 +45,8 @@ _kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kC
 
 
 class _CGuardBlock:
-    __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain", "last")
+    __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain",
+                 "chain_exits", "last")
 
     def __init__(self, header, indent, kind, condition, inside):
         self.header, self.indent, self.kind, self.condition = header, indent, kind, condition
@@ -53,6 +54,7 @@ class _CGuardBlock:
         self.exits = []           # guards from earlier `if` blocks here that always leave
         self.skips = []           # (header, condition, last logical) of earlier `if` blocks here
         self.chain = []           # (header, condition) of the if/elif chain just closed here
+        self.chain_exits = False  # whether every block of that chain always leaves
         self.last = None          # kind of the latest logical directly in the block
 
 
@@ -80,14 +82,21 @@ def _Conditions(body):
             block = stack.pop()
             parent = stack[-1]
             same_level = block.indent == indent
+            exits = block.last in _kExitKinds
             if block.kind in (logicalline.kIfBeginning, logicalline.kElifBeginning) and \
                     continues_chain and same_level:
-                head = [] if block.kind == logicalline.kIfBeginning else parent.chain
-                parent.chain = head + [(block.header, block.condition)]
+                first = block.kind == logicalline.kIfBeginning
+                parent.chain = ([] if first else parent.chain) + [(block.header, block.condition)]
+                parent.chain_exits = (first or parent.chain_exits) and exits
             else:
+                if block.kind == logicalline.kElifBeginning and parent.chain_exits and exits:
+                    # An if/elif chain whose every block leaves: none of its
+                    # conditions held past it.
+                    parent.exits.extend((h, c, False) for h, c in
+                                        parent.chain + [(block.header, block.condition)])
                 parent.chain = []
             if block.kind == logicalline.kIfBeginning and not (continues_chain and same_level):
-                if block.last in _kExitKinds:
+                if exits:
                     parent.exits.append((block.header, block.condition, False))
                 else:
                     parent.skips.append((block.header, block.condition, i - 1))
