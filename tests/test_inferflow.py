@@ -24,6 +24,11 @@ BODY = [
     _Logical(ll.kIfBeginning, 4, "if z is None :"),        # 8
     _Logical(ll.kAssignment, 8, "z = 1"),                  # 9
     _Logical(ll.kExpression, 4, "z"),                      # 10
+    _Logical(ll.kIfBeginning, 4, "if a :"),                # 11
+    _Logical(ll.kReturn, 8, "return 1"),                   # 12
+    _Logical(ll.kElifBeginning, 4, "elif b :"),            # 13
+    _Logical(ll.kRaise, 8, "raise E"),                     # 14
+    _Logical(ll.kExpression, 4, "x"),                      # 15
 ]
 
 
@@ -38,21 +43,6 @@ def test_guards_and_skipped_ifs_per_logical():
     assert guards[10] == (left,)
     assert skips[9] == ()
     assert skips[10] == ((8, "z is None", 9),)
+    # An if/elif chain whose every block leaves: none of its conditions held.
+    assert guards[15] == (left, (11, "a", False), (13, "b", False))
 
-
-def test_an_if_elif_chain_that_always_leaves_guards_what_follows():
-    body = [
-        _Logical(ll.kIfBeginning, 4, "if a :"),      # 0
-        _Logical(ll.kReturn, 8, "return 1"),         # 1
-        _Logical(ll.kElifBeginning, 4, "elif b :"),  # 2
-        _Logical(ll.kRaise, 8, "raise E"),           # 3
-        _Logical(ll.kExpression, 4, "x"),            # 4
-        _Logical(ll.kIfBeginning, 4, "if c :"),      # 5
-        _Logical(ll.kReturn, 8, "return 2"),         # 6
-        _Logical(ll.kElifBeginning, 4, "elif d :"),  # 7
-        _Logical(ll.kExpression, 8, "y"),            # 8
-        _Logical(ll.kExpression, 4, "z"),            # 9
-    ]
-    guards, _skips = inferflow._Conditions(body)
-    assert guards[4] == ((0, "a", False), (2, "b", False))
-    assert guards[9] == guards[4]
