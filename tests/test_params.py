@@ -145,6 +145,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # callable() tells functions and classes from other values.
     ("w = len if v else v\n    if not callable(w):\n        target(w)", "a", {"None", "float"}),
     ("w = len if v else v\n    if callable(w):\n        target(w)", "a", {"def len"}),
+    ("w = (lambda: 1) if v else 2\n    if not callable(w):\n        target(w)", "a", {"int"}),
     # A star import brings what the module binds, not what its __getattr__ makes up.
     ("target(int)", "a", {"type[int]"}),
     # `is` against an object of its own (a sentinel) tells it from the others.

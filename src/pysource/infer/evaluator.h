@@ -254,7 +254,7 @@ private:
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
     bool IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals);
-    // What `callable(value)` gives: true for functions, classes and
+    // What `callable(value)` gives: true for functions, lambdas, classes and
     // instances of classes with a __call__.
     bool IsCallableValue(nb::handle value);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);

@@ -43,10 +43,17 @@ bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view na
            IsNameNode(tree, tree.Kid(n, 1), name);
 }
 
-// An expression kept as written (a lambda, or one not evaluated): what a
-// test of its value says is not known.
-bool IsUnevaluated(nb::handle single) {
-    return si::GetInfoBytesKind(si::TextView(Single(single)->ibytes, "ibytes")) == si::kExpressionEquivKind;
+// An expression kept as written: a lambda (`lambda` true), or one that
+// wasn't evaluated, of which a test of its value says nothing.
+bool IsExpressionText(nb::handle single, bool lambda) {
+    std::string_view ibytes = si::TextView(Single(single)->ibytes, "ibytes");
+    if (si::GetInfoBytesKind(ibytes) != si::kExpressionEquivKind)
+        return false;
+    si::UnpackedFields f = si::UnpackFields(ibytes);
+    std::string_view text = f.fields.empty() || !f.fields[0] ? std::string_view() : si::StripSpaces(*f.fields[0]);
+    while (text.starts_with("("))
+        text = si::StripSpaces(text.substr(1));
+    return text.starts_with("lambda") == lambda;
 }
 
 // A name or dotted name, which `x is NAME` compares with an object of its own
@@ -193,7 +200,7 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             IsNameNode(tree, tree.Kid(n, 1), name)) {
             ValueSet kept;
             for (const nb::object &v : values.Items())
-                if (IsUnevaluated(v) || IsCallableValue(v) == holds)
+                if (IsExpressionText(v, false) || IsCallableValue(v) == holds)
                     kept.Add(v);
             values = kept;
             return;
@@ -255,7 +262,7 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
 
 bool CEvaluator::IsCallableValue(nb::handle value) {
     si::CSingleResolvedInfo *s = Single(value);
-    if (s->IsDef() || s->IsClass())
+    if (s->IsDef() || s->IsClass() || IsExpressionText(value, true))
         return true;
     if (!s->IsInstance(true))
         return false;
