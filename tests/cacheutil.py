@@ -12,8 +12,8 @@ def loc_of(directory, name):
     return CLocalFileLocation(str(directory / name))
 
 
-def primary_record(scope, names, mtime=10.0, inst=None, incomplete=False):
-    info = CScopeInfo(CScopeInfoKey(scope, PRIMARY, scope), b"", mtime, incomplete)
+def primary_record(scope, names, mtime=10.0, inst=None, incomplete=False, ibytes=b""):
+    info = CScopeInfo(CScopeInfoKey(scope, PRIMARY, scope), ibytes, mtime, incomplete)
     info.type_equivs.update(names)
     if inst is not None:
         info.inst_type_equivs = dict(inst)

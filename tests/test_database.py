@@ -350,20 +350,41 @@ class TestListingLocations:
         cache.WriteToDatabase()
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == [a.fUrl, b.fUrl]
 
-    def test_scopes_by_name_and_summaries_come_from_the_file_and_from_memory(
-            self, tmp_path, project_db):
+    def test_scopes_by_name_come_from_the_file_and_from_memory(self, tmp_path, project_db):
         a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
         cache = CInfoCache(db_path=tmp_path / "index.db")
         assert cache.FindScopesNamed("f") == [(a, "f")]
         assert cache.FindScopesNamed("a.f") == [] and cache.FindScopesNamed("") == [(a, "")]
-        summaries = cache.GetScopeSummaries(a)
         assert cache.fRecordsInMemory == 0
-        merged = [cache.GetScopeInfo(Scope(a, name)) for name in ("", "f")]
-        assert summaries == [("", merged[0].ibytes, False), ("f", merged[1].ibytes, False)]
         cache.AddScopeInfo(primary_record(Scope(b, "C.f"), {}), True)  # not written
         assert cache.FindScopesNamed("f") == [(a, "f"), (b, "C.f")]
         assert cache.FindScopesNamed("C.f") == [(b, "C.f")]
-        assert [name for name, _, _ in cache.GetScopeSummaries(b)] == ["C.f", "g"]
+
+    def test_scope_counts_follow_writes_replacements_and_removals(self, tmp_path):
+        a, b = loc_of(tmp_path, "a.py"), loc_of(tmp_path, "b.py")
+        db = tmp_path / "index.db"
+        cache = CInfoCache(db_path=db)
+        for scope, ibytes, incomplete in [(Scope(a, ""), b"", False), (Scope(a, "C"), b":Cx", False),
+                                          (Scope(a, "C()"), b"", False),
+                                          (Scope(a, "C.f"), b":u", True), (Scope(b, "g"), b":f", False)]:
+            cache.AddScopeInfo(primary_record(scope, {}, ibytes=ibytes, incomplete=incomplete), True)
+        cache.AddScopeInfoListForSingleScan(
+            Scope(b, "g"), DERIVED, [derived_record(Scope(a, "C.f"), Scope(b, "g"), {"x": b"int"})], True)
+
+        def counts(cache):
+            return [(loc.fUrl == a.fUrl, kind, n, bad) for loc, kind, n, bad in cache.GetScopeCounts()]
+        expected = [(True, "class", 1, 0), (True, "instance", 1, 0), (True, "method", 1, 1),
+                    (True, "module", 1, 0), (False, "function", 1, 0)]
+        assert counts(cache) == expected                     # from memory
+        cache.WriteToDatabase()
+        reader = CInfoCache(db_path=db)
+        assert counts(reader) == expected and reader.fRecordsInMemory == 0
+        cache.AddScopeInfo(primary_record(Scope(b, "g"), {}, ibytes=b":Cg"), True)   # replaced
+        cache.ForgetScopesOfLoc(a, PRIMARY, ["", "C", "C()"])
+        cache.WriteToDatabase()
+        assert counts(CInfoCache(db_path=db)) == expected[:2] + expected[3:4] + [(False, "class", 1, 0)]
+        cache.ForgetLocation(a)
+        assert counts(CInfoCache(db_path=db)) == [(False, "class", 1, 0)]
 
     def test_without_a_database_the_locations_in_memory_and_no_writes(self, tmp_path):
         cache = CInfoCache()

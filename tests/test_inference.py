@@ -250,6 +250,28 @@ def test_repeated_resolves_agree_until_records_change(project, tmp_path):
         assert {s.GetTypeName() for s in _resolve(mgr, loc, "", "value")[0]} == {expected}
 
 
+@pytest.mark.parametrize("warm, text", [
+    (["a.upper()"], "a.lower()"),
+    (["b.copy()"], "b.pop()"),
+    (["a.upper()", "b.copy()"], "a.join(b)"),
+])
+def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, warm, text):
+    """Method orders and type variables worked out by earlier requests tell a
+    later context the classes they read, as working them out would."""
+    (tmp_path / "m.py").write_text("a = 'x'\nb = [1]\n")
+
+    def answer(earlier):
+        with installed_manager(editor=False) as mgr:
+            loc = CLocalFileLocation(str(tmp_path / "m.py"))
+            _scan(mgr, [loc])
+            for earlier_text in earlier:
+                _resolve(mgr, loc, "", earlier_text)
+            resolved, ctx = _resolve(mgr, loc, "", text)
+            return {s.GetTypeName() for s in resolved}, set(ctx.GetScopesSeen())
+
+    assert answer(warm) == answer([])
+
+
 def test_kept_answers_follow_the_search_path(tmp_path):
     for rel, text in (("app/use.py", "import helper\nvalue = helper.X\n"), ("lib/helper.py", "X = 1\n")):
         (tmp_path / rel).parent.mkdir(exist_ok=True)

@@ -3,13 +3,15 @@ and the earlier `if` blocks a value may have skipped."""
 
 import collections
 
+from basekit.location import CLocalFileLocation
 from pysource import inferflow, logicalline as ll
 
-_L = collections.namedtuple("_L", "fType fIndentLevel fToks")
+_L = collections.namedtuple("_L", "fType fIndentLevel fText fTokenCount GetTokenString")
 
 
 def _Logical(kind, indent, text):
-    return _L(kind, indent, text.split())
+    toks = text.split()
+    return _L(kind, indent, text, len(toks), toks.__getitem__)
 
 
 BODY = [
@@ -46,3 +48,36 @@ def test_guards_and_skipped_ifs_per_logical():
     # An if/elif chain whose every block leaves: none of its conditions held.
     assert guards[15] == (left, (11, "a", False), (13, "b", False))
 
+
+FILE = """\
+def f(a):
+    if a:
+        x = 1
+    return x
+
+def g():
+    yield 1
+"""
+
+
+class _CFixedTimes:
+    def GetLocDiskMTime(self, _loc):
+        return 1.0
+
+
+def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path):
+    # Working out every scope of a large file at the first question would
+    # hold up a scan's time slice; keeping every file read would keep its
+    # logicals for the collector to walk.
+    flow = inferflow.CBlockStructure(_CFixedTimes())
+    locs = []
+    for i in range(inferflow.kFilesKept + 1):
+        path = tmp_path / f"m{i}.py"
+        path.write_text(FILE)
+        locs.append(CLocalFileLocation(str(path)))
+    assert (flow.BlockPaths(locs[0], "f"), flow.LoopHeaders(locs[0], "f")) == (((), (0,), ()), ())
+    assert "g" in flow._fFiles[locs[0].fUrl][2]  # not worked out yet
+    assert (flow.IsGenerator(locs[0], "g"), flow.IsGenerator(locs[0], "f")) == (True, False)
+    for loc in locs[1:]:
+        flow.BlockPaths(loc, "f")
+    assert locs[0].fUrl not in flow._fFiles and len(flow._fFiles) == inferflow.kFilesKept

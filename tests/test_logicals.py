@@ -363,13 +363,34 @@ class TestCreateLogical:
             setattr(l, field, None)
             assert getattr(l, field) is None
 
-    def test_analyzer_fields_may_hold_cycles(self):
-        l = CreateLogical(toks=["x"])
-        l.fParsed = [l]
+    # Ways Python can lead a logical's fields back to the logical.
+    CYCLES = {
+        "stored field": lambda l: setattr(l, "fParsed", [l]),
+        "stored name": lambda l: setattr(l, "fScopeName", [l]),
+        "handed-out tokens": lambda l: l.fToks.append(l),
+        "given positions": None,
+    }
+
+    @pytest.mark.parametrize("how", CYCLES)
+    def test_cycles_through_a_logical_are_collected(self, how):
+        if how == "given positions":
+            l = CreateLogical(toks=["x"], positions=[[0, 0]])
+            l.fPositions[0].append(l)
+        else:
+            l = logicals("x = 1\n")[0]
+            self.CYCLES[how](l)
         ref = weakref.ref(l)
         del l
         gc.collect()
         assert ref() is None
+
+    def test_built_logicals_stay_out_of_the_collector(self):
+        # A file's logicals live through many young collections: tracked,
+        # they would bring on full collections while a file is scanned.
+        built = logicals("def f(a):\n    return a\n")
+        assert [gc.is_tracked(l) for l in built] == [False, False]
+        assert built[0].fType == ll.kFunctionDef and built[1].fScopeName == "f"
+        assert not any(gc.is_tracked(l) for l in built)
 
 
 def _corpus(full=False):

@@ -23,7 +23,7 @@ def pairs(analyzer, src, py3=True):
     logical = logical_of(src)
     errs = analyzer.AnalyzeSingleLogical(logical, py3)
     assert errs is None, errs
-    return logical.fTypeEquivs
+    return list(logical.fTypeEquivs)
 
 
 def infos(analyzer, src, name):
@@ -326,7 +326,7 @@ class TestParseErrors:
         logical = CreateLogical(toks=["x", "=", field])
         errs = analyzer.AnalyzeSingleLogical(logical, True)
         assert errs == [("expression nested too deeply", 2)]
-        assert logical.fTypeEquivs == [(b"x", SET)]
+        assert logical.fTypeEquivs == ((b"x", SET),)
 
     def test_python2_forms_only_with_the_python2_grammar(self, analyzer):
         for toks in (["print", "x", ",", "y"], ["exec", "code", "in", "ns"],
@@ -341,7 +341,7 @@ class TestLogicalContract:
     def test_analysis_is_idempotent_through_fparsed(self, analyzer):
         logical = logical_of("x = y\n")
         assert analyzer.AnalyzeSingleLogical(logical, True) is None
-        assert logical.fParsed is True and isinstance(logical.fTypeEquivs, list)
+        assert logical.fParsed is True and isinstance(logical.fTypeEquivs, tuple)
         assert all(type(n) is bytes and type(i) is bytes for n, i in logical.fTypeEquivs)
         logical.fTypeEquivs = "left alone"
         assert analyzer.AnalyzeSingleLogical(logical, True) is None

@@ -77,7 +77,7 @@ TOKENS = ["x", "y", "f", "(", ")", "[", "]", "{", "}", ",", ":", "=", ".", "*", 
 def check_result(analyzer, toks, py3, first_in_def):
     logical = CreateLogical(toks=toks)
     errs = analyzer.AnalyzeSingleLogical(logical, py3, first_in_def)
-    assert isinstance(logical.fTypeEquivs, list)
+    assert isinstance(logical.fTypeEquivs, tuple)
     for name, info in logical.fTypeEquivs:
         assert type(name) is bytes and type(info) is bytes
     if errs is None:

@@ -94,6 +94,18 @@ class TestWholeFile:
         assert module[3] == {"os": b"imported"}  # nothing for "*"
         scanner.destroy()
 
+    def test_record_maps_stay_out_of_the_collector(self, mgr, tmp_path):
+        # Built through sets of singles, a kept record's maps would stay
+        # tracked until a full collection and bring the next one on sooner.
+        loc = local_file(tmp_path, SOURCE)
+        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        infos = [mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, name))
+                 for name in scanner._fAllScopeNames]
+        maps = [m for info in infos for m in (info.type_equivs, info.inst_type_equivs, info._domains)
+                if m]
+        assert len(maps) > len(infos) and not any(gc.is_tracked(m) for m in maps)
+        scanner.destroy()
+
     def test_module_without_scopes_is_scanned_at_the_end(self, mgr, tmp_path):
         loc = local_file(tmp_path, "x = 1\nprint(x)\n")
         scanner, state = full_scan(loc, mgr.fPrimaryScanName)

@@ -405,6 +405,32 @@ def test_whole_file_without_module_info_is_incomplete(mgr, locs):
         scanner.destroy()
 
 
+class _RecordingFlow:
+    def __init__(self):
+        self.read = []
+
+    def ReadFile(self, loc):
+        self.read.append(loc)
+
+
+@pytest.mark.parametrize("time_left, put_off", [(1e-4, True), (math.inf, False)])
+def test_whole_file_reads_the_files_flow_before_its_scopes(mgr, locs, time_left, put_off):
+    # The flow structure is read in one step; inside a scope's request it
+    # would fall anywhere in a slice.
+    add_record(mgr, locs["app.py"], "", {})
+    flow = mgr.fInferenceEngine._fNativeEngine.fFlowProvider = _RecordingFlow()
+    scanner = ss.CWholeFileSecondaryScanner(locs["app.py"], mgr.fDerivedScanName, None)
+    try:
+        got = [scanner.Scan(_fastaccess.GetNowTime() + time_left)]
+        read_first = list(flow.read)
+        if got[-1] is ss.kTimedOut:
+            got.append(scanner.Scan(kForever))
+        assert got == [ss.kTimedOut] * put_off + [ss.kFinishedScanning]
+        assert flow.read == [locs["app.py"]] and read_first == ([] if put_off else flow.read)
+    finally:
+        scanner.destroy()
+
+
 kStdlibFiles = ("textwrap.py", "json/encoder.py", "string.py")
 
 

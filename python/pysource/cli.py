@@ -510,23 +510,18 @@ def _cmd_stats(args):
     kinds = [recordtext.kScopeKindModule, recordtext.kScopeKindClass,
              recordtext.kScopeKindInstance, recordtext.kScopeKindFunction,
              recordtext.kScopeKindMethod]
-    rows = []
+    rows = {}    # path -> [scopes, {kind: scopes}, incomplete scopes]
     try:
-        info_cache = index.fInfoCache
-        for loc in index.Locations():
-            per_kind = dict.fromkeys(kinds + [recordtext.kScopeKindOther], 0)
-            errors = 0
-            names = info_cache.GetScopeSummaries(loc)
-            for name, ibytes, incomplete in names:
-                if ibytes is None:
-                    continue
-                per_kind[recordtext.ScopeKind(name, bytes(ibytes))] += 1
-                errors += incomplete
-            if names:
-                rows.append((getattr(loc, "fPath", None) or loc.fUrl, len(names), per_kind, errors))
+        for loc, kind, scopes, incomplete in index.fInfoCache.GetScopeCounts():
+            path = getattr(loc, "fPath", None) or loc.fUrl
+            row = rows.setdefault(path, [0, dict.fromkeys(kinds + [recordtext.kScopeKindOther], 0), 0])
+            row[0] += scopes
+            row[1][kind] += scopes
+            row[2] += incomplete
         size = index.SizeInBytes()
     finally:
         index.close()
+    rows = [(path, *row) for path, row in rows.items()]
     out = sys.stdout
     if args.files:
         header = ["scopes"] + kinds + ["errors", "file"]

@@ -20,6 +20,22 @@ _kBranchKinds = frozenset({
 _kTransparentKinds = frozenset({logicalline.kWith})
 
 
+# Tokens are read one at a time: a logical that hands out its token list
+# may come to hold anything, and the collector walks it from then on.
+def _LastToken(logical):
+    return logical.GetTokenString(-1) if logical.fTokenCount else None
+
+
+def _InnerTokens(logical):
+    """The tokens between a header's keyword and its colon."""
+    return [logical.GetTokenString(i) for i in range(1, logical.fTokenCount - 1)]
+
+
+def _Yields(logical):
+    return "yield" in logical.fText and any(logical.GetTokenString(i) == "yield"
+                                            for i in range(logical.fTokenCount))
+
+
 def _BlockPaths(body):
     """One tuple per logical of a scope body: the indexes of the branch
     headers around it, outermost first."""
@@ -34,8 +50,7 @@ def _BlockPaths(body):
             open_blocks.pop()
         paths.append(tuple(h for h, _indent, branch in open_blocks if branch))
         if logical.fType in _kBranchKinds or logical.fType in _kTransparentKinds:
-            toks = logical.fToks
-            if toks and toks[-1] == ":":   # a one-line block holds nothing after it
+            if _LastToken(logical) == ":":   # a one-line block holds nothing after it
                 open_blocks.append((i, indent, logical.fType in _kBranchKinds))
     return paths
 
@@ -104,10 +119,9 @@ def _Conditions(body):
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
         skips.append(tuple(k for b in stack for k in b.skips))
-        toks = logical.fToks
-        if not toks or toks[-1] != ":" or logical.fType not in _kBranchKinds | _kTransparentKinds:
+        if logical.fType not in _kBranchKinds | _kTransparentKinds or _LastToken(logical) != ":":
             continue
-        condition = " ".join(toks[1:-1]) or None
+        condition = " ".join(_InnerTokens(logical)) or None
         if logical.fType in (logicalline.kIfBeginning, logicalline.kWhileBeginning):
             inside = [(i, condition, True)]
         elif logical.fType == logicalline.kElifBeginning:
@@ -122,68 +136,98 @@ def _Conditions(body):
 
 _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
 
+# What the engine asks of one scope body, as a plain tuple of tuples of
+# atomic values, which the garbage collector stops walking after its first
+# pass over it: (block paths, loop headers, guards, skipped ifs, whether it
+# yields).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator = range(5)
 
-class _CBody:
-    """What the engine asks of one scope body."""
 
-    __slots__ = ("paths", "loops", "guards", "skips", "generator")
+def _BodyStructure(logicals):
+    guards, skips = _Conditions(logicals)
+    loops = tuple(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
+    generator = any(_Yields(logical) for logical in logicals
+                    if logical.fType != logicalline.kComment)
+    return tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator
 
-    def __init__(self, logicals):
-        self.paths = _BlockPaths(logicals)
-        self.loops = sorted(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
-        self.guards, self.skips = _Conditions(logicals)
-        self.generator = any("yield" in logical.fToks for logical in logicals
-                             if logical.fType != logicalline.kComment)
+
+# Files whose bodies are kept at once: the engine reads the bodies of the
+# file a scan is in and of the few it reaches; every file ever read would
+# keep its logical lines for the garbage collector to walk at each full
+# collection.
+kFilesKept = 8
 
 
 class CBlockStructure:
-    """Block paths of the bodies of every scope of a file, read once per
-    version of the file (by disk time) and kept."""
+    """Block paths of the bodies of the scopes of a file, read once per
+    version of the file (by disk time) and kept for the latest few files."""
 
     def __init__(self, info_cache):
         self._fInfoCache = info_cache
-        self._fFiles = {}  # url -> (disk time, {scope name: paths})
+        # url -> (disk time, the file's logicals, {scope name: the indexes of
+        # its body's logicals until first asked for}, {scope name: its
+        # _BodyStructure}), the latest read last
+        self._fFiles = {}
 
     def BlockPaths(self, loc, scope_name):
-        """The block paths of the body of `scope_name` in `loc`, as a list
+        """The block paths of the body of `scope_name` in `loc`, as a tuple
         indexed by body logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.paths
+        return None if body is None else body[_kPaths]
 
     def LoopHeaders(self, loc, scope_name):
         """The body logical indexes of the `for` and `while` headers of the
         body of `scope_name` in `loc`, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.loops
+        return None if body is None else body[_kLoops]
 
     def Guards(self, loc, scope_name):
         """The conditions known at each logical of the body of `scope_name`
-        in `loc` (see _Conditions), as a list indexed by body logical index, or
+        in `loc` (see _Conditions), as a tuple indexed by body logical index, or
         None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.guards
+        return None if body is None else body[_kGuards]
 
     def SkippedIfs(self, loc, scope_name):
         """The earlier `if` blocks at each logical of the body of
-        `scope_name` in `loc` (see _Conditions), as a list indexed by body
+        `scope_name` in `loc` (see _Conditions), as a tuple indexed by body
         logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.skips
+        return None if body is None else body[_kSkips]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a
         generator), or None when the file can't be read."""
         body = self._Body(loc, scope_name)
-        return None if body is None else body.generator
+        return None if body is None else body[_kGenerator]
 
-    def _Body(self, loc, scope_name):
+    def ReadFile(self, loc):
+        """Reads the file at `loc` unless it is kept already: a caller with
+        time to spare (a scan starting on the file) takes that step apart
+        from the questions that would need it."""
+        self._File(loc)
+
+    def _File(self, loc):
         url = loc.fUrl
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
-        known = self._fFiles.get(url)
+        known = self._fFiles.pop(url, None)
         if known is None or known[0] != mtime:
-            known = (mtime, self._Read(loc))
-            self._fFiles[url] = known
-        return known[1].get(symbolinfo.NormalizedScope(None, scope_name).name)
+            known = (mtime, *self._Read(loc), {})
+            if len(self._fFiles) >= kFilesKept:
+                del self._fFiles[next(iter(self._fFiles))]
+        self._fFiles[url] = known
+        return known
+
+    def _Body(self, loc, scope_name):
+        _mtime, logicals, waiting, worked_out = self._File(loc)
+        name = symbolinfo.NormalizedScope(None, scope_name).name
+        body = worked_out.get(name)
+        # A scope's structure is worked out when first asked for: a request
+        # reads a few scopes of a file, and a large file's every scope at
+        # once would hold up the caller's time slice.
+        if body is None and name in waiting:
+            body = worked_out[name] = _BodyStructure([logicals[i] for i in waiting.pop(name)])
+        return body
 
     def Forget(self, loc=None):
         if loc is None:
@@ -193,12 +237,16 @@ class CBlockStructure:
 
     @staticmethod
     def _Read(loc):
+        """(the logicals of `loc`, {scope name: the indexes of its body's
+        logicals}); no logicals when the file can't be read."""
         logicals = FileLogicals(loc)
         if logicals is None:
-            return {}
+            return [], {}
+        # A body's logicals stand in the file in body order.  Only the file's
+        # list holds them (they are left out of the collector's walks); the
+        # bodies are tuples of numbers, which the collector lets go of.
         bodies = {}
-        for logical, position in zip(logicals, BodyPositions(logicals)):
+        for index, position in enumerate(BodyPositions(logicals)):
             if position is not None:
-                bodies.setdefault(position[0], []).append((position[1], logical))
-        return {name: _CBody([logical for _index, logical in sorted(items, key=lambda x: x[0])])
-                for name, items in bodies.items()}
+                bodies.setdefault(position[0], []).append(index)
+        return logicals, {name: tuple(indexes) for name, indexes in bodies.items()}

@@ -10,7 +10,7 @@ the way the whole-file scan divides it.
 import ast
 import re
 
-from pysource import pycodeutils, scopescanner, symbolinfo
+from pysource import pycodeutils, scopeinfo, scopescanner, symbolinfo
 from pysource.filellinecache import CFileLogicalLineCache
 
 # How the vocabulary's describer writes a logical index.
@@ -24,20 +24,8 @@ kScopeKindMethod = "method"
 kScopeKindOther = "other"
 
 
-def ScopeKind(scope_name, ibytes):
-    """The kind of scope a primary record stands for."""
-    if scope_name == "":
-        return kScopeKindModule
-    if symbolinfo.IsInstanceScope(scope_name):
-        return kScopeKindInstance
-    kind = symbolinfo.GetInfoBytesKind(ibytes)
-    if kind == symbolinfo.kClassKind:
-        return kScopeKindClass
-    if kind == symbolinfo.kFunctionKind:
-        return kScopeKindFunction
-    if kind in (symbolinfo.kUnboundMethodKind, symbolinfo.kMethodKind):
-        return kScopeKindMethod
-    return kScopeKindOther
+# The kind of scope a primary record stands for: ScopeKind(scope_name, ibytes).
+ScopeKind = scopeinfo.ScopeKind
 
 
 class CFileBodies:

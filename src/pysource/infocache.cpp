@@ -7,6 +7,7 @@
 
 #include "pysource/recordcodec.h"
 #include "pysource/scope.h"
+#include "pysource/scopekind.h"
 #include "pysource/scopedependantcache.h"
 #include "pysource/symbolinfo.h"
 
@@ -610,32 +611,53 @@ nb::list CInfoCache::FindScopesNamed(nb::handle name) {
     return out;
 }
 
-nb::list CInfoCache::GetScopeSummaries(nb::handle loc) {
-    LocEntry &entry = EntryFor(loc);
-    // name -> (ibytes of the primary record or None, incomplete)
-    std::map<std::string, std::pair<nb::object, bool>> by_name;
-    auto note = [&](std::string name, bool primary, nb::handle ibytes, bool incomplete) {
-        auto &summary = by_name.try_emplace(std::move(name), nb::none(), false).first->second;
-        if (primary && summary.first.is_none())
-            summary = {nb::borrow(ibytes), incomplete};
-    };
-    if (StoredRowsStand(entry)) {
-        if (entry.db_id != 0)
-            ReadingRows([&] {
-                for (nb::handle row : fDatabase->LoadRecordHeads(entry.db_id))
-                    note(nb::cast<std::string>(row[0]),
-                         nb::cast<std::string>(row[1]) == fPrimaryScanName, row[2],
-                         (nb::cast<std::int64_t>(row[3]) & 1) != 0);
-            });
-    } else {
-        EnsureRecords(entry);
+nb::list CInfoCache::GetScopeCounts() {
+    // (URL, kind) -> (scopes, incomplete scopes)
+    std::map<std::pair<std::string, std::string>, std::pair<std::int64_t, std::int64_t>> counts;
+    std::set<std::string> in_memory;
+    auto count_in_memory = [&](LocEntry &entry) {
+        in_memory.insert(entry.url);
         for (auto &[name, scope_entry] : entry.scopes)
-            for (const RecordSlot &slot : scope_entry.records)
-                note(name, slot.scan_name == fPrimaryScanName, slot.info->ibytes, slot.info->incomplete);
-    }
+            for (const RecordSlot &slot : scope_entry.records) {
+                if (slot.scan_name != fPrimaryScanName)
+                    continue;
+                std::string kind(ScopeKindName(name, symbolinfo::TextView(slot.info->ibytes, "ibytes")));
+                auto &count = counts[{entry.url, std::move(kind)}];
+                ++count.first;
+                count.second += slot.info->incomplete ? 1 : 0;
+            }
+    };
+    for (auto &[url, entry] : fEntries)
+        if (entry->records_loaded)
+            count_in_memory(*entry);
+    if (fDatabase)
+        ReadingRows([&] {
+            for (nb::handle row : fDatabase->LoadScopeCounts(fPrimaryScanName)) {
+                std::string url = nb::cast<std::string>(row[0]);
+                if (in_memory.count(url))
+                    continue;
+                if (!fReplacedScans.empty()) {  // the stored rows may not stand
+                    LocEntry &entry = EntryForUrl(url, nb::handle());
+                    EnsureRecords(entry);
+                    count_in_memory(entry);
+                    continue;
+                }
+                counts[{url, nb::cast<std::string>(row[1])}] = {nb::cast<std::int64_t>(row[2]),
+                                                                nb::cast<std::int64_t>(row[3])};
+            }
+        });
     nb::list out;
-    for (auto &[name, summary] : by_name)
-        out.append(nb::make_tuple(nb::str(name.data(), name.size()), summary.first, summary.second));
+    nb::object loc;
+    const std::string *loc_url = nullptr;
+    for (auto &[place, count] : counts) {
+        if (!loc_url || *loc_url != place.first) {
+            LocEntry *entry = FindEntry(place.first);
+            loc = entry ? entry->loc : LocationFromUrl(place.first);
+            loc_url = &place.first;
+        }
+        out.append(nb::make_tuple(loc, nb::str(place.second.data(), place.second.size()),
+                                  count.first, count.second));
+    }
     return out;
 }
 
@@ -990,6 +1012,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
     std::vector<LocEntry *> meta_written, new_ids, partial_deletes;
     std::vector<ScanId> scans_replaced;
     nb::list upserts, deletes;
+    std::set<std::int64_t> recount;  // locations whose primary records change
     auto db_id_of = [&](LocEntry &entry) {
         if (entry.db_id == 0) {
             entry.db_id = fDatabase->EnsureLocation(entry.url);
@@ -1010,6 +1033,8 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         std::int64_t scanned_id = db_id_of(EntryForUrl(slot.scanned_url, nb::handle()));
         upserts.append(RowForSlot(entry, scope_name, slot, scanned_id));
         written.emplace_back(&entry, &slot);
+        if (slot.scan_name == fPrimaryScanName)
+            recount.insert(entry.db_id);
     };
 
     fDatabase->Begin();
@@ -1017,8 +1042,11 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         nb::list replaced_rows;
         for (const ScanId &scan : fReplacedScans)
             if (wanted(std::get<0>(scan)))
-                if (std::int64_t id = stored_id_of(std::get<0>(scan)))
+                if (std::int64_t id = stored_id_of(std::get<0>(scan))) {
                     replaced_rows.append(nb::make_tuple(id, std::get<1>(scan), std::get<2>(scan)));
+                    if (std::get<2>(scan) == fPrimaryScanName)  // a scope's own scan
+                        recount.insert(id);
+                }
         fDatabase->DeleteRecordsOfScans(replaced_rows);
         for (const ScanId &scan : fReplacedScans) {
             if (!wanted(std::get<0>(scan)))
@@ -1056,9 +1084,12 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
             if (!entry->deleted.empty() && entry->db_id != 0) {
                 for (auto &[scope, scan, scanned_url, scanned_name] : entry->deleted)
                     if (whole || wanted(scanned_url))
-                        if (std::int64_t scanned_id = stored_id_of(scanned_url))
+                        if (std::int64_t scanned_id = stored_id_of(scanned_url)) {
                             deletes.append(
                                 nb::make_tuple(entry->db_id, scope, scan, scanned_id, scanned_name));
+                            if (scan == fPrimaryScanName)
+                                recount.insert(entry->db_id);
+                        }
                 partial_deletes.push_back(entry);
             }
             if (entry->dirty_records == 0)
@@ -1072,6 +1103,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         // In key order the B-tree fills page by page instead of at random.
         upserts.sort();
         fDatabase->UpsertRecords(upserts);
+        fDatabase->RecountScopes(recount, fPrimaryScanName);
         CInfoDatabase::CallWriteHook(fDatabase->Path());
         fDatabase->Commit();
     } catch (...) {

@@ -73,10 +73,11 @@ public:
     // "." + `name`, ordered by URL and name; the database answers through its
     // index on last components, so no location is read.
     nb::list FindScopesNamed(nb::handle name);
-    // Per scope of `loc` with records, ordered by name: (name, ibytes of its
-    // primary record or None, whether that record is incomplete), without
-    // reading the records' maps.
-    nb::list GetScopeSummaries(nb::handle loc);
+    // (loc, scope kind, scopes, incomplete scopes) for every location and kind
+    // of scope (scopekind.h) with primary records, ordered by URL and kind.
+    // The database keeps these counts as it is written, so no record is read
+    // unless it was changed in memory.
+    nb::list GetScopeCounts();
     // Every location with records or facts, in memory or in the database,
     // ordered by URL; nothing of theirs is read.
     nb::list GetLocations();

@@ -8,6 +8,8 @@
 #include <sstream>
 #include <utility>
 
+#include "pysource/scopekind.h"
+
 namespace pysource {
 
 namespace {
@@ -44,6 +46,18 @@ const char *const kSchema[] = {
     " resolved_imports BLOB,"
     " PRIMARY KEY (loc_id, scope, scan_name, scanned_loc_id, scanned_scope)) WITHOUT ROWID",
     "CREATE INDEX records_by_scan ON records (scanned_loc_id, scanned_scope, scan_name)",
+    // Per location and scan, how many scopes of each kind hold a record and
+    // how many of those are incomplete, counted again in each write that
+    // changes the location's records of the scan (RecountScopes), so that a
+    // summary of the index reads a few rows per file.  (Triggers on `records`
+    // would do the same, but make every write of a record twice as slow.)
+    "CREATE TABLE scope_counts ("
+    " loc_id INTEGER NOT NULL,"
+    " scan_name TEXT NOT NULL,"
+    " kind TEXT NOT NULL,"
+    " scopes INTEGER NOT NULL,"
+    " incomplete INTEGER NOT NULL,"
+    " PRIMARY KEY (loc_id, scan_name, kind)) WITHOUT ROWID",
 };
 
 // The last dotted component of a record's scope name, in SQL: rtrim strips
@@ -53,12 +67,9 @@ const char *const kSchema[] = {
 #define PYSOURCE_SCOPE_LEAF "substr(scope, length(rtrim(scope, replace(scope, '.', ''))) + 1)"
 const char *const kLookupIndexes[] = {
     "CREATE INDEX IF NOT EXISTS records_by_leaf ON records (" PYSOURCE_SCOPE_LEAF ")",
-    // Holds what a summary of a location's scopes reads, so that it doesn't
-    // read the records' maps.
-    "CREATE INDEX IF NOT EXISTS records_heads ON records (loc_id, scope, scan_name, flags, ibytes)",
 };
 
-const char *const kOurTables[] = {"records", "scans_done", "locations"};
+const char *const kOurTables[] = {"scope_counts", "records", "scans_done", "locations"};
 
 // What a sound file holds: each table's columns, and a query that finds a row
 // whose values the readers could not take.
@@ -85,6 +96,9 @@ const TableShape kTableShapes[] = {
      "'null') OR typeof(scopes_seen) NOT IN ('blob', 'null') OR typeof(resolved_imports) NOT IN "
      "('blob', 'null') OR loc_id NOT IN (SELECT id FROM locations) OR scanned_loc_id NOT IN "
      "(SELECT id FROM locations) LIMIT 1"},
+    {"scope_counts", "loc_id,scan_name,kind,scopes,incomplete",
+     "SELECT 1 FROM scope_counts WHERE typeof(scan_name) != 'text' OR typeof(kind) != 'text' OR "
+     "typeof(scopes) != 'integer' OR typeof(incomplete) != 'integer' LIMIT 1"},
 };
 
 // A callable or nullptr; a plain reference so that nothing is released
@@ -109,10 +123,10 @@ void CInfoDatabase::Fail(const char *doing, const std::string &detail) {
 }
 
 nb::object CInfoDatabase::Connect() {
-    if (!fReadOnly)
-        return fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
-                                        nb::arg("isolation_level") = nb::none());
-    return ConnectReadOnly();
+    if (fReadOnly)
+        return ConnectReadOnly();
+    return fSqlite3.attr("connect")(fPath, nb::arg("timeout") = 5.0,
+                                    nb::arg("isolation_level") = nb::none());
 }
 
 nb::object CInfoDatabase::ConnectReadOnly() {
@@ -492,6 +506,7 @@ std::int64_t CInfoDatabase::DeleteLocation(std::int64_t loc_id) {
                 Execute("DELETE FROM records WHERE loc_id = ?1 OR scanned_loc_id = ?1", id)
                     .attr("rowcount"));
             Execute("DELETE FROM scans_done WHERE loc_id = ?", id);
+            Execute("DELETE FROM scope_counts WHERE loc_id = ?", id);
             Execute("DELETE FROM locations WHERE id = ?", id);
             return count;
         });
@@ -523,10 +538,26 @@ nb::object CInfoDatabase::FindScopesWithLeaf(const std::string &leaf) {
     });
 }
 
-nb::object CInfoDatabase::LoadRecordHeads(std::int64_t loc_id) {
-    return Guarded("reading records", [&] {
-        return Execute("SELECT scope, scan_name, ibytes, flags FROM records WHERE loc_id = ?",
-                       nb::make_tuple(loc_id))
+void CInfoDatabase::RecountScopes(const std::set<std::int64_t> &loc_ids,
+                                  const std::string &scan_name) {
+    Guarded("counting scopes", [&] {
+        nb::list keys;
+        for (std::int64_t id : loc_ids)
+            keys.append(nb::make_tuple(id, scan_name));
+        ExecuteMany("DELETE FROM scope_counts WHERE loc_id = ? AND scan_name = ?", keys);
+        static const std::string recount =
+            "INSERT INTO scope_counts SELECT loc_id, scan_name, " + ScopeKindSql("records") +
+            ", count(*), sum(flags & 1) FROM records WHERE loc_id = ? AND scan_name = ? GROUP BY 3";
+        ExecuteMany(recount.c_str(), keys);
+    });
+}
+
+nb::object CInfoDatabase::LoadScopeCounts(const std::string &scan_name) {
+    return Guarded("counting scopes", [&] {
+        return Execute("SELECT l.url, c.kind, c.scopes, c.incomplete FROM scope_counts c "
+                       "JOIN locations l ON l.id = c.loc_id WHERE c.scan_name = ? AND c.scopes > 0 "
+                       "ORDER BY l.url, c.kind",
+                       nb::make_tuple(scan_name))
             .attr("fetchall")();
     });
 }

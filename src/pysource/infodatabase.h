@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -43,7 +44,7 @@ public:
 
 class CInfoDatabase {
 public:
-    static constexpr int kSchemaVersion = 1;
+    static constexpr int kSchemaVersion = 2;
     static constexpr std::int32_t kApplicationId = 0x50795372;  // "PySr"
 
     // Opens (creating if need be, unless `read_only`) the database at `path`.
@@ -102,9 +103,13 @@ public:
     // (URL, scope name) of every scope with records whose last dotted
     // component is `leaf`, each once; an index makes this a lookup.
     nb::object FindScopesWithLeaf(const std::string &leaf);
-    // (scope, scan_name, ibytes, flags) of a location's records: what a
-    // summary needs, without the name maps.
-    nb::object LoadRecordHeads(std::int64_t loc_id);
+    // Counts again, per kind of scope (scopekind.h), the records of
+    // `scan_name` of each location: a write that changes them calls it.
+    void RecountScopes(const std::set<std::int64_t> &loc_ids, const std::string &scan_name);
+    // (URL, scope kind, scopes, incomplete scopes) for every location and
+    // kind of scope with records of `scan_name`, ordered by URL and kind: the
+    // counts RecountScopes kept, so no record is read.
+    nb::object LoadScopeCounts(const std::string &scan_name);
 
     // Number of rows in the records table (for tests and reports).
     std::int64_t CountRecords();

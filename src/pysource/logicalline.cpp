@@ -427,6 +427,35 @@ void CLogicalLine::Clear() {
     fPositionsGiven = nb::none();
 }
 
+void CLogicalLine::SetPythonObject(PyObject *self) noexcept {
+    set_self_py(self);
+    // A Python subclass may keep anything in its own attributes.
+    if (!fMayReachForeign && Py_TYPE(self) == (PyTypeObject *) nb::type<CLogicalLine>().ptr() &&
+        PyObject_GC_IsTracked(self))
+        PyObject_GC_UnTrack(self);
+}
+
+void CLogicalLine::MayReachForeignValues() {
+    fMayReachForeign = true;
+    PyObject *self = self_py();
+    if (self && !PyObject_GC_IsTracked(self))
+        PyObject_GC_Track(self);
+}
+
+void CLogicalLine::StoreFromPython(nb::object &field, nb::object value) {
+    if (PyObject_IS_GC(value.ptr()))
+        MayReachForeignValues();
+    field = std::move(value);
+}
+
+nb::object CLogicalLine::HandOut(const nb::object &value) {
+    // A tuple the collector has let go of holds only values without references.
+    bool closed = PyTuple_CheckExact(value.ptr()) && !PyObject_GC_IsTracked(value.ptr());
+    if (!fMayReachForeign && PyObject_IS_GC(value.ptr()) && !closed)
+        MayReachForeignValues();
+    return value;
+}
+
 // ---- CreateLogical -----------------------------------------------------------------
 
 nb::ref<CLogicalLine> CreateLogical(int indent, Py_ssize_t start_line, Py_ssize_t line_count,
@@ -460,6 +489,7 @@ nb::ref<CLogicalLine> CreateLogical(int indent, Py_ssize_t start_line, Py_ssize_
         if (nb::len(pos_list) != n)
             throw nb::value_error("CreateLogical: positions and toks differ in length");
         l.fPositionsGiven = pos_list;
+        l.MayReachForeignValues();  // the caller's items
     }
     for (size_t i = 0; i < n; i++) {
         nb::handle item = tok_list[i];

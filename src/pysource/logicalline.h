@@ -161,8 +161,8 @@ public:
     nb::object fScopeName;       // str: dotted name of the enclosing scope ("" at module level)
     nb::object fLocalScopeName;  // str or None: for def/class, own leaf name with scope index
     nb::object fParsed;          // analyzer's parse result or None
-    nb::object fTypeEquivs;      // list of (name, info bytes) or None
-    nb::object fArgTypeEquivs;   // list of (name, info bytes) or None
+    nb::object fTypeEquivs;      // tuple of (name, info bytes) or None
+    nb::object fArgTypeEquivs;   // tuple of (name, info bytes) or None
 
     bool fSpacesInIndent = false;
     bool fTabsInIndent = false;
@@ -204,10 +204,24 @@ public:
     int Traverse(visitproc visit, void *arg);
     void Clear();
 
+    // The collector is kept out of a logical while it holds only values this
+    // system made for it (texts, token and position lists, the analyzer's
+    // name lists), none of which can lead back to a logical: a file's
+    // logicals live through many young collections, and tracked they would
+    // fill the oldest generation and bring on full collections.
+    // SetPythonObject is the holder's hook for the logical's Python object
+    // (untracked there); a value stored from Python, or a container handed
+    // out to Python, may come to lead anywhere and tracks it again for good.
+    void SetPythonObject(PyObject *self) noexcept;
+    void StoreFromPython(nb::object &field, nb::object value);
+    nb::object HandOut(const nb::object &value);
+    void MayReachForeignValues();
+
     nb::object fPositionsGiven;  // positions passed to CreateLogical or kept by the builder, or None
 
 private:
     nb::object fToksCache;
+    bool fMayReachForeign = false;  // tracked by the collector from now on
 };
 
 // The CLogicalLine behind `obj` (a list item or field Python may have set to

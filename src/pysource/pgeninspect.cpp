@@ -39,21 +39,22 @@ nb::object PairTuple(const NamePair &pair) {
     return tuple;
 }
 
-nb::object PairList(const std::vector<NamePair> &pairs) {
-    nb::object list = nb::steal(PyList_New((Py_ssize_t) pairs.size()));
+// The pairs as a tuple, which the collector needn't visit either: a file's
+// logicals keep theirs while the file is scanned, and lists would be walked
+// by every young collection and fill the oldest generation.
+nb::object PairsTuple(const std::vector<NamePair> &pairs) {
+    nb::object tuple = nb::steal(PyTuple_New((Py_ssize_t) pairs.size()));
     for (size_t i = 0; i < pairs.size(); ++i)
-        PyList_SET_ITEM(list.ptr(), (Py_ssize_t) i, PairTuple(pairs[i]).release().ptr());
-    return list;
+        PyTuple_SET_ITEM(tuple.ptr(), (Py_ssize_t) i, PairTuple(pairs[i]).release().ptr());
+    if (PyObject_GC_IsTracked(tuple.ptr()))
+        PyObject_GC_UnTrack(tuple.ptr());
+    return tuple;
 }
 
 nb::object PairTupleOrNone(const pgen::LogicalNames &names) {
     if (!names.has_arg_type_equivs)
         return nb::none();
-    const std::vector<NamePair> &pairs = names.arg_type_equivs;
-    nb::object tuple = nb::steal(PyTuple_New((Py_ssize_t) pairs.size()));
-    for (size_t i = 0; i < pairs.size(); ++i)
-        PyTuple_SET_ITEM(tuple.ptr(), (Py_ssize_t) i, PairTuple(pairs[i]).release().ptr());
-    return tuple;
+    return PairsTuple(names.arg_type_equivs);
 }
 
 // The text behind "type:" of a type comment, or an empty view for any other
@@ -140,7 +141,7 @@ nb::object CPGenAnalyzer::AnalyzeSingleLogical(CLogicalLine &logical, bool py3_g
     for (Py_ssize_t i = 0; i < logical.TokenCount(); ++i)
         AddToken(fTree, logical.TokenText(i), (std::int32_t) i);
     nb::object errors = Analyze(py3_grammar, first_in_def);
-    logical.fTypeEquivs = PairList(fNames.type_equivs);
+    logical.fTypeEquivs = PairsTuple(fNames.type_equivs);
     logical.fArgTypeEquivs = PairTupleOrNone(fNames);
     logical.fParsed = nb::bool_(errors.is_none());
     fTree.Clear();
@@ -165,7 +166,7 @@ nb::object CPGenAnalyzer::AnalyzeTokenList(nb::handle tok_list, bool py3_grammar
     fTree.Clear();
     LoadTokenList(fTree, tok_list);
     nb::object errors = Analyze(py3_grammar, first_in_def);
-    nb::object result = nb::make_tuple(PairList(fNames.type_equivs), PairTupleOrNone(fNames), errors);
+    nb::object result = nb::make_tuple(PairsTuple(fNames.type_equivs), PairTupleOrNone(fNames), errors);
     fTree.Clear();
     return result;
 }

@@ -35,7 +35,7 @@ public:
 class CPGenAnalyzer : public nb::intrusive_base {
 public:
     // Analyses `logical` in place unless its `fParsed` is already true: sets
-    // `fParsed` (true when it parsed without error), `fTypeEquivs` (a list of
+    // `fParsed` (true when it parsed without error), `fTypeEquivs` (a tuple of
     // (name bytes, info bytes)) and `fArgTypeEquivs` (a tuple of pairs on a
     // def or class line, else None).  Gives a list of (message, token index)
     // errors, or None.

@@ -37,11 +37,14 @@ NB_MODULE(logicalline, m) {
     m.attr("kStartKeywords") = StartKeywordsDict();
     m.attr("kTokenBytesById") = TokenBytesById();
 
-    nb::class_<CLogicalLine>(m, "CLogicalLine", bindutil::IntrusiveHolder<CLogicalLine>(),
+    nb::class_<CLogicalLine>(m, "CLogicalLine",
+                             nb::intrusive_ptr<CLogicalLine>([](CLogicalLine *o, PyObject *po) noexcept {
+                                 o->SetPythonObject(po);
+                             }),
                              nb::is_weak_referenceable(), nb::type_slots(kLogicalSlots))
         .def_prop_rw("fType", [](const CLogicalLine &l) { return l.fType; },
                      [](CLogicalLine &l, nb::handle kind) { l.SetKind(LogicalKindFromText(kind)); })
-        .def_prop_ro("fToks", &CLogicalLine::GetToks)
+        .def_prop_ro("fToks", [](CLogicalLine &l) { return l.HandOut(l.GetToks()); })
         .def_prop_ro("fTokenCount", &CLogicalLine::TokenCount)
         .def_rw("fFirstLine", &CLogicalLine::fFirstLine)
         .def_rw("fLineCount", &CLogicalLine::fLineCount)
@@ -50,21 +53,21 @@ NB_MODULE(logicalline, m) {
         .def_rw("fTabsInIndent", &CLogicalLine::fTabsInIndent)
         .def_rw("fIncomplete", &CLogicalLine::fIncomplete)
         .def_prop_rw("fScopeName", [](const CLogicalLine &l) { return l.fScopeName; },
-                     [](CLogicalLine &l, nb::object v) { l.fScopeName = v; })
+                     [](CLogicalLine &l, nb::object v) { l.StoreFromPython(l.fScopeName, std::move(v)); })
         .def_prop_rw("fLocalScopeName", [](const CLogicalLine &l) { return l.fLocalScopeName; },
-                     [](CLogicalLine &l, nb::object v) { l.fLocalScopeName = v; },
+                     [](CLogicalLine &l, nb::object v) { l.StoreFromPython(l.fLocalScopeName, std::move(v)); },
                      nb::for_setter(nb::arg("value").none()))
-        .def_prop_rw("fParsed", [](const CLogicalLine &l) { return l.fParsed; },
-                     [](CLogicalLine &l, nb::object v) { l.fParsed = v; },
+        .def_prop_rw("fParsed", [](CLogicalLine &l) { return l.HandOut(l.fParsed); },
+                     [](CLogicalLine &l, nb::object v) { l.StoreFromPython(l.fParsed, std::move(v)); },
                      nb::for_setter(nb::arg("value").none()))
-        .def_prop_rw("fTypeEquivs", [](const CLogicalLine &l) { return l.fTypeEquivs; },
-                     [](CLogicalLine &l, nb::object v) { l.fTypeEquivs = v; },
+        .def_prop_rw("fTypeEquivs", [](CLogicalLine &l) { return l.HandOut(l.fTypeEquivs); },
+                     [](CLogicalLine &l, nb::object v) { l.StoreFromPython(l.fTypeEquivs, std::move(v)); },
                      nb::for_setter(nb::arg("value").none()))
-        .def_prop_rw("fArgTypeEquivs", [](const CLogicalLine &l) { return l.fArgTypeEquivs; },
-                     [](CLogicalLine &l, nb::object v) { l.fArgTypeEquivs = v; },
+        .def_prop_rw("fArgTypeEquivs", [](CLogicalLine &l) { return l.HandOut(l.fArgTypeEquivs); },
+                     [](CLogicalLine &l, nb::object v) { l.StoreFromPython(l.fArgTypeEquivs, std::move(v)); },
                      nb::for_setter(nb::arg("value").none()))
         .def_prop_ro("fTokenTypes", &CLogicalLine::GetTokenTypes)
-        .def_prop_ro("fPositions", &CLogicalLine::GetPositions)
+        .def_prop_ro("fPositions", [](CLogicalLine &l) { return l.HandOut(l.GetPositions()); })
         .def_ro("fTextColumn", &CLogicalLine::fTextColumn)
         .def_prop_ro("fText", [](const CLogicalLine &l) {
             return nb::str(l.fText.data(), l.fText.size());

@@ -8,6 +8,7 @@
 #include "pysource/recordcodec.h"
 #include "pysource/scopedependantcache.h"
 #include "pysource/scopeinfo.h"
+#include "pysource/scopekind.h"
 #include "pysource/symbolinfo.h"
 
 using namespace pysource;
@@ -136,6 +137,7 @@ NB_MODULE(scopeinfo, m) {
             return nb::str("<CScopeInfo {!r} names={}>").format(self.key.get(), nb::len(self.type_equivs));
         });
 
+    m.def("ScopeKind", &PyScopeKind, nb::arg("scope_name"), nb::arg("ibytes"));
     m.def("MergeScopeInfoSeq", &MergeScopeInfoSeq, nb::arg("info"), nb::arg("a").none(),
           nb::arg("b").none());
 
@@ -177,7 +179,7 @@ NB_MODULE(scopeinfo, m) {
         .def("GetScopesForLoc", &CInfoCache::GetScopesForLoc, nb::arg("loc"))
         .def("GetLocations", &CInfoCache::GetLocations)
         .def("FindScopesNamed", &CInfoCache::FindScopesNamed, nb::arg("name"))
-        .def("GetScopeSummaries", &CInfoCache::GetScopeSummaries, nb::arg("loc"))
+        .def("GetScopeCounts", &CInfoCache::GetScopeCounts)
         .def("OpenDatabase", &CInfoCache::OpenDatabase, nb::arg("path"), nb::arg("read_only") = false)
         .def("ForgetLocation", &CInfoCache::ForgetLocation, nb::arg("loc"))
         .def("ForgetScopesOfLoc", &CInfoCache::ForgetScopesOfLoc, nb::arg("loc"),

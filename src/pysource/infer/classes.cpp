@@ -188,12 +188,15 @@ TypeMap CEvaluator::MapOfInstance(nb::handle single) {
 std::vector<std::string> CEvaluator::OrderedTypeVars(nb::handle cls) {
     std::string memo_key = ClassKey(cls);
     auto hit = fMemo.type_vars.find(memo_key);
-    if (hit != fMemo.type_vars.end())
-        return hit->second;
+    if (hit != fMemo.type_vars.end()) {
+        Replay(hit->second.effects);
+        return hit->second.values;
+    }
     CutWatch watch(*this);
+    EffectsCollector effects(*this);
     std::vector<std::string> vars = ComputeOrderedTypeVars(cls);
     if (watch.Whole())
-        fMemo.type_vars.emplace(memo_key, vars);
+        fMemo.type_vars.emplace(memo_key, EngineMemo::KeptFact<std::vector<std::string>>{vars, effects.Taken()});
     return vars;
 }
 
@@ -284,12 +287,15 @@ std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
     }
     std::string memo_key = ClassKey(cls);
     auto hit = fMemo.mros.find(memo_key);
-    if (hit != fMemo.mros.end())
-        return hit->second;
+    if (hit != fMemo.mros.end()) {
+        Replay(hit->second.effects);
+        return hit->second.values;
+    }
     CutWatch watch(*this);
+    EffectsCollector effects(*this);
     std::vector<MroEntry> mro = ComputeMro(cls, map);
     if (watch.Whole())
-        fMemo.mros.emplace(memo_key, mro);
+        fMemo.mros.emplace(memo_key, EngineMemo::KeptFact<std::vector<MroEntry>>{mro, effects.Taken()});
     return mro;
 }
 

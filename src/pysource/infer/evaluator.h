@@ -88,22 +88,27 @@ struct MroEntry {
     TypeMap map;
 };
 
+// What a piece of work told the request's context: (an import, scope) pairs.
+using Effects = std::vector<std::pair<bool, nb::object>>;
+
 // What the engine keeps from one request to the next: facts derived from
 // primary records alone (method orders, type variables of classes, values
 // read in library files).  They stand while the info cache's primary records
 // do (its primary generation) and go as a whole when any of them changes.
 struct EngineMemo {
+    // A fact kept between requests, with what working it out told the
+    // request's context: the scopes it read and the modules it imported (a
+    // dependency is a dependency however the fact was found).
+    template <class T>
+    struct KeptFact {
+        T values;
+        Effects effects;
+    };
+    using KeptAnswer = KeptFact<ValueSet>;
     std::uint64_t generation = ~std::uint64_t(0);
     PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
-    std::map<std::string, std::vector<MroEntry>> mros;  // url|name|class single
-    std::map<std::string, std::vector<std::string>> type_vars;
-    // A value kept between requests, with what reading it told the request's
-    // context: the scopes it read and the modules it imported (a dependency
-    // is a dependency however the value was found).
-    struct KeptAnswer {
-        ValueSet values;
-        std::vector<std::pair<bool, nb::object>> effects;  // (an import, scope)
-    };
+    std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
+    std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
     std::map<std::tuple<std::string, std::string, std::string, long long>, KeptAnswer> library_values;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
@@ -467,11 +472,28 @@ private:
     std::uint64_t fBindingReads = 0;
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
-    std::vector<std::pair<bool, nb::object>> fEffects;
+    Effects fEffects;
     void NoteEffect(bool import, nb::handle scope);
     // Tells the context again what a kept answer told it.
-    void Replay(const std::vector<std::pair<bool, nb::object>> &effects);
-    std::vector<std::pair<bool, nb::object>> EffectsFrom(std::size_t start) const;
+    void Replay(const Effects &effects);
+    Effects EffectsFrom(std::size_t start) const;
+    // Collects the effects of the work done in its lifetime (Taken()), for
+    // a fact kept between requests.
+    class EffectsCollector {
+    public:
+        explicit EffectsCollector(CEvaluator &ev) : ev_(ev), from_(ev.fEffects.size()) { ++ev.fCollecting; }
+        ~EffectsCollector() {
+            if (--ev_.fCollecting == 0)
+                ev_.fEffects.clear();
+        }
+        Effects Taken() const { return ev_.EffectsFrom(from_); }
+        EffectsCollector(const EffectsCollector &) = delete;
+        EffectsCollector &operator=(const EffectsCollector &) = delete;
+
+    private:
+        CEvaluator &ev_;
+        std::size_t from_;
+    };
     void ImportSeen(nb::handle module_scope);
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits

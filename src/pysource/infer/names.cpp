@@ -191,8 +191,8 @@ void CEvaluator::NoteEffect(bool import, nb::handle scope) {
         fEffects.emplace_back(import, nb::borrow(scope));
 }
 
-std::vector<std::pair<bool, nb::object>> CEvaluator::EffectsFrom(std::size_t start) const {
-    std::vector<std::pair<bool, nb::object>> unique_effects;
+Effects CEvaluator::EffectsFrom(std::size_t start) const {
+    Effects unique_effects;
     std::set<std::pair<bool, PyObject *>> seen;
     for (std::size_t i = start; i < fEffects.size(); ++i)
         if (seen.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
@@ -200,7 +200,7 @@ std::vector<std::pair<bool, nb::object>> CEvaluator::EffectsFrom(std::size_t sta
     return unique_effects;
 }
 
-void CEvaluator::Replay(const std::vector<std::pair<bool, nb::object>> &effects) {
+void CEvaluator::Replay(const Effects &effects) {
     for (const auto &[import, scope] : effects)
         import ? ImportSeen(scope) : Seen(scope);
 }

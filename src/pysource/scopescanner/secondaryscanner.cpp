@@ -341,7 +341,29 @@ nb::ref<CNamedConstant> CWholeFileSecondaryScanner::Scan(double end_time) {
                                          [&] { return ScanQueue(end_time); });
 }
 
+// The inference engine reads a file's flow structure (the block paths of
+// its bodies) in one step, inside the first request that needs it, wherever
+// that falls in a slice.  It is read here ahead of the file's requests, as a
+// step of its own: put off once to the next call when this one starts with
+// less than kFlowReadSeconds left.
+bool CWholeFileSecondaryScanner::ReadFlowFirst(double end_time) {
+    constexpr double kFlowReadSeconds = 0.010;
+    if (fFlowRead)
+        return false;
+    if (!fFlowPutOff && end_time - GetNowTime() < kFlowReadSeconds) {
+        fFlowPutOff = true;
+        return true;
+    }
+    fFlowRead = true;
+    nb::object provider = _fSharedObjects->fInferenceEngine.attr("fFlowProvider");
+    if (!provider.is_none() && nb::hasattr(provider, "ReadFile"))
+        provider.attr("ReadFile")(LocOf(fScope));
+    return OutOfTime(end_time);
+}
+
 nb::ref<CNamedConstant> CWholeFileSecondaryScanner::ScanQueue(double end_time) {
+    if (ReadFlowFirst(end_time))
+        return kTimedOut;
     if (_fActiveScopeScanner) {
         nb::object name = ScopeOf(_fActiveScopeScanner->OurScope()).name;
         nb::ref<CNamedConstant> state = ScanOneScope_(name, end_time);

@@ -188,6 +188,11 @@ public:
 
 private:
     nb::ref<CNamedConstant> ScanQueue(double end_time);
+    // Whether this call must end before anything else: the file's flow
+    // structure is read as a step of its own (see the definition).
+    bool ReadFlowFirst(double end_time);
+    bool fFlowRead = false;
+    bool fFlowPutOff = false;
     void Enqueue(nb::handle name);
 };
 
