@@ -49,6 +49,12 @@ _kScopeIndex = re.compile(r"\|\d+")
 kFunctionClasses = {"function", "builtin_function_or_method", "method", "method_descriptor",
                     "wrapper_descriptor", "method-wrapper"}
 kClassMetaclasses = {"type", "abc.ABCMeta", "enum.EnumMeta", "enum.EnumType"}
+# Our names of the runtime classes of functions and methods, which the runtime
+# side counts as `function` too.
+kFunctionTypeTexts = {"types.FunctionType", "types.LambdaType", "types.MethodType",
+                      "types.BuiltinFunctionType", "types.BuiltinMethodType",
+                      "types.MethodWrapperType", "types.WrapperDescriptorType",
+                      "types.MethodDescriptorType"}
 
 
 # The package
@@ -280,6 +286,8 @@ def Comparable(text):
     if text == "None":
         return "NoneType"
     text = text.split("[", 1)[0]
+    if text in kFunctionTypeTexts:
+        return "function"
     if text.startswith("collections.abc."):
         text = "typing." + text[len("collections.abc."):]
     return text

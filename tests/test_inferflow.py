@@ -26,6 +26,11 @@ BODY = [
     _Logical(ll.kIfBeginning, 4, "if z is None :"),        # 8
     _Logical(ll.kAssignment, 8, "z = 1"),                  # 9
     _Logical(ll.kExpression, 4, "z"),                      # 10
+    _Logical(ll.kIfBeginning, 4, "if a :"),                # 11
+    _Logical(ll.kReturn, 8, "return 1"),                   # 12
+    _Logical(ll.kElifBeginning, 4, "elif b :"),            # 13
+    _Logical(ll.kRaise, 8, "raise E"),                     # 14
+    _Logical(ll.kExpression, 4, "x"),                      # 15
 ]
 
 
@@ -40,6 +45,8 @@ def test_guards_and_skipped_ifs_per_logical():
     assert guards[10] == (left,)
     assert skips[9] == ()
     assert skips[10] == ((8, "z is None", 9),)
+    # An if/elif chain whose every block leaves: none of its conditions held.
+    assert guards[15] == (left, (11, "a", False), (13, "b", False))
 
 
 FILE = """\
@@ -68,7 +75,7 @@ def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path):
         path = tmp_path / f"m{i}.py"
         path.write_text(FILE)
         locs.append(CLocalFileLocation(str(path)))
-    assert flow.BlockPaths(locs[0], "f") == ((), (0,), ())
+    assert (flow.BlockPaths(locs[0], "f"), flow.LoopHeaders(locs[0], "f")) == (((), (0,), ()), ())
     assert "g" in flow._fFiles[locs[0].fUrl][2]  # not worked out yet
     assert (flow.IsGenerator(locs[0], "g"), flow.IsGenerator(locs[0], "f")) == (True, False)
     for loc in locs[1:]:

@@ -129,9 +129,12 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(v)", "a", {"None", "float"}),
     ("if v:\n        target(v)", "a", {"float"}),
     ("if isinstance(v, float) and v > 1:\n        target(v)", "a", {"float"}),
+    ("if isinstance(v, (float, type(None))):\n        return\n    target(v)", "a",
+     {"? expression v (logical 2)"}),
     ("if v is None:\n        return\n    target(v)", "a", {"float"}),
     ("if v is None:\n        v = []\n    target(v)", "a", {"float", "list"}),
     ("if v is None:\n        pass\n    target(v)", "a", {"None", "float"}),
+    ("if v is None:\n        v = ''\n    if v == '':\n        v = 1\n    target(v)", "a", {"float", "str", "int"}),
     ("w = v or []\n    target(w)", "a", {"float", "list"}),
     ("w = v and []\n    target(w)", "a", {"None", "float", "list"}),
     ("if v is not None:\n        v = None\n        target(v)", "a", {"None"}),
@@ -139,10 +142,38 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        pass\n    else:\n        target(v)", "a", {"float"}),
     ("if not v:\n        pass\n    elif v > 1:\n        target(v)", "a", {"float"}),
     ("for i in v:\n        pass\n    else:\n        target(v)", "a", {"None", "float"}),
+    # callable() tells functions and classes from other values.
+    ("w = len if v else v\n    if not callable(w):\n        target(w)", "a", {"None", "float"}),
+    ("w = len if v else v\n    if callable(w):\n        target(w)", "a", {"def len"}),
+    ("w = (lambda: 1) if v else 2\n    if not callable(w):\n        target(w)", "a", {"int"}),
+    # A star import brings what the module binds, not what its __getattr__ makes up.
+    ("target(int)", "a", {"type[int]"}),
+    # `is` against an object of its own (a sentinel) tells it from the others.
+    ("m = object()\n    w = m if v else 1\n    if w is not m:\n        target(w)", "a", {"int"}),
+    ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = ''\n    target(w)", "a",
+     {"int", "str"}),
+    ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = 2\n    else:\n        target(w)", "a",
+     {"int"}),
+    ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
+    ("for i in [1, 2]:\n        if i == 1:\n            w = ()\n        else:\n            target(w)", "a",
+     {"tuple[()]"}),
+    # What a function returns from its `*args` is what this call passes there.
+    ("def pick(*fs):\n        return fs[0]\n    pick('s')\n    w = pick(1)\n    target(w)", "a", {"int"}),
+    # type(name) against classes: exact classes, so subclasses of them stay.
+    ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
+    ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),
+    ("w = 1 if v else ''\n    if type(w) is object:\n        return\n    target(w)", "a", {"int", "str"}),
+    # A union with a member that says nothing (the values of an empty dict) says nothing.
+    ("w = {}.get('k')\n    target(w)", "a", {"? expression w (logical 1)"}),
+    # A term that holds unrelated callables: no call of it says what one of them gets.
+    ("f = target if v else len\n    f(1)", "a", set()),
+    ("f = target if v else int\n    f(1)", "a", set()),
+    ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
-    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n")
-    (tmp_path / "app.py").write_text(f"from lib import target\n\n\ndef run(v=None):\n    {body}\n\n"
+    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"
+                                     "def __getattr__(name):\n    return ''\n")
+    (tmp_path / "app.py").write_text(f"from lib import *\n\n\ndef run(v=None):\n    {body}\n\n"
                                      "run(1.5)\n")
     monkeypatch.chdir(tmp_path)
     assert run(capsys, "index")[0] == 0

@@ -60,7 +60,8 @@ _kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kC
 
 
 class _CGuardBlock:
-    __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain", "last")
+    __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain",
+                 "chain_exits", "last")
 
     def __init__(self, header, indent, kind, condition, inside):
         self.header, self.indent, self.kind, self.condition = header, indent, kind, condition
@@ -68,6 +69,7 @@ class _CGuardBlock:
         self.exits = []           # guards from earlier `if` blocks here that always leave
         self.skips = []           # (header, condition, last logical) of earlier `if` blocks here
         self.chain = []           # (header, condition) of the if/elif chain just closed here
+        self.chain_exits = False  # whether every block of that chain always leaves
         self.last = None          # kind of the latest logical directly in the block
 
 
@@ -95,14 +97,21 @@ def _Conditions(body):
             block = stack.pop()
             parent = stack[-1]
             same_level = block.indent == indent
+            exits = block.last in _kExitKinds
             if block.kind in (logicalline.kIfBeginning, logicalline.kElifBeginning) and \
                     continues_chain and same_level:
-                head = [] if block.kind == logicalline.kIfBeginning else parent.chain
-                parent.chain = head + [(block.header, block.condition)]
+                first = block.kind == logicalline.kIfBeginning
+                parent.chain = ([] if first else parent.chain) + [(block.header, block.condition)]
+                parent.chain_exits = (first or parent.chain_exits) and exits
             else:
+                if block.kind == logicalline.kElifBeginning and parent.chain_exits and exits:
+                    # An if/elif chain whose every block leaves: none of its
+                    # conditions held past it.
+                    parent.exits.extend((h, c, False) for h, c in
+                                        parent.chain + [(block.header, block.condition)])
                 parent.chain = []
             if block.kind == logicalline.kIfBeginning and not (continues_chain and same_level):
-                if block.last in _kExitKinds:
+                if exits:
                     parent.exits.append((block.header, block.condition, False))
                 else:
                     parent.skips.append((block.header, block.condition, i - 1))
@@ -125,17 +134,21 @@ def _Conditions(body):
     return guards, skips
 
 
+_kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
+
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
-# pass over it: (block paths, guards, skipped ifs, whether it yields).
-_kPaths, _kGuards, _kSkips, _kGenerator = range(4)
+# pass over it: (block paths, loop headers, guards, skipped ifs, whether it
+# yields).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator = range(5)
 
 
 def _BodyStructure(logicals):
     guards, skips = _Conditions(logicals)
+    loops = tuple(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
-    return tuple(_BlockPaths(logicals)), tuple(guards), tuple(skips), generator
+    return tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -161,6 +174,12 @@ class CBlockStructure:
         indexed by body logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kPaths]
+
+    def LoopHeaders(self, loc, scope_name):
+        """The body logical indexes of the `for` and `while` headers of the
+        body of `scope_name` in `loc`, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kLoops]
 
     def Guards(self, loc, scope_name):
         """The conditions known at each logical of the body of `scope_name`

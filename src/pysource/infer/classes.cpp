@@ -27,10 +27,6 @@ using pgen::NodeKind;
 
 namespace {
 
-bool SameClass(si::CSingleResolvedInfo *a, si::CSingleResolvedInfo *b) {
-    return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
-}
-
 // Each positional argument with the hint of its parameter (from `first`),
 // those that want a callable last: what a callable is called with comes
 // from the type variables the others bind (map(fn, items)).
@@ -670,6 +666,16 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     std::vector<std::pair<std::string, ValueSet>> arguments;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
     for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+        if (params[p].star == 1 && params[p].hint.empty()) {
+            // `*args`: a tuple of the positions this call passes from there on.
+            nb::object tuple_cls = BuiltinClass("tuple");
+            nb::list items;
+            for (; a < args.size(); ++a)
+                items.append(args[a].AsFrozenSet());
+            if (!tuple_cls.is_none())
+                arguments.emplace_back(params[p].name, InstanceOf(tuple_cls, nb::tuple(items)));
+            break;
+        }
         if (params[p].star || params[p].keyword_only)
             break;
         if (params[p].hint.empty() && !args[a].Empty())

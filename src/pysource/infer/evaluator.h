@@ -43,6 +43,9 @@ inline symbolinfo::CSingleResolvedInfo *Single(nb::handle obj) {
 inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
     return symbolinfo::TextView(s->scope->name, "name");
 }
+inline bool SameClass(symbolinfo::CSingleResolvedInfo *a, symbolinfo::CSingleResolvedInfo *b) {
+    return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
+}
 
 // The name and location of a scope: straight from our own CScope, through
 // its Python attributes for any other object.
@@ -189,6 +192,7 @@ struct EngineMemo {
     template <class T>
     using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash>;
     ByScope<std::vector<std::vector<long long>>> block_paths;
+    ByScope<std::vector<long long>> loop_headers;
     ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
     std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
     // The fields of def and class singles, by their text: the same few are
@@ -207,6 +211,7 @@ struct EngineMemo {
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
         block_paths.clear();
+        loop_headers.clear();
         conditions_at.clear();
         generators.clear();
         def_infos.clear();
@@ -291,6 +296,7 @@ private:
 
     // Type hints.
     ValueSet EvalType(const Tree &tree, std::int32_t node, const Frame &frame);
+    static ValueSet UnionOf(const std::vector<ValueSet> &members);
     ValueSet EvalTypeSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet TypeOfSingle(nb::handle single, const Frame &frame);
     void TypeArgsOf(const Tree &tree, std::int32_t slice, const Frame &frame, std::vector<ValueSet> &args);
@@ -317,7 +323,17 @@ private:
     // The branch headers around each body logical of a scope, from the
     // engine's flow provider; null when it can't tell.
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
+    // The `for` and `while` headers of a scope's body; null when unknown.
+    const std::vector<long long> *LoopHeadersOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Whether the use's guards rule out the branch that holds body logical
+    // `setting` (`if c: x = 1` ... `else: use`).  Unless `within_turn`, a
+    // loop around both lets the setting reach the use on a later turn.
+    bool BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn);
+    // What the flow provider's `method` says of the body of `scope`, read by
+    // `convert` once and kept in `cache`; null when it can't tell.
+    template <class T, class Convert>
+    const T *FlowOf(nb::handle scope, const char *method, EngineMemo::ByScope<T> &cache, Convert convert);
     // Conditions at each body logical of a scope, from the flow provider's
     // `method` (header index, condition text, a number): "Guards", those
     // known there (the number: whether it holds); "SkippedIfs", the earlier
@@ -334,8 +350,16 @@ private:
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
+    ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
+    ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
+    bool IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals);
+    // What `callable(value)` gives: true for functions, lambdas, classes and
+    // instances of classes with a __call__.
+    bool IsCallableValue(nb::handle value);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
-    ValueSet ModuleAttribute(nb::handle module_single, std::string_view name);
+    // `name` of a module; `through_getattr` lets a module-level __getattr__
+    // answer for a name the module doesn't bind (a star import never asks it).
+    ValueSet ModuleAttribute(nb::handle module_single, std::string_view name, bool through_getattr = true);
     ValueSet ModuleNamed(nb::handle loc, std::string_view dotted);
     // An instance of the class whose scope is `scope`; nothing when the
     // scope's record isn't a class.
@@ -345,7 +369,7 @@ private:
     nb::object SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name);
     nb::object ImportModule(std::string_view dotted, nb::handle from_loc);
     nb::object ImportRelative(long long level, std::string_view dotted, nb::handle from_loc);
-    ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name);
+    ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name, bool star = false);
     ValueSet BuiltinNamed(std::string_view name);
     nb::object ModuleScopeOf(nb::handle loc);
     // The location of the builtins' stub, asked once per request.

@@ -136,6 +136,19 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     return out;
 }
 
+// The members of a union together.  A member that says nothing (Any, a type
+// variable nothing binds, a name that can't be read) leaves the whole union
+// unknown: what the others name is then only part of what the value can be.
+ValueSet CEvaluator::UnionOf(const std::vector<ValueSet> &members) {
+    ValueSet out;
+    for (const ValueSet &member : members) {
+        if (member.Empty())
+            return ValueSet();
+        out.Merge(member);
+    }
+    return out;
+}
+
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
     ValueSet out;
     if (node < 0 || Stop())
@@ -153,10 +166,8 @@ ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &
             out.Add(LiteralSingle("None", std::nullopt));
         return out;
     case NodeKind::kBinOp:
-        if (tree.toks[(std::size_t) tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end].text == "|") {
-            out.Merge(EvalType(tree, tree.Kid(n, 0), frame));
-            out.Merge(EvalType(tree, tree.Kid(n, 1), frame));
-        }
+        if (tree.toks[(std::size_t) tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end].text == "|")
+            return UnionOf({EvalType(tree, tree.Kid(n, 0), frame), EvalType(tree, tree.Kid(n, 1), frame)});
         return out;
     case NodeKind::kSubscript:
         return EvalTypeSubscript(tree, n, frame);
@@ -263,15 +274,14 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
     std::string form = SpecialFormOf(single);
     if (!form.empty()) {
         if (form == "Optional") {
-            if (!args.empty())
-                out.Merge(args[0]);
-            out.Add(LiteralSingle("None", std::nullopt));
+            ValueSet none;
+            none.Add(LiteralSingle("None", std::nullopt));
+            out = args.empty() ? none : UnionOf({args[0], none});
         } else if (form == "Union" && args.size() == 1 && !s->fTypeArgs.is_none() &&
                    PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == 1) {
             out.Merge(args[0]);
         } else if (form == "Union") {
-            for (const ValueSet &arg : args)
-                out.Merge(arg);
+            out = UnionOf(args);
         } else if (form == "Literal") {
             for (const ValueSet &arg : args)
                 out.Merge(arg);

@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <bitset>
 
 #include "pysource/exprtext.h"
@@ -644,7 +645,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
                     si::UnpackedFields f = si::UnpackFields(bare);
                     if (f.fields.empty() || !f.fields[0])
                         continue;
-                    out.Merge(FromImport(scope, *f.fields[0], name));
+                    out.Merge(FromImport(scope, *f.fields[0], name, true));
                 }
                 return !out.Empty();
             }
@@ -678,6 +679,12 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         singles.emplace_back(piece.single, at);
         if (use_index >= -1 && piece.index && at < use_index) {
+            // A setting in a branch the use can't follow doesn't reach it
+            // (though the use's settings are then known: -2 for none).
+            if (BranchRuledOut(scope, at, use_index, false)) {
+                best = std::max(best, -2LL);
+                continue;
+            }
             before.insert(at);
             best = std::max(best, at);
         }
@@ -728,28 +735,89 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     return out;
 }
 
-const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
+namespace {
+
+std::vector<long long> IndexList(nb::handle indexes) {
+    std::vector<long long> out;
+    for (nb::handle index : indexes)
+        out.push_back(nb::cast<long long>(index));
+    return out;
+}
+
+}  // namespace
+
+template <class T, class Convert>
+const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::ByScope<T> &cache, Convert convert) {
     nb::object provider = fEngine.fFlowProvider;
     if (provider.is_none())
         return nullptr;
     nb::object loc = ScopeLoc(scope);
     ScopeKey key{loc.ptr(), std::string(ScopeName(scope))};
-    auto it = fMemo.block_paths.find(key);
-    if (it == fMemo.block_paths.end()) {
-        std::optional<std::vector<std::vector<long long>>> paths;
-        nb::object found = provider.attr("BlockPaths")(loc, scope.attr("name"));
-        if (!found.is_none()) {
-            paths.emplace();
-            for (nb::handle path : found) {
-                std::vector<long long> headers;
-                for (nb::handle header : path)
-                    headers.push_back(nb::cast<long long>(header));
-                paths->push_back(std::move(headers));
-            }
-        }
-        it = fMemo.block_paths.emplace(std::move(key), std::pair{loc, std::move(paths)}).first;
+    key.second.append("|").append(method);
+    auto it = cache.find(key);
+    if (it == cache.end()) {
+        std::optional<T> value;
+        nb::object found = nb::hasattr(provider, method) ? provider.attr(method)(loc, scope.attr("name")) : nb::none();
+        if (!found.is_none())
+            value.emplace(convert(found));
+        it = cache.emplace(std::move(key), std::pair{loc, std::move(value)}).first;
     }
     return it->second.second ? &*it->second.second : nullptr;
+}
+
+const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
+    return FlowOf(scope, "BlockPaths", fMemo.block_paths, [](nb::handle found) {
+        std::vector<std::vector<long long>> paths;
+        for (nb::handle path : found)
+            paths.push_back(IndexList(path));
+        return paths;
+    });
+}
+
+const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
+    return FlowOf(scope, method, fMemo.conditions_at, [](nb::handle listed) {
+        std::vector<std::vector<Guard>> found;
+        for (nb::handle at : listed) {
+            std::vector<Guard> here;
+            for (nb::handle g : at) {
+                nb::handle text = g[1];
+                if (!text.is_none())
+                    here.emplace_back(nb::cast<long long>(g[0]), nb::cast<std::string>(text),
+                                      nb::cast<long long>(g[2]));
+            }
+            found.push_back(std::move(here));
+        }
+        return found;
+    });
+}
+
+const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
+    return FlowOf(scope, "LoopHeaders", fMemo.loop_headers, IndexList);
+}
+
+bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn) {
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+    if (!guards || !paths || use < 0 || setting < 0 || (std::size_t) use >= guards->size() ||
+        (std::size_t) use >= paths->size() || (std::size_t) setting >= paths->size())
+        return false;
+    const std::vector<long long> &use_path = (*paths)[(std::size_t) use];
+    const std::vector<long long> &path = (*paths)[(std::size_t) setting];
+    auto holds = [](const std::vector<long long> &p, long long header) {
+        return std::find(p.begin(), p.end(), header) != p.end();
+    };
+    bool ruled_out = false;
+    for (const auto &[header, condition, held] : (*guards)[(std::size_t) use])
+        ruled_out = ruled_out || (!held && holds(path, header) && !holds(use_path, header));
+    if (!ruled_out || within_turn)
+        return ruled_out;
+    const std::vector<long long> *loops = LoopHeadersOf(scope);
+    if (!loops)
+        return false;
+    for (long long loop : *loops)
+        if (holds(path, loop) && holds(use_path, loop))
+            return false;
+    return true;
 }
 
 // An unnumbered single of a parameter's binding in its def's body: what
@@ -977,7 +1045,7 @@ nb::object CEvaluator::ImportRelative(long long level, std::string_view dotted, 
     return fFinder.attr("FindRelativeModule")(level, nb::str(dotted.data(), dotted.size()), from_loc);
 }
 
-ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::string_view name) {
+ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::string_view name, bool star) {
     ValueSet out;
     nb::object loc = ScopeLoc(scope);
     nb::object mod = ImportModule(module, loc);
@@ -994,7 +1062,7 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
         out.Add(sub);
         return out;
     }
-    return ModuleAttribute(ModuleSingle(mod, dotted), name);
+    return ModuleAttribute(ModuleSingle(mod, dotted), name, !star);
 }
 
 nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name) {
@@ -1033,7 +1101,7 @@ ValueSet CEvaluator::ModuleNamed(nb::handle loc, std::string_view dotted) {
     return out;
 }
 
-ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view name) {
+ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view name, bool through_getattr) {
     ValueSet out;
     if (Stop())
         return out;
@@ -1099,7 +1167,7 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
     }
     // A module-level __getattr__ answers for any other name.
     ValueSet getattr;
-    if (FindLocal(scope, "__getattr__", -2, getattr, redirect))
+    if (through_getattr && FindLocal(scope, "__getattr__", -2, getattr, redirect))
         for (const nb::object &def : getattr.Items())
             if (nb::cast<si::CSingleResolvedInfo *>(def)->IsDef())
                 out.Merge(CallDef(def, {}, {}));

@@ -3,6 +3,8 @@
 // return`), from the conditions the flow provider reports per body logical.
 #include "pysource/infer/evaluator.h"
 
+#include <algorithm>
+
 #include <nanobind/stl/string.h>
 
 #include "pysource/pgeninspect/parser.h"
@@ -41,41 +43,31 @@ bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view na
            IsNameNode(tree, tree.Kid(n, 1), name);
 }
 
+// An expression kept as written: a lambda (`lambda` true), or one that
+// wasn't evaluated, of which a test of its value says nothing.
+bool IsExpressionText(nb::handle single, bool lambda) {
+    std::string_view ibytes = si::TextView(Single(single)->ibytes, "ibytes");
+    if (si::GetInfoBytesKind(ibytes) != si::kExpressionEquivKind)
+        return false;
+    si::UnpackedFields f = si::UnpackFields(ibytes);
+    std::string_view text = f.fields.empty() || !f.fields[0] ? std::string_view() : si::StripSpaces(*f.fields[0]);
+    while (text.starts_with("("))
+        text = si::StripSpaces(text.substr(1));
+    return text.starts_with("lambda") == lambda;
+}
+
+// A name or dotted name, which `x is NAME` compares with an object of its own
+// (a sentinel), not with a constant.
+bool IsReference(const pgen::Tree &tree, std::int32_t node) {
+    NodeKind kind = tree.nodes[(std::size_t) node].kind;
+    return kind == NodeKind::kName || kind == NodeKind::kAttribute;
+}
+
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) {
     std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
     return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
-}
-
-const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
-    nb::object provider = fEngine.fFlowProvider;
-    if (provider.is_none())
-        return nullptr;
-    nb::object loc = ScopeLoc(scope);
-    ScopeKey key{loc.ptr(), std::string(ScopeName(scope))};
-    key.second.append("|").append(method);
-    auto it = fMemo.conditions_at.find(key);
-    if (it == fMemo.conditions_at.end()) {
-        std::optional<std::vector<std::vector<Guard>>> found;
-        nb::object listed =
-            nb::hasattr(provider, method) ? provider.attr(method)(loc, scope.attr("name")) : nb::none();
-        if (!listed.is_none()) {
-            found.emplace();
-            for (nb::handle at : listed) {
-                std::vector<Guard> here;
-                for (nb::handle g : at) {
-                    nb::handle text = g[1];
-                    if (!text.is_none())
-                        here.emplace_back(nb::cast<long long>(g[0]), nb::cast<std::string>(text),
-                                          nb::cast<long long>(g[2]));
-                }
-                found->push_back(std::move(here));
-            }
-        }
-        it = fMemo.conditions_at.emplace(std::move(key), std::pair{loc, std::move(found)}).first;
-    }
-    return it->second.second ? &*it->second.second : nullptr;
 }
 
 namespace {
@@ -102,11 +94,13 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
                               long long use_index, ValueSet values) {
     if (use_index < 0 || Stop())
         return values;
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
     // The latest setting before the use: conditions read before it say
-    // nothing of the value it sets.
+    // nothing of the value it sets.  A setting in a branch that the use's
+    // guards rule out (`if x is S: x = ...` `else: use`) doesn't count.
     long long latest = -1;
     for (const EntryPiece &piece : EntryOf(entry)->pieces)
-        if (piece.index && *piece.index < use_index)
+        if (piece.index && *piece.index < use_index && !BranchRuledOut(scope, *piece.index, use_index, true))
             latest = std::max(latest, *piece.index);
     auto parse = [&](const std::string &condition, long long header, auto &&narrow) {
         const auto parsed = ParseText(condition);
@@ -120,8 +114,10 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
             if (latest < header || latest > last)
                 continue;
-            // `if x is None: x = ...`: the earlier values only when x wasn't None.
-            ValueSet before = EntryValues(scope, record, EntryPart(entry, -1, header - 1, true), use_index);
+            // `if x is None: x = ...`: the earlier values only when x wasn't
+            // None; those are what x is at the `if`, itself after earlier ones.
+            std::string earlier = EntryPart(entry, -1, header - 1, true);
+            ValueSet before = Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header));
             parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
                 NarrowBy(tree, root, frame, name, false, before);
             });
@@ -129,7 +125,6 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             values = before;
             break;
         }
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
     if (!guards || (std::size_t) use_index >= guards->size())
         return values;
     for (const auto &[header, condition, holds] : (*guards)[(std::size_t) use_index]) {
@@ -171,6 +166,15 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         return;
     }
     case NodeKind::kCall: {
+        if (n.kids_count == 2 && IsNameNode(tree, tree.Kid(n, 0), "callable") &&
+            IsNameNode(tree, tree.Kid(n, 1), name)) {
+            ValueSet kept;
+            for (const nb::object &v : values.Items())
+                if (IsExpressionText(v, false) || IsCallableValue(v) == holds)
+                    kept.Add(v);
+            values = kept;
+            return;
+        }
         // isinstance(name, C) or isinstance(name, (C, D)).
         if (n.kids_count != 3 || !IsNameNode(tree, tree.Kid(n, 0), "isinstance") ||
             !IsNameNode(tree, tree.Kid(n, 1), name))
@@ -187,18 +191,27 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         return;
     }
     case NodeKind::kCompare: {
-        // name is None, name is not None, type(name) is C (and == / !=).
+        // name is None, name is not None, type(name) is C (and == / !=),
+        // type(name) in (C, D), name is SENTINEL.
         if (n.kids_count != 2)
             return;
         std::int32_t left = tree.Kid(n, 0), right = tree.Kid(n, 1);
         std::string op;
         for (std::int32_t t = tree.nodes[(std::size_t) left].tok_end; t < tree.nodes[(std::size_t) right].tok_begin; ++t)
             op += std::string(TokAt(tree, t)) + " ";
-        bool equal = op == "is " || op == "== ";
-        if (!equal && op != "is not " && op != "!= ")
+        bool member = op == "in " || op == "not in ";
+        bool equal = op == "is " || op == "== " || op == "in ";
+        if (!equal && !member && op != "is not " && op != "!= ")
             return;
         bool positive = equal == holds;
-        if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
+        if (IsTypeOfName(tree, left, name)) {
+            ValueSet classes = Eval(tree, right, frame);
+            if (member)
+                classes = IterItems(classes);
+            values = positive ? NarrowToClasses(values, classes, true) : WithoutExactClasses(values, classes);
+        } else if (member) {
+            return;
+        } else if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
             ValueSet kept;
             for (const nb::object &v : values.Items())
                 if (IsNoneLiteral(v) == positive)
@@ -206,14 +219,70 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             if (positive && kept.Empty())
                 kept.Add(LiteralSingle("None", std::nullopt));
             values = kept;
-        } else if (positive && IsTypeOfName(tree, left, name)) {
-            values = NarrowToClasses(values, Eval(tree, right, frame), true);
+        } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
+                   IsReference(tree, right)) {
+            values = NarrowToObjects(values, Eval(tree, right, frame), positive);
         }
         return;
     }
     default:
         return;
     }
+}
+
+bool CEvaluator::IsCallableValue(nb::handle value) {
+    si::CSingleResolvedInfo *s = Single(value);
+    if (s->IsDef() || s->IsClass() || IsExpressionText(value, true))
+        return true;
+    if (!s->IsInstance(true))
+        return false;
+    nb::object cls = ClassOfInstance(value);
+    return !cls.is_none() && !ClassAttribute(cls, "__call__", value, MapOfInstance(value), true).Empty();
+}
+
+// Whether `value` is an instance (a literal too, with `literals`) whose class
+// is one of `classes` exactly.
+bool CEvaluator::IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals) {
+    nb::object cls = Single(value)->IsInstance(literals) ? ClassOfInstance(value) : nb::object();
+    if (!cls.is_valid() || cls.is_none())
+        return false;
+    for (const nb::object &c : classes)
+        if (SameClass(Single(c), Single(cls)))
+            return true;
+    return false;
+}
+
+// The values whose class is none of `classes` (`type(x) is not C`: instances
+// of subclasses stay); all of them when a class can't be read.
+ValueSet CEvaluator::WithoutExactClasses(const ValueSet &values, const ValueSet &classes) {
+    for (const nb::object &c : classes.Items())
+        if (!Single(c)->IsClass())
+            return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items())
+        if (!IsInstanceOfExactly(v, classes.Items(), true))
+            out.Add(v);
+    return out;
+}
+
+// The values that are (`holds`) or aren't one of `objects`, instances of
+// classes (`x is _MISSING`), told apart by their classes.  Nothing is learnt
+// from objects that aren't all such instances.
+ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds) {
+    std::vector<nb::object> classes;
+    for (const nb::object &o : objects.Items()) {
+        nb::object cls = Single(o)->IsInstance(false) ? ClassOfInstance(o) : nb::object();
+        if (!cls.is_valid() || cls.is_none())
+            return values;
+        classes.push_back(cls);
+    }
+    if (classes.empty())
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items())
+        if (IsInstanceOfExactly(v, classes, false) == holds)
+            out.Add(v);
+    return out.Empty() && holds ? objects : out;
 }
 
 // The values that are (`holds`) or aren't instances of one of `classes`; a
@@ -228,10 +297,6 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     }
     if (wanted.empty())
         return values;
-    auto same = [](nb::handle a, nb::handle b) {
-        si::CSingleResolvedInfo *x = Single(a), *y = Single(b);
-        return x->loc.is(y->loc) && NameOf(x) == NameOf(y);
-    };
     ValueSet out;
     for (const nb::object &v : values.Items()) {
         nb::object cls = ClassOfInstance(v);
@@ -243,7 +308,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
         bool is_one = false;
         for (const MroEntry &e : Mro(cls, {}))
             for (const nb::object &w : wanted)
-                is_one = is_one || same(e.cls, w);
+                is_one = is_one || SameClass(Single(e.cls), Single(w));
         if (is_one == holds) {
             out.Add(v);
             continue;
@@ -251,7 +316,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
         if (holds)
             for (const nb::object &w : wanted)
                 for (const MroEntry &e : Mro(w, {}))
-                    if (same(e.cls, cls)) {
+                    if (SameClass(Single(e.cls), Single(cls))) {
                         out.Merge(InstanceOf(w, nb::none()));
                         break;
                     }
@@ -259,7 +324,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     if (holds && out.Empty())
         for (const nb::object &w : wanted)
             out.Merge(InstanceOf(w, nb::none()));
-    return out.Empty() ? values : out;
+    return out.Empty() && holds ? values : out;
 }
 
 }  // namespace pysource::infer

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "pysource/infer/inferreddetails.h"
+#include "pysource/scoperef.h"
 #include "pysource/scopescanner/secondaryscanner.h"
 #include "pysource/scopescanner/secondaryutil.h"
 #include "pysource/symbolinfo.h"
@@ -24,6 +25,36 @@ bool Calls(nb::handle obj, const char *predicate) { return Truth(obj.attr(predic
 bool RetryableStop(nb::handle ctx) {
     nb::object reason = ctx.attr("fIncompleteReason");
     return Equal(reason, ctx.attr("kCannotScan")) || Equal(reason, ctx.attr("kOutOfTime"));
+}
+
+// Whether a called term may hold more than one callable: different defs
+// (`f = g if c else h`, a callback parameter, what a factory returns, a method
+// that receivers of several classes define), or a def and a class.  Each call
+// reaches one of them, so what it passes says nothing sure of any one.
+// Classes alone (`cls(...)`) construct alike.
+bool ReachesSeveralCallables(nb::handle resolved) {
+    std::optional<std::string> def_key;
+    bool classes = false;
+    for (nb::handle single : resolved) {
+        if (Calls(single, "IsDef")) {
+            // A def by its place; the defs of one name made again (`|1`) are one.
+            std::string key = LocationUrl(single.attr("loc")) + ":";
+            std::string_view name = TextOf(single.attr("GetDefinedScope")().attr("name"));
+            for (std::size_t i = 0; i < name.size(); ++i) {
+                if (name[i] == '|')
+                    while (i + 1 < name.size() && name[i + 1] >= '0' && name[i + 1] <= '9')
+                        ++i;
+                else
+                    key.push_back(name[i]);
+            }
+            if (def_key && *def_key != key)
+                return true;
+            def_key = std::move(key);
+        } else if (Calls(single, "IsClass")) {
+            classes = true;
+        }
+    }
+    return def_key && classes;
 }
 
 }  // namespace
@@ -84,7 +115,7 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
             sub.Finish();
             return true;
         }
-        derived_list = processed[0];
+        derived_list = ReachesSeveralCallables(resolved) ? nb::list() : processed[0];
         typevar_method_list = processed[1];
         nb::object guard_singles = processed[2];
         guard_ibytes = HasItems(guard_singles) ? GetInfoBytesForReducedResolved_(guard_singles)
