@@ -66,6 +66,8 @@ bool IsPlainDecorator(std::string_view text) {
     return false;
 }
 
+}  // namespace
+
 bool HasDecorator(const si::DefInfo &def, std::string_view name) {
     for (const std::string &d : def.decorators) {
         std::string_view text = d;
@@ -76,6 +78,8 @@ bool HasDecorator(const si::DefInfo &def, std::string_view name) {
     }
     return false;
 }
+
+namespace {
 
 nb::object MapToTuple(const TypeMap &map) {
     nb::list items;
@@ -415,7 +419,9 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = MakeScope(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        if (FindLocal(scope, name, -2, found, redirect)) {
+        // A member set only under conditions that don't hold (a newer
+        // version's) leaves the bases' member in force.
+        if (FindLocal(scope, name, -2, found, redirect) && !found.Empty()) {
             if (IsEnumMember(entry.cls, name, found))
                 return InstanceOf(entry.cls, nb::none());
             return BindFound(found, entry.cls, receiver, entry.map, via_instance);
@@ -911,7 +917,8 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
             return true;  // something the hint allows that isn't a class
         wanted_classes.push_back(wc);
     }
-    for (const nb::object &v : given.Items()) {
+    // Every value the argument may have must fit (a float | int is no int).
+    auto fits = [&](const nb::object &v) {
         nb::object vc = ClassOfInstance(v);
         if (vc.is_none()) {
             // A def or a class is no int, str, None, ... of the builtins.
@@ -923,9 +930,7 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
                                  (Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()) || wname == "NoneType") &&
                                  wname != "object" && wname != "type" && !IsProtocolClass(wc);
             }
-            if (plain_builtins)
-                continue;
-            return true;
+            return !plain_builtins;
         }
         for (std::size_t i = 0; i < wanted_classes.size(); ++i)
             if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
@@ -945,8 +950,12 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
                 if (builtin && wname == "complex" && (vname == "int" || vname == "float" || vname == "bool"))
                     return true;
             }
-    }
-    return false;
+        return false;
+    };
+    for (const nb::object &v : given.Items())
+        if (!fits(v))
+            return false;
+    return true;
 }
 
 }  // namespace pysource::infer
@@ -1058,7 +1067,7 @@ bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
 // arguments, as a type checker does; the implementation behind the
 // overloads of a source file is left out.
 ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
-                                     const Keywords *kwargs) {
+                                     const Keywords *kwargs, bool *fitted) {
     ValueSet out;
     std::map<std::string, std::vector<std::pair<long, nb::object>>> groups;
     std::vector<std::string> order;
@@ -1097,6 +1106,8 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
                 chosen = true;
                 break;
             }
+        if (!chosen && fitted)
+            *fitted = false;
         if (!chosen)
             for (const auto &[index, def] : group)
                 out.Add(def);

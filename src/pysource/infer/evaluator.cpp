@@ -270,11 +270,11 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kBinOp:
         return EvalBinOp(tree, n, frame);
     case NodeKind::kUnaryOp:
-        if (TokText(tree, n.tok_begin) == "not") {
+        if (TokText(tree, FirstTokInParens(tree, n)) == "not") {
             out.Add(LiteralSingle("bool", std::nullopt));
             return out;
         }
-        return Eval(tree, tree.Kid(n, 0), frame);
+        return EvalSignedLiteral(TokText(tree, FirstTokInParens(tree, n)), Eval(tree, tree.Kid(n, 0), frame));
     case NodeKind::kBoolOp: {
         // `a or b` gives a only when it is true: never a None.
         bool is_or = n.kids_count > 1 && TokText(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end) == "or";
@@ -412,6 +412,28 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
     return out;
 }
 
+ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &operand) {
+    ValueSet out;
+    for (const nb::object &v : operand.Items()) {
+        std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+        si::LiteralInfo lit;
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+            lit = si::UnpackLiteralInfo(bare);
+        if (lit.class_name != "int" && lit.class_name != "bool") {
+            out.Add(v);
+            continue;
+        }
+        std::optional<std::string> value;
+        if (lit.value && op != "~") {
+            value = lit.class_name == "bool" ? std::string(*lit.value == "True" ? "1" : "0") : *lit.value;
+            if (op == "-" && *value != "0")
+                value = value->front() == '-' ? value->substr(1) : "-" + *value;
+        }
+        out.Add(LiteralSingle("int", value));
+    }
+    return out;
+}
+
 ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     ValueSet out;
     std::int32_t first = FirstTokInParens(tree, n);
@@ -521,7 +543,32 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
         arguments();
         calls.Add(callee);
     }
-    for (const nb::object &callee : SelectOverloads(calls, args, keywords_known ? &kwargs : nullptr).Items())
+    const Keywords *known = keywords_known ? &kwargs : nullptr;
+    bool fitted = true;
+    ValueSet selected = SelectOverloads(calls, args, known, &fitted);
+    // An argument that may be of several types no one overload takes: each
+    // of its types picks its overload, as a type checker expands a union.
+    auto split = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
+    if (!fitted && split != args.end()) {
+        ValueSet expanded;
+        std::vector<ValueSet> one_args = args;
+        ValueSet &one = one_args[(std::size_t) (split - args.begin())];
+        bool every_fitted = true;
+        for (const nb::object &v : split->Items()) {
+            one = ValueSet();
+            one.Add(v);
+            ValueSet chosen = SelectOverloads(calls, one_args, known, &every_fitted);
+            if (!every_fitted)
+                break;
+            for (const nb::object &callee : chosen.Items())
+                expanded.Merge(CallValue(callee, one_args, kwargs, frame));
+        }
+        if (every_fitted) {
+            out.Merge(expanded);
+            return out;
+        }
+    }
+    for (const nb::object &callee : selected.Items())
         out.Merge(CallValue(callee, args, kwargs, frame));
     return out;
 }

@@ -73,6 +73,8 @@ struct Param {
     bool keyword_only = false;
 };
 std::vector<Param> ParamsOf(const symbolinfo::DefInfo &def);
+// Whether a def carries the decorator `name` (by its last dotted part).
+bool HasDecorator(const symbolinfo::DefInfo &def, std::string_view name);
 
 // Type variable name -> what it stands for (instances, or classes for
 // type[T]).
@@ -168,6 +170,8 @@ private:
     ValueSet EvalName(std::string_view name, const Frame &frame);
     ValueSet ScopeObject(nb::handle scope);
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
+    // `-x`, `+x`, `~x` of literal ints and bools: ints, a known value negated by `-`.
+    ValueSet EvalSignedLiteral(std::string_view op, const ValueSet &operand);
     ValueSet EvalString(const Tree &tree, const pgen::Node &n);
     ValueSet EvalCall(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
@@ -287,14 +291,17 @@ private:
     bool ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args = true);
     bool TypeArgsFit(nb::handle wanted, nb::handle value);
     std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
+    // `fitted`, when given, is cleared when some overloaded def has no
+    // overload that takes the arguments.
     ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
-                             const Keywords *kwargs = nullptr);
+                             const Keywords *kwargs = nullptr, bool *fitted = nullptr);
     bool IsProtocolClass(nb::handle cls);
     // A decorator that names property or a subclass of it (an alias of
     // property in a stub), read where the def stands.
     bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
     // A def as its decorators leave it: a library's hinted decorator is
     // called with it (functools.cache, contextlib.contextmanager).
+    bool ImplementsOverloads(nb::handle parent, symbolinfo::CSingleResolvedInfo *d);
     ValueSet DecoratedDef(nb::handle loc, nb::handle def_single);
     // Enumerations: a class with enum.Enum in its order; its members are the
     // plain values its body sets; `value` is what they were set to.
