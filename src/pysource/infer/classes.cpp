@@ -419,9 +419,16 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = MakeScope(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
+        // The class's type variables stand for the arguments this entry
+        // got while its annotations are read (`items: list[T]`).
+        if (!entry.map.empty())
+            fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+        bool local = FindLocal(scope, name, -2, found, redirect);
+        if (!entry.map.empty())
+            fClassMaps.pop_back();
         // A member set only under conditions that don't hold (a newer
         // version's) leaves the bases' member in force.
-        if (FindLocal(scope, name, -2, found, redirect) && !found.Empty()) {
+        if (local && !found.Empty()) {
             if (IsEnumMember(entry.cls, name, found))
                 return InstanceOf(entry.cls, nb::none());
             return BindFound(found, entry.cls, receiver, entry.map, via_instance);
@@ -557,11 +564,12 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                                 BindTypeVars(def_scope, params[p].hint, values, bound);
                             break;
                         }
-                if (bound.empty())
+                bool hinted_self = first == 1 && !params[0].hint.empty();
+                if (bound.empty() && !hinted_self)
                     continue;
                 // A hinted first parameter says what the instance is
-                // (dict(a=1): `self: dict[str, _VT]`).
-                if (first == 1 && !params[0].hint.empty())
+                // (dict(a=1): `self: dict[str, _VT]`, Popen(text=True): `self: Popen[str]`).
+                if (hinted_self)
                     for (const nb::object &made : ResolveHintText(def_scope, params[0].hint, &bound).Items()) {
                         si::CSingleResolvedInfo *m = Single(made);
                         nb::object made_cls = ClassOfInstance(made);
@@ -895,14 +903,13 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
         return true;
     if (hint.empty() || given.Empty())
         return true;
-    // A hint with a type variable bound to nothing says nothing definite of
-    // type arguments (Iterable[T | None]): only its classes are checked.
-    bool saw_before = fSawUnboundTypeVar;
-    fSawUnboundTypeVar = false;
+    // A type variable bound to nothing stands for its upper bound
+    // (Iterable[tuple[K, V]] wants tuples, Iterable[T | None] anything).
+    const TypeMap *fit_before = fFitMap;
+    fFitMap = &bound;
     ValueSet wanted = ResolveHintText(def_scope, hint, &bound);
-    bool check_args = !fSawUnboundTypeVar;
-    fSawUnboundTypeVar = saw_before;
-    return ValuesFit(wanted, given, check_args);
+    fFitMap = fit_before;
+    return ValuesFit(wanted, given);
 }
 
 bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args) {

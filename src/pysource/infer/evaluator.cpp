@@ -498,7 +498,28 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             if (pgen::StringAnnotationText(tree, first_arg, literal)) {
                 nb::object module_scope = ModuleScopeOf(frame.scope.attr("loc"));
                 std::string_view scope_name = si::TextView(frame.scope.attr("name"), "name");
-                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form));
+                // TypeVar("T", bound=B) or TypeVar("T", A, B): the bound, or
+                // the constraints as a declaration writes them.
+                std::optional<std::string> bound;
+                std::vector<std::string> constraints;
+                for (std::int32_t i = 2; i < n.kids_count; ++i) {
+                    std::int32_t kid = tree.Kid(n, i);
+                    if (kid < 0)
+                        continue;
+                    const Node &k = tree.nodes[(std::size_t) kid];
+                    if (k.kind == NodeKind::kKeyword && k.aux >= 0 && TokText(tree, k.aux) == "bound")
+                        bound = tree.NodeText(tree.Kid(k, 0));
+                    else if (k.kind != NodeKind::kKeyword && k.kind != NodeKind::kStarred &&
+                             k.kind != NodeKind::kDoubleStarred)
+                        constraints.push_back(tree.NodeText(kid));
+                }
+                if (!constraints.empty()) {
+                    bound = "(";
+                    for (const std::string &c : constraints)
+                        *bound += (bound->size() > 1 ? ", " : "") + c;
+                    *bound += ")";
+                }
+                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form, bound));
             }
             continue;
         }

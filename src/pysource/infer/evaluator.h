@@ -320,7 +320,14 @@ private:
     nb::object DefSingle(nb::handle loc, std::string_view bare_def_info, char kind);
     nb::object ModuleSingle(nb::handle loc, std::string_view dotted);
     nb::object LiteralSingle(std::string_view class_name, const std::optional<std::string> &value);
-    nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind);
+    // `bound`: what the variable is bound to, or its constraints written
+    // "(A, B)", as its declaration says.
+    nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind,
+                               const std::optional<std::string> &bound = std::nullopt);
+    // What a type variable bound to nothing may be when an argument is
+    // checked against a hint naming it: its bound, its constraints, or any
+    // object.
+    ValueSet UpperBoundOf(symbolinfo::CSingleResolvedInfo *param);
     nb::object BuiltinClass(std::string_view name);
     nb::object TypingClass(std::string_view name);
 
@@ -346,7 +353,6 @@ private:
     static constexpr std::uint64_t kStepsPerClockReading = 8;
     int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
-    bool fSawUnboundTypeVar = false;  // a hint read met a type variable bound to nothing
     // Answers that depend on this request's path (a cut cycle, a stop) are
     // not kept: these count them.
     std::uint64_t fCuts = 0;
@@ -420,6 +426,10 @@ private:
     std::map<RequestKey, Kept<ValueSet>> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
+    // Hints read to check an argument, whose unbound variables stand for
+    // their upper bounds, and the type map such a read binds with.
+    static constexpr long long kFitHintUseIndex = -10;
+    const TypeMap *fFitMap = nullptr;
     // The kept result of `key`: one that read an unfinished value is good
     // while that read is under way (the same cycle), and worked out again
     // after it.

@@ -4,6 +4,7 @@
 
 #include <nanobind/stl/string.h>
 
+#include "pysource/exprtext.h"
 #include "pysource/infer/infertyping.h"
 #include "pysource/infokinds.h"
 #include "pysource/nesting.h"
@@ -117,7 +118,7 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     if (Stop())
         return out;
     RequestKey key{{LocationUrl(scope.attr("loc")), std::string(si::TextView(scope.attr("name"), "name")),
-                    std::string(text), kHintUseIndex},
+                    std::string(text), map && map == fFitMap ? kFitHintUseIndex : kHintUseIndex},
                    BindingSignature(map)};
     if (const ValueSet *hit = RequestValueOf(key))
         return *hit;
@@ -132,6 +133,24 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     }
     fRequestValues.emplace(std::move(key), Keep(out, watch));
     return out;
+}
+
+ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
+    si::DeclTypeParam decl = si::UnpackTypeParameterInfo(si::BareSingle(si::TextView(param->ibytes, "ibytes")));
+    ValueSet out;
+    if (decl.param_kind != "TypeVar")
+        return out;
+    if (!decl.bound) {
+        nb::object object = BuiltinClass("object");
+        return object.is_none() ? out : InstanceOf(object, nb::none());
+    }
+    std::string text = *decl.bound;
+    if (si::StripSpaces(text).starts_with("(")) {
+        text.clear();
+        for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
+            text += (text.empty() ? "" : " | ") + constraint;
+    }
+    return ResolveHintText(MakeScope(param->loc, NameOf(param)), text, nullptr);
 }
 
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
@@ -246,7 +265,8 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
             if (var != cls_map.end())
                 return var->second;
         }
-        fSawUnboundTypeVar = true;
+        if (frame.map && frame.map == fFitMap)
+            return UpperBoundOf(s);
         return out;  // an unbound type variable says nothing
     }
     if (!s->IsClass()) {
