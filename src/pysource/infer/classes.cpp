@@ -394,6 +394,8 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
+                if (name == "__class__")
+                    break;  // every class's instances have one: the most derived decides
             }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));

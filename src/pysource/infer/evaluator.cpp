@@ -294,6 +294,20 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kNamedExpr:
         return Eval(tree, tree.Kid(n, 1), frame);
     case NodeKind::kAwait:
+        // Awaiting a future or a task gives its result, what its __await__
+        // generator returns; a call of an async def already reads as that.
+        for (const nb::object &v : Eval(tree, tree.Kid(n, 0), frame).Items()) {
+            ValueSet one, awaited;
+            one.Add(v);
+            if (Single(v)->IsInstance(true))
+                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items()) {
+                    nb::handle args = Single(gen)->fTypeArgs;
+                    if (PyTuple_Check(args.ptr()) && PyTuple_GET_SIZE(args.ptr()) == 3)
+                        awaited.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(args.ptr(), 2)));
+                }
+            out.Merge(awaited.Empty() ? one : awaited);
+        }
+        return out;
     case NodeKind::kStarred:
         return Eval(tree, tree.Kid(n, 0), frame);
     case NodeKind::kLambda: {
