@@ -448,6 +448,37 @@ ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &oper
     return out;
 }
 
+std::optional<long long> CEvaluator::ConstantInt(const ValueSet &values) {
+    if (values.Size() != 1)
+        return std::nullopt;
+    std::string_view bare = si::BareSingle(si::TextView(Single(values.Items()[0])->ibytes, "ibytes"));
+    if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+        return std::nullopt;
+    si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+    if (lit.class_name != "int" || !lit.value)
+        return std::nullopt;
+    return std::stoll(*lit.value);
+}
+
+ValueSet CEvaluator::JoinedTuples(const ValueSet &left, const ValueSet &right) {
+    ValueSet out;
+    nb::object tuple_cls = BuiltinClass("tuple");
+    if (tuple_cls.is_none())
+        return out;
+    for (const nb::object &l : left.Items())
+        for (const nb::object &r : right.Items()) {
+            std::vector<nb::object> first, second;
+            if (!TuplePositions(l, first) || !TuplePositions(r, second))
+                return ValueSet();
+            nb::list positions;
+            for (const std::vector<nb::object> *side : {&first, &second})
+                for (const nb::object &p : *side)
+                    positions.append(p);
+            out.Merge(InstanceOf(tuple_cls, nb::tuple(positions)));
+        }
+    return out;
+}
+
 ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     ValueSet out;
     std::int32_t first = FirstTokInParens(tree, n);
@@ -653,6 +684,22 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             out.Add(WithTypeArgs(value, args));
             continue;
         }
+        // A tuple of known positions sliced by constants: the positions kept.
+        if (s.kind == NodeKind::kSlice && s.kids_count == 3 && tree.Kid(s, 2) < 0) {
+            std::vector<nb::object> positions;
+            std::optional<long long> lower = tree.Kid(s, 0) < 0 ? 0 : ConstantInt(Eval(tree, tree.Kid(s, 0), frame));
+            std::optional<long long> upper = tree.Kid(s, 1) < 0 ? LLONG_MAX : ConstantInt(Eval(tree, tree.Kid(s, 1), frame));
+            nb::object tuple_cls = BuiltinClass("tuple");
+            if (lower && upper && !tuple_cls.is_none() && TuplePositions(value, positions)) {
+                long long size = (long long) positions.size();
+                auto clamp = [size](long long i) { return std::clamp(i < 0 ? i + size : i, 0LL, size); };
+                nb::list kept;
+                for (long long i = clamp(*lower); i < clamp(*upper); ++i)
+                    kept.append(positions[(std::size_t) i]);
+                out.Merge(InstanceOf(tuple_cls, nb::tuple(kept)));
+                continue;
+            }
+        }
         // A tuple of known positions indexed by a constant.
         if (s.kind != NodeKind::kSlice) {
             std::string_view text = TokText(tree, s.tok_begin);
@@ -730,6 +777,12 @@ ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &fra
         return out;
     ValueSet left = Eval(tree, left_node, frame);
     ValueSet right = Eval(tree, right_node, frame);
+    if (op == "+") {
+        // Tuples of known positions added: the positions of both, in order.
+        ValueSet joined = JoinedTuples(left, right);
+        if (!joined.Empty())
+            return joined;
+    }
     if (op == "|" && IsTypeOperand(left) && IsTypeOperand(right)) {
         // X | Y of classes: the union type, as typing's Union form.
         nb::object form = TypingClass("Union");

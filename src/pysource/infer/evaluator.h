@@ -170,6 +170,11 @@ private:
     ValueSet EvalName(std::string_view name, const Frame &frame);
     ValueSet ScopeObject(nb::handle scope);
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
+    // The value of an int literal known exactly, if that is all `values` is.
+    std::optional<long long> ConstantInt(const ValueSet &values);
+    // Every tuple of `left` added to every one of `right`, when all of them
+    // have known positions; nothing otherwise.
+    ValueSet JoinedTuples(const ValueSet &left, const ValueSet &right);
     // `-x`, `+x`, `~x` of literal ints and bools: ints, a known value negated by `-`.
     ValueSet EvalSignedLiteral(std::string_view op, const ValueSet &operand);
     ValueSet EvalString(const Tree &tree, const pgen::Node &n);
