@@ -421,13 +421,20 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = MakeScope(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        // The class's type variables stand for the arguments this entry
-        // got while its annotations are read (`items: list[T]`).
-        if (!entry.map.empty())
-            fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
         bool local = FindLocal(scope, name, -2, found, redirect);
-        if (!entry.map.empty())
+        // A member that isn't a def (`items: list[T]`, `name: T`) is read again
+        // with the class's type variables standing for the arguments this
+        // entry got.
+        bool plain = !entry.map.empty() && local &&
+                     (found.Empty() || std::any_of(found.Items().begin(), found.Items().end(), [](const nb::object &f) {
+                          return !Single(f)->IsDef() && !Single(f)->IsClass();
+                      }));
+        if (plain) {
+            fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+            found = ValueSet();
+            local = FindLocal(scope, name, -2, found, redirect);
             fClassMaps.pop_back();
+        }
         // A member set only under conditions that don't hold (a newer
         // version's) leaves the bases' member in force.
         if (local && !found.Empty()) {
@@ -547,10 +554,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             inits.Merge(ClassAttribute(callee, "__new__", callee, {}, false));
             TypeMap bound;
             nb::object self_args = nb::none();
-            for (const nb::object &init : inits.Items()) {
+            for (const nb::object &init : AcceptingDefs(inits, args, kwargs).Items()) {
                 si::CSingleResolvedInfo *i = Single(init);
-                if (!i->IsDef() || !OverloadAccepts(init, args, &kwargs))
-                    continue;
                 si::DefInfo def = si::UnpackDefInfo(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
@@ -793,6 +798,22 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
             if (OverloadAccepts(m, args, &none))
                 out.Merge(CallDef(m, args, {}));
     }
+    // An argument that may be of several types no method takes whole: what
+    // each of its types gives (str + (str | bytes) is a str where it works).
+    auto split = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
+    if (out.Empty() && split != args.end()) {
+        std::vector<ValueSet> one_args = args;
+        ValueSet &one = one_args[(std::size_t) (split - args.begin())];
+        for (const nb::object &v : split->Items()) {
+            one = ValueSet();
+            one.Add(v);
+            out.Merge(CallDunder(receivers, method, one_args));
+        }
+    }
+    if (out.Empty() && split != args.end() && !fLenientFit) {
+        LenientFit lenient(*this);
+        return CallDunder(receivers, method, args);
+    }
     return out;
 }
 
@@ -897,6 +918,20 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
     return true;
 }
 
+ValueSet CEvaluator::AcceptingDefs(const ValueSet &callees, const std::vector<ValueSet> &args,
+                                   const Keywords &kwargs) {
+    ValueSet out;
+    for (int lenient_try = 0; lenient_try < 2 && out.Empty(); ++lenient_try) {
+        std::optional<LenientFit> lenient;
+        if (lenient_try)
+            lenient.emplace(*this);
+        for (const nb::object &callee : callees.Items())
+            if (Single(callee)->IsDef() && OverloadAccepts(callee, args, &kwargs))
+                out.Add(callee);
+    }
+    return out;
+}
+
 // Whether a value may be passed where `hint` (read in `def_scope`) is
 // wanted, as far as the hint names classes, protocols or literal values.
 bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given,
@@ -926,7 +961,8 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
             return true;  // something the hint allows that isn't a class
         wanted_classes.push_back(wc);
     }
-    // Every value the argument may have must fit (a float | int is no int).
+    // Every value the argument may have must fit (a float | int is no int),
+    // or in a lenient try one of them.
     auto fits = [&](const nb::object &v) {
         nb::object vc = ClassOfInstance(v);
         if (vc.is_none()) {
@@ -962,9 +998,9 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         return false;
     };
     for (const nb::object &v : given.Items())
-        if (!fits(v))
-            return false;
-    return true;
+        if (fits(v) == fLenientFit)
+            return fLenientFit;
+    return !fLenientFit;
 }
 
 }  // namespace pysource::infer
@@ -1117,6 +1153,15 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
             }
         if (!chosen && fitted)
             *fitted = false;
+        if (!chosen) {
+            LenientFit lenient(*this);
+            for (const auto &[index, def] : group)
+                if (OverloadAccepts(def, args, kwargs)) {
+                    out.Add(def);
+                    chosen = true;
+                    break;
+                }
+        }
         if (!chosen)
             for (const auto &[index, def] : group)
                 out.Add(def);

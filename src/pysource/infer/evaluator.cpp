@@ -685,12 +685,21 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             continue;
         }
         // A tuple of known positions sliced by constants: the positions kept.
-        if (s.kind == NodeKind::kSlice && s.kids_count == 3 && tree.Kid(s, 2) < 0) {
-            std::vector<nb::object> positions;
-            std::optional<long long> lower = tree.Kid(s, 0) < 0 ? 0 : ConstantInt(Eval(tree, tree.Kid(s, 0), frame));
-            std::optional<long long> upper = tree.Kid(s, 1) < 0 ? LLONG_MAX : ConstantInt(Eval(tree, tree.Kid(s, 1), frame));
+        std::vector<nb::object> positions;
+        if (s.kind == NodeKind::kSlice && s.kids_count == 3 && tree.Kid(s, 2) < 0 && TuplePositions(value, positions)) {
+            // Bounds written as numbers only: anything else isn't evaluated.
+            auto bound = [&](std::int32_t kid, long long absent) -> std::optional<long long> {
+                if (kid < 0)
+                    return absent;
+                const Node &b = tree.nodes[(std::size_t) kid];
+                if (b.kind != NodeKind::kConstant && b.kind != NodeKind::kUnaryOp)
+                    return std::nullopt;
+                return ConstantInt(Eval(tree, kid, frame));
+            };
+            std::optional<long long> lower = bound(tree.Kid(s, 0), 0);
+            std::optional<long long> upper = bound(tree.Kid(s, 1), LLONG_MAX);
             nb::object tuple_cls = BuiltinClass("tuple");
-            if (lower && upper && !tuple_cls.is_none() && TuplePositions(value, positions)) {
+            if (lower && upper && !tuple_cls.is_none()) {
                 long long size = (long long) positions.size();
                 auto clamp = [size](long long i) { return std::clamp(i < 0 ? i + size : i, 0LL, size); };
                 nb::list kept;

@@ -292,6 +292,19 @@ private:
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
+    // Whether an argument fits when one of its values does (rather than
+    // every one): the second try of a call nothing fits strictly, as the
+    // values known of a name are often wider than what reaches the call.
+    bool fLenientFit = false;
+    // The defs among `callees` that take the arguments strictly, or else
+    // leniently.
+    ValueSet AcceptingDefs(const ValueSet &callees, const std::vector<ValueSet> &args, const Keywords &kwargs);
+    struct LenientFit {
+        CEvaluator &ev;
+        bool before;
+        explicit LenientFit(CEvaluator &e) : ev(e), before(e.fLenientFit) { ev.fLenientFit = true; }
+        ~LenientFit() { ev.fLenientFit = before; }
+    };
     bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given, const TypeMap &bound);
     bool ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args = true);
     bool TypeArgsFit(nb::handle wanted, nb::handle value);
