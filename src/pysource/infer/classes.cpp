@@ -959,6 +959,8 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         nb::object wc = ClassOfInstance(w);
         if (wc.is_none())
             return true;  // something the hint allows that isn't a class
+        if (NameOf(Single(wc)) == "object" && Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+            return true;  // any object (a type variable bound to nothing)
         wanted_classes.push_back(wc);
     }
     // Every value the argument may have must fit (a float | int is no int),
