@@ -5,6 +5,7 @@ Converted from the typed test cases of the typeshed project
 check_dict.py, check_list.py, check_set.py, check_tuple.py, check_zip.py,
 check_pow.py, check_bool.py, check_iteration.py, and
 stdlib/@tests/test_cases/typing/check_MutableMapping.py,
+stdlib/@tests/test_cases/collections/check_defaultdict-py39.py,
 stdlib/@tests/test_cases/check_types.py): each `assert_type(EXPR, T)`
 becomes the expression EXPR expecting T, a literal type written as its
 class.  The annotated parameters of the test functions get real values when
@@ -17,6 +18,7 @@ from __future__ import annotations
 
 import os
 import types
+from collections import defaultdict
 from decimal import Decimal
 from fractions import Fraction
 from typing import Generic, Iterable, Iterator, Literal, Mapping, Sequence, Tuple, TypeVar
@@ -108,6 +110,34 @@ def test_dict_dot_or(
 test_dict_dot_or({1: 2}, CustomDictSubclass({3: 4}), {"x": "y"}, CustomMappingWithDunderOr())
 
 
+# collections.defaultdict (its own test cases, check_defaultdict-py39.py)
+
+
+class CustomDefaultDictSubclass(defaultdict[_KT, _VT]):
+    pass
+
+
+def test_defaultdict_dot_or(
+    da: defaultdict[int, int],
+    db: CustomDefaultDictSubclass[int, int],
+    dc: defaultdict[str, str],
+    de: CustomMappingWithDunderOr[str, str],
+) -> None:
+    da | db  # expect: collections.defaultdict[int, int]
+    db | da  # expect: CustomDefaultDictSubclass[int, int]
+    da | dc  # expect: collections.defaultdict[int | str, int | str]
+    da | os.environ  # expect: dict[str | int, str | int]
+    os.environ | da  # expect: dict[str | int, str | int]
+    dc | os.environ  # expect: dict[str, str]
+    dc | de  # expect: dict[str, str]
+    os.environ | dc  # expect: dict[str, str]
+    de | dc  # expect: dict[str, str]
+
+
+test_defaultdict_dot_or(defaultdict(int, {1: 2}), CustomDefaultDictSubclass(int, {3: 4}),
+                        defaultdict(str, {"x": "y"}), CustomMappingWithDunderOr())
+
+
 def check_setdefault_method() -> None:
     d: dict[int, str] = {}
     d2: dict[int, str | None] = {}
@@ -150,38 +180,32 @@ def test_set_difference(x: set[Literal["foo", "bar"]], y: set[str], z: set[int])
 test_set_difference({"foo"}, {"foo", "baz"}, {1})
 
 
-def test_set_interface(s: set[str], y: set[str]) -> None:
+def test_set_interfaces(s: set[str], y: set[str], f: frozenset[str], g: frozenset[str]) -> None:
     s.isdisjoint(y)  # expect: bool
+    f.isdisjoint(g)  # expect: bool
     s.issubset(y)  # expect: bool
+    f.issubset(g)  # expect: bool
     s.issuperset(y)  # expect: bool
+    f.issuperset(g)  # expect: bool
     s.symmetric_difference(y)  # expect: set[str]
+    f.symmetric_difference(g)  # expect: frozenset[str]
     s.union(y)  # expect: set[str]
+    f.union(g)  # expect: frozenset[str]
     s.difference(y)  # expect: set[str]
+    f.difference(g)  # expect: frozenset[str]
     s.intersection(y)  # expect: set[str]
+    f.intersection(g)  # expect: frozenset[str]
     s - y  # expect: set[str]
+    f - g  # expect: frozenset[str]
     s & y  # expect: set[str]
+    f & g  # expect: frozenset[str]
     s | y  # expect: set[str]
+    f | g  # expect: frozenset[str]
     s ^ y  # expect: set[str]
+    f ^ g  # expect: frozenset[str]
 
 
-test_set_interface({"foo", "bar"}, {"bar", "baz"})
-
-
-def test_frozenset_interface(s: frozenset[str], y: frozenset[str]) -> None:
-    s.isdisjoint(y)  # expect: bool
-    s.issubset(y)  # expect: bool
-    s.issuperset(y)  # expect: bool
-    s.symmetric_difference(y)  # expect: frozenset[str]
-    s.union(y)  # expect: frozenset[str]
-    s.difference(y)  # expect: frozenset[str]
-    s.intersection(y)  # expect: frozenset[str]
-    s - y  # expect: frozenset[str]
-    s & y  # expect: frozenset[str]
-    s | y  # expect: frozenset[str]
-    s ^ y  # expect: frozenset[str]
-
-
-test_frozenset_interface(frozenset({"foo", "bar"}), frozenset({"bar", "baz"}))
+test_set_interfaces({"foo", "bar"}, {"bar", "baz"}, frozenset({"foo", "bar"}), frozenset({"bar", "baz"}))
 
 # tuple
 

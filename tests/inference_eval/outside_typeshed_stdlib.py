@@ -2,7 +2,7 @@
 
 Converted from the typed test cases of the typeshed project
 (https://github.com/python/typeshed, stdlib/@tests/test_cases/:
-collections/check_counter.py, collections/check_defaultdict-py39.py,
+collections/check_counter.py,
 itertools/check_itertools_recipes.py, check_functools.py, check_lru_cache.py,
 check_re.py, check_os_path.py, check_dataclasses.py, check_enum.py,
 check_contextlib.py, check_math.py, check_datetime.py, check_codecs.py,
@@ -31,7 +31,7 @@ import platform
 import re
 import subprocess
 import sys
-from collections import Counter, defaultdict
+from collections import Counter
 from concurrent.futures import Future, ThreadPoolExecutor
 from contextlib import AbstractContextManager, ExitStack
 from datetime import date, datetime, time, timedelta, timezone, tzinfo
@@ -47,8 +47,6 @@ if TYPE_CHECKING:
 
 _T = TypeVar("_T")
 _T1 = TypeVar("_T1")
-_KT = TypeVar("_KT")
-_VT = TypeVar("_VT")
 
 # collections.Counter
 
@@ -60,50 +58,6 @@ integer_key_counter = Counter({1: 2, 2: 3})
 integer_key_counter  # expect: collections.Counter[int]
 combined_word_and_integer_keys = word_counts + integer_key_counter
 combined_word_and_integer_keys  # expect: collections.Counter[str | int]
-
-# collections.defaultdict
-
-
-class CustomDefaultDictSubclass(defaultdict[_KT, _VT]):
-    pass
-
-
-class CustomMappingWithDunderOr(Mapping[_KT, _VT]):
-    def __getitem__(self, key: _KT) -> _VT:
-        raise KeyError(key)
-
-    def __iter__(self):
-        return iter(())
-
-    def __len__(self) -> int:
-        return 0
-
-    def __or__(self, other: Mapping[_KT, _VT]) -> dict[_KT, _VT]:
-        return {}
-
-    def __ror__(self, other: Mapping[_KT, _VT]) -> dict[_KT, _VT]:
-        return {}
-
-
-def test_defaultdict_dot_or(
-    a: defaultdict[int, int],
-    b: CustomDefaultDictSubclass[int, int],
-    c: defaultdict[str, str],
-    e: CustomMappingWithDunderOr[str, str],
-) -> None:
-    a | b  # expect: collections.defaultdict[int, int]
-    b | a  # expect: CustomDefaultDictSubclass[int, int]
-    a | c  # expect: collections.defaultdict[int | str, int | str]
-    a | os.environ  # expect: dict[str | int, str | int]
-    os.environ | a  # expect: dict[str | int, str | int]
-    c | os.environ  # expect: dict[str, str]
-    c | e  # expect: dict[str, str]
-    os.environ | c  # expect: dict[str, str]
-    e | c  # expect: dict[str, str]
-
-
-test_defaultdict_dot_or(defaultdict(int, {1: 2}), CustomDefaultDictSubclass(int, {3: 4}),
-                        defaultdict(str, {"x": "y"}), CustomMappingWithDunderOr())
 
 # itertools recipes: their declared signatures
 
