@@ -1037,6 +1037,12 @@ bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
     std::vector<std::string> vars = OrderedTypeVars(wc);
     if ((Py_ssize_t) vars.size() != PyTuple_GET_SIZE(w->fTypeArgs.ptr()))
         return true;
+    // Arguments that want nothing in particular need no look at the value's.
+    bool any_wanted = false;
+    for (nb::handle arg : w->fTypeArgs)
+        any_wanted = any_wanted || PySet_Size(arg.ptr()) > 0;
+    if (!any_wanted)
+        return true;
     nb::object vc = ClassOfInstance(value);
     if (vc.is_none())
         return true;

@@ -144,12 +144,13 @@ ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
         nb::object object = BuiltinClass("object");
         return object.is_none() ? out : InstanceOf(object, nb::none());
     }
-    std::string text = *decl.bound;
-    if (si::StripSpaces(text).starts_with("(")) {
-        text.clear();
-        for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
-            text += (text.empty() ? "" : " | ") + constraint;
-    }
+    // Constraints (AnyStr: str or bytes) decide; a bound (most often a
+    // protocol, costly to check) is taken to allow anything.
+    if (!si::StripSpaces(*decl.bound).starts_with("("))
+        return out;
+    std::string text;
+    for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
+        text += (text.empty() ? "" : " | ") + constraint;
     return ResolveHintText(MakeScope(param->loc, NameOf(param)), text, nullptr);
 }
 
