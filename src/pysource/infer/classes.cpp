@@ -799,18 +799,9 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
                 out.Merge(CallDef(m, args, {}));
     }
     // An argument that may be of several types no method takes whole: what
-    // each of its types gives (str + (str | bytes) is a str where it works).
-    auto split = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
-    if (out.Empty() && split != args.end()) {
-        std::vector<ValueSet> one_args = args;
-        ValueSet &one = one_args[(std::size_t) (split - args.begin())];
-        for (const nb::object &v : split->Items()) {
-            one = ValueSet();
-            one.Add(v);
-            out.Merge(CallDunder(receivers, method, one_args));
-        }
-    }
-    if (out.Empty() && split != args.end() && !fLenientFit) {
+    // it gives where one of them fits (str + (str | bytes) is a str).
+    auto wide = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
+    if (out.Empty() && wide != args.end() && !fLenientFit) {
         LenientFit lenient(*this);
         return CallDunder(receivers, method, args);
     }

@@ -465,10 +465,15 @@ ValueSet CEvaluator::JoinedTuples(const ValueSet &left, const ValueSet &right) {
     nb::object tuple_cls = BuiltinClass("tuple");
     if (tuple_cls.is_none())
         return out;
+    nb::object builtins = fLocCache.attr("GetBuiltinLoc")();
+    auto plain_tuple = [&](const nb::object &v) {
+        si::CSingleResolvedInfo *s = Single(v);
+        return s->IsInstance(true) && NameOf(s) == "tuple" && s->loc.is(builtins);
+    };
     for (const nb::object &l : left.Items())
         for (const nb::object &r : right.Items()) {
             std::vector<nb::object> first, second;
-            if (!TuplePositions(l, first) || !TuplePositions(r, second))
+            if (!plain_tuple(l) || !plain_tuple(r) || !TuplePositions(l, first) || !TuplePositions(r, second))
                 return ValueSet();
             nb::list positions;
             for (const std::vector<nb::object> *side : {&first, &second})
@@ -685,8 +690,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             continue;
         }
         // A tuple of known positions sliced by constants: the positions kept.
-        std::vector<nb::object> positions;
-        if (s.kind == NodeKind::kSlice && s.kids_count == 3 && tree.Kid(s, 2) < 0 && TuplePositions(value, positions)) {
+        if (s.kind == NodeKind::kSlice && s.kids_count == 3 && tree.Kid(s, 2) < 0) {
             // Bounds written as numbers only: anything else isn't evaluated.
             auto bound = [&](std::int32_t kid, long long absent) -> std::optional<long long> {
                 if (kid < 0)
@@ -699,7 +703,8 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             std::optional<long long> lower = bound(tree.Kid(s, 0), 0);
             std::optional<long long> upper = bound(tree.Kid(s, 1), LLONG_MAX);
             nb::object tuple_cls = BuiltinClass("tuple");
-            if (lower && upper && !tuple_cls.is_none()) {
+            std::vector<nb::object> positions;
+            if (lower && upper && !tuple_cls.is_none() && TuplePositions(value, positions)) {
                 long long size = (long long) positions.size();
                 auto clamp = [size](long long i) { return std::clamp(i < 0 ? i + size : i, 0LL, size); };
                 nb::list kept;
