@@ -62,7 +62,8 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     nb::object parent = MakeScope(loc, si::ParentScopeName(NameOf(d)));
     if (ScopeKindOf(parent) == "class")
         return out;  // methods: bound as their class says
-    if (ImplementsOverloads(parent, d))
+    // (Only a name defined again, `f|2`, can follow overloads.)
+    if (si::LeafScopeName(NameOf(d)).find('|') != std::string_view::npos && ImplementsOverloads(parent, d))
         return out;  // callers see the overloads, whatever wraps the implementation
     Frame frame{parent, -2, nullptr, nullptr};
     // Innermost first; a decorator of the project's own, unhinted, is taken
