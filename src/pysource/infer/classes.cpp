@@ -62,6 +62,8 @@ bool IsPlainDecorator(std::string_view text) {
     return false;
 }
 
+}  // namespace
+
 bool HasDecorator(const si::DefInfo &def, std::string_view name) {
     for (const std::string &d : def.decorators) {
         std::string_view text = d;
@@ -72,6 +74,8 @@ bool HasDecorator(const si::DefInfo &def, std::string_view name) {
     }
     return false;
 }
+
+namespace {
 
 nb::object MapToTuple(const TypeMap &map) {
     nb::list items;
@@ -396,6 +400,8 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
+                if (name == "__class__")
+                    break;  // every class's instances have one: the most derived decides
             }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));
@@ -421,7 +427,23 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = MakeScope(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        if (FindLocal(scope, name, -2, found, redirect)) {
+        bool local = FindLocal(scope, name, -2, found, redirect);
+        // A member that isn't a def (`items: list[T]`, `name: T`) is read again
+        // with the class's type variables standing for the arguments this
+        // entry got.
+        bool plain = !entry.map.empty() && local &&
+                     (found.Empty() || std::any_of(found.Items().begin(), found.Items().end(), [](const nb::object &f) {
+                          return !Single(f)->IsDef() && !Single(f)->IsClass();
+                      }));
+        if (plain) {
+            fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+            found = ValueSet();
+            local = FindLocal(scope, name, -2, found, redirect);
+            fClassMaps.pop_back();
+        }
+        // A member set only under conditions that don't hold (a newer
+        // version's) leaves the bases' member in force.
+        if (local && !found.Empty()) {
             if (IsEnumMember(entry.cls, name, found))
                 return InstanceOf(entry.cls, nb::none());
             return BindFound(found, entry.cls, receiver, entry.map, via_instance);
@@ -539,10 +561,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             inits.Merge(ClassAttribute(callee, "__new__", callee, {}, false));
             TypeMap bound;
             nb::object self_args = nb::none();
-            for (const nb::object &init : inits.Items()) {
+            for (const nb::object &init : AcceptingDefs(inits, args, kwargs).Items()) {
                 si::CSingleResolvedInfo *i = Single(init);
-                if (!i->IsDef() || !OverloadAccepts(init, args, &kwargs))
-                    continue;
                 const auto def_held = DefInfoOf(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
                 const si::DefInfo &def = *def_held;
                 std::vector<Param> params = ParamsOf(def);
@@ -559,11 +579,12 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                                 BindTypeVars(def_scope, params[p].hint, values, bound);
                             break;
                         }
-                if (bound.empty())
+                bool hinted_self = first == 1 && !params[0].hint.empty();
+                if (bound.empty() && !hinted_self)
                     continue;
                 // A hinted first parameter says what the instance is
-                // (dict(a=1): `self: dict[str, _VT]`).
-                if (first == 1 && !params[0].hint.empty())
+                // (dict(a=1): `self: dict[str, _VT]`, Popen(text=True): `self: Popen[str]`).
+                if (hinted_self)
                     for (const nb::object &made : ResolveHintText(def_scope, params[0].hint, &bound).Items()) {
                         si::CSingleResolvedInfo *m = Single(made);
                         nb::object made_cls = ClassOfInstance(made);
@@ -798,6 +819,13 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
             if (OverloadAccepts(m, args, &none))
                 out.Merge(CallDef(m, args, {}));
     }
+    // An argument that may be of several types no method takes whole: what
+    // it gives where one of them fits (str + (str | bytes) is a str).
+    auto wide = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
+    if (out.Empty() && wide != args.end() && !fLenientFit) {
+        LenientFit lenient(*this);
+        return CallDunder(receivers, method, args);
+    }
     return out;
 }
 
@@ -903,6 +931,20 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
     return true;
 }
 
+ValueSet CEvaluator::AcceptingDefs(const ValueSet &callees, const std::vector<ValueSet> &args,
+                                   const Keywords &kwargs) {
+    ValueSet out;
+    for (int lenient_try = 0; lenient_try < 2 && out.Empty(); ++lenient_try) {
+        std::optional<LenientFit> lenient;
+        if (lenient_try)
+            lenient.emplace(*this);
+        for (const nb::object &callee : callees.Items())
+            if (Single(callee)->IsDef() && OverloadAccepts(callee, args, &kwargs))
+                out.Add(callee);
+    }
+    return out;
+}
+
 // Whether a value may be passed where `hint` (read in `def_scope`) is
 // wanted, as far as the hint names classes, protocols or literal values.
 bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given,
@@ -911,14 +953,13 @@ bool CEvaluator::ValueFitsHint(nb::handle def_scope, const std::string &hint, co
         return true;
     if (hint.empty() || given.Empty())
         return true;
-    // A hint with a type variable bound to nothing says nothing definite of
-    // type arguments (Iterable[T | None]): only its classes are checked.
-    bool saw_before = fSawUnboundTypeVar;
-    fSawUnboundTypeVar = false;
+    // A type variable bound to nothing stands for its upper bound
+    // (Iterable[tuple[K, V]] wants tuples, Iterable[T | None] anything).
+    const TypeMap *fit_before = fFitMap;
+    fFitMap = &bound;
     ValueSet wanted = ResolveHintText(def_scope, hint, &bound);
-    bool check_args = !fSawUnboundTypeVar;
-    fSawUnboundTypeVar = saw_before;
-    return ValuesFit(wanted, given, check_args);
+    fFitMap = fit_before;
+    return ValuesFit(wanted, given);
 }
 
 bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args) {
@@ -931,9 +972,13 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         nb::object wc = ClassOfInstance(w);
         if (wc.is_none())
             return true;  // something the hint allows that isn't a class
+        if (NameOf(Single(wc)) == "object" && Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()))
+            return true;  // any object (a type variable bound to nothing)
         wanted_classes.push_back(wc);
     }
-    for (const nb::object &v : given.Items()) {
+    // Every value the argument may have must fit (a float | int is no int),
+    // or in a lenient try one of them.
+    auto fits = [&](const nb::object &v) {
         nb::object vc = ClassOfInstance(v);
         if (vc.is_none()) {
             // A def or a class is no int, str, None, ... of the builtins.
@@ -945,9 +990,7 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
                                  (Single(wc)->loc.is(BuiltinLoc()) || wname == "NoneType") &&
                                  wname != "object" && wname != "type" && !IsProtocolClass(wc);
             }
-            if (plain_builtins)
-                continue;
-            return true;
+            return !plain_builtins;
         }
         for (std::size_t i = 0; i < wanted_classes.size(); ++i)
             if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
@@ -967,8 +1010,12 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
                 if (builtin && wname == "complex" && (vname == "int" || vname == "float" || vname == "bool"))
                     return true;
             }
-    }
-    return false;
+        return false;
+    };
+    for (const nb::object &v : given.Items())
+        if (fits(v) == fLenientFit)
+            return fLenientFit;
+    return !fLenientFit;
 }
 
 }  // namespace pysource::infer
@@ -1002,6 +1049,12 @@ bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
     }
     std::vector<std::string> vars = OrderedTypeVars(wc);
     if ((Py_ssize_t) vars.size() != PyTuple_GET_SIZE(w->fTypeArgs.ptr()))
+        return true;
+    // Arguments that want nothing in particular need no look at the value's.
+    bool any_wanted = false;
+    for (nb::handle arg : w->fTypeArgs)
+        any_wanted = any_wanted || PySet_Size(arg.ptr()) > 0;
+    if (!any_wanted)
         return true;
     nb::object vc = ClassOfInstance(value);
     if (vc.is_none())
@@ -1081,7 +1134,7 @@ bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
 // arguments, as a type checker does; the implementation behind the
 // overloads of a source file is left out.
 ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
-                                     const Keywords *kwargs) {
+                                     const Keywords *kwargs, bool *fitted) {
     ValueSet out;
     std::map<std::string, std::vector<std::pair<long, nb::object>>> groups;
     std::vector<std::string> order;
@@ -1121,6 +1174,17 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
                 chosen = true;
                 break;
             }
+        if (!chosen && fitted)
+            *fitted = false;
+        if (!chosen) {
+            LenientFit lenient(*this);
+            for (const auto &[index, def] : group)
+                if (OverloadAccepts(def, args, kwargs)) {
+                    out.Add(def);
+                    chosen = true;
+                    break;
+                }
+        }
         if (!chosen)
             for (const auto &[index, def] : group)
                 out.Add(def);

@@ -35,6 +35,23 @@ bool CEvaluator::DecoratorMakesProperty(nb::handle loc, const std::string &def_s
     return false;
 }
 
+// Whether the def `d` of `parent` follows @overload defs of its name.
+bool CEvaluator::ImplementsOverloads(nb::handle parent, si::CSingleResolvedInfo *d) {
+    nb::object record = RecordOf(parent);
+    if (record.is_none())
+        return false;
+    std::string_view leaf = si::LeafScopeName(si::SplitScopeNameFromSuffixes(NameOf(d)).first);
+    nb::object entry = record.attr("GetInfoBytes")(nb::str(leaf.data(), leaf.size()));
+    if (entry.is_none())
+        return false;
+    for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
+        std::string_view bare = si::BareSingle(single);
+        if (si::IsDefKind(si::GetInfoBytesKind(bare)) && HasDecorator(si::UnpackDefInfo(bare), "overload"))
+            return true;
+    }
+    return false;
+}
+
 ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     ValueSet out;
     out.Add(def_single);
@@ -46,6 +63,9 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     nb::object parent = MakeScope(loc, si::ParentScopeName(NameOf(d)));
     if (ScopeKindOf(parent) == "class")
         return out;  // methods: bound as their class says
+    // (Only a name defined again, `f|2`, can follow overloads.)
+    if (si::LeafScopeName(NameOf(d)).find('|') != std::string_view::npos && ImplementsOverloads(parent, d))
+        return out;  // callers see the overloads, whatever wraps the implementation
     Frame frame{parent, -2, nullptr, nullptr};
     // Innermost first; a decorator of the project's own, unhinted, is taken
     // to keep the def it wraps.

@@ -45,10 +45,11 @@ ValueSet CEvaluator::EnumMemberValues(nb::handle cls) {
         if (!FindLocal(scope, name, -2, found, redirect) || !IsEnumMember(cls, name, found))
             continue;
         for (const nb::object &v : found.Items()) {
-            // auto() stands for the int the enumeration numbers it with.
+            // auto() stands for the int the enumeration numbers it with, or
+            // its text in an enumeration of strs (StrEnum).
             nb::object vc = ClassOfInstance(v);
             if (!vc.is_none() && NameOf(Single(vc)) == "auto" && ModuleNameOfLoc(Single(vc)->loc) == "enum")
-                out.Add(LiteralSingle("int", std::nullopt));
+                out.Add(LiteralSingle(MroHolds(Mro(cls, {}), "builtins", "str") ? "str" : "int", std::nullopt));
             else
                 out.Add(v);
         }

@@ -280,11 +280,11 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kBinOp:
         return EvalBinOp(tree, n, frame);
     case NodeKind::kUnaryOp:
-        if (TokText(tree, n.tok_begin) == "not") {
+        if (TokText(tree, FirstTokInParens(tree, n)) == "not") {
             out.Add(LiteralSingle("bool", std::nullopt));
             return out;
         }
-        return Eval(tree, tree.Kid(n, 0), frame);
+        return EvalSignedLiteral(TokText(tree, FirstTokInParens(tree, n)), Eval(tree, tree.Kid(n, 0), frame));
     case NodeKind::kBoolOp: {
         // `a or b` gives a only when it is true: never a None.
         bool is_or = n.kids_count > 1 && TokText(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end) == "or";
@@ -304,6 +304,20 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kNamedExpr:
         return Eval(tree, tree.Kid(n, 1), frame);
     case NodeKind::kAwait:
+        // Awaiting a future or a task gives its result, what its __await__
+        // generator returns; a call of an async def already reads as that.
+        for (const nb::object &v : Eval(tree, tree.Kid(n, 0), frame).Items()) {
+            ValueSet one, awaited;
+            one.Add(v);
+            if (Single(v)->IsInstance(true))
+                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items()) {
+                    nb::handle args = Single(gen)->fTypeArgs;
+                    if (PyTuple_Check(args.ptr()) && PyTuple_GET_SIZE(args.ptr()) == 3)
+                        awaited.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(args.ptr(), 2)));
+                }
+            out.Merge(awaited.Empty() ? one : awaited);
+        }
+        return out;
     case NodeKind::kStarred:
         return Eval(tree, tree.Kid(n, 0), frame);
     case NodeKind::kLambda: {
@@ -424,6 +438,64 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
     return out;
 }
 
+ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &operand) {
+    ValueSet out;
+    for (const nb::object &v : operand.Items()) {
+        std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+        si::LiteralInfo lit;
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+            lit = si::UnpackLiteralInfo(bare);
+        if (lit.class_name != "int" && lit.class_name != "bool") {
+            out.Add(v);
+            continue;
+        }
+        std::optional<std::string> value;
+        if (lit.value && op != "~") {
+            value = lit.class_name == "bool" ? std::string(*lit.value == "True" ? "1" : "0") : *lit.value;
+            if (op == "-" && *value != "0")
+                value = value->front() == '-' ? value->substr(1) : "-" + *value;
+        }
+        out.Add(LiteralSingle("int", value));
+    }
+    return out;
+}
+
+std::optional<long long> CEvaluator::ConstantInt(const ValueSet &values) {
+    if (values.Size() != 1)
+        return std::nullopt;
+    std::string_view bare = si::BareSingle(si::TextView(Single(values.Items()[0])->ibytes, "ibytes"));
+    if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+        return std::nullopt;
+    si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+    if (lit.class_name != "int" || !lit.value)
+        return std::nullopt;
+    return std::stoll(*lit.value);
+}
+
+ValueSet CEvaluator::JoinedTuples(const ValueSet &left, const ValueSet &right) {
+    ValueSet out;
+    nb::object tuple_cls = BuiltinClass("tuple");
+    if (tuple_cls.is_none())
+        return out;
+    nb::object builtins = fLocCache.attr("GetBuiltinLoc")();
+    auto plain_tuple = [&](const nb::object &v) {
+        si::CSingleResolvedInfo *s = Single(v);
+        return s->IsInstance(true) && NameOf(s) == "tuple" && s->loc.is(builtins);
+    };
+    for (const nb::object &l : left.Items())
+        for (const nb::object &r : right.Items()) {
+            std::vector<nb::object> first, second;
+            if (!plain_tuple(l) || !plain_tuple(r) || !TuplePositions(l, first) || !TuplePositions(r, second))
+                return ValueSet();
+            nb::list positions;
+            for (const std::vector<nb::object> *side : {&first, &second})
+                for (const nb::object &p : *side)
+                    positions.append(p);
+            out.Merge(InstanceOf(tuple_cls, nb::tuple(positions)));
+        }
+    return out;
+}
+
 ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
     ValueSet out;
     std::int32_t first = FirstTokInParens(tree, n);
@@ -488,7 +560,28 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             if (pgen::StringAnnotationText(tree, first_arg, literal)) {
                 nb::object module_scope = ModuleScopeOf(ScopeLoc(frame.scope));
                 std::string_view scope_name = ScopeName(frame.scope);
-                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form));
+                // TypeVar("T", bound=B) or TypeVar("T", A, B): the bound, or
+                // the constraints as a declaration writes them.
+                std::optional<std::string> bound;
+                std::vector<std::string> constraints;
+                for (std::int32_t i = 2; i < n.kids_count; ++i) {
+                    std::int32_t kid = tree.Kid(n, i);
+                    if (kid < 0)
+                        continue;
+                    const Node &k = tree.nodes[(std::size_t) kid];
+                    if (k.kind == NodeKind::kKeyword && k.aux >= 0 && TokText(tree, k.aux) == "bound")
+                        bound = tree.NodeText(tree.Kid(k, 0));
+                    else if (k.kind != NodeKind::kKeyword && k.kind != NodeKind::kStarred &&
+                             k.kind != NodeKind::kDoubleStarred)
+                        constraints.push_back(tree.NodeText(kid));
+                }
+                if (!constraints.empty()) {
+                    bound = "(";
+                    for (const std::string &c : constraints)
+                        *bound += (bound->size() > 1 ? ", " : "") + c;
+                    *bound += ")";
+                }
+                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form, bound));
             }
             continue;
         }
@@ -533,7 +626,32 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
         arguments();
         calls.Add(callee);
     }
-    for (const nb::object &callee : SelectOverloads(calls, args, keywords_known ? &kwargs : nullptr).Items())
+    const Keywords *known = keywords_known ? &kwargs : nullptr;
+    bool fitted = true;
+    ValueSet selected = SelectOverloads(calls, args, known, &fitted);
+    // An argument that may be of several types no one overload takes: each
+    // of its types picks its overload, as a type checker expands a union.
+    auto split = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
+    if (!fitted && split != args.end()) {
+        ValueSet expanded;
+        std::vector<ValueSet> one_args = args;
+        ValueSet &one = one_args[(std::size_t) (split - args.begin())];
+        bool every_fitted = true;
+        for (const nb::object &v : split->Items()) {
+            one = ValueSet();
+            one.Add(v);
+            ValueSet chosen = SelectOverloads(calls, one_args, known, &every_fitted);
+            if (!every_fitted)
+                break;
+            for (const nb::object &callee : chosen.Items())
+                expanded.Merge(CallValue(callee, one_args, kwargs, frame));
+        }
+        if (every_fitted) {
+            out.Merge(expanded);
+            return out;
+        }
+    }
+    for (const nb::object &callee : selected.Items())
         out.Merge(CallValue(callee, args, kwargs, frame));
     return out;
 }
@@ -582,6 +700,31 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
             out.Add(WithTypeArgs(value, args));
             continue;
+        }
+        // A tuple of known positions sliced by constants: the positions kept.
+        if (s.kind == NodeKind::kSlice && s.kids_count == 3 && tree.Kid(s, 2) < 0) {
+            // Bounds written as numbers only: anything else isn't evaluated.
+            auto bound = [&](std::int32_t kid, long long absent) -> std::optional<long long> {
+                if (kid < 0)
+                    return absent;
+                const Node &b = tree.nodes[(std::size_t) kid];
+                if (b.kind != NodeKind::kConstant && b.kind != NodeKind::kUnaryOp)
+                    return std::nullopt;
+                return ConstantInt(Eval(tree, kid, frame));
+            };
+            std::optional<long long> lower = bound(tree.Kid(s, 0), 0);
+            std::optional<long long> upper = bound(tree.Kid(s, 1), LLONG_MAX);
+            nb::object tuple_cls = BuiltinClass("tuple");
+            std::vector<nb::object> positions;
+            if (lower && upper && !tuple_cls.is_none() && TuplePositions(value, positions)) {
+                long long size = (long long) positions.size();
+                auto clamp = [size](long long i) { return std::clamp(i < 0 ? i + size : i, 0LL, size); };
+                nb::list kept;
+                for (long long i = clamp(*lower); i < clamp(*upper); ++i)
+                    kept.append(positions[(std::size_t) i]);
+                out.Merge(InstanceOf(tuple_cls, nb::tuple(kept)));
+                continue;
+            }
         }
         // A tuple of known positions indexed by a constant.
         if (s.kind != NodeKind::kSlice) {
@@ -660,6 +803,12 @@ ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &fra
         return out;
     ValueSet left = Eval(tree, left_node, frame);
     ValueSet right = Eval(tree, right_node, frame);
+    if (op == "+") {
+        // Tuples of known positions added: the positions of both, in order.
+        ValueSet joined = JoinedTuples(left, right);
+        if (!joined.Empty())
+            return joined;
+    }
     if (op == "|" && IsTypeOperand(left) && IsTypeOperand(right)) {
         // X | Y of classes: the union type, as typing's Union form.
         nb::object form = TypingClass("Union");

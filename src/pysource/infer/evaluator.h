@@ -93,6 +93,8 @@ struct Param {
     bool keyword_only = false;
 };
 std::vector<Param> ParamsOf(const symbolinfo::DefInfo &def);
+// Whether a def carries the decorator `name` (by its last dotted part).
+bool HasDecorator(const symbolinfo::DefInfo &def, std::string_view name);
 
 // Type variable name -> what it stands for (instances, or classes for
 // type[T]).
@@ -269,6 +271,13 @@ private:
     ValueSet EvalName(std::string_view name, const Frame &frame);
     ValueSet ScopeObject(nb::handle scope);
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
+    // The value of an int literal known exactly, if that is all `values` is.
+    std::optional<long long> ConstantInt(const ValueSet &values);
+    // Every tuple of `left` added to every one of `right`, when all of them
+    // have known positions; nothing otherwise.
+    ValueSet JoinedTuples(const ValueSet &left, const ValueSet &right);
+    // `-x`, `+x`, `~x` of literal ints and bools: ints, a known value negated by `-`.
+    ValueSet EvalSignedLiteral(std::string_view op, const ValueSet &operand);
     ValueSet EvalString(const Tree &tree, const pgen::Node &n);
     ValueSet EvalCall(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
@@ -405,18 +414,34 @@ private:
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
+    // Whether an argument fits when one of its values does (rather than
+    // every one): the second try of a call nothing fits strictly, as the
+    // values known of a name are often wider than what reaches the call.
+    bool fLenientFit = false;
+    // The defs among `callees` that take the arguments strictly, or else
+    // leniently.
+    ValueSet AcceptingDefs(const ValueSet &callees, const std::vector<ValueSet> &args, const Keywords &kwargs);
+    struct LenientFit {
+        CEvaluator &ev;
+        bool before;
+        explicit LenientFit(CEvaluator &e) : ev(e), before(e.fLenientFit) { ev.fLenientFit = true; }
+        ~LenientFit() { ev.fLenientFit = before; }
+    };
     bool ValueFitsHint(nb::handle def_scope, const std::string &hint, const ValueSet &given, const TypeMap &bound);
     bool ValuesFit(const ValueSet &wanted, const ValueSet &given, bool check_args = true);
     bool TypeArgsFit(nb::handle wanted, nb::handle value);
     std::optional<bool> LiteralsFit(const ValueSet &wanted, const ValueSet &given);
+    // `fitted`, when given, is cleared when some overloaded def has no
+    // overload that takes the arguments.
     ValueSet SelectOverloads(const ValueSet &callees, const std::vector<ValueSet> &args,
-                             const Keywords *kwargs = nullptr);
+                             const Keywords *kwargs = nullptr, bool *fitted = nullptr);
     bool IsProtocolClass(nb::handle cls);
     // A decorator that names property or a subclass of it (an alias of
     // property in a stub), read where the def stands.
     bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
     // A def as its decorators leave it: a library's hinted decorator is
     // called with it (functools.cache, contextlib.contextmanager).
+    bool ImplementsOverloads(nb::handle parent, symbolinfo::CSingleResolvedInfo *d);
     ValueSet DecoratedDef(nb::handle loc, nb::handle def_single);
     // Enumerations: a class with enum.Enum in its order; its members are the
     // plain values its body sets; `value` is what they were set to.
@@ -444,7 +469,14 @@ private:
     nb::object DefSingle(nb::handle loc, std::string_view bare_def_info, char kind);
     nb::object ModuleSingle(nb::handle loc, std::string_view dotted);
     nb::object LiteralSingle(std::string_view class_name, const std::optional<std::string> &value);
-    nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind);
+    // `bound`: what the variable is bound to, or its constraints written
+    // "(A, B)", as its declaration says.
+    nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind,
+                               const std::optional<std::string> &bound = std::nullopt);
+    // What a type variable bound to nothing may be when an argument is
+    // checked against a hint naming it: its bound, its constraints, or any
+    // object.
+    ValueSet UpperBoundOf(symbolinfo::CSingleResolvedInfo *param);
     nb::object BuiltinClass(std::string_view name);
     nb::object TypingClass(std::string_view name);
 
@@ -471,7 +503,6 @@ private:
     static constexpr std::uint64_t kStepsPerClockReading = 8;
     int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
-    bool fSawUnboundTypeVar = false;  // a hint read met a type variable bound to nothing
     // Answers that depend on this request's path (a cut cycle, a stop) are
     // not kept: these count them.
     std::uint64_t fCuts = 0;
@@ -547,6 +578,10 @@ private:
     std::map<RequestKey, Kept<ValueSet>> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
+    // Hints read to check an argument, whose unbound variables stand for
+    // their upper bounds, and the type map such a read binds with.
+    static constexpr long long kFitHintUseIndex = -10;
+    const TypeMap *fFitMap = nullptr;
     // The kept result of `key`: one that read an unfinished value is good
     // while that read is under way (the same cycle), and worked out again
     // after it.

@@ -4,6 +4,7 @@
 
 #include <nanobind/stl/string.h>
 
+#include "pysource/exprtext.h"
 #include "pysource/infer/infertyping.h"
 #include "pysource/infokinds.h"
 #include "pysource/nesting.h"
@@ -117,8 +118,8 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     ValueSet out;
     if (Stop())
         return out;
-    RequestKey key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)),
-                    std::string(text), kHintUseIndex},
+    RequestKey key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text),
+                    map && map == fFitMap ? kFitHintUseIndex : kHintUseIndex},
                    BindingSignature(map)};
     if (const ValueSet *hit = RequestValueOf(key))
         return *hit;
@@ -147,6 +148,25 @@ ValueSet CEvaluator::UnionOf(const std::vector<ValueSet> &members) {
         out.Merge(member);
     }
     return out;
+}
+
+ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
+    si::DeclTypeParam decl = si::UnpackTypeParameterInfo(si::BareSingle(si::TextView(param->ibytes, "ibytes")));
+    ValueSet out;
+    if (decl.param_kind != "TypeVar")
+        return out;
+    if (!decl.bound) {
+        nb::object object = BuiltinClass("object");
+        return object.is_none() ? out : InstanceOf(object, nb::none());
+    }
+    // Constraints (AnyStr: str or bytes) decide; a bound (most often a
+    // protocol, costly to check) is taken to allow anything.
+    if (!si::StripSpaces(*decl.bound).starts_with("("))
+        return out;
+    std::string text;
+    for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
+        text += (text.empty() ? "" : " | ") + constraint;
+    return ResolveHintText(MakeScope(param->loc, NameOf(param)), text, nullptr);
 }
 
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
@@ -259,7 +279,8 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
             if (var != cls_map.end())
                 return var->second;
         }
-        fSawUnboundTypeVar = true;
+        if (frame.map && frame.map == fFitMap)
+            return UpperBoundOf(s);
         return out;  // an unbound type variable says nothing
     }
     if (!s->IsClass()) {

@@ -464,8 +464,10 @@ nb::object CEvaluator::LiteralSingle(std::string_view class_name, const std::opt
         si::ToBytes(ibytes), nb::cast<si::CScope *>(scope), loc)));
 }
 
-nb::object CEvaluator::TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind) {
-    std::string ibytes = si::BuildTypeParameterInfo(name, kind, std::nullopt, std::nullopt);
+nb::object CEvaluator::TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind,
+                                       const std::optional<std::string> &bound) {
+    std::string ibytes = si::BuildTypeParameterInfo(name, kind, bound ? si::OptView(*bound) : si::OptView(),
+                                                    std::nullopt);
     auto *s = nb::cast<si::CScope *>(scope);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(
         new si::CSingleResolvedInfo(si::ToBytes(ibytes), s, s->loc)));
@@ -580,7 +582,7 @@ bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std
         return false;
     for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*params))
         if (param.name == name) {
-            out.Add(TypeParamSingle(scope, param.name, param.param_kind));
+            out.Add(TypeParamSingle(scope, param.name, param.param_kind, param.bound));
             return true;
         }
     return false;
@@ -1006,7 +1008,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     }
     case si::kTypeParameterKind: {
         si::DeclTypeParam param = si::UnpackTypeParameterInfo(s);
-        out.Add(TypeParamSingle(scope, param.name, param.param_kind));
+        out.Add(TypeParamSingle(scope, param.name, param.param_kind, param.bound));
         return out;
     }
     case si::kGenericTypeAliasKind: {
