@@ -39,7 +39,8 @@ bool ReachesSeveralCallables(nb::handle resolved) {
         if (Calls(single, "IsDef")) {
             // A def by its place; the defs of one name made again (`|1`) are one.
             std::string key = LocationUrl(single.attr("loc")) + ":";
-            std::string_view name = TextOf(single.attr("GetDefinedScope")().attr("name"));
+            nb::object name_obj = single.attr("GetDefinedScope")().attr("name");
+            std::string_view name = TextOf(name_obj);  // a view into name_obj
             for (std::size_t i = 0; i < name.size(); ++i) {
                 if (name[i] == '|')
                     while (i + 1 < name.size() && name[i + 1] >= '0' && name[i + 1] <= '9')
