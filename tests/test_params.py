@@ -155,6 +155,11 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = 2\n    else:\n        target(w)", "a",
      {"int"}),
     ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
+    # Past an if/elif chain without an else, the earlier values are those none of its tests took.
+    ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif isinstance(w, bytes):\n"
+     "        w = []\n    target(w)", "a", {"tuple[()]", "list"}),
+    ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif w:\n        pass\n    target(w)",
+     "a", {"tuple[()]", "bytes"}),
     ("for i in [1, 2]:\n        if i == 1:\n            w = ()\n        else:\n            target(w)", "a",
      {"tuple[()]"}),
     # What a function returns from its `*args` is what this call passes there.

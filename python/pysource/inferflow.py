@@ -80,7 +80,8 @@ def _Conditions(body):
     of an `elif` or `else` (not holding), and an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
     `elif` or `else`.  The skips: the other earlier `if` blocks without an
-    `elif` or `else`, as (header index, condition text, last logical of the
+    `elif` or `else`, and if/elif chains without an `else` (their conditions
+    joined by `or`), as (header index, condition text, last logical of the
     block): what was set before one reaches past it only when its condition
     was false."""
     guards = []
@@ -104,11 +105,15 @@ def _Conditions(body):
                 parent.chain = ([] if first else parent.chain) + [(block.header, block.condition)]
                 parent.chain_exits = (first or parent.chain_exits) and exits
             else:
+                chain = parent.chain + [(block.header, block.condition)]
                 if block.kind == logicalline.kElifBeginning and parent.chain_exits and exits:
                     # An if/elif chain whose every block leaves: none of its
                     # conditions held past it.
-                    parent.exits.extend((h, c, False) for h, c in
-                                        parent.chain + [(block.header, block.condition)])
+                    parent.exits.extend((h, c, False) for h, c in chain)
+                elif block.kind == logicalline.kElifBeginning and all(c for _h, c in chain):
+                    # Without an `else`, what was set before the chain reaches
+                    # past it only when none of its conditions held.
+                    parent.skips.append((chain[0][0], " or ".join(f"( {c} )" for _h, c in chain), i - 1))
                 parent.chain = []
             if block.kind == logicalline.kIfBeginning and not (continues_chain and same_level):
                 if exits:
