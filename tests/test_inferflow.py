@@ -43,8 +43,9 @@ def test_guards_and_skipped_ifs_per_logical():
     assert guards[5] == (left, (2, is_int, False), (4, "y", True))
     assert guards[7] == (left, (2, is_int, False), (4, "y", False))
     assert guards[10] == (left,)
-    assert skips[9] == ()
-    assert skips[10] == ((8, "z is None", 9),)
+    # The first block of a chain: the later blocks run only when it didn't.
+    assert skips[9] == ((2, is_int, 3),)
+    assert skips[10] == ((2, is_int, 3), (8, "z is None", 9))
     # An if/elif chain whose every block leaves: none of its conditions held.
     assert guards[15] == (left, (11, "a", False), (13, "b", False))
 

@@ -154,6 +154,8 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      {"int", "str"}),
     ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = 2\n    else:\n        target(w)", "a",
      {"int"}),
+    ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = ''\n    else:\n        v = 2\n    target(w)", "a",
+     {"int", "str"}),
     ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
     # Past an if/elif chain without an else, the earlier values are those none of its tests took.
     ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif isinstance(w, bytes):\n"

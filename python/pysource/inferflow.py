@@ -79,8 +79,8 @@ def _Conditions(body):
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding), and an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`.  The skips: the other earlier `if` blocks without an
-    `elif` or `else`, and if/elif chains without an `else` (their conditions
+    `elif` or `else`.  The skips: the other earlier `if` blocks (the first
+    of a chain too), and if/elif chains without an `else` (their conditions
     joined by `or`), as (header index, condition text, last logical of the
     block): what was set before one reaches past it only when its condition
     was false."""
@@ -115,11 +115,13 @@ def _Conditions(body):
                     # past it only when none of its conditions held.
                     parent.skips.append((chain[0][0], " or ".join(f"( {c} )" for _h, c in chain), i - 1))
                 parent.chain = []
-            if block.kind == logicalline.kIfBeginning and not (continues_chain and same_level):
-                if exits:
+            if block.kind == logicalline.kIfBeginning and exits:
+                if not (continues_chain and same_level):
                     parent.exits.append((block.header, block.condition, False))
-                else:
-                    parent.skips.append((block.header, block.condition, i - 1))
+            elif block.kind == logicalline.kIfBeginning:
+                # Also the first block of a chain: the later blocks run only
+                # when its condition was false.
+                parent.skips.append((block.header, block.condition, i - 1))
         parent = stack[-1]
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
