@@ -35,7 +35,7 @@ BODY = [
 
 
 def test_guards_and_skipped_ifs_per_logical():
-    guards, skips = inferflow._Conditions(BODY)
+    guards, skips, _exits = inferflow._Conditions(BODY)
     left = (0, "x is None", False)
     is_int = "isinstance ( y , int )"
     assert guards[1] == ((0, "x is None", True),)

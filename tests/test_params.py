@@ -157,6 +157,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = ''\n    else:\n        v = 2\n    target(w)", "a",
      {"int", "str"}),
     ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
+    # What an if block sets is narrowed by its later ifs that leave.
+    ("w = 1 if v else b''\n    if not isinstance(w, int):\n        w = w.decode()\n        if not isinstance(w, int):\n"
+     "            raise TypeError()\n    target(w)", "a", {"int"}),
     # Past an if/elif chain without an else, the earlier values are those none of its tests took.
     ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif isinstance(w, bytes):\n"
      "        w = []\n    target(w)", "a", {"tuple[()]", "list"}),

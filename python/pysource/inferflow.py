@@ -74,7 +74,7 @@ class _CGuardBlock:
 
 
 def _Conditions(body):
-    """Two lists with one tuple per logical of a scope body.  The guards: the
+    """Three lists with one tuple per logical of a scope body.  The guards: the
     conditions known there, as (header index, condition text, holds): those
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding), and an earlier `if` of its block
@@ -83,9 +83,12 @@ def _Conditions(body):
     of a chain too), and if/elif chains without an `else` (their conditions
     joined by `or`), as (header index, condition text, last logical of the
     block): what was set before one reaches past it only when its condition
-    was false."""
+    was false.  The block exits, at the header of an `if` block that doesn't
+    always leave: the guards of the earlier `if` blocks in it that always
+    leave, which hold at its end."""
     guards = []
     skips = []
+    block_exits = [()] * len(body)
     stack = [_CGuardBlock(-1, -1, None, None, [])]
     for i, logical in enumerate(body):
         if logical.fType == logicalline.kComment:
@@ -122,6 +125,7 @@ def _Conditions(body):
                 # Also the first block of a chain: the later blocks run only
                 # when its condition was false.
                 parent.skips.append((block.header, block.condition, i - 1))
+                block_exits[block.header] = tuple(block.exits)
         parent = stack[-1]
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
@@ -138,7 +142,7 @@ def _Conditions(body):
         else:
             inside = []
         stack.append(_CGuardBlock(i, indent, logical.fType, condition, inside))
-    return guards, skips
+    return guards, skips, block_exits
 
 
 _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
@@ -146,16 +150,17 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator = range(5)
+# yields, block exits).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits = range(6)
 
 
 def _BodyStructure(logicals):
-    guards, skips = _Conditions(logicals)
+    guards, skips, block_exits = _Conditions(logicals)
     loops = tuple(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
-    return tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator
+    return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
+            tuple(block_exits))
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -201,6 +206,13 @@ class CBlockStructure:
         logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kSkips]
+
+    def BlockExits(self, loc, scope_name):
+        """The guards that hold at the end of each `if` block of the body of
+        `scope_name` in `loc` (see _Conditions), as a tuple indexed by body
+        logical index, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kBlockExits]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

@@ -346,8 +346,9 @@ private:
     // Conditions at each body logical of a scope, from the flow provider's
     // `method` (header index, condition text, a number): "Guards", those
     // known there (the number: whether it holds); "SkippedIfs", the earlier
-    // `if` blocks (the number: the block's last logical).  Null when it
-    // can't tell.
+    // `if` blocks (the number: the block's last logical); "BlockExits", at
+    // an `if` header, the guards holding at the end of its block.  Null
+    // when it can't tell.
     using Guard = FlowGuard;
     const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
     // `values` of the local `name` (set by `entry` of `record`) at
