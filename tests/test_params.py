@@ -146,6 +146,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w = len if v else v\n    if not callable(w):\n        target(w)", "a", {"None", "float"}),
     ("w = len if v else v\n    if callable(w):\n        target(w)", "a", {"def len"}),
     ("w = (lambda: 1) if v else 2\n    if not callable(w):\n        target(w)", "a", {"int"}),
+    # A def binds its name once made: not in its own defaults or decorators, but on a later turn.
+    ("def w(x=target(w)):\n        pass", "a", {"? expression w (logical 0)"}),
+    ("for i in [1]:\n        if i:\n            target(w)\n        def w():\n            pass", "a", {"def app.run.w"}),
     # A star import brings what the module binds, not what its __getattr__ makes up.
     ("target(int)", "a", {"type[int]"}),
     # `is` against an object of its own (a sentinel) tells it from the others.

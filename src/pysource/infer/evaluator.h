@@ -339,6 +339,8 @@ private:
     // `setting` (`if c: x = 1` ... `else: use`).  Unless `within_turn`, a
     // loop around both lets the setting reach the use on a later turn.
     bool BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn);
+    // Whether a loop holds both body logicals (true when it can't tell).
+    bool InOneLoop(nb::handle scope, long long a, long long b);
     // What the flow provider's `method` says of the body of `scope`, read by
     // `convert` once and kept in `cache`; null when it can't tell.
     template <class T, class Convert>

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <charconv>
 
 #include "pysource/exprtext.h"
 #include "basekit/stackguard.h"
@@ -721,6 +722,17 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     bool declared = false;
     for (const EntryPiece &piece : parsed->pieces)
         declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single));
+    // A def or class binds its name no earlier than the name's first
+    // setting: a use up to there (a decorator or default of the def itself)
+    // doesn't see it, unless a loop around both brings it round again.
+    bool defs_unbound = false;
+    for (const EntryPiece &piece : parsed->pieces) {
+        std::string_view first = si::BareSingle(piece.single);
+        long long first_set = -1;
+        if (use_index >= 0 && !piece.malformed && piece.bare_kind == si::kSetKind &&
+            std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), first_set).ec == std::errc())
+            defs_unbound = first_set >= use_index && !InOneLoop(scope, first_set, use_index);
+    }
     for (const auto &[single, at] : singles) {
         if (declared && !declares(single))
             continue;
@@ -729,6 +741,8 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (best > -3 && at >= -1 && !reaching.count(at))
             continue;
         if (rebound && at < -1 && IsParameterBinding(single))
+            continue;
+        if (defs_unbound && at < -1 && si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single))))
             continue;
         out.Merge(ValuesOfSingle(scope, single, at));
         if (fGaveUp)
@@ -813,13 +827,20 @@ bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long u
         ruled_out = ruled_out || (!held && holds(path, header) && !holds(use_path, header));
     if (!ruled_out || within_turn)
         return ruled_out;
+    return !InOneLoop(scope, setting, use);
+}
+
+bool CEvaluator::InOneLoop(nb::handle scope, long long a, long long b) {
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
     const std::vector<long long> *loops = LoopHeadersOf(scope);
-    if (!loops)
-        return false;
+    if (!paths || !loops || a < 0 || b < 0 || (std::size_t) a >= paths->size() || (std::size_t) b >= paths->size())
+        return true;
+    const std::vector<long long> &a_path = (*paths)[(std::size_t) a], &b_path = (*paths)[(std::size_t) b];
     for (long long loop : *loops)
-        if (holds(path, loop) && holds(use_path, loop))
-            return false;
-    return true;
+        if (std::find(a_path.begin(), a_path.end(), loop) != a_path.end() &&
+            std::find(b_path.begin(), b_path.end(), loop) != b_path.end())
+            return true;
+    return false;
 }
 
 // An unnumbered single of a parameter's binding in its def's body: what
