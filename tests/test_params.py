@@ -176,6 +176,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is object:\n        return\n    target(w)", "a", {"int", "str"}),
+    ("w = True if v else 1\n    if type(w) is int:\n        target(w)", "a", {"int"}),
     # A union with a member that says nothing (the values of an empty dict) says nothing.
     ("w = {}.get('k')\n    target(w)", "a", {"? expression w (logical 1)"}),
     # A term that holds unrelated callables: no call of it says what one of them gets.

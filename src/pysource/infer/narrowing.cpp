@@ -220,7 +220,16 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             ValueSet classes = Eval(tree, right, frame);
             if (member)
                 classes = IterItems(classes);
-            values = positive ? NarrowToClasses(values, classes, true) : WithoutExactClasses(values, classes);
+            if (positive) {
+                // Exactly those classes: instances of their subclasses go.
+                ValueSet narrowed = NarrowToClasses(values, classes, true), exact;
+                for (const nb::object &v : narrowed.Items())
+                    if (IsInstanceOfExactly(v, classes.Items(), true))
+                        exact.Add(v);
+                values = exact.Empty() ? narrowed : exact;
+            } else {
+                values = WithoutExactClasses(values, classes);
+            }
         } else if (member) {
             return;
         } else if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
