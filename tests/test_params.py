@@ -163,6 +163,10 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # What an if block sets is narrowed by its later ifs that leave.
     ("w = 1 if v else b''\n    if not isinstance(w, int):\n        w = w.decode()\n        if not isinstance(w, int):\n"
      "            raise TypeError()\n    target(w)", "a", {"int"}),
+    # An if/else chain whose every block sets the name hides what was set before it.
+    ("w = b''\n    if v:\n        w = 1\n    else:\n        w = ''\n    target(w)", "a", {"int", "str"}),
+    ("w = b''\n    if v:\n        w = 1\n    elif v == 2:\n        pass\n    else:\n        w = ''\n    target(w)", "a",
+     {"bytes", "int", "str"}),
     # Past an if/elif chain without an else, the earlier values are those none of its tests took.
     ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif isinstance(w, bytes):\n"
      "        w = []\n    target(w)", "a", {"tuple[()]", "list"}),

@@ -55,6 +55,31 @@ def _BlockPaths(body):
     return paths
 
 
+def _IfChains(body):
+    """One tuple per logical of a scope body: at each header of an
+    if/elif/else chain that ends with an `else`, the headers of the chain;
+    empty elsewhere.  One of its blocks surely runs."""
+    chains = [()] * len(body)
+    open_chains = {}  # indent -> headers of the if/elif chain open there
+    for i, logical in enumerate(body):
+        if logical.fType == logicalline.kComment:
+            continue
+        indent = logical.fIndentLevel
+        for deeper in [level for level in open_chains if level > indent]:
+            del open_chains[deeper]
+        chain = open_chains.pop(indent, None)
+        if _LastToken(logical) != ":":
+            continue
+        if logical.fType == logicalline.kIfBeginning:
+            open_chains[indent] = (i,)
+        elif logical.fType == logicalline.kElifBeginning and chain:
+            open_chains[indent] = chain + (i,)
+        elif logical.fType == logicalline.kElseBeginning and chain:
+            for header in chain + (i,):
+                chains[header] = chain + (i,)
+    return chains
+
+
 _kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kContinue,
                          logicalline.kBreak})
 
@@ -150,8 +175,8 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields, block exits).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits = range(6)
+# yields, block exits, if chains).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains = range(7)
 
 
 def _BodyStructure(logicals):
@@ -160,7 +185,7 @@ def _BodyStructure(logicals):
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits))
+            tuple(block_exits), tuple(_IfChains(logicals)))
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -213,6 +238,13 @@ class CBlockStructure:
         logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kBlockExits]
+
+    def IfChains(self, loc, scope_name):
+        """The if/elif/else chains of the body of `scope_name` in `loc` (see
+        _IfChains), as a tuple indexed by body logical index, or None when
+        the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kIfChains]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

@@ -335,6 +335,11 @@ private:
     // The `for` and `while` headers of a scope's body; null when unknown.
     const std::vector<long long> *LoopHeadersOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Whether a setting directly in a block of an if/elif/else chain around
+    // the use's block completes the chain's blocks in `covered` (those that
+    // set the name): then the name was surely set again.
+    bool CompletesIfChain(nb::handle scope, const std::vector<std::vector<long long>> &paths, long long setting,
+                          long long use, std::set<long long> &covered);
     // Whether the use's guards rule out the branch that holds body logical
     // `setting` (`if c: x = 1` ... `else: use`).  Unless `within_turn`, a
     // loop around both lets the setting reach the use on a later turn.

@@ -698,10 +698,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     bool rebound = false;  // a setting that surely ran hides the parameter's binding
     if (best > -3) {
         const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+        std::set<long long> covered;
         for (auto it = before.rbegin(); it != before.rend(); ++it) {
             reaching.insert(*it);
             if (!paths || BlockHolds(*paths, *it, use_index)) {
                 rebound = *it >= 0;
+                break;
+            }
+            if (CompletesIfChain(scope, *paths, *it, use_index, covered)) {
+                rebound = true;
                 break;
             }
         }
@@ -760,6 +765,13 @@ std::vector<long long> IndexList(nb::handle indexes) {
     return out;
 }
 
+std::vector<std::vector<long long>> IndexLists(nb::handle lists) {
+    std::vector<std::vector<long long>> out;
+    for (nb::handle indexes : lists)
+        out.push_back(IndexList(indexes));
+    return out;
+}
+
 }  // namespace
 
 template <class T, class Convert>
@@ -782,12 +794,7 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
 }
 
 const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
-    return FlowOf(scope, "BlockPaths", fMemo.block_paths, [](nb::handle found) {
-        std::vector<std::vector<long long>> paths;
-        for (nb::handle path : found)
-            paths.push_back(IndexList(path));
-        return paths;
-    });
+    return FlowOf(scope, "BlockPaths", fMemo.block_paths, IndexLists);
 }
 
 const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
@@ -860,6 +867,24 @@ bool CEvaluator::BlockHolds(const std::vector<std::vector<long long>> &paths, lo
         return outer.empty();
     const std::vector<long long> &inner = paths[(std::size_t) use];
     return outer.size() <= inner.size() && std::equal(outer.begin(), outer.end(), inner.begin());
+}
+
+bool CEvaluator::CompletesIfChain(nb::handle scope, const std::vector<std::vector<long long>> &paths,
+                                  long long setting, long long use, std::set<long long> &covered) {
+    if (setting < 0 || use < 0 || (std::size_t) setting >= paths.size() || (std::size_t) use >= paths.size() ||
+        paths[(std::size_t) setting].empty())
+        return false;
+    const std::vector<std::vector<long long>> *chains = FlowOf(scope, "IfChains", fMemo.block_paths, IndexLists);
+    long long branch = paths[(std::size_t) setting].back();
+    const std::vector<long long> &use_path = paths[(std::size_t) use];
+    if (!chains || (std::size_t) branch >= chains->size() || (*chains)[(std::size_t) branch].empty() ||
+        !BlockHolds(paths, branch, use) || std::find(use_path.begin(), use_path.end(), branch) != use_path.end())
+        return false;
+    covered.insert(branch);
+    for (long long header : (*chains)[(std::size_t) branch])
+        if (!covered.count(header))
+            return false;
+    return true;
 }
 
 ValueSet CEvaluator::ValuesOfInfo(nb::handle scope, std::string_view ibytes, long long use_index) {
