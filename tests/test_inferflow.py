@@ -48,6 +48,9 @@ def test_guards_and_skipped_ifs_per_logical():
     assert skips[10] == ((2, is_int, 3), (8, "z is None", 9))
     # An if/elif chain whose every block leaves: none of its conditions held.
     assert guards[15] == (left, (11, "a", False), (13, "b", False))
+    # Chains that end with an else, at each of their headers.
+    chains = inferflow._IfChains(BODY)
+    assert (chains[4], chains[6], chains[8], chains[11]) == ((2, 4, 6), (2, 4, 6), (), ())
 
 
 FILE = """\
