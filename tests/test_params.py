@@ -123,6 +123,11 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(1, k='s', b=1.5)", "rest", set()),
     ("target(k=1)", "a", set()),
     ("target(a == 1, 2)", "a", set()),
+    # A bracket that opens an expression, not a display filling the argument.
+    ("target((x for x in [1]))", "a", {"typing.Generator[int, None, None]"}),
+    ("target((v or ''))", "a", {"float", "str"}),
+    ("target([1][0])", "a", {"int"}),
+    ("target((1,))", "a", {"tuple"}),
     # Past an unpacked argument, positions are unknown.
     ("target(*[1], 's')", "b", set()),
     # Tests of None around the call (v: None or float).
