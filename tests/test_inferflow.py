@@ -35,7 +35,7 @@ BODY = [
 
 
 def test_guards_and_skipped_ifs_per_logical():
-    guards, skips = inferflow._Conditions(BODY)
+    guards, skips, _exits = inferflow._Conditions(BODY)
     left = (0, "x is None", False)
     is_int = "isinstance ( y , int )"
     assert guards[1] == ((0, "x is None", True),)
@@ -43,10 +43,14 @@ def test_guards_and_skipped_ifs_per_logical():
     assert guards[5] == (left, (2, is_int, False), (4, "y", True))
     assert guards[7] == (left, (2, is_int, False), (4, "y", False))
     assert guards[10] == (left,)
-    assert skips[9] == ()
-    assert skips[10] == ((8, "z is None", 9),)
+    # The first block of a chain: the later blocks run only when it didn't.
+    assert skips[9] == ((2, is_int, 3),)
+    assert skips[10] == ((2, is_int, 3), (8, "z is None", 9))
     # An if/elif chain whose every block leaves: none of its conditions held.
     assert guards[15] == (left, (11, "a", False), (13, "b", False))
+    # Chains that end with an else, at each of their headers.
+    chains = inferflow._IfChains(BODY)
+    assert (chains[4], chains[6], chains[8], chains[11]) == ((2, 4, 6), (2, 4, 6), (), ())
 
 
 FILE = """\

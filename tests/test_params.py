@@ -123,6 +123,11 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(1, k='s', b=1.5)", "rest", set()),
     ("target(k=1)", "a", set()),
     ("target(a == 1, 2)", "a", set()),
+    # A bracket that opens an expression, not a display filling the argument.
+    ("target((x for x in [1]))", "a", {"typing.Generator[int, None, None]"}),
+    ("target((v or ''))", "a", {"float", "str"}),
+    ("target([1][0])", "a", {"int"}),
+    ("target((1,))", "a", {"tuple"}),
     # Past an unpacked argument, positions are unknown.
     ("target(*[1], 's')", "b", set()),
     # Tests of None around the call (v: None or float).
@@ -146,6 +151,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w = len if v else v\n    if not callable(w):\n        target(w)", "a", {"None", "float"}),
     ("w = len if v else v\n    if callable(w):\n        target(w)", "a", {"def len"}),
     ("w = (lambda: 1) if v else 2\n    if not callable(w):\n        target(w)", "a", {"int"}),
+    # A def binds its name once made: not in its own defaults or decorators, but on a later turn.
+    ("def w(x=target(w)):\n        pass", "a", {"? expression w (logical 0)"}),
+    ("for i in [1]:\n        if i:\n            target(w)\n        def w():\n            pass", "a", {"def app.run.w"}),
     # A star import brings what the module binds, not what its __getattr__ makes up.
     ("target(int)", "a", {"type[int]"}),
     # `is` against an object of its own (a sentinel) tells it from the others.
@@ -154,7 +162,21 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      {"int", "str"}),
     ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = 2\n    else:\n        target(w)", "a",
      {"int"}),
+    ("m = object()\n    w = m if v else 1\n    if w is m:\n        w = ''\n    else:\n        v = 2\n    target(w)", "a",
+     {"int", "str"}),
     ("if isinstance(v, float):\n        w = ()\n    else:\n        w = v\n        target(w)", "a", {"None"}),
+    # What an if block sets is narrowed by its later ifs that leave.
+    ("w = 1 if v else b''\n    if not isinstance(w, int):\n        w = w.decode()\n        if not isinstance(w, int):\n"
+     "            raise TypeError()\n    target(w)", "a", {"int"}),
+    # An if/else chain whose every block sets the name hides what was set before it.
+    ("w = b''\n    if v:\n        w = 1\n    else:\n        w = ''\n    target(w)", "a", {"int", "str"}),
+    ("w = b''\n    if v:\n        w = 1\n    elif v == 2:\n        pass\n    else:\n        w = ''\n    target(w)", "a",
+     {"bytes", "int", "str"}),
+    # Past an if/elif chain without an else, the earlier values are those none of its tests took.
+    ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif isinstance(w, bytes):\n"
+     "        w = []\n    target(w)", "a", {"tuple[()]", "list"}),
+    ("w = 1 if v else b''\n    if isinstance(w, int):\n        w = ()\n    elif w:\n        pass\n    target(w)",
+     "a", {"tuple[()]", "bytes"}),
     ("for i in [1, 2]:\n        if i == 1:\n            w = ()\n        else:\n            target(w)", "a",
      {"tuple[()]"}),
     # What a function returns from its `*args` is what this call passes there.
@@ -163,6 +185,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w = 1 if v else ''\n    if type(w) in {int, float}:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is int:\n        return\n    target(w)", "a", {"str"}),
     ("w = 1 if v else ''\n    if type(w) is object:\n        return\n    target(w)", "a", {"int", "str"}),
+    ("w = True if v else 1\n    if type(w) is int:\n        target(w)", "a", {"int"}),
     # A union with a member that says nothing (the values of an empty dict) says nothing.
     ("w = {}.get('k')\n    target(w)", "a", {"? expression w (logical 1)"}),
     # A term that holds unrelated callables: no call of it says what one of them gets.

@@ -55,6 +55,31 @@ def _BlockPaths(body):
     return paths
 
 
+def _IfChains(body):
+    """One tuple per logical of a scope body: at each header of an
+    if/elif/else chain that ends with an `else`, the headers of the chain;
+    empty elsewhere.  One of its blocks surely runs."""
+    chains = [()] * len(body)
+    open_chains = {}  # indent -> headers of the if/elif chain open there
+    for i, logical in enumerate(body):
+        if logical.fType == logicalline.kComment:
+            continue
+        indent = logical.fIndentLevel
+        for deeper in [level for level in open_chains if level > indent]:
+            del open_chains[deeper]
+        chain = open_chains.pop(indent, None)
+        if _LastToken(logical) != ":":
+            continue
+        if logical.fType == logicalline.kIfBeginning:
+            open_chains[indent] = (i,)
+        elif logical.fType == logicalline.kElifBeginning and chain:
+            open_chains[indent] = chain + (i,)
+        elif logical.fType == logicalline.kElseBeginning and chain:
+            for header in chain + (i,):
+                chains[header] = chain + (i,)
+    return chains
+
+
 _kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kContinue,
                          logicalline.kBreak})
 
@@ -74,17 +99,21 @@ class _CGuardBlock:
 
 
 def _Conditions(body):
-    """Two lists with one tuple per logical of a scope body.  The guards: the
+    """Three lists with one tuple per logical of a scope body.  The guards: the
     conditions known there, as (header index, condition text, holds): those
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding), and an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`.  The skips: the other earlier `if` blocks without an
-    `elif` or `else`, as (header index, condition text, last logical of the
+    `elif` or `else`.  The skips: the other earlier `if` blocks (the first
+    of a chain too), and if/elif chains without an `else` (their conditions
+    joined by `or`), as (header index, condition text, last logical of the
     block): what was set before one reaches past it only when its condition
-    was false."""
+    was false.  The block exits, at the header of an `if` block that doesn't
+    always leave: the guards of the earlier `if` blocks in it that always
+    leave, which hold at its end."""
     guards = []
     skips = []
+    block_exits = [()] * len(body)
     stack = [_CGuardBlock(-1, -1, None, None, [])]
     for i, logical in enumerate(body):
         if logical.fType == logicalline.kComment:
@@ -104,17 +133,24 @@ def _Conditions(body):
                 parent.chain = ([] if first else parent.chain) + [(block.header, block.condition)]
                 parent.chain_exits = (first or parent.chain_exits) and exits
             else:
+                chain = parent.chain + [(block.header, block.condition)]
                 if block.kind == logicalline.kElifBeginning and parent.chain_exits and exits:
                     # An if/elif chain whose every block leaves: none of its
                     # conditions held past it.
-                    parent.exits.extend((h, c, False) for h, c in
-                                        parent.chain + [(block.header, block.condition)])
+                    parent.exits.extend((h, c, False) for h, c in chain)
+                elif block.kind == logicalline.kElifBeginning and all(c for _h, c in chain):
+                    # Without an `else`, what was set before the chain reaches
+                    # past it only when none of its conditions held.
+                    parent.skips.append((chain[0][0], " or ".join(f"( {c} )" for _h, c in chain), i - 1))
                 parent.chain = []
-            if block.kind == logicalline.kIfBeginning and not (continues_chain and same_level):
-                if exits:
+            if block.kind == logicalline.kIfBeginning and exits:
+                if not (continues_chain and same_level):
                     parent.exits.append((block.header, block.condition, False))
-                else:
-                    parent.skips.append((block.header, block.condition, i - 1))
+            elif block.kind == logicalline.kIfBeginning:
+                # Also the first block of a chain: the later blocks run only
+                # when its condition was false.
+                parent.skips.append((block.header, block.condition, i - 1))
+                block_exits[block.header] = tuple(block.exits)
         parent = stack[-1]
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
@@ -131,7 +167,7 @@ def _Conditions(body):
         else:
             inside = []
         stack.append(_CGuardBlock(i, indent, logical.fType, condition, inside))
-    return guards, skips
+    return guards, skips, block_exits
 
 
 _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
@@ -139,16 +175,17 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator = range(5)
+# yields, block exits, if chains).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains = range(7)
 
 
 def _BodyStructure(logicals):
-    guards, skips = _Conditions(logicals)
+    guards, skips, block_exits = _Conditions(logicals)
     loops = tuple(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
-    return tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator
+    return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
+            tuple(block_exits), tuple(_IfChains(logicals)))
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -194,6 +231,20 @@ class CBlockStructure:
         logical index, or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kSkips]
+
+    def BlockExits(self, loc, scope_name):
+        """The guards that hold at the end of each `if` block of the body of
+        `scope_name` in `loc` (see _Conditions), as a tuple indexed by body
+        logical index, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kBlockExits]
+
+    def IfChains(self, loc, scope_name):
+        """The if/elif/else chains of the body of `scope_name` in `loc` (see
+        _IfChains), as a tuple indexed by body logical index, or None when
+        the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kIfChains]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

@@ -335,10 +335,17 @@ private:
     // The `for` and `while` headers of a scope's body; null when unknown.
     const std::vector<long long> *LoopHeadersOf(nb::handle scope);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Whether a setting directly in a block of an if/elif/else chain around
+    // the use's block completes the chain's blocks in `covered` (those that
+    // set the name): then the name was surely set again.
+    bool CompletesIfChain(nb::handle scope, const std::vector<std::vector<long long>> &paths, long long setting,
+                          long long use, std::set<long long> &covered);
     // Whether the use's guards rule out the branch that holds body logical
     // `setting` (`if c: x = 1` ... `else: use`).  Unless `within_turn`, a
     // loop around both lets the setting reach the use on a later turn.
     bool BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn);
+    // Whether a loop holds both body logicals (true when it can't tell).
+    bool InOneLoop(nb::handle scope, long long a, long long b);
     // What the flow provider's `method` says of the body of `scope`, read by
     // `convert` once and kept in `cache`; null when it can't tell.
     template <class T, class Convert>
@@ -346,8 +353,9 @@ private:
     // Conditions at each body logical of a scope, from the flow provider's
     // `method` (header index, condition text, a number): "Guards", those
     // known there (the number: whether it holds); "SkippedIfs", the earlier
-    // `if` blocks (the number: the block's last logical).  Null when it
-    // can't tell.
+    // `if` blocks (the number: the block's last logical); "BlockExits", at
+    // an `if` header, the guards holding at the end of its block.  Null
+    // when it can't tell.
     using Guard = FlowGuard;
     const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
     // `values` of the local `name` (set by `entry` of `record`) at

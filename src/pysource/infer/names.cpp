@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <charconv>
 
 #include "pysource/exprtext.h"
 #include "basekit/stackguard.h"
@@ -697,10 +698,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     bool rebound = false;  // a setting that surely ran hides the parameter's binding
     if (best > -3) {
         const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+        std::set<long long> covered;
         for (auto it = before.rbegin(); it != before.rend(); ++it) {
             reaching.insert(*it);
             if (!paths || BlockHolds(*paths, *it, use_index)) {
                 rebound = *it >= 0;
+                break;
+            }
+            if (CompletesIfChain(scope, *paths, *it, use_index, covered)) {
+                rebound = true;
                 break;
             }
         }
@@ -721,6 +727,17 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     bool declared = false;
     for (const EntryPiece &piece : parsed->pieces)
         declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single));
+    // A def or class binds its name no earlier than the name's first
+    // setting: a use up to there (a decorator or default of the def itself)
+    // doesn't see it, unless a loop around both brings it round again.
+    bool defs_unbound = false;
+    for (const EntryPiece &piece : parsed->pieces) {
+        std::string_view first = si::BareSingle(piece.single);
+        long long first_set = -1;
+        if (use_index >= 0 && !piece.malformed && piece.bare_kind == si::kSetKind &&
+            std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), first_set).ec == std::errc())
+            defs_unbound = first_set >= use_index && !InOneLoop(scope, first_set, use_index);
+    }
     for (const auto &[single, at] : singles) {
         if (declared && !declares(single))
             continue;
@@ -729,6 +746,8 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (best > -3 && at >= -1 && !reaching.count(at))
             continue;
         if (rebound && at < -1 && IsParameterBinding(single))
+            continue;
+        if (defs_unbound && at < -1 && si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single))))
             continue;
         out.Merge(ValuesOfSingle(scope, single, at));
         if (fGaveUp)
@@ -743,6 +762,13 @@ std::vector<long long> IndexList(nb::handle indexes) {
     std::vector<long long> out;
     for (nb::handle index : indexes)
         out.push_back(nb::cast<long long>(index));
+    return out;
+}
+
+std::vector<std::vector<long long>> IndexLists(nb::handle lists) {
+    std::vector<std::vector<long long>> out;
+    for (nb::handle indexes : lists)
+        out.push_back(IndexList(indexes));
     return out;
 }
 
@@ -768,12 +794,7 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
 }
 
 const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
-    return FlowOf(scope, "BlockPaths", fMemo.block_paths, [](nb::handle found) {
-        std::vector<std::vector<long long>> paths;
-        for (nb::handle path : found)
-            paths.push_back(IndexList(path));
-        return paths;
-    });
+    return FlowOf(scope, "BlockPaths", fMemo.block_paths, IndexLists);
 }
 
 const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
@@ -813,13 +834,20 @@ bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long u
         ruled_out = ruled_out || (!held && holds(path, header) && !holds(use_path, header));
     if (!ruled_out || within_turn)
         return ruled_out;
+    return !InOneLoop(scope, setting, use);
+}
+
+bool CEvaluator::InOneLoop(nb::handle scope, long long a, long long b) {
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
     const std::vector<long long> *loops = LoopHeadersOf(scope);
-    if (!loops)
-        return false;
+    if (!paths || !loops || a < 0 || b < 0 || (std::size_t) a >= paths->size() || (std::size_t) b >= paths->size())
+        return true;
+    const std::vector<long long> &a_path = (*paths)[(std::size_t) a], &b_path = (*paths)[(std::size_t) b];
     for (long long loop : *loops)
-        if (holds(path, loop) && holds(use_path, loop))
-            return false;
-    return true;
+        if (std::find(a_path.begin(), a_path.end(), loop) != a_path.end() &&
+            std::find(b_path.begin(), b_path.end(), loop) != b_path.end())
+            return true;
+    return false;
 }
 
 // An unnumbered single of a parameter's binding in its def's body: what
@@ -839,6 +867,24 @@ bool CEvaluator::BlockHolds(const std::vector<std::vector<long long>> &paths, lo
         return outer.empty();
     const std::vector<long long> &inner = paths[(std::size_t) use];
     return outer.size() <= inner.size() && std::equal(outer.begin(), outer.end(), inner.begin());
+}
+
+bool CEvaluator::CompletesIfChain(nb::handle scope, const std::vector<std::vector<long long>> &paths,
+                                  long long setting, long long use, std::set<long long> &covered) {
+    if (setting < 0 || use < 0 || (std::size_t) setting >= paths.size() || (std::size_t) use >= paths.size() ||
+        paths[(std::size_t) setting].empty())
+        return false;
+    const std::vector<std::vector<long long>> *chains = FlowOf(scope, "IfChains", fMemo.block_paths, IndexLists);
+    long long branch = paths[(std::size_t) setting].back();
+    const std::vector<long long> &use_path = paths[(std::size_t) use];
+    if (!chains || (std::size_t) branch >= chains->size() || (*chains)[(std::size_t) branch].empty() ||
+        !BlockHolds(paths, branch, use) || std::find(use_path.begin(), use_path.end(), branch) != use_path.end())
+        return false;
+    covered.insert(branch);
+    for (long long header : (*chains)[(std::size_t) branch])
+        if (!covered.count(header))
+            return false;
+    return true;
 }
 
 ValueSet CEvaluator::ValuesOfInfo(nb::handle scope, std::string_view ibytes, long long use_index) {

@@ -121,7 +121,19 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
                 NarrowBy(tree, root, frame, name, false, before);
             });
-            before.Merge(EntryValues(scope, record, EntryPart(entry, header, last, false), use_index));
+            // What the block set, narrowed by its `if` blocks that leave
+            // after those settings (`if not isinstance(x, int): raise`).
+            ValueSet inside = EntryValues(scope, record, EntryPart(entry, header, last, false), use_index);
+            const std::vector<std::vector<Guard>> *ends = ConditionsOf(scope, "BlockExits");
+            if (ends && (std::size_t) header < ends->size())
+                for (const auto &[exit_header, exit_condition, held] : (*ends)[(std::size_t) header]) {
+                    if (exit_header < latest)
+                        continue;
+                    parse(exit_condition, exit_header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
+                        NarrowBy(tree, root, frame, name, held != 0, inside);
+                    });
+                }
+            before.Merge(inside);
             values = before;
             break;
         }
@@ -208,7 +220,16 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             ValueSet classes = Eval(tree, right, frame);
             if (member)
                 classes = IterItems(classes);
-            values = positive ? NarrowToClasses(values, classes, true) : WithoutExactClasses(values, classes);
+            if (positive) {
+                // Exactly those classes: instances of their subclasses go.
+                ValueSet narrowed = NarrowToClasses(values, classes, true), exact;
+                for (const nb::object &v : narrowed.Items())
+                    if (IsInstanceOfExactly(v, classes.Items(), true))
+                        exact.Add(v);
+                values = exact.Empty() ? narrowed : exact;
+            } else {
+                values = WithoutExactClasses(values, classes);
+            }
         } else if (member) {
             return;
         } else if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {

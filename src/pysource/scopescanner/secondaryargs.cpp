@@ -71,6 +71,29 @@ nb::object CollectionLiteral(std::string_view text, int open_tok, nb::handle lit
     return Literal("tuple", literal);
 }
 
+// Whether a text that opens with a bracket is one display that fills it: a
+// list, set or dict (a comprehension too) or a tuple (`()` or a comma at its
+// top level), rather than an expression such as `(a or b)`,
+// `(x for x in y)` or `[a, b][0]`.
+bool IsWholeDisplay(std::string_view text, int open_tok) {
+    CStringTokenizer tokens{std::string(text)};
+    Py_ssize_t count = 0;
+    bool comma = false;
+    for (; !tokens.fDone; tokens.Next(), ++count) {
+        int tok = tokens.fTokenID;
+        if (tok == kTokEndMarker || tok == kTokNewline || tok == kTokNL || tok == kTokComment)
+            continue;
+        if (count != 0 && tokens.fPriorNestingCount == 0)
+            return false;  // something past the closing bracket
+        if (tokens.fPriorNestingCount == 1) {
+            comma = comma || tok == kTokComma;
+            if (open_tok == kTokLPar && tok == kTokName && tokens.TokenText() == "for")
+                return false;
+        }
+    }
+    return open_tok != kTokLPar || comma || count == 2;
+}
+
 }  // namespace
 
 nb::object CSingleScopeSecondaryScanner::ResolveInThisScope_(nb::handle expr_text,
@@ -184,6 +207,10 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
         end = GetTokenEnd(utf8, 1, false);
     }
     nb::object literal = kSaveLiteralText ? nb::object(nb::str(text.data(), text.size())) : nb::none();
+    // An expression that only opens with a bracket is read like one that
+    // opens with a name.
+    if ((tok == kTokLPar || tok == kTokLSqb || tok == kTokLBrace) && !IsWholeDisplay(text, tok))
+        tok = kTokName;
     switch (tok) {
     case kTokName: {
         if (text == "None")
