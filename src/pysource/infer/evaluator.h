@@ -74,13 +74,22 @@ public:
     const std::vector<nb::object> &Items() const & { return fItems; }
     // On a temporary, the items themselves: a range-for over
     // `Evaluate(...).Items()` then holds them for the loop's life.
-    std::vector<nb::object> Items() && { return std::move(fItems); }
+    std::vector<nb::object> Items() && {
+        fKeys.clear();
+        return std::move(fItems);
+    }
     nb::object AsFrozenSet() const;
     static ValueSet FromIterable(nb::handle items);
     static std::size_t gMaxValues;
 
 private:
+    void AddKeyed(nb::handle single, std::size_t key);
+
     std::vector<nb::object> fItems;
+    // Per item, a cheap key of our own singles (kForeign for any other
+    // object): items whose keys differ are not compared further.
+    std::vector<std::size_t> fKeys;
+    static constexpr std::size_t kForeign = 0;
 };
 
 // The parameters of a def: name, hint text, whether it has a default, and

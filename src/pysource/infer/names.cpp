@@ -79,25 +79,53 @@ bool SaysValue(si::Kind kind) {
 
 std::size_t ValueSet::gMaxValues = 64;
 
+namespace {
+
+// A key equal singles share: their location's address and their bytes'
+// cached hash, never the foreign marker.
+std::size_t SingleKey(const si::CSingleResolvedInfo &single) {
+    Py_hash_t bytes_hash = PyObject_Hash(single.ibytes.ptr());
+    if (bytes_hash == -1)
+        throw nb::python_error();
+    std::size_t key = std::hash<const void *>{}(single.loc.ptr()) * 31 + static_cast<std::size_t>(bytes_hash);
+    return key == 0 ? 1 : key;
+}
+
+}  // namespace
+
 void ValueSet::Add(nb::handle single) {
     if (fItems.size() >= gMaxValues)
         return;
-    // Our own singles compare in C++; anything else as Python compares it.
-    const bool own = IsExactly<si::CSingleResolvedInfo>(single);
-    for (const nb::object &item : fItems) {
+    AddKeyed(single, IsExactly<si::CSingleResolvedInfo>(single)
+                         ? SingleKey(*nb::inst_ptr<si::CSingleResolvedInfo>(single))
+                         : kForeign);
+}
+
+void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
+    if (fItems.size() >= gMaxValues)
+        return;
+    // Our own singles compare in C++, after their keys; anything else as
+    // Python compares it.
+    const bool own = key != kForeign;
+    const si::CSingleResolvedInfo *own_single = own ? nb::inst_ptr<si::CSingleResolvedInfo>(single) : nullptr;
+    for (std::size_t i = 0; i < fItems.size(); ++i) {
+        const nb::object &item = fItems[i];
         if (item.is(single))
             return;
-        if (own && IsExactly<si::CSingleResolvedInfo>(item)
-                ? nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*nb::inst_ptr<si::CSingleResolvedInfo>(single))
-                : item.equal(single))
+        if (own && fKeys[i] != kForeign) {
+            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single))
+                return;
+        } else if (item.equal(single)) {
             return;
+        }
     }
     fItems.push_back(nb::borrow(single));
+    fKeys.push_back(key);
 }
 
 void ValueSet::Merge(const ValueSet &other) {
-    for (const nb::object &item : other.fItems)
-        Add(item);
+    for (std::size_t i = 0; i < other.fItems.size(); ++i)
+        AddKeyed(other.fItems[i], other.fKeys[i]);
 }
 
 nb::object ValueSet::AsFrozenSet() const {
