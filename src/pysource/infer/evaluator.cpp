@@ -80,9 +80,10 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     ValueSet out;
     if (Stop())
         return out;
-    std::tuple<std::string, std::string, std::string, long long> key{
-        LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)),
-        std::string(text), use_index};
+    // The read's key, held by `free_key` (no copy of its texts).
+    RequestKey free_key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text), use_index},
+                        std::to_string(fArgHops)};
+    const ActiveKey &key = free_key.first;
     if (CycleAt(key))
         return out;  // the value depends on itself: nothing more to learn here
     // Within a request every text is evaluated once per binding of the
@@ -98,9 +99,9 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     bool keep_project = memoable && !library && fKeepProjectValues;
     // Keys: `free_key` for values that read no bound name, `context_key`
     // for the others, under the bindings in force (or none).
-    RequestKey free_key{key, std::to_string(fArgHops)};
-    RequestKey context_key{key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
+    RequestKey context_key;
     if (memoable) {
+        context_key = {key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
         for (const RequestKey *k : {&free_key, &context_key})
             if (const ValueSet *hit = RequestValueOf(*k))
                 return *hit;

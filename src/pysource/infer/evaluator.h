@@ -584,7 +584,18 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
     };
-    std::map<RequestKey, Kept<ValueSet>> fRequestValues;
+    struct RequestKeyHash {
+        std::size_t operator()(const RequestKey &key) const {
+            const auto &[url, scope, text, index] = key.first;
+            std::hash<std::string_view> text_hash;
+            std::size_t hash = text_hash(url);
+            for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index),
+                                     text_hash(key.second)})
+                hash = hash * 1000003 ^ part;
+            return hash;
+        }
+    };
+    std::unordered_map<RequestKey, Kept<ValueSet>, RequestKeyHash> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
     // Hints read to check an argument, whose unbound variables stand for
@@ -594,18 +605,20 @@ private:
     // The kept result of `key`: one that read an unfinished value is good
     // while that read is under way (the same cycle), and worked out again
     // after it.
-    template <class Key, class T>
-    const T *KeptOf(std::map<Key, Kept<T>> &kept, const Key &key) {
+    template <class Map, class Key>
+    auto *KeptOf(Map &kept, const Key &key) {
+        using Value = decltype(kept.begin()->second.value);
+        const Value *none = nullptr;
         auto hit = kept.find(key);
         if (hit == kept.end())
-            return nullptr;
+            return none;
         if (hit->second.cycle && !CycleAt(*hit->second.cycle)) {
             kept.erase(hit);
-            return nullptr;
+            return none;
         }
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
-        return &hit->second.value;
+        return static_cast<const Value *>(&hit->second.value);
     }
     const ValueSet *RequestValueOf(const RequestKey &key) { return KeptOf(fRequestValues, key); }
     template <class T>
