@@ -261,6 +261,8 @@ public:
     // it can't), asked once per file.
     const std::string &ModuleNameOfLoc(nb::handle loc);
     nb::object RecordOf(nb::handle scope);         // merged CScopeInfo or None
+    // The scope `name` at `loc`, made once per request.
+    nb::object ScopeAt(nb::handle loc, std::string_view name);
 
 private:
     using Tree = pgen::Tree;
@@ -661,6 +663,25 @@ private:
     };
     void ImportSeen(nb::handle module_scope);
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
+    // The scopes made in this request, by location and name: the same few
+    // are asked for again and again.
+    struct ScopeLookupHash {
+        using is_transparent = void;
+        std::size_t operator()(const std::pair<PyObject *, std::string_view> &key) const {
+            return std::hash<std::string_view>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
+        }
+        std::size_t operator()(const ScopeKey &key) const { 
+            return (*this)(std::pair<PyObject *, std::string_view>{key.first, key.second});
+        }
+    };
+    struct ScopeLookupEqual {
+        using is_transparent = void;
+        template <class A, class B>
+        bool operator()(const A &a, const B &b) const {
+            return a.first == b.first && std::string_view(a.second) == std::string_view(b.second);
+        }
+    };
+    std::unordered_map<ScopeKey, nb::object, ScopeLookupHash, ScopeLookupEqual> fScopes;
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
     // The type arguments a value gives a protocol's variables, by protocol,
     // value, variables and bindings; partial while being matched or when cut.
