@@ -137,6 +137,24 @@ struct ScopeKeyHash {
     }
 };
 
+// A (location address, name) pair finds a ScopeKey without a copy.
+struct ScopeLookupHash {
+    using is_transparent = void;
+    std::size_t operator()(const std::pair<PyObject *, std::string_view> &key) const {
+        return std::hash<std::string_view>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
+    }
+    std::size_t operator()(const ScopeKey &key) const {
+        return (*this)(std::pair<PyObject *, std::string_view>{key.first, key.second});
+    }
+};
+struct ScopeLookupEqual {
+    using is_transparent = void;
+    template <class A, class B>
+    bool operator()(const A &a, const B &b) const {
+        return a.first == b.first && std::string_view(a.second) == std::string_view(b.second);
+    }
+};
+
 // A record entry split into its singles, each with its logical index (when
 // numbered) and its kinds: the same entries are read again and again.
 struct EntryPiece {
@@ -218,6 +236,9 @@ struct EngineMemo {
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
+    // The scopes made, by location and name: the same few are asked for
+    // again and again (each holds its location).
+    std::unordered_map<ScopeKey, nb::object, ScopeLookupHash, ScopeLookupEqual> scopes;
 
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
@@ -231,6 +252,7 @@ struct EngineMemo {
         parsed_texts.clear();
         canonical_singles.clear();
         module_scopes.clear();
+        scopes.clear();
         mros.clear();
         type_vars.clear();
         library_values.clear();
@@ -261,7 +283,7 @@ public:
     // it can't), asked once per file.
     const std::string &ModuleNameOfLoc(nb::handle loc);
     nb::object RecordOf(nb::handle scope);         // merged CScopeInfo or None
-    // The scope `name` at `loc`, made once per request.
+    // The scope `name` at `loc`, made once while the primary records stand.
     nb::object ScopeAt(nb::handle loc, std::string_view name);
 
 private:
@@ -663,25 +685,6 @@ private:
     };
     void ImportSeen(nb::handle module_scope);
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
-    // The scopes made in this request, by location and name: the same few
-    // are asked for again and again.
-    struct ScopeLookupHash {
-        using is_transparent = void;
-        std::size_t operator()(const std::pair<PyObject *, std::string_view> &key) const {
-            return std::hash<std::string_view>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
-        }
-        std::size_t operator()(const ScopeKey &key) const { 
-            return (*this)(std::pair<PyObject *, std::string_view>{key.first, key.second});
-        }
-    };
-    struct ScopeLookupEqual {
-        using is_transparent = void;
-        template <class A, class B>
-        bool operator()(const A &a, const B &b) const {
-            return a.first == b.first && std::string_view(a.second) == std::string_view(b.second);
-        }
-    };
-    std::unordered_map<ScopeKey, nb::object, ScopeLookupHash, ScopeLookupEqual> fScopes;
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
     // The type arguments a value gives a protocol's variables, by protocol,
     // value, variables and bindings; partial while being matched or when cut.

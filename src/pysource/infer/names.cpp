@@ -1218,12 +1218,11 @@ bool CEvaluator::IsLibraryScope(nb::handle scope) {
 }
 
 nb::object CEvaluator::ScopeAt(nb::handle loc, std::string_view name) {
-    auto hit = fScopes.find(std::pair<PyObject *, std::string_view>{loc.ptr(), name});
-    if (hit != fScopes.end())
+    auto hit = fMemo.scopes.find(std::pair<PyObject *, std::string_view>{loc.ptr(), name});
+    if (hit != fMemo.scopes.end())
         return hit->second;
-    // The scope holds its location, so that the address names it alone.
     nb::object scope = MakeScope(loc, name);
-    fScopes.emplace(ScopeKey{loc.ptr(), std::string(name)}, scope);
+    fMemo.scopes.emplace(ScopeKey{loc.ptr(), std::string(name)}, scope);
     return scope;
 }
 
