@@ -131,14 +131,8 @@ using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 // name.  The map holding it holds the location too, so that the address
 // names that location alone.
 using ScopeKey = std::pair<PyObject *, std::string>;
+// Also finds a key by (address, name view), without a copy.
 struct ScopeKeyHash {
-    std::size_t operator()(const ScopeKey &key) const {
-        return std::hash<std::string>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
-    }
-};
-
-// A (location address, name) pair finds a ScopeKey without a copy.
-struct ScopeLookupHash {
     using is_transparent = void;
     std::size_t operator()(const std::pair<PyObject *, std::string_view> &key) const {
         return std::hash<std::string_view>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
@@ -147,6 +141,7 @@ struct ScopeLookupHash {
         return (*this)(std::pair<PyObject *, std::string_view>{key.first, key.second});
     }
 };
+// Compares ScopeKeys and (address, name view) pairs alike.
 struct ScopeLookupEqual {
     using is_transparent = void;
     template <class A, class B>
@@ -238,7 +233,7 @@ struct EngineMemo {
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
     // The scopes made, by location and name: the same few are asked for
     // again and again (each holds its location).
-    std::unordered_map<ScopeKey, nb::object, ScopeLookupHash, ScopeLookupEqual> scopes;
+    std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
