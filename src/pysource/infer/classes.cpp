@@ -219,7 +219,7 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
             vars.push_back(param.name);
         return vars;
     }
-    nb::object parent = MakeScope(c->loc, si::ParentScopeName(NameOf(c)));
+    nb::object parent = ScopeAt(c->loc, si::ParentScopeName(NameOf(c)));
     std::vector<std::string> found;
     bool declared = false;
     for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
@@ -325,7 +325,7 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
             return;
         const auto info_held = ClassInfoOf(bare);
         const si::ClassInfo &info = *info_held;
-        nb::object parent = MakeScope(s->loc, si::ParentScopeName(NameOf(s)));
+        nb::object parent = ScopeAt(s->loc, si::ParentScopeName(NameOf(s)));
         for (const std::string &base : si::SplitDeclArguments(info.arg_decl)) {
             std::string_view text = si::StripSpaces(base);
             if (text.empty() || si::NonNestedFind(text, "=") >= 0 || text.front() == '*')
@@ -391,7 +391,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
         // What instances get assigned (self.x = ...), class by class.
         for (const MroEntry &entry : Mro(cls, map)) {
             si::CSingleResolvedInfo *k = Single(entry.cls);
-            nb::object inst_scope = MakeScope(k->loc, si::GetInstanceNameForClass(NameOf(k)));
+            nb::object inst_scope = ScopeAt(k->loc, si::GetInstanceNameForClass(NameOf(k)));
             nb::object record = RecordOf(inst_scope);
             if (record.is_none())
                 continue;
@@ -424,7 +424,7 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         return out;
     for (const MroEntry &entry : Mro(cls, map)) {
         si::CSingleResolvedInfo *k = Single(entry.cls);
-        nb::object scope = MakeScope(k->loc, NameOf(k));
+        nb::object scope = ScopeAt(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
         bool local = FindLocal(scope, name, -2, found, redirect);
@@ -566,7 +566,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 const auto def_held = DefInfoOf(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
                 const si::DefInfo &def = *def_held;
                 std::vector<Param> params = ParamsOf(def);
-                nb::object def_scope = MakeScope(i->loc, si::DefLineScope(NameOf(i)));
+                nb::object def_scope = ScopeAt(i->loc, si::DefLineScope(NameOf(i)));
                 std::size_t first = params.empty() || params[0].star ? 0 : 1;
                 ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
                     BindTypeVars(def_scope, hint, arg, bound);
@@ -656,7 +656,7 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         // stay what the receiver says (setdefault(k, []) of a dict[str, list[int]]).
         TypeMap of_receiver = map;
         std::vector<Param> params = ParamsOf(def);
-        nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
+        nb::object def_scope = ScopeAt(d->loc, si::DefLineScope(NameOf(d)));
         std::size_t first = 0;
         if (!d->fBoundTo.is_none() && !params.empty()) {
             if (!params[0].hint.empty()) {
@@ -719,7 +719,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     const si::DefInfo &def = *def_held;
     std::string_view name = NameOf(d);
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
-        nb::object def_scope = MakeScope(d->loc, si::DefLineScope(name));
+        nb::object def_scope = ScopeAt(d->loc, si::DefLineScope(name));
         return ResolveHintText(def_scope, *def.return_hint, &map);
     }
     std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(d->loc), std::string(name),
@@ -727,7 +727,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     if (CycleAt(key))
         return out;  // a recursive def: its other returns tell
     ActiveRead active(*this, key);
-    nb::object scope = MakeScope(d->loc, name);
+    nb::object scope = ScopeAt(d->loc, name);
     nb::object record = RecordOf(scope);
     if (record.is_none()) {
         ModuleRecord(d->loc);
@@ -893,7 +893,7 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
         if (!by_position && kwargs && !given_by_keyword(param.name))
             return false;
     }
-    nb::object def_scope = MakeScope(d->loc, si::DefLineScope(NameOf(d)));
+    nb::object def_scope = ScopeAt(d->loc, si::DefLineScope(NameOf(d)));
     // The type variables of the receiver's class are what it says (pop(k,
     // None) of a dict[str, int] wants an int default).
     // Their values' literal values don't count: dict[str, int] of {"a": 1}
@@ -1110,7 +1110,7 @@ bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
         return hit->second;
     fProtocolFits[key] = true;  // a protocol met again while deciding counts as met
     bool fits = true;
-    nb::object record = RecordOf(MakeScope(p->loc, NameOf(p)));
+    nb::object record = RecordOf(ScopeAt(p->loc, NameOf(p)));
     if (!record.is_none()) {
         nb::dict members = nb::borrow<nb::dict>(record.attr("type_equivs"));
         for (auto [name, value] : members) {

@@ -18,7 +18,7 @@ bool CEvaluator::DecoratorMakesProperty(nb::handle loc, const std::string &def_s
     std::string_view text = si::StripSpaces(decorator);
     if (text.empty() || text.find('(') != std::string_view::npos)
         return false;
-    nb::object scope = MakeScope(loc, si::ParentScopeName(si::NormalizeScopeName(def_scope_name)));
+    nb::object scope = ScopeAt(loc, si::ParentScopeName(si::NormalizeScopeName(def_scope_name)));
     nb::object property = BuiltinClass("property");
     if (property.is_none())
         return false;
@@ -60,7 +60,7 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     const si::DefInfo &def = *def_held;
     if (def.decorators.empty() || nb::cast<bool>(fLocCache.attr("IsPyiLocation")(loc)))
         return out;
-    nb::object parent = MakeScope(loc, si::ParentScopeName(NameOf(d)));
+    nb::object parent = ScopeAt(loc, si::ParentScopeName(NameOf(d)));
     if (ScopeKindOf(parent) == "class")
         return out;  // methods: bound as their class says
     // (Only a name defined again, `f|2`, can follow overloads.)
@@ -81,7 +81,7 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
                 if (!info.return_hint || info.return_hint->find_first_not_of(" ") == std::string::npos)
                     continue;
             }
-            if (IsLibraryScope(MakeScope(s->loc, "")))
+            if (IsLibraryScope(ScopeAt(s->loc, "")))
                 decorators.Add(deco);
         }
         ValueSet made;

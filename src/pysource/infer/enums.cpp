@@ -33,7 +33,7 @@ bool CEvaluator::IsEnumMember(nb::handle owner, std::string_view name, const Val
 ValueSet CEvaluator::EnumMemberValues(nb::handle cls) {
     ValueSet out;
     si::CSingleResolvedInfo *c = Single(cls);
-    nb::object scope = MakeScope(c->loc, NameOf(c));
+    nb::object scope = ScopeAt(c->loc, NameOf(c));
     nb::object record = RecordOf(scope);
     if (record.is_none())
         return out;
@@ -70,7 +70,7 @@ nb::object CEvaluator::MetaclassOf(nb::handle cls) {
             std::ptrdiff_t eq = si::NonNestedFind(text, "=");
             if (eq < 0 || si::StripSpaces(text.substr(0, (std::size_t) eq)) != "metaclass")
                 continue;
-            nb::object parent = MakeScope(k->loc, si::ParentScopeName(NameOf(k)));
+            nb::object parent = ScopeAt(k->loc, si::ParentScopeName(NameOf(k)));
             for (const nb::object &m : ResolveText(parent, si::StripSpaces(text.substr((std::size_t) eq + 1)), -2).Items())
                 if (Single(m)->IsClass())
                     return m;

@@ -80,9 +80,10 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     ValueSet out;
     if (Stop())
         return out;
-    std::tuple<std::string, std::string, std::string, long long> key{
-        LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)),
-        std::string(text), use_index};
+    // The read's key, held by `free_key` (no copy of its texts).
+    RequestKey free_key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text), use_index},
+                        std::to_string(fArgHops)};
+    const ActiveKey &key = free_key.first;
     if (CycleAt(key))
         return out;  // the value depends on itself: nothing more to learn here
     // Within a request every text is evaluated once per binding of the
@@ -98,9 +99,9 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     bool keep_project = memoable && !library && fKeepProjectValues;
     // Keys: `free_key` for values that read no bound name, `context_key`
     // for the others, under the bindings in force (or none).
-    RequestKey free_key{key, std::to_string(fArgHops)};
-    RequestKey context_key{key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
+    RequestKey context_key;
     if (memoable) {
+        context_key = {key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
         for (const RequestKey *k : {&free_key, &context_key})
             if (const ValueSet *hit = RequestValueOf(*k))
                 return *hit;
@@ -228,7 +229,7 @@ ValueSet CEvaluator::ScopeObject(nb::handle scope) {
     bool instance = si::IsInstanceScope(name);
     std::string owner = instance ? std::string(name.substr(0, name.size() - si::kClassInstanceSuffix.size()))
                                  : std::string(name);
-    nb::object record = RecordOf(MakeScope(loc, owner));
+    nb::object record = RecordOf(ScopeAt(loc, owner));
     if (record.is_none())
         return out;
     std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
@@ -343,7 +344,7 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
         const si::DefInfo &def = *def_held;
         if (!def.return_hint)
             return out;
-        nb::object def_line = MakeScope(ScopeLoc(frame.scope), si::DefLineScope(ScopeName(frame.scope)));
+        nb::object def_line = ScopeAt(ScopeLoc(frame.scope), si::DefLineScope(ScopeName(frame.scope)));
         for (const nb::object &gen : ResolveHintText(def_line, *def.return_hint, nullptr).Items()) {
             si::CSingleResolvedInfo *g = Single(gen);
             nb::object cls = ClassOfInstance(gen);
@@ -604,7 +605,7 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             if (c->loc.is(builtins) && name == "super") {
                 // super() in a method: the instance seen as its first base.
                 std::string_view scope_name = ScopeName(frame.scope);
-                nb::object cls_scope = MakeScope(ScopeLoc(frame.scope), si::ParentScopeName(scope_name));
+                nb::object cls_scope = ScopeAt(ScopeLoc(frame.scope), si::ParentScopeName(scope_name));
                 if (ScopeKindOf(cls_scope) == "class") {
                     std::string_view own = si::BareSingle(si::TextView(RecordOf(cls_scope).attr("ibytes"), "ibytes"));
                     std::vector<MroEntry> mro = Mro(ClassSingle(ScopeLoc(frame.scope), own), {});
@@ -901,7 +902,7 @@ bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &posit
         si::CSingleResolvedInfo *k = Single(it->cls);
         if (IsTypingModuleName(ModuleNameOfLoc(k->loc)) || k->loc.is(BuiltinLoc()))
             continue;  // NamedTuple itself, tuple, object
-        nb::object scope = MakeScope(k->loc, NameOf(k));
+        nb::object scope = ScopeAt(k->loc, NameOf(k));
         nb::object record = RecordOf(scope);
         if (record.is_none())
             continue;
@@ -927,7 +928,7 @@ ValueSet CEvaluator::TypedDictItem(nb::handle single, std::string_view key) {
     for (const MroEntry &e : mro) {
         si::CSingleResolvedInfo *k = Single(e.cls);
         int redirect = 0;
-        if (FindLocal(MakeScope(k->loc, NameOf(k)), key, -2, out, redirect))
+        if (FindLocal(ScopeAt(k->loc, NameOf(k)), key, -2, out, redirect))
             return out;
     }
     return out;

@@ -74,13 +74,22 @@ public:
     const std::vector<nb::object> &Items() const & { return fItems; }
     // On a temporary, the items themselves: a range-for over
     // `Evaluate(...).Items()` then holds them for the loop's life.
-    std::vector<nb::object> Items() && { return std::move(fItems); }
+    std::vector<nb::object> Items() && {
+        fKeys.clear();
+        return std::move(fItems);
+    }
     nb::object AsFrozenSet() const;
     static ValueSet FromIterable(nb::handle items);
     static std::size_t gMaxValues;
 
 private:
+    void AddKeyed(nb::handle single, std::size_t key);
+
     std::vector<nb::object> fItems;
+    // Per item, a cheap key of our own singles (kForeign for any other
+    // object): items whose keys differ are not compared further.
+    std::vector<std::size_t> fKeys;
+    static constexpr std::size_t kForeign = 0;
 };
 
 // The parameters of a def: name, hint text, whether it has a default, and
@@ -122,9 +131,22 @@ using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
 // name.  The map holding it holds the location too, so that the address
 // names that location alone.
 using ScopeKey = std::pair<PyObject *, std::string>;
+// Also finds a key by (address, name view), without a copy.
 struct ScopeKeyHash {
+    using is_transparent = void;
+    std::size_t operator()(const std::pair<PyObject *, std::string_view> &key) const {
+        return std::hash<std::string_view>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
+    }
     std::size_t operator()(const ScopeKey &key) const {
-        return std::hash<std::string>{}(key.second) ^ (std::hash<const void *>{}(key.first) << 1);
+        return (*this)(std::pair<PyObject *, std::string_view>{key.first, key.second});
+    }
+};
+// Compares ScopeKeys and (address, name view) pairs alike.
+struct ScopeLookupEqual {
+    using is_transparent = void;
+    template <class A, class B>
+    bool operator()(const A &a, const B &b) const {
+        return a.first == b.first && std::string_view(a.second) == std::string_view(b.second);
     }
 };
 
@@ -209,6 +231,9 @@ struct EngineMemo {
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
+    // The scopes made, by location and name: the same few are asked for
+    // again and again (each holds its location).
+    std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
@@ -222,6 +247,7 @@ struct EngineMemo {
         parsed_texts.clear();
         canonical_singles.clear();
         module_scopes.clear();
+        scopes.clear();
         mros.clear();
         type_vars.clear();
         library_values.clear();
@@ -252,6 +278,8 @@ public:
     // it can't), asked once per file.
     const std::string &ModuleNameOfLoc(nb::handle loc);
     nb::object RecordOf(nb::handle scope);         // merged CScopeInfo or None
+    // The scope `name` at `loc`, made once while the primary records stand.
+    nb::object ScopeAt(nb::handle loc, std::string_view name);
 
 private:
     using Tree = pgen::Tree;
@@ -583,7 +611,18 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
     };
-    std::map<RequestKey, Kept<ValueSet>> fRequestValues;
+    struct RequestKeyHash {
+        std::size_t operator()(const RequestKey &key) const {
+            const auto &[url, scope, text, index] = key.first;
+            std::hash<std::string_view> text_hash;
+            std::size_t hash = text_hash(url);
+            for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index),
+                                     text_hash(key.second)})
+                hash = hash * 1000003 ^ part;
+            return hash;
+        }
+    };
+    std::unordered_map<RequestKey, Kept<ValueSet>, RequestKeyHash> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
     // Hints read to check an argument, whose unbound variables stand for
@@ -593,18 +632,20 @@ private:
     // The kept result of `key`: one that read an unfinished value is good
     // while that read is under way (the same cycle), and worked out again
     // after it.
-    template <class Key, class T>
-    const T *KeptOf(std::map<Key, Kept<T>> &kept, const Key &key) {
+    template <class Map, class Key>
+    auto *KeptOf(Map &kept, const Key &key) {
+        using Value = decltype(kept.begin()->second.value);
+        const Value *none = nullptr;
         auto hit = kept.find(key);
         if (hit == kept.end())
-            return nullptr;
+            return none;
         if (hit->second.cycle && !CycleAt(*hit->second.cycle)) {
             kept.erase(hit);
-            return nullptr;
+            return none;
         }
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
-        return &hit->second.value;
+        return static_cast<const Value *>(&hit->second.value);
     }
     const ValueSet *RequestValueOf(const RequestKey &key) { return KeptOf(fRequestValues, key); }
     template <class T>

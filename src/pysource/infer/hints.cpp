@@ -59,7 +59,7 @@ std::string CEvaluator::SpecialFormOf(nb::handle single) {
 TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value) {
     TypeMap found;
     si::CSingleResolvedInfo *p = Single(protocol);
-    nb::object record = RecordOf(MakeScope(p->loc, NameOf(p)));
+    nb::object record = RecordOf(ScopeAt(p->loc, NameOf(p)));
     if (record.is_none() || vars.empty())
         return found;
     // Matching a value against a protocol calls its members, whose hints
@@ -95,7 +95,7 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             const si::DefInfo &def = *def_held;
             if (!def.return_hint)
                 continue;
-            nb::object def_scope = MakeScope(p->loc, si::DefLineScope(si::NormalizeScopeName(def.scope_name)));
+            nb::object def_scope = ScopeAt(p->loc, si::DefLineScope(si::NormalizeScopeName(def.scope_name)));
             // Called with what the protocol's method wants (__round__(ndigits: int)).
             std::vector<ValueSet> args;
             std::vector<Param> params = ParamsOf(def);
@@ -166,7 +166,7 @@ ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
     std::string text;
     for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
         text += (text.empty() ? "" : " | ") + constraint;
-    return ResolveHintText(MakeScope(param->loc, NameOf(param)), text, nullptr);
+    return ResolveHintText(ScopeAt(param->loc, NameOf(param)), text, nullptr);
 }
 
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
@@ -322,7 +322,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
             std::string_view scope_name = ScopeName(frame.scope);
             std::string owner(si::ParentScopeName(scope_name));
             while (!owner.empty()) {
-                nb::object cls_scope = MakeScope(ScopeLoc(frame.scope), owner);
+                nb::object cls_scope = ScopeAt(ScopeLoc(frame.scope), owner);
                 if (ScopeKindOf(cls_scope) == "class") {
                     std::string_view own = si::BareSingle(si::TextView(RecordOf(cls_scope).attr("ibytes"), "ibytes"));
                     return InstanceOf(ClassSingle(ScopeLoc(frame.scope), own), nb::none());

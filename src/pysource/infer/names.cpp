@@ -80,25 +80,53 @@ bool SaysValue(si::Kind kind) {
 
 std::size_t ValueSet::gMaxValues = 64;
 
+namespace {
+
+// A key equal singles share: their location's address and their bytes'
+// cached hash, never the foreign marker.
+std::size_t SingleKey(const si::CSingleResolvedInfo &single) {
+    Py_hash_t bytes_hash = PyObject_Hash(single.ibytes.ptr());
+    if (bytes_hash == -1)
+        throw nb::python_error();
+    std::size_t key = std::hash<const void *>{}(single.loc.ptr()) * 31 + static_cast<std::size_t>(bytes_hash);
+    return key == 0 ? 1 : key;
+}
+
+}  // namespace
+
 void ValueSet::Add(nb::handle single) {
     if (fItems.size() >= gMaxValues)
         return;
-    // Our own singles compare in C++; anything else as Python compares it.
-    const bool own = IsExactly<si::CSingleResolvedInfo>(single);
-    for (const nb::object &item : fItems) {
+    AddKeyed(single, IsExactly<si::CSingleResolvedInfo>(single)
+                         ? SingleKey(*nb::inst_ptr<si::CSingleResolvedInfo>(single))
+                         : kForeign);
+}
+
+void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
+    if (fItems.size() >= gMaxValues)
+        return;
+    // Our own singles compare in C++, after their keys; anything else as
+    // Python compares it.
+    const bool own = key != kForeign;
+    const si::CSingleResolvedInfo *own_single = own ? nb::inst_ptr<si::CSingleResolvedInfo>(single) : nullptr;
+    for (std::size_t i = 0; i < fItems.size(); ++i) {
+        const nb::object &item = fItems[i];
         if (item.is(single))
             return;
-        if (own && IsExactly<si::CSingleResolvedInfo>(item)
-                ? nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*nb::inst_ptr<si::CSingleResolvedInfo>(single))
-                : item.equal(single))
+        if (own && fKeys[i] != kForeign) {
+            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single))
+                return;
+        } else if (item.equal(single)) {
             return;
+        }
     }
     fItems.push_back(nb::borrow(single));
+    fKeys.push_back(key);
 }
 
 void ValueSet::Merge(const ValueSet &other) {
-    for (const nb::object &item : other.fItems)
-        Add(item);
+    for (std::size_t i = 0; i < other.fItems.size(); ++i)
+        AddKeyed(other.fItems[i], other.fKeys[i]);
 }
 
 nb::object ValueSet::AsFrozenSet() const {
@@ -403,14 +431,14 @@ auto OptViewOf(const si::OptText &t) { return t ? si::OptView(*t) : si::OptView(
 // A single of `loc` in canonical form, whose scope name and text `make`
 // gives once per `key`.
 template <class Make>
-nb::object KeptCanonicalSingle(TextMap<std::pair<std::string, nb::object>> &kept, nb::handle loc,
+nb::object KeptCanonicalSingle(CEvaluator &ev, TextMap<std::pair<std::string, nb::object>> &kept, nb::handle loc,
                                std::string_view key, Make make) {
     auto it = kept.find(key);
     if (it == kept.end()) {
         auto [name, canonical] = make();
         it = kept.emplace(std::string(key), std::pair{std::move(name), si::ToBytes(canonical)}).first;
     }
-    nb::object scope = MakeScope(loc, it->second.first);
+    nb::object scope = ev.ScopeAt(loc, it->second.first);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(
         new si::CSingleResolvedInfo(it->second.second, nb::cast<si::CScope *>(scope), nb::borrow(loc))));
 }
@@ -418,7 +446,7 @@ nb::object KeptCanonicalSingle(TextMap<std::pair<std::string, nb::object>> &kept
 }  // namespace
 
 nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
-    return KeptCanonicalSingle(fMemo.canonical_singles, loc, bare, [&] {
+    return KeptCanonicalSingle(*this, fMemo.canonical_singles, loc, bare, [&] {
         const auto info_held = ClassInfoOf(bare);
         const si::ClassInfo &info = *info_held;
         std::string name = si::NormalizeScopeName(info.full_name);
@@ -432,7 +460,7 @@ nb::object CEvaluator::ClassSingle(nb::handle loc, std::string_view bare) {
 nb::object CEvaluator::DefSingle(nb::handle loc, std::string_view bare, char kind) {
     std::string key(1, kind);
     key.append(bare);
-    return KeptCanonicalSingle(fMemo.canonical_singles, loc, key, [&] {
+    return KeptCanonicalSingle(*this, fMemo.canonical_singles, loc, key, [&] {
         const auto info_held = DefInfoOf(bare);
         const si::DefInfo &info = *info_held;
         std::string name = si::NormalizeScopeName(info.scope_name);
@@ -460,7 +488,7 @@ nb::object CEvaluator::ModuleSingle(nb::handle loc, std::string_view dotted) {
 nb::object CEvaluator::LiteralSingle(std::string_view class_name, const std::optional<std::string> &value) {
     nb::object loc = BuiltinLoc();
     std::string ibytes = si::BuildLiteralInfo(class_name, value ? si::OptView(*value) : si::OptView());
-    nb::object scope = MakeScope(loc, class_name);
+    nb::object scope = ScopeAt(loc, class_name);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
         si::ToBytes(ibytes), nb::cast<si::CScope *>(scope), loc)));
 }
@@ -537,12 +565,12 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     if (si::IsDefLineScope(scope_name) || kind == "instance") {
         if (si::IsDefLineScope(scope_name)) {
             std::string def_name(scope_name.substr(0, scope_name.size() - si::kDefLineScopeSuffix.size()));
-            nb::object def_scope = MakeScope(loc, def_name);
+            nb::object def_scope = ScopeAt(loc, def_name);
             nb::object def_record = RecordOf(def_scope);
             if (!def_record.is_none() && ScopeDeclaresTypeParam(def_scope, def_record, name, out))
                 return out;
         }
-        nb::object owner = MakeScope(loc, parent);
+        nb::object owner = ScopeAt(loc, parent);
         ValueSet found = LookupName(owner, name, -2);
         out.Merge(found);
         return out;
@@ -552,7 +580,7 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
         return out;
     }
     while (!parent.empty()) {
-        nb::object up = MakeScope(loc, parent);
+        nb::object up = ScopeAt(loc, parent);
         if (ScopeKindOf(up) != "class") {
             ValueSet found;
             int up_redirect = 0;
@@ -923,7 +951,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     case si::kSpecificScopeKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
         std::string name = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
-        return ValuesOfSingle(MakeScope(loc, si::NormalizeScopeName(name)), f.rest, use_index);
+        return ValuesOfSingle(ScopeAt(loc, si::NormalizeScopeName(name)), f.rest, use_index);
     }
     case si::kSpecificUrlKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
@@ -939,7 +967,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     case si::kDefLineScopeKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
         std::string name = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
-        return ValuesOfSingle(MakeScope(loc, si::DefLineScope(si::NormalizeScopeName(name))), f.rest, -2);
+        return ValuesOfSingle(ScopeAt(loc, si::DefLineScope(si::NormalizeScopeName(name))), f.rest, -2);
     }
     case si::kConditionalKind: {
         auto [condition, wrapped] = si::UnpackConditionalInfo(s);
@@ -988,7 +1016,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     case si::kSelfKind: {
         // The first parameter of a method: an instance of its class.
         ++fBindingReads;
-        return InstanceOfClassScope(MakeScope(loc, si::ParentScopeName(ScopeName(scope))));
+        return InstanceOfClassScope(ScopeAt(loc, si::ParentScopeName(ScopeName(scope))));
     }
     case si::kArgKind: {
         // What callers passed, as the derived records of this def hold it
@@ -1177,7 +1205,7 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
                     out.Add(s);
             if (out.Empty()) {
                 std::string ibytes = si::PackClassInfo(name, std::nullopt, std::nullopt, {});
-                nb::object form_scope = MakeScope(loc, name);
+                nb::object form_scope = ScopeAt(loc, name);
                 out.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(new si::CSingleResolvedInfo(
                     si::ToBytes(ibytes), nb::cast<si::CScope *>(form_scope), loc))));
             }
@@ -1233,6 +1261,15 @@ bool CEvaluator::IsLibraryScope(nb::handle scope) {
     if (it == fMemo.library_urls.end())
         it = fMemo.library_urls.emplace(url, !nb::cast<bool>(fLocCache.attr("WantDerivedInfo")(loc))).first;
     return it->second;
+}
+
+nb::object CEvaluator::ScopeAt(nb::handle loc, std::string_view name) {
+    auto hit = fMemo.scopes.find(std::pair<PyObject *, std::string_view>{loc.ptr(), name});
+    if (hit != fMemo.scopes.end())
+        return hit->second;
+    nb::object scope = MakeScope(loc, name);
+    fMemo.scopes.emplace(ScopeKey{loc.ptr(), std::string(name)}, scope);
+    return scope;
 }
 
 std::string CEvaluator::ClassKey(nb::handle cls) {
