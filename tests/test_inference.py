@@ -355,6 +355,16 @@ def test_python_subclasses_are_honoured(project):
     assert "collections" in asked and "clock" in asked
     assert {s.ibytes for s in result.resolved} == {b":Mcollections"}
 
+    class ComputedScope(symbolinfo.CScope):
+        # A fresh string on every read: the engine must not keep views of it.
+        @property
+        def name(self):
+            return "".join(["fl", "ow"])
+
+    for _ in range(2):
+        result = engine.ResolveToResult(ComputedScope(locs["pkg/shapes.py"], "flow").ExprIn("y"), engine.NewContext())
+        assert {s.ibytes for s in result.resolved} == {b":lstr,text"}
+
 
 def test_stub_conditions_follow_the_configured_version(tmp_path):
     stub = tmp_path / "vers.pyi"

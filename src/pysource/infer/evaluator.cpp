@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <unordered_set>
 
 #include "pysource/exprtext.h"
 #include "pysource/infokinds.h"
@@ -22,6 +23,16 @@ namespace pysource::infer {
 namespace si = symbolinfo;
 using pgen::Node;
 using pgen::NodeKind;
+
+std::string_view ForeignScopeName(nb::handle scope) {
+    // Another object's `name` may be computed afresh on each read, so its
+    // text is copied into a table whose entries never move or die: views
+    // of it stay valid for as long as any caller keeps them. Only fakes and
+    // subclasses get here, with few distinct names.
+    static std::unordered_set<std::string> names;
+    nb::object name = scope.attr("name");
+    return *names.emplace(symbolinfo::TextView(name, "scope name")).first;
+}
 
 namespace {
 

@@ -49,10 +49,11 @@ inline bool SameClass(symbolinfo::CSingleResolvedInfo *a, symbolinfo::CSingleRes
 
 // The name and location of a scope: straight from our own CScope, through
 // its Python attributes for any other object.
+std::string_view ForeignScopeName(nb::handle scope);
 inline std::string_view ScopeName(nb::handle scope) {
     if (IsExactly<symbolinfo::CScope>(scope))
         return nb::inst_ptr<symbolinfo::CScope>(scope)->NameView();
-    return symbolinfo::TextView(scope.attr("name"), "scope name");
+    return ForeignScopeName(scope);
 }
 inline nb::object ScopeLoc(nb::handle scope) {
     if (IsExactly<symbolinfo::CScope>(scope))
