@@ -1,12 +1,15 @@
 """What the benchmarks share: the corpus, its files in memory, best-of timing."""
+import contextlib
 import gc
 import os
+import random
 import subprocess
 import symtable
 import sys
 import time
 
 CORPUS_SCRIPT = os.environ.get("PYSOURCE_CORPUS", "/work/shared/corpus.py")
+kSampleSeed = 20261123
 
 
 def corpus_paths(limit=None, full=False):
@@ -14,6 +17,14 @@ def corpus_paths(limit=None, full=False):
     args = [sys.executable, CORPUS_SCRIPT] + (["--full"] if full else [])
     paths = subprocess.run(args, check=True, capture_output=True, text=True).stdout.split()
     return paths[:limit] if limit else paths
+
+
+def fixed_sample(paths, count):
+    """`count` of `paths` chosen with a fixed seed, in corpus order."""
+    if count >= len(paths):
+        return list(paths)
+    chosen = set(random.Random(kSampleSeed).sample(range(len(paths)), count))
+    return [p for i, p in enumerate(paths) if i in chosen]
 
 
 def read_bytes(paths):
@@ -94,3 +105,50 @@ def peak_resident_bytes():
             if line.startswith("VmHWM:"):
                 return int(line.split()[1]) * 1024
     raise RuntimeError("/proc/self/status has no VmHWM")
+
+
+class CCollectorWatch:
+    """Notes every garbage collection while installed (as a context
+    manager): `fPauses` the processor time of each, `Since(mark)` a short
+    text of those that ran after `mark = len(watch.fPauses)`."""
+
+    def __init__(self):
+        self.fPauses = []         # seconds of each collection
+        self.fGenerations = []    # its generation
+        self._fStarted = 0.0
+
+    def __enter__(self):
+        gc.callbacks.append(self._Note)
+        return self
+
+    def __exit__(self, *_exc):
+        gc.callbacks.remove(self._Note)
+
+    def _Note(self, phase, info):
+        if phase == "start":
+            self._fStarted = time.thread_time()
+        else:
+            self.fPauses.append(time.thread_time() - self._fStarted)
+            self.fGenerations.append(info["generation"])
+
+    def Since(self, mark):
+        return " ".join(f"gen{g} {p * 1e3:.1f} ms"
+                        for g, p in zip(self.fGenerations[mark:], self.fPauses[mark:]))
+
+
+def use_thread_clock():
+    """Makes this thread's processor time the scanners' clock: on a loaded
+    machine, deadlines and lateness then leave out the time others ran."""
+    from pysource import _fastaccess
+    setattr(_fastaccess, "__TimeFunc", time.thread_time)
+
+
+def frozen_start_up(enabled=True):
+    """The block run as the `pysource` command runs its scans: what was made
+    before it left out of the garbage collector's walks (or, not `enabled`,
+    as a host that leaves the collector as it is)."""
+    from pysource import cli
+    frozen = getattr(cli, "StartUpFrozen", None)   # builds before it had none
+    if enabled and frozen is None:
+        sys.stderr.write("this build's pysource command freezes nothing: run unfrozen\n")
+    return frozen() if enabled and frozen is not None else contextlib.nullcontext()

@@ -2,6 +2,7 @@
 library's `symtable` and `ast.parse` over the same files held in memory.
 
     python bench/primary.py [--repeat N] [--limit N] [--skip throughput,memory,single,slices]
+                            [--full-sample N] [--trace]
 
 Figures, each the best of N runs:
   scan            whole-file primary scan of every file, records in memory
@@ -21,7 +22,9 @@ Also measured:
                   the editor's standalone path (goal < 1 ms)
   slices          every file scanned in 5 ms slices: how far past its end time
                   a slice returns (goal: largest < 5 ms), p50 and p99, with the
-                  garbage collector on and off, and its longest pause
+                  garbage collector on and off, and its longest pause; with
+                  --full-sample N also over a fixed-seed sample of the full
+                  corpus; --trace names every slice more than 2 ms late
 
 The files are given to the scanner as remote locations whose content is set
 up front, under a manager with a cache manager (so the content is read from
@@ -49,10 +52,13 @@ from pysource import cli, scopescanner, symbolinfo
 # The helper that installs a manager for a block is shared with the tests.
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
-from benchutil import (best_of, corpus_paths, interleaved_best, machine_load, peak_resident_bytes,  # noqa: E402
-                       quantile, read_bytes, resident_bytes, walk_symtable)
+from benchutil import (CCollectorWatch, corpus_paths, fixed_sample, frozen_start_up,  # noqa: E402
+                       interleaved_best, kSampleSeed, machine_load, peak_resident_bytes, quantile,
+                       read_bytes, resident_bytes, use_thread_clock, walk_symtable)
 
 kSliceSeconds = 0.005
+kTraceLateSeconds = 0.002
+gFreeze = True
 kSingleScopeSamples = 40
 kSingleScopeRepeats = 15
 
@@ -73,13 +79,16 @@ def remote_locations(paths, texts):
     return locs
 
 
-def scan_file(loc, scan_name, slice_seconds=math.inf, overruns=None):
+def scan_file(loc, scan_name, slice_seconds=math.inf, overruns=None, before_slice=None):
     """Scans one file to its end; gives the number of records it made.  With
-    `overruns`, each slice's lateness past its end time is appended."""
+    `overruns`, each slice's lateness past its end time is appended;
+    `before_slice` is called ahead of each slice."""
     clock = getattr(fastaccess, "__TimeFunc")
     scanner = scopescanner.CWholeFilePrimaryScanner(loc, scan_name)
     try:
         while True:
+            if before_slice is not None:
+                before_slice()
             end_time = clock() + slice_seconds
             state = scanner.Scan(end_time)
             if overruns is not None:
@@ -293,55 +302,48 @@ def measure_single_scope(paths, texts):
 # Slices
 
 
-@contextlib.contextmanager
-def collector_pauses():
-    """Yields a list that gets the length of every garbage collection run
-    in the block."""
-    pauses = []
-    started = [0.0]
-
-    def note(phase, _info):
-        if phase == "start":
-            started[0] = time.perf_counter()
-        else:
-            pauses.append(time.perf_counter() - started[0])
-
-    gc.callbacks.append(note)
-    try:
-        yield pauses
-    finally:
-        gc.callbacks.remove(note)
-
-
-def sliced_overruns(locs):
-    """Scans every file in slices; gives each slice's lateness and the
-    latest slice as (lateness, url, index in its file)."""
+def sliced_overruns(locs, trace):
+    """Scans every file in slices; gives each slice's lateness, the latest
+    slice as (lateness, url, index in its file) and the processor time of
+    each garbage collection.  With `trace`, a slice more than
+    kTraceLateSeconds late is written to stderr with the collections inside
+    it."""
     overruns = []
     latest = (-math.inf, "", 0)
-    with installed_manager() as mgr:
+    clock = getattr(fastaccess, "__TimeFunc")
+    with installed_manager() as mgr, frozen_start_up(gFreeze), CCollectorWatch() as watch:
         for loc in locs:
             first = len(overruns)
-            scan_file(loc, mgr.fPrimaryScanName, kSliceSeconds, overruns)
+            if not trace:
+                scan_file(loc, mgr.fPrimaryScanName, kSliceSeconds, overruns)
+            else:
+                marks = []
+                scan_file(loc, mgr.fPrimaryScanName, kSliceSeconds, overruns,
+                          before_slice=lambda: marks.append((len(watch.fPauses), clock())))
+                for index, ((mark, start), late) in enumerate(zip(marks, overruns[first:])):
+                    if late > kTraceLateSeconds:
+                        sys.stderr.write(f"LATE {late * 1e3:.1f} ms slice {index} of {loc.fUrl}; "
+                                         f"collections: {watch.Since(mark) or 'none'}\n")
             late, index = max((o, i - first) for i, o in enumerate(overruns[first:], first))
             latest = max(latest, (late, loc.fUrl, index))
-    return overruns, latest
+    return overruns, latest, watch.fPauses
 
 
-def measure_slices(locs):
+def measure_slices(locs, label, trace):
     """Slices with the garbage collector on, then off: a full collection of
     the objects the records keep runs inside whichever slice triggers it."""
     ms = 1e3
-    print(f"slices of {kSliceSeconds * ms:.0f} ms; overrun past end time (goal: max < 5 ms)")
+    print(f"slices of {kSliceSeconds * ms:.0f} ms, {label}; overrun past end time (goal: max < 5 ms)")
     gc.collect()
-    with collector_pauses() as pauses:
-        with_collector = sliced_overruns(locs)
+    with_collector = sliced_overruns(locs, trace)
     gc.disable()
     try:
-        without_collector = sliced_overruns(locs)
+        without_collector = sliced_overruns(locs, False)
     finally:
         gc.enable()
-    for label, (overruns, latest) in (("collector on", with_collector),
-                                      ("collector off", without_collector)):
+    pauses = with_collector[2]
+    for label, (overruns, latest, _) in (("collector on", with_collector),
+                                         ("collector off", without_collector)):
         late = [max(0.0, o) for o in overruns]
         print(f"  {label:<14} {len(late)} slices, {sum(o > 0 for o in overruns)} late: "
               f"p50 {quantile(late, 0.5) * ms:6.3f} ms  p99 {quantile(late, 0.99) * ms:6.3f} ms  "
@@ -358,9 +360,23 @@ def main():
     parser.add_argument("--repeat", type=int, default=3, help="runs per contender (best is kept)")
     parser.add_argument("--limit", type=int, default=0, help="only the first N files")
     parser.add_argument("--skip", default="", help="comma-separated: throughput,memory,single,slices")
+    parser.add_argument("--full-sample", type=int, default=0,
+                        help="slices also over a fixed-seed sample of N files of the full corpus")
+    parser.add_argument("--trace", action="store_true",
+                        help=f"write each slice more than {kTraceLateSeconds * 1e3:.0f} ms late to stderr "
+                             "with its file and the garbage collections inside it")
     parser.add_argument("--memory-probe", choices=sorted(kMemoryHolders), help=argparse.SUPPRESS)
     parser.add_argument("--traced", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("--cpu", action="store_true",
+                        help="this thread's processor time as the scanners' clock (for a loaded machine)")
+    parser.add_argument("--no-freeze", action="store_true",
+                        help="slices without the gc.freeze() that the pysource command makes after "
+                             "its start-up (a host that doesn't)")
     args = parser.parse_args()
+    global gFreeze
+    gFreeze = not args.no_freeze
+    if args.cpu:
+        use_thread_clock()
     if args.memory_probe:
         memory_probe(args.memory_probe, args.traced, args.limit)
         return
@@ -376,7 +392,12 @@ def main():
     if "single" not in skip:
         measure_single_scope(paths, texts)
     if "slices" not in skip:
-        measure_slices(locs)
+        measure_slices(locs, f"{len(locs)} core files", args.trace)
+        if args.full_sample:
+            sample = fixed_sample(corpus_paths(full=True), args.full_sample)
+            measure_slices(remote_locations(sample, read_bytes(sample)),
+                           f"fixed-seed sample of {len(sample)} full-corpus files (seed {kSampleSeed})",
+                           args.trace)
     print(machine_load())
 
 

@@ -35,7 +35,6 @@ stderr, so a scan that never returns names its file there.
 import argparse
 import gc
 import os
-import random
 import resource
 import shutil
 import sys
@@ -48,19 +47,21 @@ from pysource import _fastaccess, coordinator, scopeinfo, scopescanner, symbolin
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 from managerutil import installed_manager  # noqa: E402
-from benchutil import (corpus_paths, machine_load, peak_resident_bytes, quantile,  # noqa: E402
-                       read_bytes, resident_bytes, walk_symtable)
+from benchutil import (CCollectorWatch, corpus_paths, fixed_sample, kSampleSeed,  # noqa: E402
+                       frozen_start_up, machine_load, peak_resident_bytes, quantile, read_bytes,
+                       resident_bytes, use_thread_clock, walk_symtable)
 
 kSliceSeconds = coordinator.kDefaultSliceSeconds
 kTinySliceSeconds = 0.001
 kLongSliceSeconds = 1e6
 kOverrunGoalSeconds = 0.005
+kTraceLateSeconds = 0.002
 kQuickFiles = 40
-kSeed = 20261123
 ms = 1e3
 
 now = _fastaccess.GetNowTime
 gTraceScans = False
+gFreeze = True
 
 
 # ---------------------------------------------------------------------------
@@ -80,14 +81,6 @@ def copy_corpus(paths, folder):
     return copies
 
 
-def fixed_sample(paths, count):
-    """`count` of `paths` chosen with a fixed seed, in corpus order."""
-    if count >= len(paths):
-        return list(paths)
-    chosen = set(random.Random(kSeed).sample(range(len(paths)), count))
-    return [p for i, p in enumerate(paths) if i in chosen]
-
-
 # ---------------------------------------------------------------------------
 # What the derived scanners do, seen from outside
 
@@ -99,6 +92,7 @@ class CScanLog:
     def __init__(self, guard_seconds, trace=False):
         self.fGuardSeconds = guard_seconds
         self.fTrace = trace              # each Scan call's file and scope to stderr
+        self.fCollections = CCollectorWatch()   # installed while the pass runs
         self.fOverruns = []              # seconds past end_time, one per Scan call
         self.fLatest = (float("-inf"), "", "")   # (lateness, file, scope)
         self.fScanSeconds = 0.0          # inside derived Scan calls
@@ -136,12 +130,20 @@ class CTimedScanner:
         return getattr(self.fScanner, name)
 
     def Scan(self, end_time):
-        if self.fLog.fTrace:
-            sys.stderr.write(f"scan {self.fLoc.fPath} from scope {ActiveScope(self.fScanner)}\n")
+        trace = self.fLog.fTrace
+        if trace:
+            scope = ActiveScope(self.fScanner)
+            sys.stderr.write(f"scan {self.fLoc.fPath} from scope {scope}\n")
             sys.stderr.flush()
+            collections = len(self.fLog.fCollections.fPauses)
         start = now()
         state = self.fScanner.Scan(end_time)
         done = now()
+        if trace and done - end_time > kTraceLateSeconds:
+            sys.stderr.write(f"LATE {(done - end_time) * ms:.1f} ms (call {(done - start) * ms:.1f} ms) "
+                             f"{self.fLoc.fPath} from scope {scope} to {ActiveScope(self.fScanner)}; "
+                             f"collections: {self.fLog.fCollections.Since(collections) or 'none'}\n")
+            sys.stderr.flush()
         self.fSpent += done - start
         self.fLog.fScanSeconds += done - start
         self.fLog.Note(self, done - end_time, state)
@@ -192,43 +194,44 @@ def run_derived_pass(paths, slice_seconds, guard_seconds, keep_records=False, me
     scans slice by slice as `RunDerivedUntilIdle` would, timing each slice."""
     log = CScanLog(guard_seconds, gTraceScans)
     result = CPass(log)
-    with installed_manager(editor=False) as mgr:
+    with installed_manager(editor=False) as mgr, log.fCollections:
         coord = coordinator.CScanCoordinator(
             mgr, derived_progress=report_file_start,
             derived_scanner_class=lambda loc, name, shared: CTimedScanner(log, loc, name, shared))
+        locs = [CLocalFileLocation(path) for path in paths]
         try:
-            locs = [CLocalFileLocation(path) for path in paths]
             coord.AddLocations(locs)
-            coord.RunUntilIdle()
-            result.fPrimaryScopes = coord.fCounts.scopes
-            primary_failures = set(coord.fAbandonedLocs)
-            coord.fSliceSeconds = slice_seconds
-            gc.collect()
-            if memory:
-                result.fRssBefore = resident_bytes()
-                result.fPeakReset = reset_peak_resident()
-            coord.AddDerivedLocations([loc for loc in locs if loc not in primary_failures])
-            start = now()
-            while coord.HasReadyWork() or coord.HasDerivedWork():
-                slice_start = now()
-                for_waits = coord.HasReadyWork()
-                if coord.HasDerivedWork():
-                    coord.RunDerivedSlice()
-                else:
-                    coord.RunSlice()
-                slice_end = now()
-                result.fSliceOverruns.append(slice_end - slice_start - slice_seconds)
-                if for_waits:
-                    result.fWaitScanSeconds += slice_end - slice_start
-            result.fSeconds = now() - start
-            if memory:
-                result.fRssPeak = peak_resident_bytes()
-            result.fNeededFiles = coord.fCounts.needed_files
-            result.fDerivedFiles = coord.fCounts.derived_files
-            result.fErrors = [(loc.fPath, text) for loc, text in coord.fErrors]
-            result.fAbandoned = [loc.fPath for loc in coord.fAbandonedLocs]
-            if keep_records:
-                result.fRecords = derived_records(mgr)
+            with frozen_start_up(gFreeze):
+                coord.RunUntilIdle()
+                result.fPrimaryScopes = coord.fCounts.scopes
+                primary_failures = set(coord.fAbandonedLocs)
+                coord.fSliceSeconds = slice_seconds
+                gc.collect()
+                if memory:
+                    result.fRssBefore = resident_bytes()
+                    result.fPeakReset = reset_peak_resident()
+                coord.AddDerivedLocations([loc for loc in locs if loc not in primary_failures])
+                start = now()
+                while coord.HasReadyWork() or coord.HasDerivedWork():
+                    slice_start = now()
+                    for_waits = coord.HasReadyWork()
+                    if coord.HasDerivedWork():
+                        coord.RunDerivedSlice()
+                    else:
+                        coord.RunSlice()
+                    slice_end = now()
+                    result.fSliceOverruns.append(slice_end - slice_start - slice_seconds)
+                    if for_waits:
+                        result.fWaitScanSeconds += slice_end - slice_start
+                result.fSeconds = now() - start
+                if memory:
+                    result.fRssPeak = peak_resident_bytes()
+                result.fNeededFiles = coord.fCounts.needed_files
+                result.fDerivedFiles = coord.fCounts.derived_files
+                result.fErrors = [(loc.fPath, text) for loc, text in coord.fErrors]
+                result.fAbandoned = [loc.fPath for loc in coord.fAbandonedLocs]
+                if keep_records:
+                    result.fRecords = derived_records(mgr)
         finally:
             coord.destroy()
     return result
@@ -344,7 +347,7 @@ def measure_growth(core_paths, core_result, full_sample, guard):
     label = f"full corpus ({len(full)} files)"
     if full_sample:
         full = fixed_sample(full, full_sample)
-        label = f"fixed-seed sample of {len(full)} files of the full corpus (seed {kSeed})"
+        label = f"fixed-seed sample of {len(full)} files of the full corpus (seed {kSampleSeed})"
     print(f"growth: {label}", flush=True)
     with tempfile.TemporaryDirectory(prefix="pysource-bench-full-") as folder:
         paths = copy_corpus(full, folder)
@@ -374,7 +377,7 @@ def print_memory(result):
 
 def compare_sliced(paths, count, guard):
     sample = fixed_sample(paths, count)
-    print(f"sliced = unsliced: {len(sample)} files (seed {kSeed}), derived records with "
+    print(f"sliced = unsliced: {len(sample)} files (seed {kSampleSeed}), derived records with "
           f"{kTinySliceSeconds * ms:.0f} ms slices vs one long slice", flush=True)
     tiny = run_derived_pass(sample, kTinySliceSeconds, guard, keep_records=True)
     long = run_derived_pass(sample, kLongSliceSeconds, guard, keep_records=True)
@@ -471,10 +474,20 @@ def main():
     parser.add_argument("--budget", type=float, default=400.0,
                         help="no further core round starts after this many seconds of rounds")
     parser.add_argument("--trace", action="store_true",
-                        help="write each derived Scan call's file and scope to stderr (to name a crash)")
+                        help="write each derived Scan call's file and scope to stderr (to name a crash), "
+                             f"and each call more than {kTraceLateSeconds * ms:.0f} ms late with the "
+                             "garbage collections inside it")
+    parser.add_argument("--cpu", action="store_true",
+                        help="this thread's processor time as the scanners' clock (for a loaded machine)")
+    parser.add_argument("--no-freeze", action="store_true",
+                        help="leave out the gc.freeze() that the pysource command makes after its "
+                             "start-up (a host that doesn't)")
     args = parser.parse_args()
-    global gTraceScans
+    global gTraceScans, gFreeze
     gTraceScans = args.trace
+    gFreeze = not args.no_freeze
+    if args.cpu:
+        use_thread_clock()
     limit = kQuickFiles if args.quick and not args.files else args.files
     repeat = 1 if args.quick else args.repeat
     print(machine_load(), flush=True)

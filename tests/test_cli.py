@@ -1,6 +1,7 @@
 """The `pysource` command end to end on a small project made for each test:
 index (twice, after a change, with bad input), show, stats."""
 
+import gc
 import io
 import json
 import os
@@ -13,7 +14,7 @@ import time
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import cli, manager, projectfiles, recordtext, scopeinfo, symbolinfo
+from pysource import cli, coordinator, manager, projectfiles, recordtext, scopeinfo, symbolinfo
 
 SHAPES = textwrap.dedent('''\
     import sys
@@ -460,6 +461,15 @@ class TestDerivedPass:
         code, out, _ = run(capsys, "index")
         assert code == 0 and "derived info from 2 files" in out   # the stub wants none
         assert "in f: value: G" in shown(capsys, "pkg/uses.py")
+
+    def test_index_scans_with_its_start_up_frozen_and_thaws_it_after(self, project, capsys,
+                                                                      monkeypatch):
+        frozen = []
+        run_until_idle = coordinator.CScanCoordinator.RunUntilIdle
+        monkeypatch.setattr(coordinator.CScanCoordinator, "RunUntilIdle",
+                            lambda self: (frozen.append(gc.get_freeze_count()), run_until_idle(self)))
+        assert run(capsys, "index")[0] == 0
+        assert frozen[0] > 0 and gc.get_freeze_count() == 0
 
 
 def damage(sql=None, page=None, flip_page=None):

@@ -8,6 +8,9 @@ import pytest
 from pysource import filellinecache as flc
 from pysource import logicalline as ll
 from pysource.filellinecache import CFileLogicalLineCache, EOLBlindChecksum
+from pysource.llinecache import CLogicalLineCache
+
+from managerutil import fresh_remote
 
 
 class UrlLocation:
@@ -71,6 +74,64 @@ class TestReading:
         remote = type("Remote", (), {"fUrl": "ssh://host/x.py"})()
         assert CFileLogicalLineCache(remote).Update() is False
         assert CFileLogicalLineCache(object()).Update() is False
+
+
+def _facts(cache):
+    return ([(l.fType, l.fFirstLine, l.fLineCount, l.fIndentLevel, l.fText, l.fScopeName,
+              l.fLocalScopeName, l.fIncomplete) for l in cache._fLogicalList],
+            cache.fEncoding, cache.fDecodeErrors, cache.fMatchedDiskMTime)
+
+
+def _update_in_steps(cache):
+    """UpdateUntil with a deadline long past, called until it answers; gives
+    (its answer, the calls it took)."""
+    calls = 1
+    while (got := cache.UpdateUntil(0.0)) is None:
+        calls += 1
+    return got, calls
+
+
+# A text long enough for several steps: folded names, strings across lines,
+# a statement cut off at the end.
+kLongSource = "".join(f"class C{i}:\n    def m(self, \u00e9{i}=1):\n        s = \"\"\"a\nb\"\"\"\n"
+                      f"        return (s,\n                {i})\n" for i in range(300)) + "x = (1,\n"
+
+
+class TestUpdateInSteps:
+    @pytest.mark.parametrize("content", [
+        kLongSource.encode(), kLongSource.encode("latin-1", "replace"),
+        b"# -*- coding: latin-1 -*-\n" + b"x = '\xe9'\n" * 2000, b""])
+    def test_the_same_logicals_as_one_update(self, tmp_path, content):
+        path = tmp_path / "m.py"
+        write(path, content, mtime=1_000.0)
+        whole, stepped = CFileLogicalLineCache(str(path)), CFileLogicalLineCache(str(path))
+        assert whole.Update() is True
+        got, calls = _update_in_steps(stepped)
+        assert got is True and _facts(stepped) == _facts(whole)
+        assert (calls > 2) == (len(content) > 10_000)
+        assert stepped.UpdateUntil(0.0) is True   # held: one step
+
+    def test_a_text_changed_between_steps_is_read_as_it_is_at_the_end(self, tmp_path, events):
+        path = tmp_path / "m.py"
+        write(path, kLongSource)
+        cache = make_cache(str(path), events)
+        assert cache.UpdateUntil(0.0) is None
+        write(path, "y = 2\n")
+        assert _update_in_steps(cache)[0] is True
+        assert [l.fText for l in cache._fLogicalList] == ["y = 2"] and events == []
+
+    @pytest.mark.parametrize("content", [kLongSource, kLongSource.encode()])
+    def test_remote_content(self, content):
+        remote = fresh_remote()
+        remote.SetContent(content, 5.0)
+        whole, stepped = CLogicalLineCache(None, remote, None), CLogicalLineCache(None, remote, None)
+        assert whole.Update() is True
+        got, calls = _update_in_steps(stepped)
+        assert got is True and calls > 2 and _facts(stepped) == _facts(whole)
+
+    def test_no_content_is_false_at_once(self, tmp_path):
+        assert CLogicalLineCache(None, fresh_remote(), None).UpdateUntil(0.0) is False
+        assert CFileLogicalLineCache(str(tmp_path / "nope.py")).UpdateUntil(0.0) is False
 
 
 class TestChanges:

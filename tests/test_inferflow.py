@@ -3,6 +3,8 @@ and the earlier `if` blocks a value may have skipped."""
 
 import collections
 
+import pytest
+
 from basekit.location import CLocalFileLocation
 from pysource import inferflow, logicalline as ll
 
@@ -69,19 +71,23 @@ class _CFixedTimes:
         return 1.0
 
 
-def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path):
+@pytest.mark.parametrize("suffix, kept, files", [(".py", inferflow.kFilesKept, "_fFiles"),
+                                                 (".pyi", inferflow.kStubFilesKept, "_fStubFiles")])
+def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path, suffix, kept, files):
     # Working out every scope of a large file at the first question would
     # hold up a scan's time slice; keeping every file read would keep its
-    # logicals for the collector to walk.
+    # logicals in memory.  Stubs, read by every file's requests, are kept
+    # apart: project files read in between don't push them out.
     flow = inferflow.CBlockStructure(_CFixedTimes())
     locs = []
-    for i in range(inferflow.kFilesKept + 1):
-        path = tmp_path / f"m{i}.py"
+    for i in range(kept + 1):
+        path = tmp_path / f"m{i}{suffix}"
         path.write_text(FILE)
         locs.append(CLocalFileLocation(str(path)))
     assert (flow.BlockPaths(locs[0], "f"), flow.LoopHeaders(locs[0], "f")) == (((), (0,), ()), ())
-    assert "g" in flow._fFiles[locs[0].fUrl][2]  # not worked out yet
+    assert "g" in getattr(flow, files)[locs[0].fUrl][2]  # not worked out yet
     assert (flow.IsGenerator(locs[0], "g"), flow.IsGenerator(locs[0], "f")) == (True, False)
     for loc in locs[1:]:
         flow.BlockPaths(loc, "f")
-    assert locs[0].fUrl not in flow._fFiles and len(flow._fFiles) == inferflow.kFilesKept
+    assert locs[0].fUrl not in getattr(flow, files) and len(getattr(flow, files)) == kept
+    assert len(flow._fFiles) + len(flow._fStubFiles) == kept

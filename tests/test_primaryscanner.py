@@ -243,9 +243,12 @@ class TestIncompleteScopes:
 
 
 class TestSlices:
+    # Long enough for its logicals to be built over several slices.
+    kLongSource = SOURCE * 30
+
     def unsliced(self, tmp_path):
         with installed_manager(editor=False) as mgr:
-            loc = local_file(tmp_path, SOURCE, "whole.py")
+            loc = local_file(tmp_path, self.kLongSource, "whole.py")
             scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
             records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
             scanner.destroy()
@@ -256,7 +259,7 @@ class TestSlices:
         expected = self.unsliced(tmp_path)
         with installed_manager(editor=False) as mgr, counter_clock() as clock:
             install_recording_cache(mgr)
-            loc = local_file(tmp_path, SOURCE, "sliced.py")
+            loc = local_file(tmp_path, self.kLongSource, "sliced.py")
             scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
             state, calls = scan_to_end(scanner, readings, clock)
             assert state is ss.kFinishedScanning
@@ -272,7 +275,8 @@ class TestSlices:
     def test_time_out_at_entry_still_moves_on(self, mgr, tmp_path):
         loc = local_file(tmp_path, SOURCE)
         scanner = ss.CWholeFilePrimaryScanner(loc, mgr.fPrimaryScanName)
-        assert scanner.Scan(0.0) is ss.kTimedOut and scanner.Scan(0.0) is ss.kTimedOut
+        # Each call moves on: the cache, its logicals built, then taken.
+        assert [scanner.Scan(0.0) for _ in range(3)] == [ss.kTimedOut] * 3
         assert scanner.fScanState is ss.kReadyToScan and scanner.GetMatchedDiskMTime() > 1.0
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         scanner.destroy()

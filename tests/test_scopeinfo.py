@@ -1,5 +1,7 @@
 """Records of scans: keys, fields, name look-ups, dependency merges, instance merges."""
 
+import gc
+
 import pytest
 
 from pysource import scopeinfo
@@ -129,6 +131,17 @@ class TestRecord:
         assert isinstance(info.scopes_seen, frozenset)
         assert info.inst_type_equivs is None
         assert info.resolved_imports is scopeinfo.kEmptyFrozenset
+
+    @pytest.mark.parametrize("holds_container", [False, True])
+    def test_finalized_scope_sets_leave_the_collector_unless_they_hold_containers(
+            self, loc, holds_container):
+        # Kept records would otherwise bring on full collections and lengthen them.
+        class Marker:
+            pass
+        info = primary_record(Scope(loc, "f"), {"x": b"1"})
+        info.MergeScopesSeen([Scope(loc, ""), Scope(loc, "g")] + [Marker()] * holds_container, False)
+        info.FinalizeForSave()
+        assert gc.is_tracked(info.scopes_seen) == holds_container
 
 
 class TestMergeScopeInfoSeq:

@@ -414,11 +414,14 @@ class _RecordingFlow:
 
 
 @pytest.mark.parametrize("time_left, put_off", [(1e-4, True), (math.inf, False)])
-def test_whole_file_reads_the_files_flow_before_its_scopes(mgr, locs, time_left, put_off):
-    # The flow structure is read in one step; inside a scope's request it
-    # would fall anywhere in a slice.
+def test_whole_file_reads_the_flow_of_the_file_and_of_builtins_and_typing_before_its_scopes(
+        mgr, locs, time_left, put_off):
+    # A flow structure is read in one step; inside a scope's request it
+    # would fall anywhere in a slice.  Each read is a step of its own, put
+    # off once when the call has too little time left.
     add_record(mgr, locs["app.py"], "", {})
     flow = mgr.fInferenceEngine._fNativeEngine.fFlowProvider = _RecordingFlow()
+    loc_cache = mgr.fInfoCache.fLocCache
     scanner = ss.CWholeFileSecondaryScanner(locs["app.py"], mgr.fDerivedScanName, None)
     try:
         got = [scanner.Scan(_fastaccess.GetNowTime() + time_left)]
@@ -426,7 +429,8 @@ def test_whole_file_reads_the_files_flow_before_its_scopes(mgr, locs, time_left,
         if got[-1] is ss.kTimedOut:
             got.append(scanner.Scan(kForever))
         assert got == [ss.kTimedOut] * put_off + [ss.kFinishedScanning]
-        assert flow.read == [locs["app.py"]] and read_first == ([] if put_off else flow.read)
+        assert flow.read == [locs["app.py"], loc_cache.GetBuiltinLoc(), loc_cache.GetTypingLoc()]
+        assert read_first == ([] if put_off else flow.read)
     finally:
         scanner.destroy()
 

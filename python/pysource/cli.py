@@ -1,6 +1,8 @@
 """The `pysource` command."""
 
 import argparse
+import contextlib
+import gc
 import json
 import os
 import shutil
@@ -299,6 +301,22 @@ def _bound_index_writes(info_cache):
     info_cache.fMaxRecordsInMemory = kRecordsInMemory
 
 
+@contextlib.contextmanager
+def StartUpFrozen():
+    """The modules, the index and the files to scan live for the whole run:
+    left out of the garbage collector's walks, they neither lengthen a full
+    collection (which runs inside whichever time slice triggers it) nor
+    bring the next one on.  The command owns its process (a library leaves
+    this choice to its host); they go back to the collector when the run
+    ends, for a caller of main() that goes on."""
+    gc.collect()
+    gc.freeze()
+    try:
+        yield
+    finally:
+        gc.unfreeze()
+
+
 def _cmd_index(args):
     from basekit.location import CLocalFileLocation
     from pysource import coordinator, indexlock, projectfiles, scopeinfo
@@ -348,16 +366,17 @@ def _cmd_index(args):
             coord.AddLocations(locs)
             if workers is not None:
                 workers.Expect(coord.QueuedLocations())
-            coord.RunUntilIdle()
-            if workers is not None:
-                # What the derived pass needs scanned is scanned here.
-                workers.close()
-                workers = coord.fScannerClass = None
-            if progress is not None:
-                progress.Clear()
-            if not args.primary_only:
-                _run_derived_pass(coord, locs)
-            index.fInfoCache.WriteToDatabase(None)
+            with StartUpFrozen():
+                coord.RunUntilIdle()
+                if workers is not None:
+                    # What the derived pass needs scanned is scanned here.
+                    workers.close()
+                    workers = coord.fScannerClass = None
+                if progress is not None:
+                    progress.Clear()
+                if not args.primary_only:
+                    _run_derived_pass(coord, locs)
+                index.fInfoCache.WriteToDatabase(None)
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(_database_advice(str(err))) from None
         finally:

@@ -190,9 +190,11 @@ def _BodyStructure(logicals):
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
 # file a scan is in and of the few it reaches; every file ever read would
-# keep its logical lines for the garbage collector to walk at each full
-# collection.
+# keep its logical lines in memory.  Stubs are kept apart, and more of them:
+# the same few (the builtins, typing, io) are read by the requests of every
+# file, and read again each time they fell out, in one step inside a request.
 kFilesKept = 8
+kStubFilesKept = 32
 
 
 class CBlockStructure:
@@ -203,8 +205,9 @@ class CBlockStructure:
         self._fInfoCache = info_cache
         # url -> (disk time, the file's logicals, {scope name: the indexes of
         # its body's logicals until first asked for}, {scope name: its
-        # _BodyStructure}), the latest read last
+        # _BodyStructure}), the latest read last; stubs in _fStubFiles
         self._fFiles = {}
+        self._fStubFiles = {}
 
     def BlockPaths(self, loc, scope_name):
         """The block paths of the body of `scope_name` in `loc`, as a tuple
@@ -260,13 +263,15 @@ class CBlockStructure:
 
     def _File(self, loc):
         url = loc.fUrl
+        files, kept = (self._fStubFiles, kStubFilesKept) if url.endswith(".pyi") else \
+            (self._fFiles, kFilesKept)
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
-        known = self._fFiles.pop(url, None)
+        known = files.pop(url, None)
         if known is None or known[0] != mtime:
             known = (mtime, *self._Read(loc), {})
-            if len(self._fFiles) >= kFilesKept:
-                del self._fFiles[next(iter(self._fFiles))]
-        self._fFiles[url] = known
+            if len(files) >= kept:
+                del files[next(iter(files))]
+        files[url] = known
         return known
 
     def _Body(self, loc, scope_name):
@@ -281,10 +286,11 @@ class CBlockStructure:
         return body
 
     def Forget(self, loc=None):
-        if loc is None:
-            self._fFiles.clear()
-        else:
-            self._fFiles.pop(loc.fUrl, None)
+        for files in (self._fFiles, self._fStubFiles):
+            if loc is None:
+                files.clear()
+            else:
+                files.pop(loc.fUrl, None)
 
     @staticmethod
     def _Read(loc):

@@ -1,5 +1,6 @@
 #include "pysource/filellinecache.h"
 
+#include "pysource/fastaccess.h"
 #include "pysource/logicaledit.h"
 #include "pysource/srctokenizer.h"
 
@@ -73,6 +74,28 @@ std::string PathForLocation(nb::handle loc) {
     return nb::cast<std::string>(owner);
 }
 
+// The content of a first build in steps, decoded, and the build over it
+// (which points into the text: a StepBuild stays where it is made).
+struct CFileLogicalLineCache::StepBuild {
+    StepBuild(std::string given, bool given_is_text) : content(std::move(given)), is_text(given_is_text) {
+        if (is_text)
+            decoded.encoding = "utf-8";
+        else
+            decoded = DecodeSource(content);
+        build = std::make_unique<StepwiseLogicalBuild>(is_text ? std::string_view(content)
+                                                               : std::string_view(decoded.utf8));
+    }
+    bool Holds(std::string_view other, bool other_is_text) const {
+        return done && is_text == other_is_text && content == other;
+    }
+
+    std::string content;
+    bool is_text;
+    DecodedSource decoded;
+    std::unique_ptr<StepwiseLogicalBuild> build;
+    bool done = false;
+};
+
 CFileLogicalLineCache::CFileLogicalLineCache(nb::handle loc)
     : CDestroyable(nb::make_tuple("modified")),
       fMatchedDiskMTime(nb::none()),
@@ -100,6 +123,32 @@ void CFileLogicalLineCache::DropContent() {
     EmitModified(nb::list(), removed);
 }
 
+CFileLogicalLineCache::~CFileLogicalLineCache() = default;
+
+bool CFileLogicalLineCache::PeekContent(std::string &content, bool *is_text) {
+    double mtime = 0.0;
+    *is_text = false;
+    return !fPath.empty() && ReadRegularFile(fPath, &content, &mtime);
+}
+
+nb::object CFileLogicalLineCache::UpdateUntil(double end_time) {
+    if (!fStepBuild) {
+        std::string content;
+        bool is_text = false;
+        if (fHaveContent || !PeekContent(content, &is_text))
+            return nb::bool_(Update());
+        fStepBuild = std::make_unique<StepBuild>(std::move(content), is_text);
+    }
+    if (!fStepBuild->done) {
+        fStepBuild->done = fStepBuild->build->Step(end_time);
+        // Taking the logicals (their Python objects, the list) is a step of
+        // its own when this one is out of time.
+        if (!fStepBuild->done || OutOfTime(end_time))
+            return nb::none();
+    }
+    return nb::bool_(Update());
+}
+
 bool CFileLogicalLineCache::Update() {
     if (fPath.empty())
         return false;
@@ -125,8 +174,14 @@ bool CFileLogicalLineCache::ReplaceContent(std::string_view content, double mtim
     // nothing.
     fSpare.assign(content);
     content = fSpare;
+    // A build in steps of this very content has made the logicals already.
+    std::unique_ptr<StepBuild> built =
+        fStepBuild && fStepBuild->Holds(content, is_utf8_text) ? std::move(fStepBuild) : nullptr;
+    fStepBuild.reset();
     DecodedSource decoded;
-    if (is_utf8_text) {
+    if (built) {
+        decoded = std::move(built->decoded);
+    } else if (is_utf8_text) {
         decoded.encoding = "utf-8";
     } else {
         decoded = DecodeSource(content);
@@ -137,7 +192,8 @@ bool CFileLogicalLineCache::ReplaceContent(std::string_view content, double mtim
     nb::list merged;
     if (!fHaveContent ||
         !UpdateLogicalsForEdit(HeldText(), text, _fLogicalList, merged, added, removed))
-        merged = MergeLogicalLists(_fLogicalList, BuildLogicalLines(text), added, removed);
+        merged = MergeLogicalLists(_fLogicalList, built ? built->build->Take() : BuildLogicalLines(text),
+                                   added, removed);
     _fLogicalList = merged;
     fDecodeErrors = DecodeErrorsToList(decoded.errors);
     fEncoding = decoded.encoding;

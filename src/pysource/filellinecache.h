@@ -10,6 +10,7 @@
 #include "basekit/destroyable.h"
 #include "pysource/logicalbuild.h"
 
+#include <memory>
 #include <string>
 
 namespace pysource {
@@ -25,8 +26,15 @@ class CFileLogicalLineCache : public basekit::CDestroyable {
 public:
     // `loc`: an object with an `fUrl` ("file://..."), a str path or a path-like.
     explicit CFileLogicalLineCache(nb::handle loc);
+    ~CFileLogicalLineCache() override;
 
     virtual bool Update();
+    // Update() in steps, for a scan with a deadline: the first read of the
+    // content, which builds every logical, goes on over calls that each end
+    // once the clock reaches `end_time` (a few hundred tokens past it at
+    // most).  None while under way, then what Update() gives.  A later update
+    // (an edit is read again in part) is one step.
+    nb::object UpdateUntil(double end_time);
     nb::object GetEOLBlindChecksum() const;    // str, or None before content was read
     Py_ssize_t IndexForLineno_(Py_ssize_t lineno) const;  // -1 when no logical holds the line
     void SaveWordsToDb();
@@ -39,6 +47,10 @@ public:
     std::string fEncoding;
 
 protected:
+    // The content Update() would take, for a build ahead of it: false when
+    // there is none (Update() then tells why).
+    virtual bool PeekContent(std::string &content, bool *is_text);
+
     // Takes `content` as the cache's content, modified at `mtime`: the bytes
     // of a file (decoded as such) or, with `is_utf8_text`, text already
     // decoded.  Builds the logicals unless the content is the one held.
@@ -51,6 +63,9 @@ protected:
 
 private:
     void DropContent();
+
+    struct StepBuild;                       // a first build under way in steps
+    std::unique_ptr<StepBuild> fStepBuild;  // null for none
 
     // The text of the logicals held: fContent itself when it was given as
     // text, else its decoding.

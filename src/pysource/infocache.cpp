@@ -10,6 +10,7 @@
 #include "pysource/scopekind.h"
 #include "pysource/scopedependantcache.h"
 #include "pysource/symbolinfo.h"
+#include "pysource/untracked.h"
 
 namespace pysource {
 
@@ -81,7 +82,7 @@ nb::object UnionOfSets(const std::vector<nb::handle> &parts) {
             for (nb::handle item : part)
                 if (PySet_Add(all.ptr(), item.ptr()) < 0)
                     throw nb::python_error();
-    return nb::steal(PyFrozenSet_New(all.ptr()));
+    return AtomicFrozenSet(all);
 }
 
 nb::object OptionalBlob(nb::handle value, nb::bytes (*encode)(nb::handle)) {
@@ -818,9 +819,7 @@ nb::object CInfoCache::GetEOLBlindChecksum(nb::handle loc) {
 }
 
 void CInfoCache::SaveWords(nb::handle loc, nb::handle words) {
-    nb::object frozen = nb::steal(PyFrozenSet_New(words.ptr()));
-    if (!frozen.is_valid())
-        throw nb::python_error();
+    nb::object frozen = AtomicFrozenSet(words);
     for (nb::handle word : frozen)
         if (!PyUnicode_Check(word.ptr()))
             throw nb::type_error("SaveWords: words must be str");

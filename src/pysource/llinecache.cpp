@@ -34,13 +34,32 @@ void CLogicalLineCache::ListenToLocation() {
     fListening = true;
 }
 
-bool CLogicalLineCache::TakeRemoteContent(nb::list &added, nb::list &removed, bool *rebuilt) {
+nb::object CLogicalLineCache::RemoteContent() {
     nb::object content = fLoc.attr("GetContent")();
+    if (!content.is_none() && !PyUnicode_Check(content.ptr()) && !PyBytes_Check(content.ptr()))
+        throw nb::type_error("the content of a location must be bytes, str or None");
+    return content;
+}
+
+bool CLogicalLineCache::PeekContent(std::string &content, bool *is_text) {
+    if (fBuffer)
+        return false;
+    if (!fRemote)
+        return CFileLogicalLineCache::PeekContent(content, is_text);
+    nb::object given = RemoteContent();
+    if (given.is_none())
+        return false;
+    *is_text = PyUnicode_Check(given.ptr());
+    Utf8Buffer buf = GetUtf8Buffer(given);
+    content.assign(buf.ptr, (size_t) buf.len);
+    return true;
+}
+
+bool CLogicalLineCache::TakeRemoteContent(nb::list &added, nb::list &removed, bool *rebuilt) {
+    nb::object content = RemoteContent();
     if (content.is_none())
         return false;
     bool is_text = PyUnicode_Check(content.ptr());
-    if (!is_text && !PyBytes_Check(content.ptr()))
-        throw nb::type_error("the content of a location must be bytes, str or None");
     Utf8Buffer buf = GetUtf8Buffer(content);
     nb::object mtime = nb::getattr(fLoc, "fModTime", nb::none());
     double when = mtime.is_none() ? GetNowTime() : nb::cast<double>(mtime);

@@ -45,8 +45,13 @@ public:
     nb::object fCacheMgr;
     nb::object fIdlePriority;
 
+protected:
+    bool PeekContent(std::string &content, bool *is_text) override;
+
 private:
     void ListenToLocation();
+    // The location's current content (bytes or str), or None.
+    nb::object RemoteContent();
     // Takes the location's current content; false when there is none.
     bool TakeRemoteContent(nb::list &added, nb::list &removed, bool *rebuilt);
 

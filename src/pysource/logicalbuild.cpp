@@ -1,5 +1,6 @@
 #include "pysource/logicalbuild.h"
 
+#include "pysource/fastaccess.h"
 #include "pysource/namefold.h"
 #include "pysource/srctokenizer.h"
 
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <unordered_map>
 
@@ -224,13 +226,24 @@ void FoldNameTokens(CLogicalLine &l) {
 class LogicalBuilder {
 public:
     LogicalBuilder(std::string_view text, const std::vector<OpenScope> &open_scopes)
-        : fText(text), fMayFoldNames(HasNonAsciiByte(text)) {
+        : fText(text),
+          fScanner(text.data(), (Py_ssize_t) text.size()),
+          fMayFoldNames(HasNonAsciiByte(text)) {
         fScopes.push_back(Scope{-1, nb::str(""), {}});
         for (const OpenScope &open : open_scopes)
             fScopes.push_back(Scope{open.indent, open.name, {}});
     }
 
-    std::vector<nb::ref<CLogicalLine>> Run();
+    std::vector<nb::ref<CLogicalLine>> Run() {
+        Step(kNoDeadline);
+        return std::move(fOut);
+    }
+    // Goes on until the text is done (true) or the clock reaches `end_time`
+    // (false); the clock is read every kTokensPerClockReading tokens.
+    bool Step(double end_time);
+    std::vector<nb::ref<CLogicalLine>> TakeLogicals() { return std::move(fOut); }
+
+    static constexpr double kNoDeadline = std::numeric_limits<double>::infinity();
 
 private:
     struct Scope {
@@ -256,7 +269,12 @@ private:
         return TokenSpan{fText.data(), fSpanToks.data() + b, e - b};
     }
 
+    void HandleToken(const ScannedToken &tok);
+
+    static constexpr int kTokensPerClockReading = 512;
     std::string_view fText;
+    CTokenScanner fScanner;
+    bool fDone = false;
     bool fMayFoldNames;  // only a text with non-ASCII bytes can hold names to fold
     std::vector<ScannedToken> fPending;  // tokens of the current statement line
     std::vector<Token> fSpanToks;        // the same, as offsets into fText
@@ -480,48 +498,65 @@ void LogicalBuilder::AttachTypeComment() {
             nb::make_tuple(fTypeComment.line, CharacterColumn(fTypeComment)));
 }
 
-std::vector<nb::ref<CLogicalLine>> LogicalBuilder::Run() {
-    CTokenScanner scanner(fText.data(), (Py_ssize_t) fText.size());
+bool LogicalBuilder::Step(double end_time) {
     ScannedToken tok;
-    while (scanner.Next(tok)) {
-        switch (tok.type) {
-        case kTokNewline: {
-            bool cut_off = false;
-            if (tok.length == 0 && !fPending.empty()) {
-                const ScannedToken &last = fPending.back();
-                cut_off = scanner.Depth() > 0 || scanner.EndedInContinuation() ||
-                          (last.type == kTokError &&
-                           last.offset + last.length == (Py_ssize_t) fText.size());
-            }
-            FlushStatement(cut_off);
+    int until_reading = kTokensPerClockReading;
+    while (!fDone) {
+        if (!fScanner.Next(tok)) {
+            FlushStatement(true);
+            fDone = true;
             break;
         }
-        case kTokNL:
-            break;
-        case kTokComment:
-            if (fPending.empty()) {
-                EmitComment(tok);
-            } else if (IsTypeComment(fText.substr((size_t) tok.offset, (size_t) tok.length))) {
-                fTypeComment = tok;
-                fHaveTypeComment = true;
-            }
-            break;
-        default:
-            // A def or class at the start of a line can't be inside brackets:
-            // a bracket was left open, and the statement ends here.
-            if (!fPending.empty() && scanner.Depth() > 0 && tok.type == kTokName &&
-                tok.line > fPending.back().last_line) {
-                std::string_view word = fText.substr((size_t) tok.offset, (size_t) tok.length);
-                if (word == "def" || word == "class") {
-                    FlushStatement(true);
-                    scanner.ResetDepth();
-                }
-            }
-            Push(tok);
+        HandleToken(tok);
+        if (--until_reading == 0) {
+            until_reading = kTokensPerClockReading;
+            if (end_time != kNoDeadline && OutOfTime(end_time))
+                return false;
         }
     }
-    FlushStatement(true);
-    return std::move(fOut);
+    return true;
+}
+
+void LogicalBuilder::HandleToken(const ScannedToken &tok) {
+    switch (tok.type) {
+    case kTokNewline: {
+        bool cut_off = false;
+        if (tok.length == 0 && !fPending.empty()) {
+            const ScannedToken &last = fPending.back();
+            cut_off = fScanner.Depth() > 0 || fScanner.EndedInContinuation() ||
+                      (last.type == kTokError && last.offset + last.length == (Py_ssize_t) fText.size());
+        }
+        FlushStatement(cut_off);
+        break;
+    }
+    case kTokNL:
+        break;
+    case kTokComment:
+        if (fPending.empty()) {
+            EmitComment(tok);
+        } else if (IsTypeComment(fText.substr((size_t) tok.offset, (size_t) tok.length))) {
+            fTypeComment = tok;
+            fHaveTypeComment = true;
+        }
+        break;
+    default:
+        // A def or class at the start of a line can't be inside brackets:
+        // a bracket was left open, and the statement ends here.
+        if (!fPending.empty() && fScanner.Depth() > 0 && tok.type == kTokName &&
+            tok.line > fPending.back().last_line) {
+            std::string_view word = fText.substr((size_t) tok.offset, (size_t) tok.length);
+            if (word == "def" || word == "class") {
+                FlushStatement(true);
+                fScanner.ResetDepth();
+            }
+        }
+        Push(tok);
+    }
+}
+
+void CheckTextSize(std::string_view utf8) {
+    if (utf8.size() >= (size_t) UINT32_MAX)
+        throw nb::value_error("source text too large");
 }
 
 }  // namespace
@@ -556,16 +591,30 @@ DecodedSource DecodeSource(std::string_view data) {
 }
 
 std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8) {
-    if (utf8.size() >= (size_t) UINT32_MAX)
-        throw nb::value_error("source text too large");
+    CheckTextSize(utf8);
     return LogicalBuilder(utf8, {}).Run();
 }
+
+struct StepwiseLogicalBuild::State {
+    explicit State(std::string_view utf8) : builder(utf8, {}) {}
+    LogicalBuilder builder;
+};
+
+StepwiseLogicalBuild::StepwiseLogicalBuild(std::string_view utf8) {
+    CheckTextSize(utf8);
+    fState = std::make_unique<State>(utf8);
+}
+
+StepwiseLogicalBuild::~StepwiseLogicalBuild() = default;
+
+bool StepwiseLogicalBuild::Step(double end_time) { return fState->builder.Step(end_time); }
+
+std::vector<nb::ref<CLogicalLine>> StepwiseLogicalBuild::Take() { return fState->builder.TakeLogicals(); }
 
 std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8,
                                                      const std::vector<OpenScope> &open_scopes,
                                                      Py_ssize_t first_line) {
-    if (utf8.size() >= (size_t) UINT32_MAX)
-        throw nb::value_error("source text too large");
+    CheckTextSize(utf8);
     std::vector<nb::ref<CLogicalLine>> out = LogicalBuilder(utf8, open_scopes).Run();
     for (nb::ref<CLogicalLine> &logical : out)
         ShiftLogicalLines(*logical, first_line - 1);

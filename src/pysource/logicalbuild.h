@@ -41,6 +41,7 @@
 
 #include "pysource/logicalline.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +68,24 @@ DecodedSource DecodeSource(std::string_view data);
 
 // The logical lines of a UTF-8 text, in source order.
 std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8);
+
+// The same built in steps, for a caller with a deadline: Step(end_time) goes
+// on until the text is done (true) or the clock reaches end_time (false),
+// reading the clock every few hundred tokens; Take() gives the logicals once
+// done.  `utf8` must stay in place until then.
+class StepwiseLogicalBuild {
+public:
+    explicit StepwiseLogicalBuild(std::string_view utf8);
+    ~StepwiseLogicalBuild();
+    StepwiseLogicalBuild(const StepwiseLogicalBuild &) = delete;
+    StepwiseLogicalBuild &operator=(const StepwiseLogicalBuild &) = delete;
+    bool Step(double end_time);
+    std::vector<nb::ref<CLogicalLine>> Take();
+
+private:
+    struct State;
+    std::unique_ptr<State> fState;
+};
 
 // A def or class whose body a part of a text lies in: its indent and its
 // normalised full name.

@@ -4,6 +4,7 @@
 
 #include "pysource/infodatabase.h"
 #include "pysource/scoperef.h"
+#include "pysource/untracked.h"
 
 #include <cstdint>
 #include <cstring>
@@ -183,7 +184,7 @@ nb::object DecodeScopes(nb::handle blob, const std::string &origin,
     }
     if (!in.AtEnd())
         in.Damaged("a scope set has trailing bytes");
-    return nb::steal(PyFrozenSet_New(items.ptr()));
+    return AtomicFrozenSet(items);
 }
 
 nb::bytes EncodeStrings(nb::handle strings) {
@@ -209,7 +210,7 @@ nb::object DecodeStrings(nb::handle blob, const std::string &origin) {
             throw nb::python_error();
     if (!in.AtEnd())
         in.Damaged("a word list has trailing bytes");
-    return nb::steal(PyFrozenSet_New(items.ptr()));
+    return AtomicFrozenSet(items);
 }
 
 namespace {

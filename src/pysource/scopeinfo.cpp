@@ -13,6 +13,7 @@
 #include "pysource/packedops.h"
 #include "pysource/pytext.h"
 #include "pysource/symbolinfo.h"
+#include "pysource/untracked.h"
 
 namespace pysource {
 
@@ -96,25 +97,6 @@ void CheckNameMap(nb::handle map, const char *what) {
     }
 }
 
-// A map whose names and values hold no references needn't be walked by the
-// garbage collector.  One built through containers (sets of singles joined
-// into bytes at the end) stays tracked, and the collector itself only lets
-// go of such a dict in a full collection: untracked here, a record's maps
-// neither count towards the next full collection nor lengthen it.  A
-// container stored into the map later tracks it again.
-void UntrackAtomicMap(nb::handle map) {
-    PyObject *dict = map.ptr();
-    if (!PyDict_CheckExact(dict) || !PyObject_GC_IsTracked(dict))
-        return;
-    PyObject *name, *value;
-    Py_ssize_t pos = 0;
-    while (PyDict_Next(dict, &pos, &name, &value)) {
-        if (PyObject_IS_GC(name) || PyObject_IS_GC(value))
-            return;
-    }
-    PyObject_GC_UnTrack(dict);
-}
-
 bool MapIsEmpty(nb::handle map) {
     return map.is_none() || !map.is_valid() || (PyDict_Check(map.ptr()) && PyDict_GET_SIZE(map.ptr()) == 0);
 }
@@ -154,10 +136,7 @@ nb::object FrozenOrEmpty(nb::handle items) {
     }
     if (PyFrozenSet_CheckExact(items.ptr()))
         return nb::borrow(items);
-    PyObject *frozen = PyFrozenSet_New(items.ptr());
-    if (!frozen)
-        throw nb::python_error();
-    return nb::steal(frozen);
+    return AtomicFrozenSet(items);
 }
 
 }  // namespace

@@ -27,6 +27,7 @@ NB_MODULE(filellinecache, m) {
         nb::is_weak_referenceable(), nb::type_slots(bindutil::kDestroyableSlots))
         .def(nb::init<nb::handle>(), nb::arg("loc"))
         .def("Update", &CFileLogicalLineCache::Update)
+        .def("UpdateUntil", &CFileLogicalLineCache::UpdateUntil, nb::arg("end_time"))
         .def("GetEOLBlindChecksum", &CFileLogicalLineCache::GetEOLBlindChecksum)
         .def("_IndexForLineno", &CFileLogicalLineCache::IndexForLineno_, nb::arg("lineno"))
         .def("SaveWordsToDb", &CFileLogicalLineCache::SaveWordsToDb)

@@ -4,6 +4,7 @@
 #include "pysource/packedops.h"
 #include "pysource/pytext.h"
 #include "pysource/resolvedinfo.h"
+#include "pysource/untracked.h"
 
 namespace pysource::infer {
 
@@ -29,7 +30,7 @@ nb::object CResolvedReducer::Reduce(nb::handle resolved, bool keep_literal_value
         if (PySet_Add(out.ptr(), single.ptr()) < 0)
             throw nb::python_error();
     }
-    return nb::steal(PyFrozenSet_New(out.ptr()));
+    return AtomicFrozenSet(out);
 }
 
 }  // namespace pysource::infer

@@ -5,6 +5,7 @@
 #include "pysource/packedops.h"
 #include "pysource/pytext.h"
 #include "pysource/resolvedinfo.h"
+#include "pysource/untracked.h"
 
 namespace pysource::infer {
 
@@ -19,7 +20,7 @@ nb::object FrozenSetOf(const std::vector<long long> &items) {
         if (PySet_Add(out.ptr(), value.ptr()) < 0)
             throw nb::python_error();
     }
-    return nb::steal(PyFrozenSet_New(out.ptr()));
+    return AtomicFrozenSet(out);
 }
 
 si::CSingleResolvedInfo *AsSingle(nb::handle obj) {

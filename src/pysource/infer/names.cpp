@@ -24,6 +24,7 @@
 #include "pysource/scopeinfo.h"
 #include "pysource/scopename.h"
 #include "pysource/scoperef.h"
+#include "pysource/untracked.h"
 
 namespace pysource::infer {
 
@@ -133,7 +134,7 @@ nb::object ValueSet::AsFrozenSet() const {
     nb::list items;
     for (const nb::object &item : fItems)
         items.append(item);
-    return nb::steal(PyFrozenSet_New(items.ptr()));
+    return AtomicFrozenSet(items);
 }
 
 ValueSet ValueSet::FromIterable(nb::handle items) {

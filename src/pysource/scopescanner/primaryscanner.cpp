@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pysource/fastaccess.h"
+#include "pysource/llinecache.h"
 #include "pysource/scopescanner/primaryutil.h"
 #include "pysource/strutils.h"
 #include "pysource/symbolinfo.h"
@@ -611,6 +612,20 @@ void CWholeFilePrimaryScanner::TakeContentFacts(nb::handle cache) {
     fPerFileInfo->fEOLBlindChecksum = cache.attr("GetEOLBlindChecksum")();
 }
 
+namespace {
+
+// The cache behind `cache` when it is exactly one of our logical line caches
+// (a Python subclass may change how it updates), else null.
+CFileLogicalLineCache *OwnCache(nb::handle cache) {
+    PyTypeObject *type = Py_TYPE(cache.ptr());
+    if (type != (PyTypeObject *) nb::type<CFileLogicalLineCache>().ptr() &&
+        type != (PyTypeObject *) nb::type<CLogicalLineCache>().ptr())
+        return nullptr;
+    return nb::inst_ptr<CFileLogicalLineCache>(cache);
+}
+
+}  // namespace
+
 nb::ref<CNamedConstant> CWholeFilePrimaryScanner::PrepareLogicalList_(double end_time) {
     if (fLogicalCache_.is_none()) {
         fLogicalCache_ = GetLogicalCache_();
@@ -622,8 +637,16 @@ nb::ref<CNamedConstant> CWholeFilePrimaryScanner::PrepareLogicalList_(double end
             return kTimedOut;
     }
     if (!fUpdateFromCacheCalled_) {
-        nb::object updated = fAnalysis_.is_none() ? fLogicalCache_.attr("Update")()
-                                                  : fAnalysis_.attr("UpdateFromCache")();
+        nb::object updated;
+        if (CFileLogicalLineCache *own = fAnalysis_.is_none() ? OwnCache(fLogicalCache_) : nullptr) {
+            // A large file's logicals take more than a slice: built in steps.
+            updated = own->UpdateUntil(end_time);
+            if (updated.is_none())
+                return kTimedOut;
+        } else {
+            updated = fAnalysis_.is_none() ? fLogicalCache_.attr("Update")()
+                                           : fAnalysis_.attr("UpdateFromCache")();
+        }
         fUpdateFromCacheCalled_ = true;  // one attempt only
         if (!IsTrue(updated)) {
             if (IsLocalFileLocation(ScopeOf(fScope).loc)) {

@@ -343,26 +343,46 @@ nb::ref<CNamedConstant> CWholeFileSecondaryScanner::Scan(double end_time) {
 
 // The inference engine reads a file's flow structure (the block paths of
 // its bodies) in one step, inside the first request that needs it, wherever
-// that falls in a slice.  It is read here ahead of the file's requests, as a
-// step of its own: put off once to the next call when this one starts with
-// less than kFlowReadSeconds left.
-bool CWholeFileSecondaryScanner::ReadFlowFirst(double end_time) {
+// that falls in a slice.  The files that nearly every request of this file
+// reads -- the file itself, the builtins and the typing stubs -- are read
+// here ahead of the requests, each as a step of its own, put off once to the
+// next call when this one has less than kFlowReadSeconds left.  The provider
+// keeps the stubs it read, so that for later files their steps cost nothing.
+bool CWholeFileSecondaryScanner::ReadFlowAhead(double end_time) {
     constexpr double kFlowReadSeconds = 0.010;
-    if (fFlowRead)
-        return false;
-    if (!fFlowPutOff && end_time - GetNowTime() < kFlowReadSeconds) {
-        fFlowPutOff = true;
-        return true;
+    constexpr int kFlowFiles = 3;  // this file, the builtins, typing
+    while (fFlowFilesRead < kFlowFiles) {
+        nb::object provider = _fSharedObjects->fInferenceEngine.attr("fFlowProvider");
+        if (provider.is_none() || !nb::hasattr(provider, "ReadFile")) {
+            fFlowFilesRead = kFlowFiles;
+            return false;
+        }
+        if (!fFlowPutOff && end_time - GetNowTime() < kFlowReadSeconds) {
+            fFlowPutOff = true;
+            return true;
+        }
+        fFlowPutOff = false;
+        nb::object loc = FlowFileAhead(fFlowFilesRead++);
+        if (!loc.is_none())
+            provider.attr("ReadFile")(loc);
+        if (OutOfTime(end_time))
+            return true;
     }
-    fFlowRead = true;
-    nb::object provider = _fSharedObjects->fInferenceEngine.attr("fFlowProvider");
-    if (!provider.is_none() && nb::hasattr(provider, "ReadFile"))
-        provider.attr("ReadFile")(LocOf(fScope));
-    return OutOfTime(end_time);
+    return false;
+}
+
+nb::object CWholeFileSecondaryScanner::FlowFileAhead(int index) {
+    if (index == 0)
+        return LocOf(fScope);
+    nb::handle loc_cache = _fSharedObjects->fLocCache;
+    const char *getter = index == 1 ? "GetBuiltinLoc" : "GetTypingLoc";
+    if (loc_cache.is_none() || !nb::hasattr(loc_cache, getter))
+        return nb::none();
+    return loc_cache.attr(getter)();
 }
 
 nb::ref<CNamedConstant> CWholeFileSecondaryScanner::ScanQueue(double end_time) {
-    if (ReadFlowFirst(end_time))
+    if (ReadFlowAhead(end_time))
         return kTimedOut;
     if (_fActiveScopeScanner) {
         nb::object name = ScopeOf(_fActiveScopeScanner->OurScope()).name;

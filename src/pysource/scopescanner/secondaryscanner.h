@@ -188,10 +188,12 @@ public:
 
 private:
     nb::ref<CNamedConstant> ScanQueue(double end_time);
-    // Whether this call must end before anything else: the file's flow
-    // structure is read as a step of its own (see the definition).
-    bool ReadFlowFirst(double end_time);
-    bool fFlowRead = false;
+    // Whether this call must end before anything else: the flow structure
+    // of the files nearly every request reads is read in steps of their own
+    // (see the definition).
+    bool ReadFlowAhead(double end_time);
+    nb::object FlowFileAhead(int index);  // a location, or None
+    int fFlowFilesRead = 0;
     bool fFlowPutOff = false;
     void Enqueue(nb::handle name);
 };
