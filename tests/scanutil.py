@@ -34,15 +34,29 @@ class CounterClock:
         return float(self.now + readings)
 
 
+class SettableClock:
+    """A clock that reads `now`, which the test moves."""
+
+    def __init__(self, now=0.0):
+        self.now = now
+
+    def __call__(self):
+        return self.now
+
+
 @contextlib.contextmanager
-def counter_clock():
+def replaced_clock(clock):
+    """`clock` stands for the module clock during the block."""
     previous = getattr(fastaccess, "__TimeFunc")
-    clock = CounterClock()
     setattr(fastaccess, "__TimeFunc", clock)
     try:
         yield clock
     finally:
         setattr(fastaccess, "__TimeFunc", previous)
+
+
+def counter_clock():
+    return replaced_clock(CounterClock())
 
 
 class RecordingInfoCache(scopeinfo.CInfoCache):

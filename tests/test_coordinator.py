@@ -12,26 +12,16 @@ from pysource import symbolinfo
 from pysource.coordinator import CScanCoordinator
 
 from managerutil import fresh_remote
+from scanutil import SettableClock, replaced_clock
 
 SLICE = 0.020
 UNIT = 0.006   # clock time one unit of scripted work takes
 
 
-class FakeClock:
-    def __init__(self):
-        self.now = 5000.0
-
-    def __call__(self):
-        return self.now
-
-
 @pytest.fixture
 def clock():
-    saved = getattr(_fastaccess, "__TimeFunc")
-    fake = FakeClock()
-    setattr(_fastaccess, "__TimeFunc", fake)
-    yield fake
-    setattr(_fastaccess, "__TimeFunc", saved)
+    with replaced_clock(SettableClock(5000.0)) as fake:
+        yield fake
 
 
 @pytest.fixture
