@@ -80,11 +80,19 @@ def full_scan(loc, scan_name, incomplete=None):
     return scanner, state
 
 
+@pytest.fixture
+def scanned(mgr, tmp_path):
+    """SOURCE scanned whole: (its location, the finished scanner)."""
+    loc = local_file(tmp_path, SOURCE)
+    scanner, state = full_scan(loc, mgr.fPrimaryScanName)
+    assert state is ss.kFinishedScanning
+    yield loc, scanner
+    scanner.destroy()
+
+
 class TestWholeFile:
-    def test_one_record_per_scope_and_instance(self, mgr, tmp_path):
-        loc = local_file(tmp_path, SOURCE)
-        scanner, state = full_scan(loc, mgr.fPrimaryScanName)
-        assert state is ss.kFinishedScanning
+    def test_one_record_per_scope_and_instance(self, mgr, scanned):
+        loc, scanner = scanned
         assert scanner._fAllScopeNames == SCOPES | INSTANCES
         records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
         assert all(record is not None for record in records.values())
@@ -92,19 +100,16 @@ class TestWholeFile:
         assert module[0] == b""
         assert set(module[1]) >= {"os", "x", "Base", "C", "f", "Outer", "__name__", "__doc__"}
         assert module[3] == {"os": b"imported"}  # nothing for "*"
-        scanner.destroy()
 
-    def test_record_maps_stay_out_of_the_collector(self, mgr, tmp_path):
+    def test_record_maps_stay_out_of_the_collector(self, mgr, scanned):
         # Built through sets of singles, a kept record's maps would stay
         # tracked until a full collection and bring the next one on sooner.
-        loc = local_file(tmp_path, SOURCE)
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        loc, scanner = scanned
         infos = [mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, name))
                  for name in scanner._fAllScopeNames]
         maps = [m for info in infos for m in (info.type_equivs, info.inst_type_equivs, info._domains)
                 if m]
         assert len(maps) > len(infos) and not any(gc.is_tracked(m) for m in maps)
-        scanner.destroy()
 
     def test_module_without_scopes_is_scanned_at_the_end(self, mgr, tmp_path):
         loc = local_file(tmp_path, "x = 1\nprint(x)\n")
@@ -124,9 +129,8 @@ class TestWholeFile:
         assert records_of_scan(mgr, loc, [""])[""][1]["g"].startswith(b":fg|0,,(a:int),str")
         scanner.destroy()
 
-    def test_file_end_marks_and_one_batch_per_slice(self, mgr, tmp_path):
-        loc = local_file(tmp_path, SOURCE)
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+    def test_file_end_marks_one_batch_and_inner_scopes_first(self, mgr, scanned):
+        _, scanner = scanned
         calls = mgr.fInfoCache.names()
         assert calls[0] == "Begin" and calls[-1] == "Flush"
         assert calls.count("Begin") == calls.count("Flush") == 1
@@ -139,16 +143,11 @@ class TestWholeFile:
         saves = [call for call in mgr.fInfoCache.calls if call[0] == "AddScopeInfo"]
         assert all(call[2] is True for call in saves)
         assert len(saves) == len(SCOPES | INSTANCES)
-        scanner.destroy()
-
-    def test_inner_scopes_are_saved_before_the_scopes_that_hold_them(self, mgr, tmp_path):
-        loc = local_file(tmp_path, SOURCE)
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
-        order = [call[1] for call in mgr.fInfoCache.calls if call[0] == "AddScopeInfo"]
+        # Inner scopes are saved before the scopes that hold them.
+        order = [call[1] for call in saves]
         assert order.index("C.helper.inner") < order.index("C.helper") < order.index("C")
         assert order.index("C") < order.index("C()")
         assert order[-1] == ""
-        scanner.destroy()
 
     def test_missing_local_file_abandons(self, mgr, tmp_path):
         loc = CLocalFileLocation(str(tmp_path / "absent.py"))
