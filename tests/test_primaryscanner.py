@@ -11,6 +11,7 @@ import pytest
 from basekit.location import CLocalFileLocation
 from pysource import filellinecache, scopeinfo, scopescanner as ss, symbolinfo as si
 
+from corpusutil import ast_scope_names
 from managerutil import fresh_remote, installed_manager
 from scanutil import (counter_clock, install_recording_cache, local_file, records_of_scan,
                       scan_to_end, kForever)
@@ -443,27 +444,6 @@ class TestCorpus:
     """Every def and class of real files gets its record, and records agree
     with the syntax tree on what each scope defines."""
 
-    @staticmethod
-    def tree_scopes(tree):
-        names = set()
-
-        # Statements nest without opening a scope; a def or class opens one,
-        # and a second definition of a name in a scope has index 1.
-        def walk(node, parent, seen):
-            for child in ast.iter_child_nodes(node):
-                if isinstance(child, (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)):
-                    index = seen.get(child.name, 0)
-                    seen[child.name] = index + 1
-                    leaf = child.name if index == 0 else f"{child.name}|{index}"
-                    name = f"{parent}.{leaf}" if parent else leaf
-                    names.add(name)
-                    walk(child, name, {})
-                elif not isinstance(child, ast.expr):
-                    walk(child, parent, seen)
-
-        walk(tree, "", {})
-        return names
-
     def test_scopes_agree_with_the_syntax_tree(self, mgr):
         import os
         import sysconfig
@@ -479,7 +459,7 @@ class TestCorpus:
             assert state is ss.kFinishedScanning, name
             scanned = {si.NormalizeScopeName(n) for n in scanner._fAllScopeNames
                        if not si.IsInstanceScope(n)}
-            assert scanned - {""} == self.tree_scopes(tree), name
+            assert scanned - {""} == {si.NormalizeScopeName(n) for _, n in ast_scope_names(tree)}, name
             records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
             assert None not in records.values(), name
             scanner.destroy()
