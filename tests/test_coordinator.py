@@ -6,7 +6,7 @@ import os
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import _fastaccess, coordinator, filellinecache, manager
+from pysource import _fastaccess, filellinecache, manager
 from pysource import scopescanner as ss
 from pysource import symbolinfo
 from pysource.coordinator import CScanCoordinator
@@ -396,7 +396,6 @@ class TestRegistrationAndProgress:
         assert mgr.fScanCoordinator is None
         coord = CScanCoordinator(mgr)
         assert mgr.fScanCoordinator is coord
-        assert coord.fIdlePriority is coordinator.kIdlePriority
         coord.destroy()
         assert mgr.fScanCoordinator is None
 
