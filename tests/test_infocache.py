@@ -376,7 +376,6 @@ class TestDerivedRefinementPolicy:
         assert policy.HasRoomFor(target)  # exactly at the bound
         add_derived(cache, s2, target, {})
         assert not policy.AcceptsTarget(target, s3)
-        assert CDerivedRefinementPolicy(cache).fMaxMergedKeys == 20
 
     def test_files_that_want_no_derived_info(self, cache, tmp_path):
         from pysource.scopeinfo import CDerivedRefinementPolicy
