@@ -7,6 +7,7 @@ import math
 import pysource._fastaccess as fastaccess
 from basekit.location import CLocalFileLocation
 from pysource import scopeinfo, scopescanner as ss, symbolinfo as si
+from pysource.coordinator import CScanCoordinator
 
 kForever = math.inf
 
@@ -138,3 +139,15 @@ def scan_to_end(scanner, slice_readings=None, clock=None, limit=100000):
         state = scanner.Scan(end)
         if state is not ss.kTimedOut:
             return state, calls
+
+
+def primary_scan(mgr, locs, **kw):
+    """Runs a coordinator's primary scan of `locs` to the end; gives the
+    (destroyed) coordinator, whose counts and outcomes stay readable."""
+    coordinator = CScanCoordinator(mgr, **kw)
+    try:
+        coordinator.AddLocations(locs)
+        coordinator.RunUntilIdle()
+    finally:
+        coordinator.destroy()
+    return coordinator
