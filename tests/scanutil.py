@@ -7,6 +7,7 @@ import math
 import pysource._fastaccess as fastaccess
 from basekit.location import CLocalFileLocation
 from pysource import scopeinfo, scopescanner as ss, symbolinfo as si
+from pysource.coordinator import CScanCoordinator
 
 kForever = math.inf
 
@@ -34,15 +35,29 @@ class CounterClock:
         return float(self.now + readings)
 
 
+class SettableClock:
+    """A clock that reads `now`, which the test moves."""
+
+    def __init__(self, now=0.0):
+        self.now = now
+
+    def __call__(self):
+        return self.now
+
+
 @contextlib.contextmanager
-def counter_clock():
+def replaced_clock(clock):
+    """`clock` stands for the module clock during the block."""
     previous = getattr(fastaccess, "__TimeFunc")
-    clock = CounterClock()
     setattr(fastaccess, "__TimeFunc", clock)
     try:
         yield clock
     finally:
         setattr(fastaccess, "__TimeFunc", previous)
+
+
+def counter_clock():
+    return replaced_clock(CounterClock())
 
 
 class RecordingInfoCache(scopeinfo.CInfoCache):
@@ -124,3 +139,15 @@ def scan_to_end(scanner, slice_readings=None, clock=None, limit=100000):
         state = scanner.Scan(end)
         if state is not ss.kTimedOut:
             return state, calls
+
+
+def primary_scan(mgr, locs, **kw):
+    """Runs a coordinator's primary scan of `locs` to the end; gives the
+    (destroyed) coordinator, whose counts and outcomes stay readable."""
+    coordinator = CScanCoordinator(mgr, **kw)
+    try:
+        coordinator.AddLocations(locs)
+        coordinator.RunUntilIdle()
+    finally:
+        coordinator.destroy()
+    return coordinator

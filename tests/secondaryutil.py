@@ -1,12 +1,11 @@
 """Helpers of the derived scan tests: a scripted inference engine, records
-made by hand, and primary scans of small projects."""
+made by hand, and small projects written out."""
 
 import math
 import re
 
 from basekit.location import CLocalFileLocation
 from pysource import inferenceengine as ie, scopeinfo, scopescanner as ss, symbolinfo as si
-from pysource.coordinator import CScanCoordinator
 
 kForever = math.inf
 
@@ -123,15 +122,6 @@ def write_project(tmp_path, files):
         path.write_text(text)
         locs[name] = CLocalFileLocation(str(path))
     return locs
-
-
-def primary_scan(mgr, locs):
-    coordinator = CScanCoordinator(mgr)
-    try:
-        coordinator.AddLocations(locs)
-        coordinator.RunUntilIdle()
-    finally:
-        coordinator.destroy()
 
 
 def scan_until_final(scanner, end_time=kForever, limit=10000):

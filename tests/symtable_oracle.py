@@ -32,7 +32,7 @@ import _symtable
 from basekit.location import CLocalFileLocation
 from pysource import manager, scopescanner, symbolinfo as si
 
-CORPUS_SCRIPT = "/work/shared/corpus.py"
+from corpusutil import corpus_paths
 
 kRecordRule = "record"
 kScopeKindRule = "scope kind"
@@ -64,13 +64,10 @@ def _compiles(path):
 
 
 def corpus_files(full=False):
-    """The core corpus (empty when the corpus script isn't there); `full`: the
-    full corpus without the files that Python itself rejects."""
-    if not os.path.exists(CORPUS_SCRIPT):
-        return []
-    out = subprocess.run([sys.executable, CORPUS_SCRIPT] + (["--full"] if full else []),
-                         capture_output=True, text=True, check=True).stdout
-    return [path for path in out.split() if _compiles(path)] if full else out.split()
+    """The core corpus; `full`: the full corpus without the files that Python
+    itself rejects."""
+    paths = corpus_paths(full)
+    return [path for path in paths if _compiles(path)] if full else paths
 
 
 # Pure-Python packages written by others, pinned so that a run reads the same

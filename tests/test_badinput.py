@@ -19,7 +19,7 @@ from pysource import cli, coordinator, filellinecache, scopescanner as ss, symbo
 from pysource.coordinator import CScanCoordinator
 
 from managerutil import installed_manager
-from scanutil import counter_clock, record_of
+from scanutil import counter_clock, primary_scan, record_of
 
 # With the counting clock, a slice lasts this many readings: every scan of a
 # file takes several slices.
@@ -93,11 +93,7 @@ def reference_records(tmp_path, text, name="reference.py"):
     directory.mkdir(exist_ok=True)
     loc = write(directory / name, text)
     with installed_manager(editor=False) as mgr:
-        coord = CScanCoordinator(mgr)
-        coord.AddLocations([loc])
-        coord.RunUntilIdle()
-        assert coord.fCounts.files == 1
-        coord.destroy()
+        assert primary_scan(mgr, [loc]).fCounts.files == 1
         return records_of_loc(mgr, loc)
 
 
@@ -230,21 +226,10 @@ class TestFileChangesBetweenSlices:
         assert records_of_loc(mgr, loc) == reference_records(tmp_path, SECOND)
         assert not coord.IsUpToDate(loc) and coord.IsUpToDate(other)
         coord.destroy()
-        again = CScanCoordinator(mgr)
-        again.AddLocations([other, loc])
-        again.RunUntilIdle()
+        again = primary_scan(mgr, [other, loc])
         assert (again.fCounts.files, again.fCounts.skipped) == (1, 1)
         # Scopes gone from the file leave the index.
         assert records_of_loc(mgr, loc) == reference_records(tmp_path, CHANGED)
-        again.destroy()
-
-
-def scan_alone(mgr, loc, **kw):
-    coord = CScanCoordinator(mgr, **kw)
-    coord.AddLocations([loc])
-    coord.RunUntilIdle()
-    coord.destroy()
-    return coord
 
 
 class TestUnreadable:
@@ -261,7 +246,7 @@ class TestUnreadable:
             os.mkfifo(tmp_path / "pipe")
             path.symlink_to(tmp_path / "pipe")
         loc = CLocalFileLocation(str(path))
-        coord = scan_alone(mgr, loc, max_attempts=2)
+        coord = primary_scan(mgr, [loc], max_attempts=2)
         assert coord.fAbandonedLocs == [loc] and coord.fErrors == []
         assert coord.fCounts.files == 0 and not coord.IsUpToDate(loc)
         assert coordinator._ContentChecksum(str(path)) is None
@@ -326,9 +311,7 @@ class TestBadContent:
     def scan_bad(self, mgr, tmp_path, data):
         good = write(tmp_path / "good.py", FIRST)
         bad = write(tmp_path / "bad.py", data)
-        coord = CScanCoordinator(mgr)
-        coord.AddLocations([good, bad])
-        coord.RunUntilIdle()
+        coord = primary_scan(mgr, [good, bad])
         assert coord.fCounts.files == 2 and coord.fAbandonedLocs == [] and coord.fErrors == []
         assert records_of_loc(mgr, good) == reference_records(tmp_path, FIRST)
         return coord, bad
@@ -344,7 +327,6 @@ class TestBadContent:
         if data != b"\0" * 5000:
             assert coordinator.CountIncompleteScopes(mgr.fInfoCache, bad) >= 1
             assert coord.fCounts.parse_errors >= 1
-        coord.destroy()
 
     def test_parse_error_in_every_other_line(self, mgr, tmp_path):
         coord, bad = self.scan_bad(mgr, tmp_path, parse_error_every_other_line(2000))
@@ -352,7 +334,6 @@ class TestBadContent:
         assert info.incomplete and coord.fCounts.parse_errors == 1
         # The good lines between the bad ones still give their names.
         assert {"name0", "name1998"} <= set(info.type_equivs)
-        coord.destroy()
 
     @pytest.mark.parametrize("data, scopes, error_lines", [
         (b"x = '\xff\xfe'\ndef f():\n    return '\x80'\nclass C:\n    pass\n",
@@ -369,7 +350,6 @@ class TestBadContent:
         lines = [e[0] for e in cache.fDecodeErrors]
         assert lines == error_lines if error_lines else lines != []
         cache.destroy()
-        coord.destroy()
 
     def test_ten_megabytes(self, mgr, tmp_path):
         text, count = ten_megabytes()
@@ -378,7 +358,6 @@ class TestBadContent:
         assert coord.fCounts.parse_errors == 0
         assert {f"K{count - 1}", f"K{count - 1}.m{count - 1}", f"g{count - 1}"} <= names
         assert len(names) == 4 * count + 1      # class, instance, method, function; module
-        coord.destroy()
 
 
 class TestDeepNesting:
@@ -408,7 +387,7 @@ class TestDeepNesting:
             "attribute-target", "decorator", "hint"])
     def test_deep_expressions_and_blocks(self, mgr, tmp_path, text):
         loc = write(tmp_path / "deep.py", text)
-        coord = scan_alone(mgr, loc)
+        coord = primary_scan(mgr, [loc])
         assert coord.fCounts.files == 1 and coord.fErrors == []
         assert "" in mgr.fInfoCache.GetScopesForLoc(loc)
 
@@ -418,7 +397,7 @@ class TestDeepNesting:
         text = "".join("    " * i + f"{keyword} s{i}():\n" for i in range(depth))
         text += "    " * depth + "v = 1\n"
         loc = write(tmp_path / "nested.py", text)
-        coord = scan_alone(mgr, loc)
+        coord = primary_scan(mgr, [loc])
         assert coord.fCounts.files == 1 and coord.fCounts.parse_errors == 0
         innermost = ".".join(f"s{i}" for i in range(depth))
         names = set(mgr.fInfoCache.GetScopesForLoc(loc))
@@ -503,7 +482,7 @@ class TestRemovedScopes:
         loc = write(tmp_path / "mod.py", SECOND)
         other = write(tmp_path / "other.py", SECOND)
         for each in (loc, other):
-            scan_alone(mgr, each)
+            primary_scan(mgr, [each])
         info_cache = mgr.fInfoCache
         before = records_of_loc(mgr, loc)
         assert info_cache.ForgetScopesOfLoc(loc, mgr.fPrimaryScanName, set(before)) == 0

@@ -66,32 +66,28 @@ class CountingCache(ss.CScopeBodyCache):
 
 
 class TestFindingBodies:
-    def test_body_of_a_method_keeps_comments_and_leaves_nested_bodies_out(self, cache, loc):
-        body = cache.GetBody(CScope(loc, "C.f"))
-        assert texts(body) == ["# inside f", "def inner ( ) :", "return inner ( )"]
+    @pytest.mark.parametrize("name, comments, expected", [
+        # a method's body keeps its comments and leaves nested bodies out
+        ("C.f", True, ["# inside f", "def inner ( ) :", "return inner ( )"]),
+        ("C.f", False, ["def inner ( ) :", "return inner ( )"]),
+        ("C.f|1", True, ["pass"]),      # the index names the second definition
+        ("", True, ["import os", "class C :", "def only_comments ( ) :", "x = C ( )"]),
+        ("only_comments", True, ["# one", "# two"]),
+        ("only_comments", False, []),
+    ])
+    def test_bodies(self, cache, loc, name, comments, expected):
+        assert texts(cache.GetBody(CScope(loc, name), comments)) == expected
 
-    def test_index_names_the_second_definition(self, cache, loc):
-        assert texts(cache.GetBody(CScope(loc, "C.f|1"))) == ["pass"]
+    def test_index_zero_and_the_normalised_scope_are_the_plain_name(self, cache, loc):
         assert texts(cache.GetBody(CScope(loc, "C.f|0"))) == texts(cache.GetBody(CScope(loc, "C.f")))
         # The normalised scope is the same cache key.
         assert cache.GetBody(NormalizedScope(loc, "C.f|0")) is cache.GetBody(CScope(loc, "C.f"))
 
-    def test_module_scope_gives_top_level_logicals_only(self, cache, loc):
-        body = cache.GetBody(CScope(loc, ""))
-        assert texts(body) == ["import os", "class C :", "def only_comments ( ) :", "x = C ( )"]
-
-    def test_without_comments(self, cache, loc):
+    def test_stripped_body_is_a_new_list_and_the_cached_one_keeps_its_comments(self, cache, loc):
         scope = CScope(loc, "C.f")
         stripped = cache.GetBody(scope, include_comments=False)
-        assert texts(stripped) == ["def inner ( ) :", "return inner ( )"]
-        # A new list each time; the cached body keeps its comments.
         assert cache.GetBody(scope, False) is not stripped
         assert texts(cache.GetBody(scope))[0] == "# inside f"
-
-    def test_comments_only_body_stripped_is_empty(self, cache, loc):
-        scope = CScope(loc, "only_comments")
-        assert texts(cache.GetBody(scope)) == ["# one", "# two"]
-        assert cache.GetBody(scope, include_comments=False) == []
 
 
 class TestCaching:

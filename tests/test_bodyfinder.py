@@ -256,64 +256,28 @@ class TestWholeFile:
             "@ staticmethod", "# about m", "@ cache", "async def m ( ) :"]
         assert finder.fCompletedScopeList[1].decorator_logicals == []
 
-    def test_comment_deeper_than_the_def_closes_its_body(self):
-        _, finder = run_finder("""
-            def f():
-                x = 1
-                # end of f
-            # top level
-            y = 2
-        """)
-        assert completed(finder) == [
-            ("f|0", ["x = 1", "# end of f"]),
-            ("", ["def f ( ) :", "# top level", "y = 2"]),
-        ]
-
-    def test_comment_at_the_defs_indent_goes_to_the_enclosing_scope(self):
-        _, finder = run_finder("""
-            class C:
-                def m(self):
-                    pass
-                # between methods
-                def n(self):
-                    pass
-        """)
-        assert completed(finder) == [
-            ("C.m|0", ["pass"]),
-            ("C.n|0", ["pass"]),
-            ("C|0", ["def m ( self ) :", "# between methods", "def n ( self ) :"]),
-            ("", ["class C :"]),
-        ]
-
-    def test_lesser_comment_before_a_deeper_one_goes_with_it(self):
-        _, finder = run_finder("""
-            def f():
-                x = 1
-            # shallow
-                # deep
-            y = 2
-        """)
-        assert completed(finder)[0] == ("f|0", ["x = 1", "# shallow", "# deep"])
-
-    def test_trailing_comments_at_end_of_file(self):
-        _, finder = run_finder("""
-            def f():
-                x = 1
-                # inside
-            # outside
-        """)
-        assert completed(finder) == [
-            ("f|0", ["x = 1", "# inside"]),
-            ("", ["def f ( ) :", "# outside"]),
-        ]
-
-    def test_comment_ahead_of_a_statement_belongs_to_its_scope(self):
-        _, finder = run_finder("""
-            def f():
-                    # oddly deep
-                x = 1
-        """)
-        assert completed(finder)[0] == ("f|0", ["# oddly deep", "x = 1"])
+    @pytest.mark.parametrize("source, expected", [
+        # a comment deeper than the def closes its body with it
+        ("def f():\n    x = 1\n    # end of f\n# top level\ny = 2\n",
+         [("f|0", ["x = 1", "# end of f"]), ("", ["def f ( ) :", "# top level", "y = 2"])]),
+        # a comment at the def's indent goes to the enclosing scope
+        ("class C:\n    def m(self):\n        pass\n    # between methods\n"
+         "    def n(self):\n        pass\n",
+         [("C.m|0", ["pass"]), ("C.n|0", ["pass"]),
+          ("C|0", ["def m ( self ) :", "# between methods", "def n ( self ) :"]),
+          ("", ["class C :"])]),
+        # a lesser comment ahead of a deeper one goes with it
+        ("def f():\n    x = 1\n# shallow\n    # deep\ny = 2\n",
+         [("f|0", ["x = 1", "# shallow", "# deep"]), ("", ["def f ( ) :", "y = 2"])]),
+        # trailing comments at the end of the file
+        ("def f():\n    x = 1\n    # inside\n# outside\n",
+         [("f|0", ["x = 1", "# inside"]), ("", ["def f ( ) :", "# outside"])]),
+        # a comment ahead of a statement belongs to its scope
+        ("def f():\n        # oddly deep\n    x = 1\n",
+         [("f|0", ["# oddly deep", "x = 1"]), ("", ["def f ( ) :"])]),
+    ], ids=["deeper", "at-def-indent", "lesser-then-deeper", "trailing", "ahead-of-statement"])
+    def test_comments_go_to_the_scope_they_close_or_open(self, source, expected):
+        assert completed(run_finder(source)[1]) == expected
 
     def test_a_non_logical_in_the_list_is_a_type_error(self):
         finder = ss._CScopeBodyFinder([make_logical("x = 1"), "y = 2"], -1, False)
@@ -353,19 +317,19 @@ class TestOneScope:
         assert finder.PopCompletedScopeBody() == [lines[i] for i in (2, 3, 4, 7, 8, 12)]
         assert finder.PopCompletedScopeBody() is None
 
-    def test_comments_trailing_an_ignored_method_split_by_indent(self):
-        lines = logicals("""
-            class C:
-                def m(self):
-                    pass
-                    # deep, dropped with m
-                # shallow, kept
-                b = 2
-        """)
-        finder = ss._CScopeBodyFinder(lines, 0, True)
-        finder.ProcessUntilEnd()
-        assert completed(finder) == [
-            ("C|0", ["def m ( self ) :", "# shallow, kept", "b = 2"])]
+    @pytest.mark.parametrize("source, index, expected", [
+        # comments trailing an ignored method are split by their indent
+        ("class C:\n    def m(self):\n        pass\n        # deep, dropped with m\n"
+         "    # shallow, kept\n    b = 2\n", 0,
+         [("C|0", ["def m ( self ) :", "# shallow, kept", "b = 2"])]),
+        # a scope at the end of the file completes at the end
+        ("x = 0\ndef f():\n    # first\n    y = 1\n    # last\n", 1,
+         [("f|0", ["# first", "y = 1", "# last"])]),
+        # at the root, every def body is ignored
+        (textwrap.dedent(CLASS_WITH_METHODS), -1, [("", ["x = 0", "class C :", "y = 3"])]),
+    ], ids=["trailing-comments", "end-of-file", "root"])
+    def test_top_scope_only_bodies(self, source, index, expected):
+        assert completed(run_finder(source, index, True)[1]) == expected
 
     def test_early_stop_leaves_the_ending_statement_in_no_body(self):
         lines = logicals(CLASS_WITH_METHODS)
@@ -385,22 +349,6 @@ class TestOneScope:
         finder.ProcessUntilEnd()
         assert [name for name, _ in completed(finder)] == ["C.m|0", "C.n.inner|0", "C.n|0", "C|0"]
         assert completed(finder)[2] == ("C.n|0", ["def inner ( ) :", "# deep in n"])
-
-    def test_scope_at_the_end_of_the_file_completes_at_the_end(self):
-        lines = logicals("""
-            x = 0
-            def f():
-                # first
-                y = 1
-                # last
-        """)
-        finder = ss._CScopeBodyFinder(lines, 1, True)
-        finder.ProcessUntilEnd()
-        assert completed(finder) == [("f|0", ["# first", "y = 1", "# last"])]
-
-    def test_top_scope_only_at_the_root_ignores_every_def_body(self):
-        _, finder = run_finder(CLASS_WITH_METHODS, -1, True)
-        assert completed(finder) == [("", ["x = 0", "class C :", "y = 3"])]
 
     def test_index_that_is_not_a_scope_def(self):
         lines = logicals(CLASS_WITH_METHODS)

@@ -6,32 +6,22 @@ import os
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import _fastaccess, coordinator, filellinecache, manager
+from pysource import _fastaccess, filellinecache, manager
 from pysource import scopescanner as ss
 from pysource import symbolinfo
 from pysource.coordinator import CScanCoordinator
 
 from managerutil import fresh_remote
+from scanutil import SettableClock, replaced_clock
 
 SLICE = 0.020
 UNIT = 0.006   # clock time one unit of scripted work takes
 
 
-class FakeClock:
-    def __init__(self):
-        self.now = 5000.0
-
-    def __call__(self):
-        return self.now
-
-
 @pytest.fixture
 def clock():
-    saved = getattr(_fastaccess, "__TimeFunc")
-    fake = FakeClock()
-    setattr(_fastaccess, "__TimeFunc", fake)
-    yield fake
-    setattr(_fastaccess, "__TimeFunc", saved)
+    with replaced_clock(SettableClock(5000.0)) as fake:
+        yield fake
 
 
 @pytest.fixture
@@ -406,7 +396,6 @@ class TestRegistrationAndProgress:
         assert mgr.fScanCoordinator is None
         coord = CScanCoordinator(mgr)
         assert mgr.fScanCoordinator is coord
-        assert coord.fIdlePriority is coordinator.kIdlePriority
         coord.destroy()
         assert mgr.fScanCoordinator is None
 

@@ -79,6 +79,7 @@ def test_owner_destroyed_after_emitter_is_harmless():
     del emitter
     gc.collect()
     owner.destroy()
+    assert owner.fDestroyed
 
 
 def test_handler_disconnecting_a_later_handler_during_emit():

@@ -9,6 +9,8 @@ from hypothesis import given, settings, strategies as st
 import pysource._fastaccess as fa
 from pysource._fastaccess import CLogger
 
+from scanutil import SettableClock, replaced_clock
+
 
 # ---------------------------------------------------------------------------
 # The clock
@@ -16,19 +18,8 @@ from pysource._fastaccess import CLogger
 
 @pytest.fixture
 def clock():
-    """Replace the module clock by a settable one; restore it afterwards."""
-    saved = getattr(fa, "__TimeFunc")
-
-    class Clock:
-        now = 100.0
-
-        def __call__(self):
-            return self.now
-
-    c = Clock()
-    setattr(fa, "__TimeFunc", c)
-    yield c
-    setattr(fa, "__TimeFunc", saved)
+    with replaced_clock(SettableClock(100.0)) as c:
+        yield c
 
 
 class TestClock:

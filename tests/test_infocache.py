@@ -363,12 +363,6 @@ class TestLocationCache:
         locs.SetPrimaryLocation(stub, None)
         assert locs.GetPrimaryLocation(stub) is stub
 
-    def test_the_info_cache_has_a_location_cache(self):
-        c = CInfoCache()
-        assert isinstance(c.fLocCache, CLocationCache)
-        own = CLocationCache()
-        assert CInfoCache(own).fLocCache is own
-
 
 class TestDerivedRefinementPolicy:
     def test_targets_need_a_record_and_room(self, cache, loc):
@@ -382,7 +376,6 @@ class TestDerivedRefinementPolicy:
         assert policy.HasRoomFor(target)  # exactly at the bound
         add_derived(cache, s2, target, {})
         assert not policy.AcceptsTarget(target, s3)
-        assert CDerivedRefinementPolicy(cache).fMaxMergedKeys == 20
 
     def test_files_that_want_no_derived_info(self, cache, tmp_path):
         from pysource.scopeinfo import CDerivedRefinementPolicy

@@ -4,13 +4,13 @@ import weakref
 
 import pytest
 
-import pysource._fastaccess as fa
 from basekit.destroyable import CDestroyable
 from basekit.location import CLocalFileLocation
 from pysource import filellinecache
 from pysource.llinecache import CLogicalLineCache
 
 from managerutil import fresh_remote
+from scanutil import replaced_clock
 
 SOURCE = "import os\n\ndef f(a):\n    return a\n\nx = f(1)\n"
 
@@ -126,9 +126,7 @@ class TestArrival:
             def GetContent(self):
                 return self.content
 
-        saved = getattr(fa, "__TimeFunc")
-        setattr(fa, "__TimeFunc", lambda: 99.0)
-        try:
+        with replaced_clock(lambda: 99.0):
             loc = PlainRemote()
             cache = CLogicalLineCache(None, loc, None)
             assert not cache.Update()
@@ -136,8 +134,6 @@ class TestArrival:
             loc.emit("content-changed", loc)
             assert cache.fMatchedDiskMTime == 99.0
             assert texts(cache._fLogicalList) == [(1, "assignment")]
-        finally:
-            setattr(fa, "__TimeFunc", saved)
 
 
 class TestChange:

@@ -14,8 +14,7 @@ from pysource import logicalline as ll
 from pysource.filellinecache import BuildLogicalLines, DecodeSource
 from pysource.logicalline import CLogicalLine, CreateLogical
 
-CORPUS_SCRIPT = "/work/shared/corpus.py"
-
+from corpusutil import ast_scope_names, corpus_paths
 
 def logicals(src):
     return BuildLogicalLines(src)
@@ -393,12 +392,6 @@ class TestCreateLogical:
         assert not any(gc.is_tracked(l) for l in built)
 
 
-def _corpus(full=False):
-    out = subprocess.run([sys.executable, CORPUS_SCRIPT] + (["--full"] if full else []),
-                         check=True, capture_output=True, text=True)
-    return out.stdout.split()
-
-
 def _expected_logical_count(text, tree):
     """Logicals of a valid file counted from its syntax tree: one per statement, one per
     decorator, one per else/except/finally/case clause, and one per comment on its own line."""
@@ -427,39 +420,10 @@ def _expected_logical_count(text, tree):
     return count
 
 
-def _nested_statements(node):
-    """The statements inside a compound statement that isn't a def or class, in source order."""
-    out = []
-    for field in ("body", "orelse", "finalbody", "handlers", "cases"):
-        for child in getattr(node, field, None) or ():
-            out.extend([child] if isinstance(child, ast.stmt) else child.body)
-    return sorted(out, key=lambda n: (n.lineno, n.col_offset))
-
-
-def _expected_scope_names(tree):
-    """Full names of every def and class, with scope indexes, from the syntax tree."""
-    names = []
-
-    def visit(body_nodes, prefix, counts):
-        for node in body_nodes:
-            if isinstance(node, (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)):
-                index = counts.get(node.name, 0)
-                counts[node.name] = index + 1
-                leaf = f"{node.name}|{index}"
-                names.append((node.lineno, f"{prefix}.{leaf}" if prefix else leaf))
-                component = node.name if index == 0 else leaf
-                visit(node.body, f"{prefix}.{component}" if prefix else component, {})
-            else:
-                visit(_nested_statements(node), prefix, counts)
-
-    visit(tree.body, "", {})
-    return sorted(names)
-
-
 @pytest.fixture(scope="module")
 def core_corpus():
     files = []
-    for path in _corpus():
+    for path in corpus_paths():
         with open(path, "rb") as fh:
             data = fh.read()
         files.append((path, data))
@@ -479,7 +443,7 @@ class TestCorpus:
                 count_mismatch.append(path)
             got = sorted((l.fFirstLine, full_name(l)) for l in built
                          if l.fType in (ll.kClassDef, ll.kFunctionDef))
-            if got != _expected_scope_names(tree):
+            if got != ast_scope_names(tree):
                 name_mismatch.append(path)
         assert count_mismatch == [] and name_mismatch == []
 
@@ -494,7 +458,7 @@ class TestCorpus:
             "    text, enc, errors = DecodeSource(data)\n"
             "    n += len(BuildLogicalLines(data)) + len(errors)\n"
             "print(n)\n")
-        paths = "\n".join(_corpus(full=True))
+        paths = "\n".join(corpus_paths(full=True))
         out = subprocess.run([sys.executable, "-c", code], input=paths, capture_output=True,
                              text=True)
         assert out.returncode == 0, out.stderr[-2000:]

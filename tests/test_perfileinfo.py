@@ -53,16 +53,6 @@ def per_file(mgr, loc):
 
 
 class TestConstruction:
-    def test_shared_references_come_from_the_manager(self, mgr, loc):
-        incomplete = set()
-        info = ss._CPerFileInfo(loc, incomplete)
-        try:
-            assert info.fInfoCache is mgr.fInfoCache and info.fScopeBodyCache is mgr.fScopeBodyCache
-            assert info.fIncompleteScopeSet is incomplete
-            assert not info.fPyiFile and info.fPy3Grammar
-        finally:
-            info.destroy()
-
     def test_pgen_analyzer_for_source_and_stub(self, mgr, loc, stub_loc):
         source, stub = ss._CPerFileInfo(loc), ss._CPerFileInfo(stub_loc)
         try:

@@ -2,7 +2,6 @@
 import ast
 import os
 import random
-import subprocess
 import sys
 
 import pytest
@@ -10,22 +9,11 @@ from hypothesis import given, settings, strategies as st
 
 sys.path.insert(0, os.path.dirname(__file__))
 import pgen_oracle  # noqa: E402
+from corpusutil import corpus_paths  # noqa: E402
 
 from pysource.filellinecache import BuildLogicalLines  # noqa: E402
 from pysource.logicalline import CreateLogical  # noqa: E402
 from pysource.pgeninspect import CPGenAnalyzer  # noqa: E402
-
-CORPUS_SCRIPT = "/work/shared/corpus.py"
-
-
-def corpus_paths(full=False, step=1):
-    """Every `step`-th file of the core (or full) corpus; none when it isn't there."""
-    if not os.path.exists(CORPUS_SCRIPT):
-        return []
-    out = subprocess.run([sys.executable, CORPUS_SCRIPT] + (["--full"] if full else []),
-                         capture_output=True, text=True, check=True).stdout
-    return out.split()[::step]
-
 
 def corpus_files():
     """The core corpus; every tenth file of it in a sanitizer build, which is slow."""

@@ -11,6 +11,7 @@ import pytest
 from basekit.location import CLocalFileLocation
 from pysource import filellinecache, scopeinfo, scopescanner as ss, symbolinfo as si
 
+from corpusutil import ast_scope_names
 from managerutil import fresh_remote, installed_manager
 from scanutil import (counter_clock, install_recording_cache, local_file, records_of_scan,
                       scan_to_end, kForever)
@@ -80,11 +81,19 @@ def full_scan(loc, scan_name, incomplete=None):
     return scanner, state
 
 
+@pytest.fixture
+def scanned(mgr, tmp_path):
+    """SOURCE scanned whole: (its location, the finished scanner)."""
+    loc = local_file(tmp_path, SOURCE)
+    scanner, state = full_scan(loc, mgr.fPrimaryScanName)
+    assert state is ss.kFinishedScanning
+    yield loc, scanner
+    scanner.destroy()
+
+
 class TestWholeFile:
-    def test_one_record_per_scope_and_instance(self, mgr, tmp_path):
-        loc = local_file(tmp_path, SOURCE)
-        scanner, state = full_scan(loc, mgr.fPrimaryScanName)
-        assert state is ss.kFinishedScanning
+    def test_one_record_per_scope_and_instance(self, mgr, scanned):
+        loc, scanner = scanned
         assert scanner._fAllScopeNames == SCOPES | INSTANCES
         records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
         assert all(record is not None for record in records.values())
@@ -92,19 +101,16 @@ class TestWholeFile:
         assert module[0] == b""
         assert set(module[1]) >= {"os", "x", "Base", "C", "f", "Outer", "__name__", "__doc__"}
         assert module[3] == {"os": b"imported"}  # nothing for "*"
-        scanner.destroy()
 
-    def test_record_maps_stay_out_of_the_collector(self, mgr, tmp_path):
+    def test_record_maps_stay_out_of_the_collector(self, mgr, scanned):
         # Built through sets of singles, a kept record's maps would stay
         # tracked until a full collection and bring the next one on sooner.
-        loc = local_file(tmp_path, SOURCE)
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+        loc, scanner = scanned
         infos = [mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, name))
                  for name in scanner._fAllScopeNames]
         maps = [m for info in infos for m in (info.type_equivs, info.inst_type_equivs, info._domains)
                 if m]
         assert len(maps) > len(infos) and not any(gc.is_tracked(m) for m in maps)
-        scanner.destroy()
 
     def test_module_without_scopes_is_scanned_at_the_end(self, mgr, tmp_path):
         loc = local_file(tmp_path, "x = 1\nprint(x)\n")
@@ -124,9 +130,8 @@ class TestWholeFile:
         assert records_of_scan(mgr, loc, [""])[""][1]["g"].startswith(b":fg|0,,(a:int),str")
         scanner.destroy()
 
-    def test_file_end_marks_and_one_batch_per_slice(self, mgr, tmp_path):
-        loc = local_file(tmp_path, SOURCE)
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
+    def test_file_end_marks_one_batch_and_inner_scopes_first(self, mgr, scanned):
+        _, scanner = scanned
         calls = mgr.fInfoCache.names()
         assert calls[0] == "Begin" and calls[-1] == "Flush"
         assert calls.count("Begin") == calls.count("Flush") == 1
@@ -139,16 +144,11 @@ class TestWholeFile:
         saves = [call for call in mgr.fInfoCache.calls if call[0] == "AddScopeInfo"]
         assert all(call[2] is True for call in saves)
         assert len(saves) == len(SCOPES | INSTANCES)
-        scanner.destroy()
-
-    def test_inner_scopes_are_saved_before_the_scopes_that_hold_them(self, mgr, tmp_path):
-        loc = local_file(tmp_path, SOURCE)
-        scanner, _ = full_scan(loc, mgr.fPrimaryScanName)
-        order = [call[1] for call in mgr.fInfoCache.calls if call[0] == "AddScopeInfo"]
+        # Inner scopes are saved before the scopes that hold them.
+        order = [call[1] for call in saves]
         assert order.index("C.helper.inner") < order.index("C.helper") < order.index("C")
         assert order.index("C") < order.index("C()")
         assert order[-1] == ""
-        scanner.destroy()
 
     def test_missing_local_file_abandons(self, mgr, tmp_path):
         loc = CLocalFileLocation(str(tmp_path / "absent.py"))
@@ -448,27 +448,6 @@ class TestCorpus:
     """Every def and class of real files gets its record, and records agree
     with the syntax tree on what each scope defines."""
 
-    @staticmethod
-    def tree_scopes(tree):
-        names = set()
-
-        # Statements nest without opening a scope; a def or class opens one,
-        # and a second definition of a name in a scope has index 1.
-        def walk(node, parent, seen):
-            for child in ast.iter_child_nodes(node):
-                if isinstance(child, (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)):
-                    index = seen.get(child.name, 0)
-                    seen[child.name] = index + 1
-                    leaf = child.name if index == 0 else f"{child.name}|{index}"
-                    name = f"{parent}.{leaf}" if parent else leaf
-                    names.add(name)
-                    walk(child, name, {})
-                elif not isinstance(child, ast.expr):
-                    walk(child, parent, seen)
-
-        walk(tree, "", {})
-        return names
-
     def test_scopes_agree_with_the_syntax_tree(self, mgr):
         import os
         import sysconfig
@@ -484,7 +463,7 @@ class TestCorpus:
             assert state is ss.kFinishedScanning, name
             scanned = {si.NormalizeScopeName(n) for n in scanner._fAllScopeNames
                        if not si.IsInstanceScope(n)}
-            assert scanned - {""} == self.tree_scopes(tree), name
+            assert scanned - {""} == {si.NormalizeScopeName(n) for _, n in ast_scope_names(tree)}, name
             records = records_of_scan(mgr, loc, scanner._fAllScopeNames)
             assert None not in records.values(), name
             scanner.destroy()

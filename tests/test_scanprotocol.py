@@ -32,7 +32,6 @@ class TestStates:
         twin = ss.CNamedConstant("finished")
         assert repr(twin) == "finished"
         assert twin != ss.kFinishedScanning
-        assert ss.kFinishedScanning == ss.kFinishedScanning
 
 
 class TestScannerBase:

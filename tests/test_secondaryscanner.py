@@ -10,10 +10,9 @@ from basekit.location import CLocalFileLocation
 from pysource import _fastaccess, prefs, scopeinfo, scopescanner as ss, symbolinfo as si
 from managerutil import installed_manager
 from pysource.coordinator import CScanCoordinator, _CFileJob
-from scanutil import counter_clock
+from scanutil import counter_clock, primary_scan
 from secondaryutil import (FakeDetails, FakeDetailsStore, add_record, called, def_single,
-                           bare_name, install_engine, kForever,
-                           primary_scan, scan_until_final, write_project)
+                           bare_name, install_engine, kForever, scan_until_final, write_project)
 
 kPast = 0.0
 

@@ -328,35 +328,33 @@ def test_scope_defined_by_info():
 
 
 class TestScopeNames:
-    def test_leaf_keeps_the_scope_index(self):
-        assert si.LeafScopeName("C.f|1") == "f|1"
-        assert si.ParentAndLeafScopeNames("C|2.f|1") == ("C|2", "f|1")
-        assert si.ParentScopeName("f") == ""
-        assert si.ParentAndLeafScopeNames("Dict[a.b, c].get") == ("Dict[a.b, c]", "get")
-
-    def test_suffixes(self):
-        assert si.SplitScopeNameFromSuffixes("f|1") == ("f", "|1")
-        assert si.SplitScopeNameFromSuffixes("C|0.List[int]") == ("C|0.List", "[int]")
-        assert si.SplitScopeNameFromSuffixes("C.f") == ("C.f", "")
-        assert si.SplitScopeNameFromSuffixes(si.GetInstanceNameForClass("C")) == ("C", si.kClassInstanceSuffix)
-
-    def test_subscripts(self):
-        assert si.RemoveAllScopeNameSubscripts("List[int].append") == "List.append"
-        assert si.RemoveAllScopeNameSubscripts("A[B[c]].d[']'].e") == "A.d.e"
-        assert si.RemoveAllScopeNameSubscripts("plain.name|1") == "plain.name|1"
-
-    def test_scope_index(self):
-        assert si.AppendScopeIndex("C.f", 2) == "C.f|2"
-        assert si.AppendScopeIndex("C.f|1", 3) == "C.f|3"
-        assert si.AppendScopeIndex("C|1.f", 0) == "C|1.f|0"
-        assert si.LeafScopeIndex("C.f") == 0 and si.LeafScopeIndex("C.f|4") == 4
-
-    def test_normalize_drops_index_zero_only(self):
-        assert si.NormalizeScopeName("C.f|0") == "C.f"
-        assert si.NormalizeScopeName("C|0.f|0") == "C.f"
-        assert si.NormalizeScopeName("f|1") == "f|1"
-        assert si.NormalizeScopeName("f|10") == "f|10"
-        assert si.NormalizeScopeName("D[x|0]") == "D[x|0]"
+    @pytest.mark.parametrize("func, args, expected", [
+        # the leaf keeps its scope index
+        (si.LeafScopeName, ("C.f|1",), "f|1"),
+        (si.ParentAndLeafScopeNames, ("C|2.f|1",), ("C|2", "f|1")),
+        (si.ParentScopeName, ("f",), ""),
+        (si.ParentAndLeafScopeNames, ("Dict[a.b, c].get",), ("Dict[a.b, c]", "get")),
+        (si.SplitScopeNameFromSuffixes, ("f|1",), ("f", "|1")),
+        (si.SplitScopeNameFromSuffixes, ("C|0.List[int]",), ("C|0.List", "[int]")),
+        (si.SplitScopeNameFromSuffixes, ("C.f",), ("C.f", "")),
+        (si.SplitScopeNameFromSuffixes, ("C" + si.kClassInstanceSuffix,), ("C", si.kClassInstanceSuffix)),
+        (si.RemoveAllScopeNameSubscripts, ("List[int].append",), "List.append"),
+        (si.RemoveAllScopeNameSubscripts, ("A[B[c]].d[']'].e",), "A.d.e"),
+        (si.RemoveAllScopeNameSubscripts, ("plain.name|1",), "plain.name|1"),
+        (si.AppendScopeIndex, ("C.f", 2), "C.f|2"),
+        (si.AppendScopeIndex, ("C.f|1", 3), "C.f|3"),
+        (si.AppendScopeIndex, ("C|1.f", 0), "C|1.f|0"),
+        (si.LeafScopeIndex, ("C.f",), 0),
+        (si.LeafScopeIndex, ("C.f|4",), 4),
+        # normalising drops index 0 only
+        (si.NormalizeScopeName, ("C.f|0",), "C.f"),
+        (si.NormalizeScopeName, ("C|0.f|0",), "C.f"),
+        (si.NormalizeScopeName, ("f|1",), "f|1"),
+        (si.NormalizeScopeName, ("f|10",), "f|10"),
+        (si.NormalizeScopeName, ("D[x|0]",), "D[x|0]"),
+    ])
+    def test_name_operations(self, func, args, expected):
+        assert func(*args) == expected
 
     def test_instance_and_def_line_names(self):
         inst = si.GetInstanceNameForClass("C")
