@@ -132,7 +132,7 @@ def _database_advice(message):
         return f"{message}; another program is writing the index, try again when it is done"
     if "readonly database" in message:
         return f"{message}; check the permissions of the file and its directory"
-    if "damaged" in message or "another program" in message or "not a database" in message:
+    if any(word in message for word in ("damaged", "malformed", "another program", "not a database")):
         if "left as it is" not in message:
             message += "; it was left as it is"
         return f"{message}: move it away or pass another --db to start a new index"
