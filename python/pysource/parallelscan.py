@@ -7,7 +7,10 @@ mark, the names of the file's scopes).  The writer — the process that owns
 the database — tells its own cache the same, in the same order, through
 `CReplayScanner`, a scanner that the coordinator drives like any other: the
 coordinator keeps its order, counts, retries and clean-up, and the database
-gets the same rows as when the writer scans the files itself.
+gets the same rows as when the writer scans the files itself.  The records
+reach the writer's cache as the blobs they came in (`AddScopeInfoBlobs`):
+for a file the index doesn't hold yet the cache binds their parts as rows
+without making the records, so the writer's share of the work stays small.
 
 Workers are forked before the writer opens its database (no connection
 crosses a fork), and results are asked for a bounded number of files ahead,
@@ -148,6 +151,7 @@ class CReplayScanner(CDestroyable):
         self.fScope = symbolinfo.Scope(loc, "")
         self.fScanName = scan_name
         self.fScanState = scopescanner.kReadyToScan
+        self.fIncompleteScopes = None   # counted here when the records came as blobs
         self._fScans = scans
 
     def Scan(self, end_time):
@@ -155,12 +159,22 @@ class CReplayScanner(CDestroyable):
         if error is not None:
             raise RuntimeError(error)
         info_cache = manager.GetAnalysisMgr().fInfoCache
+        loc = self.fScope.loc
+        records = [call for call in calls if call[0] == "AddScopeInfo"]
+        kept_as_blobs = False
+        if all(call[2] for call in records):
+            # Records to be written, as the blobs they came in: the cache
+            # writes them as they are when it holds nothing else of the file.
+            kept_as_blobs = info_cache.AddScopeInfoBlobs(loc, [call[1] for call in records])
+            calls = [call for call in calls if call[0] != "AddScopeInfo"]
         serializer = scopeinfo.CScopeInfoSerializer()
         for call in calls:
             if call[0] == "AddScopeInfo":
                 info_cache.AddScopeInfo(serializer.Loads(call[1]), call[2])
             else:
                 getattr(info_cache, call[0])(location.LocationForUrl(call[1]), *call[2:])
+        if kept_as_blobs:
+            self.fIncompleteScopes = info_cache.CountIncompleteScopes(loc)
         if finished:
             info_cache.WriteToDatabase([self.fScope.loc])
             self._fAllScopeNames = set(names) if names is not None else None
