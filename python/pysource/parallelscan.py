@@ -17,9 +17,10 @@ crosses a fork), and results are asked for a bounded number of files ahead,
 so the writer's memory doesn't grow with the project.
 """
 
-import concurrent.futures
+import collections
 import math
 import multiprocessing
+import signal
 
 from basekit import location
 from basekit.destroyable import CDestroyable
@@ -27,6 +28,7 @@ from pysource import manager, scopeinfo, scopescanner, symbolinfo
 
 kStateChangedSignal = "scan-state-changed"
 kFilesAheadPerWorker = 4
+kWorkerEndSeconds = 0.5
 
 
 # The worker's side.
@@ -56,8 +58,20 @@ class _CRecordingInfoCache(scopeinfo.CInfoCache):
 _gWorkerMgr = None
 
 
-def _StartWorker():
+def _WorkerMain(conn, inherited, scan_name):
+    """A worker: scans the files whose paths come through `conn` and sends
+    each one's result back, until the writer closes its end."""
+    # Ctrl-C is the writer's to handle: it ends the workers.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    for other in inherited:
+        other.close()    # so that a worker sees the writer go
     manager.SetAnalysisMgr(_gWorkerMgr)
+    try:
+        while True:
+            path = conn.recv()
+            conn.send(_ScanInWorker(path, scan_name))
+    except (EOFError, OSError):
+        pass
 
 
 def _ScanInWorker(path, scan_name):
@@ -89,23 +103,42 @@ def _ScanInWorker(path, scan_name):
 
 # The writer's side.
 
+class _CWorker:
+    """One worker process and the files asked of it, oldest first."""
+
+    def __init__(self, process, conn):
+        self.fProcess = process
+        self.fConn = conn
+        self.fAsked = collections.deque()
+        self.fAlive = True
+
+
 class CParallelPrimaryScans:
     """A pool of `jobs` worker processes that scans files ahead of the
     coordinator; `ScannerClass` gives the coordinator's scanner class.  Make
-    it before the database is opened; `close` ends the workers."""
+    it before the database is opened; `close` ends the workers.
+
+    Each worker has a pipe of its own, and answers in the order it was
+    asked; the writer reads a worker's answers as it needs them, so it runs
+    no threads of its own."""
 
     def __init__(self, jobs, scan_name):
         global _gWorkerMgr
         self.fScanName = scan_name
         _gWorkerMgr = manager.CAnalysisMgr(info_cache_class=_CRecordingInfoCache)
-        # A worker that dies fails the files it had (BrokenProcessPool) instead
-        # of leaving the writer waiting.
-        self._fPool = concurrent.futures.ProcessPoolExecutor(
-            jobs, mp_context=multiprocessing.get_context("fork"), initializer=_StartWorker)
-        # The first task forks every worker: now, before the database is opened.
-        self._fPool.submit(int).result()
+        context = multiprocessing.get_context("fork")
+        self._fWorkers = []
+        for _ in range(jobs):
+            ours, theirs = context.Pipe()
+            inherited = [worker.fConn for worker in self._fWorkers] + [ours]
+            process = context.Process(target=_WorkerMain, args=(theirs, inherited, scan_name),
+                                      daemon=True)
+            process.start()
+            theirs.close()
+            self._fWorkers.append(_CWorker(process, ours))
         self._fAhead = max(1, jobs * kFilesAheadPerWorker)
-        self._fPending = {}      # loc -> async result
+        self._fAskedOf = {}      # loc -> the worker asked for it
+        self._fResults = {}      # loc -> result read before its turn
         self._fQueue = []        # locs to scan, in the coordinator's order
         self._fNext = 0
 
@@ -115,19 +148,54 @@ class CParallelPrimaryScans:
         self._Submit()
 
     def _Submit(self):
-        while len(self._fPending) < self._fAhead and self._fNext < len(self._fQueue):
+        while len(self._fAskedOf) + len(self._fResults) < self._fAhead and \
+                self._fNext < len(self._fQueue):
             loc = self._fQueue[self._fNext]
             self._fNext += 1
-            if loc not in self._fPending:
-                self._fPending[loc] = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
+            if loc not in self._fAskedOf and loc not in self._fResults:
+                self._Ask(loc)
+
+    def _Ask(self, loc):
+        alive = [worker for worker in self._fWorkers if worker.fAlive]
+        if not alive:
+            self._fResults[loc] = (False, [], None, "the worker processes have ended")
+            return
+        worker = min(alive, key=lambda w: len(w.fAsked))
+        try:
+            worker.fConn.send(loc.fPath)
+        except OSError:
+            self._Lost(worker)
+            self._Ask(loc)
+            return
+        worker.fAsked.append(loc)
+        self._fAskedOf[loc] = worker
+
+    def _Lost(self, worker):
+        """A worker that ended fails the files it had."""
+        worker.fAlive = False
+        while worker.fAsked:
+            loc = worker.fAsked.popleft()
+            del self._fAskedOf[loc]
+            code = worker.fProcess.exitcode
+            self._fResults[loc] = (False, [], None, f"the worker process ended (exit code {code})")
 
     def Take(self, loc):
         """The worker's result for `loc` (scanned now when it wasn't asked
         for ahead, as for a retry)."""
-        pending = self._fPending.pop(loc, None)
-        if pending is None:
-            pending = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
-        result = pending.result()
+        if loc not in self._fResults and loc not in self._fAskedOf:
+            self._Ask(loc)
+        while loc not in self._fResults:
+            worker = self._fAskedOf[loc]
+            try:
+                result = worker.fConn.recv()
+            except (EOFError, OSError):
+                worker.fProcess.join()
+                self._Lost(worker)
+                break
+            done = worker.fAsked.popleft()
+            del self._fAskedOf[done]
+            self._fResults[done] = result
+        result = self._fResults.pop(loc)
         self._Submit()
         return result
 
@@ -136,7 +204,16 @@ class CParallelPrimaryScans:
 
     def close(self):
         global _gWorkerMgr
-        self._fPool.shutdown(wait=True, cancel_futures=True)
+        # A worker waiting for work ends when its pipe closes; one in the
+        # middle of a file is stopped.
+        for worker in self._fWorkers:
+            worker.fConn.close()
+        for worker in self._fWorkers:
+            worker.fProcess.join(kWorkerEndSeconds)
+            if worker.fProcess.is_alive():
+                worker.fProcess.terminate()
+                worker.fProcess.join()
+        self._fWorkers = []
         if _gWorkerMgr is not None:
             _gWorkerMgr.destroy()
             _gWorkerMgr = None
