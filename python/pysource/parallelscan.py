@@ -171,13 +171,19 @@ class CParallelPrimaryScans:
         self._fAskedOf[loc] = worker
 
     def _Lost(self, worker):
-        """A worker that ended fails the files it had."""
+        """A worker that ended fails the file it was scanning; the others it
+        had go to the workers left."""
         worker.fAlive = False
-        while worker.fAsked:
-            loc = worker.fAsked.popleft()
+        asked = list(worker.fAsked)
+        worker.fAsked.clear()
+        for loc in asked:
             del self._fAskedOf[loc]
+        if asked:
             code = worker.fProcess.exitcode
-            self._fResults[loc] = (False, [], None, f"the worker process ended (exit code {code})")
+            self._fResults[asked[0]] = (False, [], None,
+                                        f"the worker process ended (exit code {code})")
+        for loc in asked[1:]:
+            self._Ask(loc)
 
     def Take(self, loc):
         """The worker's result for `loc` (scanned now when it wasn't asked
