@@ -486,12 +486,18 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
         as_they_are = entry.db_id == 0 && entry.record_count == 0 && entry.deleted.empty();
     }
     if (!as_they_are) {
-        for (const BlobRecord &record : records)
-            AddScopeInfo(nb::cast(DecodeRecord(BytesView(record.blob), kSerializedOrigin,
-                                               [this](std::string_view url, std::string_view name) {
-                                                   return ScopeFromStore(url, name);
-                                               })),
-                         true);
+        for (const BlobRecord &record : records) {
+            nb::ref<CScopeInfo> info;
+            try {
+                info = DecodeRecord(BytesView(record.blob), kSerializedOrigin,
+                                    [this](std::string_view url, std::string_view name) {
+                                        return ScopeFromStore(url, name);
+                                    });
+            } catch (const InfoDatabaseError &e) {
+                throw nb::value_error(e.what());
+            }
+            AddScopeInfo(nb::cast(info.get()), true);
+        }
         return false;
     }
     // What the records say in the end: a later record of a key replaces the
