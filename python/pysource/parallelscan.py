@@ -170,10 +170,26 @@ class CParallelPrimaryScans:
         worker.fAsked.append(loc)
         self._fAskedOf[loc] = worker
 
+    def _ReadAnswer(self, worker):
+        """Reads `worker`'s answer for the oldest file asked of it; False
+        when the worker has ended."""
+        try:
+            result = worker.fConn.recv()
+        except (EOFError, OSError):
+            return False
+        loc = worker.fAsked.popleft()
+        del self._fAskedOf[loc]
+        self._fResults[loc] = result
+        return True
+
     def _Lost(self, worker):
-        """A worker that ended fails the file it was scanning; the others it
-        had go to the workers left."""
+        """A worker that ended: the answers it sent before still count, the
+        file it was scanning fails, the others it had go to the workers
+        left."""
         worker.fAlive = False
+        while worker.fAsked and worker.fConn.poll() and self._ReadAnswer(worker):
+            pass
+        worker.fProcess.join()
         asked = list(worker.fAsked)
         worker.fAsked.clear()
         for loc in asked:
@@ -192,15 +208,8 @@ class CParallelPrimaryScans:
             self._Ask(loc)
         while loc not in self._fResults:
             worker = self._fAskedOf[loc]
-            try:
-                result = worker.fConn.recv()
-            except (EOFError, OSError):
-                worker.fProcess.join()
+            if not self._ReadAnswer(worker):
                 self._Lost(worker)
-                break
-            done = worker.fAsked.popleft()
-            del self._fAskedOf[done]
-            self._fResults[done] = result
         result = self._fResults.pop(loc)
         self._Submit()
         return result
