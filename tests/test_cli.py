@@ -187,6 +187,19 @@ class TestIndex:
         assert len(replayed) == 23 and outs[0] == outs[1]
         assert (project / "one.db").read_bytes() == (project / "two.db").read_bytes()
 
+    def test_a_worker_that_dies_fails_only_the_file_it_was_scanning(self, project, capsys,
+                                                                      monkeypatch):
+        from pysource import parallelscan
+        for i in range(20):
+            (project / "pkg" / f"mod{i}.py").write_text(SHAPES.replace("Shape", f"Shape{i}"))
+        scan = parallelscan._ScanInWorker
+        monkeypatch.setattr(parallelscan, "_ScanInWorker", lambda path, name: os._exit(3)
+                            if path.endswith("mod7.py") else scan(path, name))
+        code, out, err = run(capsys, "index", "-j", "2")
+        assert code == cli.kExitFailed
+        assert "mod7.py: the scan failed: RuntimeError: the worker process ended (exit code 3)" in err
+        assert out.startswith("Indexed 21 files: ") and "1 failed" in out
+
     def test_quiet_when_piped(self, project):
         env = dict(os.environ, SKBUILD_EDITABLE_VERBOSE="0")
         done = subprocess.run([sys.executable, "-m", "pysource", "index"], cwd=project,

@@ -14,7 +14,8 @@ import textwrap
 
 import pytest
 
-from pysource.scopeinfo import CInfoCache, CInfoDatabaseError, kSchemaVersion
+from pysource.scopeinfo import (CInfoCache, CInfoDatabaseError, CScopeInfo, CScopeInfoKey,
+                               CScopeInfoSerializer, kSchemaVersion)
 
 from cacheutil import DERIVED, PRIMARY, Scope, derived_record, loc_of, primary_record, record_summary
 
@@ -419,3 +420,60 @@ class TestReadOnly:
         with pytest.raises(CInfoDatabaseError, match="no pysource index"):
             CInfoCache().OpenDatabase(str(empty), read_only=True)
         assert empty.read_bytes() == b""
+
+
+def blob_scan(loc):
+    """The records one scan of `loc` makes, in order: a replaced record, one
+    dropped again (not found) and an incomplete one."""
+    mod, f, gone = Scope(loc, ""), Scope(loc, "f"), Scope(loc, "gone")
+    missing = CScopeInfo(CScopeInfoKey(gone, PRIMARY, gone), b"", 10.0, False, True)
+    return [primary_record(mod, {"f": b":fdef"}, inst={"a": b"int"}),
+            primary_record(f, {"y": b":old"}), primary_record(gone, {"z": b"1"}),
+            primary_record(f, {"y": b":s0"}, incomplete=True), missing]
+
+
+READS_BEFORE_THE_WRITE = {
+    "nothing": lambda cache, loc: None,
+    "GetScopeInfo": lambda cache, loc: record_summary(cache.GetScopeInfo(Scope(loc, "f"))),
+    "GetScopesForLoc": lambda cache, loc: cache.GetScopesForLoc(loc),
+    "FindScopesNamed": lambda cache, loc: [s for _, s in cache.FindScopesNamed("f")],
+    "GetScopeCounts": lambda cache, loc: [row[1:] for row in cache.GetScopeCounts()],
+    "ForgetScopesOfLoc": lambda cache, loc: cache.ForgetScopesOfLoc(loc, PRIMARY, [""]),
+}
+
+
+class TestRecordsAsBlobs:
+    """A scan's records handed over as serialized blobs give the file that
+    adding the records gives, whether or not they are read before the write."""
+
+    @pytest.mark.parametrize("read", READS_BEFORE_THE_WRITE)
+    def test_blobs_make_the_same_file_as_the_records(self, tmp_path, read):
+        results, files = [], []
+        for name, as_blobs in (("records", False), ("blobs", True)):
+            db = tmp_path / f"{name}.db"
+            cache = CInfoCache(db_path=db)
+            a = loc_of(tmp_path, "a.py")
+            if as_blobs:
+                dumps = CScopeInfoSerializer().Dumps
+                assert cache.AddScopeInfoBlobs(a, [dumps(r) for r in blob_scan(a)])
+            else:
+                for record in blob_scan(a):
+                    cache.AddScopeInfo(record, True)
+            counts = (cache.CountIncompleteScopes(a), cache.fRecordsInMemory)
+            results.append((counts, READS_BEFORE_THE_WRITE[read](cache, a)))
+            assert cache.WriteToDatabase([a]) == 2 - (read == "ForgetScopesOfLoc")
+            results.append(record_summary(cache.GetScopeInfo(Scope(a, "f"))))
+            cache.CloseDatabase()
+            files.append(db.read_bytes())
+        assert results[0] == results[2] and results[1] == results[3]
+        assert results[0][0] == (1, 2) and files[0] == files[1]
+
+    def test_a_location_with_records_takes_them_one_by_one(self, tmp_path):
+        db, a = one_record_db(tmp_path)
+        blobs = [CScopeInfoSerializer().Dumps(r) for r in blob_scan(a)]
+        cache = CInfoCache(db_path=db)
+        assert not cache.AddScopeInfoBlobs(a, blobs)
+        assert cache.GetScopesForLoc(a) == ["", "f"] and cache.CountIncompleteScopes(a) == 1
+        assert not CInfoCache().AddScopeInfoBlobs(a, blobs)   # no database
+        with pytest.raises(ValueError):
+            cache.AddScopeInfoBlobs(a, [blobs[0][:-3]])

@@ -385,6 +385,9 @@ class CScanCoordinator:
         ana = self.fAnalysisMgr.GetAnalysis(job.loc, False)
         if ana is not None and hasattr(ana, "GetParseErrors"):
             return len(ana.GetParseErrors())
+        counted = getattr(job.scanner, "fIncompleteScopes", None)
+        if counted is not None:
+            return counted
         return CountIncompleteScopes(self.fAnalysisMgr.fInfoCache, job.loc)
 
     def _ReportProgress(self, loc):

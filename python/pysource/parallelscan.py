@@ -7,16 +7,20 @@ mark, the names of the file's scopes).  The writer — the process that owns
 the database — tells its own cache the same, in the same order, through
 `CReplayScanner`, a scanner that the coordinator drives like any other: the
 coordinator keeps its order, counts, retries and clean-up, and the database
-gets the same rows as when the writer scans the files itself.
+gets the same rows as when the writer scans the files itself.  The records
+reach the writer's cache as the blobs they came in (`AddScopeInfoBlobs`):
+for a file the index doesn't hold yet the cache binds their parts as rows
+without making the records, so the writer's share of the work stays small.
 
 Workers are forked before the writer opens its database (no connection
 crosses a fork), and results are asked for a bounded number of files ahead,
 so the writer's memory doesn't grow with the project.
 """
 
-import concurrent.futures
+import collections
 import math
 import multiprocessing
+import signal
 
 from basekit import location
 from basekit.destroyable import CDestroyable
@@ -24,6 +28,7 @@ from pysource import manager, scopeinfo, scopescanner, symbolinfo
 
 kStateChangedSignal = "scan-state-changed"
 kFilesAheadPerWorker = 4
+kWorkerEndSeconds = 0.5
 
 
 # The worker's side.
@@ -53,8 +58,20 @@ class _CRecordingInfoCache(scopeinfo.CInfoCache):
 _gWorkerMgr = None
 
 
-def _StartWorker():
+def _WorkerMain(conn, inherited, scan_name):
+    """A worker: scans the files whose paths come through `conn` and sends
+    each one's result back, until the writer closes its end."""
+    # Ctrl-C is the writer's to handle: it ends the workers.
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    for other in inherited:
+        other.close()    # so that a worker sees the writer go
     manager.SetAnalysisMgr(_gWorkerMgr)
+    try:
+        while True:
+            path = conn.recv()
+            conn.send(_ScanInWorker(path, scan_name))
+    except (EOFError, OSError):
+        pass
 
 
 def _ScanInWorker(path, scan_name):
@@ -86,23 +103,42 @@ def _ScanInWorker(path, scan_name):
 
 # The writer's side.
 
+class _CWorker:
+    """One worker process and the files asked of it, oldest first."""
+
+    def __init__(self, process, conn):
+        self.fProcess = process
+        self.fConn = conn
+        self.fAsked = collections.deque()
+        self.fAlive = True
+
+
 class CParallelPrimaryScans:
     """A pool of `jobs` worker processes that scans files ahead of the
     coordinator; `ScannerClass` gives the coordinator's scanner class.  Make
-    it before the database is opened; `close` ends the workers."""
+    it before the database is opened; `close` ends the workers.
+
+    Each worker has a pipe of its own, and answers in the order it was
+    asked; the writer reads a worker's answers as it needs them, so it runs
+    no threads of its own."""
 
     def __init__(self, jobs, scan_name):
         global _gWorkerMgr
         self.fScanName = scan_name
         _gWorkerMgr = manager.CAnalysisMgr(info_cache_class=_CRecordingInfoCache)
-        # A worker that dies fails the files it had (BrokenProcessPool) instead
-        # of leaving the writer waiting.
-        self._fPool = concurrent.futures.ProcessPoolExecutor(
-            jobs, mp_context=multiprocessing.get_context("fork"), initializer=_StartWorker)
-        # The first task forks every worker: now, before the database is opened.
-        self._fPool.submit(int).result()
+        context = multiprocessing.get_context("fork")
+        self._fWorkers = []
+        for _ in range(jobs):
+            ours, theirs = context.Pipe()
+            inherited = [worker.fConn for worker in self._fWorkers] + [ours]
+            process = context.Process(target=_WorkerMain, args=(theirs, inherited, scan_name),
+                                      daemon=True)
+            process.start()
+            theirs.close()
+            self._fWorkers.append(_CWorker(process, ours))
         self._fAhead = max(1, jobs * kFilesAheadPerWorker)
-        self._fPending = {}      # loc -> async result
+        self._fAskedOf = {}      # loc -> the worker asked for it
+        self._fResults = {}      # loc -> result read before its turn
         self._fQueue = []        # locs to scan, in the coordinator's order
         self._fNext = 0
 
@@ -112,19 +148,69 @@ class CParallelPrimaryScans:
         self._Submit()
 
     def _Submit(self):
-        while len(self._fPending) < self._fAhead and self._fNext < len(self._fQueue):
+        while len(self._fAskedOf) + len(self._fResults) < self._fAhead and \
+                self._fNext < len(self._fQueue):
             loc = self._fQueue[self._fNext]
             self._fNext += 1
-            if loc not in self._fPending:
-                self._fPending[loc] = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
+            if loc not in self._fAskedOf and loc not in self._fResults:
+                self._Ask(loc)
+
+    def _Ask(self, loc):
+        alive = [worker for worker in self._fWorkers if worker.fAlive]
+        if not alive:
+            self._fResults[loc] = (False, [], None, "the worker processes have ended")
+            return
+        worker = min(alive, key=lambda w: len(w.fAsked))
+        try:
+            worker.fConn.send(loc.fPath)
+        except OSError:
+            self._Lost(worker)
+            self._Ask(loc)
+            return
+        worker.fAsked.append(loc)
+        self._fAskedOf[loc] = worker
+
+    def _ReadAnswer(self, worker):
+        """Reads `worker`'s answer for the oldest file asked of it; False
+        when the worker has ended."""
+        try:
+            result = worker.fConn.recv()
+        except (EOFError, OSError):
+            return False
+        loc = worker.fAsked.popleft()
+        del self._fAskedOf[loc]
+        self._fResults[loc] = result
+        return True
+
+    def _Lost(self, worker):
+        """A worker that ended: the answers it sent before still count, the
+        file it was scanning fails, the others it had go to the workers
+        left."""
+        worker.fAlive = False
+        while worker.fAsked and worker.fConn.poll() and self._ReadAnswer(worker):
+            pass
+        worker.fProcess.join()
+        asked = list(worker.fAsked)
+        worker.fAsked.clear()
+        for loc in asked:
+            del self._fAskedOf[loc]
+        if asked:
+            code = worker.fProcess.exitcode
+            self._fResults[asked[0]] = (False, [], None,
+                                        f"the worker process ended (exit code {code})")
+        for loc in asked[1:]:
+            self._Ask(loc)
 
     def Take(self, loc):
         """The worker's result for `loc` (scanned now when it wasn't asked
         for ahead, as for a retry)."""
-        pending = self._fPending.pop(loc, None)
-        if pending is None:
-            pending = self._fPool.submit(_ScanInWorker, loc.fPath, self.fScanName)
-        result = pending.result()
+        if loc not in self._fResults and loc not in self._fAskedOf:
+            self._Ask(loc)
+        while loc not in self._fResults:
+            worker = self._fAskedOf[loc]
+            if not self._ReadAnswer(worker):
+                self._Lost(worker)
+        result = self._fResults.pop(loc)
         self._Submit()
         return result
 
@@ -133,7 +219,16 @@ class CParallelPrimaryScans:
 
     def close(self):
         global _gWorkerMgr
-        self._fPool.shutdown(wait=True, cancel_futures=True)
+        # A worker waiting for work ends when its pipe closes; one in the
+        # middle of a file is stopped.
+        for worker in self._fWorkers:
+            worker.fConn.close()
+        for worker in self._fWorkers:
+            worker.fProcess.join(kWorkerEndSeconds)
+            if worker.fProcess.is_alive():
+                worker.fProcess.terminate()
+                worker.fProcess.join()
+        self._fWorkers = []
         if _gWorkerMgr is not None:
             _gWorkerMgr.destroy()
             _gWorkerMgr = None
@@ -148,6 +243,7 @@ class CReplayScanner(CDestroyable):
         self.fScope = symbolinfo.Scope(loc, "")
         self.fScanName = scan_name
         self.fScanState = scopescanner.kReadyToScan
+        self.fIncompleteScopes = None   # counted here when the records came as blobs
         self._fScans = scans
 
     def Scan(self, end_time):
@@ -155,12 +251,22 @@ class CReplayScanner(CDestroyable):
         if error is not None:
             raise RuntimeError(error)
         info_cache = manager.GetAnalysisMgr().fInfoCache
+        loc = self.fScope.loc
+        records = [call for call in calls if call[0] == "AddScopeInfo"]
+        kept_as_blobs = False
+        if all(call[2] for call in records):
+            # Records to be written, as the blobs they came in: the cache
+            # writes them as they are when it holds nothing else of the file.
+            kept_as_blobs = info_cache.AddScopeInfoBlobs(loc, [call[1] for call in records])
+            calls = [call for call in calls if call[0] != "AddScopeInfo"]
         serializer = scopeinfo.CScopeInfoSerializer()
         for call in calls:
             if call[0] == "AddScopeInfo":
                 info_cache.AddScopeInfo(serializer.Loads(call[1]), call[2])
             else:
                 getattr(info_cache, call[0])(location.LocationForUrl(call[1]), *call[2:])
+        if kept_as_blobs:
+            self.fIncompleteScopes = info_cache.CountIncompleteScopes(loc)
         if finished:
             info_cache.WriteToDatabase([self.fScope.loc])
             self._fAllScopeNames = set(names) if names is not None else None

@@ -193,6 +193,7 @@ void CInfoCache::ReadingRows(F &&body) {
 
 void CInfoCache::EnsureRecords(LocEntry &entry) {
     EnsureMeta(entry);
+    MakeBlobRecords(entry);
     if (entry.records_loaded)
         return;
     entry.records_loaded = true;
@@ -386,6 +387,8 @@ void CInfoCache::RemoveSlot(LocEntry &entry, const std::string &scope_name, std:
 }
 
 void CInfoCache::RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPlace> *keep) {
+    if (LocEntry *scanned = FindEntry(std::get<0>(scan)))
+        MakeBlobRecords(*scanned);  // a file's own records are the only blob records
     auto scan_it = fRecordsOfScan.find(scan);
     if (scan_it == fRecordsOfScan.end())
         return;
@@ -446,6 +449,130 @@ nb::object CInfoCache::AddScopeInfoListForSingleScan(nb::handle scope, nb::handl
             ++changed;
     fScansWithNewRecords.insert(scan_id);
     return nb::int_(changed);
+}
+
+namespace {
+
+const std::string kSerializedOrigin = "serialized record";
+
+std::string_view BytesView(nb::handle bytes) {
+    return std::string_view(PyBytes_AS_STRING(bytes.ptr()), (std::size_t) PyBytes_GET_SIZE(bytes.ptr()));
+}
+
+bool SameKey(const RecordBlobView &a, const RecordBlobView &b) {
+    return a.for_name == b.for_name && a.scan_name == b.scan_name && a.scanned_url == b.scanned_url &&
+           a.scanned_name == b.scanned_name;
+}
+
+}  // namespace
+
+bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
+    LocEntry &entry = EntryFor(loc);
+    std::vector<BlobRecord> records;
+    bool as_they_are = fDatabase && !fDatabase->IsReadOnly() && !fKeepWritesInMemory &&
+                       fDeferDepth == 0 && ConnectionCount("scopes-modified") == 0 &&
+                       !CScopeDependantCache::AnyDependants();
+    for (nb::handle blob : blobs) {
+        if (!PyBytes_Check(blob.ptr()))
+            throw nb::type_error("AddScopeInfoBlobs: the records must be bytes");
+        try {
+            records.push_back({nb::borrow(blob), ViewRecordBlob(BytesView(blob), kSerializedOrigin)});
+        } catch (const InfoDatabaseError &e) {
+            throw nb::value_error(e.what());
+        }
+        as_they_are = as_they_are && records.back().view.for_url == entry.url;
+    }
+    if (as_they_are) {
+        EnsureRecords(entry);
+        as_they_are = entry.db_id == 0 && entry.record_count == 0 && entry.deleted.empty();
+    }
+    if (!as_they_are) {
+        for (const BlobRecord &record : records) {
+            nb::ref<CScopeInfo> info;
+            try {
+                info = DecodeRecord(BytesView(record.blob), kSerializedOrigin,
+                                    [this](std::string_view url, std::string_view name) {
+                                        return ScopeFromStore(url, name);
+                                    });
+            } catch (const InfoDatabaseError &e) {
+                throw nb::value_error(e.what());
+            }
+            AddScopeInfo(nb::cast(info.get()), true);
+        }
+        return false;
+    }
+    // What the records say in the end: a later record of a key replaces the
+    // earlier one in its place, a not-found one drops it.
+    std::vector<BlobRecord> &kept = entry.blob_records;
+    for (BlobRecord &record : records) {
+        auto same = std::find_if(kept.begin(), kept.end(),
+                                 [&](const BlobRecord &k) { return SameKey(k.view, record.view); });
+        if (record.view.not_found) {
+            if (same != kept.end())
+                kept.erase(same);
+            continue;
+        }
+        if (record.view.scan_name == fPrimaryScanName) {
+            entry.latest_record_mtime = std::max(entry.latest_record_mtime, record.view.disk_mtime);
+            ++fPrimaryGeneration;
+        }
+        ++fRecordGeneration;
+        if (same != kept.end())
+            *same = std::move(record);
+        else
+            kept.push_back(std::move(record));
+    }
+    entry.record_count = kept.size();
+    fRecordsInMemory += kept.size();
+    Touch(entry);
+    MarkDirty(entry);
+    return true;
+}
+
+void CInfoCache::MakeBlobRecords(LocEntry &entry) {
+    if (entry.blob_records.empty())
+        return;
+    std::vector<BlobRecord> records = std::move(entry.blob_records);
+    entry.blob_records.clear();
+    fRecordsInMemory -= entry.record_count;
+    entry.record_count = 0;
+    for (const BlobRecord &record : records)
+        AddRecord(*DecodeRecord(BytesView(record.blob), kSerializedOrigin,
+                                [this](std::string_view url, std::string_view name) {
+                                    return ScopeFromStore(url, name);
+                                }),
+                  true);
+}
+
+void CInfoCache::MakeAllBlobRecords() {
+    std::vector<LocEntry *> holding;
+    for (LocEntry *entry : fDirtyEntries)
+        if (!entry->blob_records.empty())
+            holding.push_back(entry);
+    for (LocEntry *entry : holding)
+        MakeBlobRecords(*entry);
+}
+
+Py_ssize_t CInfoCache::CountIncompleteScopes(nb::handle loc) {
+    LocEntry &entry = EntryFor(loc);
+    // A scope's merged record is incomplete when its first primary record is.
+    Py_ssize_t count = 0;
+    if (!entry.blob_records.empty()) {
+        std::set<std::string_view> seen;
+        for (const BlobRecord &record : entry.blob_records)
+            if (record.view.scan_name == fPrimaryScanName && seen.insert(record.view.for_name).second &&
+                record.view.incomplete)
+                ++count;
+        return count;
+    }
+    EnsureRecords(entry);
+    for (auto &[name, scope_entry] : entry.scopes)
+        for (const RecordSlot &slot : scope_entry.records)
+            if (slot.scan_name == fPrimaryScanName) {
+                count += slot.info->incomplete ? 1 : 0;
+                break;
+            }
+    return count;
 }
 
 void CInfoCache::FinishedWithScans(nb::handle scope, nb::handle scan_name) {
@@ -575,6 +702,7 @@ nb::list CInfoCache::FindScopesNamed(nb::handle name) {
         return scope.size() > target.size() && scope.ends_with(target) &&
                scope[scope.size() - target.size() - 1] == '.';
     };
+    MakeAllBlobRecords();
     std::map<std::pair<std::string, std::string>, nb::object> found;
     std::set<std::string> read;  // locations answered from memory
     auto from_memory = [&](LocEntry &entry) {
@@ -616,6 +744,7 @@ nb::list CInfoCache::GetScopeCounts() {
     // (URL, kind) -> (scopes, incomplete scopes)
     std::map<std::pair<std::string, std::string>, std::pair<std::int64_t, std::int64_t>> counts;
     std::set<std::string> in_memory;
+    MakeAllBlobRecords();
     auto count_in_memory = [&](LocEntry &entry) {
         in_memory.insert(entry.url);
         for (auto &[name, scope_entry] : entry.scopes)
@@ -696,6 +825,13 @@ Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, n
         keep.insert(nb::cast<std::string>(name));
     }
     LocEntry &entry = EntryFor(loc);
+    auto kept = [&](const BlobRecord &record) {
+        return record.view.scan_name != scan || record.view.scanned_url != entry.url ||
+               keep.count(record.view.for_name);
+    };
+    if (!entry.blob_records.empty() &&
+        std::all_of(entry.blob_records.begin(), entry.blob_records.end(), kept))
+        return 0;
     EnsureRecords(entry);
     std::vector<std::string> gone;
     for (auto &[name, scope_entry] : entry.scopes)
@@ -727,6 +863,7 @@ Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, n
 Py_ssize_t CInfoCache::ForgetLocation(nb::handle loc) {
     LocEntry &entry = EntryFor(loc);
     EnsureMeta(entry);
+    MakeBlobRecords(entry);  // so that their scopes are told
     // The file first: when it fails, memory still agrees with it.
     std::int64_t stored = 0;
     if (fDatabase && entry.db_id != 0)
@@ -868,7 +1005,7 @@ void CInfoCache::FlushScopesModified() {
 
 bool CInfoCache::CanEvict(const LocEntry &entry) const {
     if (!entry.records_loaded || entry.record_count == 0 || entry.dirty_records ||
-        !entry.deleted.empty() || entry.meta_dirty)
+        !entry.deleted.empty() || entry.meta_dirty || !entry.blob_records.empty())
         return false;
     for (auto &[name, scope_entry] : entry.scopes)
         for (const RecordSlot &slot : scope_entry.records)
@@ -947,6 +1084,7 @@ void CInfoCache::CloseDatabase() {
         std::set<std::string> held = fHeldWrites;
         WriteLocations(&held);
     }
+    MakeAllBlobRecords();  // memory is all there will be
     std::unique_ptr<CInfoDatabase> db = std::move(fDatabase);
     db->Close();
     // What is in memory stays and is now all there is.
@@ -1008,7 +1146,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
 
     std::vector<std::pair<LocEntry *, RecordSlot *>> written;
     std::unordered_set<const RecordSlot *> written_set;
-    std::vector<LocEntry *> meta_written, new_ids, partial_deletes;
+    std::vector<LocEntry *> meta_written, new_ids, partial_deletes, blobs_written;
     std::vector<ScanId> scans_replaced;
     nb::list upserts, deletes;
     std::set<std::int64_t> recount;  // locations whose primary records change
@@ -1035,6 +1173,40 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         if (slot.scan_name == fPrimaryScanName)
             recount.insert(entry.db_id);
     };
+
+    auto write_blobs = [&](LocEntry &entry) {
+        std::int64_t id = db_id_of(entry);
+        auto str = [](std::string_view text) { return nb::str(text.data(), text.size()); };
+        auto blob = [](const std::optional<std::string_view> &part) -> nb::object {
+            if (!part)
+                return nb::none();
+            return nb::bytes(part->data(), part->size());
+        };
+        for (const BlobRecord &record : entry.blob_records) {
+            const RecordBlobView &row = record.view;
+            std::int64_t scanned_id =
+                row.scanned_url == entry.url ? id : db_id_of(EntryForUrl(std::string(row.scanned_url), nb::handle()));
+            upserts.append(nb::make_tuple(id, str(row.for_name), str(row.scan_name), scanned_id,
+                                          str(row.scanned_name), blob(row.ibytes), row.disk_mtime,
+                                          row.incomplete ? 1 : 0, blob(row.parts[0]), blob(row.parts[1]),
+                                          blob(row.parts[2]), blob(row.parts[3]), blob(row.parts[4])));
+            if (row.scan_name == fPrimaryScanName)
+                recount.insert(id);
+        }
+        blobs_written.push_back(&entry);
+    };
+    // Blob records of a location not written whole, which the write wants
+    // some of, are made into records first.
+    if (!all) {
+        std::vector<LocEntry *> partly;
+        for (LocEntry *entry : fDirtyEntries)
+            if (!wanted(entry->url) &&
+                std::any_of(entry->blob_records.begin(), entry->blob_records.end(),
+                            [&](const BlobRecord &record) { return wanted(std::string(record.view.scanned_url)); }))
+                partly.push_back(entry);
+        for (LocEntry *entry : partly)
+            MakeBlobRecords(*entry);
+    }
 
     fDatabase->Begin();
     try {
@@ -1091,6 +1263,8 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
                         }
                 partial_deletes.push_back(entry);
             }
+            if (whole && !entry->blob_records.empty())
+                write_blobs(*entry);
             if (entry->dirty_records == 0)
                 continue;
             for (auto &[scope_name, scope_entry] : entry->scopes)
@@ -1119,6 +1293,15 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         }
     for (LocEntry *entry : meta_written)
         entry->meta_dirty = false;
+    // Written blob records are read back from the file when wanted.
+    std::size_t blob_count = 0;
+    for (LocEntry *entry : blobs_written) {
+        blob_count += entry->blob_records.size();
+        fRecordsInMemory -= entry->record_count;
+        entry->record_count = 0;
+        entry->blob_records.clear();
+        entry->records_loaded = false;
+    }
     for (LocEntry *entry : partial_deletes) {
         bool whole = wanted(entry->url);
         auto &rows = entry->deleted;
@@ -1132,14 +1315,15 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
     fNextEvictionAttempt = 0;
     for (auto it = fDirtyEntries.begin(); it != fDirtyEntries.end();) {
         LocEntry *entry = *it;
-        if (entry->dirty_records == 0 && entry->deleted.empty() && !entry->meta_dirty)
+        if (entry->dirty_records == 0 && entry->deleted.empty() && !entry->meta_dirty &&
+            entry->blob_records.empty())
             it = fDirtyEntries.erase(it);
         else
             ++it;
     }
     // What was written may now leave memory.
     CInfoCache::Trim();
-    return nb::int_((Py_ssize_t) written.size());
+    return nb::int_((Py_ssize_t) (written.size() + blob_count));
 }
 
 void CInfoCache::_destroy_impl() {

@@ -31,6 +31,7 @@
 
 #include "basekit/destroyable.h"
 #include "pysource/infodatabase.h"
+#include "pysource/recordcodec.h"
 #include "pysource/scopeinfo.h"
 
 namespace nb = nanobind;
@@ -86,6 +87,17 @@ public:
     // has.  Records other scans made stay.  Gives the number dropped.
     Py_ssize_t ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names);
 
+    // The records of `loc` that one scan made, as CScopeInfoSerializer blobs
+    // in the order it made them: the same as AddScopeInfo(Loads(blob), True)
+    // of each.  When the cache has a database and holds nothing of `loc`, and
+    // nothing listens for changed scopes, the blobs are kept as they are and
+    // written from them: their records are made only if something reads them
+    // before the write (the writer of scans made in other processes).  Gives
+    // whether they were kept so.
+    bool AddScopeInfoBlobs(nb::handle loc, nb::handle blobs);
+    // The scopes of `loc` whose merged record is incomplete.
+    Py_ssize_t CountIncompleteScopes(nb::handle loc);
+
     // Drops everything known of `loc` (a file that is gone): its records, the
     // records its scopes' scans made for other scopes, its disk time,
     // checksum, scans-done marks and words, in the database and in memory.
@@ -140,6 +152,11 @@ private:
         bool persist = false;  // may be written to the database
         bool dirty = false;    // not yet in the database as it stands
     };
+    // A record kept as the blob it came in (AddScopeInfoBlobs).
+    struct BlobRecord {
+        nb::object blob;       // bytes
+        RecordBlobView view;   // into `blob`
+    };
     struct ScopeEntry {
         std::vector<RecordSlot> records;
         nb::ref<CScopeInfo> merged;
@@ -160,6 +177,9 @@ private:
         std::size_t dirty_records = 0;
         std::size_t record_count = 0;
         std::uint64_t last_use = 0;
+        // Records of a location that held nothing else, still as blobs; the
+        // entry is then otherwise empty, and record_count counts them.
+        std::vector<BlobRecord> blob_records;
         // Rows to delete: (scope, scan name, scanned URL, scanned scope).
         std::vector<std::tuple<std::string, std::string, std::string, std::string>> deleted;
     };
@@ -174,6 +194,9 @@ private:
     void EnsureMeta(LocEntry &entry);
     void EnsureRecords(LocEntry &entry);
     void LoadRecordRows(LocEntry &entry, nb::handle rows);
+    // Makes the records of `entry`'s blobs (of every entry's).
+    void MakeBlobRecords(LocEntry &entry);
+    void MakeAllBlobRecords();
     nb::object ScopeFromStore(std::string_view url, std::string_view name);
     nb::object LocationForUrl(std::string_view url);
     LocEntry *FindEntry(const std::string &url);

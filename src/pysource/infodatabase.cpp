@@ -240,8 +240,8 @@ void CInfoDatabase::Open() {
         CheckVersion(ver);
     else if (fReadOnly)
         Fail("opening", "the file holds no pysource index");
-    Execute("PRAGMA cache_size=-8192");  // KiB: a batch of writes stays off the disk until commit
     if (ver == kSchemaVersion || fReadOnly) {
+        SetCacheSize();
         CheckTables(!trusted);
         fFoundSound = true;
         if (fReadOnly && !trusted)
@@ -262,6 +262,7 @@ void CInfoDatabase::Open() {
     // file takes it (before WAL mode is set).
     if (tables == 0)
         Execute("PRAGMA page_size=16384");
+    SetCacheSize();
     Execute("PRAGMA journal_mode=WAL");
     Execute("PRAGMA synchronous=NORMAL");
     Begin();
@@ -333,6 +334,14 @@ void CInfoDatabase::NoteVerified() const {
     // Best effort: a folder we may not write keeps every open checking.
     std::ofstream out(fPath + "-verified", std::ios::trunc);
     out << stamp << '\n';
+}
+
+// A batch of writes stays off the disk until its commit.  The size is given
+// in KiB, which SQLite turns into a number of pages of the page size it has
+// then: so it is set once the page size is settled, or a new file's bigger
+// pages would make the cache four times the size.
+void CInfoDatabase::SetCacheSize() {
+    Execute("PRAGMA cache_size=-8192");
 }
 
 nb::object CInfoDatabase::Execute(const char *sql, nb::handle params) {

@@ -137,6 +137,7 @@ private:
     bool VerifiedAsItIs() const;
     void NoteVerified() const;
     void CheckVersion(std::int64_t version);
+    void SetCacheSize();
     void CreateSchema();
     void DropSchema();
     void CreateLookupIndexes();

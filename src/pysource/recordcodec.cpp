@@ -1,6 +1,7 @@
 #include "pysource/recordcodec.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "pysource/infodatabase.h"
 #include "pysource/scoperef.h"
@@ -49,6 +50,17 @@ private:
     std::string fOut;
 };
 
+// Stored UTF-8 as an interned str: the same names come back again and again.
+nb::object InternedText(std::string_view data, const std::string &origin) {
+    PyObject *text = PyUnicode_DecodeUTF8(data.data(), (Py_ssize_t) data.size(), "strict");
+    if (!text) {
+        PyErr_Clear();
+        throw InfoDatabaseError(origin + " is damaged: a stored name is not UTF-8");
+    }
+    PyUnicode_InternInPlace(&text);
+    return nb::steal(text);
+}
+
 class BlobReader {
 public:
     BlobReader(nb::handle blob, const std::string &origin) : fOrigin(origin) {
@@ -57,6 +69,8 @@ public:
         fPos = PyBytes_AS_STRING(blob.ptr());
         fEnd = fPos + PyBytes_GET_SIZE(blob.ptr());
     }
+    BlobReader(std::string_view blob, const std::string &origin)
+        : fPos(blob.data()), fEnd(blob.data() + blob.size()), fOrigin(origin) {}
     bool AtEnd() const { return fPos == fEnd; }
     double Double() {
         if ((size_t) (fEnd - fPos) < sizeof(double))
@@ -66,12 +80,11 @@ public:
         fPos += sizeof value;
         return value;
     }
-    // A nested blob as a bytes object, or None when absent.
-    nb::object OptionalBlob() {
+    // A nested blob, or nothing when absent.
+    std::optional<std::string_view> OptionalBlob() {
         if (Count() == 0)
-            return nb::none();
-        std::string_view data = Bytes();
-        return nb::bytes(data.data(), data.size());
+            return std::nullopt;
+        return Bytes();
     }
     std::uint64_t Count() {
         std::uint64_t n = 0;
@@ -93,16 +106,7 @@ public:
         fPos += n;
         return out;
     }
-    nb::object Text() {
-        std::string_view data = Bytes();
-        PyObject *text = PyUnicode_DecodeUTF8(data.data(), (Py_ssize_t) data.size(), "strict");
-        if (!text) {
-            PyErr_Clear();
-            Damaged("a stored name is not UTF-8");
-        }
-        PyUnicode_InternInPlace(&text);
-        return nb::steal(text);
-    }
+    nb::object Text() { return InternedText(Bytes(), fOrigin); }
     [[noreturn]] void Damaged(const char *what) const {
         throw InfoDatabaseError(fOrigin + " is damaged: " + what);
     }
@@ -131,8 +135,9 @@ nb::bytes EncodeNameMap(nb::handle map) {
     return out.Done();
 }
 
-nb::dict DecodeNameMap(nb::handle blob, const std::string &origin) {
-    BlobReader in(blob, origin);
+namespace {
+
+nb::dict ReadNameMap(BlobReader in) {
     std::uint64_t count = in.Count();
     nb::dict map;
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -145,6 +150,12 @@ nb::dict DecodeNameMap(nb::handle blob, const std::string &origin) {
     if (!in.AtEnd())
         in.Damaged("a name map has trailing bytes");
     return map;
+}
+
+}  // namespace
+
+nb::dict DecodeNameMap(nb::handle blob, const std::string &origin) {
+    return ReadNameMap(BlobReader(blob, origin));
 }
 
 nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::handle loc)> &url_of) {
@@ -170,9 +181,9 @@ nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::ha
     return out.Done();
 }
 
-nb::object DecodeScopes(nb::handle blob, const std::string &origin,
-                        const std::function<nb::object(std::string_view, std::string_view)> &make_scope) {
-    BlobReader in(blob, origin);
+namespace {
+
+nb::object ReadScopes(BlobReader in, const ScopeMaker &make_scope) {
     std::uint64_t count = in.Count();
     nb::object items = nb::steal(PySet_New(nullptr));
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -185,6 +196,12 @@ nb::object DecodeScopes(nb::handle blob, const std::string &origin,
     if (!in.AtEnd())
         in.Damaged("a scope set has trailing bytes");
     return AtomicFrozenSet(items);
+}
+
+}  // namespace
+
+nb::object DecodeScopes(nb::handle blob, const std::string &origin, const ScopeMaker &make_scope) {
+    return ReadScopes(BlobReader(blob, origin), make_scope);
 }
 
 nb::bytes EncodeStrings(nb::handle strings) {
@@ -245,53 +262,77 @@ nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(n
     return out.Done();
 }
 
-nb::ref<CScopeInfo> DecodeRecord(
-    nb::handle blob, const std::string &origin,
-    const std::function<nb::object(std::string_view, std::string_view)> &make_scope) {
+RecordBlobView ViewRecordBlob(std::string_view blob, const std::string &origin) {
     BlobReader in(blob, origin);
     if (in.Count() != kRecordBlobVersion)
         in.Damaged("a record of an unknown version");
-    std::string for_url(in.Bytes());
-    std::string for_name(in.Bytes());
-    nb::object scan_name = in.Text();
-    std::string scanned_url(in.Bytes());
-    std::string scanned_name(in.Bytes());
-    std::string_view ibytes = in.Bytes();
-    double disk_mtime = in.Double();
+    RecordBlobView view;
+    view.for_url = in.Bytes();
+    view.for_name = in.Bytes();
+    view.scan_name = in.Bytes();
+    view.scanned_url = in.Bytes();
+    view.scanned_name = in.Bytes();
+    view.ibytes = in.Bytes();
+    view.disk_mtime = in.Double();
     std::uint64_t flags = in.Count();
-    nb::object for_scope = make_scope(for_url, for_name);
-    nb::object scanned = (scanned_url == for_url && scanned_name == for_name)
-                             ? for_scope
-                             : make_scope(scanned_url, scanned_name);
-    nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
-    nb::ref<CScopeInfo> info(new CScopeInfo(key, nb::bytes(ibytes.data(), ibytes.size()),
-                                            nb::float_(disk_mtime), (flags & 1) != 0, (flags & 2) != 0));
-    nb::object maps[3], scopes[2];
-    for (nb::object &map : maps)
-        map = in.OptionalBlob();
-    for (nb::object &set : scopes)
-        set = in.OptionalBlob();
+    view.incomplete = (flags & 1) != 0;
+    view.not_found = (flags & 2) != 0;
+    for (std::optional<std::string_view> &part : view.parts)
+        part = in.OptionalBlob();
     if (!in.AtEnd())
         in.Damaged("a record has trailing bytes");
-    if (maps[0].is_none())
+    if (!view.parts[0])
         in.Damaged("a record has no name map");
-    DecodeRecordParts(*info, maps[0], maps[1], maps[2], scopes[0], scopes[1], origin, make_scope);
+    return view;
+}
+
+namespace {
+
+void FillRecordParts(CScopeInfo &info, const std::optional<std::string_view> (&parts)[5],
+                     const std::string &origin, const ScopeMaker &make_scope) {
+    info.type_equivs = ReadNameMap(BlobReader(*parts[0], origin));
+    if (parts[1])
+        info.inst_type_equivs = ReadNameMap(BlobReader(*parts[1], origin));
+    if (parts[2])
+        info.domains = ReadNameMap(BlobReader(*parts[2], origin));
+    if (parts[3])
+        info.scopes_seen = ReadScopes(BlobReader(*parts[3], origin), make_scope);
+    if (parts[4])
+        info.resolved_imports = ReadScopes(BlobReader(*parts[4], origin), make_scope);
+    info.finished = true;
+}
+
+}  // namespace
+
+nb::ref<CScopeInfo> DecodeRecord(std::string_view blob, const std::string &origin,
+                                 const ScopeMaker &make_scope) {
+    RecordBlobView view = ViewRecordBlob(blob, origin);
+    nb::object scan_name = InternedText(view.scan_name, origin);
+    nb::object for_scope = make_scope(view.for_url, view.for_name);
+    nb::object scanned = (view.scanned_url == view.for_url && view.scanned_name == view.for_name)
+                             ? for_scope
+                             : make_scope(view.scanned_url, view.scanned_name);
+    nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
+    nb::ref<CScopeInfo> info(new CScopeInfo(key, nb::bytes(view.ibytes.data(), view.ibytes.size()),
+                                            nb::float_(view.disk_mtime), view.incomplete,
+                                            view.not_found));
+    FillRecordParts(*info, view.parts, origin, make_scope);
     return info;
 }
 
 void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
                        nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
                        const std::string &origin, const ScopeMaker &make_scope) {
-    info.type_equivs = DecodeNameMap(type_equivs, origin);
-    if (!inst_type_equivs.is_none())
-        info.inst_type_equivs = DecodeNameMap(inst_type_equivs, origin);
-    if (!domains.is_none())
-        info.domains = DecodeNameMap(domains, origin);
-    if (!scopes_seen.is_none())
-        info.scopes_seen = DecodeScopes(scopes_seen, origin, make_scope);
-    if (!resolved_imports.is_none())
-        info.resolved_imports = DecodeScopes(resolved_imports, origin, make_scope);
-    info.finished = true;
+    nb::handle blobs[5] = {type_equivs, inst_type_equivs, domains, scopes_seen, resolved_imports};
+    std::optional<std::string_view> parts[5];
+    for (int i = 0; i < 5; ++i) {
+        if (blobs[i].is_none() && i > 0)
+            continue;
+        if (!PyBytes_Check(blobs[i].ptr()))
+            throw InfoDatabaseError(origin + " is damaged: a stored value is not a blob");
+        parts[i] = std::string_view(PyBytes_AS_STRING(blobs[i].ptr()), (size_t) PyBytes_GET_SIZE(blobs[i].ptr()));
+    }
+    FillRecordParts(info, parts, origin, make_scope);
 }
 
 nb::bytes CScopeInfoSerializer::Dumps(nb::handle info) {
@@ -302,7 +343,8 @@ nb::object CScopeInfoSerializer::Loads(nb::handle data) {
     if (!PyBytes_Check(data.ptr()))
         throw nb::type_error("CScopeInfoSerializer.Loads: the data must be bytes");
     try {
-        return nb::cast(DecodeRecord(data, "serialized record", [](std::string_view url, std::string_view name) {
+        std::string_view blob(PyBytes_AS_STRING(data.ptr()), (size_t) PyBytes_GET_SIZE(data.ptr()));
+        return nb::cast(DecodeRecord(blob, "serialized record", [](std::string_view url, std::string_view name) {
             return MakeScope(LocationFromUrl(url), name);
         }));
     } catch (const InfoDatabaseError &e) {

@@ -12,6 +12,7 @@
 #include <nanobind/intrusive/ref.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,18 +26,16 @@ namespace pysource {
 nb::bytes EncodeNameMap(nb::handle map);
 nb::dict DecodeNameMap(nb::handle blob, const std::string &origin);
 
+using ScopeMaker = std::function<nb::object(std::string_view url, std::string_view name)>;
+
 // An iterable of scopes; `url_of` gives the URL of a scope's location.
 nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::handle loc)> &url_of);
 // A frozenset of scopes, made by `make_scope(url, name)`.
-nb::object DecodeScopes(nb::handle blob, const std::string &origin,
-                        const std::function<nb::object(std::string_view url, std::string_view name)>
-                            &make_scope);
+nb::object DecodeScopes(nb::handle blob, const std::string &origin, const ScopeMaker &make_scope);
 
 // An iterable of str.
 nb::bytes EncodeStrings(nb::handle strings);
 nb::object DecodeStrings(nb::handle blob, const std::string &origin);  // a frozenset of str
-
-using ScopeMaker = std::function<nb::object(std::string_view url, std::string_view name)>;
 
 // Fills a record's maps and dependency sets from their blobs (None: absent)
 // and marks it finished.
@@ -46,9 +45,21 @@ void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst
 
 // A whole record, key included, as one blob and back.
 nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(nb::handle loc)> &url_of);
-nb::ref<CScopeInfo> DecodeRecord(
-    nb::handle blob, const std::string &origin,
-    const std::function<nb::object(std::string_view url, std::string_view name)> &make_scope);
+nb::ref<CScopeInfo> DecodeRecord(std::string_view blob, const std::string &origin,
+                                 const ScopeMaker &make_scope);
+
+// A record blob read in place, nothing made: each part views the blob, the
+// name maps and scope sets (type_equivs, inst_type_equivs, domains,
+// scopes_seen, resolved_imports; absent ones empty) in the form the database
+// stores them.
+struct RecordBlobView {
+    std::string_view for_url, for_name, scan_name, scanned_url, scanned_name, ibytes;
+    double disk_mtime = -1.0;
+    bool incomplete = false;
+    bool not_found = false;
+    std::optional<std::string_view> parts[5];
+};
+RecordBlobView ViewRecordBlob(std::string_view blob, const std::string &origin);
 
 // Records as self-contained byte strings, for handing them to another
 // process or keeping them outside the cache; locations travel as URLs.

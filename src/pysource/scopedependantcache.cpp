@@ -53,6 +53,13 @@ void CScopeDependantCache::InvalidateScopeEverywhere(nb::handle scope) {
             cache->InvalidateScope(scope);
 }
 
+bool CScopeDependantCache::AnyDependants() {
+    for (const CScopeDependantCache *cache : LiveCaches())
+        if (!cache->fDependants.empty())
+            return true;
+    return false;
+}
+
 nb::tuple CScopeDependantCache::LookupInCache(nb::handle key) {
     auto it = fIndex.find(PyKey(key));
     if (it == fIndex.end())

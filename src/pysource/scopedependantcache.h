@@ -54,6 +54,8 @@ public:
 
     // Every live cache drops the entries that depend on `scope`.
     static void InvalidateScopeEverywhere(nb::handle scope);
+    // True when some live cache holds an entry that depends on a scope.
+    static bool AnyDependants();
 
     std::string fName;
     Py_ssize_t fSize;

@@ -181,6 +181,8 @@ NB_MODULE(scopeinfo, m) {
         .def("FindScopesNamed", &CInfoCache::FindScopesNamed, nb::arg("name"))
         .def("GetScopeCounts", &CInfoCache::GetScopeCounts)
         .def("OpenDatabase", &CInfoCache::OpenDatabase, nb::arg("path"), nb::arg("read_only") = false)
+        .def("AddScopeInfoBlobs", &CInfoCache::AddScopeInfoBlobs, nb::arg("loc"), nb::arg("blobs"))
+        .def("CountIncompleteScopes", &CInfoCache::CountIncompleteScopes, nb::arg("loc"))
         .def("ForgetLocation", &CInfoCache::ForgetLocation, nb::arg("loc"))
         .def("ForgetScopesOfLoc", &CInfoCache::ForgetScopesOfLoc, nb::arg("loc"),
              nb::arg("scan_name"), nb::arg("keep_names"))
