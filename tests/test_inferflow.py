@@ -85,3 +85,10 @@ def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path):
     for loc in locs[1:]:
         flow.BlockPaths(loc, "f")
     assert locs[0].fUrl not in flow._fFiles and len(flow._fFiles) == inferflow.kFilesKept
+    # What was worked out outlasts the logicals: answered without reading the
+    # file again, until the file changes.
+    assert flow.BlockPaths(locs[0], "f") == ((), (0,), ())
+    assert locs[0].fUrl not in flow._fFiles
+    (tmp_path / "m0.py").write_text("def f(a):\n    return a\n")
+    flow._fInfoCache.GetLocDiskMTime = lambda _loc: 2.0
+    assert flow.BlockPaths(locs[0], "f") == ((),)

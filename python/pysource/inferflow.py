@@ -193,6 +193,10 @@ def _BodyStructure(logicals):
 # keep its logical lines for the garbage collector to walk at each full
 # collection.
 kFilesKept = 8
+# Files whose worked-out structures outlast their logicals: plain tuples,
+# which the collector stops walking, and asked for again by every engine
+# that starts without its kept answers.
+kStructuresKept = 1024
 
 
 class CBlockStructure:
@@ -205,6 +209,9 @@ class CBlockStructure:
         # its body's logicals until first asked for}, {scope name: its
         # _BodyStructure}), the latest read last
         self._fFiles = {}
+        # url -> (disk time, {scope name: its _BodyStructure}), the same
+        # dict as in _fFiles while the file is there, the latest read last
+        self._fStructures = {}
 
     def BlockPaths(self, loc, scope_name):
         """The block paths of the body of `scope_name` in `loc`, as a tuple
@@ -258,20 +265,35 @@ class CBlockStructure:
         from the questions that would need it."""
         self._File(loc)
 
-    def _File(self, loc):
+    def _File(self, loc, mtime=None):
         url = loc.fUrl
-        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        if mtime is None:
+            mtime = self._fInfoCache.GetLocDiskMTime(loc)
         known = self._fFiles.pop(url, None)
         if known is None or known[0] != mtime:
-            known = (mtime, *self._Read(loc), {})
+            known = (mtime, *self._Read(loc), self._WorkedOut(url, mtime))
             if len(self._fFiles) >= kFilesKept:
                 del self._fFiles[next(iter(self._fFiles))]
         self._fFiles[url] = known
         return known
 
+    def _WorkedOut(self, url, mtime):
+        """The structures worked out of the file at `url` as it was at `mtime`."""
+        kept = self._fStructures.pop(url, None)
+        if kept is None or kept[0] != mtime:
+            kept = (mtime, {})
+            if len(self._fStructures) >= kStructuresKept:
+                del self._fStructures[next(iter(self._fStructures))]
+        self._fStructures[url] = kept
+        return kept[1]
+
     def _Body(self, loc, scope_name):
-        _mtime, logicals, waiting, worked_out = self._File(loc)
         name = symbolinfo.NormalizedScope(None, scope_name).name
+        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        kept = self._fStructures.get(loc.fUrl)
+        if kept is not None and kept[0] == mtime and name in kept[1]:
+            return kept[1][name]
+        _mtime, logicals, waiting, worked_out = self._File(loc, mtime)
         body = worked_out.get(name)
         # A scope's structure is worked out when first asked for: a request
         # reads a few scopes of a file, and a large file's every scope at
@@ -283,8 +305,10 @@ class CBlockStructure:
     def Forget(self, loc=None):
         if loc is None:
             self._fFiles.clear()
+            self._fStructures.clear()
         else:
             self._fFiles.pop(loc.fUrl, None)
+            self._fStructures.pop(loc.fUrl, None)
 
     @staticmethod
     def _Read(loc):
