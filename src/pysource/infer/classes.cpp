@@ -395,11 +395,13 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             nb::object record = RecordOf(inst_scope);
             if (record.is_none())
                 continue;
-            nb::object entry_bytes = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+            nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+                ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
+                ++fBindingVersion;
                 if (name == "__class__")
                     break;  // every class's instances have one: the most derived decides
             }
@@ -437,9 +439,11 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
                       }));
         if (plain) {
             fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+            ++fBindingVersion;
             found = ValueSet();
             local = FindLocal(scope, name, -2, found, redirect);
             fClassMaps.pop_back();
+            ++fBindingVersion;
         }
         // A member set only under conditions that don't hold (a newer
         // version's) leaves the bases' member in force.
@@ -733,7 +737,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         ModuleRecord(d->loc);
         return out;
     }
-    nb::object returns = record.attr("GetInfoBytes")("return");
+    nb::object returns = InfoBytesOf(record, "return");
     if (IsGeneratorDef(d->loc, name)) {
         // The scan records what a generator yields as what it returns.
         nb::object generator = TypingClass("Generator");
@@ -768,6 +772,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
                 ValueSet self;
                 self.Add(d->fBoundTo);
                 fBoundNames[self_key] = self;
+                ++fBindingVersion;
                 binds_self = true;
             }
         }
@@ -775,8 +780,10 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
-        if (fBoundNames.emplace(key, values).second)
+        if (fBoundNames.emplace(key, values).second) {
             bound_arguments.push_back(key);
+            ++fBindingVersion;
+        }
     }
     ++fDepth;
     out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
@@ -785,6 +792,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         fBoundNames.erase(self_key);
     for (const auto &key : bound_arguments)
         fBoundNames.erase(key);
+    ++fBindingVersion;
     return out;
 }
 

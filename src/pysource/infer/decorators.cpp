@@ -41,7 +41,7 @@ bool CEvaluator::ImplementsOverloads(nb::handle parent, si::CSingleResolvedInfo 
     if (record.is_none())
         return false;
     std::string_view leaf = si::LeafScopeName(si::SplitScopeNameFromSuffixes(NameOf(d)).first);
-    nb::object entry = record.attr("GetInfoBytes")(nb::str(leaf.data(), leaf.size()));
+    nb::object entry = InfoBytesOf(record, leaf);
     if (entry.is_none())
         return false;
     for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {

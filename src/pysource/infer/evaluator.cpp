@@ -178,40 +178,58 @@ bool CEvaluator::CycleAt(const ActiveKey &key) {
 
 std::string CEvaluator::BindingSignature(const TypeMap *map) {
     std::string signature = std::to_string(fArgHops);
-    auto add_values = [&](const ValueSet &values) {
-        signature.push_back('[');
-        for (const nb::object &value : values.Items()) {
-            // Our own singles hash in C++ (-1 is -2, as Python has it).
-            Py_hash_t hash;
-            if (IsExactly<si::CSingleResolvedInfo>(value)) {
-                hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
-                hash = hash == -1 ? -2 : hash;
-            } else {
-                hash = PyObject_Hash(value.ptr());
-            }
-            signature.append(std::to_string((long long) hash));
-            signature.push_back(',');
+    if (fSignatureVersion != fBindingVersion) {
+        fBindingsSignature = BindingsSignature();
+        fSignatureVersion = fBindingVersion;
+    }
+    signature.append(fBindingsSignature);
+    if (map) {
+        signature.push_back('@');
+        AppendMapSignature(signature, *map);
+    }
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    return signature;
+}
+
+namespace {
+
+void AppendValuesSignature(std::string &signature, const ValueSet &values) {
+    signature.push_back('[');
+    for (const nb::object &value : values.Items()) {
+        // Our own singles hash in C++ (-1 is -2, as Python has it).
+        Py_hash_t hash;
+        if (IsExactly<si::CSingleResolvedInfo>(value)) {
+            hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
+            hash = hash == -1 ? -2 : hash;
+        } else {
+            hash = PyObject_Hash(value.ptr());
         }
-        signature.push_back(']');
-    };
+        signature.append(std::to_string((long long) hash));
+        signature.push_back(',');
+    }
+    signature.push_back(']');
+}
+
+}  // namespace
+
+void CEvaluator::AppendMapSignature(std::string &signature, const TypeMap &vars) {
+    for (const auto &[var, values] : vars) {
+        signature.append("|").append(var);
+        AppendValuesSignature(signature, values);
+    }
+}
+
+std::string CEvaluator::BindingsSignature() {
+    std::string signature;
     for (const auto &[name, values] : fBoundNames) {
         signature.append("|").append(std::get<0>(name)).append("|").append(std::get<1>(name)).append("|").append(
             std::get<2>(name));
-        add_values(values);
+        AppendValuesSignature(signature, values);
     }
-    auto add_map = [&](const TypeMap &vars) {
-        for (const auto &[var, values] : vars) {
-            signature.append("|").append(var);
-            add_values(values);
-        }
-    };
     for (const auto &[url, cls, class_map] : fClassMaps) {
         signature.append("#").append(url).append("|").append(cls);
-        add_map(class_map);
-    }
-    if (map) {
-        signature.push_back('@');
-        add_map(*map);
+        AppendMapSignature(signature, class_map);
     }
     if (PyErr_Occurred())
         throw nb::python_error();

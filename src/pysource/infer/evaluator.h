@@ -417,6 +417,9 @@ private:
     ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name, bool star = false);
     ValueSet BuiltinNamed(std::string_view name);
     nb::object ModuleScopeOf(nb::handle loc);
+    // The entry `name` of a record (GetInfoBytes), straight from our own
+    // records; None when it has none.
+    nb::object InfoBytesOf(nb::handle record, std::string_view name);
     // The location of the builtins' stub, asked once per request.
     nb::object BuiltinLoc();
     std::string ScopeKindOf(nb::handle scope);  // "class", "def", "module", "" unknown
@@ -658,6 +661,13 @@ private:
     // The names a call fixes and the type variables in force (plus `map`'s),
     // as text: values read under equal signatures are equal.
     std::string BindingSignature(const TypeMap *map);
+    // The part of it fBoundNames and fClassMaps make, kept while
+    // fBindingVersion (moved on at each of their changes) stays.
+    std::string BindingsSignature();
+    static void AppendMapSignature(std::string &signature, const TypeMap &vars);
+    std::uint64_t fBindingVersion = 0;
+    std::uint64_t fSignatureVersion = ~std::uint64_t(0);
+    std::string fBindingsSignature;
     bool fKeepProjectValues = false;
     // Counts the reads whose value a binding decides: a bound name, the
     // first parameter of a def, a type variable outside an explicit map.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <bitset>
 #include <charconv>
+#include <unordered_set>
 
 #include "pysource/exprtext.h"
 #include "basekit/stackguard.h"
@@ -222,8 +223,17 @@ void CEvaluator::NoteEffect(bool import, nb::handle scope) {
 }
 
 Effects CEvaluator::EffectsFrom(std::size_t start) const {
+    // Each effect once, in the order first told.
     Effects unique_effects;
-    std::set<std::pair<bool, PyObject *>> seen;
+    if (start >= fEffects.size())
+        return unique_effects;
+    struct EffectHash {
+        std::size_t operator()(const std::pair<bool, PyObject *> &e) const {
+            return std::hash<const void *>{}(e.second) ^ (std::size_t) e.first;
+        }
+    };
+    std::unordered_set<std::pair<bool, PyObject *>, EffectHash> seen;
+    seen.reserve(fEffects.size() - start);
     for (std::size_t i = start; i < fEffects.size(); ++i)
         if (seen.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
             unique_effects.push_back(fEffects[i]);
@@ -279,6 +289,13 @@ nb::object CEvaluator::RecordOf(nb::handle scope) {
     if (!record.is_none())
         Seen(scope);
     return record;
+}
+
+nb::object CEvaluator::InfoBytesOf(nb::handle record, std::string_view name) {
+    nb::str key(name.data(), name.size());
+    if (IsExactly<CScopeInfo>(record))
+        return nb::inst_ptr<CScopeInfo>(record)->GetInfoBytes(key, nb::none(), false);
+    return record.attr("GetInfoBytes")(key);
 }
 
 nb::object CEvaluator::ModuleScopeOf(nb::handle loc) {
@@ -545,7 +562,7 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     if (redirect == 2 && use_index >= 0 && !out.Empty()) {
         // A nonlocal name set here before the use: that setting is its value.
         nb::object record = RecordOf(scope);
-        nb::object entry = record.is_none() ? nb::none() : record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+        nb::object entry = record.is_none() ? nb::none() : InfoBytesOf(record, name);
         if (!entry.is_none())
             for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
                 si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
@@ -660,12 +677,12 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
             return true;
         }
     }
-    nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    nb::object entry = InfoBytesOf(record, name);
     EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (entry.is_none() || !BindsName(kinds)) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
-            nb::object stars = record.attr("GetInfoBytes")("*");
+            nb::object stars = InfoBytesOf(record, "*");
             if (!stars.is_none()) {
                 for (std::string_view single : si::NonNestedSplit(si::TextView(stars, "ibytes"), ";")) {
                     if (!ConditionsHold(single))
@@ -1042,7 +1059,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         ValueSet items;
         for (long long position = arg->index; star != 2 && position <= last; ++position) {
             std::string key = si::BuildArgInfo(position, std::nullopt);
-            nb::object passed = record.attr("GetInfoBytes")(nb::str(key.c_str()));
+            nb::object passed = InfoBytesOf(record, key);
             if (passed.is_none())
                 continue;
             for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
