@@ -460,7 +460,7 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
 ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &operand) {
     ValueSet out;
     for (const nb::object &v : operand.Items()) {
-        std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+        std::string_view bare = Single(v)->Bare();
         si::LiteralInfo lit;
         if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
             lit = si::UnpackLiteralInfo(bare);
@@ -482,7 +482,7 @@ ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &oper
 std::optional<long long> CEvaluator::ConstantInt(const ValueSet &values) {
     if (values.Size() != 1)
         return std::nullopt;
-    std::string_view bare = si::BareSingle(si::TextView(Single(values.Items()[0])->ibytes, "ibytes"));
+    std::string_view bare = Single(values.Items()[0])->Bare();
     if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
         return std::nullopt;
     si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
@@ -779,7 +779,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
         }
         // A TypedDict's key written as a string.
         if (index.Size() == 1) {
-            std::string_view bare = si::BareSingle(si::TextView(Single(index.Items()[0])->ibytes, "ibytes"));
+            std::string_view bare = Single(index.Items()[0])->Bare();
             if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
                 si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
                 if (lit.class_name == "str" && lit.value) {
@@ -874,7 +874,7 @@ bool CEvaluator::IsEllipsisArg(nb::handle arg) {
     if (PySet_Size(arg.ptr()) != 1)
         return false;
     for (nb::handle single : arg) {
-        std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+        std::string_view bare = Single(single)->Bare();
         return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "ellipsis";
     }
     return false;
@@ -882,7 +882,7 @@ bool CEvaluator::IsEllipsisArg(nb::handle arg) {
 
 bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &positions) {
     si::CSingleResolvedInfo *s = Single(single);
-    std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+    std::string_view bare = s->Bare();
     if (si::GetInfoBytesKind(bare) != si::kInstanceKind)
         return false;
     if (si::TextView(s->scope->name, "name") != "tuple" || !s->loc.is(BuiltinLoc())) {

@@ -539,7 +539,7 @@ nb::object CEvaluator::TypingClass(std::string_view name) {
 ValueSet CEvaluator::InstanceOf(nb::handle cls, nb::handle type_args) {
     ValueSet out;
     auto *c = nb::cast<si::CSingleResolvedInfo *>(cls);
-    std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
+    std::string_view bare = c->Bare();
     std::string canonical(si::kInstancePrefix);
     canonical.append(bare.substr(si::kPrefixLen));
     auto *single = new si::CSingleResolvedInfo(si::ToBytes(canonical), c->scope, c->loc);
