@@ -549,7 +549,7 @@ private:
     std::string fPrimaryScanName;
     nb::dict fRecords;  // scope -> merged record, or None
     // The same for our own scopes, by ScopeKey: (the scope, its record).
-    std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash> fScopeRecords;
+    std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash, ScopeLookupEqual> fScopeRecords;
     // The values being read, each with its place on the stack of reads.
     using ActiveKey = std::tuple<std::string, std::string, std::string, long long>;
     std::map<ActiveKey, std::size_t> fActive;

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <bitset>
 #include <charconv>
-#include <unordered_set>
 
 #include "pysource/exprtext.h"
 #include "basekit/stackguard.h"
@@ -227,16 +226,22 @@ Effects CEvaluator::EffectsFrom(std::size_t start) const {
     Effects unique_effects;
     if (start >= fEffects.size())
         return unique_effects;
-    struct EffectHash {
-        std::size_t operator()(const std::pair<bool, PyObject *> &e) const {
-            return std::hash<const void *>{}(e.second) ^ (std::size_t) e.first;
-        }
-    };
-    std::unordered_set<std::pair<bool, PyObject *>, EffectHash> seen;
-    seen.reserve(fEffects.size() - start);
+    // Sorted by what they tell and then where: the first of each run is the
+    // one kept.
+    std::vector<std::tuple<PyObject *, bool, std::size_t>> order;
+    order.reserve(fEffects.size() - start);
     for (std::size_t i = start; i < fEffects.size(); ++i)
-        if (seen.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
-            unique_effects.push_back(fEffects[i]);
+        order.emplace_back(fEffects[i].second.ptr(), fEffects[i].first, i);
+    std::sort(order.begin(), order.end());
+    std::vector<std::size_t> firsts;
+    for (std::size_t k = 0; k < order.size(); ++k)
+        if (k == 0 || std::get<0>(order[k]) != std::get<0>(order[k - 1]) ||
+            std::get<1>(order[k]) != std::get<1>(order[k - 1]))
+            firsts.push_back(std::get<2>(order[k]));
+    std::sort(firsts.begin(), firsts.end());
+    unique_effects.reserve(firsts.size());
+    for (std::size_t i : firsts)
+        unique_effects.push_back(fEffects[i]);
     return unique_effects;
 }
 
@@ -264,15 +269,15 @@ void CEvaluator::Seen(nb::handle scope) {
 nb::object CEvaluator::RecordOf(nb::handle scope) {
     if (IsExactly<si::CScope>(scope)) {
         auto *own = nb::inst_ptr<si::CScope>(scope);
-        ScopeKey key{own->loc.ptr(), std::string(own->NameView())};
-        auto hit = fScopeRecords.find(key);
+        auto hit = fScopeRecords.find(std::pair<PyObject *, std::string_view>{own->loc.ptr(), own->NameView()});
         if (hit != fScopeRecords.end()) {
             if (fCollecting && !hit->second.second.is_none())
                 NoteEffect(false, scope);
             return hit->second.second;
         }
         nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
-        fScopeRecords.emplace(std::move(key), std::pair{nb::borrow(scope), record});
+        fScopeRecords.emplace(ScopeKey{own->loc.ptr(), std::string(own->NameView())},
+                              std::pair{nb::borrow(scope), record});
         if (!record.is_none())
             Seen(scope);
         return record;
