@@ -150,6 +150,24 @@ struct ScopeLookupEqual {
     }
 };
 
+// A value read: (url, scope, text, logical index), and with the signature
+// of the bindings it was read under (CEvaluator::BindingSignature).
+using ReadKey = std::tuple<std::string, std::string, std::string, long long>;
+using BoundReadKey = std::pair<ReadKey, std::string>;
+struct ReadKeyHash {
+    std::size_t operator()(const ReadKey &key) const {
+        const auto &[url, scope, text, index] = key;
+        std::hash<std::string_view> text_hash;
+        std::size_t hash = text_hash(url);
+        for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index)})
+            hash = hash * 1000003 ^ part;
+        return hash;
+    }
+    std::size_t operator()(const BoundReadKey &key) const {
+        return (*this)(key.first) * 1000003 ^ std::hash<std::string_view>{}(key.second);
+    }
+};
+
 // A record entry split into its singles, each with its logical index (when
 // numbered) and its kinds: the same entries are read again and again.
 struct EntryPiece {
@@ -193,12 +211,11 @@ struct EngineMemo {
     PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
-    std::map<std::tuple<std::string, std::string, std::string, long long>, KeptAnswer> library_values;
+    std::unordered_map<ReadKey, KeptAnswer, ReadKeyHash> library_values;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
     std::uint64_t record_generation = ~std::uint64_t(0);
-    std::map<std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>, KeptAnswer>
-        project_values;
+    std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash> project_values;
     std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
     // The module finder the answers were found with, and its generation.
     std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
@@ -551,7 +568,7 @@ private:
     // The same for our own scopes, by ScopeKey: (the scope, its record).
     std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash, ScopeLookupEqual> fScopeRecords;
     // The values being read, each with its place on the stack of reads.
-    using ActiveKey = std::tuple<std::string, std::string, std::string, long long>;
+    using ActiveKey = ReadKey;
     std::map<ActiveKey, std::size_t> fActive;
     std::vector<const ActiveKey *> fActiveStack;
     // The lowest place a cut cycle led back to, in the reads under way.
@@ -606,7 +623,7 @@ private:
     // What each text read in a scope gave in this request, under the names
     // bound at the time (BindingSignature); partial when a cut cycle, the
     // depth bound or the clock shortened it.
-    using RequestKey = std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>;
+    using RequestKey = BoundReadKey;
     // A result kept for the rest of the request.
     template <class T>
     struct Kept {
@@ -614,18 +631,7 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
     };
-    struct RequestKeyHash {
-        std::size_t operator()(const RequestKey &key) const {
-            const auto &[url, scope, text, index] = key.first;
-            std::hash<std::string_view> text_hash;
-            std::size_t hash = text_hash(url);
-            for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index),
-                                     text_hash(key.second)})
-                hash = hash * 1000003 ^ part;
-            return hash;
-        }
-    };
-    std::unordered_map<RequestKey, Kept<ValueSet>, RequestKeyHash> fRequestValues;
+    std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
     // Hints read to check an argument, whose unbound variables stand for
