@@ -176,6 +176,7 @@ struct EntryPiece {
     symbolinfo::Kind kind;           // of the single without its index
     symbolinfo::Kind bare_kind;      // of the single without wrappers either
     bool malformed = false;          // its wrappers don't unpack (bare_kind unknown)
+    std::string_view bare;           // the single without wrappers and index (unless malformed)
 };
 // An expression text parsed once.
 struct ParsedText {

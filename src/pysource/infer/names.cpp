@@ -434,9 +434,10 @@ std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
     parsed->text.assign(entry);
     for (std::string_view single : si::NonNestedSplit(parsed->text, ";")) {
         si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-        EntryPiece piece{single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{}};
+        EntryPiece piece{single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{}, false, {}};
         try {
-            piece.bare_kind = si::GetInfoBytesKind(si::BareSingle(single));
+            piece.bare = si::BareSingle(single);
+            piece.bare_kind = si::GetInfoBytesKind(piece.bare);
         } catch (const std::invalid_argument &) {
             piece.malformed = true;
         }
@@ -782,7 +783,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // doesn't see it, unless a loop around both brings it round again.
     bool defs_unbound = false;
     for (const EntryPiece &piece : parsed->pieces) {
-        std::string_view first = si::BareSingle(piece.single);
+        std::string_view first = piece.bare;
         long long first_set = -1;
         if (use_index >= 0 && !piece.malformed && piece.bare_kind == si::kSetKind &&
             std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), first_set).ec == std::errc())
