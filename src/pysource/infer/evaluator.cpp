@@ -97,12 +97,17 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     bool bound = !fBoundNames.empty() || !fClassMaps.empty();
     bool library = memoable && IsLibraryScope(scope);
     bool keep_project = memoable && !library && fKeepProjectValues;
-    // Keys: `free_key` for values that read no bound name, `context_key`
-    // for the others, under the bindings in force (or none).
-    RequestKey context_key;
+    // Keys: `free_key` for values that read no bound name; for the others
+    // the same read under `context_signature`, the bindings in force (or
+    // none).  Both are looked for by views, without a copy of the texts.
+    std::string context_signature;
+    if (memoable)
+        context_signature = bound ? BindingSignature(nullptr) : free_key.second + "|unbound";
+    const std::size_t read_hash = ReadKeyHash{}(key);
+    const BoundReadView free_view{key, free_key.second, read_hash};
+    const BoundReadView context_view{key, context_signature, read_hash};
     if (memoable) {
-        context_key = {key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
-        for (const RequestKey *k : {&free_key, &context_key})
+        for (const BoundReadView *k : {&free_view, &context_view})
             if (const ValueSet *hit = RequestValueOf(*k))
                 return *hit;
         if (library && !bound) {
@@ -112,8 +117,8 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
                 return hit->second.values;
             }
         }
-        for (const RequestKey *k : {&free_key, &context_key}) {
-            if (!keep_project || (bound && k == &context_key))
+        for (const BoundReadView *k : {&free_view, &context_view}) {
+            if (!keep_project || (bound && k == &context_view))
                 break;
             auto hit = fMemo.project_values.find(*k);
             if (hit != fMemo.project_values.end()) {
@@ -162,9 +167,10 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (library && !bound && whole)
         fMemo.library_values.emplace(key, EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
     if (keep_project && (binding_free || !bound) && whole)
-        fMemo.project_values.emplace(binding_free ? free_key : context_key,
+        fMemo.project_values.emplace(binding_free ? free_key : RequestKey{key, context_signature},
                                      EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
-    fRequestValues.emplace(binding_free ? std::move(free_key) : std::move(context_key), Keep(out, watch));
+    fRequestValues.emplace(binding_free ? std::move(free_key) : RequestKey{key, std::move(context_signature)},
+                           Keep(out, watch));
     return out;
 }
 

@@ -154,7 +154,15 @@ struct ScopeLookupEqual {
 // of the bindings it was read under (CEvaluator::BindingSignature).
 using ReadKey = std::tuple<std::string, std::string, std::string, long long>;
 using BoundReadKey = std::pair<ReadKey, std::string>;
+// A BoundReadKey to look for, without a copy of its texts, with the hash of
+// its read.
+struct BoundReadView {
+    const ReadKey &read;
+    std::string_view signature;
+    std::size_t read_hash;
+};
 struct ReadKeyHash {
+    using is_transparent = void;
     std::size_t operator()(const ReadKey &key) const {
         const auto &[url, scope, text, index] = key;
         std::hash<std::string_view> text_hash;
@@ -164,8 +172,20 @@ struct ReadKeyHash {
         return hash;
     }
     std::size_t operator()(const BoundReadKey &key) const {
-        return (*this)(key.first) * 1000003 ^ std::hash<std::string_view>{}(key.second);
+        return (*this)(BoundReadView{key.first, key.second, (*this)(key.first)});
     }
+    std::size_t operator()(const BoundReadView &key) const {
+        return key.read_hash * 1000003 ^ std::hash<std::string_view>{}(key.signature);
+    }
+};
+struct ReadKeyEqual {
+    using is_transparent = void;
+    static bool Same(const ReadKey &read, std::string_view signature, const BoundReadKey &key) {
+        return read == key.first && signature == key.second;
+    }
+    bool operator()(const BoundReadKey &a, const BoundReadKey &b) const { return a == b; }
+    bool operator()(const BoundReadView &a, const BoundReadKey &b) const { return Same(a.read, a.signature, b); }
+    bool operator()(const BoundReadKey &a, const BoundReadView &b) const { return Same(b.read, b.signature, a); }
 };
 
 // A record entry split into its singles, each with its logical index (when
@@ -216,7 +236,7 @@ struct EngineMemo {
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
     std::uint64_t record_generation = ~std::uint64_t(0);
-    std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash> project_values;
+    std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual> project_values;
     std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
     // The module finder the answers were found with, and its generation.
     std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
@@ -632,7 +652,7 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
     };
-    std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash> fRequestValues;
+    std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
     // Hints read to check an argument, whose unbound variables stand for
@@ -657,7 +677,10 @@ private:
             ++fCuts;  // as partial here as where it was found
         return static_cast<const Value *>(&hit->second.value);
     }
-    const ValueSet *RequestValueOf(const RequestKey &key) { return KeptOf(fRequestValues, key); }
+    template <class Key>
+    const ValueSet *RequestValueOf(const Key &key) {
+        return KeptOf(fRequestValues, key);
+    }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
         Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt};
