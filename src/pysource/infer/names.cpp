@@ -823,6 +823,14 @@ std::vector<std::vector<long long>> IndexLists(nb::handle lists) {
     return out;
 }
 
+// Item `i` of a guard the flow provider gave: straight from a tuple (what
+// ours gives), through Python's indexing for any other sequence.
+nb::object GuardItem(nb::handle guard, Py_ssize_t i) {
+    if (PyTuple_Check(guard.ptr()) && i < PyTuple_GET_SIZE(guard.ptr()))
+        return nb::borrow(PyTuple_GET_ITEM(guard.ptr(), i));
+    return guard[i];
+}
+
 }  // namespace
 
 template <class T, class Convert>
@@ -854,10 +862,10 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
         for (nb::handle at : listed) {
             std::vector<Guard> here;
             for (nb::handle g : at) {
-                nb::handle text = g[1];
+                nb::object text = GuardItem(g, 1);
                 if (!text.is_none())
-                    here.emplace_back(nb::cast<long long>(g[0]), nb::cast<std::string>(text),
-                                      nb::cast<long long>(g[2]));
+                    here.emplace_back(nb::cast<long long>(GuardItem(g, 0)), nb::cast<std::string>(text),
+                                      nb::cast<long long>(GuardItem(g, 2)));
             }
             found.push_back(std::move(here));
         }
