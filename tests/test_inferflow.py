@@ -91,3 +91,10 @@ def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path, suf
         flow.BlockPaths(loc, "f")
     assert locs[0].fUrl not in getattr(flow, files) and len(getattr(flow, files)) == kept
     assert len(flow._fFiles) + len(flow._fStubFiles) == kept
+    # What was worked out outlasts the logicals: answered without reading the
+    # file again, until the file changes.
+    assert flow.BlockPaths(locs[0], "f") == ((), (0,), ())
+    assert locs[0].fUrl not in getattr(flow, files)
+    (tmp_path / f"m0{suffix}").write_text("def f(a):\n    return a\n")
+    flow._fInfoCache.GetLocDiskMTime = lambda _loc: 2.0
+    assert flow.BlockPaths(locs[0], "f") == ((),)

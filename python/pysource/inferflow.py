@@ -195,6 +195,10 @@ def _BodyStructure(logicals):
 # file, and read again each time they fell out, in one step inside a request.
 kFilesKept = 8
 kStubFilesKept = 32
+# Files whose worked-out structures outlast their logicals: plain tuples,
+# which the collector stops walking, and asked for again by every engine
+# that starts without its kept answers.
+kStructuresKept = 1024
 
 
 class CBlockStructure:
@@ -208,6 +212,10 @@ class CBlockStructure:
         # _BodyStructure}), the latest read last; stubs in _fStubFiles
         self._fFiles = {}
         self._fStubFiles = {}
+        # url -> (disk time, {scope name: its _BodyStructure}), the same
+        # dict as in _fFiles or _fStubFiles while the file is there, the
+        # latest read last
+        self._fStructures = {}
 
     def BlockPaths(self, loc, scope_name):
         """The block paths of the body of `scope_name` in `loc`, as a tuple
@@ -261,22 +269,37 @@ class CBlockStructure:
         from the questions that would need it."""
         self._File(loc)
 
-    def _File(self, loc):
+    def _File(self, loc, mtime=None):
         url = loc.fUrl
         files, kept = (self._fStubFiles, kStubFilesKept) if url.endswith(".pyi") else \
             (self._fFiles, kFilesKept)
-        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        if mtime is None:
+            mtime = self._fInfoCache.GetLocDiskMTime(loc)
         known = files.pop(url, None)
         if known is None or known[0] != mtime:
-            known = (mtime, *self._Read(loc), {})
+            known = (mtime, *self._Read(loc), self._WorkedOut(url, mtime))
             if len(files) >= kept:
                 del files[next(iter(files))]
         files[url] = known
         return known
 
+    def _WorkedOut(self, url, mtime):
+        """The structures worked out of the file at `url` as it was at `mtime`."""
+        kept = self._fStructures.pop(url, None)
+        if kept is None or kept[0] != mtime:
+            kept = (mtime, {})
+            if len(self._fStructures) >= kStructuresKept:
+                del self._fStructures[next(iter(self._fStructures))]
+        self._fStructures[url] = kept
+        return kept[1]
+
     def _Body(self, loc, scope_name):
-        _mtime, logicals, waiting, worked_out = self._File(loc)
         name = symbolinfo.NormalizedScope(None, scope_name).name
+        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        kept = self._fStructures.get(loc.fUrl)
+        if kept is not None and kept[0] == mtime and name in kept[1]:
+            return kept[1][name]
+        _mtime, logicals, waiting, worked_out = self._File(loc, mtime)
         body = worked_out.get(name)
         # A scope's structure is worked out when first asked for: a request
         # reads a few scopes of a file, and a large file's every scope at
@@ -286,7 +309,7 @@ class CBlockStructure:
         return body
 
     def Forget(self, loc=None):
-        for files in (self._fFiles, self._fStubFiles):
+        for files in (self._fFiles, self._fStubFiles, self._fStructures):
             if loc is None:
                 files.clear()
             else:

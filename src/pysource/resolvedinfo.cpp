@@ -33,7 +33,16 @@ CSingleResolvedInfo::CSingleResolvedInfo(nb::handle ibytes_, nb::ref<CScope> sco
 }
 
 std::string_view CSingleResolvedInfo::Bare() const {
-    return BareSingle(TextView(ibytes, "ibytes"));
+    std::string_view text = TextView(ibytes, "ibytes");
+    if (fBareKnown)
+        return text.substr(fBareBegin, fBareSize);
+    std::string_view bare = BareSingle(text);
+    if (bare.data() >= text.data() && bare.data() + bare.size() <= text.data() + text.size()) {
+        fBareBegin = static_cast<std::size_t>(bare.data() - text.data());
+        fBareSize = bare.size();
+        fBareKnown = true;
+    }
+    return bare;
 }
 
 char CSingleResolvedInfo::BareKind() const { return GetInfoBytesKind(Bare()); }

@@ -56,10 +56,17 @@ public:
     bool Equals(const CSingleResolvedInfo &other) const;
     Py_hash_t Hash() const;
     nb::str Repr() const;
+    // The single without marks and suffix, found at the first asking (the
+    // bytes never change).
+    std::string_view Bare() const;
 
 protected:
-    std::string_view Bare() const;  // the single without marks and suffix
     char BareKind() const;
+
+private:
+    mutable std::size_t fBareBegin = 0;
+    mutable std::size_t fBareSize = 0;
+    mutable bool fBareKnown = false;
 };
 
 // A single for the class `name` at `loc`; `scope_or_loc` may instead be the

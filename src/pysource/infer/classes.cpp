@@ -137,7 +137,7 @@ std::vector<Param> ParamsOf(const si::DefInfo &def) {
 
 nb::object CEvaluator::ClassOfInstance(nb::handle single) {
     si::CSingleResolvedInfo *s = Single(single);
-    std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+    std::string_view bare = s->Bare();
     si::Kind kind = si::GetInfoBytesKind(bare);
     if (kind == si::kInstanceKind && bare.size() > (std::size_t) si::kPrefixLen) {
         std::string cls(si::kClassPrefix);
@@ -209,7 +209,7 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
     if (Stop())
         return vars;
     si::CSingleResolvedInfo *c = Single(cls);
-    std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
+    std::string_view bare = c->Bare();
     if (si::GetInfoBytesKind(bare) != si::kClassKind && si::GetInfoBytesKind(bare) != si::kInstanceKind)
         return vars;
     const auto info_held = ClassInfoOf(bare);
@@ -257,7 +257,7 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
         for (std::int32_t node : names) {
             std::string_view name = tree.toks[(std::size_t) tree.nodes[(std::size_t) node].aux].text;
             for (const nb::object &v : Eval(tree, node, frame).Items())
-                if (si::GetInfoBytesKind(si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"))) ==
+                if (si::GetInfoBytesKind(Single(v)->Bare()) ==
                     si::kTypeParameterKind) {
                     here.emplace_back(name);
                     break;
@@ -320,7 +320,7 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
             return;
         seen.insert(key);
         out.push_back(MroEntry{nb::borrow(c), m});
-        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+        std::string_view bare = s->Bare();
         if (si::GetInfoBytesKind(bare) != si::kClassKind)
             return;
         const auto info_held = ClassInfoOf(bare);
@@ -395,11 +395,13 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             nb::object record = RecordOf(inst_scope);
             if (record.is_none())
                 continue;
-            nb::object entry_bytes = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+            nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+                ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
+                ++fBindingVersion;
                 if (name == "__class__")
                     break;  // every class's instances have one: the most derived decides
             }
@@ -437,9 +439,11 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
                       }));
         if (plain) {
             fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+            ++fBindingVersion;
             found = ValueSet();
             local = FindLocal(scope, name, -2, found, redirect);
             fClassMaps.pop_back();
+            ++fBindingVersion;
         }
         // A member set only under conditions that don't hold (a newer
         // version's) leaves the bases' member in force.
@@ -466,7 +470,7 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         if (!s->IsDef()) {
             // A descriptor in a class body: read through its __get__ (with
             // the instance, or None from the class, and the class).
-            if (si::GetInfoBytesKind(si::BareSingle(si::TextView(s->ibytes, "ibytes"))) == si::kInstanceKind) {
+            if (si::GetInfoBytesKind(s->Bare()) == si::kInstanceKind) {
                 ValueSet descriptor, instance, owner_cls;
                 descriptor.Add(f);
                 if (via_instance)
@@ -485,7 +489,7 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
             out.Add(f);
             continue;
         }
-        std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+        std::string_view bare = s->Bare();
         const auto def_held = DefInfoOf(bare);
         const si::DefInfo &def = *def_held;
         if (HasDecorator(def, "setter") || HasDecorator(def, "deleter"))
@@ -563,7 +567,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             nb::object self_args = nb::none();
             for (const nb::object &init : AcceptingDefs(inits, args, kwargs).Items()) {
                 si::CSingleResolvedInfo *i = Single(init);
-                const auto def_held = DefInfoOf(si::BareSingle(si::TextView(i->ibytes, "ibytes")));
+                const auto def_held = DefInfoOf(i->Bare());
                 const si::DefInfo &def = *def_held;
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = ScopeAt(i->loc, si::DefLineScope(NameOf(i)));
@@ -609,7 +613,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             si::CSingleResolvedInfo *n = Single(nw);
             if (!n->IsDef())
                 continue;
-            const auto def_held = DefInfoOf(si::BareSingle(si::TextView(n->ibytes, "ibytes")));
+            const auto def_held = DefInfoOf(n->Bare());
             const si::DefInfo &def = *def_held;
             std::string_view hint = def.return_hint ? si::StripSpaces(*def.return_hint) : std::string_view();
             if (hint.empty() || hint == "Self" || si::ParentScopeName(si::NormalizeScopeName(def.scope_name)) == "object")
@@ -648,7 +652,7 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         self.Add(d->fBoundTo);
         map["Self"] = recv->IsClass() ? InstanceOf(d->fBoundTo, recv->fTypeArgs) : self;
     }
-    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(d->Bare());
     const si::DefInfo &def = *def_held;
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
         // Bind the def's own type variables from the arguments (and from the
@@ -715,7 +719,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     if (Stop())
         return out;
     si::CSingleResolvedInfo *d = Single(def_single);
-    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(d->Bare());
     const si::DefInfo &def = *def_held;
     std::string_view name = NameOf(d);
     if (def.return_hint && def.return_hint->find_first_not_of(" ") != std::string::npos) {
@@ -733,7 +737,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         ModuleRecord(d->loc);
         return out;
     }
-    nb::object returns = record.attr("GetInfoBytes")("return");
+    nb::object returns = InfoBytesOf(record, "return");
     if (IsGeneratorDef(d->loc, name)) {
         // The scan records what a generator yields as what it returns.
         nb::object generator = TypingClass("Generator");
@@ -768,6 +772,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
                 ValueSet self;
                 self.Add(d->fBoundTo);
                 fBoundNames[self_key] = self;
+                ++fBindingVersion;
                 binds_self = true;
             }
         }
@@ -775,8 +780,10 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
-        if (fBoundNames.emplace(key, values).second)
+        if (fBoundNames.emplace(key, values).second) {
             bound_arguments.push_back(key);
+            ++fBindingVersion;
+        }
     }
     ++fDepth;
     out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
@@ -785,6 +792,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         fBoundNames.erase(self_key);
     for (const auto &key : bound_arguments)
         fBoundNames.erase(key);
+    ++fBindingVersion;
     return out;
 }
 
@@ -860,7 +868,7 @@ ValueSet CEvaluator::IterItems(const ValueSet &values) {
 // anything; an int is good where a float or a complex is wanted.
 bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueSet> &args, const Keywords *kwargs) {
     si::CSingleResolvedInfo *d = Single(def_single);
-    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(d->Bare());
     const si::DefInfo &def = *def_held;
     std::vector<Param> params = ParamsOf(def);
     std::size_t first = (d->IsBound() || (!d->fBoundTo.is_none())) && !params.empty() ? 1 : 0;
@@ -901,7 +909,7 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
     TypeMap bound;
     for (const auto &[var, values] : TupleToMap(d->fTypeArgs))
         for (const nb::object &v : values.Items()) {
-            std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+            std::string_view bare = Single(v)->Bare();
             if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
                 bound[var].Add(LiteralSingle(si::UnpackLiteralInfo(bare).class_name, std::nullopt));
             else
@@ -1081,7 +1089,7 @@ bool CEvaluator::TypeArgsFit(nb::handle wanted, nb::handle value) {
 }
 
 bool CEvaluator::IsProtocolClass(nb::handle cls) {
-    std::string_view bare = si::BareSingle(si::TextView(Single(cls)->ibytes, "ibytes"));
+    std::string_view bare = Single(cls)->Bare();
     const auto info_held = ClassInfoOf(bare);
     const si::ClassInfo &info = *info_held;
     if (!info.arg_decl)
@@ -1149,7 +1157,7 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
         si::CSingleResolvedInfo *s = Single(callee);
         if (!s->IsDef())
             continue;
-        const auto def_held = DefInfoOf(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+        const auto def_held = DefInfoOf(s->Bare());
         const si::DefInfo &def = *def_held;
         if (!HasDecorator(def, "overload"))
             continue;
@@ -1202,7 +1210,7 @@ namespace pysource::infer {
 std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueSet &given) {
     std::set<std::pair<std::string, std::string>> values;
     for (const nb::object &w : wanted.Items()) {
-        std::string_view bare = si::BareSingle(si::TextView(Single(w)->ibytes, "ibytes"));
+        std::string_view bare = Single(w)->Bare();
         if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
             return std::nullopt;
         si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
@@ -1211,7 +1219,7 @@ std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueS
         values.emplace(lit.class_name, *lit.value);
     }
     for (const nb::object &g : given.Items()) {
-        std::string_view bare = si::BareSingle(si::TextView(Single(g)->ibytes, "ibytes"));
+        std::string_view bare = Single(g)->Bare();
         if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
             return std::nullopt;
         si::LiteralInfo lit = si::UnpackLiteralInfo(bare);

@@ -41,7 +41,7 @@ bool CEvaluator::ImplementsOverloads(nb::handle parent, si::CSingleResolvedInfo 
     if (record.is_none())
         return false;
     std::string_view leaf = si::LeafScopeName(si::SplitScopeNameFromSuffixes(NameOf(d)).first);
-    nb::object entry = record.attr("GetInfoBytes")(nb::str(leaf.data(), leaf.size()));
+    nb::object entry = InfoBytesOf(record, leaf);
     if (entry.is_none())
         return false;
     for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
@@ -56,7 +56,7 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     ValueSet out;
     out.Add(def_single);
     si::CSingleResolvedInfo *d = Single(def_single);
-    const auto def_held = DefInfoOf(si::BareSingle(si::TextView(d->ibytes, "ibytes")));
+    const auto def_held = DefInfoOf(d->Bare());
     const si::DefInfo &def = *def_held;
     if (def.decorators.empty() || nb::cast<bool>(fLocCache.attr("IsPyiLocation")(loc)))
         return out;
@@ -76,7 +76,7 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
             if (!s->IsDef() && !s->IsClass())
                 continue;
             if (s->IsDef()) {
-                const auto info_held = DefInfoOf(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+                const auto info_held = DefInfoOf(s->Bare());
                 const si::DefInfo &info = *info_held;
                 if (!info.return_hint || info.return_hint->find_first_not_of(" ") == std::string::npos)
                     continue;

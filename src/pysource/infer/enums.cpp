@@ -60,7 +60,7 @@ ValueSet CEvaluator::EnumMemberValues(nb::handle cls) {
 nb::object CEvaluator::MetaclassOf(nb::handle cls) {
     for (const MroEntry &e : Mro(cls, {})) {
         si::CSingleResolvedInfo *k = Single(e.cls);
-        std::string_view bare = si::BareSingle(si::TextView(k->ibytes, "ibytes"));
+        std::string_view bare = k->Bare();
         if (si::GetInfoBytesKind(bare) != si::kClassKind)
             continue;
         const auto info_held = ClassInfoOf(bare);

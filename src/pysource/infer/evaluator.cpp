@@ -108,12 +108,17 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     bool bound = !fBoundNames.empty() || !fClassMaps.empty();
     bool library = memoable && IsLibraryScope(scope);
     bool keep_project = memoable && !library && fKeepProjectValues;
-    // Keys: `free_key` for values that read no bound name, `context_key`
-    // for the others, under the bindings in force (or none).
-    RequestKey context_key;
+    // Keys: `free_key` for values that read no bound name; for the others
+    // the same read under `context_signature`, the bindings in force (or
+    // none).  Both are looked for by views, without a copy of the texts.
+    std::string context_signature;
+    if (memoable)
+        context_signature = bound ? BindingSignature(nullptr) : free_key.second + "|unbound";
+    const std::size_t read_hash = ReadKeyHash{}(key);
+    const BoundReadView free_view{key, free_key.second, read_hash};
+    const BoundReadView context_view{key, context_signature, read_hash};
     if (memoable) {
-        context_key = {key, bound ? BindingSignature(nullptr) : free_key.second + "|unbound"};
-        for (const RequestKey *k : {&free_key, &context_key})
+        for (const BoundReadView *k : {&free_view, &context_view})
             if (const ValueSet *hit = RequestValueOf(*k))
                 return *hit;
         if (library && !bound) {
@@ -123,8 +128,8 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
                 return hit->second.values;
             }
         }
-        for (const RequestKey *k : {&free_key, &context_key}) {
-            if (!keep_project || (bound && k == &context_key))
+        for (const BoundReadView *k : {&free_view, &context_view}) {
+            if (!keep_project || (bound && k == &context_view))
                 break;
             auto hit = fMemo.project_values.find(*k);
             if (hit != fMemo.project_values.end()) {
@@ -173,9 +178,10 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (library && !bound && whole)
         fMemo.library_values.emplace(key, EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
     if (keep_project && (binding_free || !bound) && whole)
-        fMemo.project_values.emplace(binding_free ? free_key : context_key,
+        fMemo.project_values.emplace(binding_free ? free_key : RequestKey{key, context_signature},
                                      EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
-    fRequestValues.emplace(binding_free ? std::move(free_key) : std::move(context_key), Keep(out, watch));
+    fRequestValues.emplace(binding_free ? std::move(free_key) : RequestKey{key, std::move(context_signature)},
+                           Keep(out, watch));
     return out;
 }
 
@@ -189,40 +195,58 @@ bool CEvaluator::CycleAt(const ActiveKey &key) {
 
 std::string CEvaluator::BindingSignature(const TypeMap *map) {
     std::string signature = std::to_string(fArgHops);
-    auto add_values = [&](const ValueSet &values) {
-        signature.push_back('[');
-        for (const nb::object &value : values.Items()) {
-            // Our own singles hash in C++ (-1 is -2, as Python has it).
-            Py_hash_t hash;
-            if (IsExactly<si::CSingleResolvedInfo>(value)) {
-                hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
-                hash = hash == -1 ? -2 : hash;
-            } else {
-                hash = PyObject_Hash(value.ptr());
-            }
-            signature.append(std::to_string((long long) hash));
-            signature.push_back(',');
+    if (fSignatureVersion != fBindingVersion) {
+        fBindingsSignature = BindingsSignature();
+        fSignatureVersion = fBindingVersion;
+    }
+    signature.append(fBindingsSignature);
+    if (map) {
+        signature.push_back('@');
+        AppendMapSignature(signature, *map);
+    }
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    return signature;
+}
+
+namespace {
+
+void AppendValuesSignature(std::string &signature, const ValueSet &values) {
+    signature.push_back('[');
+    for (const nb::object &value : values.Items()) {
+        // Our own singles hash in C++ (-1 is -2, as Python has it).
+        Py_hash_t hash;
+        if (IsExactly<si::CSingleResolvedInfo>(value)) {
+            hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
+            hash = hash == -1 ? -2 : hash;
+        } else {
+            hash = PyObject_Hash(value.ptr());
         }
-        signature.push_back(']');
-    };
+        signature.append(std::to_string((long long) hash));
+        signature.push_back(',');
+    }
+    signature.push_back(']');
+}
+
+}  // namespace
+
+void CEvaluator::AppendMapSignature(std::string &signature, const TypeMap &vars) {
+    for (const auto &[var, values] : vars) {
+        signature.append("|").append(var);
+        AppendValuesSignature(signature, values);
+    }
+}
+
+std::string CEvaluator::BindingsSignature() {
+    std::string signature;
     for (const auto &[name, values] : fBoundNames) {
         signature.append("|").append(std::get<0>(name)).append("|").append(std::get<1>(name)).append("|").append(
             std::get<2>(name));
-        add_values(values);
+        AppendValuesSignature(signature, values);
     }
-    auto add_map = [&](const TypeMap &vars) {
-        for (const auto &[var, values] : vars) {
-            signature.append("|").append(var);
-            add_values(values);
-        }
-    };
     for (const auto &[url, cls, class_map] : fClassMaps) {
         signature.append("#").append(url).append("|").append(cls);
-        add_map(class_map);
-    }
-    if (map) {
-        signature.push_back('@');
-        add_map(*map);
+        AppendMapSignature(signature, class_map);
     }
     if (PyErr_Occurred())
         throw nb::python_error();
@@ -453,7 +477,7 @@ ValueSet CEvaluator::EvalConstant(const Tree &tree, const Node &n) {
 ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &operand) {
     ValueSet out;
     for (const nb::object &v : operand.Items()) {
-        std::string_view bare = si::BareSingle(si::TextView(Single(v)->ibytes, "ibytes"));
+        std::string_view bare = Single(v)->Bare();
         si::LiteralInfo lit;
         if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
             lit = si::UnpackLiteralInfo(bare);
@@ -475,7 +499,7 @@ ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &oper
 std::optional<long long> CEvaluator::ConstantInt(const ValueSet &values) {
     if (values.Size() != 1)
         return std::nullopt;
-    std::string_view bare = si::BareSingle(si::TextView(Single(values.Items()[0])->ibytes, "ibytes"));
+    std::string_view bare = Single(values.Items()[0])->Bare();
     if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
         return std::nullopt;
     si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
@@ -772,7 +796,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
         }
         // A TypedDict's key written as a string.
         if (index.Size() == 1) {
-            std::string_view bare = si::BareSingle(si::TextView(Single(index.Items()[0])->ibytes, "ibytes"));
+            std::string_view bare = Single(index.Items()[0])->Bare();
             if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
                 si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
                 if (lit.class_name == "str" && lit.value) {
@@ -867,7 +891,7 @@ bool CEvaluator::IsEllipsisArg(nb::handle arg) {
     if (PySet_Size(arg.ptr()) != 1)
         return false;
     for (nb::handle single : arg) {
-        std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+        std::string_view bare = Single(single)->Bare();
         return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "ellipsis";
     }
     return false;
@@ -875,7 +899,7 @@ bool CEvaluator::IsEllipsisArg(nb::handle arg) {
 
 bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &positions) {
     si::CSingleResolvedInfo *s = Single(single);
-    std::string_view bare = si::BareSingle(si::TextView(s->ibytes, "ibytes"));
+    std::string_view bare = s->Bare();
     if (si::GetInfoBytesKind(bare) != si::kInstanceKind)
         return false;
     if (si::TextView(s->scope->name, "name") != "tuple" || !s->loc.is(BuiltinLoc())) {

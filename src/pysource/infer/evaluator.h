@@ -151,6 +151,44 @@ struct ScopeLookupEqual {
     }
 };
 
+// A value read: (url, scope, text, logical index), and with the signature
+// of the bindings it was read under (CEvaluator::BindingSignature).
+using ReadKey = std::tuple<std::string, std::string, std::string, long long>;
+using BoundReadKey = std::pair<ReadKey, std::string>;
+// A BoundReadKey to look for, without a copy of its texts, with the hash of
+// its read.
+struct BoundReadView {
+    const ReadKey &read;
+    std::string_view signature;
+    std::size_t read_hash;
+};
+struct ReadKeyHash {
+    using is_transparent = void;
+    std::size_t operator()(const ReadKey &key) const {
+        const auto &[url, scope, text, index] = key;
+        std::hash<std::string_view> text_hash;
+        std::size_t hash = text_hash(url);
+        for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index)})
+            hash = hash * 1000003 ^ part;
+        return hash;
+    }
+    std::size_t operator()(const BoundReadKey &key) const {
+        return (*this)(BoundReadView{key.first, key.second, (*this)(key.first)});
+    }
+    std::size_t operator()(const BoundReadView &key) const {
+        return key.read_hash * 1000003 ^ std::hash<std::string_view>{}(key.signature);
+    }
+};
+struct ReadKeyEqual {
+    using is_transparent = void;
+    static bool Same(const ReadKey &read, std::string_view signature, const BoundReadKey &key) {
+        return read == key.first && signature == key.second;
+    }
+    bool operator()(const BoundReadKey &a, const BoundReadKey &b) const { return a == b; }
+    bool operator()(const BoundReadView &a, const BoundReadKey &b) const { return Same(a.read, a.signature, b); }
+    bool operator()(const BoundReadKey &a, const BoundReadView &b) const { return Same(b.read, b.signature, a); }
+};
+
 // A record entry split into its singles, each with its logical index (when
 // numbered) and its kinds: the same entries are read again and again.
 struct EntryPiece {
@@ -159,6 +197,7 @@ struct EntryPiece {
     symbolinfo::Kind kind;           // of the single without its index
     symbolinfo::Kind bare_kind;      // of the single without wrappers either
     bool malformed = false;          // its wrappers don't unpack (bare_kind unknown)
+    std::string_view bare;           // the single without wrappers and index (unless malformed)
 };
 // An expression text parsed once.
 struct ParsedText {
@@ -194,12 +233,11 @@ struct EngineMemo {
     PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
-    std::map<std::tuple<std::string, std::string, std::string, long long>, KeptAnswer> library_values;
+    std::unordered_map<ReadKey, KeptAnswer, ReadKeyHash> library_values;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
     std::uint64_t record_generation = ~std::uint64_t(0);
-    std::map<std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>, KeptAnswer>
-        project_values;
+    std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual> project_values;
     std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
     // The module finder the answers were found with, and its generation.
     std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
@@ -418,6 +456,9 @@ private:
     ValueSet FromImport(nb::handle scope, std::string_view module, std::string_view name, bool star = false);
     ValueSet BuiltinNamed(std::string_view name);
     nb::object ModuleScopeOf(nb::handle loc);
+    // The entry `name` of a record (GetInfoBytes), straight from our own
+    // records; None when it has none.
+    nb::object InfoBytesOf(nb::handle record, std::string_view name);
     // The location of the builtins' stub, asked once per request.
     nb::object BuiltinLoc();
     std::string ScopeKindOf(nb::handle scope);  // "class", "def", "module", "" unknown
@@ -547,9 +588,9 @@ private:
     std::string fPrimaryScanName;
     nb::dict fRecords;  // scope -> merged record, or None
     // The same for our own scopes, by ScopeKey: (the scope, its record).
-    std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash> fScopeRecords;
+    std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash, ScopeLookupEqual> fScopeRecords;
     // The values being read, each with its place on the stack of reads.
-    using ActiveKey = std::tuple<std::string, std::string, std::string, long long>;
+    using ActiveKey = ReadKey;
     std::map<ActiveKey, std::size_t> fActive;
     std::vector<const ActiveKey *> fActiveStack;
     // The lowest place a cut cycle led back to, in the reads under way.
@@ -604,7 +645,7 @@ private:
     // What each text read in a scope gave in this request, under the names
     // bound at the time (BindingSignature); partial when a cut cycle, the
     // depth bound or the clock shortened it.
-    using RequestKey = std::pair<std::tuple<std::string, std::string, std::string, long long>, std::string>;
+    using RequestKey = BoundReadKey;
     // A result kept for the rest of the request.
     template <class T>
     struct Kept {
@@ -612,18 +653,7 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
     };
-    struct RequestKeyHash {
-        std::size_t operator()(const RequestKey &key) const {
-            const auto &[url, scope, text, index] = key.first;
-            std::hash<std::string_view> text_hash;
-            std::size_t hash = text_hash(url);
-            for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index),
-                                     text_hash(key.second)})
-                hash = hash * 1000003 ^ part;
-            return hash;
-        }
-    };
-    std::unordered_map<RequestKey, Kept<ValueSet>, RequestKeyHash> fRequestValues;
+    std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
     static constexpr long long kHintUseIndex = -9;
     // Hints read to check an argument, whose unbound variables stand for
@@ -648,7 +678,10 @@ private:
             ++fCuts;  // as partial here as where it was found
         return static_cast<const Value *>(&hit->second.value);
     }
-    const ValueSet *RequestValueOf(const RequestKey &key) { return KeptOf(fRequestValues, key); }
+    template <class Key>
+    const ValueSet *RequestValueOf(const Key &key) {
+        return KeptOf(fRequestValues, key);
+    }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
         Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt};
@@ -659,6 +692,13 @@ private:
     // The names a call fixes and the type variables in force (plus `map`'s),
     // as text: values read under equal signatures are equal.
     std::string BindingSignature(const TypeMap *map);
+    // The part of it fBoundNames and fClassMaps make, kept while
+    // fBindingVersion (moved on at each of their changes) stays.
+    std::string BindingsSignature();
+    static void AppendMapSignature(std::string &signature, const TypeMap &vars);
+    std::uint64_t fBindingVersion = 0;
+    std::uint64_t fSignatureVersion = ~std::uint64_t(0);
+    std::string fBindingsSignature;
     bool fKeepProjectValues = false;
     // Counts the reads whose value a binding decides: a bound name, the
     // first parameter of a def, a type variable outside an explicit map.

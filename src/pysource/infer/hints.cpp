@@ -24,11 +24,11 @@ using pgen::NodeKind;
 namespace {
 
 bool IsTypeParam(si::CSingleResolvedInfo *s) {
-    return si::GetInfoBytesKind(si::BareSingle(si::TextView(s->ibytes, "ibytes"))) == si::kTypeParameterKind;
+    return si::GetInfoBytesKind(s->Bare()) == si::kTypeParameterKind;
 }
 
 std::string TypeParamName(si::CSingleResolvedInfo *s) {
-    return si::UnpackTypeParameterInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes"))).name;
+    return si::UnpackTypeParameterInfo(s->Bare()).name;
 }
 
 }  // namespace
@@ -151,7 +151,7 @@ ValueSet CEvaluator::UnionOf(const std::vector<ValueSet> &members) {
 }
 
 ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
-    si::DeclTypeParam decl = si::UnpackTypeParameterInfo(si::BareSingle(si::TextView(param->ibytes, "ibytes")));
+    si::DeclTypeParam decl = si::UnpackTypeParameterInfo(param->Bare());
     ValueSet out;
     if (decl.param_kind != "TypeVar")
         return out;
@@ -380,7 +380,7 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
             if (IsTypeParam(s)) {
                 ValueSet instances;
                 for (const nb::object &r : received.Items()) {
-                    std::string_view bare = si::BareSingle(si::TextView(Single(r)->ibytes, "ibytes"));
+                    std::string_view bare = Single(r)->Bare();
                     if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind &&
                         si::UnpackLiteralInfo(bare).class_name == "None" && received.Size() > 1)
                         continue;

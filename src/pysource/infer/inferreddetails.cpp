@@ -91,7 +91,7 @@ nb::list CDetailsStore::OrderedTypeVarsOfClass(nb::handle class_single, nb::hand
     si::CSingleResolvedInfo *s = AsSingle(class_single);
     if (!s)
         return out;
-    si::ClassInfo info = si::UnpackClassInfo(si::BareSingle(si::TextView(s->ibytes, "ibytes")));
+    si::ClassInfo info = si::UnpackClassInfo(s->Bare());
     if (info.type_params)
         for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*info.type_params))
             out.append(nb::str(param.name.c_str()));

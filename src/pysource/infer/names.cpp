@@ -223,11 +223,26 @@ void CEvaluator::NoteEffect(bool import, nb::handle scope) {
 }
 
 Effects CEvaluator::EffectsFrom(std::size_t start) const {
+    // Each effect once, in the order first told.
     Effects unique_effects;
-    std::set<std::pair<bool, PyObject *>> seen;
+    if (start >= fEffects.size())
+        return unique_effects;
+    // Sorted by what they tell and then where: the first of each run is the
+    // one kept.
+    std::vector<std::tuple<PyObject *, bool, std::size_t>> order;
+    order.reserve(fEffects.size() - start);
     for (std::size_t i = start; i < fEffects.size(); ++i)
-        if (seen.emplace(fEffects[i].first, fEffects[i].second.ptr()).second)
-            unique_effects.push_back(fEffects[i]);
+        order.emplace_back(fEffects[i].second.ptr(), fEffects[i].first, i);
+    std::sort(order.begin(), order.end());
+    std::vector<std::size_t> firsts;
+    for (std::size_t k = 0; k < order.size(); ++k)
+        if (k == 0 || std::get<0>(order[k]) != std::get<0>(order[k - 1]) ||
+            std::get<1>(order[k]) != std::get<1>(order[k - 1]))
+            firsts.push_back(std::get<2>(order[k]));
+    std::sort(firsts.begin(), firsts.end());
+    unique_effects.reserve(firsts.size());
+    for (std::size_t i : firsts)
+        unique_effects.push_back(fEffects[i]);
     return unique_effects;
 }
 
@@ -255,15 +270,15 @@ void CEvaluator::Seen(nb::handle scope) {
 nb::object CEvaluator::RecordOf(nb::handle scope) {
     if (IsExactly<si::CScope>(scope)) {
         auto *own = nb::inst_ptr<si::CScope>(scope);
-        ScopeKey key{own->loc.ptr(), std::string(own->NameView())};
-        auto hit = fScopeRecords.find(key);
+        auto hit = fScopeRecords.find(std::pair<PyObject *, std::string_view>{own->loc.ptr(), own->NameView()});
         if (hit != fScopeRecords.end()) {
             if (fCollecting && !hit->second.second.is_none())
                 NoteEffect(false, scope);
             return hit->second.second;
         }
         nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
-        fScopeRecords.emplace(std::move(key), std::pair{nb::borrow(scope), record});
+        fScopeRecords.emplace(ScopeKey{own->loc.ptr(), std::string(own->NameView())},
+                              std::pair{nb::borrow(scope), record});
         if (!record.is_none())
             Seen(scope);
         return record;
@@ -280,6 +295,13 @@ nb::object CEvaluator::RecordOf(nb::handle scope) {
     if (!record.is_none())
         Seen(scope);
     return record;
+}
+
+nb::object CEvaluator::InfoBytesOf(nb::handle record, std::string_view name) {
+    nb::str key(name.data(), name.size());
+    if (IsExactly<CScopeInfo>(record))
+        return nb::inst_ptr<CScopeInfo>(record)->GetInfoBytes(key, nb::none(), false);
+    return record.attr("GetInfoBytes")(key);
 }
 
 nb::object CEvaluator::ModuleScopeOf(nb::handle loc) {
@@ -413,9 +435,10 @@ std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
     parsed->text.assign(entry);
     for (std::string_view single : si::NonNestedSplit(parsed->text, ";")) {
         si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-        EntryPiece piece{single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{}};
+        EntryPiece piece{single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{}, false, {}};
         try {
-            piece.bare_kind = si::GetInfoBytesKind(si::BareSingle(single));
+            piece.bare = si::BareSingle(single);
+            piece.bare_kind = si::GetInfoBytesKind(piece.bare);
         } catch (const std::invalid_argument &) {
             piece.malformed = true;
         }
@@ -523,7 +546,7 @@ nb::object CEvaluator::TypingClass(std::string_view name) {
 ValueSet CEvaluator::InstanceOf(nb::handle cls, nb::handle type_args) {
     ValueSet out;
     auto *c = nb::cast<si::CSingleResolvedInfo *>(cls);
-    std::string_view bare = si::BareSingle(si::TextView(c->ibytes, "ibytes"));
+    std::string_view bare = c->Bare();
     std::string canonical(si::kInstancePrefix);
     canonical.append(bare.substr(si::kPrefixLen));
     auto *single = new si::CSingleResolvedInfo(si::ToBytes(canonical), c->scope, c->loc);
@@ -546,7 +569,7 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     if (redirect == 2 && use_index >= 0 && !out.Empty()) {
         // A nonlocal name set here before the use: that setting is its value.
         nb::object record = RecordOf(scope);
-        nb::object entry = record.is_none() ? nb::none() : record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+        nb::object entry = record.is_none() ? nb::none() : InfoBytesOf(record, name);
         if (!entry.is_none())
             for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
                 si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
@@ -661,12 +684,12 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
             return true;
         }
     }
-    nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    nb::object entry = InfoBytesOf(record, name);
     EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (entry.is_none() || !BindsName(kinds)) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
-            nb::object stars = record.attr("GetInfoBytes")("*");
+            nb::object stars = InfoBytesOf(record, "*");
             if (!stars.is_none()) {
                 for (std::string_view single : si::NonNestedSplit(si::TextView(stars, "ibytes"), ";")) {
                     if (!ConditionsHold(single))
@@ -761,7 +784,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // doesn't see it, unless a loop around both brings it round again.
     bool defs_unbound = false;
     for (const EntryPiece &piece : parsed->pieces) {
-        std::string_view first = si::BareSingle(piece.single);
+        std::string_view first = piece.bare;
         long long first_set = -1;
         if (use_index >= 0 && !piece.malformed && piece.bare_kind == si::kSetKind &&
             std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), first_set).ec == std::errc())
@@ -801,6 +824,14 @@ std::vector<std::vector<long long>> IndexLists(nb::handle lists) {
     return out;
 }
 
+// Item `i` of a guard the flow provider gave: straight from a tuple (what
+// ours gives), through Python's indexing for any other sequence.
+nb::object GuardItem(nb::handle guard, Py_ssize_t i) {
+    if (PyTuple_Check(guard.ptr()) && i < PyTuple_GET_SIZE(guard.ptr()))
+        return nb::borrow(PyTuple_GET_ITEM(guard.ptr(), i));
+    return guard[i];
+}
+
 }  // namespace
 
 template <class T, class Convert>
@@ -832,10 +863,10 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
         for (nb::handle at : listed) {
             std::vector<Guard> here;
             for (nb::handle g : at) {
-                nb::handle text = g[1];
+                nb::object text = GuardItem(g, 1);
                 if (!text.is_none())
-                    here.emplace_back(nb::cast<long long>(g[0]), nb::cast<std::string>(text),
-                                      nb::cast<long long>(g[2]));
+                    here.emplace_back(nb::cast<long long>(GuardItem(g, 0)), nb::cast<std::string>(text),
+                                      nb::cast<long long>(GuardItem(g, 2)));
             }
             found.push_back(std::move(here));
         }
@@ -1043,7 +1074,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         ValueSet items;
         for (long long position = arg->index; star != 2 && position <= last; ++position) {
             std::string key = si::BuildArgInfo(position, std::nullopt);
-            nb::object passed = record.attr("GetInfoBytes")(nb::str(key.c_str()));
+            nb::object passed = InfoBytesOf(record, key);
             if (passed.is_none())
                 continue;
             for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))

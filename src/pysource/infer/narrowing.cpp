@@ -66,7 +66,7 @@ bool IsReference(const pgen::Tree &tree, std::int32_t node) {
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) {
-    std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
+    std::string_view bare = Single(single)->Bare();
     return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
 }
 
