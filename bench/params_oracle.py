@@ -360,6 +360,8 @@ class CTally:
                 (f"{where} from {sites}", text, sorted(runtime)))
         if ours and not right:
             self.fMissed["reported only wrong types"].append((where, sorted(ours), sorted(runtime)))
+        elif not ours:
+            self.fMissed["reported nothing"].append((where, [], sorted(runtime)))
 
 
 def _WrongKind(text, runtime):

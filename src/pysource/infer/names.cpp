@@ -1149,7 +1149,7 @@ nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view pack
     std::string_view base = std::string_view(path).substr(slash + 1);
     if (base != "__init__.py" && base != "__init__.pyi")
         return nb::none();
-    std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name});
+    std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name}, base == "__init__.py");
     if (found.empty())
         return nb::none();
     std::string dotted(package_dotted);
