@@ -55,6 +55,16 @@ bool BindsName(const EntryKinds &kinds) {
 
 // Whether a single gives the name a value, rather than marking how the
 // scope uses it.
+// The logical index of a `:S` piece (where its name is first set).
+std::optional<long long> FirstSetIndex(const EntryPiece &piece) {
+    std::string_view first = si::BareSingle(piece.single);
+    long long at = -1;
+    if (piece.malformed || piece.bare_kind != si::kSetKind ||
+        std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), at).ec != std::errc())
+        return std::nullopt;
+    return at;
+}
+
 bool SaysValue(si::Kind kind) {
     switch (kind) {
     case si::kCalledKind:
@@ -579,21 +589,57 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
         out.Merge(BuiltinNamed(name));
         return out;
     }
+    std::string child(scope_name);
     while (!parent.empty()) {
         nb::object up = ScopeAt(loc, parent);
         if (ScopeKindOf(up) != "class") {
             ValueSet found;
             int up_redirect = 0;
-            if (FindLocal(up, name, -2, found, up_redirect) && up_redirect != 1) {
+            if (FindLocal(up, name, ClosureReadIndex(up, child, name), found, up_redirect) && up_redirect != 1) {
                 out.Merge(found);
                 if (up_redirect == 0)
                     return out;
             }
         }
+        child = parent;
         parent = std::string(si::ParentScopeName(parent));
     }
     out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
     return out;
+}
+
+// Where the nested def or class `child` of `up` reads `name` of `up`: at the
+// statement that defines `child` when `up` sets the name nowhere after it,
+// so that what the tests around that statement tell of the name holds when
+// the child runs (`if x is None: raise` ahead of `def inner(): use(x)`);
+// every setting (-2) otherwise.
+long long CEvaluator::ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name) {
+    nb::object record = RecordOf(up);
+    if (record.is_none() || si::LeafScopeIndex(si::LeafScopeName(child)) != 0)
+        return -2;
+    std::string_view leaf = si::LeafScopeName(child);
+    leaf = leaf.substr(0, leaf.find(si::kScopeIndexSep));
+    nb::object defined = record.attr("GetInfoBytes")(nb::str(leaf.data(), leaf.size()));
+    nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    if (defined.is_none() || entry.is_none())
+        return -2;
+    // The one def or class statement of that name, where its name is set.
+    std::optional<long long> at;
+    int statements = 0;
+    for (const EntryPiece &piece : EntryOf(si::TextView(defined, "ibytes"))->pieces) {
+        statements += si::IsDefOrClassKind(piece.bare_kind);
+        if (std::optional<long long> first = FirstSetIndex(piece))
+            at = first;
+    }
+    if (statements != 1 || !at || *at < 0)
+        return -2;
+    for (const EntryPiece &piece : EntryOf(si::TextView(entry, "ibytes"))->pieces) {
+        if (piece.malformed || si::IsDefOrClassKind(piece.bare_kind))
+            return -2;
+        if (piece.index && *piece.index >= *at && SaysValue(piece.bare_kind))
+            return -2;
+    }
+    return *at;
 }
 
 // The type parameters a def or class declares (`def f[T](...)`, `class
@@ -760,11 +806,9 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // doesn't see it, unless a loop around both brings it round again.
     bool defs_unbound = false;
     for (const EntryPiece &piece : parsed->pieces) {
-        std::string_view first = si::BareSingle(piece.single);
-        long long first_set = -1;
-        if (use_index >= 0 && !piece.malformed && piece.bare_kind == si::kSetKind &&
-            std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), first_set).ec == std::errc())
-            defs_unbound = first_set >= use_index && !InOneLoop(scope, first_set, use_index);
+        std::optional<long long> first_set = FirstSetIndex(piece);
+        if (use_index >= 0 && first_set)
+            defs_unbound = *first_set >= use_index && !InOneLoop(scope, *first_set, use_index);
     }
     for (const auto &[single, at] : singles) {
         if (declared && !declares(single))
