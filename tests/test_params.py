@@ -192,6 +192,10 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
     ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
+    # `o[k] = v` calls the `__setitem__` of o's class with k and v.
+    ("class C:\n        def __setitem__(self, k, v):\n            target(k, v)\n    C()['s'] = 1.5", "a", {"str"}),
+    ("class C:\n        def __setitem__(self, k, v):\n            target(k, v)\n    c = C()\n    c[1] = v", "b",
+     {"None", "float"}),
     # A nested def reads the name as the tests before its def line left it, unless set again later.
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    inner()", "a", {"float"}),
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    v = ''", "a",
