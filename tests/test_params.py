@@ -200,6 +200,8 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    inner()", "a", {"float"}),
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    v = ''", "a",
      {"None", "float", "str"}),
+    # A default is what the name held when the def statement ran.
+    ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
     (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"

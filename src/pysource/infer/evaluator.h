@@ -347,6 +347,7 @@ private:
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
     ValueSet LookupInScopeChain(nb::handle scope, std::string_view name);
+    long long DefStatementIndex(nb::handle up, std::string_view child);
     long long ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name);
     int StarOfParameter(nb::handle record, long long index);
     static constexpr long long kMaxStarPositions = 16;

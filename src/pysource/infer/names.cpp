@@ -580,8 +580,14 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
             if (!def_record.is_none() && ScopeDeclaresTypeParam(def_scope, def_record, name, out))
                 return out;
         }
+        // A def line is read when the def statement runs (its defaults
+        // there); an instance's names in the class body, all of it.
         nb::object owner = ScopeAt(loc, parent);
-        ValueSet found = LookupName(owner, name, -2);
+        long long at = si::IsDefLineScope(scope_name)
+                           ? DefStatementIndex(owner, scope_name.substr(0, scope_name.size() -
+                                                                               si::kDefLineScopeSuffix.size()))
+                           : -2;
+        ValueSet found = LookupName(owner, name, at);
         out.Merge(found);
         return out;
     }
@@ -608,22 +614,18 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     return out;
 }
 
-// Where the nested def or class `child` of `up` reads `name` of `up`: at the
-// statement that defines `child` when `up` sets the name nowhere after it,
-// so that what the tests around that statement tell of the name holds when
-// the child runs (`if x is None: raise` ahead of `def inner(): use(x)`);
-// every setting (-2) otherwise.
-long long CEvaluator::ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name) {
+// The logical index of the statement in `up` that makes its nested def or
+// class `child`, when one statement alone makes a scope of that name; -2
+// otherwise.
+long long CEvaluator::DefStatementIndex(nb::handle up, std::string_view child) {
     nb::object record = RecordOf(up);
     if (record.is_none() || si::LeafScopeIndex(si::LeafScopeName(child)) != 0)
         return -2;
     std::string_view leaf = si::LeafScopeName(child);
     leaf = leaf.substr(0, leaf.find(si::kScopeIndexSep));
     nb::object defined = record.attr("GetInfoBytes")(nb::str(leaf.data(), leaf.size()));
-    nb::object entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
-    if (defined.is_none() || entry.is_none())
+    if (defined.is_none())
         return -2;
-    // The one def or class statement of that name, where its name is set.
     std::optional<long long> at;
     int statements = 0;
     for (const EntryPiece &piece : EntryOf(si::TextView(defined, "ibytes"))->pieces) {
@@ -631,15 +633,26 @@ long long CEvaluator::ClosureReadIndex(nb::handle up, std::string_view child, st
         if (std::optional<long long> first = FirstSetIndex(piece))
             at = first;
     }
-    if (statements != 1 || !at || *at < 0)
+    return statements == 1 && at && *at >= 0 ? *at : -2;
+}
+
+// Where the nested def or class `child` of `up` reads `name` of `up`: at the
+// statement that makes `child` when `up` sets the name nowhere after it, so
+// that what the tests around that statement tell of the name holds when the
+// child runs (`if x is None: raise` ahead of `def inner(): use(x)`); every
+// setting (-2) otherwise.
+long long CEvaluator::ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name) {
+    long long at = DefStatementIndex(up, child);
+    nb::object entry = at < 0 ? nb::object() : RecordOf(up).attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    if (at < 0 || entry.is_none())
         return -2;
     for (const EntryPiece &piece : EntryOf(si::TextView(entry, "ibytes"))->pieces) {
         if (piece.malformed || si::IsDefOrClassKind(piece.bare_kind))
             return -2;
-        if (piece.index && *piece.index >= *at && SaysValue(piece.bare_kind))
+        if (piece.index && *piece.index >= at && SaysValue(piece.bare_kind))
             return -2;
     }
-    return *at;
+    return at;
 }
 
 // The type parameters a def or class declares (`def f[T](...)`, `class
@@ -994,8 +1007,14 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     switch (kind) {
     case si::kSpecificScopeKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
-        std::string name = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
-        return ValuesOfSingle(ScopeAt(loc, si::NormalizeScopeName(name)), f.rest, use_index);
+        std::string name = si::NormalizeScopeName(f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0]);
+        nb::object there = ScopeAt(loc, name);
+        // A parameter's default, read in the scope the def stands in, has
+        // the value it had when the def statement ran.
+        std::string_view own = ScopeName(scope);
+        if (!split.logical_index && !own.empty() && si::ParentScopeName(own) == name)
+            use_index = DefStatementIndex(there, own);
+        return ValuesOfSingle(there, f.rest, use_index);
     }
     case si::kSpecificUrlKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
