@@ -192,6 +192,12 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
     ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
+    # A flag that saved a test tells what the test told, while the name stays as tested.
+    ("ok = isinstance(v, float)\n    if ok:\n        target(v)", "a", {"float"}),
+    ("ok = v is not None\n    if not v:\n        ok = False\n    if ok:\n        target(v)", "a", {"float"}),
+    ("ok = isinstance(v, float)\n    v = None\n    if ok:\n        target(v)", "a", {"None"}),
+    ("ok = isinstance(v, float)\n    if not ok:\n        target(v)", "a", {"None", "float"}),
+    ("ok = isinstance(v, float)\n    if v:\n        ok = v\n    if ok:\n        target(v)", "a", {"None", "float"}),
     # `o[k] = v` calls the `__setitem__` of o's class with k and v.
     ("class C:\n        def __setitem__(self, k, v):\n            target(k, v)\n    C()['s'] = 1.5", "a", {"str"}),
     ("class C:\n        def __setitem__(self, k, v):\n            target(k, v)\n    c = C()\n    c[1] = v", "b",

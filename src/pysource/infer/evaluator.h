@@ -152,6 +152,10 @@ struct ScopeLookupEqual {
 
 // A record entry split into its singles, each with its logical index (when
 // numbered) and its kinds: the same entries are read again and again.
+// Whether a single of this kind is a value of its name (not a use, a call,
+// the mark of where the name is set, ...).
+bool SaysValue(symbolinfo::Kind kind);
+
 struct EntryPiece {
     std::string_view single;         // as written, wrappers and index included
     std::optional<long long> index;  // its logical index, when numbered
@@ -396,6 +400,8 @@ private:
                       long long use_index, ValueSet values);
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
+    void NarrowBySavedTest(const Frame &frame, std::string_view flag, std::string_view name, ValueSet &values);
+    bool fInSavedTest = false;  // a saved test is not followed through another
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);

@@ -65,6 +65,8 @@ std::optional<long long> FirstSetIndex(const EntryPiece &piece) {
     return at;
 }
 
+}  // namespace
+
 bool SaysValue(si::Kind kind) {
     switch (kind) {
     case si::kCalledKind:
@@ -83,10 +85,6 @@ bool SaysValue(si::Kind kind) {
         return true;
     }
 }
-
-
-
-}  // namespace
 
 std::size_t ValueSet::gMaxValues = 64;
 
