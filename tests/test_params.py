@@ -128,6 +128,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target((v or ''))", "a", {"float", "str"}),
     ("target([1][0])", "a", {"int"}),
     ("target((1,))", "a", {"tuple"}),
+    # A lambda is a function, whatever it does.
+    ("target(lambda x: x, b=lambda: 1)", "b", {"function"}),
+    ("target(lambda x, y: x, 's')", "b", {"str"}),
     # Past an unpacked argument, positions are unknown.
     ("target(*[1], 's')", "b", set()),
     # Tests of None around the call (v: None or float).
