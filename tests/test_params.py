@@ -131,6 +131,7 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A lambda is a function, whatever it does.
     ("target(lambda x: x, b=lambda: 1)", "b", {"function"}),
     ("target(lambda x, y: x, 's')", "b", {"str"}),
+    ("def pick(f):\n        if not callable(f):\n            target(f)\n    pick(lambda: 1)\n    pick(2)", "a", {"int"}),
     # Past an unpacked argument, positions are unknown.
     ("target(*[1], 's')", "b", set()),
     # Tests of None around the call (v: None or float).

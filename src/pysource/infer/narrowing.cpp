@@ -65,10 +65,16 @@ bool IsReference(const pgen::Tree &tree, std::int32_t node) {
 
 }  // namespace
 
-bool IsNoneLiteral(nb::handle single) {
+namespace {
+
+bool IsLiteralOfClass(nb::handle single, std::string_view class_name) {
     std::string_view bare = si::BareSingle(si::TextView(Single(single)->ibytes, "ibytes"));
-    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
+    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == class_name;
 }
+
+}  // namespace
+
+bool IsNoneLiteral(nb::handle single) { return IsLiteralOfClass(single, "None"); }
 
 namespace {
 
@@ -297,7 +303,8 @@ void CEvaluator::NarrowBySavedTest(const Frame &frame, std::string_view flag, st
 
 bool CEvaluator::IsCallableValue(nb::handle value) {
     si::CSingleResolvedInfo *s = Single(value);
-    if (s->IsDef() || s->IsClass() || IsExpressionText(value, true))
+    // A `function` (a lambda passed as an argument), though its stub has no __call__.
+    if (s->IsDef() || s->IsClass() || IsExpressionText(value, true) || IsLiteralOfClass(value, "function"))
         return true;
     if (!s->IsInstance(true))
         return false;
