@@ -96,8 +96,12 @@ class _CIndex:
                 self.fMgr = manager.CAnalysisMgr(db_path=db_path)
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(_database_advice(str(err))) from None
+        try:
+            self.AddImportRoots(self._ProjectPaths())
+        except BaseException:
+            self.fMgr.destroy()
+            raise
         self._fPrevious = manager.SetAnalysisMgr(self.fMgr)
-        self.AddImportRoots(self._ProjectPaths())
 
     def _ProjectPaths(self):
         """The paths of the indexed files that are the project's own (not a
