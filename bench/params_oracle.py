@@ -27,7 +27,9 @@ or an abstract class of `typing` the argument is an instance of.
 
 import argparse
 import collections
+import functools
 import glob
+import importlib
 import json
 import os
 import re
@@ -290,7 +292,22 @@ def Comparable(text):
         return "function"
     if text.startswith("collections.abc."):
         text = "typing." + text[len("collections.abc."):]
-    return text
+    return _StandardAlias(text)
+
+
+@functools.lru_cache(maxsize=None)
+def _StandardAlias(text):
+    """The runtime name of the class a dotted text names in the standard
+    library, when the text is an alias of it (`_thread.LockType` is
+    `_thread.lock`); the text itself otherwise."""
+    module, _, name = text.rpartition(".")
+    if module.split(".")[0] not in sys.stdlib_module_names or module == "typing":
+        return text
+    try:
+        value = getattr(importlib.import_module(module), name)
+    except (ImportError, AttributeError):
+        return text
+    return RuntimeComparable(ClassName(value)) if isinstance(value, type) else text
 
 
 def RuntimeComparable(name):
@@ -360,6 +377,8 @@ class CTally:
                 (f"{where} from {sites}", text, sorted(runtime)))
         if ours and not right:
             self.fMissed["reported only wrong types"].append((where, sorted(ours), sorted(runtime)))
+        elif not ours:
+            self.fMissed["reported nothing"].append((where, [], sorted(runtime)))
 
 
 def _WrongKind(text, runtime):

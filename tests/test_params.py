@@ -128,6 +128,10 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target((v or ''))", "a", {"float", "str"}),
     ("target([1][0])", "a", {"int"}),
     ("target((1,))", "a", {"tuple"}),
+    # A lambda is a function, whatever it does.
+    ("target(lambda x: x, b=lambda: 1)", "b", {"function"}),
+    ("target(lambda x, y: x, 's')", "b", {"str"}),
+    ("def pick(f):\n        if not callable(f):\n            target(f)\n    pick(lambda: 1)\n    pick(2)", "a", {"int"}),
     # Past an unpacked argument, positions are unknown.
     ("target(*[1], 's')", "b", set()),
     # Tests of None around the call (v: None or float).
@@ -192,6 +196,22 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
     ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
+    # A flag that saved a test tells what the test told, while the name stays as tested.
+    ("ok = isinstance(v, float)\n    if ok:\n        target(v)", "a", {"float"}),
+    ("ok = v is not None\n    if not v:\n        ok = False\n    if ok:\n        target(v)", "a", {"float"}),
+    ("ok = isinstance(v, float)\n    v = None\n    if ok:\n        target(v)", "a", {"None"}),
+    ("ok = isinstance(v, float)\n    if not ok:\n        target(v)", "a", {"None", "float"}),
+    ("ok = isinstance(v, float)\n    if v:\n        ok = v\n    if ok:\n        target(v)", "a", {"None", "float"}),
+    # `o[k] = v` calls the `__setitem__` of o's class with k and v.
+    ("class C:\n        def __setitem__(self, k, v):\n            target(k, v)\n    C()['s'] = 1.5", "a", {"str"}),
+    ("class C:\n        def __setitem__(self, k, v):\n            target(k, v)\n    c = C()\n    c[1] = v", "b",
+     {"None", "float"}),
+    # A nested def reads the name as the tests before its def line left it, unless set again later.
+    ("if v is None:\n        return\n    def inner():\n        target(v)\n    inner()", "a", {"float"}),
+    ("if v is None:\n        return\n    def inner():\n        target(v)\n    v = ''", "a",
+     {"None", "float", "str"}),
+    # A default is what the name held when the def statement ran.
+    ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
     (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"
@@ -202,3 +222,23 @@ def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expec
     assert run(capsys, "index")[0] == 0
     _found, params = params_json(capsys, "target")
     assert set(types_of(params[param])) == expected
+
+
+# Imports of the project's own packages find their source: below a `src` folder, and
+# before a stub beside it.
+@pytest.mark.parametrize("files", [
+    {"src/pkg/__init__.py": "def target(a):\n    return a\n", "tests/__init__.py": "",
+     "tests/test_it.py": "from pkg import target\ntarget(1)\n"},
+    {"pkg/__init__.py": "from .mod import target\n", "pkg/__init__.pyi": "from .mod import target\n",
+     "pkg/mod.py": "def target(a):\n    return a\n", "pkg/mod.pyi": "def target(a: int) -> int: ...\n",
+     "app.py": "from pkg import target\nimport pkg.mod\ntarget(1)\npkg.mod.target(2)\n"},
+])
+def test_callers_reach_the_project_source(tmp_path, monkeypatch, capsys, files):
+    for path, text in files.items():
+        (tmp_path / path).parent.mkdir(parents=True, exist_ok=True)
+        (tmp_path / path).write_text(text)
+    monkeypatch.chdir(tmp_path)
+    assert run(capsys, "index")[0] == 0
+    (where,) = [path for path, text in files.items() if path.endswith(".py") and "def target" in text]
+    found, params = params_json(capsys, f"{where}:target")
+    assert set(types_of(params["a"])) == {"int"}

@@ -98,7 +98,28 @@ class _CIndex:
                 self.fMgr = manager.CAnalysisMgr(db_path=db_path)
         except scopeinfo.CInfoDatabaseError as err:
             raise _CDatabaseProblem(_database_advice(str(err))) from None
+        try:
+            self.AddImportRoots(self._ProjectPaths())
+        except BaseException:
+            self.fMgr.destroy()
+            raise
         self._fPrevious = manager.SetAnalysisMgr(self.fMgr)
+
+    def _ProjectPaths(self):
+        """The paths of the indexed files that are the project's own (not a
+        library's or a stub folder's)."""
+        loc_cache = self.fInfoCache.fLocCache
+        return [loc.fPath for loc in self.Locations()
+                if getattr(loc, "fPath", None) and loc_cache.WantDerivedInfo(loc)]
+
+    def AddImportRoots(self, paths):
+        """Has imports find the packages that hold the files at `paths`."""
+        from pysource import projectfiles
+        finder = self.fMgr.fInferenceEngine._fNativeEngine.fModuleFinder
+        known = set(finder.fRoots)
+        for root in projectfiles.ImportRoots(paths):
+            if root not in known:
+                finder.AddRoot(root)
 
     @property
     def fInfoCache(self):
@@ -362,6 +383,7 @@ def _cmd_index(args):
             coord = coordinator.CScanCoordinator(
                 index.fMgr, progress=progress, derived_progress=derived_progress,
                 scanner_class=workers.ScannerClass() if workers is not None else None)
+            index.AddImportRoots(files)
             locs = [CLocalFileLocation(path) for path in files]
             coord.AddLocations(locs)
             if workers is not None:

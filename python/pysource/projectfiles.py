@@ -100,6 +100,25 @@ def FindSourceFiles(paths):
     return WalkSourceFiles(paths).fFiles
 
 
+def ImportRoots(paths):
+    """The folders above the top packages that hold the files at `paths`
+    (sorted): where the project's imports of its own packages are found, the
+    `src` folder of a package kept there, say.  A file outside any package
+    names none, so that a loose script can't hide a library module."""
+    from pysource.inferenceengine import CModuleFinder
+    roots = set()
+    folders = set()
+    for path in paths:
+        folder = os.path.dirname(path)
+        if folder in folders:
+            continue
+        folders.add(folder)
+        root = CModuleFinder.PackageRootOf(path)
+        if root and root != folder:
+            roots.add(root)
+    return sorted(roots)
+
+
 def IsUnder(path, roots):
     """True when the absolute `path` is one of `roots` or lies below one."""
     return any(path == root or path.startswith(root.rstrip(os.sep) + os.sep) for root in roots)

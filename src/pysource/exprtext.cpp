@@ -143,12 +143,38 @@ std::optional<std::vector<std::string>> SplitTrailers(std::string_view text) {
     return parts;
 }
 
+namespace {
+
+// Whether `part` holds a lambda whose parameters go on past it: the word
+// `lambda` with no colon after it.
+bool OpensLambdaParameters(std::string_view part) {
+    std::size_t at = part.find("lambda");
+    while (at != std::string_view::npos) {
+        bool word = (at == 0 || !IsWordByte(part[at - 1])) &&
+                    (at + 6 == part.size() || !IsWordByte(part[at + 6]));
+        if (word && part.find(':', at + 6) == std::string_view::npos)
+            return true;
+        at = part.find("lambda", at + 6);
+    }
+    return false;
+}
+
+}  // namespace
+
 std::vector<std::string_view> SplitArguments(std::string_view arg_text) {
     std::vector<std::string_view> args;
     if (StripSpaces(arg_text).empty())
         return args;
-    for (std::string_view part : NonNestedSplit(arg_text, ","))
-        args.push_back(StripSpaces(part));
+    // A lambda's own parameters (`lambda a, b: a`) stay in its argument.
+    std::vector<std::string_view> parts = NonNestedSplit(arg_text, ",");
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        const char *begin = parts[i].data();
+        while (OpensLambdaParameters(parts[i]) && i + 1 < parts.size()) {
+            ++i;
+            parts[i] = std::string_view(begin, static_cast<std::size_t>(parts[i].data() + parts[i].size() - begin));
+        }
+        args.push_back(StripSpaces(parts[i]));
+    }
     if (!args.empty() && args.back().empty())
         args.pop_back();
     return args;

@@ -191,6 +191,10 @@ struct ReadKeyEqual {
 
 // A record entry split into its singles, each with its logical index (when
 // numbered) and its kinds: the same entries are read again and again.
+// Whether a single of this kind is a value of its name (not a use, a call,
+// the mark of where the name is set, ...).
+bool SaysValue(symbolinfo::Kind kind);
+
 struct EntryPiece {
     std::string_view single;         // as written, wrappers and index included
     std::optional<long long> index;  // its logical index, when numbered
@@ -386,6 +390,8 @@ private:
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
     ValueSet LookupInScopeChain(nb::handle scope, std::string_view name);
+    long long DefStatementIndex(nb::handle up, std::string_view child);
+    long long ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name);
     int StarOfParameter(nb::handle record, long long index);
     static constexpr long long kMaxStarPositions = 16;
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
@@ -433,6 +439,8 @@ private:
                       long long use_index, ValueSet values);
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
+    void NarrowBySavedTest(const Frame &frame, std::string_view flag, std::string_view name, ValueSet &values);
+    bool fInSavedTest = false;  // a saved test is not followed through another
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);

@@ -75,18 +75,25 @@ CModuleFinder::CModuleFinder(nb::handle roots, nb::handle stub_dirs, nb::handle 
     }
 }
 
-std::string CModuleFinder::FindBelow(const std::string &dir, const std::vector<std::string_view> &parts) {
+std::string CModuleFinder::FindBelow(const std::string &dir, const std::vector<std::string_view> &parts,
+                                     bool source_first) {
     std::string base = dir;
     for (std::string_view part : parts) {
         base += '/';
         base.append(part);
     }
-    for (const char *suffix : {".pyi", ".py", "/__init__.pyi", "/__init__.py"}) {
+    static const char *const kStubFirst[] = {".pyi", ".py", "/__init__.pyi", "/__init__.py"};
+    static const char *const kSourceFirst[] = {".py", ".pyi", "/__init__.py", "/__init__.pyi"};
+    for (const char *suffix : source_first ? kSourceFirst : kStubFirst) {
         std::string path = base + suffix;
         if (IsFile(path))
             return path;
     }
     return std::string();
+}
+
+bool CModuleFinder::IsSourcePath(std::string_view path) {
+    return path.size() > 3 && path.substr(path.size() - 3) == ".py";
 }
 
 std::string CModuleFinder::PackageRootOf(const std::string &path) {
@@ -116,23 +123,31 @@ nb::object CModuleFinder::FindModule(nb::handle dotted_name, nb::handle from_loc
     std::vector<std::string_view> parts = SplitDots(name);
     if (!ValidParts(parts))
         return nb::none();
-    std::vector<const std::string *> dirs;
+    // (folder, whether a source beats a stub beside it there): in the
+    // project's roots it does, and in the importing file's own package when
+    // that file is a source; stub and library folders keep stubs first.
+    std::vector<std::pair<const std::string *, bool>> dirs;
     std::string own_root;
+    bool own_source_first = false;
     if (!from_loc.is_none()) {
         std::string path = LocationPath(from_loc);
-        if (!path.empty())
+        if (!path.empty()) {
             own_root = KnownPackageRootOf(path);
+            own_source_first = IsSourcePath(path);
+        }
     }
     if (!own_root.empty())
-        dirs.push_back(&own_root);
-    for (const auto *group : {&fRoots, &fStubDirs, &fLibraryDirs})
+        dirs.emplace_back(&own_root, own_source_first);
+    for (const std::string &dir : fRoots)
+        dirs.emplace_back(&dir, true);
+    for (const auto *group : {&fStubDirs, &fLibraryDirs})
         for (const std::string &dir : *group)
-            dirs.push_back(&dir);
-    for (const std::string *dir : dirs) {
-        std::string key = *dir + "|" + name;
+            dirs.emplace_back(&dir, false);
+    for (const auto &[dir, source_first] : dirs) {
+        std::string key = *dir + (source_first ? "|s|" : "|") + name;
         auto it = fFound.find(key);
         if (it == fFound.end())
-            it = fFound.emplace(key, FindBelow(*dir, parts)).first;
+            it = fFound.emplace(key, FindBelow(*dir, parts, source_first)).first;
         if (!it->second.empty())
             return KnownLocation(it->second);
     }
@@ -150,16 +165,20 @@ nb::object CModuleFinder::FindRelativeModule(std::ptrdiff_t level, nb::handle do
     if (dir.empty())
         return nb::none();
     std::string_view name = dotted_name.is_none() ? std::string_view() : symbolinfo::TextView(dotted_name, "module name");
-    if (name.empty()) {
-        for (const char *init : {"/__init__.pyi", "/__init__.py"})
-            if (IsFile(dir + init))
-                return LocalFileLocation(dir + init);
-        return nb::none();
-    }
+    // A source importing from its own package finds sources, a stub stubs.
+    bool source_first = IsSourcePath(path);
+    if (name.empty())
+        return LocOrNone(FindBelow(dir, {"__init__"}, source_first));
     std::vector<std::string_view> parts = SplitDots(name);
     if (!ValidParts(parts))
         return nb::none();
-    return LocOrNone(FindBelow(dir, parts));
+    return LocOrNone(FindBelow(dir, parts, source_first));
+}
+
+// True when `path` lies below the folder `dir`.
+static bool Holds(const std::string &dir, const std::string &path) {
+    return !dir.empty() && path.size() > dir.size() + 1 && path.compare(0, dir.size(), dir) == 0 &&
+           path[dir.size()] == '/';
 }
 
 nb::object CModuleFinder::ModuleNameOf(nb::handle loc) {
@@ -170,13 +189,19 @@ nb::object CModuleFinder::ModuleNameOf(nb::handle loc) {
     for (const auto *group : {&fRoots, &fStubDirs, &fLibraryDirs})
         for (const std::string &dir : *group)
             dirs.push_back(&dir);
+    // The deepest folder of the search path that holds the file names it (a
+    // project's `src` folder, not the project folder above it); else the top
+    // of the file's own package.
     std::string own_root = KnownPackageRootOf(path);
-    dirs.push_back(&own_root);
+    const std::string *holder = nullptr;
     for (const std::string *dir : dirs) {
-        if (dir->empty() || path.size() <= dir->size() + 1 || path.compare(0, dir->size(), *dir) != 0 ||
-            path[dir->size()] != '/')
-            continue;
-        std::string rel = path.substr(dir->size() + 1);
+        if (Holds(*dir, path) && (holder == nullptr || dir->size() > holder->size()))
+            holder = dir;
+    }
+    if (holder == nullptr && Holds(own_root, path))
+        holder = &own_root;
+    if (holder != nullptr) {
+        std::string rel = path.substr(holder->size() + 1);
         for (const char *suffix : {"/__init__.pyi", "/__init__.py", ".pyi", ".py"}) {
             std::string s(suffix);
             if (rel.size() > s.size() && rel.compare(rel.size() - s.size(), s.size(), s) == 0) {

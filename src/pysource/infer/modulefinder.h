@@ -1,8 +1,10 @@
 // CModuleFinder: which file an import names.  Modules are searched, in
 // order, in the package root of the importing file, the configured project
 // roots, the stub folders (the standard library's stubs), the standard
-// library and the package folders.  In each folder a stub (.pyi) wins over
-// source beside it, and a package's __init__ stands for the package.
+// library and the package folders.  A stub (.pyi) wins over source beside
+// it, except in the project's roots and in the own package of an importing
+// source, where the source is what runs; a package's __init__ stands for
+// the package.
 #pragma once
 
 #include <nanobind/nanobind.h>
@@ -46,8 +48,12 @@ public:
     nb::list StubDirs() const;
     nb::list LibraryDirs() const;
 
-    // The file of module `parts` below `dir`, or "".
-    static std::string FindBelow(const std::string &dir, const std::vector<std::string_view> &parts);
+    // The file of module `parts` below `dir`, or "": a stub before a source
+    // beside it, unless `source_first`.
+    static std::string FindBelow(const std::string &dir, const std::vector<std::string_view> &parts,
+                                 bool source_first = false);
+    // True for the path of a source file (.py), not a stub.
+    static bool IsSourcePath(std::string_view path);
     // The folder at the top of the package that holds `path`: the first
     // folder upward without an __init__ file.
     static std::string PackageRootOf(const std::string &path);

@@ -56,6 +56,18 @@ bool BindsName(const EntryKinds &kinds) {
 
 // Whether a single gives the name a value, rather than marking how the
 // scope uses it.
+// The logical index of a `:S` piece (where its name is first set).
+std::optional<long long> FirstSetIndex(const EntryPiece &piece) {
+    std::string_view first = piece.bare;
+    long long at = -1;
+    if (piece.malformed || piece.bare_kind != si::kSetKind ||
+        std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), at).ec != std::errc())
+        return std::nullopt;
+    return at;
+}
+
+}  // namespace
+
 bool SaysValue(si::Kind kind) {
     switch (kind) {
     case si::kCalledKind:
@@ -74,10 +86,6 @@ bool SaysValue(si::Kind kind) {
         return true;
     }
 }
-
-
-
-}  // namespace
 
 std::size_t ValueSet::gMaxValues = 64;
 
@@ -594,8 +602,14 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
             if (!def_record.is_none() && ScopeDeclaresTypeParam(def_scope, def_record, name, out))
                 return out;
         }
+        // A def line is read when the def statement runs (its defaults
+        // there); an instance's names in the class body, all of it.
         nb::object owner = ScopeAt(loc, parent);
-        ValueSet found = LookupName(owner, name, -2);
+        long long at = si::IsDefLineScope(scope_name)
+                           ? DefStatementIndex(owner, scope_name.substr(0, scope_name.size() -
+                                                                               si::kDefLineScopeSuffix.size()))
+                           : -2;
+        ValueSet found = LookupName(owner, name, at);
         out.Merge(found);
         return out;
     }
@@ -603,21 +617,64 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
         out.Merge(BuiltinNamed(name));
         return out;
     }
+    std::string child(scope_name);
     while (!parent.empty()) {
         nb::object up = ScopeAt(loc, parent);
         if (ScopeKindOf(up) != "class") {
             ValueSet found;
             int up_redirect = 0;
-            if (FindLocal(up, name, -2, found, up_redirect) && up_redirect != 1) {
+            if (FindLocal(up, name, ClosureReadIndex(up, child, name), found, up_redirect) && up_redirect != 1) {
                 out.Merge(found);
                 if (up_redirect == 0)
                     return out;
             }
         }
+        child = parent;
         parent = std::string(si::ParentScopeName(parent));
     }
     out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
     return out;
+}
+
+// The logical index of the statement in `up` that makes its nested def or
+// class `child`, when one statement alone makes a scope of that name; -2
+// otherwise.
+long long CEvaluator::DefStatementIndex(nb::handle up, std::string_view child) {
+    nb::object record = RecordOf(up);
+    if (record.is_none() || si::LeafScopeIndex(si::LeafScopeName(child)) != 0)
+        return -2;
+    std::string_view leaf = si::LeafScopeName(child);
+    leaf = leaf.substr(0, leaf.find(si::kScopeIndexSep));
+    nb::object defined = record.attr("GetInfoBytes")(nb::str(leaf.data(), leaf.size()));
+    if (defined.is_none())
+        return -2;
+    std::optional<long long> at;
+    int statements = 0;
+    for (const EntryPiece &piece : EntryOf(si::TextView(defined, "ibytes"))->pieces) {
+        statements += si::IsDefOrClassKind(piece.bare_kind);
+        if (std::optional<long long> first = FirstSetIndex(piece))
+            at = first;
+    }
+    return statements == 1 && at && *at >= 0 ? *at : -2;
+}
+
+// Where the nested def or class `child` of `up` reads `name` of `up`: at the
+// statement that makes `child` when `up` sets the name nowhere after it, so
+// that what the tests around that statement tell of the name holds when the
+// child runs (`if x is None: raise` ahead of `def inner(): use(x)`); every
+// setting (-2) otherwise.
+long long CEvaluator::ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name) {
+    long long at = DefStatementIndex(up, child);
+    nb::object entry = at < 0 ? nb::object() : RecordOf(up).attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    if (at < 0 || entry.is_none())
+        return -2;
+    for (const EntryPiece &piece : EntryOf(si::TextView(entry, "ibytes"))->pieces) {
+        if (piece.malformed || si::IsDefOrClassKind(piece.bare_kind))
+            return -2;
+        if (piece.index && *piece.index >= at && SaysValue(piece.bare_kind))
+            return -2;
+    }
+    return at;
 }
 
 // The type parameters a def or class declares (`def f[T](...)`, `class
@@ -784,11 +841,9 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // doesn't see it, unless a loop around both brings it round again.
     bool defs_unbound = false;
     for (const EntryPiece &piece : parsed->pieces) {
-        std::string_view first = piece.bare;
-        long long first_set = -1;
-        if (use_index >= 0 && !piece.malformed && piece.bare_kind == si::kSetKind &&
-            std::from_chars(first.data() + si::kPrefixLen, first.data() + first.size(), first_set).ec == std::errc())
-            defs_unbound = first_set >= use_index && !InOneLoop(scope, first_set, use_index);
+        std::optional<long long> first_set = FirstSetIndex(piece);
+        if (use_index >= 0 && first_set)
+            defs_unbound = *first_set >= use_index && !InOneLoop(scope, *first_set, use_index);
     }
     for (const auto &[single, at] : singles) {
         if (declared && !declares(single))
@@ -982,8 +1037,14 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     switch (kind) {
     case si::kSpecificScopeKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
-        std::string name = f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0];
-        return ValuesOfSingle(ScopeAt(loc, si::NormalizeScopeName(name)), f.rest, use_index);
+        std::string name = si::NormalizeScopeName(f.fields.empty() || !f.fields[0] ? std::string() : *f.fields[0]);
+        nb::object there = ScopeAt(loc, name);
+        // A parameter's default, read in the scope the def stands in, has
+        // the value it had when the def statement ran.
+        std::string_view own = ScopeName(scope);
+        if (!split.logical_index && !own.empty() && si::ParentScopeName(own) == name)
+            use_index = DefStatementIndex(there, own);
+        return ValuesOfSingle(there, f.rest, use_index);
     }
     case si::kSpecificUrlKind: {
         si::UnpackedFields f = si::UnpackFields(s, 1);
@@ -1181,7 +1242,7 @@ nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view pack
     std::string_view base = std::string_view(path).substr(slash + 1);
     if (base != "__init__.py" && base != "__init__.pyi")
         return nb::none();
-    std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name});
+    std::string found = CModuleFinder::FindBelow(path.substr(0, slash), {name}, base == "__init__.py");
     if (found.empty())
         return nb::none();
     std::string dotted(package_dotted);

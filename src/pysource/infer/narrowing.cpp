@@ -65,10 +65,16 @@ bool IsReference(const pgen::Tree &tree, std::int32_t node) {
 
 }  // namespace
 
-bool IsNoneLiteral(nb::handle single) {
+namespace {
+
+bool IsLiteralOfClass(nb::handle single, std::string_view class_name) {
     std::string_view bare = Single(single)->Bare();
-    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == "None";
+    return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == class_name;
 }
+
+}  // namespace
+
+bool IsNoneLiteral(nb::handle single) { return IsLiteralOfClass(single, "None"); }
 
 namespace {
 
@@ -163,6 +169,8 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
                 if (!IsNoneLiteral(v))
                     kept.Add(v);
             values = kept;
+        } else if (holds) {
+            NarrowBySavedTest(frame, TokAt(tree, n.aux), name, values);
         }
         return;
     case NodeKind::kUnaryOp:
@@ -251,9 +259,52 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     }
 }
 
+// `ok = isinstance(x, C)` ... `if ok:`: a true flag says its test held
+// when that test is the flag's one setting that can be true (the others
+// False, None or 0) and nothing set `name` between the test and the use.
+void CEvaluator::NarrowBySavedTest(const Frame &frame, std::string_view flag, std::string_view name,
+                                   ValueSet &values) {
+    if (fInSavedTest || frame.use_index < 0)
+        return;
+    nb::object record = RecordOf(frame.scope);
+    if (record.is_none())
+        return;
+    nb::object flag_entry = record.attr("GetInfoBytes")(nb::str(flag.data(), flag.size()));
+    nb::object name_entry = record.attr("GetInfoBytes")(nb::str(name.data(), name.size()));
+    if (flag_entry.is_none() || name_entry.is_none())
+        return;
+    std::string_view test;
+    long long test_at = -1;
+    for (const EntryPiece &piece : EntryOf(si::TextView(flag_entry, "ibytes"))->pieces) {
+        if (!SaysValue(piece.bare_kind))
+            continue;
+        if (piece.malformed || !piece.index || piece.bare_kind != si::kPlainEquivKind)
+            return;
+        std::string_view text = si::StripSpaces(si::SplitLogicalIndexSuffix(piece.single).single);
+        if (text == "False" || text == "None" || text == "0")
+            continue;
+        if (!test.empty())
+            return;
+        test = text;
+        test_at = *piece.index;
+    }
+    if (test.empty() || test_at >= frame.use_index)
+        return;
+    for (const EntryPiece &piece : EntryOf(si::TextView(name_entry, "ibytes"))->pieces)
+        if (piece.index && *piece.index >= test_at && *piece.index < frame.use_index && SaysValue(piece.bare_kind))
+            return;
+    const auto parsed = ParseText(test);
+    if (parsed->root < 0 || parsed->tree.nodes[(std::size_t) parsed->root].kind == NodeKind::kName)
+        return;
+    fInSavedTest = true;
+    NarrowBy(parsed->tree, parsed->root, Frame{frame.scope, test_at, nullptr, nullptr}, name, true, values);
+    fInSavedTest = false;
+}
+
 bool CEvaluator::IsCallableValue(nb::handle value) {
     si::CSingleResolvedInfo *s = Single(value);
-    if (s->IsDef() || s->IsClass() || IsExpressionText(value, true))
+    // A `function` (a lambda passed as an argument), though its stub has no __call__.
+    if (s->IsDef() || s->IsClass() || IsExpressionText(value, true) || IsLiteralOfClass(value, "function"))
         return true;
     if (!s->IsInstance(true))
         return false;

@@ -27,6 +27,14 @@ nb::object Literal(const char *class_name, nb::handle literal) {
     return si::PyBuildLiteralInfo(nb::bytes(class_name), literal);
 }
 
+// A lambda expression: `lambda` followed by its parameters or its colon.
+bool IsLambdaText(std::string_view text) {
+    if (!text.starts_with("lambda") || text.size() == 6)
+        return false;
+    char next = text[6];
+    return next == ' ' || next == ':' || next == '\t' || next == '\\';
+}
+
 bool IsDigitOrDot(char c) { return (c >= '0' && c <= '9') || c == '.'; }
 
 // A signed number: "+" or "-" followed by a digit or ".".
@@ -132,6 +140,8 @@ nb::list CSingleScopeSecondaryScanner::GetArgInfoBytesList_(nb::handle called_ib
 nb::object CSingleScopeSecondaryScanner::ArgInfoBytesAt(std::string_view text,
                                                         std::optional<long long> call_at,
                                                         nb::handle ctx) {
+    if (IsLambdaText(text))
+        return Literal("function", nb::none());  // what it does is left to a call of it
     if (!si::IsAtomExpr(text) && !IsSignedNumberText(text))
         return nb::none();  // a compound expression is given up at once
     if (DbgStatsOn())

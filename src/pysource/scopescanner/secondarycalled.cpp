@@ -2,7 +2,8 @@
 // called-name memo), the definitions it reaches become derived targets, the
 // call's arguments are recorded on them, generic containers are
 // specialised, and a call of a user-defined TypeGuard / TypeIs narrows its
-// first argument in the calling scope.
+// first argument in the calling scope.  A subscript assignment `o[k] = v`
+// is the call `o.__setitem__(k, v)`.
 #include <optional>
 #include <string>
 
@@ -308,6 +309,33 @@ bool CSingleScopeSecondaryScanner::IsPlainDottedNameParts_(nb::handle parts) {
             return false;
     }
     return true;
+}
+
+}  // namespace pysource
+
+namespace pysource {
+
+bool CSingleScopeSecondaryScanner::AddInfoForSetItem(nb::handle object_text, std::string_view key_text,
+                                                     nb::handle value, nb::handle ctx) {
+    si::SuffixSplit split = si::SplitLogicalIndexSuffix(TextOf(value));
+    if (si::GetInfoBytesKind(split.single) != si::kPlainEquivKind)
+        return false;  // not what was assigned (where the name is set, say)
+    nb::object resolved = ResolveInThisScope_(object_text + nb::str(".__setitem__"), false, ctx);
+    if (resolved.is_none())
+        return true;
+    if (!HasItems(resolved) || ReachesSeveralCallables(resolved))
+        return false;
+    nb::object processed = ProcessCalledResolved_(resolved, false, ctx);
+    if (processed.is_none())
+        return true;
+    nb::object derived_list = processed[0];
+    if (!HasItems(derived_list))
+        return false;
+    nb::list arguments;
+    arguments.append(ArgInfoBytesAt(si::StripSpaces(key_text), split.logical_index, ctx));
+    arguments.append(ArgInfoBytesAt(si::StripSpaces(split.single), split.logical_index, ctx));
+    AddInfoForUsedArgs_(derived_list, arguments, ctx);
+    return false;
 }
 
 }  // namespace pysource

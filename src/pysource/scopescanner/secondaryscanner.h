@@ -157,6 +157,10 @@ private:
     nb::object ArgInfoBytesAt(std::string_view text, std::optional<long long> call_at, nb::handle ctx);
     // Keyword arguments recorded on the parameters of that name.
     void AddInfoForKeywordArgs(nb::handle derived_list, nb::handle called_ibytes, nb::handle ctx);
+    // `o[k] = v` (`value` is v as the primary record holds it) recorded as
+    // the call `o.__setitem__(k, v)`; true when the resolve is incomplete.
+    bool AddInfoForSetItem(nb::handle object_text, std::string_view key_text, nb::handle value,
+                           nb::handle ctx);
 };
 
 // Derived scan of a whole file: its scopes one at a time, breadth first from

@@ -1,6 +1,7 @@
 // Assignments whose target isn't a plain local name: `o.a = v` records `a`
-// in whatever `o` denotes (class, instance or module), `o[k] = v` the item
-// type of the container `o` (through generic specialisation).
+// in whatever `o` denotes (class, instance or module), `o[k] = v` the
+// arguments of a `__setitem__` of the project and the item type of the
+// container `o` (through generic specialisation).
 #include <string>
 
 #include "pysource/scopescanner/secondaryscanner.h"
@@ -95,8 +96,6 @@ bool CSingleScopeSecondaryScanner::ScanSubscriptTarget_(nb::handle name,
                                                         nb::handle parent_ctx) {
     if (!EndsWith(TextOf(name), "]"))
         RaiseAssertion("_ScanSubscriptTarget needs a subscripted name");
-    if (!kSpecializeGenericsFromArgs)
-        return false;
     nb::object parts = si::PySplitTrailers(name);
     if (parts.is_none() || nb::len(parts) < 2)
         return false;
@@ -112,6 +111,15 @@ bool CSingleScopeSecondaryScanner::ScanSubscriptTarget_(nb::handle name,
     CSubContext sub(parent_ctx);
     nb::handle ctx = sub.get();
     nb::object object_text = JoinAllButLast(parts, "");
+    std::string_view index_text = sub_text.substr(1, sub_text.size() - 2);
+    if (AddInfoForSetItem(object_text, index_text, compound_ibytes, ctx)) {
+        sub.Finish();
+        return true;
+    }
+    if (!kSpecializeGenericsFromArgs) {
+        sub.Finish();
+        return false;
+    }
     nb::object resolved = ResolveInThisScope_(object_text, true, ctx);
     if (resolved.is_none()) {
         sub.Finish();
@@ -138,7 +146,6 @@ bool CSingleScopeSecondaryScanner::ScanSubscriptTarget_(nb::handle name,
         sub.Finish();
         return false;
     }
-    std::string_view index_text = sub_text.substr(1, sub_text.size() - 2);
     nb::object index_ibytes =
         GetInfoBytesForResolvedArgText_(nb::str(index_text.data(), index_text.size()), ctx);
     if (index_ibytes.is_none()) {
