@@ -488,15 +488,7 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
     }
     if (!as_they_are) {
         for (const BlobRecord &record : records) {
-            nb::ref<CScopeInfo> info;
-            try {
-                info = DecodeRecord(BytesView(record.blob), kSerializedOrigin,
-                                    [this](std::string_view url, std::string_view name) {
-                                        return ScopeFromStore(url, name);
-                                    });
-            } catch (const InfoDatabaseError &e) {
-                throw nb::value_error(e.what());
-            }
+            nb::ref<CScopeInfo> info = DecodeBlob(record.blob);
             AddScopeInfo(nb::cast(info.get()), true);
         }
         return false;
@@ -537,11 +529,17 @@ void CInfoCache::MakeBlobRecords(LocEntry &entry) {
     fRecordsInMemory -= entry.record_count;
     entry.record_count = 0;
     for (const BlobRecord &record : records)
-        AddRecord(*DecodeRecord(BytesView(record.blob), kSerializedOrigin,
-                                [this](std::string_view url, std::string_view name) {
-                                    return ScopeFromStore(url, name);
-                                }),
-                  true);
+        AddRecord(*DecodeBlob(record.blob), true);
+}
+
+nb::ref<CScopeInfo> CInfoCache::DecodeBlob(nb::handle blob) {
+    try {
+        return DecodeRecord(BytesView(blob), kSerializedOrigin, [this](std::string_view url, std::string_view name) {
+            return ScopeFromStore(url, name);
+        });
+    } catch (const InfoDatabaseError &e) {
+        throw nb::value_error(e.what());
+    }
 }
 
 void CInfoCache::MakeAllBlobRecords() {

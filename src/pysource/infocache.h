@@ -196,6 +196,7 @@ private:
     void LoadRecordRows(LocEntry &entry, nb::handle rows);
     // Makes the records of `entry`'s blobs (of every entry's).
     void MakeBlobRecords(LocEntry &entry);
+    nb::ref<CScopeInfo> DecodeBlob(nb::handle blob);
     void MakeAllBlobRecords();
     nb::object ScopeFromStore(std::string_view url, std::string_view name);
     nb::object LocationForUrl(std::string_view url);
