@@ -224,6 +224,20 @@ def test_unscanned_module_asks_for_its_scan_then_answers(tmp_path):
         _scan(mgr, [miss])
         engine.ResolveToResult(symbolinfo.Scope(miss, "").ExprIn("nowhere_at_all.x"), ctx)
         assert not ctx.fIncomplete and not ctx.fNeedsScan
+        # Written and scanned later, it is found.  A new file's first records
+        # leave the primary generation alone (nothing kept could depend on
+        # their absence); a changed record moves it on.
+        generation = mgr.fInfoCache.fPrimaryGeneration
+        created = CLocalFileLocation(str(tmp_path / "nowhere_at_all.py"))
+        (tmp_path / "nowhere_at_all.py").write_text("x = b''\n")
+        _scan(mgr, [created])
+        resolved, ctx = _resolve(mgr, miss, "", "nowhere_at_all.x")
+        assert {s.GetTypeName() for s in resolved} == {"bytes"}
+        assert mgr.fInfoCache.fPrimaryGeneration == generation
+        (tmp_path / "nowhere_at_all.py").write_text("x = 1.5\n")
+        _scan(mgr, [created])
+        assert mgr.fInfoCache.fPrimaryGeneration > generation
+        assert {s.GetTypeName() for s in _resolve(mgr, miss, "", "nowhere_at_all.x")[0]} == {"float"}
 
 
 def test_repeated_resolves_agree_until_records_change(project, tmp_path):

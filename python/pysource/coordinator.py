@@ -151,6 +151,7 @@ class CScanCoordinator:
             if self.IsUpToDate(loc):
                 self.fCounts.skipped += 1
                 continue
+            self._NoteFileToFinder(loc)
             self._Enqueue(_CFileJob(loc))
 
     def FileChanged(self, loc):
@@ -365,6 +366,14 @@ class CScanCoordinator:
                 scanner.fScanState is not scopescanner.kScanAbandoned:
             scanner.AbandonScan()
         scanner.destroy()
+
+    def _NoteFileToFinder(self, loc):
+        """A file queued from outside may be new: imports that found nothing
+        are looked up again."""
+        finder = getattr(self.fAnalysisMgr.fInferenceEngine._fNativeEngine, "fModuleFinder", None)
+        note = getattr(finder, "NoteFile", None)
+        if note is not None:
+            note(loc)
 
     def _Enqueue(self, job):
         self._fJobs[job.loc] = job

@@ -350,8 +350,6 @@ AddResult CInfoCache::AddRecord(CScopeInfo &info, bool persist) {
     ++entry.record_count;
     ++fRecordsInMemory;
     ++fRecordGeneration;
-    if (primary)
-        ++fPrimaryGeneration;
     NoteChanged(key.for_scope);
     return AddResult::kChanged;
 }
@@ -500,13 +498,18 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
         auto same = std::find_if(kept.begin(), kept.end(),
                                  [&](const BlobRecord &k) { return SameKey(k.view, record.view); });
         if (record.view.not_found) {
-            if (same != kept.end())
+            if (same != kept.end()) {
+                if (record.view.scan_name == fPrimaryScanName)
+                    ++fPrimaryGeneration;
+                ++fRecordGeneration;
                 kept.erase(same);
+            }
             continue;
         }
         if (record.view.scan_name == fPrimaryScanName) {
             entry.latest_record_mtime = std::max(entry.latest_record_mtime, record.view.disk_mtime);
-            ++fPrimaryGeneration;
+            if (same != kept.end())
+                ++fPrimaryGeneration;
         }
         ++fRecordGeneration;
         if (same != kept.end())

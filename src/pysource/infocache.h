@@ -123,8 +123,10 @@ public:
     // down to three quarters of it, and merged infos above fMaxMergedInfos.
     Py_ssize_t fMaxRecordsInMemory = 1000000;
     Py_ssize_t fMaxMergedInfos = 50000;
-    // Counts the changes of primary records (added, changed, dropped): what
-    // is derived from primary records alone stays good while it stands.
+    // Counts the changes of primary records (changed, dropped): what is
+    // derived from primary records alone stays good while it stands.  A
+    // record added where there was none doesn't count: nothing derived while
+    // a scanned file's record was missing is kept (it was a scan to ask for).
     std::uint64_t fPrimaryGeneration = 0;
     // Counts the changes of any record, derived ones included.
     std::uint64_t fRecordGeneration = 0;

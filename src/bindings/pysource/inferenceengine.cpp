@@ -123,6 +123,7 @@ NB_MODULE(inferenceengine, m) {
              [](CModuleFinder &self, nb::handle loc) { return self.CModuleFinder::ModuleNameOf(loc); },
              nb::arg("loc"))
         .def("AddRoot", &CModuleFinder::AddRoot, nb::arg("dir"))
+        .def("NoteFile", &CModuleFinder::NoteFile, nb::arg("loc"))
         .def_static("PackageRootOf", &CModuleFinder::PackageRootOf, nb::arg("path"))
         .def_prop_ro("fRoots", &CModuleFinder::Roots)
         .def_prop_ro("fStubDirs", &CModuleFinder::StubDirs)

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <map>
@@ -219,11 +220,17 @@ struct ParsedEntry {
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
 
-// What the engine keeps from one request to the next: facts derived from
-// primary records alone (method orders, type variables of classes, values
-// read in library files).  They stand while the info cache's primary records
-// do (its primary generation) and go as a whole when any of them changes.
-struct EngineMemo {
+// Erases up to `budget` entries of `table`, counting them off the budget;
+// true when the table is empty.
+template <class Table>
+bool EraseSomeOf(Table &table, std::size_t &budget) {
+    for (; budget > 0 && !table.empty(); --budget)
+        table.erase(table.begin());
+    return table.empty();
+}
+
+// The tables of what the engine keeps from one request to the next.
+struct MemoTables {
     // A fact kept between requests, with what working it out told the
     // request's context: the scopes it read and the modules it imported (a
     // dependency is a dependency however the fact was found).
@@ -233,29 +240,16 @@ struct EngineMemo {
         Effects effects;
     };
     using KeptAnswer = KeptFact<ValueSet>;
-    std::uint64_t generation = ~std::uint64_t(0);
-    PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
     std::unordered_map<ReadKey, KeptAnswer, ReadKeyHash> library_values;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
-    std::uint64_t record_generation = ~std::uint64_t(0);
     std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual> project_values;
-    std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
-    // The module finder the answers were found with, and its generation.
-    std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
-
-    void Forget() {
-        Clear(~std::uint64_t(0));
-        record_generation = ~std::uint64_t(0);
-    }
-    std::map<std::string, bool> library_urls;  // url -> a file without derived info
     // The branch structure of scope bodies as the flow provider told it: it
-    // follows the files' text, as the primary records do.
-    PyObject *flow = nullptr;  // the provider it was read from
-    // By ScopeKey (the conditions' name followed by "|" and the provider's
-    // method), each with the location it holds.
+    // follows the files' text, as the primary records do.  By ScopeKey (the
+    // conditions' name followed by "|" and the provider's method), each with
+    // the location it holds.
     template <class T>
     using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash>;
     ByScope<std::vector<std::vector<long long>>> block_paths;
@@ -278,23 +272,75 @@ struct EngineMemo {
     // again and again (each holds its location).
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
+    std::size_t Entries() const {
+        return block_paths.size() + loop_headers.size() + conditions_at.size() + generators.size() +
+               def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
+               canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
+               library_values.size() + project_values.size();
+    }
+    // Frees up to `budget` entries; true when every table is empty.
+    bool EraseSome(std::size_t &budget) {
+        return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
+               EraseSomeOf(conditions_at, budget) && EraseSomeOf(generators, budget) &&
+               EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
+               EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
+               EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
+               EraseSomeOf(scopes, budget) && EraseSomeOf(mros, budget) && EraseSomeOf(type_vars, budget) &&
+               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget);
+    }
+};
+
+// What the engine keeps from one request to the next: facts derived from
+// primary records alone (method orders, type variables of classes, values
+// read in library files).  They stand while the info cache's primary records
+// do (its primary generation) and go as a whole when any of them changes, or
+// when the memo grows past kMaxEntries (memory stays bounded).
+//
+// A memo that goes is retired, not freed at once: freeing a large one takes
+// tens of milliseconds, more than a request may run past its deadline.  Each
+// new request frees a little of what was retired (FreeRetiredSome).
+struct EngineMemo : MemoTables {
+    static constexpr std::size_t kMaxEntries = 60000;
+    std::uint64_t generation = ~std::uint64_t(0);
+    PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
+    std::uint64_t record_generation = ~std::uint64_t(0);
+    std::tuple<int, int, std::size_t> limits{-1, -1, 0};  // depth, argument hops, values
+    // The module finder the answers were found with, and its generation.
+    std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
+    std::map<std::string, bool> library_urls;  // url -> a file without derived info
+    PyObject *flow = nullptr;                  // the flow provider the structures came from
+    std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
+    std::size_t retired_entries = 0;                   // left to free in `retired`
+
+    void Forget() {
+        Clear(~std::uint64_t(0));
+        record_generation = ~std::uint64_t(0);
+    }
     void Clear(std::uint64_t new_generation) {
         generation = new_generation;
-        block_paths.clear();
-        loop_headers.clear();
-        conditions_at.clear();
-        generators.clear();
-        def_infos.clear();
-        class_infos.clear();
-        entries.clear();
-        parsed_texts.clear();
-        canonical_singles.clear();
-        module_scopes.clear();
-        scopes.clear();
-        mros.clear();
-        type_vars.clear();
-        library_values.clear();
-        project_values.clear();
+        Retire(std::make_unique<MemoTables>(std::move(static_cast<MemoTables &>(*this))));
+        static_cast<MemoTables &>(*this) = MemoTables();
+    }
+    // Project values go alone when a derived record changes.
+    void ForgetProjectValues() {
+        if (project_values.empty())
+            return;
+        auto tables = std::make_unique<MemoTables>();
+        tables->project_values = std::move(project_values);
+        project_values = decltype(project_values)();
+        Retire(std::move(tables));
+    }
+    // Frees retired entries for about `seconds`, longer while much is left.
+    void FreeRetiredSome(double seconds);
+    void FreeRetired() {
+        retired.clear();
+        retired_entries = 0;
+    }
+
+private:
+    void Retire(std::unique_ptr<MemoTables> tables) {
+        retired_entries += tables->Entries();
+        retired.push_back(std::move(tables));
     }
 };
 
@@ -587,6 +633,8 @@ private:
     int fDepth = 0;
     std::uint64_t fSteps = 0;  // calls of Stop
     static constexpr std::uint64_t kStepsPerClockReading = 8;
+    // How long each request spends freeing retired memos before it starts.
+    static constexpr double kRetiredFreeingSeconds = 0.0002;
     int fArgHops = 0;  // arguments followed into their callers, nested
     bool fGaveUp = false;
     // Answers that depend on this request's path (a cut cycle, a stop) are

@@ -158,6 +158,7 @@ void CInferenceEngine::ForgetKeptAnswers() { fMemo->Forget(); }
 
 void CInferenceEngine::Clear() {
     fMemo->Forget();
+    fMemo->FreeRetired();
     fFlowProvider = nb::none();
     _fDetailsStore = nb::none();
     _fTypingGenericSupport = nb::none();

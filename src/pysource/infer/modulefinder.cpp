@@ -226,6 +226,25 @@ void CModuleFinder::AddRoot(nb::handle dir) {
     ++fGeneration;
 }
 
+void CModuleFinder::NoteFile(nb::handle loc) {
+    std::string path = LocationPath(loc);
+    if (path.empty() || fLocations.count(path))
+        return;
+    bool dropped = false;
+    for (auto it = fFound.begin(); it != fFound.end();) {
+        if (it->second.empty()) {
+            it = fFound.erase(it);
+            dropped = true;
+        } else {
+            ++it;
+        }
+    }
+    if (dropped) {
+        fPackageRoots.clear();
+        ++fGeneration;
+    }
+}
+
 static nb::list ToList(const std::vector<std::string> &dirs) {
     nb::list out;
     for (const std::string &d : dirs)

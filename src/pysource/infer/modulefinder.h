@@ -41,6 +41,10 @@ public:
     virtual nb::object ModuleNameOf(nb::handle loc);
 
     void AddRoot(nb::handle dir);
+    // A file the caller is about to scan.  When the finder never found it,
+    // it may be new: what the file system said about missing modules is
+    // dropped (and fGeneration counts a change, if anything was missing).
+    void NoteFile(nb::handle loc);
     // Counts the changes of the search path: what was found under an older
     // one may be found elsewhere now.
     std::uint64_t fGeneration = 0;

@@ -153,6 +153,26 @@ ValueSet ValueSet::FromIterable(nb::handle items) {
     return out;
 }
 
+void EngineMemo::FreeRetiredSome(double seconds) {
+    constexpr std::size_t kEntriesPerClockReading = 16;
+    if (retired.empty())
+        return;
+    // A backlog beyond a memo's size gets ten times the time, so that freeing
+    // keeps up with retiring.
+    if (retired_entries > kMaxEntries)
+        seconds *= 10;
+    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    do {
+        std::size_t budget = kEntriesPerClockReading;
+        bool emptied = retired.front()->EraseSome(budget);
+        retired_entries -= std::min(retired_entries, kEntriesPerClockReading - budget);
+        if (emptied)
+            retired.erase(retired.begin());
+    } while (!retired.empty() && std::chrono::steady_clock::now() < until);
+    if (retired.empty())
+        retired_entries = 0;
+}
+
 CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     : fEngine(engine), fCtxObject(nb::borrow(ctx)), fCtx(AsContext(ctx)), fMemo(*engine.fMemo) {
     fInfoCache = engine.fInfoCache;
@@ -173,7 +193,7 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     }
     std::uint64_t generation = generation_of("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration);
     std::tuple<int, int, std::size_t> limits{engine.fMaxDepth, engine.fMaxArgHops, engine.fMaxValues};
-    if (generation != fMemo.generation || generation == kUnknown ||
+    if (generation != fMemo.generation || generation == kUnknown || fMemo.Entries() > EngineMemo::kMaxEntries ||
         fMemo.conditions != engine.fConditionEvaluator.ptr() || fMemo.flow != engine.fFlowProvider.ptr() ||
         limits != fMemo.limits) {
         fMemo.Clear(generation);
@@ -183,7 +203,7 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     }
     std::uint64_t records = generation_of("fRecordGeneration", &CInfoCache::fRecordGeneration);
     if (records != fMemo.record_generation || records == kUnknown) {
-        fMemo.project_values.clear();
+        fMemo.ForgetProjectValues();
         fMemo.record_generation = records;
     }
     fKeepProjectValues = records != kUnknown;
@@ -191,6 +211,7 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     fFinder = engine.fModuleFinder;
     fPrimaryScanName = engine.fPrimaryScanName;
     ValueSet::gMaxValues = engine.fMaxValues;
+    fMemo.FreeRetiredSome(kRetiredFreeingSeconds);
 }
 
 bool CEvaluator::Stop() {
@@ -331,11 +352,12 @@ nb::object CEvaluator::ModuleRecord(nb::handle loc) {
     if (!record.is_none())
         return record;
     // No record: a file not scanned yet is a scan to ask for; a file that
-    // doesn't exist is simply nothing.
+    // doesn't exist is simply nothing.  Neither answer is kept: the file's
+    // first records, when they come, don't make kept answers go.
+    ++fCuts;
     std::string path = LocationPath(loc);
     bool scannable = path.empty() ? !nb::hasattr(loc, "fPath") : FileExists(path);
     if (scannable) {
-        ++fCuts;
         if (fCtx) {
             fCtx->AddNeedsScan(scope, nb::str(fPrimaryScanName.c_str()));
             fCtx->SetIncomplete(kCannotScanReason);
