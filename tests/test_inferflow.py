@@ -6,7 +6,10 @@ import collections
 import pytest
 
 from basekit.location import CLocalFileLocation
-from pysource import inferflow, logicalline as ll
+from pysource import inferflow, inferquery, logicalline as ll, symbolinfo
+
+from managerutil import installed_manager
+from scanutil import counter_clock
 
 _L = collections.namedtuple("_L", "fType fIndentLevel fText fTokenCount GetTokenString")
 
@@ -98,3 +101,44 @@ def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path, suf
     (tmp_path / f"m0{suffix}").write_text("def f(a):\n    return a\n")
     flow._fInfoCache.GetLocDiskMTime = lambda _loc: 2.0
     assert flow.BlockPaths(locs[0], "f") == ((),)
+
+
+def test_a_file_is_read_in_steps_that_end_at_the_deadline(tmp_path):
+    # A large file's read would overrun a time slice: it goes on over calls,
+    # each ending at its deadline, and gives what one read in one go gives.
+    path = tmp_path / "big.py"
+    path.write_text("".join(f"def f{i}(a):\n    if a:\n        a = {i}\n    return a\n\n" for i in range(300)))
+    loc = CLocalFileLocation(str(path))
+    whole = inferflow.CBlockStructure(_CFixedTimes())
+    stepped = inferflow.CBlockStructure(_CFixedTimes())
+    with counter_clock() as clock:
+        calls = 1
+        while not stepped.ReadFileUntil(loc, clock.slice_end(2)):
+            calls += 1
+    assert calls > 3 and not stepped._fPendingReads
+    assert whole.ReadFileUntil(loc, None) and stepped.ReadFileUntil(loc, 0.0)
+    for name in ("f0", "f150", "f299"):
+        assert stepped.BlockPaths(loc, name) == whole.BlockPaths(loc, name) == ((), (0,), ())
+
+
+def test_a_request_that_waits_for_a_file_read_is_out_of_time_then_answers(tmp_path):
+    (tmp_path / "lib.py").write_text("".join(f"def f{i}():\n    return {i}\n\n" for i in range(1000)) +
+                                     "def last(a):\n    b = 1\n    if a:\n        b = 'x'\n    return b\n")
+    (tmp_path / "use.py").write_text("import lib\n\ndef g(x):\n    return lib.last(x)\n")
+    with installed_manager(editor=False) as mgr:
+        locs = [CLocalFileLocation(str(tmp_path / name)) for name in ("use.py", "lib.py")]
+        inferquery.RunPrimaryScans(mgr, locs)
+        engine = mgr.fInferenceEngine._fNativeEngine
+        engine.fFlowProvider = inferflow.CBlockStructure(mgr.fInfoCache)
+        expr = symbolinfo.Scope(locs[0], "g").ExprIn("lib.last(x)")
+        read_under_way = False
+        with counter_clock() as clock:
+            for _ in range(100):
+                ctx = engine.NewContext(clock.slice_end(6), True)
+                resolved = engine.ResolveToResult(expr, ctx).resolved
+                if not ctx.fIncomplete:
+                    break
+                assert ctx.fIncompleteReason == ctx.kOutOfTime
+                read_under_way |= locs[1].fUrl in engine.fFlowProvider._fPendingReads
+        assert read_under_way and not ctx.fIncomplete
+        assert {s.GetTypeName() for s in resolved} == {"int", "str"}

@@ -8,8 +8,9 @@ not have run, and the settings before it can reach U too.  `with` blocks run
 their bodies and count as no block.
 """
 
-from pysource import logicalline, symbolinfo
-from pysource.inferquery import BodyPositions, FileLogicals
+from pysource import _fastaccess, logicalline, scopescanner, symbolinfo
+from pysource.filellinecache import CFileLogicalLineCache
+from pysource.inferquery import PositionsFound
 
 # Logical kinds that open a block whose body may not run.
 _kBranchKinds = frozenset({
@@ -195,6 +196,7 @@ def _BodyStructure(logicals):
 # file, and read again each time they fell out, in one step inside a request.
 kFilesKept = 8
 kStubFilesKept = 32
+kPendingReadsKept = 4
 # Files whose worked-out structures outlast their logicals: plain tuples,
 # which the collector stops walking, and asked for again by every engine
 # that starts without its kept answers.
@@ -216,6 +218,8 @@ class CBlockStructure:
         # dict as in _fFiles or _fStubFiles while the file is there, the
         # latest read last
         self._fStructures = {}
+        # url -> _CFileRead under way (ReadFileUntil), the latest last
+        self._fPendingReads = {}
 
     def BlockPaths(self, loc, scope_name):
         """The block paths of the body of `scope_name` in `loc`, as a tuple
@@ -269,18 +273,51 @@ class CBlockStructure:
         from the questions that would need it."""
         self._File(loc)
 
+    def ReadFileUntil(self, loc, end_time):
+        """Reads the file at `loc` unless it is kept already, in steps that
+        end once the scan clock reaches `end_time` (None: in one go).  True
+        once the file is kept; False when time ran out first, and the next
+        call goes on where this one stopped."""
+        url = loc.fUrl
+        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        known = self._Files(url)[0].get(url)
+        if known is not None and known[0] == mtime:
+            return True
+        pending = self._fPendingReads.pop(url, None)
+        if pending is None or pending.fMTime != mtime:
+            if pending is not None:
+                pending.destroy()
+            pending = _CFileRead(loc, mtime)
+        if not pending.StepUntil(end_time):
+            if len(self._fPendingReads) >= kPendingReadsKept:
+                self._fPendingReads.pop(next(iter(self._fPendingReads))).destroy()
+            self._fPendingReads[url] = pending
+            return False
+        self._Keep(url, (mtime, *pending.fResult, self._WorkedOut(url, mtime)))
+        return True
+
+    def _Files(self, url):
+        """(the kept files of the kind of `url`, how many of them are kept)."""
+        if url.endswith(".pyi"):
+            return self._fStubFiles, kStubFilesKept
+        return self._fFiles, kFilesKept
+
+    def _Keep(self, url, known):
+        files, kept = self._Files(url)
+        if url not in files and len(files) >= kept:
+            del files[next(iter(files))]
+        files[url] = known
+
     def _File(self, loc, mtime=None):
         url = loc.fUrl
-        files, kept = (self._fStubFiles, kStubFilesKept) if url.endswith(".pyi") else \
-            (self._fFiles, kFilesKept)
         if mtime is None:
             mtime = self._fInfoCache.GetLocDiskMTime(loc)
-        known = files.pop(url, None)
+        known = self._Files(url)[0].pop(url, None)
         if known is None or known[0] != mtime:
-            known = (mtime, *self._Read(loc), self._WorkedOut(url, mtime))
-            if len(files) >= kept:
-                del files[next(iter(files))]
-        files[url] = known
+            read = _CFileRead(loc, mtime)
+            read.StepUntil(None)
+            known = (mtime, *read.fResult, self._WorkedOut(url, mtime))
+        self._Keep(url, known)
         return known
 
     def _WorkedOut(self, url, mtime):
@@ -309,24 +346,67 @@ class CBlockStructure:
         return body
 
     def Forget(self, loc=None):
-        for files in (self._fFiles, self._fStubFiles, self._fStructures):
+        for files in (self._fFiles, self._fStubFiles, self._fStructures, self._fPendingReads):
             if loc is None:
+                dropped = list(files.values())
                 files.clear()
             else:
-                files.pop(loc.fUrl, None)
+                dropped = [files.pop(loc.fUrl, None)]
+            for value in dropped:
+                if isinstance(value, _CFileRead):
+                    value.destroy()
 
-    @staticmethod
-    def _Read(loc):
-        """(the logicals of `loc`, {scope name: the indexes of its body's
-        logicals}); no logicals when the file can't be read."""
-        logicals = FileLogicals(loc)
-        if logicals is None:
-            return [], {}
+
+class _CFileRead:
+    """The read of a file's logicals and of the scope bodies they fall in,
+    in steps: `fResult` is (the logicals, {scope name: the indexes of its
+    body's logicals}) once done, no logicals when the file can't be read."""
+
+    kLogicalsPerClockReading = 64
+
+    def __init__(self, loc, mtime):
+        self.fMTime = mtime
+        self.fResult = None
+        self._fCache = CFileLogicalLineCache(loc)
+        self._fLogicals = None
+        self._fFinder = None
+
+    def StepUntil(self, end_time):
+        """Goes on with the read until the scan clock reaches `end_time`
+        (None: to the end); True once it is done."""
+        if self.fResult is not None:
+            return True
+        if self._fLogicals is None:
+            read = self._fCache.Update() if end_time is None else self._fCache.UpdateUntil(end_time)
+            if read is None:
+                return False
+            if not read:
+                self._Done([], {})
+                return True
+            self._fLogicals = list(self._fCache._fLogicalList)
+            self._fFinder = scopescanner._CScopeBodyFinder(list(self._fLogicals), -1, False)
+        now = _fastaccess.GetNowTime
+        count = 0
+        while self._fFinder.ProcessNextLogical() is not None:
+            count += 1
+            if end_time is not None and count % self.kLogicalsPerClockReading == 0 and now() >= end_time:
+                return False
         # A body's logicals stand in the file in body order.  Only the file's
         # list holds them (they are left out of the collector's walks); the
         # bodies are tuples of numbers, which the collector lets go of.
         bodies = {}
-        for index, position in enumerate(BodyPositions(logicals)):
+        for index, position in enumerate(PositionsFound(self._fFinder, self._fLogicals)):
             if position is not None:
                 bodies.setdefault(position[0], []).append(index)
-        return logicals, {name: tuple(indexes) for name, indexes in bodies.items()}
+        self._Done(self._fLogicals, {name: tuple(indexes) for name, indexes in bodies.items()})
+        return True
+
+    def _Done(self, logicals, bodies):
+        self.fResult = (logicals, bodies)
+        self.destroy()
+
+    def destroy(self):
+        for part in (self._fFinder, self._fCache):
+            if part is not None:
+                part.destroy()
+        self._fFinder = self._fCache = None

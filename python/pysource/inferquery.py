@@ -52,13 +52,19 @@ def BodyPositions(logicals):
     finder = scopescanner._CScopeBodyFinder(list(logicals), -1, False)
     try:
         finder.ProcessUntilEnd()
-        where = {}
-        for item in finder.fCompletedScopeList:
-            name = symbolinfo.NormalizedScope(None, item.scope_name).name
-            for index, logical in enumerate(item.body):
-                where[id(logical)] = (name, index)
+        return PositionsFound(finder, logicals)
     finally:
         finder.destroy()
+
+
+def PositionsFound(finder, logicals):
+    """BodyPositions of `logicals`, from a body finder that has processed
+    every one of them."""
+    where = {}
+    for item in finder.fCompletedScopeList:
+        name = symbolinfo.NormalizedScope(None, item.scope_name).name
+        for index, logical in enumerate(item.body):
+            where[id(logical)] = (name, index)
     return [where.get(id(logical)) for logical in logicals]
 
 

@@ -1242,6 +1242,8 @@ bool CEvaluator::IsGeneratorDef(nb::handle loc, std::string_view def_name) {
     std::pair<std::string, std::string> key{LocationUrl(loc), std::string(def_name)};
     auto it = fMemo.generators.find(key);
     if (it == fMemo.generators.end()) {
+        if (!FlowFileRead(provider, loc))
+            return false;
         nb::object answer = nb::hasattr(provider, "IsGenerator")
                                 ? provider.attr("IsGenerator")(loc, nb::str(def_name.data(), def_name.size()))
                                 : nb::none();

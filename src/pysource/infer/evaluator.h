@@ -330,8 +330,9 @@ struct EngineMemo : MemoTables {
         project_values = decltype(project_values)();
         Retire(std::move(tables));
     }
-    // Frees retired entries for about `seconds`, longer while much is left.
-    void FreeRetiredSome(double seconds);
+    // Frees retired entries for about `seconds`, longer while much is left,
+    // but not past the deadline of `ctx` (when given).
+    void FreeRetiredSome(double seconds, CInferContext *ctx);
     void FreeRetired() {
         retired.clear();
         retired_entries = 0;
@@ -469,6 +470,12 @@ private:
     // `convert` once and kept in `cache`; null when it can't tell.
     template <class T, class Convert>
     const T *FlowOf(nb::handle scope, const char *method, EngineMemo::ByScope<T> &cache, Convert convert);
+    // Whether the flow provider has read the file at `loc`, asking it to go
+    // on with the read until the request's deadline: false, and the request
+    // given up as out of time, when the deadline came first.
+    bool FlowFileRead(nb::handle provider, nb::handle loc);
+    // Marks the request out of time and stops it.
+    void GiveUpOutOfTime();
     // Conditions at each body logical of a scope, from the flow provider's
     // `method` (header index, condition text, a number): "Guards", those
     // known there (the number: whether it holds); "SkippedIfs", the earlier
@@ -645,6 +652,7 @@ private:
     nb::dict fRecords;  // scope -> merged record, or None
     // The same for our own scopes, by ScopeKey: (the scope, its record).
     std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash, ScopeLookupEqual> fScopeRecords;
+    std::unordered_map<PyObject *, nb::object> fFlowFilesRead;  // by location, held
     // The values being read, each with its place on the stack of reads.
     using ActiveKey = ReadKey;
     std::map<ActiveKey, std::size_t> fActive;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <bitset>
 #include <charconv>
+#include <cmath>
 
 #include "pysource/exprtext.h"
 #include "basekit/stackguard.h"
@@ -153,14 +154,16 @@ ValueSet ValueSet::FromIterable(nb::handle items) {
     return out;
 }
 
-void EngineMemo::FreeRetiredSome(double seconds) {
+void EngineMemo::FreeRetiredSome(double seconds, CInferContext *ctx) {
     constexpr std::size_t kEntriesPerClockReading = 16;
     if (retired.empty())
         return;
     // A backlog beyond a memo's size gets ten times the time, so that freeing
-    // keeps up with retiring.
+    // keeps up with retiring; beyond a few memos' size, even past a deadline.
     if (retired_entries > kMaxEntries)
         seconds *= 10;
+    if (retired_entries > 4 * kMaxEntries)
+        ctx = nullptr;
     auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     do {
         std::size_t budget = kEntriesPerClockReading;
@@ -168,7 +171,7 @@ void EngineMemo::FreeRetiredSome(double seconds) {
         retired_entries -= std::min(retired_entries, kEntriesPerClockReading - budget);
         if (emptied)
             retired.erase(retired.begin());
-    } while (!retired.empty() && std::chrono::steady_clock::now() < until);
+    } while (!retired.empty() && std::chrono::steady_clock::now() < until && !(ctx && ctx->PastDeadline()));
     if (retired.empty())
         retired_entries = 0;
 }
@@ -211,7 +214,18 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     fFinder = engine.fModuleFinder;
     fPrimaryScanName = engine.fPrimaryScanName;
     ValueSet::gMaxValues = engine.fMaxValues;
-    fMemo.FreeRetiredSome(kRetiredFreeingSeconds);
+    fMemo.FreeRetiredSome(kRetiredFreeingSeconds, fCtx);
+}
+
+void CEvaluator::GiveUpOutOfTime() {
+    fGaveUp = true;
+    ++fCuts;
+    if (fCtx)
+        fCtx->SetIncomplete(kOutOfTimeReason);
+    else {
+        fCtxObject.attr("fIncomplete") = true;
+        fCtxObject.attr("fIncompleteReason") = nb::str(kOutOfTimeReason);
+    }
 }
 
 bool CEvaluator::Stop() {
@@ -223,14 +237,7 @@ bool CEvaluator::Stop() {
     if (++fSteps % kStepsPerClockReading == 1)
         late = fCtx ? fCtx->PastDeadline() : nb::cast<bool>(fCtxObject.attr("OutOfTime")());
     if (late) {
-        fGaveUp = true;
-        ++fCuts;
-        if (fCtx)
-            fCtx->SetIncomplete(kOutOfTimeReason);
-        else {
-            fCtxObject.attr("fIncomplete") = true;
-            fCtxObject.attr("fIncompleteReason") = nb::str(kOutOfTimeReason);
-        }
+        GiveUpOutOfTime();
         return true;
     }
     if (fDepth > fEngine.fMaxDepth || basekit::NativeStackLow()) {
@@ -921,6 +928,8 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
     key.second.append("|").append(method);
     auto it = cache.find(key);
     if (it == cache.end()) {
+        if (!FlowFileRead(provider, loc))
+            return nullptr;
         std::optional<T> value;
         nb::object found = nb::hasattr(provider, method) ? provider.attr(method)(loc, scope.attr("name")) : nb::none();
         if (!found.is_none())
@@ -928,6 +937,22 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
         it = cache.emplace(std::move(key), std::pair{loc, std::move(value)}).first;
     }
     return it->second.second ? &*it->second.second : nullptr;
+}
+
+bool CEvaluator::FlowFileRead(nb::handle provider, nb::handle loc) {
+    if (fGaveUp)
+        return false;
+    if (fFlowFilesRead.count(loc.ptr()) || !nb::hasattr(provider, "ReadFileUntil"))
+        return true;
+    nb::object end_time = nb::none();
+    if (fCtx && std::isfinite(fCtx->fEndTime))
+        end_time = nb::float_(fCtx->fEndTime);
+    if (!nb::cast<bool>(provider.attr("ReadFileUntil")(loc, end_time))) {
+        GiveUpOutOfTime();
+        return false;
+    }
+    fFlowFilesRead.emplace(loc.ptr(), nb::borrow(loc));
+    return true;
 }
 
 const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {

@@ -346,7 +346,8 @@ nb::ref<CNamedConstant> CWholeFileSecondaryScanner::Scan(double end_time) {
 // that falls in a slice.  The files that nearly every request of this file
 // reads -- the file itself, the builtins and the typing stubs -- are read
 // here ahead of the requests, each as a step of its own, put off once to the
-// next call when this one has less than kFlowReadSeconds left.  The provider
+// next call when this one has less than kFlowReadSeconds left (a provider
+// that reads in steps goes on over calls instead).  The provider
 // keeps the stubs it read, so that for later files their steps cost nothing.
 bool CWholeFileSecondaryScanner::ReadFlowAhead(double end_time) {
     constexpr double kFlowReadSeconds = 0.010;
@@ -362,9 +363,15 @@ bool CWholeFileSecondaryScanner::ReadFlowAhead(double end_time) {
             return true;
         }
         fFlowPutOff = false;
-        nb::object loc = FlowFileAhead(fFlowFilesRead++);
-        if (!loc.is_none())
+        nb::object loc = FlowFileAhead(fFlowFilesRead);
+        // A provider that reads in steps goes on with the same file next time.
+        if (!loc.is_none() && nb::hasattr(provider, "ReadFileUntil")) {
+            if (!nb::cast<bool>(provider.attr("ReadFileUntil")(loc, end_time)))
+                return true;
+        } else if (!loc.is_none()) {
             provider.attr("ReadFile")(loc);
+        }
+        ++fFlowFilesRead;
         if (OutOfTime(end_time))
             return true;
     }
