@@ -975,19 +975,37 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         return true;
     if (std::optional<bool> literal_fit = LiteralsFit(wanted, given))
         return *literal_fit;
-    std::vector<nb::object> wanted_classes;
+    // The classes of the instances wanted, each with the instance.
+    std::vector<nb::object> wanted_classes, wanted_instances;
+    // Classes themselves a type[C] hint wants: C and its subclasses.
+    std::vector<nb::object> wanted_class_objects;
     for (const nb::object &w : wanted.Items()) {
+        if (Single(w)->IsClass() && SpecialFormOf(w).empty()) {
+            if (NameOf(Single(w)) == "object" || IsProtocolClass(w))
+                return true;
+            wanted_class_objects.push_back(w);
+            continue;
+        }
         nb::object wc = ClassOfInstance(w);
         if (wc.is_none())
             return true;  // something the hint allows that isn't a class
         if (NameOf(Single(wc)) == "object" && Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()))
             return true;  // any object (a type variable bound to nothing)
         wanted_classes.push_back(wc);
+        wanted_instances.push_back(w);
     }
     // Every value the argument may have must fit (a float | int is no int),
     // or in a lenient try one of them.
     auto fits = [&](const nb::object &v) {
         nb::object vc = ClassOfInstance(v);
+        if (!wanted_class_objects.empty() && Single(v)->IsClass())
+            for (const MroEntry &e : Mro(v, {}))
+                for (const nb::object &w : wanted_class_objects)
+                    if (SameClass(Single(e.cls), Single(w)))
+                        return true;
+        // Any class object may be what an instance of `type` stands for.
+        if (!wanted_class_objects.empty() && !vc.is_none() && NameOf(Single(vc)) == "type")
+            return true;
         if (vc.is_none()) {
             // A def or a class is no int, str, None, ... of the builtins.
             si::CSingleResolvedInfo *s = Single(v);
@@ -1002,14 +1020,14 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         }
         for (std::size_t i = 0; i < wanted_classes.size(); ++i)
             if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
-                (!check_args || TypeArgsFit(wanted.Items()[i], v)))
+                (!check_args || TypeArgsFit(wanted_instances[i], v)))
                 return true;
         std::string_view vname = NameOf(Single(vc));
         for (const MroEntry &e : Mro(vc, {}))
             for (std::size_t i = 0; i < wanted_classes.size(); ++i) {
                 si::CSingleResolvedInfo *w = Single(wanted_classes[i]);
                 std::string_view wname = NameOf(w);
-                if (SameClass(Single(e.cls), w) && (!check_args || TypeArgsFit(wanted.Items()[i], v)))
+                if (SameClass(Single(e.cls), w) && (!check_args || TypeArgsFit(wanted_instances[i], v)))
                     return true;
                 // The numeric tower: an int is good for a float, both for a complex.
                 bool builtin = w->loc.is(Single(vc)->loc);
@@ -1208,16 +1226,22 @@ namespace pysource::infer {
 // argument's known values are among them; no value when the parameter wants
 // types, or when the argument's value isn't known.
 std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueSet &given) {
+    // Literal[True] | Lock wants the value True or a Lock: a literal member
+    // takes its own value only, the other members what their classes take.
     std::set<std::pair<std::string, std::string>> values;
+    ValueSet others;
     for (const nb::object &w : wanted.Items()) {
         std::string_view bare = Single(w)->Bare();
-        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
-            return std::nullopt;
-        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
-        if (!lit.value)
-            return std::nullopt;
-        values.emplace(lit.class_name, *lit.value);
+        std::optional<si::LiteralInfo> lit;
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+            lit = si::UnpackLiteralInfo(bare);
+        if (lit && lit->value)
+            values.emplace(lit->class_name, *lit->value);
+        else
+            others.Add(w);
     }
+    if (values.empty())
+        return std::nullopt;
     for (const nb::object &g : given.Items()) {
         std::string_view bare = Single(g)->Bare();
         if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
@@ -1227,6 +1251,12 @@ std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueS
             return std::nullopt;
         if (values.count({lit.class_name, *lit.value}))
             return true;
+        if (!others.Empty()) {
+            ValueSet one;
+            one.Add(g);
+            if (ValuesFit(others, one))
+                return true;
+        }
     }
     return false;
 }

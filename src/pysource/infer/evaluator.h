@@ -556,12 +556,14 @@ private:
     nb::object ModuleSingle(nb::handle loc, std::string_view dotted);
     nb::object LiteralSingle(std::string_view class_name, const std::optional<std::string> &value);
     // `bound`: what the variable is bound to, or its constraints written
-    // "(A, B)", as its declaration says.
+    // "(A, B)", as its declaration says; `default_text`: the type it stands
+    // for when nothing binds it.
     nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind,
-                               const std::optional<std::string> &bound = std::nullopt);
+                               const std::optional<std::string> &bound = std::nullopt,
+                               const std::optional<std::string> &default_text = std::nullopt);
     // What a type variable bound to nothing may be when an argument is
-    // checked against a hint naming it: its bound, its constraints, or any
-    // object.
+    // checked against a hint naming it: its bound (unless a protocol), its
+    // constraints, or any object.
     ValueSet UpperBoundOf(symbolinfo::CSingleResolvedInfo *param);
     nb::object BuiltinClass(std::string_view name);
     nb::object TypingClass(std::string_view name);

@@ -159,14 +159,23 @@ ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
         nb::object object = BuiltinClass("object");
         return object.is_none() ? out : InstanceOf(object, nb::none());
     }
-    // Constraints (AnyStr: str or bytes) decide; a bound (most often a
-    // protocol, costly to check) is taken to allow anything.
-    if (!si::StripSpaces(*decl.bound).starts_with("("))
-        return out;
+    nb::object scope = ScopeAt(param->loc, NameOf(param));
+    // Constraints (AnyStr: str or bytes) decide, and so does a bound that
+    // names classes (bound=Exception takes no KeyboardInterrupt); a bound
+    // naming a protocol, costly to check, is taken to allow anything.
+    if (!si::StripSpaces(*decl.bound).starts_with("(")) {
+        ValueSet bound = ResolveHintText(scope, *decl.bound, nullptr);
+        for (const nb::object &b : bound.Items()) {
+            nb::object cls = ClassOfInstance(b);
+            if (cls.is_none() || IsProtocolClass(cls))
+                return out;
+        }
+        return bound;
+    }
     std::string text;
     for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
         text += (text.empty() ? "" : " | ") + constraint;
-    return ResolveHintText(ScopeAt(param->loc, NameOf(param)), text, nullptr);
+    return ResolveHintText(scope, text, nullptr);
 }
 
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
@@ -281,7 +290,12 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         }
         if (frame.map && frame.map == fFitMap)
             return UpperBoundOf(s);
-        return out;  // an unbound type variable says nothing
+        // An unbound type variable says nothing, unless it declares a
+        // default (memoryview without arguments is a memoryview[int]).
+        si::DeclTypeParam decl = si::UnpackTypeParameterInfo(s->Bare());
+        if (decl.default_text && decl.param_kind == "TypeVar")
+            return ResolveHintText(ScopeAt(s->loc, NameOf(s)), *decl.default_text, nullptr);
+        return out;
     }
     if (!s->IsClass()) {
         // A name that stands for a type through an alias is a class after
