@@ -240,8 +240,9 @@ def DeclaredTypeText(node, class_of):
 
 def _EngineClassOf(mgr, loc, line, seconds):
     """`class_of` for DeclaredTypeText: the class the engine finds a name to
-    stand for at the line; CUnscored for a name that isn't one class (a type
-    variable, an alias of a union)."""
+    stand for at the line; the name itself when the engine takes it for an
+    instance (a class made by a call); CUnscored for a name that isn't one
+    class (a type variable, an alias of a union)."""
     builtin_names = set(dir(builtins))
 
     def class_of(name):
@@ -249,9 +250,11 @@ def _EngineClassOf(mgr, loc, line, seconds):
             return name
         singles, _complete = inferquery.ResolveAt(mgr, loc, line, name, seconds)
         texts = inferquery.DescribeResolved(singles, mgr, loc)
-        if len(texts) != 1 or not texts[0].startswith("type["):
-            raise CUnscored("type variable or alias")
-        return Loose(texts[0][5:-1])
+        if len(texts) == 1 and texts[0].startswith("type["):
+            return Loose(texts[0][5:-1])
+        if texts and not any(t.startswith(("type[", "? ")) for t in texts):
+            return name
+        raise CUnscored("type variable or alias")
     return class_of
 
 

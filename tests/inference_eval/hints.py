@@ -218,6 +218,14 @@ def Open(name, *, lock=True):
     return None if lock is False else Token()
 
 
+@overload
+def Count(items: Sequence[bool | Literal[0, 1]]) -> int: ...
+@overload
+def Count(items: Sequence[float]) -> float: ...
+def Count(items):
+    return sum(items)
+
+
 Pick(Circle())  # expect: list[Circle]
 Pick("circle")  # expect: int
 Make(Circle)  # expect: Circle
@@ -227,6 +235,8 @@ Make((Circle,))  # expect: Circle
 Open("a")  # expect: Token
 Open("a", lock=Token())  # expect: Token
 Open("a", lock=False)  # expect: None
+Count([True, 1])  # expect: int
+Count([0.5, 1])  # expect: float
 
 # A type variable nothing binds stands for its default.
 

@@ -1227,38 +1227,40 @@ namespace pysource::infer {
 // types, or when the argument's value isn't known.
 std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueSet &given) {
     // Literal[True] | Lock wants the value True or a Lock: a literal member
-    // takes its own value only, the other members what their classes take.
+    // takes its own value only, the other members what their classes take;
+    // a value that isn't known fits by its class.
     std::set<std::pair<std::string, std::string>> values;
-    ValueSet others;
+    ValueSet others, classes;
     for (const nb::object &w : wanted.Items()) {
         std::string_view bare = Single(w)->Bare();
         std::optional<si::LiteralInfo> lit;
         if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
             lit = si::UnpackLiteralInfo(bare);
-        if (lit && lit->value)
+        if (lit && lit->value) {
             values.emplace(lit->class_name, *lit->value);
-        else
+            classes.Add(LiteralSingle(lit->class_name, std::nullopt));
+        } else {
             others.Add(w);
+            classes.Add(w);
+        }
     }
     if (values.empty())
         return std::nullopt;
+    // Every value the argument may have must fit, or in a lenient try one.
     for (const nb::object &g : given.Items()) {
         std::string_view bare = Single(g)->Bare();
-        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
-            return std::nullopt;
-        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
-        if (!lit.value)
-            return std::nullopt;
-        if (values.count({lit.class_name, *lit.value}))
-            return true;
-        if (!others.Empty()) {
-            ValueSet one;
-            one.Add(g);
-            if (ValuesFit(others, one))
-                return true;
-        }
+        std::optional<si::LiteralInfo> lit;
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+            lit = si::UnpackLiteralInfo(bare);
+        ValueSet one;
+        one.Add(g);
+        bool fits = lit && lit->value ? values.count({lit->class_name, *lit->value}) ||
+                                            (!others.Empty() && ValuesFit(others, one))
+                                      : ValuesFit(classes, one);
+        if (fits == fLenientFit)
+            return fLenientFit;
     }
-    return false;
+    return !fLenientFit;
 }
 
 }  // namespace pysource::infer
