@@ -637,7 +637,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
     if (c->IsInstance(true)) {
         ValueSet one;
         one.Add(callee);
-        return CallDunder(one, "__call__", args);
+        return CallDunder(one, "__call__", args, kwargs);
     }
     return out;
 }
@@ -796,7 +796,8 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     return out;
 }
 
-ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args) {
+ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args,
+                                const Keywords &kwargs) {
     ValueSet out;
     if (Stop())
         return out;
@@ -822,17 +823,16 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
         ValueSet candidates;
         for (const nb::object &m : defs)
             candidates.Add(m);
-        const Keywords none;
-        for (const nb::object &m : SelectOverloads(candidates, args, &none).Items())
-            if (OverloadAccepts(m, args, &none))
-                out.Merge(CallDef(m, args, {}));
+        for (const nb::object &m : SelectOverloads(candidates, args, &kwargs).Items())
+            if (OverloadAccepts(m, args, &kwargs))
+                out.Merge(CallDef(m, args, kwargs));
     }
     // An argument that may be of several types no method takes whole: what
     // it gives where one of them fits (str + (str | bytes) is a str).
     auto wide = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
     if (out.Empty() && wide != args.end() && !fLenientFit) {
         LenientFit lenient(*this);
-        return CallDunder(receivers, method, args);
+        return CallDunder(receivers, method, args, kwargs);
     }
     return out;
 }

@@ -495,7 +495,9 @@ private:
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,
                           const std::vector<std::pair<std::string, ValueSet>> &arguments = {});
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
-    ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
+    // `kwargs`: the keyword arguments of a call of an instance (__call__).
+    ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args,
+                        const std::vector<std::pair<std::string, ValueSet>> &kwargs = {});
     ValueSet IterItems(const ValueSet &values);
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
