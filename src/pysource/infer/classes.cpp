@@ -980,7 +980,7 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
     // Classes themselves a type[C] hint wants: C and its subclasses.
     std::vector<nb::object> wanted_class_objects;
     for (const nb::object &w : wanted.Items()) {
-        if (Single(w)->IsClass() && SpecialFormOf(w).empty()) {
+        if (Single(w)->IsClass()) {
             if (NameOf(Single(w)) == "object" || IsProtocolClass(w))
                 return true;
             wanted_class_objects.push_back(w);
@@ -994,9 +994,20 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         wanted_classes.push_back(wc);
         wanted_instances.push_back(w);
     }
+    // A form of the typing module a hint names (Callable, ...) allows
+    // anything; asked only when a value fits nothing else.
+    std::optional<bool> form_wanted;
+    auto form_allows = [&]() {
+        if (!form_wanted) {
+            form_wanted = false;
+            for (const nb::object &w : wanted_class_objects)
+                form_wanted = *form_wanted || !SpecialFormOf(w).empty();
+        }
+        return *form_wanted;
+    };
     // Every value the argument may have must fit (a float | int is no int),
     // or in a lenient try one of them.
-    auto fits = [&](const nb::object &v) {
+    auto fits_known = [&](const nb::object &v) {
         nb::object vc = ClassOfInstance(v);
         if (!wanted_class_objects.empty() && Single(v)->IsClass())
             for (const MroEntry &e : Mro(v, {}))
@@ -1037,6 +1048,9 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
                     return true;
             }
         return false;
+    };
+    auto fits = [&](const nb::object &v) {
+        return fits_known(v) || (!wanted_class_objects.empty() && form_allows());
     };
     for (const nb::object &v : given.Items())
         if (fits(v) == fLenientFit)
@@ -1230,22 +1244,32 @@ std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueS
     // takes its own value only, the other members what their classes take;
     // a value that isn't known fits by its class.
     std::set<std::pair<std::string, std::string>> values;
-    ValueSet others, classes;
+    ValueSet others;
     for (const nb::object &w : wanted.Items()) {
         std::string_view bare = Single(w)->Bare();
         std::optional<si::LiteralInfo> lit;
         if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
             lit = si::UnpackLiteralInfo(bare);
-        if (lit && lit->value) {
+        if (lit && lit->value)
             values.emplace(lit->class_name, *lit->value);
-            classes.Add(LiteralSingle(lit->class_name, std::nullopt));
-        } else {
+        else
             others.Add(w);
-            classes.Add(w);
-        }
     }
     if (values.empty())
         return std::nullopt;
+    // The classes of the wanted values, with the other members: made only
+    // when a value isn't known.
+    std::optional<ValueSet> classes;
+    auto classes_wanted = [&]() -> const ValueSet & {
+        if (!classes) {
+            classes = others;
+            std::set<std::string> names;
+            for (const auto &[class_name, value] : values)
+                if (names.insert(class_name).second)
+                    classes->Add(LiteralSingle(class_name, std::nullopt));
+        }
+        return *classes;
+    };
     // Every value the argument may have must fit, or in a lenient try one.
     for (const nb::object &g : given.Items()) {
         std::string_view bare = Single(g)->Bare();
@@ -1256,7 +1280,7 @@ std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueS
         one.Add(g);
         bool fits = lit && lit->value ? values.count({lit->class_name, *lit->value}) ||
                                             (!others.Empty() && ValuesFit(others, one))
-                                      : ValuesFit(classes, one);
+                                      : ValuesFit(classes_wanted(), one);
         if (fits == fLenientFit)
             return fLenientFit;
     }
