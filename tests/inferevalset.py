@@ -221,7 +221,8 @@ def DeclaredTypeText(node, class_of):
         last = head.split(".")[-1]
         if last in _kUnscoredForms:
             raise CUnscored(_kUnscoredForms[last])
-        items = node.slice.elts if isinstance(node.slice, ast.Tuple) else [node.slice]
+        items = node.slice.elts if isinstance(node.slice, ast.Tuple) and node.slice.elts \
+            else [node.slice]
         if last == "Literal":
             return Normalise(" | ".join(_LiteralClass(item, class_of) for item in items))
         args = [DeclaredTypeText(item, class_of) for item in items]
