@@ -1,13 +1,14 @@
 """Type hints: Optional, unions, generic containers, tuples, Callable,
 string forward references, TypeVar through a generic class and function,
 Self, aliases and annotated variables; the overload a call takes by the
-bounds of type variables, class objects and literal values, and the
-defaults of type variables."""
+bounds of type variables, class objects and literal values, the defaults
+of type variables, and a protocol's method called with what the other
+arguments bind."""
 
 from __future__ import annotations
 
-from typing import (Any, Callable, Dict, Generic, List, Literal, Optional, Sequence, Tuple,
-                    TypeVar, Union, overload)
+from typing import (Any, Callable, Dict, Generic, List, Literal, Optional, Protocol, Sequence,
+                    Tuple, TypeVar, Union, overload)
 
 from typing_extensions import TypeVar as TypeVarWithDefault
 
@@ -258,6 +259,33 @@ def AnyEnvelope() -> Envelope:
 AnyEnvelope().Open()  # expect: str
 Envelope[int](3).Open()  # expect: int
 memoryview(b"ab").cast("b")[0]  # expect: int
+
+
+# A protocol's method is called with the argument the other parameter binds.
+
+FactorT = TypeVar("FactorT", contravariant=True)
+ScaledT = TypeVar("ScaledT", covariant=True)
+
+
+class SupportsScale(Protocol[FactorT, ScaledT]):
+    def Scale(self, factor: FactorT, /) -> ScaledT: ...
+
+
+def ScaleBy(value: SupportsScale[FactorT, ScaledT], factor: FactorT) -> ScaledT:
+    return value.Scale(factor)
+
+
+class Vector:
+    @overload
+    def Scale(self, factor: int, /) -> Vector: ...
+    @overload
+    def Scale(self, factor: str, /) -> str: ...
+    def Scale(self, factor, /):
+        return self if isinstance(factor, int) else factor
+
+
+ScaleBy(Vector(), 2)  # expect: Vector
+ScaleBy(Vector(), "x")  # expect: str
 
 
 def _main():

@@ -27,18 +27,21 @@ using pgen::NodeKind;
 
 namespace {
 
-// Each positional argument with the hint of its parameter (from `first`),
-// those that want a callable last: what a callable is called with comes
-// from the type variables the others bind (map(fn, items)).
+// Each positional argument with the hint of its parameter (from `first`):
+// those whose hint is a plain name first, those that want a callable last.
+// What a callable is called with comes from the type variables the others
+// bind (map(fn, items)), and so does what a protocol's method is called with
+// (pow(base, exp): base's __pow__ called with the exp given).
 template <class Visit>
 void ForEachHintedPositional(const std::vector<Param> &params, std::size_t first, const std::vector<ValueSet> &args,
                              Visit visit) {
-    for (bool callables : {false, true})
+    for (int pass : {0, 1, 2})
         for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
             if (params[p].star == 2 || params[p].keyword_only)
                 break;
-            bool wants_callable = params[p].hint.find("Callable") != std::string::npos;
-            if (params[p].hint.empty() || wants_callable != callables)
+            const std::string &hint = params[p].hint;
+            int order = hint.find("Callable") != std::string::npos ? 2 : hint.find('[') != std::string::npos ? 1 : 0;
+            if (hint.empty() || order != pass)
                 continue;
             // *args: every remaining positional argument wants its hint.
             for (std::size_t last = params[p].star == 1 ? args.size() - 1 : a; a <= last; ++a)

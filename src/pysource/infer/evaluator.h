@@ -383,7 +383,10 @@ private:
     // Binds the type variables of `hint` (read in `scope`) from what a
     // parameter received.
     void BindTypeVars(nb::handle scope, std::string_view hint, const ValueSet &received, TypeMap &map);
-    TypeMap ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value);
+    // `known`: what some of the protocol's variables already are (its
+    // methods are called with those).
+    TypeMap ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value,
+                             const TypeMap &known = {});
     void BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
                   TypeMap &map);
 

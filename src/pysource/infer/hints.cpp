@@ -56,7 +56,8 @@ std::string CEvaluator::SpecialFormOf(nb::handle single) {
 // the protocol's methods, called on the value, return for each of the
 // protocol's type variables (SupportsAbs[T] of a float: T is what
 // float.__abs__ gives).
-TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value) {
+TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value,
+                                     const TypeMap &known) {
     TypeMap found;
     si::CSingleResolvedInfo *p = Single(protocol);
     nb::object record = RecordOf(ScopeAt(p->loc, NameOf(p)));
@@ -75,7 +76,7 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
         key.append(var);
     }
     key.push_back('|');
-    key.append(BindingSignature(nullptr));
+    key.append(BindingSignature(known.empty() ? nullptr : &known));
     ActiveKey active_key{"", "protocol", key, 0};
     if (CycleAt(active_key))
         return found;  // a match under way
@@ -99,11 +100,10 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             // Called with what the protocol's method wants (__round__(ndigits: int)).
             std::vector<ValueSet> args;
             std::vector<Param> params = ParamsOf(def);
-            TypeMap unbound;
             for (std::size_t i = 1; i < params.size(); ++i) {
                 if (params[i].star || params[i].keyword_only || params[i].has_default)
                     break;
-                args.push_back(ResolveHintText(def_scope, params[i].hint, &unbound));
+                args.push_back(ResolveHintText(def_scope, params[i].hint, &known));
             }
             ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), args);
             BindTypeVars(def_scope, *def.return_hint, results, found);
@@ -499,7 +499,15 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                     break;
                 }
                 if (!nominal && IsProtocolClass(head)) {
-                    TypeMap found = ProtocolTypeArgs(head, vars, r);
+                    // Protocol arguments naming variables the call bound
+                    // already (a base's __pow__ takes the exponent given).
+                    TypeMap known;
+                    for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
+                        auto bound = map.find(std::string(si::StripSpaces(tree.NodeText(arg_nodes[i]))));
+                        if (bound != map.end() && !bound->second.Empty())
+                            known[vars[i]] = bound->second;
+                    }
+                    TypeMap found = ProtocolTypeArgs(head, vars, r, known);
                     for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
                         auto it = found.find(vars[i]);
                         if (it != found.end())
