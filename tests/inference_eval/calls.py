@@ -1,7 +1,7 @@
 """Calls: a class gives an instance, hinted returns, returns inferred from
 `return` statements, calls through variables, decorators that keep the
-function, chains of calls, and calls of instances (their __call__, keyword
-arguments included)."""
+function, chains of calls, calls of instances (their __call__, keyword
+arguments included) and of overloads wrapped in decorators."""
 
 import functools
 from typing import overload
@@ -222,3 +222,20 @@ dispatch = Dispatcher()
 dispatch("a", 1)  # expect: int
 dispatch("a", value=1)  # expect: int
 dispatch("a", label="b")  # expect: str
+
+
+# Overloads wrapped in a decorator are chosen by their own signatures.
+
+@overload
+@functools.cache
+def Lookup(key: int) -> int: ...
+@overload
+@functools.cache
+def Lookup(key: str) -> str: ...
+@functools.cache
+def Lookup(key):
+    return key
+
+
+Lookup(1)  # expect: int
+Lookup("k")  # expect: str
