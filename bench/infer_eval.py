@@ -4,6 +4,7 @@ loose matches (type arguments ignored) and incomplete answers, then every
 miss with what the engine said.
 
     python bench/infer_eval.py [FEATURE ...] [--seconds S] [--verify] [--jedi] [--quiet]
+    python bench/infer_eval.py --cases DIR [--seconds S] [--quiet]
 
 FEATURE    only the expectations of these files (`flow`, `pkg/relative`, ...)
 
@@ -13,6 +14,11 @@ FEATURE    only the expectations of these files (`flow`, `pkg/relative`, ...)
            (a second opinion for reviewing the set; expectations follow
            Python's semantics and the stubs, not any tool)
 --quiet    the table only, without the misses
+--cases    instead of the set, score the `assert_type(EXPR, T)` lines of the
+           Python files under DIR: per file exact / superset / wrong / empty
+           answers by classes ("args ok": the type arguments the engine gives
+           agree too), the cases left out (T is Any, Never, Callable, a type
+           variable ...) and every miss
 """
 
 import argparse
@@ -119,6 +125,50 @@ def _Jedi():
               f"{' | '.join(exp.expected)}, jedi {got}")
 
 
+def _ScoreCases(args):
+    from collections import Counter
+    from pysource import manager
+    folder = os.path.abspath(args.cases)
+    cases = inferevalset.ReadAssertTypes(folder)
+    mgr = manager.CAnalysisMgr(db_path=None)
+    try:
+        inferevalset.IndexFolder(mgr, folder)
+        scores = inferevalset.ScoreAssertTypes(mgr, cases, args.seconds)
+    finally:
+        mgr.destroy()
+    kinds = ("exact", "superset", "wrong", "empty")
+    rows = {}
+    for s in scores:
+        row = rows.setdefault(os.path.relpath(s.case.path, folder), Counter())
+        row["cases"] += 1
+        if s.left_out:
+            row["left out"] += 1
+            continue
+        row[s.verdict] += 1
+        row["args ok"] += s.arguments_agree
+        row["incompl"] += not s.complete
+    columns = ("cases", "left out", "exact", "args ok", *kinds[1:], "incompl")
+    print(f"{'file':<36}" + "".join(f"{c:>9}" for c in columns))
+    total = Counter()
+    for name, row in rows.items():
+        total.update(row)
+        print(f"{name:<36}" + "".join(f"{row[c]:>9}" for c in columns))
+    print(f"{'total':<36}" + "".join(f"{total[c]:>9}" for c in columns))
+    scored = total["cases"] - total["left out"]
+    if scored:
+        print(f"\nexact {100.0 * total['exact'] / scored:.1f}% of {scored} scored cases")
+    reasons = Counter(s.left_out for s in scores if s.left_out)
+    print("left out: " + ", ".join(f"{why} {n}" for why, n in reasons.most_common()))
+    if not args.quiet:
+        for s in scores:
+            if s.left_out or s.verdict == "exact":
+                continue
+            mark = "" if s.complete else " (incomplete)"
+            print(f"  {os.path.relpath(s.case.path, folder)}:{s.case.line}: {s.case.expr}  "
+                  f"[{s.verdict}]\n      expected {' | '.join(s.expected)}\n"
+                  f"      got      {' | '.join(s.got) or '(nothing)'}{mark}")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("features", nargs="*", metavar="FEATURE")
@@ -126,7 +176,11 @@ def main():
     parser.add_argument("--verify", action="store_true")
     parser.add_argument("--jedi", action="store_true")
     parser.add_argument("--quiet", action="store_true")
+    parser.add_argument("--cases", metavar="DIR")
     args = parser.parse_args()
+    if args.cases:
+        _ScoreCases(args)
+        return
     _Score(args)
     if args.verify:
         _Verify()

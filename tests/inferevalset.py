@@ -142,6 +142,167 @@ def FormatTable(table):
     return "\n".join(lines)
 
 
+# Scoring the assert_type(EXPR, T) lines of any folder of Python files
+
+class CUnscored(Exception):
+    """A declared type the engine's answers can't be compared with (the
+    message says why)."""
+
+
+_kUnscoredForms = {
+    "Any": "Any", "Never": "Never", "NoReturn": "Never", "TypeIs": "TypeIs/TypeGuard",
+    "TypeGuard": "TypeIs/TypeGuard", "Callable": "Callable", "LiteralString": "LiteralString",
+}
+_kUnionForms = ("Union", "Optional")
+
+
+@dataclasses.dataclass
+class CAssertType:
+    path: str
+    line: int
+    expr: str
+    type_node: ast.expr
+
+
+def ReadAssertTypes(folder):
+    """Every `assert_type(EXPR, T)` call of the `.py` files under `folder`,
+    in file order (files that don't parse are left out)."""
+    found = []
+    for path in projectfiles.FindSourceFiles([folder]):
+        try:
+            with open(path, encoding="utf-8") as f:
+                tree = ast.parse(f.read(), path)
+        except (SyntaxError, UnicodeDecodeError):
+            continue
+        for node in ast.walk(tree):
+            if isinstance(node, ast.Call) and len(node.args) == 2 and \
+                    _DottedName(node.func).split(".")[-1] == "assert_type":
+                found.append(CAssertType(path, node.lineno, ast.unparse(node.args[0]), node.args[1]))
+    return sorted(found, key=lambda a: (a.path, a.line))
+
+
+def _DottedName(node):
+    if isinstance(node, ast.Name):
+        return node.id
+    if isinstance(node, ast.Attribute):
+        head = _DottedName(node.value)
+        return f"{head}.{node.attr}" if head else ""
+    return ""
+
+
+def _LiteralClass(node, class_of):
+    if isinstance(node, ast.Constant):
+        return "None" if node.value is None else type(node.value).__name__
+    if isinstance(node, ast.UnaryOp) and isinstance(node.operand, ast.Constant):
+        return type(node.operand.value).__name__
+    name = _DottedName(node)
+    if "." in name:          # an enum member: its class
+        return class_of(name.rsplit(".", 1)[0])
+    raise CUnscored("Literal of an unknown form")
+
+
+def DeclaredTypeText(node, class_of):
+    """The canonical text of the type expression `node`; `class_of(dotted)`
+    gives the canonical text of the class a name stands for.  CUnscored for
+    forms the engine's answers can't be compared with."""
+    if isinstance(node, ast.Constant) and isinstance(node.value, str):
+        return DeclaredTypeText(ast.parse(node.value, mode="eval").body, class_of)
+    if isinstance(node, ast.Constant) and node.value is None:
+        return "None"
+    if isinstance(node, ast.BinOp) and isinstance(node.op, ast.BitOr):
+        return Normalise(f"{DeclaredTypeText(node.left, class_of)} | "
+                         f"{DeclaredTypeText(node.right, class_of)}")
+    if isinstance(node, ast.Tuple):
+        return ", ".join(DeclaredTypeText(e, class_of) for e in node.elts) if node.elts else "()"
+    if isinstance(node, ast.Constant) and node.value is Ellipsis:
+        return "..."
+    if isinstance(node, ast.Subscript):
+        head = _DottedName(node.value)
+        last = head.split(".")[-1]
+        if last in _kUnscoredForms:
+            raise CUnscored(_kUnscoredForms[last])
+        items = node.slice.elts if isinstance(node.slice, ast.Tuple) and node.slice.elts \
+            else [node.slice]
+        if last == "Literal":
+            return Normalise(" | ".join(_LiteralClass(item, class_of) for item in items))
+        args = [DeclaredTypeText(item, class_of) for item in items]
+        if last in _kUnionForms:
+            return Normalise(" | ".join(args + (["None"] if last == "Optional" else [])))
+        if last in ("type", "Type"):
+            return f"type[{args[0]}]"
+        return Normalise(f"{class_of(head)}[{', '.join(args)}]")
+    name = _DottedName(node)
+    if not name:
+        raise CUnscored("type expression of an unknown form")
+    if name.split(".")[-1] in _kUnscoredForms:
+        raise CUnscored(_kUnscoredForms[name.split(".")[-1]])
+    return Normalise(class_of(name))
+
+
+def _EngineClassOf(mgr, loc, line, seconds):
+    """`class_of` for DeclaredTypeText: the class the engine finds a name to
+    stand for at the line; the name itself when the engine takes it for an
+    instance (a class made by a call); CUnscored for a name that isn't one
+    class (a type variable, an alias of a union)."""
+    builtin_names = set(dir(builtins))
+
+    def class_of(name):
+        if name in builtin_names and isinstance(getattr(builtins, name), type):
+            return name
+        singles, _complete = inferquery.ResolveAt(mgr, loc, line, name, seconds)
+        texts = inferquery.DescribeResolved(singles, mgr, loc)
+        if len(texts) == 1 and texts[0].startswith("type["):
+            return Loose(texts[0][5:-1])
+        if texts and not any(t.startswith(("type[", "? ")) for t in texts):
+            return name
+        raise CUnscored("type variable or alias")
+    return class_of
+
+
+@dataclasses.dataclass
+class CAssertScore:
+    case: CAssertType
+    expected: tuple      # canonical texts; () when left out
+    got: tuple
+    complete: bool
+    left_out: str = ""   # why the case isn't scored
+
+    @property
+    def verdict(self):
+        """exact / superset / wrong / empty, by classes (type arguments of
+        the answer compared only where the engine gives them: `args ok`)."""
+        want, have = {Loose(t) for t in self.expected}, {Loose(t) for t in self.got}
+        if not have:
+            return "empty"
+        if have == want:
+            return "exact"
+        return "superset" if have > want else "wrong"
+
+    @property
+    def arguments_agree(self):
+        if self.verdict != "exact":
+            return False
+        want = set(self.expected)
+        return all(t in want or (t == Loose(t) and t in {Loose(w) for w in want})
+                   for t in self.got)
+
+
+def ScoreAssertTypes(mgr, cases, seconds=inferquery.kDefaultSeconds):
+    scores = []
+    for case in cases:
+        loc = CLocalFileLocation(case.path)
+        try:
+            expected = DeclaredTypeText(case.type_node,
+                                        _EngineClassOf(mgr, loc, case.line, seconds))
+        except CUnscored as why:
+            scores.append(CAssertScore(case, (), (), True, str(why)))
+            continue
+        singles, complete = inferquery.ResolveAt(mgr, loc, case.line, case.expr, seconds)
+        got = tuple(sorted({Normalise(t) for t in inferquery.DescribeResolved(singles, mgr, loc)}))
+        scores.append(CAssertScore(case, ParseExpected(expected), got, complete))
+    return scores
+
+
 # Checking the expectations by running the files
 
 def _Qual(cls, home_module):

@@ -12,7 +12,7 @@ from pysource import manager
 # Exact agreement (share of expectations whose set of canonical texts the
 # engine gives exactly) reached by the engine today: raise it as the engine
 # improves, so that the test only catches regressions.
-kAgreementFloor = 0.97
+kAgreementFloor = 0.975
 
 
 @pytest.fixture(scope="module")
@@ -54,3 +54,47 @@ def test_running_the_files_confirms_every_expectation(expectations):
                     for e, seen in result["refuted"]]
     assert contradicted == []
     assert result["unreached"] == []
+
+
+# The assert_type(EXPR, T) cases of any folder (bench/infer_eval.py --cases)
+
+_kClasses = {"Counter": "collections.Counter", "Color": "Color", "Foo": "Foo"}
+
+
+@pytest.mark.parametrize("declared, canonical", [
+    ("Dict[str, int]", "dict[str, int]"),
+    ("Union[int, None]", "int | None"),
+    ("Optional[str]", "str | None"),
+    ("'Counter[str]'", "collections.Counter[str]"),
+    ("Literal[1, 'a'] | bytes", "bytes | int | str"),
+    ("Literal[Color.RED]", "Color"),
+    ("Type[Foo]", "type[Foo]"),
+    ("tuple[int, ...]", "tuple[int, ...]"),
+    ("Tuple[()]", "tuple[()]"),
+    ("Any", "Any"),
+    ("Union[str, Any]", "Any"),
+    ("Iterator[Never]", "Never"),
+    ("Callable[[], int]", "Callable"),
+    ("TypeIs[int]", "TypeIs/TypeGuard"),
+])
+def test_declared_types_read_as_canonical_texts_or_left_out(declared, canonical):
+    node = ast.parse(declared, mode="eval").body
+    try:
+        got = inferevalset.DeclaredTypeText(node, lambda name: _kClasses.get(name, name))
+    except inferevalset.CUnscored as why:
+        got = str(why)
+    assert got == canonical
+
+
+def test_assert_type_calls_are_found_with_their_lines(tmp_path):
+    (tmp_path / "cases.py").write_text(
+        "from typing import assert_type\n"
+        "assert_type(len('a'), int)\n"
+        "def f(x: str) -> None:\n"
+        "    typing_extensions.assert_type(\n"
+        "        x.upper(),\n"
+        "        str)\n")
+    (tmp_path / "broken.py").write_text("assert_type(1, int\n")
+    cases = inferevalset.ReadAssertTypes(str(tmp_path))
+    assert [(c.line, c.expr, ast.unparse(c.type_node)) for c in cases] == \
+        [(2, "len('a')", "int"), (4, "x.upper()", "str")]

@@ -1,8 +1,10 @@
 """Calls: a class gives an instance, hinted returns, returns inferred from
 `return` statements, calls through variables, decorators that keep the
-function, and chains of calls."""
+function, chains of calls, calls of instances (their __call__, keyword
+arguments included) and of overloads wrapped in decorators."""
 
 import functools
+from typing import overload
 
 
 class Widget:
@@ -205,3 +207,35 @@ next(iter([1]))  # expect: int
 any([True])  # expect: bool
 format(1.0, ".1f")  # expect: str
 callable(made)  # expect: bool
+
+
+class Dispatcher:
+    @overload
+    def __call__(self, name: str, value: int) -> int: ...
+    @overload
+    def __call__(self, name: str, *, label: str) -> str: ...
+    def __call__(self, name, value=0, *, label=""):
+        return label or value
+
+
+dispatch = Dispatcher()
+dispatch("a", 1)  # expect: int
+dispatch("a", value=1)  # expect: int
+dispatch("a", label="b")  # expect: str
+
+
+# Overloads wrapped in a decorator are chosen by their own signatures.
+
+@overload
+@functools.cache
+def Lookup(key: int) -> int: ...
+@overload
+@functools.cache
+def Lookup(key: str) -> str: ...
+@functools.cache
+def Lookup(key):
+    return key
+
+
+Lookup(1)  # expect: int
+Lookup("k")  # expect: str

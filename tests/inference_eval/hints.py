@@ -1,11 +1,16 @@
 """Type hints: Optional, unions, generic containers, tuples, Callable,
 string forward references, TypeVar through a generic class and function,
-Self, aliases and annotated variables."""
+Self, aliases and annotated variables; the overload a call takes by the
+bounds of type variables, class objects and literal values, the defaults
+of type variables, and a protocol's method called with what the other
+arguments bind."""
 
 from __future__ import annotations
 
-from typing import (Any, Callable, Dict, Generic, List, Optional, Sequence, Tuple, TypeVar,
-                    Union)
+from typing import (Any, Callable, Dict, Generic, List, Literal, Optional, Protocol, Sequence,
+                    Tuple, TypeVar, Union, overload)
+
+from typing_extensions import TypeVar as TypeVarWithDefault
 
 try:
     from typing import Self
@@ -170,6 +175,117 @@ MakeForward().Clone()  # expect: Forward
 MakeForward().Peer()  # expect: Forward
 MakeForwardList()  # expect: list[Forward]
 MakeForwardList()[0]  # expect: Forward
+
+
+# Overloads: a type variable takes only what its bound takes, type[C] only C
+# and its subclasses, Literal[True] only True.
+
+class Shape:
+    pass
+
+
+class Circle(Shape):
+    pass
+
+
+ShapeT = TypeVar("ShapeT", bound=Shape)
+
+
+@overload
+def Pick(x: ShapeT) -> list[ShapeT]: ...
+@overload
+def Pick(x: str) -> int: ...
+def Pick(x):
+    return [x] if isinstance(x, Shape) else len(x)
+
+
+@overload
+def Make(kind: type[Circle] | tuple[type[Circle], ...]) -> Circle: ...
+@overload
+def Make(kind: type[Shape] | tuple[type[Shape], ...]) -> Shape: ...
+def Make(kind):
+    return (kind if isinstance(kind, type) else kind[0])()
+
+
+class Token:
+    pass
+
+
+@overload
+def Open(name: str, *, lock: Literal[True] | Token = True) -> Token: ...
+@overload
+def Open(name: str, *, lock: Literal[False]) -> None: ...
+def Open(name, *, lock=True):
+    return None if lock is False else Token()
+
+
+@overload
+def Count(items: Sequence[bool | Literal[0, 1]]) -> int: ...
+@overload
+def Count(items: Sequence[float]) -> float: ...
+def Count(items):
+    return sum(items)
+
+
+Pick(Circle())  # expect: list[Circle]
+Pick("circle")  # expect: int
+Make(Circle)  # expect: Circle
+Make(Shape)  # expect: Shape
+Make((Shape,))  # expect: Shape
+Make((Circle,))  # expect: Circle
+Open("a")  # expect: Token
+Open("a", lock=Token())  # expect: Token
+Open("a", lock=False)  # expect: None
+Count([True, 1])  # expect: int
+Count([0.5, 1])  # expect: float
+
+# A type variable nothing binds stands for its default.
+
+PayloadT = TypeVarWithDefault("PayloadT", default=str)
+
+
+class Envelope(Generic[PayloadT]):
+    def __init__(self, payload=None) -> None:
+        self.payload = payload
+
+    def Open(self) -> PayloadT:
+        return self.payload
+
+
+def AnyEnvelope() -> Envelope:
+    return Envelope("letter")
+
+
+AnyEnvelope().Open()  # expect: str
+Envelope[int](3).Open()  # expect: int
+memoryview(b"ab").cast("b")[0]  # expect: int
+
+
+# A protocol's method is called with the argument the other parameter binds.
+
+FactorT = TypeVar("FactorT", contravariant=True)
+ScaledT = TypeVar("ScaledT", covariant=True)
+
+
+class SupportsScale(Protocol[FactorT, ScaledT]):
+    def Scale(self, factor: FactorT, /) -> ScaledT: ...
+
+
+def ScaleBy(value: SupportsScale[FactorT, ScaledT], factor: FactorT) -> ScaledT:
+    return value.Scale(factor)
+
+
+class Vector:
+    @overload
+    def Scale(self, factor: int, /) -> Vector: ...
+    @overload
+    def Scale(self, factor: str, /) -> str: ...
+    def Scale(self, factor, /):
+        return self if isinstance(factor, int) else factor
+
+
+ScaleBy(Vector(), 2)  # expect: Vector
+ScaleBy(Vector(), "x")  # expect: str
 
 
 def _main():

@@ -27,18 +27,21 @@ using pgen::NodeKind;
 
 namespace {
 
-// Each positional argument with the hint of its parameter (from `first`),
-// those that want a callable last: what a callable is called with comes
-// from the type variables the others bind (map(fn, items)).
+// Each positional argument with the hint of its parameter (from `first`):
+// those whose hint is a plain name first, those that want a callable last.
+// What a callable is called with comes from the type variables the others
+// bind (map(fn, items)), and so does what a protocol's method is called with
+// (pow(base, exp): base's __pow__ called with the exp given).
 template <class Visit>
 void ForEachHintedPositional(const std::vector<Param> &params, std::size_t first, const std::vector<ValueSet> &args,
                              Visit visit) {
-    for (bool callables : {false, true})
+    for (int pass : {0, 1, 2})
         for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
             if (params[p].star == 2 || params[p].keyword_only)
                 break;
-            bool wants_callable = params[p].hint.find("Callable") != std::string::npos;
-            if (params[p].hint.empty() || wants_callable != callables)
+            const std::string &hint = params[p].hint;
+            int order = hint.find("Callable") != std::string::npos ? 2 : hint.find('[') != std::string::npos ? 1 : 0;
+            if (hint.empty() || order != pass)
                 continue;
             // *args: every remaining positional argument wants its hint.
             for (std::size_t last = params[p].star == 1 ? args.size() - 1 : a; a <= last; ++a)
@@ -637,7 +640,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
     if (c->IsInstance(true)) {
         ValueSet one;
         one.Add(callee);
-        return CallDunder(one, "__call__", args);
+        return CallDunder(one, "__call__", args, kwargs);
     }
     return out;
 }
@@ -796,7 +799,8 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     return out;
 }
 
-ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args) {
+ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args,
+                                const Keywords &kwargs) {
     ValueSet out;
     if (Stop())
         return out;
@@ -822,17 +826,16 @@ ValueSet CEvaluator::CallDunder(const ValueSet &receivers, std::string_view meth
         ValueSet candidates;
         for (const nb::object &m : defs)
             candidates.Add(m);
-        const Keywords none;
-        for (const nb::object &m : SelectOverloads(candidates, args, &none).Items())
-            if (OverloadAccepts(m, args, &none))
-                out.Merge(CallDef(m, args, {}));
+        for (const nb::object &m : SelectOverloads(candidates, args, &kwargs).Items())
+            if (OverloadAccepts(m, args, &kwargs))
+                out.Merge(CallDef(m, args, kwargs));
     }
     // An argument that may be of several types no method takes whole: what
     // it gives where one of them fits (str + (str | bytes) is a str).
     auto wide = std::find_if(args.begin(), args.end(), [](const ValueSet &a) { return a.Size() > 1; });
     if (out.Empty() && wide != args.end() && !fLenientFit) {
         LenientFit lenient(*this);
-        return CallDunder(receivers, method, args);
+        return CallDunder(receivers, method, args, kwargs);
     }
     return out;
 }
@@ -975,19 +978,48 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         return true;
     if (std::optional<bool> literal_fit = LiteralsFit(wanted, given))
         return *literal_fit;
-    std::vector<nb::object> wanted_classes;
+    // The classes of the instances wanted, each with the instance.
+    std::vector<nb::object> wanted_classes, wanted_instances;
+    // Classes themselves a type[C] hint wants: C and its subclasses.
+    std::vector<nb::object> wanted_class_objects;
     for (const nb::object &w : wanted.Items()) {
+        if (Single(w)->IsClass()) {
+            if (NameOf(Single(w)) == "object" || IsProtocolClass(w))
+                return true;
+            wanted_class_objects.push_back(w);
+            continue;
+        }
         nb::object wc = ClassOfInstance(w);
         if (wc.is_none())
             return true;  // something the hint allows that isn't a class
         if (NameOf(Single(wc)) == "object" && Single(wc)->loc.is(fLocCache.attr("GetBuiltinLoc")()))
             return true;  // any object (a type variable bound to nothing)
         wanted_classes.push_back(wc);
+        wanted_instances.push_back(w);
     }
+    // A form of the typing module a hint names (Callable, ...) allows
+    // anything; asked only when a value fits nothing else.
+    std::optional<bool> form_wanted;
+    auto form_allows = [&]() {
+        if (!form_wanted) {
+            form_wanted = false;
+            for (const nb::object &w : wanted_class_objects)
+                form_wanted = *form_wanted || !SpecialFormOf(w).empty();
+        }
+        return *form_wanted;
+    };
     // Every value the argument may have must fit (a float | int is no int),
     // or in a lenient try one of them.
-    auto fits = [&](const nb::object &v) {
+    auto fits_known = [&](const nb::object &v) {
         nb::object vc = ClassOfInstance(v);
+        if (!wanted_class_objects.empty() && Single(v)->IsClass())
+            for (const MroEntry &e : Mro(v, {}))
+                for (const nb::object &w : wanted_class_objects)
+                    if (SameClass(Single(e.cls), Single(w)))
+                        return true;
+        // Any class object may be what an instance of `type` stands for.
+        if (!wanted_class_objects.empty() && !vc.is_none() && NameOf(Single(vc)) == "type")
+            return true;
         if (vc.is_none()) {
             // A def or a class is no int, str, None, ... of the builtins.
             si::CSingleResolvedInfo *s = Single(v);
@@ -1002,14 +1034,14 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
         }
         for (std::size_t i = 0; i < wanted_classes.size(); ++i)
             if (IsProtocolClass(wanted_classes[i]) && ProtocolAccepts(wanted_classes[i], vc) &&
-                (!check_args || TypeArgsFit(wanted.Items()[i], v)))
+                (!check_args || TypeArgsFit(wanted_instances[i], v)))
                 return true;
         std::string_view vname = NameOf(Single(vc));
         for (const MroEntry &e : Mro(vc, {}))
             for (std::size_t i = 0; i < wanted_classes.size(); ++i) {
                 si::CSingleResolvedInfo *w = Single(wanted_classes[i]);
                 std::string_view wname = NameOf(w);
-                if (SameClass(Single(e.cls), w) && (!check_args || TypeArgsFit(wanted.Items()[i], v)))
+                if (SameClass(Single(e.cls), w) && (!check_args || TypeArgsFit(wanted_instances[i], v)))
                     return true;
                 // The numeric tower: an int is good for a float, both for a complex.
                 bool builtin = w->loc.is(Single(vc)->loc);
@@ -1019,6 +1051,9 @@ bool CEvaluator::ValuesFit(const ValueSet &wanted, const ValueSet &given, bool c
                     return true;
             }
         return false;
+    };
+    auto fits = [&](const nb::object &v) {
+        return fits_known(v) || (!wanted_class_objects.empty() && form_allows());
     };
     for (const nb::object &v : given.Items())
         if (fits(v) == fLenientFit)
@@ -1208,27 +1243,51 @@ namespace pysource::infer {
 // argument's known values are among them; no value when the parameter wants
 // types, or when the argument's value isn't known.
 std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueSet &given) {
+    // Literal[True] | Lock wants the value True or a Lock: a literal member
+    // takes its own value only, the other members what their classes take;
+    // a value that isn't known fits by its class.
     std::set<std::pair<std::string, std::string>> values;
+    ValueSet others;
     for (const nb::object &w : wanted.Items()) {
         std::string_view bare = Single(w)->Bare();
-        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
-            return std::nullopt;
-        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
-        if (!lit.value)
-            return std::nullopt;
-        values.emplace(lit.class_name, *lit.value);
+        std::optional<si::LiteralInfo> lit;
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+            lit = si::UnpackLiteralInfo(bare);
+        if (lit && lit->value)
+            values.emplace(lit->class_name, *lit->value);
+        else
+            others.Add(w);
     }
+    if (values.empty())
+        return std::nullopt;
+    // The classes of the wanted values, with the other members: made only
+    // when a value isn't known.
+    std::optional<ValueSet> classes;
+    auto classes_wanted = [&]() -> const ValueSet & {
+        if (!classes) {
+            classes = others;
+            std::set<std::string> names;
+            for (const auto &[class_name, value] : values)
+                if (names.insert(class_name).second)
+                    classes->Add(LiteralSingle(class_name, std::nullopt));
+        }
+        return *classes;
+    };
+    // Every value the argument may have must fit, or in a lenient try one.
     for (const nb::object &g : given.Items()) {
         std::string_view bare = Single(g)->Bare();
-        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
-            return std::nullopt;
-        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
-        if (!lit.value)
-            return std::nullopt;
-        if (values.count({lit.class_name, *lit.value}))
-            return true;
+        std::optional<si::LiteralInfo> lit;
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind)
+            lit = si::UnpackLiteralInfo(bare);
+        ValueSet one;
+        one.Add(g);
+        bool fits = lit && lit->value ? values.count({lit->class_name, *lit->value}) ||
+                                            (!others.Empty() && ValuesFit(others, one))
+                                      : ValuesFit(classes_wanted(), one);
+        if (fits == fLenientFit)
+            return fLenientFit;
     }
-    return false;
+    return !fLenientFit;
 }
 
 }  // namespace pysource::infer

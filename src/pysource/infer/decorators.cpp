@@ -66,6 +66,8 @@ ValueSet CEvaluator::DecoratedDef(nb::handle loc, nb::handle def_single) {
     // (Only a name defined again, `f|2`, can follow overloads.)
     if (si::LeafScopeName(NameOf(d)).find('|') != std::string_view::npos && ImplementsOverloads(parent, d))
         return out;  // callers see the overloads, whatever wraps the implementation
+    if (HasDecorator(def, "overload"))
+        return out;  // a call picks among the overloads by their signatures, whatever wraps each
     Frame frame{parent, -2, nullptr, nullptr};
     // Innermost first; a decorator of the project's own, unhinted, is taken
     // to keep the def it wraps.

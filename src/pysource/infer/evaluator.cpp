@@ -597,8 +597,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
                 nb::object module_scope = ModuleScopeOf(ScopeLoc(frame.scope));
                 std::string_view scope_name = ScopeName(frame.scope);
                 // TypeVar("T", bound=B) or TypeVar("T", A, B): the bound, or
-                // the constraints as a declaration writes them.
-                std::optional<std::string> bound;
+                // the constraints as a declaration writes them; default=D.
+                std::optional<std::string> bound, default_text;
                 std::vector<std::string> constraints;
                 for (std::int32_t i = 2; i < n.kids_count; ++i) {
                     std::int32_t kid = tree.Kid(n, i);
@@ -607,6 +607,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
                     const Node &k = tree.nodes[(std::size_t) kid];
                     if (k.kind == NodeKind::kKeyword && k.aux >= 0 && TokText(tree, k.aux) == "bound")
                         bound = tree.NodeText(tree.Kid(k, 0));
+                    else if (k.kind == NodeKind::kKeyword && k.aux >= 0 && TokText(tree, k.aux) == "default")
+                        default_text = tree.NodeText(tree.Kid(k, 0));
                     else if (k.kind != NodeKind::kKeyword && k.kind != NodeKind::kStarred &&
                              k.kind != NodeKind::kDoubleStarred)
                         constraints.push_back(tree.NodeText(kid));
@@ -617,7 +619,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
                         *bound += (bound->size() > 1 ? ", " : "") + c;
                     *bound += ")";
                 }
-                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form, bound));
+                out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form, bound,
+                                        default_text));
             }
             continue;
         }

@@ -430,7 +430,10 @@ private:
     // Binds the type variables of `hint` (read in `scope`) from what a
     // parameter received.
     void BindTypeVars(nb::handle scope, std::string_view hint, const ValueSet &received, TypeMap &map);
-    TypeMap ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value);
+    // `known`: what some of the protocol's variables already are (its
+    // methods are called with those).
+    TypeMap ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value,
+                             const TypeMap &known = {});
     void BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
                   TypeMap &map);
 
@@ -548,7 +551,9 @@ private:
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,
                           const std::vector<std::pair<std::string, ValueSet>> &arguments = {});
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
-    ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args);
+    // `kwargs`: the keyword arguments of a call of an instance (__call__).
+    ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args,
+                        const std::vector<std::pair<std::string, ValueSet>> &kwargs = {});
     ValueSet IterItems(const ValueSet &values);
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
@@ -609,12 +614,14 @@ private:
     nb::object ModuleSingle(nb::handle loc, std::string_view dotted);
     nb::object LiteralSingle(std::string_view class_name, const std::optional<std::string> &value);
     // `bound`: what the variable is bound to, or its constraints written
-    // "(A, B)", as its declaration says.
+    // "(A, B)", as its declaration says; `default_text`: the type it stands
+    // for when nothing binds it.
     nb::object TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind,
-                               const std::optional<std::string> &bound = std::nullopt);
+                               const std::optional<std::string> &bound = std::nullopt,
+                               const std::optional<std::string> &default_text = std::nullopt);
     // What a type variable bound to nothing may be when an argument is
-    // checked against a hint naming it: its bound, its constraints, or any
-    // object.
+    // checked against a hint naming it: its bound (unless a protocol), its
+    // constraints, or any object.
     ValueSet UpperBoundOf(symbolinfo::CSingleResolvedInfo *param);
     nb::object BuiltinClass(std::string_view name);
     nb::object TypingClass(std::string_view name);

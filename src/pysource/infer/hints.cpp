@@ -56,7 +56,8 @@ std::string CEvaluator::SpecialFormOf(nb::handle single) {
 // the protocol's methods, called on the value, return for each of the
 // protocol's type variables (SupportsAbs[T] of a float: T is what
 // float.__abs__ gives).
-TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value) {
+TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std::string> &vars, nb::handle value,
+                                     const TypeMap &known) {
     TypeMap found;
     si::CSingleResolvedInfo *p = Single(protocol);
     nb::object record = RecordOf(ScopeAt(p->loc, NameOf(p)));
@@ -75,7 +76,7 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
         key.append(var);
     }
     key.push_back('|');
-    key.append(BindingSignature(nullptr));
+    key.append(BindingSignature(known.empty() ? nullptr : &known));
     ActiveKey active_key{"", "protocol", key, 0};
     if (CycleAt(active_key))
         return found;  // a match under way
@@ -99,11 +100,10 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
             // Called with what the protocol's method wants (__round__(ndigits: int)).
             std::vector<ValueSet> args;
             std::vector<Param> params = ParamsOf(def);
-            TypeMap unbound;
             for (std::size_t i = 1; i < params.size(); ++i) {
                 if (params[i].star || params[i].keyword_only || params[i].has_default)
                     break;
-                args.push_back(ResolveHintText(def_scope, params[i].hint, &unbound));
+                args.push_back(ResolveHintText(def_scope, params[i].hint, &known));
             }
             ValueSet results = CallDunder(receiver, nb::cast<std::string>(member_name), args);
             BindTypeVars(def_scope, *def.return_hint, results, found);
@@ -159,14 +159,23 @@ ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
         nb::object object = BuiltinClass("object");
         return object.is_none() ? out : InstanceOf(object, nb::none());
     }
-    // Constraints (AnyStr: str or bytes) decide; a bound (most often a
-    // protocol, costly to check) is taken to allow anything.
-    if (!si::StripSpaces(*decl.bound).starts_with("("))
-        return out;
+    nb::object scope = ScopeAt(param->loc, NameOf(param));
+    // Constraints (AnyStr: str or bytes) decide, and so does a bound that
+    // names classes (bound=Exception takes no KeyboardInterrupt); a bound
+    // naming a protocol, costly to check, is taken to allow anything.
+    if (!si::StripSpaces(*decl.bound).starts_with("(")) {
+        ValueSet bound = ResolveHintText(scope, *decl.bound, nullptr);
+        for (const nb::object &b : bound.Items()) {
+            nb::object cls = ClassOfInstance(b);
+            if (cls.is_none() || IsProtocolClass(cls))
+                return out;
+        }
+        return bound;
+    }
     std::string text;
     for (const std::string &constraint : si::SplitDeclArguments(si::OptView(*decl.bound)))
         text += (text.empty() ? "" : " | ") + constraint;
-    return ResolveHintText(ScopeAt(param->loc, NameOf(param)), text, nullptr);
+    return ResolveHintText(scope, text, nullptr);
 }
 
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
@@ -281,7 +290,12 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         }
         if (frame.map && frame.map == fFitMap)
             return UpperBoundOf(s);
-        return out;  // an unbound type variable says nothing
+        // An unbound type variable says nothing, unless it declares a
+        // default (memoryview without arguments is a memoryview[int]).
+        si::DeclTypeParam decl = si::UnpackTypeParameterInfo(s->Bare());
+        if (decl.default_text && decl.param_kind == "TypeVar")
+            return ResolveHintText(ScopeAt(s->loc, NameOf(s)), *decl.default_text, nullptr);
+        return out;
     }
     if (!s->IsClass()) {
         // A name that stands for a type through an alias is a class after
@@ -485,7 +499,15 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
                     break;
                 }
                 if (!nominal && IsProtocolClass(head)) {
-                    TypeMap found = ProtocolTypeArgs(head, vars, r);
+                    // Protocol arguments naming variables the call bound
+                    // already (a base's __pow__ takes the exponent given).
+                    TypeMap known;
+                    for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
+                        auto bound = map.find(std::string(si::StripSpaces(tree.NodeText(arg_nodes[i]))));
+                        if (bound != map.end() && !bound->second.Empty())
+                            known[vars[i]] = bound->second;
+                    }
+                    TypeMap found = ProtocolTypeArgs(head, vars, r, known);
                     for (std::size_t i = 0; i < vars.size() && i < arg_nodes.size(); ++i) {
                         auto it = found.find(vars[i]);
                         if (it != found.end())

@@ -555,9 +555,10 @@ nb::object CEvaluator::LiteralSingle(std::string_view class_name, const std::opt
 }
 
 nb::object CEvaluator::TypeParamSingle(nb::handle scope, std::string_view name, std::string_view kind,
-                                       const std::optional<std::string> &bound) {
+                                       const std::optional<std::string> &bound,
+                                       const std::optional<std::string> &default_text) {
     std::string ibytes = si::BuildTypeParameterInfo(name, kind, bound ? si::OptView(*bound) : si::OptView(),
-                                                    std::nullopt);
+                                                    default_text ? si::OptView(*default_text) : si::OptView());
     auto *s = nb::cast<si::CScope *>(scope);
     return nb::cast(nb::ref<si::CSingleResolvedInfo>(
         new si::CSingleResolvedInfo(si::ToBytes(ibytes), s, s->loc)));
@@ -721,7 +722,7 @@ bool CEvaluator::ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std
         return false;
     for (const si::DeclTypeParam &param : si::ParseDeclTypeParams(*params))
         if (param.name == name) {
-            out.Add(TypeParamSingle(scope, param.name, param.param_kind, param.bound));
+            out.Add(TypeParamSingle(scope, param.name, param.param_kind, param.bound, param.default_text));
             return true;
         }
     return false;
@@ -1222,7 +1223,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     }
     case si::kTypeParameterKind: {
         si::DeclTypeParam param = si::UnpackTypeParameterInfo(s);
-        out.Add(TypeParamSingle(scope, param.name, param.param_kind, param.bound));
+        out.Add(TypeParamSingle(scope, param.name, param.param_kind, param.bound, param.default_text));
         return out;
     }
     case si::kGenericTypeAliasKind: {
