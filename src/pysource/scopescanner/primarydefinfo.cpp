@@ -37,30 +37,37 @@ si::Kind KindOfBytes(nb::handle ibytes) {
 }
 
 // What the parts of the definition info of `logical` (DefInfoParts) are
-// worked out from besides the logical itself; a class's don't depend on the
-// scope around it or on its body.  None when it can't be told (no decorator
-// list).
+// worked out from besides its tokens: the analyzer's results on it and on
+// the first logical of its body (a new analysis makes new ones), the class
+// around it, that first logical, its decorators.  A class's parts don't
+// depend on the scope around it or on its body.  None when it can't be told
+// (no decorator list).
 nb::object DefInfoInputs(const CLogicalLine &logical, bool in_cls, nb::handle decorator_logicals,
                          nb::handle body0) {
-    if (!PyList_Check(decorator_logicals.ptr()))
+    if (!PyList_Check(decorator_logicals.ptr()) || !logical.fArgTypeEquivs.is_valid())
         return nb::none();
     bool is_def = logical.fKind == LogicalKind::kFunctionDef;
-    return nb::make_tuple(nb::bool_(is_def && in_cls), is_def ? nb::borrow(body0) : nb::none(),
+    CLogicalLine *first = is_def ? OptionalLogical(body0) : nullptr;
+    if (first && !first->fTypeEquivs.is_valid())
+        return nb::none();
+    return nb::make_tuple(logical.fArgTypeEquivs, first ? first->fTypeEquivs : nb::none(),
+                          nb::bool_(is_def && in_cls), is_def ? nb::borrow(body0) : nb::none(),
                           nb::tuple(decorator_logicals));
 }
 
-// Whether two DefInfoInputs are the same objects.
+// Whether two DefInfoInputs hold the same objects.
 bool SameDefInfoInputs(nb::handle a, nb::handle b) {
     auto items = [](nb::handle t) { return &PyTuple_GET_ITEM(t.ptr(), 0); };
     PyObject **x = items(a);
     PyObject **y = items(b);
-    if (x[0] != y[0] || x[1] != y[1])
-        return false;
-    Py_ssize_t count = PyTuple_GET_SIZE(x[2]);
-    if (PyTuple_GET_SIZE(y[2]) != count)
+    for (int i = 0; i < 4; ++i)
+        if (x[i] != y[i])
+            return false;
+    Py_ssize_t count = PyTuple_GET_SIZE(x[4]);
+    if (PyTuple_GET_SIZE(y[4]) != count)
         return false;
     for (Py_ssize_t i = 0; i < count; ++i)
-        if (PyTuple_GET_ITEM(x[2], i) != PyTuple_GET_ITEM(y[2], i))
+        if (PyTuple_GET_ITEM(x[4], i) != PyTuple_GET_ITEM(y[4], i))
             return false;
     return true;
 }
