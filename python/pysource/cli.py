@@ -366,8 +366,12 @@ def _cmd_index(args):
         lock.Acquire(on_wait=lambda: _error(
             f"another 'pysource index' is writing {_display_path(db_path)}; "
             "waiting for it to finish"))
-        # Workers are forked before the database is opened.
+        # Workers are forked before the database is opened, and start on the
+        # files in the walk's order (the coordinator's, unless some are up to
+        # date) while this process gets ready.
         workers = _start_workers(args.jobs, len(files))
+        if workers is not None:
+            workers.Expect([CLocalFileLocation(path) for path in files])
         try:
             index = _CIndex(db_path)
         except BaseException:

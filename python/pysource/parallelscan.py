@@ -20,6 +20,7 @@ so the writer's memory doesn't grow with the project.
 import collections
 import math
 import multiprocessing
+import multiprocessing.connection
 import signal
 
 from basekit import location
@@ -27,7 +28,11 @@ from basekit.destroyable import CDestroyable
 from pysource import manager, scopeinfo, scopescanner, symbolinfo
 
 kStateChangedSignal = "scan-state-changed"
-kFilesAheadPerWorker = 4
+kFilesAheadPerWorker = 8
+# Files a worker holds at a time: the one it scans and the next, so that it
+# never waits for the writer between two files, and a long file holds up
+# only the one behind it.
+kAskedPerWorker = 2
 kWorkerEndSeconds = 0.5
 
 
@@ -119,8 +124,8 @@ class CParallelPrimaryScans:
     it before the database is opened; `close` ends the workers.
 
     Each worker has a pipe of its own, and answers in the order it was
-    asked; the writer reads a worker's answers as it needs them, so it runs
-    no threads of its own."""
+    asked; while the writer waits for the file it needs, it reads whatever
+    answers have come from any worker, so it runs no threads of its own."""
 
     def __init__(self, jobs, scan_name):
         global _gWorkerMgr
@@ -139,17 +144,29 @@ class CParallelPrimaryScans:
         self._fAhead = max(1, jobs * kFilesAheadPerWorker)
         self._fAskedOf = {}      # loc -> the worker asked for it
         self._fResults = {}      # loc -> result read before its turn
+        self._fUnwanted = set()  # locs asked for whose answers are dropped
         self._fQueue = []        # locs to scan, in the coordinator's order
         self._fNext = 0
 
     def Expect(self, locs):
-        """The files the coordinator will scan, in its order."""
-        self._fQueue.extend(locs)
+        """The files the coordinator will scan, in its order.  Given again,
+        the new order replaces the old one: the workers can start on a
+        likely order while the writer gets ready, and a file asked for that
+        the new order leaves out is dropped, its answer too when it comes."""
+        self._fQueue = list(locs)
+        self._fNext = 0
+        wanted = set(self._fQueue)
+        for loc in [loc for loc in self._fResults if loc not in wanted]:
+            del self._fResults[loc]
+        self._fUnwanted = {loc for loc in self._fAskedOf if loc not in wanted}
         self._Submit()
 
     def _Submit(self):
         while len(self._fAskedOf) + len(self._fResults) < self._fAhead and \
                 self._fNext < len(self._fQueue):
+            alive = [worker for worker in self._fWorkers if worker.fAlive]
+            if alive and all(len(worker.fAsked) >= kAskedPerWorker for worker in alive):
+                break
             loc = self._fQueue[self._fNext]
             self._fNext += 1
             if loc not in self._fAskedOf and loc not in self._fResults:
@@ -179,7 +196,10 @@ class CParallelPrimaryScans:
             return False
         loc = worker.fAsked.popleft()
         del self._fAskedOf[loc]
-        self._fResults[loc] = result
+        if loc in self._fUnwanted:
+            self._fUnwanted.discard(loc)
+        else:
+            self._fResults[loc] = result
         return True
 
     def _Lost(self, worker):
@@ -192,27 +212,39 @@ class CParallelPrimaryScans:
         worker.fProcess.join()
         asked = list(worker.fAsked)
         worker.fAsked.clear()
+        wanted = [loc for loc in asked if loc not in self._fUnwanted]
         for loc in asked:
             del self._fAskedOf[loc]
-        if asked:
+            self._fUnwanted.discard(loc)
+        if wanted and wanted[0] is asked[0]:
             code = worker.fProcess.exitcode
-            self._fResults[asked[0]] = (False, [], None,
-                                        f"the worker process ended (exit code {code})")
-        for loc in asked[1:]:
+            self._fResults[wanted.pop(0)] = (False, [], None,
+                                             f"the worker process ended (exit code {code})")
+        for loc in wanted:
             self._Ask(loc)
 
     def Take(self, loc):
         """The worker's result for `loc` (scanned now when it wasn't asked
         for ahead, as for a retry)."""
+        self._fUnwanted.discard(loc)   # wanted after all
         if loc not in self._fResults and loc not in self._fAskedOf:
             self._Ask(loc)
         while loc not in self._fResults:
-            worker = self._fAskedOf[loc]
-            if not self._ReadAnswer(worker):
-                self._Lost(worker)
+            self._ReadAnswers()
         result = self._fResults.pop(loc)
         self._Submit()
         return result
+
+    def _ReadAnswers(self):
+        """Waits for answers, reads those there are from any worker and asks
+        for more files: a worker gets its next file as soon as it is done
+        with one, whichever file the coordinator waits for."""
+        busy = {worker.fConn: worker for worker in self._fWorkers
+                if worker.fAlive and worker.fAsked}
+        for conn in multiprocessing.connection.wait(list(busy)):
+            if not self._ReadAnswer(busy[conn]):
+                self._Lost(busy[conn])
+        self._Submit()
 
     def ScannerClass(self):
         return lambda loc, scan_name: CReplayScanner(self, loc, scan_name)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <typeinfo>
+#include <unordered_map>
 
 #include "pysource/recordcodec.h"
 #include "pysource/scope.h"
@@ -85,10 +86,26 @@ nb::object UnionOfSets(const std::vector<nb::handle> &parts) {
     return AtomicFrozenSet(all);
 }
 
+// A BLOB parameter of a record row, as a bytearray: the sqlite3 module binds
+// one as it is, but first offers bytes (and anything else it doesn't know) to
+// its adapters, a failed attribute lookup with its error made and dropped,
+// which costs more than the copy.  The stored value is the same.
+nb::object BlobParam(std::string_view data) {
+    return nb::steal(PyByteArray_FromStringAndSize(data.data(), (Py_ssize_t) data.size()));
+}
+
+nb::object BlobParam(nb::handle bytes) {
+    if (bytes.is_none())
+        return nb::none();
+    if (!PyBytes_Check(bytes.ptr()))
+        return nb::borrow(bytes);  // bound as it is: the database refuses what isn't a BLOB
+    return BlobParam(std::string_view(PyBytes_AS_STRING(bytes.ptr()), (std::size_t) PyBytes_GET_SIZE(bytes.ptr())));
+}
+
 nb::object OptionalBlob(nb::handle value, nb::bytes (*encode)(nb::handle)) {
     if (value.is_none())
         return nb::none();
-    return encode(value);
+    return BlobParam(encode(value));
 }
 
 }  // namespace
@@ -457,10 +474,25 @@ std::string_view BytesView(nb::handle bytes) {
     return std::string_view(PyBytes_AS_STRING(bytes.ptr()), (std::size_t) PyBytes_GET_SIZE(bytes.ptr()));
 }
 
-bool SameKey(const RecordBlobView &a, const RecordBlobView &b) {
-    return a.for_name == b.for_name && a.scan_name == b.scan_name && a.scanned_url == b.scanned_url &&
-           a.scanned_name == b.scanned_name;
-}
+// The key of a blob record within its location, for finding a record of the
+// same key among many.
+struct BlobKey {
+    std::string_view for_name, scan_name, scanned_url, scanned_name;
+    explicit BlobKey(const RecordBlobView &view)
+        : for_name(view.for_name), scan_name(view.scan_name), scanned_url(view.scanned_url),
+          scanned_name(view.scanned_name) {}
+    bool operator==(const BlobKey &) const = default;
+};
+
+struct BlobKeyHash {
+    std::size_t operator()(const BlobKey &key) const {
+        std::hash<std::string_view> hash;
+        std::size_t h = hash(key.for_name);
+        for (std::string_view part : {key.scan_name, key.scanned_url, key.scanned_name})
+            h = h * 1000003u ^ hash(part);
+        return h;
+    }
+};
 
 }  // namespace
 
@@ -494,15 +526,23 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
     // What the records say in the end: a later record of a key replaces the
     // earlier one in its place, a not-found one drops it.
     std::vector<BlobRecord> &kept = entry.blob_records;
+    std::unordered_map<BlobKey, std::size_t, BlobKeyHash> place;  // key -> index in `kept`
+    auto index_kept = [&]() {
+        place.clear();
+        for (std::size_t i = 0; i < kept.size(); ++i)
+            place.emplace(BlobKey(kept[i].view), i);
+    };
+    index_kept();
     for (BlobRecord &record : records) {
-        auto same = std::find_if(kept.begin(), kept.end(),
-                                 [&](const BlobRecord &k) { return SameKey(k.view, record.view); });
+        auto found = place.find(BlobKey(record.view));
+        auto same = found == place.end() ? kept.end() : kept.begin() + (std::ptrdiff_t) found->second;
         if (record.view.not_found) {
             if (same != kept.end()) {
                 if (record.view.scan_name == fPrimaryScanName)
                     ++fPrimaryGeneration;
                 ++fRecordGeneration;
                 kept.erase(same);
+                index_kept();  // the places after it moved
             }
             continue;
         }
@@ -512,10 +552,16 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
                 ++fPrimaryGeneration;
         }
         ++fRecordGeneration;
-        if (same != kept.end())
+        if (same != kept.end()) {
+            // The key's views move to the new blob with it.
+            std::size_t i = found->second;
+            place.erase(found);
             *same = std::move(record);
-        else
+            place.emplace(BlobKey(kept[i].view), i);
+        } else {
             kept.push_back(std::move(record));
+            place.emplace(BlobKey(kept.back().view), kept.size() - 1);
+        }
     }
     entry.record_count = kept.size();
     fRecordsInMemory += kept.size();
@@ -1115,10 +1161,10 @@ nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope
     auto scopes_blob = [&](nb::handle scopes) -> nb::object {
         if (scopes.is_none())
             return nb::none();
-        return EncodeScopes(scopes, url_of);
+        return BlobParam(EncodeScopes(scopes, url_of));
     };
-    return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, scanned_id, slot.scanned_name, info.ibytes, info.disk_mtime, info.incomplete ? 1 : 0,
-                          EncodeNameMap(info.type_equivs),
+    return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, scanned_id, slot.scanned_name, BlobParam(info.ibytes), info.disk_mtime, info.incomplete ? 1 : 0,
+                          BlobParam(EncodeNameMap(info.type_equivs)),
                           OptionalBlob(info.inst_type_equivs, &EncodeNameMap),
                           OptionalBlob(info.domains, &EncodeNameMap), scopes_blob(info.scopes_seen),
                           scopes_blob(info.resolved_imports));
@@ -1181,7 +1227,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         auto blob = [](const std::optional<std::string_view> &part) -> nb::object {
             if (!part)
                 return nb::none();
-            return nb::bytes(part->data(), part->size());
+            return BlobParam(*part);
         };
         for (const BlobRecord &record : entry.blob_records) {
             const RecordBlobView &row = record.view;

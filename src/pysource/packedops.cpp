@@ -21,11 +21,29 @@ bool NeedsEscape(char c) {
     }
 }
 
+bool HasNestingOrSeparator(std::string_view text) {
+    for (char c : text) {
+        switch (c) {
+        case '#': case ',': case ';': case '(': case ')': case '[': case ']':
+        case '{': case '}': case '"': case '\'':
+            return true;
+        default:
+            break;
+        }
+    }
+    return false;
+}
+
 // In the first field a leading quote is escaped too: the kind letter (such as
 // "f" or "u") stands right before it and would read as a string prefix.
 bool CanStandAsIs(std::string_view text, bool first_field) {
-    return !text.empty() && text[0] != kFieldEscape && !(first_field && IsQuote(text[0])) &&
-           text.find('#') == std::string_view::npos && IsBalancedText(text) &&
+    if (text.empty() || text[0] == kFieldEscape || (first_field && IsQuote(text[0])))
+        return false;
+    // Most fields (names, dotted names) hold no bracket, quote, separator or
+    // '#': they stand as they are without the walks below.
+    if (!HasNestingOrSeparator(text))
+        return true;
+    return text.find('#') == std::string_view::npos && IsBalancedText(text) &&
            NonNestedFind(text, ",") < 0 && NonNestedFind(text, ";") < 0;
 }
 

@@ -81,6 +81,7 @@ int CPerFileInfo_::TraverseFields(visitproc visit, void *arg) {
     Py_VISIT(fPrimaryScanName.ptr());
     Py_VISIT(fScopeBodyCache.ptr());
     Py_VISIT(fSubScopeBody0.ptr());
+    Py_VISIT(fScopeDefInfoParts.ptr());
     Py_VISIT(_fAnalysis.ptr());
     Py_VISIT(fMatchedDiskMTime.ptr());
     Py_VISIT(fEOLBlindChecksum.ptr());
@@ -97,6 +98,7 @@ void CPerFileInfo_::DropReferences() {
     fScopeBodyCache = nb::none();
     _fAnalysis = nb::none();
     fSubScopeBody0 = nb::dict();
+    fScopeDefInfoParts = nb::dict();
 }
 
 }  // namespace pysource

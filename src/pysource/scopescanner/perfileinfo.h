@@ -37,6 +37,10 @@ public:
     // Scope defining logical -> first logical of its body (None for an
     // empty body).
     nb::dict fSubScopeBody0;
+    // Scope defining logical -> (what the parts of its definition info were
+    // worked out from, the parts): the scan of a scope leaves them for the
+    // scan of the scope around it, which would work out the same again.
+    nb::dict fScopeDefInfoParts;
     nb::object _fAnalysis;
     bool _fAttemptedToGetAnalysis = false;
     bool _fConnectedToActiveLinenoSignal = false;

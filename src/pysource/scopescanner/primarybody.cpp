@@ -4,6 +4,7 @@
 #include <string>
 
 #include "pysource/fastaccess.h"
+#include "pysource/pgeninspect.h"
 #include "pysource/scopescanner/primaryscanner.h"
 #include "pysource/scopescanner/primaryutil.h"
 #include "pysource/srctokenizer.h"
@@ -30,6 +31,15 @@ si::Kind KindOf(nb::handle istr) {
     if (!PyBytes_Check(istr.ptr()))
         throw nb::type_error("info strings must be bytes");
     return si::GetInfoBytesKind(PyBytes_AS_STRING(istr.ptr()));
+}
+
+// The analyzer behind `analyzer` when it is exactly our own (a Python
+// subclass may override how it analyses), else null: ours is called
+// directly, without a method lookup per logical.
+CPGenAnalyzer *ExactPGenAnalyzer(nb::handle analyzer) {
+    if (Py_TYPE(analyzer.ptr()) != (PyTypeObject *) nb::type<CPGenAnalyzer>().ptr())
+        return nullptr;
+    return nb::inst_ptr<CPGenAnalyzer>(analyzer);
 }
 
 bool StartsWith(std::string_view text, std::string_view prefix) {
@@ -212,8 +222,13 @@ void CSingleScopePrimaryScanner::TryAnalyzeSingleLogical_(nb::handle logical_obj
     }
     CLogicalLine *def = ScopeDefLogical();
     bool first_in_def = fLogicalIndex_ == 0 && def && def->fKind == LogicalKind::kFunctionDef;
-    nb::object errs = Analyzer().attr("AnalyzeSingleLogical")(logical_obj, fPerFileInfo->fPy3Grammar,
-                                                              first_in_def);
+    nb::object analyzer = Analyzer();
+    nb::object errs;
+    if (CPGenAnalyzer *own = ExactPGenAnalyzer(analyzer))
+        errs = own->AnalyzeSingleLogical(logical, fPerFileInfo->fPy3Grammar, first_in_def);
+    else
+        errs = analyzer.attr("AnalyzeSingleLogical")(logical_obj, fPerFileInfo->fPy3Grammar,
+                                                     first_in_def);
     if (!errs.is_none() && !fAnalysis_.is_none()) {
         nb::list errors;
         errors.append(nb::make_tuple(logical_obj, errs));
@@ -330,7 +345,7 @@ void CSingleScopePrimaryScanner::ScanSingleScopeDefInBody_(nb::handle logical_ob
                            ? GetFirstLogicalFromBodyOfLogical_(logical_obj)
                            : nb::object(nb::none());
     nb::bytes ibytes =
-        GetInfoBytesForScopeDef_(logical_obj, full_name, in_cls, decorator_logicals, body0);
+        DefInfoBytesInBody(logical_obj, full_name, in_cls, decorator_logicals, body0);
     AddPerName_(fTypeEquivs_, leaf, ibytes);
 }
 

@@ -3,6 +3,7 @@
 // signature type comments merged into the declaration, and the rewriting of
 // comment-derived info that needs the method and def-line context.
 #include <string>
+#include <typeinfo>
 
 #include "pysource/scopescanner/primaryscanner.h"
 #include "pysource/scopescanner/primaryutil.h"
@@ -35,7 +36,71 @@ si::Kind KindOfBytes(nb::handle ibytes) {
     return si::GetInfoBytesKind(PyBytes_AS_STRING(ibytes.ptr()));
 }
 
+// What the parts of the definition info of `logical` (DefInfoParts) are
+// worked out from besides its tokens: the analyzer's results on it and on
+// the first logical of its body (a new analysis makes new ones), the class
+// around it, that first logical, its decorators.  A class's parts don't
+// depend on the scope around it or on its body.  None when it can't be told
+// (no decorator list).
+nb::object DefInfoInputs(const CLogicalLine &logical, bool in_cls, nb::handle decorator_logicals,
+                         nb::handle body0) {
+    if (!PyList_Check(decorator_logicals.ptr()) || !logical.fArgTypeEquivs.is_valid())
+        return nb::none();
+    bool is_def = logical.fKind == LogicalKind::kFunctionDef;
+    CLogicalLine *first = is_def ? OptionalLogical(body0) : nullptr;
+    if (first && !first->fTypeEquivs.is_valid())
+        return nb::none();
+    return nb::make_tuple(logical.fArgTypeEquivs, first ? first->fTypeEquivs : nb::none(),
+                          nb::bool_(is_def && in_cls), is_def ? nb::borrow(body0) : nb::none(),
+                          nb::tuple(decorator_logicals));
+}
+
+// Whether two DefInfoInputs hold the same objects.
+bool SameDefInfoInputs(nb::handle a, nb::handle b) {
+    auto items = [](nb::handle t) { return &PyTuple_GET_ITEM(t.ptr(), 0); };
+    PyObject **x = items(a);
+    PyObject **y = items(b);
+    for (int i = 0; i < 4; ++i)
+        if (x[i] != y[i])
+            return false;
+    Py_ssize_t count = PyTuple_GET_SIZE(x[4]);
+    if (PyTuple_GET_SIZE(y[4]) != count)
+        return false;
+    for (Py_ssize_t i = 0; i < count; ++i)
+        if (PyTuple_GET_ITEM(x[4], i) != PyTuple_GET_ITEM(y[4], i))
+            return false;
+    return true;
+}
+
 }  // namespace
+
+bool CSingleScopePrimaryScanner::SharesDefInfo() const {
+    // Only the scanners of a whole-file scan (made in C++, never subclassed)
+    // hand definition info to each other.
+    return _fStackItem && typeid(*this) == typeid(CSingleScopePrimaryScanner);
+}
+
+nb::bytes CSingleScopePrimaryScanner::DefInfoBytesInBody(nb::handle logical_obj,
+                                                         nb::handle full_name, bool in_cls,
+                                                         nb::handle decorator_logicals,
+                                                         nb::handle body0) {
+    if (SharesDefInfo()) {
+        nb::dict known = fPerFileInfo->fScopeDefInfoParts;
+        PyObject *noted = PyDict_GetItemWithError(known.ptr(), logical_obj.ptr());
+        if (!noted && PyErr_Occurred())
+            throw nb::python_error();
+        if (noted) {
+            nb::tuple entry = nb::borrow<nb::tuple>(noted);
+            if (PyDict_DelItem(known.ptr(), logical_obj.ptr()) < 0)
+                throw nb::python_error();
+            nb::object inputs =
+                DefInfoInputs(*AsLogical(logical_obj), in_cls, decorator_logicals, body0);
+            if (!inputs.is_none() && SameDefInfoInputs(inputs, entry[0]))
+                return PackDefInfo(full_name, entry[1]);
+        }
+    }
+    return GetInfoBytesForScopeDef_(logical_obj, full_name, in_cls, decorator_logicals, body0);
+}
 
 nb::bytes CSingleScopePrimaryScanner::GetScopeDefInfoBytes_() {
     nb::handle name = ScopeName();
@@ -50,13 +115,32 @@ nb::bytes CSingleScopePrimaryScanner::GetScopeDefInfoBytes_() {
         body0 = fBody[0];
         (void) AsLogical(body0, "the first logical of a body");
     }
-    return GetInfoBytesForScopeDef_(fScopeDef, name, in_cls, fDecoratorLogicals, body0);
+    if (!SharesDefInfo())
+        return GetInfoBytesForScopeDef_(fScopeDef, name, in_cls, fDecoratorLogicals, body0);
+    nb::tuple parts = DefInfoParts(fScopeDef, in_cls, fDecoratorLogicals, body0);
+    nb::object inputs = DefInfoInputs(*def, in_cls, fDecoratorLogicals, body0);
+    if (!inputs.is_none())
+        fPerFileInfo->fScopeDefInfoParts[fScopeDef] = nb::make_tuple(inputs, parts);
+    return PackDefInfo(name, parts);
 }
 
 nb::bytes CSingleScopePrimaryScanner::GetInfoBytesForScopeDef_(nb::handle logical_obj,
                                                                nb::handle full_name, bool in_cls,
                                                                nb::handle decorator_logicals,
                                                                nb::handle body0) {
+    return PackDefInfo(full_name, DefInfoParts(logical_obj, in_cls, decorator_logicals, body0));
+}
+
+nb::bytes CSingleScopePrimaryScanner::PackDefInfo(nb::handle full_name, nb::handle parts) {
+    nb::tuple fields = nb::borrow<nb::tuple>(parts);
+    if (fields[0].is_none())
+        return si::PyPackClassInfo(full_name, fields[1], fields[2], fields[4]);
+    return si::PyBuildDefInfoStr(fields[0], full_name, fields[1], fields[2], fields[3], fields[4]);
+}
+
+nb::tuple CSingleScopePrimaryScanner::DefInfoParts(nb::handle logical_obj, bool in_cls,
+                                                   nb::handle decorator_logicals,
+                                                   nb::handle body0) {
     CLogicalLine &logical = *AsLogical(logical_obj);
     nb::list toks = nb::list(logical.GetToks());
     Py_ssize_t count = PyList_GET_SIZE(toks.ptr());
@@ -126,11 +210,10 @@ nb::bytes CSingleScopePrimaryScanner::GetInfoBytesForScopeDef_(nb::handle logica
         }
         if (return_text.is_none() && !hint_dict.is_none())
             return_text = hint_dict.attr("get")("return");
-        return si::PyBuildDefInfoStr(prefix, full_name, type_params, arg_decl, return_text,
-                                     decorators());
+        return nb::make_tuple(prefix, type_params, arg_decl, return_text, decorators());
     }
     if (logical.fKind == LogicalKind::kClassDef)
-        return si::PyPackClassInfo(full_name, type_params, arg_decl, decorators());
+        return nb::make_tuple(nb::none(), type_params, arg_decl, nb::none(), decorators());
     throw nb::value_error("definition info is made only for def and class logicals");
 }
 

@@ -139,6 +139,20 @@ private:
     nb::dict HintsFromFunctionDef(nb::handle logical, nb::handle body0,
                                   Py_ssize_t comment_arg_shift);
     void FoldNameInfo(CLogicalLine &logical, nb::handle logical_i_bytes);
+    // The definition info of a def or class logical is its full name packed
+    // with parts worked out from the logical: (def prefix or None for a
+    // class, type parameters, declaration, return text, decorator names).
+    nb::tuple DefInfoParts(nb::handle logical, bool in_cls, nb::handle decorator_logicals,
+                           nb::handle body0);
+    static nb::bytes PackDefInfo(nb::handle full_name, nb::handle parts);
+    // Whether this scanner and the others of its file hand each other the
+    // parts of definition info (fScopeDefInfoParts).
+    bool SharesDefInfo() const;
+    // The definition info of a def or class in this scope's body, from the
+    // parts its own scope's scan left when they were worked out from the
+    // same, else worked out now.
+    nb::bytes DefInfoBytesInBody(nb::handle logical, nb::handle full_name, bool in_cls,
+                                 nb::handle decorator_logicals, nb::handle body0);
     // Whether the body logical after `header` (at fLogicalIndex_ of fBody)
     // shares its line: a one-line block.
     bool HasBodyOnItsLine(const CLogicalLine &header) const;
