@@ -210,6 +210,15 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    inner()", "a", {"float"}),
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    v = ''", "a",
      {"None", "float", "str"}),
+    # A call's return is read with what the call passes: settings and tests of its parameters
+    # in the body apply, and a return no value passed can reach doesn't count.
+    ("def conv(x):\n        x = str(x)\n        return x\n    target(conv(1))", "a", {"str"}),
+    ("def keep(s):\n        if isinstance(s, str):\n            return s\n        return None\n"
+     "    target(keep(v or ''))", "a", {"str", "None"}),
+    ("def strip(s):\n        if isinstance(s, str):\n            return ''\n        return b''\n"
+     "    target(strip('x'))", "a", {"str"}),
+    ("def pick(s, d=None):\n        if s is None:\n            return d\n        return 1\n"
+     "    target(pick(None, ''))", "a", {"str"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -397,8 +397,18 @@ private:
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
+    // The values of a record's entry (of `name`, when given: a parameter
+    // that a call binds stands for what that call passes, not for what all
+    // callers pass or its default).
     ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
-                         long long use_index);
+                         long long use_index, std::string_view name = {});
+    // What the call whose body is being read binds to `name` of `scope`.
+    const ValueSet *BoundValuesOf(nb::handle scope, std::string_view name);
+    // `entry` without its numbered singles at body logicals that no value
+    // the names a call binds can reach (`if isinstance(s, str): return s`
+    // `else: return b''` of a str).
+    std::string ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry,
+                               const std::vector<std::string> &names);
     // An unnumbered single of a parameter's binding in its def's body.
     static bool IsParameterBinding(std::string_view single);
     ValueSet ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index);

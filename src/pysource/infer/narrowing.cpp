@@ -123,13 +123,14 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             // `if x is None: x = ...`: the earlier values only when x wasn't
             // None; those are what x is at the `if`, itself after earlier ones.
             std::string earlier = EntryPart(entry, -1, header - 1, true);
-            ValueSet before = Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header));
+            ValueSet before =
+                Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header, name));
             parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
                 NarrowBy(tree, root, frame, name, false, before);
             });
             // What the block set, narrowed by its `if` blocks that leave
             // after those settings (`if not isinstance(x, int): raise`).
-            ValueSet inside = EntryValues(scope, record, EntryPart(entry, header, last, false), use_index);
+            ValueSet inside = EntryValues(scope, record, EntryPart(entry, header, last, false), use_index, name);
             const std::vector<std::vector<Guard>> *ends = ConditionsOf(scope, "BlockExits");
             if (ends && (std::size_t) header < ends->size())
                 for (const auto &[exit_header, exit_condition, held] : (*ends)[(std::size_t) header]) {
@@ -153,6 +154,30 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         });
     }
     return values;
+}
+
+std::string CEvaluator::ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry,
+                                       const std::vector<std::string> &names) {
+    std::string out;
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        std::optional<long long> at = si::SplitLogicalIndexSuffix(single).logical_index;
+        bool reached = true;
+        for (std::size_t i = 0; at && reached && i < names.size() && !Stop(); ++i) {
+            nb::object name_entry = InfoBytesOf(record, names[i]);
+            if (name_entry.is_none())
+                continue;
+            std::string_view text = si::TextView(name_entry, "ibytes");
+            ValueSet values = EntryValues(scope, record, text, *at, names[i]);
+            // The tests around the logical leave the name nothing it may be there.
+            reached = values.Empty() || !Narrowed(scope, record, names[i], text, *at, values).Empty();
+        }
+        if (!reached)
+            continue;
+        if (!out.empty())
+            out.push_back(';');
+        out.append(single);
+    }
+    return out;
 }
 
 void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
