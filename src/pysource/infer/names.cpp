@@ -774,6 +774,32 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     return true;
 }
 
+bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long at) {
+    if (fInReachCheck || at < 0 || fBoundNames.empty())
+        return true;
+    std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
+    if (names.empty())
+        return true;
+    std::tuple<std::string, std::string, long long> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
+    auto known = fReachable.find(key);
+    if (known != fReachable.end() && known->second.first == fBindingVersion)
+        return known->second.second;
+    fInReachCheck = true;
+    bool reached = true;
+    for (const auto &[name, bound] : names) {
+        if (!reached || Stop())
+            break;
+        nb::object entry = InfoBytesOf(record, name);
+        bool own = !entry.is_none() && BindsName(EntryOf(si::TextView(entry, "ibytes"))->kinds);
+        std::string_view text = own ? si::TextView(entry, "ibytes") : std::string_view();
+        ValueSet values = own ? EntryValues(scope, record, text, at, name) : *bound;
+        reached = values.Empty() || !Narrowed(scope, record, name, text, at, values).Empty();
+    }
+    fInReachCheck = false;
+    fReachable[key] = {fBindingVersion, reached};
+    return reached;
+}
+
 const ValueSet *CEvaluator::BoundValuesOf(nb::handle scope, std::string_view name) {
     if (fBoundNames.empty() || name.empty())
         return nullptr;
@@ -854,6 +880,9 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             defs_unbound = *first_set >= use_index && !InOneLoop(scope, *first_set, use_index);
     }
     for (const auto &[single, at] : singles) {
+        // A setting that can't run under what a call binds doesn't count.
+        if (at >= 0 && !LogicalReachable(scope, record, at))
+            continue;
         if (bound && at < -1 && !si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)))) {
             // The unnumbered singles bind the parameter (what callers pass, its
             // default, the instance or class of a method's first): the call's

@@ -156,26 +156,38 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
     return values;
 }
 
-std::string CEvaluator::ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry,
-                                       const std::vector<std::string> &names) {
+std::string CEvaluator::ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry) {
     std::string out;
     for (std::string_view single : si::NonNestedSplit(entry, ";")) {
         std::optional<long long> at = si::SplitLogicalIndexSuffix(single).logical_index;
-        bool reached = true;
-        for (std::size_t i = 0; at && reached && i < names.size() && !Stop(); ++i) {
-            nb::object name_entry = InfoBytesOf(record, names[i]);
-            if (name_entry.is_none())
-                continue;
-            std::string_view text = si::TextView(name_entry, "ibytes");
-            ValueSet values = EntryValues(scope, record, text, *at, names[i]);
-            // The tests around the logical leave the name nothing it may be there.
-            reached = values.Empty() || !Narrowed(scope, record, names[i], text, *at, values).Empty();
-        }
-        if (!reached)
+        if (at && !LogicalReachable(scope, record, *at))
             continue;
         if (!out.empty())
             out.push_back(';');
         out.append(single);
+    }
+    return out;
+}
+
+std::vector<std::pair<std::string, const ValueSet *>> CEvaluator::BindingsAround(nb::handle scope) {
+    std::vector<std::pair<std::string, const ValueSet *>> out;
+    if (fBoundNames.empty())
+        return out;
+    const std::string url = LocationUrl(ScopeLoc(scope));
+    std::string_view name = ScopeName(scope);
+    std::map<std::string, std::size_t> depth;  // the innermost scope's binding of a name counts
+    for (const auto &[key, values] : fBoundNames) {
+        const auto &[bound_url, scope_name, bound_name] = key;
+        bool around = scope_name == name ||
+                      (name.size() > scope_name.size() && name.starts_with(scope_name) && name[scope_name.size()] == '.');
+        if (bound_url != url || !around)
+            continue;
+        auto it = depth.find(bound_name);
+        if (it != depth.end() && it->second > scope_name.size())
+            continue;
+        depth[bound_name] = scope_name.size();
+        std::erase_if(out, [&](const auto &item) { return item.first == bound_name; });
+        out.emplace_back(bound_name, &values);
     }
     return out;
 }
@@ -188,10 +200,11 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     switch (n.kind) {
     case NodeKind::kName:
         // A true value is never None (None alone: nothing is known there).
-        if (holds && TokAt(tree, n.aux) == name) {
+        if (TokAt(tree, n.aux) == name) {
+            // A false value is none that is true whatever it holds.
             ValueSet kept;
             for (const nb::object &v : values.Items())
-                if (!IsNoneLiteral(v))
+                if (holds ? !IsNoneLiteral(v) : !IsSurelyTrue(v))
                     kept.Add(v);
             values = kept;
         } else if (holds) {
@@ -324,6 +337,55 @@ void CEvaluator::NarrowBySavedTest(const Frame &frame, std::string_view flag, st
     fInSavedTest = true;
     NarrowBy(parsed->tree, parsed->root, Frame{frame.scope, test_at, nullptr, nullptr}, name, true, values);
     fInSavedTest = false;
+}
+
+bool CEvaluator::TestCanBe(const Tree &tree, std::int32_t test, const Frame &frame, bool holds) {
+    // The one name the test reads, first through `not`.
+    std::int32_t node = test;
+    while (node >= 0 && tree.nodes[(std::size_t) node].kind == NodeKind::kUnaryOp &&
+           TokAt(tree, tree.nodes[(std::size_t) node].tok_begin) == "not")
+        node = tree.Kid(tree.nodes[(std::size_t) node], 0);
+    if (node < 0)
+        return true;
+    const Node &n = tree.nodes[(std::size_t) node];
+    std::int32_t name_node = n.kind == NodeKind::kName ? node
+                             : n.kind == NodeKind::kCompare && n.kids_count == 2 ? tree.Kid(n, 0)
+                             : n.kind == NodeKind::kCall && n.kids_count == 3 ? tree.Kid(n, 1)
+                                                                              : -1;
+    if (name_node < 0 || tree.nodes[(std::size_t) name_node].kind != NodeKind::kName)
+        return true;
+    ValueSet values = Eval(tree, name_node, frame);
+    if (values.Empty())
+        return true;
+    NarrowBy(tree, test, frame, TokAt(tree, tree.nodes[(std::size_t) name_node].aux), holds, values);
+    return !values.Empty();
+}
+
+bool CEvaluator::IsSurelyTrue(nb::handle value) {
+    si::CSingleResolvedInfo *s = Single(value);
+    // (A class may be false: its metaclass may define __len__, as enumerations' does.)
+    if (s->IsDef() || s->IsModule())
+        return true;
+    std::string_view bare = s->Bare();
+    if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
+        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+        if (!lit.value)
+            return false;
+        std::string_view text = si::StripSpaces(*lit.value);
+        if (lit.class_name == "bool")
+            return text == "True";
+        if (lit.class_name == "int" || lit.class_name == "float")
+            return !text.empty() && text.find_first_not_of("0._+-") != std::string_view::npos &&
+                   text.find_first_of("eExXjJ") == std::string_view::npos;
+        return false;
+    }
+    if (!s->IsInstance(false) || IsExpressionText(value, false) || IsExpressionText(value, true))
+        return false;
+    nb::object cls = ClassOfInstance(value);
+    if (cls.is_none())
+        return false;
+    return ClassAttribute(cls, "__bool__", value, MapOfInstance(value), true).Empty() &&
+           ClassAttribute(cls, "__len__", value, MapOfInstance(value), true).Empty();
 }
 
 bool CEvaluator::IsCallableValue(nb::handle value) {
