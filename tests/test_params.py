@@ -219,6 +219,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      "    target(strip('x'))", "a", {"str"}),
     ("def pick(s, d=None):\n        if s is None:\n            return d\n        return 1\n"
      "    target(pick(None, ''))", "a", {"str"}),
+    ("def pick(s):\n        if s is not None:\n            return 1\n        return ''\n    target(pick(len))", "a", {"int"}),
+    ("def pick(s):\n        if isinstance(s, str):\n            return ''\n        return b''\n    target(pick(2))", "a",
+     {"bytes"}),
     # A parameter the call leaves out holds its default; a def the call returns reads the
     # names around it as the call bound them.
     ("def pick(s, d=None):\n        if d is None:\n            return 1\n        return s\n    target(pick(''))",

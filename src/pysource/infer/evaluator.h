@@ -410,6 +410,10 @@ private:
     bool fArgumentsWhole = false;
     // While a body logical's reachability is read: no reachability inside.
     bool fInReachCheck = false;
+    // Narrowing for reachability: a test that none of the values meets
+    // leaves nothing (elsewhere it leaves what the test says, the values
+    // being possibly incomplete).
+    bool fStrictNarrowing = false;
     // Whether a body logical of `scope` can run under the names a call binds
     // (and the closure of the def it calls): not when the tests around it
     // leave one of them nothing it may be there.

@@ -793,7 +793,13 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
         bool own = !entry.is_none() && BindsName(EntryOf(si::TextView(entry, "ibytes"))->kinds);
         std::string_view text = own ? si::TextView(entry, "ibytes") : std::string_view();
         ValueSet values = own ? EntryValues(scope, record, text, at, name) : *bound;
-        reached = values.Empty() || !Narrowed(scope, record, name, text, at, values).Empty();
+        // Only values all known tell that no test around can be met.
+        bool known = !values.Empty();
+        for (const nb::object &v : values.Items())
+            known = known && si::GetInfoBytesKind(si::TextView(Single(v)->ibytes, "ibytes")) != si::kExpressionEquivKind;
+        fStrictNarrowing = known;
+        reached = !known || !Narrowed(scope, record, name, text, at, values).Empty();
+        fStrictNarrowing = false;
     }
     fInReachCheck = false;
     fReachable[key] = {fBindingVersion, reached};

@@ -63,6 +63,17 @@ bool IsReference(const pgen::Tree &tree, std::int32_t node) {
     return kind == NodeKind::kName || kind == NodeKind::kAttribute;
 }
 
+// Strict narrowing stays with the tested name: what else a test reads is
+// evaluated as anywhere.
+struct Loose {
+    bool &flag;
+    bool saved;
+    explicit Loose(bool &f) : flag(f), saved(std::exchange(f, false)) {}
+    ~Loose() { flag = saved; }
+    Loose(const Loose &) = delete;
+    Loose &operator=(const Loose &) = delete;
+};
+
 }  // namespace
 
 namespace {
@@ -123,6 +134,7 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             // `if x is None: x = ...`: the earlier values only when x wasn't
             // None; those are what x is at the `if`, itself after earlier ones.
             std::string earlier = EntryPart(entry, -1, header - 1, true);
+            Loose loose(fStrictNarrowing);
             ValueSet before =
                 Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header, name));
             parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
@@ -240,11 +252,14 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         std::int32_t kinds = tree.Kid(n, 2);
         const Node &k = tree.nodes[(std::size_t) kinds];
         ValueSet classes;
-        if (k.kind == NodeKind::kTuple)
-            for (std::int32_t i = 0; i < k.kids_count; ++i)
-                classes.Merge(Eval(tree, tree.Kid(k, i), frame));
-        else
-            classes = Eval(tree, kinds, frame);
+        {
+            Loose loose(fStrictNarrowing);
+            if (k.kind == NodeKind::kTuple)
+                for (std::int32_t i = 0; i < k.kids_count; ++i)
+                    classes.Merge(Eval(tree, tree.Kid(k, i), frame));
+            else
+                classes = Eval(tree, kinds, frame);
+        }
         values = NarrowToClasses(values, classes, holds);
         return;
     }
@@ -263,7 +278,11 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             return;
         bool positive = equal == holds;
         if (IsTypeOfName(tree, left, name)) {
-            ValueSet classes = Eval(tree, right, frame);
+            ValueSet classes;
+            {
+                Loose loose(fStrictNarrowing);
+                classes = Eval(tree, right, frame);
+            }
             if (member)
                 classes = IterItems(classes);
             if (positive) {
@@ -283,12 +302,17 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             for (const nb::object &v : values.Items())
                 if (IsNoneLiteral(v) == positive)
                     kept.Add(v);
-            if (positive && kept.Empty())
+            if (positive && kept.Empty() && !fStrictNarrowing)
                 kept.Add(LiteralSingle("None", std::nullopt));
             values = kept;
         } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
                    IsReference(tree, right)) {
-            values = NarrowToObjects(values, Eval(tree, right, frame), positive);
+            ValueSet objects;
+            {
+                Loose loose(fStrictNarrowing);
+                objects = Eval(tree, right, frame);
+            }
+            values = NarrowToObjects(values, objects, positive);
         }
         return;
     }
@@ -441,7 +465,7 @@ ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &obj
     for (const nb::object &v : values.Items())
         if (IsInstanceOfExactly(v, classes, false) == holds)
             out.Add(v);
-    return out.Empty() && holds ? objects : out;
+    return out.Empty() && holds && !fStrictNarrowing ? objects : out;
 }
 
 // The values that are (`holds`) or aren't instances of one of `classes`; a
@@ -460,7 +484,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     for (const nb::object &v : values.Items()) {
         nb::object cls = ClassOfInstance(v);
         if (cls.is_none()) {
-            if (!holds)
+            if (!holds || fStrictNarrowing)  // (strictly: a value of no readable class may be one)
                 out.Add(v);
             continue;
         }
@@ -480,6 +504,8 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
                         break;
                     }
     }
+    if (fStrictNarrowing)
+        return out;
     if (holds && out.Empty())
         for (const nb::object &w : wanted)
             out.Merge(InstanceOf(w, nb::none()));
