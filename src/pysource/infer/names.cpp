@@ -792,6 +792,14 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
         nb::object entry = InfoBytesOf(record, name);
         bool own = !entry.is_none() && BindsName(EntryOf(si::TextView(entry, "ibytes"))->kinds);
         std::string_view text = own ? si::TextView(entry, "ibytes") : std::string_view();
+        // A name set again before the logical: what the settings give may be
+        // partly unknown, so the tests say nothing sure.
+        bool set_before = false;
+        if (own)
+            for (const EntryPiece &piece : EntryOf(text)->pieces)
+                set_before = set_before || (piece.index && *piece.index < at && SaysValue(piece.bare_kind));
+        if (set_before)
+            continue;
         ValueSet values = own ? EntryValues(scope, record, text, at, name) : *bound;
         // Only values all known tell that no test around can be met.
         bool known = !values.Empty();
