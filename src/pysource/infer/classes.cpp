@@ -852,8 +852,7 @@ ValueSet CEvaluator::WithClosures(const ValueSet &values) {
         nb::list closure;
         for (const auto &[key, bound] : fBoundNames) {
             const auto &[bound_url, scope_name, bound_name] = key;
-            if (bound_url == url && name.size() > scope_name.size() && name.starts_with(scope_name) &&
-                name[scope_name.size()] == '.')
+            if (bound_url == url && IsNestedScopeName(name, scope_name))
                 closure.append(nb::make_tuple(bound_url, scope_name, bound_name, bound.AsFrozenSet()));
         }
         if (closure.size() == 0) {

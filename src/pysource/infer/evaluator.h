@@ -46,6 +46,10 @@ inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
 inline bool SameClass(symbolinfo::CSingleResolvedInfo *a, symbolinfo::CSingleResolvedInfo *b) {
     return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
 }
+// Whether the dotted scope name `inner` names a scope inside `outer`.
+inline bool IsNestedScopeName(std::string_view inner, std::string_view outer) {
+    return inner.size() > outer.size() && inner.starts_with(outer) && inner[outer.size()] == '.';
+}
 
 // The name and location of a scope: straight from our own CScope, through
 // its Python attributes for any other object.

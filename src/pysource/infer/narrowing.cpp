@@ -190,9 +190,7 @@ std::vector<std::pair<std::string, const ValueSet *>> CEvaluator::BindingsAround
     std::map<std::string, std::size_t> depth;  // the innermost scope's binding of a name counts
     for (const auto &[key, values] : fBoundNames) {
         const auto &[bound_url, scope_name, bound_name] = key;
-        bool around = scope_name == name ||
-                      (name.size() > scope_name.size() && name.starts_with(scope_name) && name[scope_name.size()] == '.');
-        if (bound_url != url || !around)
+        if (bound_url != url || (scope_name != name && !IsNestedScopeName(name, scope_name)))
             continue;
         auto it = depth.find(bound_name);
         if (it != depth.end() && it->second > scope_name.size())
