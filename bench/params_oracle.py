@@ -45,6 +45,8 @@ kAbstractClasses = ("Iterator", "Iterable", "Generator", "Mapping", "MutableMapp
                     "MutableSequence", "Set", "Collection", "Container", "Callable", "Hashable",
                     "Sized", "Reversible")
 kSelfNames = ("self", "cls")
+# typing's other names of the abstract classes above.
+kTypingAliases = {"typing.AbstractSet": "typing.Set"}
 _kScopeIndex = re.compile(r"\|\d+")
 
 # Runtime classes that stand for what our texts call a function, a class, a module.
@@ -292,7 +294,7 @@ def Comparable(text):
         return "function"
     if text.startswith("collections.abc."):
         text = "typing." + text[len("collections.abc."):]
-    return _StandardAlias(text)
+    return _StandardAlias(kTypingAliases.get(text, text))
 
 
 @functools.lru_cache(maxsize=None)

@@ -210,6 +210,30 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    inner()", "a", {"float"}),
     ("if v is None:\n        return\n    def inner():\n        target(v)\n    v = ''", "a",
      {"None", "float", "str"}),
+    # A call's return is read with what the call passes: settings and tests of its parameters
+    # in the body apply, and a return no value passed can reach doesn't count.
+    ("def conv(x):\n        x = str(x)\n        return x\n    target(conv(1))", "a", {"str"}),
+    ("def keep(s):\n        if isinstance(s, str):\n            return s\n        return None\n"
+     "    target(keep(v or ''))", "a", {"str", "None"}),
+    ("def strip(s):\n        if isinstance(s, str):\n            return ''\n        return b''\n"
+     "    target(strip('x'))", "a", {"str"}),
+    ("def pick(s, d=None):\n        if s is None:\n            return d\n        return 1\n"
+     "    target(pick(None, ''))", "a", {"str"}),
+    ("def pick(s):\n        if s is not None:\n            return 1\n        return ''\n    target(pick(len))", "a", {"int"}),
+    ("def pick(s):\n        if isinstance(s, str):\n            return ''\n        return b''\n    target(pick(2))", "a",
+     {"bytes"}),
+    # A parameter the call leaves out holds its default; a def the call returns reads the
+    # names around it as the call bound them.
+    ("def pick(s, d=None):\n        if d is None:\n            return 1\n        return s\n    target(pick(''))",
+     "a", {"int"}),
+    ("def factory(info=None, lock=None):\n        def deco(f):\n            if info:\n                return 1\n"
+     "            if lock is not None:\n                return ''\n            return f\n        return deco\n"
+     "    target(factory(info=True)(len))", "a", {"int"}),
+    # A def, a module, True or a non-zero number are never false; a test decides a conditional
+    # expression when it can come out one way only.
+    ("def first(f):\n        if not f:\n            return ''\n        return 1\n    target(first(len))", "a", {"int"}),
+    ("w = 1 if len else ''\n    target(w)", "a", {"int"}),
+    ("w = 1 if v else ''\n    target(w)", "a", {"int", "str"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -26,7 +26,7 @@ nb::object TextOrNone(const OptText &text) { return text ? nb::object(ToStr(*tex
 CSingleResolvedInfo::CSingleResolvedInfo(nb::handle ibytes_, nb::ref<CScope> scope_,
                                          nb::object loc_, nb::object class_ref)
     : ibytes(ToBytes(TextView(ibytes_, "ibytes"))), scope(std::move(scope_)),
-      fClassRef(std::move(class_ref)), fTypeArgs(nb::none()), fBoundTo(nb::none()) {
+      fClassRef(std::move(class_ref)), fTypeArgs(nb::none()), fBoundTo(nb::none()), fClosure(nb::none()) {
     if (!scope)
         throw nb::type_error("a resolved single needs a scope");
     loc = loc_.is_none() ? scope->loc : std::move(loc_);

@@ -35,6 +35,10 @@ public:
     // For a bound method, the single it is bound to (an instance, or the
     // class of a classmethod); None otherwise.  Not part of the value.
     nb::object fBoundTo;
+    // For a nested def that a call returned, what that call bound to the
+    // names of the scopes around it: a tuple of (url, scope name, name,
+    // frozenset of singles), or None.  Not part of the value.
+    nb::object fClosure;
 
     virtual bool IsDef();
     virtual bool IsClass(bool include_builtin = true);

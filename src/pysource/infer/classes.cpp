@@ -647,6 +647,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
 
 ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> &args,
                              const std::vector<std::pair<std::string, ValueSet>> &kwargs) {
+    const bool arguments_whole = std::exchange(fArgumentsWhole, false);
     si::CSingleResolvedInfo *d = Single(def_single);
     TypeMap map = TupleToMap(d->fTypeArgs);
     if (!d->fBoundTo.is_none()) {
@@ -692,8 +693,10 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     // passes them.
     std::vector<Param> params = ParamsOf(def);
     std::vector<std::pair<std::string, ValueSet>> arguments;
+    std::set<std::string> passed;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
     for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+        passed.insert(params[p].name);
         if (params[p].star == 1 && params[p].hint.empty()) {
             // `*args`: a tuple of the positions this call passes from there on.
             nb::object tuple_cls = BuiltinClass("tuple");
@@ -709,10 +712,29 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         if (params[p].hint.empty() && !args[a].Empty())
             arguments.emplace_back(params[p].name, args[a]);
     }
-    for (const auto &[name, values] : kwargs)
+    for (const auto &[name, values] : kwargs) {
+        passed.insert(name);
         for (std::size_t p = first; p < params.size(); ++p)
             if (params[p].name == name && params[p].star == 0 && params[p].hint.empty() && !values.Empty())
                 arguments.emplace_back(name, values);
+    }
+    nb::object body = arguments_whole ? ScopeAt(d->loc, NameOf(d)) : nb::object();
+    nb::object record = arguments_whole ? RecordOf(body) : nb::object();
+    for (std::size_t p = first; arguments_whole && !record.is_none() && p < params.size(); ++p) {
+        // A parameter the call leaves out holds its default.
+        if (params[p].star || !params[p].hint.empty() || !params[p].has_default || passed.count(params[p].name))
+            continue;
+        nb::object entry = InfoBytesOf(record, params[p].name);
+        if (entry.is_none())
+            continue;
+        ValueSet defaults;
+        for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";"))
+            if (IsParameterBinding(single) && !si::SplitLogicalIndexSuffix(single).logical_index &&
+                si::GetInfoBytesKind(si::BareSingle(single)) != si::kArgKind)
+                defaults.Merge(ValuesOfSingle(body, single, -2));
+        if (!defaults.Empty())
+            arguments.emplace_back(params[p].name, defaults);
+    }
     return ReturnsOfDef(def_single, map, arguments);
 }
 
@@ -780,6 +802,18 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
             }
         }
     }
+    // A def that a call returned reads the names around it as that call bound them.
+    std::vector<std::tuple<std::string, std::string, std::string>> closure_keys;
+    if (!d->fClosure.is_none())
+        for (nb::handle item : d->fClosure) {
+            nb::tuple t = nb::borrow<nb::tuple>(item);
+            std::tuple<std::string, std::string, std::string> key{nb::cast<std::string>(t[0]), nb::cast<std::string>(t[1]),
+                                                                 nb::cast<std::string>(t[2])};
+            if (fBoundNames.emplace(key, ValueSet::FromIterable(t[3])).second) {
+                closure_keys.push_back(key);
+                ++fBindingVersion;
+            }
+        }
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
@@ -789,13 +823,50 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         }
     }
     ++fDepth;
-    out = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
+    std::string_view returned = si::TextView(returns, "ibytes");
+    // A return under tests that nothing this call passes meets doesn't run.
+    std::string reachable = ReachableEntry(scope, record, returned);
+    returned = reachable;
+    out = EntryValues(scope, record, returned, -2);
+    out = WithClosures(out);
     --fDepth;
+    for (const auto &key : closure_keys)
+        fBoundNames.erase(key);
     if (binds_self)
         fBoundNames.erase(self_key);
     for (const auto &key : bound_arguments)
         fBoundNames.erase(key);
     ++fBindingVersion;
+    return out;
+}
+
+ValueSet CEvaluator::WithClosures(const ValueSet &values) {
+    if (fBoundNames.empty())
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        si::CSingleResolvedInfo *s = Single(v);
+        if (!s->IsDef() || !s->fBoundTo.is_none() || !s->fClosure.is_none()) {
+            out.Add(v);
+            continue;
+        }
+        std::string_view name = NameOf(s);
+        const std::string url = LocationUrl(s->loc);
+        nb::list closure;
+        for (const auto &[key, bound] : fBoundNames) {
+            const auto &[bound_url, scope_name, bound_name] = key;
+            if (bound_url == url && IsNestedScopeName(name, scope_name))
+                closure.append(nb::make_tuple(bound_url, scope_name, bound_name, bound.AsFrozenSet()));
+        }
+        if (closure.size() == 0) {
+            out.Add(v);
+            continue;
+        }
+        nb::ref<si::CSingleResolvedInfo> copy(new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef));
+        copy->fTypeArgs = s->fTypeArgs;
+        copy->fClosure = nb::tuple(closure);
+        out.Add(nb::cast(copy));
+    }
     return out;
 }
 

@@ -333,10 +333,15 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kCompare:
         out.Add(LiteralSingle("bool", std::nullopt));
         return out;
-    case NodeKind::kIfExp:
-        out.Merge(Eval(tree, tree.Kid(n, 0), frame));
-        out.Merge(Eval(tree, tree.Kid(n, 2), frame));
+    case NodeKind::kIfExp: {
+        // A branch whose test can't come out that way for a name it tests gives nothing.
+        std::int32_t test = tree.Kid(n, 1);
+        if (TestCanBe(tree, test, frame, true))
+            out.Merge(Eval(tree, tree.Kid(n, 0), frame));
+        if (TestCanBe(tree, test, frame, false))
+            out.Merge(Eval(tree, tree.Kid(n, 2), frame));
         return out;
+    }
     case NodeKind::kNamedExpr:
         return Eval(tree, tree.Kid(n, 1), frame);
     case NodeKind::kAwait:
@@ -683,7 +688,7 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             if (!every_fitted)
                 break;
             for (const nb::object &callee : chosen.Items())
-                expanded.Merge(CallValue(callee, one_args, kwargs, frame));
+                expanded.Merge(CallWithArguments(callee, one_args, kwargs, frame, keywords_known));
         }
         if (every_fitted) {
             out.Merge(expanded);
@@ -691,7 +696,16 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
         }
     }
     for (const nb::object &callee : selected.Items())
-        out.Merge(CallValue(callee, args, kwargs, frame));
+        out.Merge(CallWithArguments(callee, args, kwargs, frame, keywords_known));
+    return out;
+}
+
+ValueSet CEvaluator::CallWithArguments(nb::handle callee, const std::vector<ValueSet> &args,
+                                       const std::vector<std::pair<std::string, ValueSet>> &kwargs, const Frame &frame,
+                                       bool whole) {
+    fArgumentsWhole = whole;
+    ValueSet out = CallValue(callee, args, kwargs, frame);
+    fArgumentsWhole = false;
     return out;
 }
 

@@ -47,6 +47,10 @@ inline std::string_view NameOf(symbolinfo::CSingleResolvedInfo *s) {
 inline bool SameClass(symbolinfo::CSingleResolvedInfo *a, symbolinfo::CSingleResolvedInfo *b) {
     return a->loc.is(b->loc) && NameOf(a) == NameOf(b);
 }
+// Whether the dotted scope name `inner` names a scope inside `outer`.
+inline bool IsNestedScopeName(std::string_view inner, std::string_view outer) {
+    return inner.size() > outer.size() && inner.starts_with(outer) && inner[outer.size()] == '.';
+}
 
 // The name and location of a scope: straight from our own CScope, through
 // its Python attributes for any other object.
@@ -447,8 +451,46 @@ private:
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
+    // The values of a record's entry (of `name`, when given: a parameter
+    // that a call binds stands for what that call passes, not for what all
+    // callers pass or its default).
+    // CallValue for a call whose arguments are all written out (`whole`: no
+    // `*args` or `**kwargs`), so that a def's parameters it leaves out take
+    // their defaults.
+    ValueSet CallWithArguments(nb::handle callee, const std::vector<ValueSet> &args,
+                               const std::vector<std::pair<std::string, ValueSet>> &kwargs, const Frame &frame,
+                               bool whole);
+    // Set by CallWithArguments for the def call it makes; taken by CallDef.
+    bool fArgumentsWhole = false;
+    // While a body logical's reachability is read: no reachability inside.
+    bool fInReachCheck = false;
+    // Narrowing for reachability: a test that none of the values meets
+    // leaves nothing (elsewhere it leaves what the test says, the values
+    // being possibly incomplete).
+    bool fStrictNarrowing = false;
+    // Whether a body logical of `scope` can run under the names a call binds
+    // (and the closure of the def it calls): not when the tests around it
+    // leave one of them nothing it may be there.
+    bool LogicalReachable(nb::handle scope, nb::handle record, long long at);
+    // Bound names of `scope` and of the scopes around it, with their values.
+    std::vector<std::pair<std::string, const ValueSet *>> BindingsAround(nb::handle scope);
+    // Whether a value is true whatever it holds: a def, a module, a
+    // true literal, an instance whose class defines no __bool__ or __len__.
+    bool IsSurelyTrue(nb::handle value);
+    // Whether a test (`x`, `not x`, `x is None`, `isinstance(x, C)`, ...)
+    // can come out `holds` for what the name it tests may be at the frame.
+    bool TestCanBe(const Tree &tree, std::int32_t test, const Frame &frame, bool holds);
     ValueSet EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
-                         long long use_index);
+                         long long use_index, std::string_view name = {});
+    // What the call whose body is being read binds to `name` of `scope`.
+    const ValueSet *BoundValuesOf(nb::handle scope, std::string_view name);
+    // `entry` without its numbered singles at body logicals that can't run
+    // under what a call binds (`if isinstance(s, str): return s`
+    // `else: return b''` of a str).
+    // `values` with each nested def of a scope whose names a call binds
+    // carrying those bindings, read when it is called.
+    ValueSet WithClosures(const ValueSet &values);
+    std::string ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry);
     // An unnumbered single of a parameter's binding in its def's body.
     static bool IsParameterBinding(std::string_view single);
     ValueSet ValuesOfSingle(nb::handle scope, std::string_view single, long long use_index);
@@ -809,6 +851,8 @@ private:
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;
+    // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
+    std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;

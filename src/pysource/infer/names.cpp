@@ -763,16 +763,15 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         return false;
     if (ScopeDeclaresTypeParam(scope, record, name, out))
         return true;
-    if (!fBoundNames.empty()) {
-        auto bound = fBoundNames.find({LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(name)});
-        if (bound != fBoundNames.end()) {
-            ++fBindingReads;
-            out.Merge(bound->second);
+    nb::object entry = InfoBytesOf(record, name);
+    EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
+    if (const ValueSet *bound = BoundValuesOf(scope, name)) {
+        ++fBindingReads;
+        if (entry.is_none() || !BindsName(kinds)) {
+            out.Merge(*bound);
             return true;
         }
     }
-    nb::object entry = InfoBytesOf(record, name);
-    EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (entry.is_none() || !BindsName(kinds)) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
@@ -801,16 +800,65 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
         redirect = 1;
     else if (Has(kinds, si::kNonlocalKind))
         redirect = 2;
-    out.Merge(Narrowed(scope, record, name, text, use_index, EntryValues(scope, record, text, use_index)));
+    out.Merge(Narrowed(scope, record, name, text, use_index, EntryValues(scope, record, text, use_index, name)));
     return true;
+}
+
+bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long at) {
+    if (fInReachCheck || at < 0 || fBoundNames.empty())
+        return true;
+    std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
+    if (names.empty())
+        return true;
+    std::tuple<std::string, std::string, long long> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
+    auto known = fReachable.find(key);
+    if (known != fReachable.end() && known->second.first == fBindingVersion)
+        return known->second.second;
+    fInReachCheck = true;
+    bool reached = true;
+    for (const auto &[name, bound] : names) {
+        if (!reached || Stop())
+            break;
+        nb::object entry = InfoBytesOf(record, name);
+        bool own = !entry.is_none() && BindsName(EntryOf(si::TextView(entry, "ibytes"))->kinds);
+        std::string_view text = own ? si::TextView(entry, "ibytes") : std::string_view();
+        // A name set again before the logical: what the settings give may be
+        // partly unknown, so the tests say nothing sure.
+        bool set_before = false;
+        if (own)
+            for (const EntryPiece &piece : EntryOf(text)->pieces)
+                set_before = set_before || (piece.index && *piece.index < at && SaysValue(piece.bare_kind));
+        if (set_before)
+            continue;
+        ValueSet values = own ? EntryValues(scope, record, text, at, name) : *bound;
+        // Only values all known tell that no test around can be met.
+        bool known = !values.Empty();
+        for (const nb::object &v : values.Items())
+            known = known && si::GetInfoBytesKind(si::TextView(Single(v)->ibytes, "ibytes")) != si::kExpressionEquivKind;
+        fStrictNarrowing = known;
+        reached = !known || !Narrowed(scope, record, name, text, at, values).Empty();
+        fStrictNarrowing = false;
+    }
+    fInReachCheck = false;
+    fReachable[key] = {fBindingVersion, reached};
+    return reached;
+}
+
+const ValueSet *CEvaluator::BoundValuesOf(nb::handle scope, std::string_view name) {
+    if (fBoundNames.empty() || name.empty())
+        return nullptr;
+    auto bound = fBoundNames.find({LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(name)});
+    return bound == fBoundNames.end() ? nullptr : &bound->second;
 }
 
 // The values of a record's entry.  With a use position, only the settings
 // that reach it count: those at the latest logical before it (a name set
 // again later, or in a loop, falls back to all of them).
 ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::string_view entry,
-                                 long long use_index) {
+                                 long long use_index, std::string_view name) {
     ValueSet out;
+    const ValueSet *bound = BoundValuesOf(scope, name);
+    bool bound_read = false;
     const std::shared_ptr<const ParsedEntry> parsed = EntryOf(entry);
     std::vector<std::pair<std::string_view, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
@@ -876,6 +924,18 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             defs_unbound = *first_set >= use_index && !InOneLoop(scope, *first_set, use_index);
     }
     for (const auto &[single, at] : singles) {
+        // A setting that can't run under what a call binds doesn't count.
+        if (at >= 0 && !LogicalReachable(scope, record, at))
+            continue;
+        if (bound && at < -1 && !si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)))) {
+            // The unnumbered singles bind the parameter (what callers pass, its
+            // default, the instance or class of a method's first): the call's
+            // binding stands for them all.
+            if (!bound_read && !rebound)
+                out.Merge(*bound);
+            bound_read = true;
+            continue;
+        }
         if (declared && !declares(single))
             continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always

@@ -63,6 +63,17 @@ bool IsReference(const pgen::Tree &tree, std::int32_t node) {
     return kind == NodeKind::kName || kind == NodeKind::kAttribute;
 }
 
+// Strict narrowing stays with the tested name: what else a test reads is
+// evaluated as anywhere.
+struct Loose {
+    bool &flag;
+    bool saved;
+    explicit Loose(bool &f) : flag(f), saved(std::exchange(f, false)) {}
+    ~Loose() { flag = saved; }
+    Loose(const Loose &) = delete;
+    Loose &operator=(const Loose &) = delete;
+};
+
 }  // namespace
 
 namespace {
@@ -123,13 +134,15 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             // `if x is None: x = ...`: the earlier values only when x wasn't
             // None; those are what x is at the `if`, itself after earlier ones.
             std::string earlier = EntryPart(entry, -1, header - 1, true);
-            ValueSet before = Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header));
+            Loose loose(fStrictNarrowing);
+            ValueSet before =
+                Narrowed(scope, record, name, earlier, header, EntryValues(scope, record, earlier, header, name));
             parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
                 NarrowBy(tree, root, frame, name, false, before);
             });
             // What the block set, narrowed by its `if` blocks that leave
             // after those settings (`if not isinstance(x, int): raise`).
-            ValueSet inside = EntryValues(scope, record, EntryPart(entry, header, last, false), use_index);
+            ValueSet inside = EntryValues(scope, record, EntryPart(entry, header, last, false), use_index, name);
             const std::vector<std::vector<Guard>> *ends = ConditionsOf(scope, "BlockExits");
             if (ends && (std::size_t) header < ends->size())
                 for (const auto &[exit_header, exit_condition, held] : (*ends)[(std::size_t) header]) {
@@ -155,6 +168,40 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
     return values;
 }
 
+std::string CEvaluator::ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry) {
+    std::string out;
+    for (std::string_view single : si::NonNestedSplit(entry, ";")) {
+        std::optional<long long> at = si::SplitLogicalIndexSuffix(single).logical_index;
+        if (at && !LogicalReachable(scope, record, *at))
+            continue;
+        if (!out.empty())
+            out.push_back(';');
+        out.append(single);
+    }
+    return out;
+}
+
+std::vector<std::pair<std::string, const ValueSet *>> CEvaluator::BindingsAround(nb::handle scope) {
+    std::vector<std::pair<std::string, const ValueSet *>> out;
+    if (fBoundNames.empty())
+        return out;
+    const std::string url = LocationUrl(ScopeLoc(scope));
+    std::string_view name = ScopeName(scope);
+    std::map<std::string, std::size_t> depth;  // the innermost scope's binding of a name counts
+    for (const auto &[key, values] : fBoundNames) {
+        const auto &[bound_url, scope_name, bound_name] = key;
+        if (bound_url != url || (scope_name != name && !IsNestedScopeName(name, scope_name)))
+            continue;
+        auto it = depth.find(bound_name);
+        if (it != depth.end() && it->second > scope_name.size())
+            continue;
+        depth[bound_name] = scope_name.size();
+        std::erase_if(out, [&](const auto &item) { return item.first == bound_name; });
+        out.emplace_back(bound_name, &values);
+    }
+    return out;
+}
+
 void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                           ValueSet &values) {
     if (node < 0)
@@ -163,10 +210,11 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     switch (n.kind) {
     case NodeKind::kName:
         // A true value is never None (None alone: nothing is known there).
-        if (holds && TokAt(tree, n.aux) == name) {
+        if (TokAt(tree, n.aux) == name) {
+            // A false value is none that is true whatever it holds.
             ValueSet kept;
             for (const nb::object &v : values.Items())
-                if (!IsNoneLiteral(v))
+                if (holds ? !IsNoneLiteral(v) : !IsSurelyTrue(v))
                     kept.Add(v);
             values = kept;
         } else if (holds) {
@@ -202,11 +250,14 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         std::int32_t kinds = tree.Kid(n, 2);
         const Node &k = tree.nodes[(std::size_t) kinds];
         ValueSet classes;
-        if (k.kind == NodeKind::kTuple)
-            for (std::int32_t i = 0; i < k.kids_count; ++i)
-                classes.Merge(Eval(tree, tree.Kid(k, i), frame));
-        else
-            classes = Eval(tree, kinds, frame);
+        {
+            Loose loose(fStrictNarrowing);
+            if (k.kind == NodeKind::kTuple)
+                for (std::int32_t i = 0; i < k.kids_count; ++i)
+                    classes.Merge(Eval(tree, tree.Kid(k, i), frame));
+            else
+                classes = Eval(tree, kinds, frame);
+        }
         values = NarrowToClasses(values, classes, holds);
         return;
     }
@@ -225,7 +276,11 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             return;
         bool positive = equal == holds;
         if (IsTypeOfName(tree, left, name)) {
-            ValueSet classes = Eval(tree, right, frame);
+            ValueSet classes;
+            {
+                Loose loose(fStrictNarrowing);
+                classes = Eval(tree, right, frame);
+            }
             if (member)
                 classes = IterItems(classes);
             if (positive) {
@@ -245,12 +300,17 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             for (const nb::object &v : values.Items())
                 if (IsNoneLiteral(v) == positive)
                     kept.Add(v);
-            if (positive && kept.Empty())
+            if (positive && kept.Empty() && !fStrictNarrowing)
                 kept.Add(LiteralSingle("None", std::nullopt));
             values = kept;
         } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
                    IsReference(tree, right)) {
-            values = NarrowToObjects(values, Eval(tree, right, frame), positive);
+            ValueSet objects;
+            {
+                Loose loose(fStrictNarrowing);
+                objects = Eval(tree, right, frame);
+            }
+            values = NarrowToObjects(values, objects, positive);
         }
         return;
     }
@@ -299,6 +359,55 @@ void CEvaluator::NarrowBySavedTest(const Frame &frame, std::string_view flag, st
     fInSavedTest = true;
     NarrowBy(parsed->tree, parsed->root, Frame{frame.scope, test_at, nullptr, nullptr}, name, true, values);
     fInSavedTest = false;
+}
+
+bool CEvaluator::TestCanBe(const Tree &tree, std::int32_t test, const Frame &frame, bool holds) {
+    // The one name the test reads, first through `not`.
+    std::int32_t node = test;
+    while (node >= 0 && tree.nodes[(std::size_t) node].kind == NodeKind::kUnaryOp &&
+           TokAt(tree, tree.nodes[(std::size_t) node].tok_begin) == "not")
+        node = tree.Kid(tree.nodes[(std::size_t) node], 0);
+    if (node < 0)
+        return true;
+    const Node &n = tree.nodes[(std::size_t) node];
+    std::int32_t name_node = n.kind == NodeKind::kName ? node
+                             : n.kind == NodeKind::kCompare && n.kids_count == 2 ? tree.Kid(n, 0)
+                             : n.kind == NodeKind::kCall && n.kids_count == 3 ? tree.Kid(n, 1)
+                                                                              : -1;
+    if (name_node < 0 || tree.nodes[(std::size_t) name_node].kind != NodeKind::kName)
+        return true;
+    ValueSet values = Eval(tree, name_node, frame);
+    if (values.Empty())
+        return true;
+    NarrowBy(tree, test, frame, TokAt(tree, tree.nodes[(std::size_t) name_node].aux), holds, values);
+    return !values.Empty();
+}
+
+bool CEvaluator::IsSurelyTrue(nb::handle value) {
+    si::CSingleResolvedInfo *s = Single(value);
+    // (A class may be false: its metaclass may define __len__, as enumerations' does.)
+    if (s->IsDef() || s->IsModule())
+        return true;
+    std::string_view bare = s->Bare();
+    if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
+        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+        if (!lit.value)
+            return false;
+        std::string_view text = si::StripSpaces(*lit.value);
+        if (lit.class_name == "bool")
+            return text == "True";
+        if (lit.class_name == "int" || lit.class_name == "float")
+            return !text.empty() && text.find_first_not_of("0._+-") != std::string_view::npos &&
+                   text.find_first_of("eExXjJ") == std::string_view::npos;
+        return false;
+    }
+    if (!s->IsInstance(false) || IsExpressionText(value, false) || IsExpressionText(value, true))
+        return false;
+    nb::object cls = ClassOfInstance(value);
+    if (cls.is_none())
+        return false;
+    return ClassAttribute(cls, "__bool__", value, MapOfInstance(value), true).Empty() &&
+           ClassAttribute(cls, "__len__", value, MapOfInstance(value), true).Empty();
 }
 
 bool CEvaluator::IsCallableValue(nb::handle value) {
@@ -354,7 +463,7 @@ ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &obj
     for (const nb::object &v : values.Items())
         if (IsInstanceOfExactly(v, classes, false) == holds)
             out.Add(v);
-    return out.Empty() && holds ? objects : out;
+    return out.Empty() && holds && !fStrictNarrowing ? objects : out;
 }
 
 // The values that are (`holds`) or aren't instances of one of `classes`; a
@@ -373,7 +482,7 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     for (const nb::object &v : values.Items()) {
         nb::object cls = ClassOfInstance(v);
         if (cls.is_none()) {
-            if (!holds)
+            if (!holds || fStrictNarrowing)  // (strictly: a value of no readable class may be one)
                 out.Add(v);
             continue;
         }
@@ -393,6 +502,8 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
                         break;
                     }
     }
+    if (fStrictNarrowing)
+        return out;
     if (holds && out.Empty())
         for (const nb::object &w : wanted)
             out.Merge(InstanceOf(w, nb::none()));
