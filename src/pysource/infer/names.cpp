@@ -11,6 +11,7 @@
 #include <cmath>
 
 #include "pysource/exprtext.h"
+#include "pysource/fastaccess.h"
 #include "basekit/stackguard.h"
 #include "pysource/infer/infertyping.h"
 #include "pysource/infocache.h"
@@ -156,22 +157,28 @@ ValueSet ValueSet::FromIterable(nb::handle items) {
 
 void EngineMemo::FreeRetiredSome(double seconds, CInferContext *ctx) {
     constexpr std::size_t kEntriesPerClockReading = 16;
-    if (retired.empty())
-        return;
+    // Freeing stops this long before the request's deadline: an entry is
+    // freed whole, and the allocator pays for frees again at its next large
+    // allocation, so the cost lands after the clock was read.
+    constexpr double kDeadlineMargin = 0.002;
     // A backlog beyond a memo's size gets ten times the time, so that freeing
-    // keeps up with retiring; beyond a few memos' size, even past a deadline.
+    // keeps up with retiring; beyond a few memos' size, whatever the deadline.
     if (retired_entries > kMaxEntries)
         seconds *= 10;
     if (retired_entries > 4 * kMaxEntries)
         ctx = nullptr;
     auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    do {
+    auto stop = [&] {
+        return std::chrono::steady_clock::now() >= until ||
+               (ctx && std::isfinite(ctx->fEndTime) && GetNowTime() >= ctx->fEndTime - kDeadlineMargin);
+    };
+    while (!retired.empty() && !stop()) {
         std::size_t budget = kEntriesPerClockReading;
         bool emptied = retired.front()->EraseSome(budget);
         retired_entries -= std::min(retired_entries, kEntriesPerClockReading - budget);
         if (emptied)
             retired.erase(retired.begin());
-    } while (!retired.empty() && std::chrono::steady_clock::now() < until && !(ctx && ctx->PastDeadline()));
+    }
     if (retired.empty())
         retired_entries = 0;
 }
