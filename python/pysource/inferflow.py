@@ -278,8 +278,10 @@ class CBlockStructure:
         end once the scan clock reaches `end_time` (None: in one go).  True
         once the file is kept; False when time ran out first, and the next
         call goes on where this one stopped."""
+        return self._ReadUntil(loc, end_time, self._fInfoCache.GetLocDiskMTime(loc))
+
+    def _ReadUntil(self, loc, end_time, mtime):
         url = loc.fUrl
-        mtime = self._fInfoCache.GetLocDiskMTime(loc)
         known = self._Files(url)[0].get(url)
         if known is not None and known[0] == mtime:
             return True
@@ -309,15 +311,13 @@ class CBlockStructure:
         files[url] = known
 
     def _File(self, loc, mtime=None):
-        url = loc.fUrl
+        """What is kept of the file at `loc` (read in one go if need be, a
+        read under way finished), made the latest read."""
         if mtime is None:
             mtime = self._fInfoCache.GetLocDiskMTime(loc)
-        known = self._Files(url)[0].pop(url, None)
-        if known is None or known[0] != mtime:
-            read = _CFileRead(loc, mtime)
-            read.StepUntil(None)
-            known = (mtime, *read.fResult, self._WorkedOut(url, mtime))
-        self._Keep(url, known)
+        self._ReadUntil(loc, None, mtime)
+        files = self._Files(loc.fUrl)[0]
+        known = files[loc.fUrl] = files.pop(loc.fUrl)
         return known
 
     def _WorkedOut(self, url, mtime):
