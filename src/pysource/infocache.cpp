@@ -872,19 +872,19 @@ Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, n
         keep.insert(nb::cast<std::string>(name));
     }
     LocEntry &entry = EntryFor(loc);
+    Py_ssize_t dropped = ForgetScansOfGoneScopes(entry, scan, keep);
     auto kept = [&](const BlobRecord &record) {
         return record.view.scan_name != scan || record.view.scanned_url != entry.url ||
                keep.count(record.view.for_name);
     };
     if (!entry.blob_records.empty() &&
         std::all_of(entry.blob_records.begin(), entry.blob_records.end(), kept))
-        return 0;
+        return dropped;
     EnsureRecords(entry);
     std::vector<std::string> gone;
     for (auto &[name, scope_entry] : entry.scopes)
         if (!keep.count(name))
             gone.push_back(name);
-    Py_ssize_t dropped = 0;
     for (const std::string &name : gone) {
         // Each removal may erase the scope's entry: look it up afresh.
         for (;;) {
@@ -905,6 +905,33 @@ Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, n
         }
     }
     return dropped;
+}
+
+Py_ssize_t CInfoCache::ForgetScansOfGoneScopes(LocEntry &entry, const std::string &own_scan,
+                                                const std::set<std::string, std::less<>> &keep) {
+    std::set<ScanId> gone;
+    auto is_gone = [&](const std::string &scanned_name, const std::string &scan) {
+        return scan != own_scan && !keep.count(scanned_name);
+    };
+    for (auto it = fRecordsOfScan.lower_bound(ScanId(entry.url, std::string(), std::string()));
+         it != fRecordsOfScan.end() && std::get<0>(it->first) == entry.url; ++it)
+        if (is_gone(std::get<1>(it->first), std::get<2>(it->first)))
+            gone.insert(it->first);
+    EnsureMeta(entry);
+    if (fDatabase && entry.db_id != 0)
+        for (nb::handle row : fDatabase->LoadScansOfScannedLoc(entry.db_id)) {
+            std::string scanned_name = nb::cast<std::string>(row[0]);
+            std::string scan = nb::cast<std::string>(row[1]);
+            if (is_gone(scanned_name, scan))
+                gone.emplace(entry.url, std::move(scanned_name), std::move(scan));
+        }
+    for (const ScanId &scan : gone) {
+        RemoveRecordsOfScan(scan, nullptr);
+        fScansWithNewRecords.erase(scan);
+        if (fDatabase)
+            fReplacedScans.insert(scan);  // and their rows in files not read
+    }
+    return (Py_ssize_t) gone.size();
 }
 
 Py_ssize_t CInfoCache::ForgetLocation(nb::handle loc) {

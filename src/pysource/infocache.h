@@ -84,7 +84,10 @@ public:
     nb::list GetLocations();
     // Drops the records that the file's own `scan_name` scan made for scopes
     // not named in `keep_names` (normalized names): scopes the file no longer
-    // has.  Records other scans made stay.  Gives the number dropped.
+    // has.  So that a removed or renamed caller no longer speaks for what it
+    // called, the records that the other scans of those scopes made anywhere
+    // go too, in the database as well.  Gives the number of records and
+    // scans dropped.
     Py_ssize_t ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names);
 
     // The records of `loc` that one scan made, as CScopeInfoSerializer blobs
@@ -207,6 +210,8 @@ private:
     AddResult AddRecord(CScopeInfo &info, bool persist);
     void RemoveSlot(LocEntry &entry, const std::string &scope_name, std::size_t index);
     void RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPlace> *keep);
+    Py_ssize_t ForgetScansOfGoneScopes(LocEntry &entry, const std::string &own_scan,
+                                       const std::set<std::string, std::less<>> &keep);
     void NoteChanged(nb::handle scope);
     nb::ref<CScopeInfo> BuildMerged(const ScopeEntry &scopes);
     void Touch(LocEntry &entry) { entry.last_use = ++fUseClock; }

@@ -538,6 +538,15 @@ nb::object CInfoDatabase::LoadScopeNames(std::int64_t loc_id) {
     });
 }
 
+nb::object CInfoDatabase::LoadScansOfScannedLoc(std::int64_t loc_id) {
+    return Guarded("reading scans", [&] {
+        return Execute("SELECT DISTINCT scanned_scope, scan_name FROM records "
+                       "WHERE scanned_loc_id = ?",
+                       nb::make_tuple(loc_id))
+            .attr("fetchall")();
+    });
+}
+
 nb::object CInfoDatabase::FindScopesWithLeaf(const std::string &leaf) {
     return Guarded("finding scopes", [&] {
         return Execute("SELECT DISTINCT l.url, r.scope FROM records r "

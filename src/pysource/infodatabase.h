@@ -97,6 +97,9 @@ public:
     // the number of records deleted.
     std::int64_t DeleteLocation(std::int64_t loc_id);
 
+    // (scanned scope, scan name) of every scan of a scope of `loc_id` that
+    // made records, each once: an index makes this a lookup.
+    nb::object LoadScansOfScannedLoc(std::int64_t loc_id);
     // The scope names of a location's records, sorted, each once (a list of
     // str).
     nb::object LoadScopeNames(std::int64_t loc_id);
