@@ -258,7 +258,8 @@ def test_repeated_resolves_agree_until_records_change(project, tmp_path):
     assert answer(locs["app.py"], "box.get()") == first
     path = tmp_path / "edited.py"
     loc = CLocalFileLocation(str(path))
-    for body, expected in (("1", "int"), ("'text'", "str")):
+    numbers = ", ".join(map(str, range(5000)))  # a text kept apart for its length
+    for body, expected in (("1", "int"), ("'text'", "str"), (f"[{numbers}]", "list"), (f"{{{numbers}}}", "set")):
         path.write_text(f"def f():\n    return {body}\nvalue = f()\n")
         _scan(mgr, [loc])
         assert {s.GetTypeName() for s in _resolve(mgr, loc, "", "value")[0]} == {expected}

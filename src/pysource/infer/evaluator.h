@@ -14,6 +14,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <functional>
@@ -202,6 +203,7 @@ bool SaysValue(symbolinfo::Kind kind);
 
 struct EntryPiece {
     std::string_view single;         // as written, wrappers and index included
+    std::string_view unnumbered;     // the same without its index
     std::optional<long long> index;  // its logical index, when numbered
     symbolinfo::Kind kind;           // of the single without its index
     symbolinfo::Kind bare_kind;      // of the single without wrappers either
@@ -232,6 +234,41 @@ bool EraseSomeOf(Table &table, std::size_t &budget) {
         table.erase(table.begin());
     return table.empty();
 }
+
+// Parsed forms of long texts (a module-level table of hundreds of kilobytes
+// is one expression), kept apart from the memo: they follow the text alone,
+// and reading one again inside a request takes milliseconds.  Bounded by
+// their texts' bytes, the oldest out first.
+template <class T>
+class LargeTexts {
+public:
+    static constexpr std::size_t kMinBytes = 16 * 1024;
+    static constexpr std::size_t kMaxBytes = 4 * 1024 * 1024;
+
+    static bool IsLarge(std::string_view text) { return text.size() >= kMinBytes; }
+    const T *Find(std::string_view text) const {
+        auto it = fKept.find(text);
+        return it == fKept.end() ? nullptr : &it->second;
+    }
+    const T &Keep(std::string_view text, T value) {
+        while (!fOrder.empty() && fBytes + text.size() > kMaxBytes) {
+            fBytes -= fOrder.front()->size();
+            fKept.erase(*fOrder.front());
+            fOrder.pop_front();
+        }
+        auto [it, added] = fKept.emplace(std::string(text), std::move(value));
+        if (added) {
+            fOrder.push_back(&it->first);  // a node's key stays where it is
+            fBytes += text.size();
+        }
+        return it->second;
+    }
+
+private:
+    TextMap<T> fKept;
+    std::deque<const std::string *> fOrder;
+    std::size_t fBytes = 0;
+};
 
 // The tables of what the engine keeps from one request to the next.
 struct MemoTables {
@@ -313,6 +350,8 @@ struct EngineMemo : MemoTables {
     std::pair<PyObject *, std::uint64_t> finder{nullptr, 0};
     std::map<std::string, bool> library_urls;  // url -> a file without derived info
     PyObject *flow = nullptr;                  // the flow provider the structures came from
+    LargeTexts<std::shared_ptr<const ParsedEntry>> large_entries;
+    LargeTexts<std::shared_ptr<const ParsedText>> large_parsed_texts;
     std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
     std::size_t retired_entries = 0;                   // left to free in `retired`
 
@@ -326,12 +365,14 @@ struct EngineMemo : MemoTables {
         static_cast<MemoTables &>(*this) = MemoTables();
     }
     // Project values go alone when a derived record changes.
-    void ForgetProjectValues() {
-        if (project_values.empty())
+    void ForgetProjectValues() { RetireTable<&MemoTables::project_values>(); }
+    template <auto Table>
+    void RetireTable() {
+        if ((this->*Table).empty())
             return;
         auto tables = std::make_unique<MemoTables>();
-        tables->project_values = std::move(project_values);
-        project_values = decltype(project_values)();
+        (*tables).*Table = std::move(this->*Table);
+        this->*Table = {};
         Retire(std::move(tables));
     }
     // Frees retired entries for about `seconds`, longer while much is left,
@@ -547,6 +588,11 @@ private:
     // instances of classes with a __call__.
     bool IsCallableValue(nb::handle value);
     ValueSet ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index);
+    // A single already split from its logical index (`use_index` when
+    // `numbered`): a long one isn't walked again to find it.
+    ValueSet ValuesOfUnnumberedSingle(nb::handle scope, std::string_view single, long long use_index, bool numbered);
+    // A piece of a parsed entry, read at its own logical (a malformed one says nothing).
+    ValueSet ValuesOfPiece(nb::handle scope, const EntryPiece &piece);
     // `name` of a module; `through_getattr` lets a module-level __getattr__
     // answer for a name the module doesn't bind (a star import never asks it).
     ValueSet ModuleAttribute(nb::handle module_single, std::string_view name, bool through_getattr = true);

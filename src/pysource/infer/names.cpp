@@ -459,27 +459,39 @@ std::shared_ptr<const si::ClassInfo> CEvaluator::ClassInfoOf(std::string_view si
 }
 
 std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
-    auto it = fMemo.parsed_texts.find(text);
-    if (it != fMemo.parsed_texts.end())
+    bool large = fMemo.large_parsed_texts.IsLarge(text);
+    if (large) {
+        if (const auto *kept = fMemo.large_parsed_texts.Find(text))
+            return *kept;
+    } else if (auto it = fMemo.parsed_texts.find(text); it != fMemo.parsed_texts.end()) {
         return it->second;
-    // A bounded number of trees: past it they are read afresh.
+    }
+    // A bounded number of trees: past it they are read afresh (and the old
+    // ones freed a little at a time).
     constexpr std::size_t kMaxParsedTexts = 1 << 15;
     if (fMemo.parsed_texts.size() >= kMaxParsedTexts)
-        fMemo.parsed_texts.clear();
+        fMemo.RetireTable<&MemoTables::parsed_texts>();
     auto parsed = std::make_shared<ParsedText>();
     parsed->root = pgen::ParseEmbeddedExpression(parsed->tree, parsed->tree.Keep(std::string(text)), 0, true);
+    if (large)
+        return fMemo.large_parsed_texts.Keep(text, std::move(parsed));
     return fMemo.parsed_texts.emplace(std::string(text), std::move(parsed)).first->second;
 }
 
 std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
-    auto it = fMemo.entries.find(entry);
-    if (it != fMemo.entries.end())
+    bool large = fMemo.large_entries.IsLarge(entry);
+    if (large) {
+        if (const auto *kept = fMemo.large_entries.Find(entry))
+            return *kept;
+    } else if (auto it = fMemo.entries.find(entry); it != fMemo.entries.end()) {
         return it->second;
+    }
     auto parsed = std::make_shared<ParsedEntry>();
     parsed->text.assign(entry);
     for (std::string_view single : si::NonNestedSplit(parsed->text, ";")) {
         si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-        EntryPiece piece{single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{}, false, {}};
+        EntryPiece piece{single, split.single, split.logical_index, si::GetInfoBytesKind(split.single), si::Kind{},
+                         false, {}};
         try {
             piece.bare = si::BareSingle(single);
             piece.bare_kind = si::GetInfoBytesKind(piece.bare);
@@ -489,6 +501,8 @@ std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
         parsed->kinds.set((unsigned char) piece.kind);
         parsed->pieces.push_back(piece);
     }
+    if (large)
+        return fMemo.large_entries.Keep(entry, std::move(parsed));
     return fMemo.entries.emplace(std::string(entry), std::move(parsed)).first->second;
 }
 
@@ -867,14 +881,14 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     const ValueSet *bound = BoundValuesOf(scope, name);
     bool bound_read = false;
     const std::shared_ptr<const ParsedEntry> parsed = EntryOf(entry);
-    std::vector<std::pair<std::string_view, long long>> singles;
+    std::vector<std::pair<const EntryPiece *, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
     for (const EntryPiece &piece : parsed->pieces) {
         long long at = piece.index ? *piece.index : -2;
         if (!SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind))
             continue;
-        singles.emplace_back(piece.single, at);
+        singles.emplace_back(&piece, at);
         if (use_index >= -1 && piece.index && at < use_index) {
             // A setting in a branch the use can't follow doesn't reach it
             // (though the use's settings are then known: -2 for none).
@@ -930,7 +944,8 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (use_index >= 0 && first_set)
             defs_unbound = *first_set >= use_index && !InOneLoop(scope, *first_set, use_index);
     }
-    for (const auto &[single, at] : singles) {
+    for (const auto &[piece, at] : singles) {
+        std::string_view single = piece->single;
         // A setting that can't run under what a call binds doesn't count.
         if (at >= 0 && !LogicalReachable(scope, record, at))
             continue;
@@ -953,7 +968,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         if (defs_unbound && at < -1 && si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single))))
             continue;
-        out.Merge(ValuesOfSingle(scope, single, at));
+        out.Merge(ValuesOfPiece(scope, *piece));
         if (fGaveUp)
             break;
     }
@@ -1134,14 +1149,27 @@ ValueSet CEvaluator::ValuesOfSingle(nb::handle scope, std::string_view single, l
     }
 }
 
+ValueSet CEvaluator::ValuesOfPiece(nb::handle scope, const EntryPiece &piece) {
+    try {
+        return ValuesOfUnnumberedSingle(scope, piece.unnumbered, piece.index.value_or(-2), piece.index.has_value());
+    } catch (const std::invalid_argument &) {
+        return ValueSet();
+    }
+}
+
 ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view single, long long use_index) {
+    if (Stop())
+        return ValueSet();
+    si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
+    return ValuesOfUnnumberedSingle(scope, split.single, split.logical_index.value_or(use_index),
+                                    split.logical_index.has_value());
+}
+
+ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view s, long long use_index,
+                                              bool numbered) {
     ValueSet out;
     if (Stop())
         return out;
-    si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
-    std::string_view s = split.single;
-    if (split.logical_index)
-        use_index = *split.logical_index;
     nb::object loc = ScopeLoc(scope);
     si::Kind kind = si::GetInfoBytesKind(s);
     struct DepthGuard {
@@ -1157,7 +1185,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         // A parameter's default, read in the scope the def stands in, has
         // the value it had when the def statement ran.
         std::string_view own = ScopeName(scope);
-        if (!split.logical_index && !own.empty() && si::ParentScopeName(own) == name)
+        if (!numbered && !own.empty() && si::ParentScopeName(own) == name)
             use_index = DefStatementIndex(there, own);
         return ValuesOfSingle(there, f.rest, use_index);
     }
