@@ -872,7 +872,8 @@ Py_ssize_t CInfoCache::ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, n
         keep.insert(nb::cast<std::string>(name));
     }
     LocEntry &entry = EntryFor(loc);
-    Py_ssize_t dropped = ForgetScansOfGoneScopes(entry, scan, keep);
+    // Which scopes the file has is the primary scan's to say.
+    Py_ssize_t dropped = scan == fPrimaryScanName ? ForgetScansOfGoneScopes(entry, scan, keep) : 0;
     auto kept = [&](const BlobRecord &record) {
         return record.view.scan_name != scan || record.view.scanned_url != entry.url ||
                keep.count(record.view.for_name);

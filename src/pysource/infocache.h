@@ -85,8 +85,8 @@ public:
     // Drops the records that the file's own `scan_name` scan made for scopes
     // not named in `keep_names` (normalized names): scopes the file no longer
     // has.  So that a removed or renamed caller no longer speaks for what it
-    // called, the records that the other scans of those scopes made anywhere
-    // go too, in the database as well.  Gives the number of records and
+    // called, a primary `scan_name` also takes the records that the other
+    // scans of those scopes made anywhere, in the database as well.  Gives the number of records and
     // scans dropped.
     Py_ssize_t ForgetScopesOfLoc(nb::handle loc, nb::handle scan_name, nb::handle keep_names);
 
