@@ -286,6 +286,58 @@ def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, wa
     assert answer(warm) == answer([])
 
 
+CALLS = """
+from typing import Generic, TypeVar
+
+T = TypeVar("T")
+
+def ident(x):
+    return x
+
+def wrap(a):
+    if isinstance(a, str):
+        return a
+    return [a]
+
+def outer(y):
+    def inner():
+        return y
+    return inner
+
+class Box(Generic[T]):
+    def __init__(self, v: T):
+        self.v = v
+    def get(self):
+        return ident(self.v)
+"""
+
+
+@pytest.mark.parametrize("warm, text, expected", [
+    (["ident(1)"], "ident('s')", {"str"}),
+    (["ident('s')", "wrap(1)"], "wrap('s')", {"str"}),
+    (["wrap('s')"], "wrap(1.5)", {"list"}),
+    (["outer(1)()"], "outer(b'')()", {"bytes"}),
+    (["Box(1).get()", "ident(1)"], "Box('s').get()", {"str"}),
+])
+def test_answers_under_a_calls_arguments_kept_from_earlier_requests(tmp_path, warm, text, expected):
+    """What a body gives under one call's arguments, kept from an earlier
+    request, never answers a call with other arguments."""
+    (tmp_path / "m.py").write_text(CALLS)
+
+    def answer(earlier):
+        with installed_manager(editor=False) as mgr:
+            loc = CLocalFileLocation(str(tmp_path / "m.py"))
+            _scan(mgr, [loc])
+            for earlier_text in earlier:
+                _resolve(mgr, loc, "", earlier_text)
+            resolved, ctx = _resolve(mgr, loc, "", text)
+            return {s.GetTypeName() for s in resolved}, set(ctx.GetScopesSeen())
+
+    cold = answer([])
+    assert cold[0] == expected
+    assert answer(warm) == cold
+
+
 def test_kept_answers_follow_the_search_path(tmp_path):
     for rel, text in (("app/use.py", "import helper\nvalue = helper.X\n"), ("lib/helper.py", "X = 1\n")):
         (tmp_path / rel).parent.mkdir(exist_ok=True)

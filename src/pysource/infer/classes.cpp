@@ -862,6 +862,7 @@ ValueSet CEvaluator::WithClosures(const ValueSet &values) {
             out.Add(v);
             continue;
         }
+        ++fBindingReads;  // the def carries the bindings
         nb::ref<si::CSingleResolvedInfo> copy(new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef));
         copy->fTypeArgs = s->fTypeArgs;
         copy->fClosure = nb::tuple(closure);

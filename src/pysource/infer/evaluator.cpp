@@ -43,6 +43,9 @@ constexpr std::size_t kMaxDisplayItems = 16;
 // The name an expression that starts with "." is read on.
 constexpr std::string_view kSelfMarker = "__pysource_self__";
 
+// What the signature of a read's bindings ends with when none are in force.
+constexpr std::string_view kUnboundSignature = "|unbound";
+
 // Text read on a scope's own object depends on where it is asked from.
 bool self_locals_free(std::string_view text) { return text.empty() || text.front() != '.'; }
 
@@ -100,8 +103,9 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     // Within a request every text is evaluated once per binding of the
     // names a call fixes: real code reaches the same values along many
     // paths, and evaluating each path anew is exponential.  A value that
-    // read no bound name stands under any binding, and from one request to
-    // the next: in library files while their primary records do, in the
+    // read no bound name stands under any binding.  Values are also kept
+    // from one request to the next, each under the bindings it read under
+    // (or none): in library files while their primary records stand, in the
     // project's own while no record changes (derived ones hold what callers
     // pass).
     bool memoable = self_locals_free(text);
@@ -113,26 +117,24 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     // none).  Both are looked for by views, without a copy of the texts.
     std::string context_signature;
     if (memoable)
-        context_signature = bound ? BindingSignature(nullptr) : free_key.second + "|unbound";
+        context_signature = bound ? BindingSignature(nullptr) : free_key.second + std::string(kUnboundSignature);
     const std::size_t read_hash = ReadKeyHash{}(key);
     const BoundReadView free_view{key, free_key.second, read_hash};
     const BoundReadView context_view{key, context_signature, read_hash};
+    // Between requests, library values stand for any argument hops (their
+    // files have no callers' records).
+    std::string_view kept_free = library ? std::string_view() : std::string_view(free_key.second);
+    std::string_view kept_context = library && !bound ? kUnboundSignature : std::string_view(context_signature);
+    auto *kept_values = library ? &fMemo.library_values : keep_project ? &fMemo.project_values : nullptr;
     if (memoable) {
         for (const BoundReadView *k : {&free_view, &context_view})
             if (const ValueSet *hit = RequestValueOf(*k))
                 return *hit;
-        if (library && !bound) {
-            auto hit = fMemo.library_values.find(key);
-            if (hit != fMemo.library_values.end()) {
-                Replay(hit->second.effects);
-                return hit->second.values;
-            }
-        }
-        for (const BoundReadView *k : {&free_view, &context_view}) {
-            if (!keep_project || (bound && k == &context_view))
+        for (std::string_view signature : {kept_free, kept_context}) {
+            if (!kept_values)
                 break;
-            auto hit = fMemo.project_values.find(*k);
-            if (hit != fMemo.project_values.end()) {
+            auto hit = kept_values->find(BoundReadView{key, signature, read_hash});
+            if (hit != kept_values->end()) {
                 Replay(hit->second.effects);
                 return hit->second.values;
             }
@@ -174,12 +176,9 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (!memoable)
         return out;
     bool binding_free = fBindingReads == binding_reads_before;
-    bool whole = watch.Whole();
-    if (library && !bound && whole)
-        fMemo.library_values.emplace(key, EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
-    if (keep_project && (binding_free || !bound) && whole)
-        fMemo.project_values.emplace(binding_free ? free_key : RequestKey{key, context_signature},
-                                     EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
+    if (kept_values && watch.Whole())
+        kept_values->emplace(RequestKey{key, std::string(binding_free ? kept_free : kept_context)},
+                             EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
     fRequestValues.emplace(binding_free ? std::move(free_key) : RequestKey{key, std::move(context_signature)},
                            Keep(out, watch));
     return out;
@@ -217,8 +216,16 @@ void AppendValuesSignature(std::string &signature, const ValueSet &values) {
         // Our own singles hash in C++ (-1 is -2, as Python has it).
         Py_hash_t hash;
         if (IsExactly<si::CSingleResolvedInfo>(value)) {
-            hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
+            // What a def is bound to, and the bindings it closes over, are
+            // not part of its hash: values that differ only there differ here.
+            const auto *single = nb::inst_ptr<si::CSingleResolvedInfo>(value);
+            hash = single->Hash();
             hash = hash == -1 ? -2 : hash;
+            for (const nb::object *part : {&single->fBoundTo, &single->fClosure})
+                if (!part->is_none()) {
+                    signature.push_back(part == &single->fBoundTo ? '^' : '&');
+                    signature.append(std::to_string((long long) PyObject_Hash(part->ptr())));
+                }
         } else {
             hash = PyObject_Hash(value.ptr());
         }

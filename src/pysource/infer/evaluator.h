@@ -246,10 +246,13 @@ struct MemoTables {
     using KeptAnswer = KeptFact<ValueSet>;
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
-    std::unordered_map<ReadKey, KeptAnswer, ReadKeyHash> library_values;
+    // Values read, each under the signature of the bindings it read (see
+    // CEvaluator::ResolveText).
+    using KeptValues = std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual>;
+    KeptValues library_values;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
-    std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual> project_values;
+    KeptValues project_values;
     // The branch structure of scope bodies as the flow provider told it: it
     // follows the files' text, as the primary records do.  By ScopeKey (the
     // conditions' name followed by "|" and the provider's method), each with

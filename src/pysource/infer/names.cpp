@@ -817,6 +817,7 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
         return true;
+    ++fBindingReads;  // the bindings decide
     std::tuple<std::string, std::string, long long> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
     auto known = fReachable.find(key);
     if (known != fReachable.end() && known->second.first == fBindingVersion)
