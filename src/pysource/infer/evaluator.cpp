@@ -130,11 +130,13 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
         for (const BoundReadView *k : {&free_view, &context_view})
             if (const ValueSet *hit = RequestValueOf(*k))
                 return *hit;
-        for (std::string_view signature : {kept_free, kept_context}) {
+        for (bool in_context : {false, true}) {
             if (!kept_values)
                 break;
-            auto hit = kept_values->find(BoundReadView{key, signature, read_hash});
+            auto hit = kept_values->find(BoundReadView{key, in_context ? kept_context : kept_free, read_hash});
             if (hit != kept_values->end()) {
+                if (in_context)
+                    ++fBindingReads;  // as bound here as where it was found
                 Replay(hit->second.effects);
                 return hit->second.values;
             }

@@ -720,7 +720,8 @@ private:
     class CutWatch {
     public:
         explicit CutWatch(CEvaluator &ev)
-            : ev_(ev), cuts_(ev.fCuts), saved_low_(ev.fCycleLow), boundary_(ev.fActive.size()) {
+            : ev_(ev), cuts_(ev.fCuts), binding_reads_(ev.fBindingReads), saved_low_(ev.fCycleLow),
+              boundary_(ev.fActive.size()) {
             ev.fCycleLow = SIZE_MAX;
         }
         ~CutWatch() {
@@ -730,6 +731,8 @@ private:
         bool Whole() const { return !Stopped() && !CycledOut(); }
         bool Stopped() const { return ev_.fCuts != cuts_; }
         bool CycledOut() const { return ev_.fCycleLow < boundary_; }
+        // Whether the piece read a value a binding decides.
+        bool ReadBindings() const { return ev_.fBindingReads != binding_reads_; }
         std::size_t CycleLow() const { return ev_.fCycleLow; }
         CutWatch(const CutWatch &) = delete;
         CutWatch &operator=(const CutWatch &) = delete;
@@ -737,6 +740,7 @@ private:
     private:
         CEvaluator &ev_;
         std::uint64_t cuts_;
+        std::uint64_t binding_reads_;
         std::size_t saved_low_;
         std::size_t boundary_;
     };
@@ -768,6 +772,7 @@ private:
         T value;
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
+        bool read_bindings = false;      // a binding decided it
     };
     std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
@@ -792,6 +797,8 @@ private:
         }
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
+        if (hit->second.read_bindings)
+            ++fBindingReads;  // as bound here as where it was found
         return static_cast<const Value *>(&hit->second.value);
     }
     template <class Key>
@@ -800,7 +807,7 @@ private:
     }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
-        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt};
+        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.ReadBindings()};
         if (watch.CycledOut())
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
