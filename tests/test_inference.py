@@ -304,6 +304,9 @@ def outer(y):
         return y
     return inner
 
+def twice(z):
+    return [ident(z), wrap(z)]
+
 class Box(Generic[T]):
     def __init__(self, v: T):
         self.v = v
@@ -317,6 +320,7 @@ class Box(Generic[T]):
     (["ident('s')", "wrap(1)"], "wrap('s')", {"str"}),
     (["wrap('s')"], "wrap(1.5)", {"list"}),
     (["outer(1)()"], "outer(b'')()", {"bytes"}),
+    (["twice(1)", "ident(b'')"], "twice('s')[0]", {"str"}),
     (["Box(1).get()", "ident(1)"], "Box('s').get()", {"str"}),
 ])
 def test_answers_under_a_calls_arguments_kept_from_earlier_requests(tmp_path, warm, text, expected):

@@ -855,14 +855,15 @@ ValueSet CEvaluator::WithClosures(const ValueSet &values) {
         nb::list closure;
         for (const auto &[key, bound] : fBoundNames) {
             const auto &[bound_url, scope_name, bound_name] = key;
-            if (bound_url == url && IsNestedScopeName(name, scope_name))
+            if (bound_url == url && IsNestedScopeName(name, scope_name)) {
+                DependOn(bound_url, scope_name);  // the def carries the bindings
                 closure.append(nb::make_tuple(bound_url, scope_name, bound_name, bound.AsFrozenSet()));
+            }
         }
         if (closure.size() == 0) {
             out.Add(v);
             continue;
         }
-        ++fBindingReads;  // the def carries the bindings
         nb::ref<si::CSingleResolvedInfo> copy(new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef));
         copy->fTypeArgs = s->fTypeArgs;
         copy->fClosure = nb::tuple(closure);

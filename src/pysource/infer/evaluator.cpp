@@ -43,8 +43,9 @@ constexpr std::size_t kMaxDisplayItems = 16;
 // The name an expression that starts with "." is read on.
 constexpr std::string_view kSelfMarker = "__pysource_self__";
 
-// What the signature of a read's bindings ends with when none are in force.
-constexpr std::string_view kUnboundSignature = "|unbound";
+// The sets of scopes whose bindings a text's reads have read that are
+// looked for: a text read in many contexts reads a few.
+constexpr std::size_t kMaxDepSets = 8;
 
 // Text read on a scope's own object depends on where it is asked from.
 bool self_locals_free(std::string_view text) { return text.empty() || text.front() != '.'; }
@@ -102,47 +103,40 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
         return out;  // the value depends on itself: nothing more to learn here
     // Within a request every text is evaluated once per binding of the
     // names a call fixes: real code reaches the same values along many
-    // paths, and evaluating each path anew is exponential.  A value that
-    // read no bound name stands under any binding.  Values are also kept
-    // from one request to the next, each under the bindings it read under
-    // (or none): in library files while their primary records stand, in the
-    // project's own while no record changes (derived ones hold what callers
-    // pass).
+    // paths, and evaluating each path anew is exponential.  A value stands
+    // wherever the bindings it read (CutWatch::Deps) are the same: it is
+    // kept under the signature of those alone, and looked for under each set
+    // of scopes that reads of the text have read.  Values are also kept from
+    // one request to the next: in library files while their primary records
+    // stand, in the project's own while no record changes (derived ones hold
+    // what callers pass).  Library values stand for any argument hops (their
+    // files have no callers' records).
     bool memoable = self_locals_free(text);
-    bool bound = !fBoundNames.empty() || !fClassMaps.empty();
     bool library = memoable && IsLibraryScope(scope);
     bool keep_project = memoable && !library && fKeepProjectValues;
-    // Keys: `free_key` for values that read no bound name; for the others
-    // the same read under `context_signature`, the bindings in force (or
-    // none).  Both are looked for by views, without a copy of the texts.
-    std::string context_signature;
-    if (memoable)
-        context_signature = bound ? BindingSignature(nullptr) : free_key.second + std::string(kUnboundSignature);
-    const std::size_t read_hash = ReadKeyHash{}(key);
-    const BoundReadView free_view{key, free_key.second, read_hash};
-    const BoundReadView context_view{key, context_signature, read_hash};
-    // Between requests, library values stand for any argument hops (their
-    // files have no callers' records).
-    std::string_view kept_free = library ? std::string_view() : std::string_view(free_key.second);
-    std::string_view kept_context = library && !bound ? kUnboundSignature : std::string_view(context_signature);
     auto *kept_values = library ? &fMemo.library_values : keep_project ? &fMemo.project_values : nullptr;
+    const std::string &hops = free_key.second;
+    const std::size_t read_hash = ReadKeyHash{}(key);
     if (memoable) {
-        for (const BoundReadView *k : {&free_view, &context_view})
-            if (const ValueSet *hit = RequestValueOf(*k))
+        static const BindingDeps kNone;
+        auto read = fMemo.value_deps.find(key);
+        std::size_t sets = 1 + (read == fMemo.value_deps.end() ? 0 : read->second.size());
+        for (std::size_t i = 0; i < sets; ++i) {
+            const BindingDeps &deps = i == 0 ? kNone : read->second[i - 1];
+            std::string bindings = DepsSignature(deps);
+            std::string signature = hops + bindings;
+            if (const ValueSet *hit = RequestValueOf(BoundReadView{key, signature, read_hash}))
                 return *hit;
-        for (bool in_context : {false, true}) {
             if (!kept_values)
-                break;
-            auto hit = kept_values->find(BoundReadView{key, in_context ? kept_context : kept_free, read_hash});
+                continue;
+            auto hit = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
             if (hit != kept_values->end()) {
-                if (in_context)
-                    ++fBindingReads;  // as bound here as where it was found
+                DependOnAll(deps);  // as bound here as where it was found
                 Replay(hit->second.effects);
                 return hit->second.values;
             }
         }
     }
-    std::uint64_t binding_reads_before = fBindingReads;
     CutWatch watch(*this);
     std::size_t effects_from = fEffects.size();
     ActiveRead active(*this, key);
@@ -177,12 +171,18 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     out = Eval(tree, root, frame);
     if (!memoable)
         return out;
-    bool binding_free = fBindingReads == binding_reads_before;
+    // The bindings it read are now as they were when it began.
+    BindingDeps deps = watch.Deps();
+    std::string bindings = DepsSignature(deps);
+    if (!deps.empty()) {
+        std::vector<BindingDeps> &sets = fMemo.value_deps[key];
+        if (sets.size() < kMaxDepSets && std::find(sets.begin(), sets.end(), deps) == sets.end())
+            sets.push_back(deps);
+    }
     if (kept_values && watch.Whole())
-        kept_values->emplace(RequestKey{key, std::string(binding_free ? kept_free : kept_context)},
+        kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
                              EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
-    fRequestValues.emplace(binding_free ? std::move(free_key) : RequestKey{key, std::move(context_signature)},
-                           Keep(out, watch));
+    fRequestValues.emplace(RequestKey{key, hops + bindings}, Keep(out, watch));
     return out;
 }
 
@@ -253,9 +253,53 @@ std::string CEvaluator::BindingsSignature() {
             std::get<2>(name));
         AppendValuesSignature(signature, values);
     }
+    AppendClassMapsSignature(signature);
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    return signature;
+}
+
+void CEvaluator::AppendClassMapsSignature(std::string &signature) const {
     for (const auto &[url, cls, class_map] : fClassMaps) {
         signature.append("#").append(url).append("|").append(cls);
         AppendMapSignature(signature, class_map);
+    }
+}
+
+void CEvaluator::DependOn(std::string_view url, std::string_view scope_name) {
+    if (fDepFrames.empty())
+        return;
+    BindingDeps &deps = fDepFrames.back();
+    for (const BindingDep &dep : deps)
+        if (dep.first == url && dep.second == scope_name)
+            return;
+    deps.emplace_back(url, scope_name);
+}
+
+void CEvaluator::DependOnScope(nb::handle scope) {
+    if (!fDepFrames.empty())
+        DependOn(LocationUrl(ScopeLoc(scope)), ScopeName(scope));
+}
+
+void CEvaluator::DependOnAll(const BindingDeps &deps) {
+    for (const auto &[url, scope_name] : deps)
+        DependOn(url, scope_name);
+}
+
+std::string CEvaluator::DepsSignature(const BindingDeps &deps) {
+    std::string signature;
+    for (const BindingDep &dep : deps) {
+        const auto &[url, scope_name] = dep;
+        signature.append("|").append(url).append("|").append(scope_name).push_back(':');
+        if (dep == kClassMapsDep) {
+            AppendClassMapsSignature(signature);
+            continue;
+        }
+        for (auto it = fBoundNames.lower_bound({url, scope_name, std::string()});
+             it != fBoundNames.end() && std::get<0>(it->first) == url && std::get<1>(it->first) == scope_name; ++it) {
+            signature.append(std::get<2>(it->first));
+            AppendValuesSignature(signature, it->second);
+        }
     }
     if (PyErr_Occurred())
         throw nb::python_error();

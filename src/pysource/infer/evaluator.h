@@ -224,6 +224,14 @@ struct ParsedEntry {
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
 
+// A scope whose bindings a piece of work read: (url, dotted name), or
+// kClassMapsDep for the type arguments of the classes whose instance
+// attributes are being read.  A value stands wherever those bindings are as
+// they were when it was worked out.
+using BindingDep = std::pair<std::string, std::string>;
+using BindingDeps = std::vector<BindingDep>;  // sorted, each once
+inline const BindingDep kClassMapsDep{"#", ""};
+
 // Erases up to `budget` entries of `table`, counting them off the budget;
 // true when the table is empty.
 template <class Table>
@@ -250,6 +258,9 @@ struct MemoTables {
     // CEvaluator::ResolveText).
     using KeptValues = std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual>;
     KeptValues library_values;
+    // The scopes whose bindings reads of each text have read, as met: where
+    // to look for a value under the bindings in force.
+    std::unordered_map<ReadKey, std::vector<BindingDeps>, ReadKeyHash> value_deps;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
     KeptValues project_values;
@@ -283,7 +294,7 @@ struct MemoTables {
         return block_paths.size() + loop_headers.size() + conditions_at.size() + generators.size() +
                def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
                canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
-               library_values.size() + project_values.size();
+               library_values.size() + project_values.size() + value_deps.size();
     }
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
@@ -293,7 +304,8 @@ struct MemoTables {
                EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
                EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
                EraseSomeOf(scopes, budget) && EraseSomeOf(mros, budget) && EraseSomeOf(type_vars, budget) &&
-               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget);
+               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget) &&
+               EraseSomeOf(value_deps, budget);
     }
 };
 
@@ -720,19 +732,27 @@ private:
     class CutWatch {
     public:
         explicit CutWatch(CEvaluator &ev)
-            : ev_(ev), cuts_(ev.fCuts), binding_reads_(ev.fBindingReads), saved_low_(ev.fCycleLow),
-              boundary_(ev.fActive.size()) {
+            : ev_(ev), cuts_(ev.fCuts), saved_low_(ev.fCycleLow), boundary_(ev.fActive.size()) {
             ev.fCycleLow = SIZE_MAX;
+            ev.fDepFrames.emplace_back();
         }
         ~CutWatch() {
-            // Cycles back into the finished piece end with it.
+            // Cycles back into the finished piece end with it; what it read
+            // of the bindings, the work around it read too.
             ev_.fCycleLow = ev_.fCycleLow < boundary_ ? std::min(ev_.fCycleLow, saved_low_) : saved_low_;
+            BindingDeps deps = std::move(ev_.fDepFrames.back());
+            ev_.fDepFrames.pop_back();
+            ev_.DependOnAll(deps);
         }
         bool Whole() const { return !Stopped() && !CycledOut(); }
         bool Stopped() const { return ev_.fCuts != cuts_; }
         bool CycledOut() const { return ev_.fCycleLow < boundary_; }
-        // Whether the piece read a value a binding decides.
-        bool ReadBindings() const { return ev_.fBindingReads != binding_reads_; }
+        // The scopes whose bindings the piece read so far.
+        BindingDeps Deps() const {
+            BindingDeps deps = ev_.fDepFrames.back();
+            std::sort(deps.begin(), deps.end());
+            return deps;
+        }
         std::size_t CycleLow() const { return ev_.fCycleLow; }
         CutWatch(const CutWatch &) = delete;
         CutWatch &operator=(const CutWatch &) = delete;
@@ -740,7 +760,6 @@ private:
     private:
         CEvaluator &ev_;
         std::uint64_t cuts_;
-        std::uint64_t binding_reads_;
         std::size_t saved_low_;
         std::size_t boundary_;
     };
@@ -772,7 +791,7 @@ private:
         T value;
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
-        bool read_bindings = false;      // a binding decided it
+        BindingDeps deps;                // the scopes whose bindings decided it
     };
     std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
@@ -797,8 +816,7 @@ private:
         }
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
-        if (hit->second.read_bindings)
-            ++fBindingReads;  // as bound here as where it was found
+        DependOnAll(hit->second.deps);  // as bound here as where it was found
         return static_cast<const Value *>(&hit->second.value);
     }
     template <class Key>
@@ -807,7 +825,7 @@ private:
     }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
-        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.ReadBindings()};
+        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.Deps()};
         if (watch.CycledOut())
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
@@ -819,13 +837,20 @@ private:
     // fBindingVersion (moved on at each of their changes) stays.
     std::string BindingsSignature();
     static void AppendMapSignature(std::string &signature, const TypeMap &vars);
+    void AppendClassMapsSignature(std::string &signature) const;
     std::uint64_t fBindingVersion = 0;
     std::uint64_t fSignatureVersion = ~std::uint64_t(0);
     std::string fBindingsSignature;
     bool fKeepProjectValues = false;
-    // Counts the reads whose value a binding decides: a bound name, the
-    // first parameter of a def, a type variable outside an explicit map.
-    std::uint64_t fBindingReads = 0;
+    // The scopes whose bindings each piece of work under way read (a
+    // bound name, a parameter of a def, a type variable outside an explicit
+    // map), innermost last: its value stands where they are the same.
+    std::vector<BindingDeps> fDepFrames;
+    void DependOn(std::string_view url, std::string_view scope_name);
+    void DependOnScope(nb::handle scope);
+    void DependOnAll(const BindingDeps &deps);
+    // The bindings now in force of the scopes of `deps`, as text.
+    std::string DepsSignature(const BindingDeps &deps);
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
     Effects fEffects;

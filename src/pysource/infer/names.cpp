@@ -773,7 +773,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     nb::object entry = InfoBytesOf(record, name);
     EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (const ValueSet *bound = BoundValuesOf(scope, name)) {
-        ++fBindingReads;
+        DependOnScope(scope);
         if (entry.is_none() || !BindsName(kinds)) {
             out.Merge(*bound);
             return true;
@@ -802,7 +802,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     }
     std::string_view text = si::TextView(entry, "ibytes");
     if (Has(kinds, si::kArgKind) || Has(kinds, si::kSelfKind))
-        ++fBindingReads;  // a parameter: what a call binds to it decides
+        DependOnScope(scope);  // a parameter: what a call binds to it decides
     if (Has(kinds, si::kGlobalKind))
         redirect = 1;
     else if (Has(kinds, si::kNonlocalKind))
@@ -817,7 +817,6 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
         return true;
-    ++fBindingReads;  // the bindings decide
     std::tuple<std::string, std::string, long long> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
     auto known = fReachable.find(key);
     if (known != fReachable.end() && known->second.first == fBindingVersion)
@@ -1224,7 +1223,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
     }
     case si::kSelfKind: {
         // The first parameter of a method: an instance of its class.
-        ++fBindingReads;
+        DependOnScope(scope);
         return InstanceOfClassScope(ScopeAt(loc, si::ParentScopeName(ScopeName(scope))));
     }
     case si::kArgKind: {
@@ -1232,7 +1231,7 @@ ValueSet CEvaluator::ValuesOfWellFormedSingle(nb::handle scope, std::string_view
         // under the argument's own single.
         std::optional<si::ArgInfo> arg = si::UnpackArgInfo(s);
         if (arg)
-            ++fBindingReads;  // a call binds its def's parameters
+            DependOnScope(scope);  // a call binds its def's parameters
         if (!arg || fArgHops >= fEngine.fMaxArgHops)
             return out;  // callers of callers of ...: far enough
         struct Hop {
