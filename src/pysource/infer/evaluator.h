@@ -157,7 +157,8 @@ struct ScopeLookupEqual {
 };
 
 // A value read: (url, scope, text, logical index), and with the signature
-// of the bindings it was read under (CEvaluator::BindingSignature).
+// of the bindings it read (CEvaluator::DepsSignature) or, for hints, of all
+// those in force (CEvaluator::BindingSignature).
 using ReadKey = std::tuple<std::string, std::string, std::string, long long>;
 using BoundReadKey = std::pair<ReadKey, std::string>;
 // A BoundReadKey to look for, without a copy of its texts, with the hash of
@@ -782,8 +783,8 @@ private:
         std::map<ActiveKey, std::size_t>::iterator it_;
     };
     // What each text read in a scope gave in this request, under the names
-    // bound at the time (BindingSignature); partial when a cut cycle, the
-    // depth bound or the clock shortened it.
+    // bound at the time that it read (see ReadKey); partial when a cut
+    // cycle, the depth bound or the clock shortened it.
     using RequestKey = BoundReadKey;
     // A result kept for the rest of the request.
     template <class T>
