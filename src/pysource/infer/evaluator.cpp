@@ -118,24 +118,22 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     const std::string &hops = free_key.second;
     const std::size_t read_hash = ReadKeyHash{}(key);
     if (memoable) {
-        static const BindingDeps kNone;
-        auto read = fMemo.value_deps.find(key);
-        std::size_t sets = 1 + (read == fMemo.value_deps.end() ? 0 : read->second.size());
-        for (std::size_t i = 0; i < sets; ++i) {
-            const BindingDeps &deps = i == 0 ? kNone : read->second[i - 1];
-            std::string bindings = DepsSignature(deps);
+        auto look = [&](const BindingDeps &deps, const std::string &bindings) -> const ValueSet * {
             std::string signature = hops + bindings;
-            if (const ValueSet *hit = RequestValueOf(BoundReadView{key, signature, read_hash}))
-                return *hit;
+            if (const ValueSet *found = RequestValueOf(BoundReadView{key, signature, read_hash}))
+                return found;
             if (!kept_values)
-                continue;
-            auto hit = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
-            if (hit != kept_values->end()) {
-                DependOnAll(deps);  // as bound here as where it was found
-                Replay(hit->second.effects);
-                return hit->second.values;
-            }
-        }
+                return nullptr;
+            auto kept = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
+            if (kept == kept_values->end())
+                return nullptr;
+            DependOnAll(deps);  // as bound here as where it was found
+            Replay(kept->second.effects);
+            return &kept->second.values;
+        };
+        const ValueSet *hit = ForEachDepSet(key, look);
+        if (hit)
+            return *hit;
     }
     CutWatch watch(*this);
     std::size_t effects_from = fEffects.size();
@@ -171,14 +169,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     out = Eval(tree, root, frame);
     if (!memoable)
         return out;
-    // The bindings it read are now as they were when it began.
-    BindingDeps deps = watch.Deps();
-    std::string bindings = DepsSignature(deps);
-    if (!deps.empty()) {
-        std::vector<BindingDeps> &sets = fMemo.value_deps[key];
-        if (sets.size() < kMaxDepSets && std::find(sets.begin(), sets.end(), deps) == sets.end())
-            sets.push_back(deps);
-    }
+    std::string bindings = NoteDeps(key, watch);
     if (kept_values && watch.Whole())
         kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
                              EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
@@ -264,6 +255,17 @@ void CEvaluator::AppendClassMapsSignature(std::string &signature) const {
         signature.append("#").append(url).append("|").append(cls);
         AppendMapSignature(signature, class_map);
     }
+}
+
+std::string CEvaluator::NoteDeps(const ReadKey &key, const CutWatch &watch) {
+    // The bindings the work read are now as they were when it began.
+    BindingDeps deps = watch.Deps();
+    if (!deps.empty()) {
+        std::vector<BindingDeps> &sets = fMemo.value_deps[key];
+        if (sets.size() < kMaxDepSets && std::find(sets.begin(), sets.end(), deps) == sets.end())
+            sets.push_back(deps);
+    }
+    return DepsSignature(deps);
 }
 
 void CEvaluator::DependOn(std::string_view url, std::string_view scope_name) {

@@ -852,6 +852,25 @@ private:
     void DependOnAll(const BindingDeps &deps);
     // The bindings now in force of the scopes of `deps`, as text.
     std::string DepsSignature(const BindingDeps &deps);
+    // Calls `look(deps, signature)` with the empty set and with each set of
+    // scopes whose bindings reads of `key` have read (MemoTables::value_deps),
+    // each with the signature of their bindings now, until it finds a value.
+    template <class Look>
+    const ValueSet *ForEachDepSet(const ReadKey &key, Look look) {
+        static const BindingDeps kNone;
+        if (const ValueSet *found = look(kNone, std::string()))
+            return found;
+        auto read = fMemo.value_deps.find(key);
+        if (read == fMemo.value_deps.end())
+            return nullptr;
+        for (const BindingDeps &deps : read->second)
+            if (const ValueSet *found = look(deps, DepsSignature(deps)))
+                return found;
+        return nullptr;
+    }
+    // Notes the scopes whose bindings the work `watch` watched read, for
+    // reads of `key`; the signature of their bindings.
+    std::string NoteDeps(const ReadKey &key, const CutWatch &watch);
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
     Effects fEffects;
