@@ -551,6 +551,9 @@ private:
     // name again reaches past it narrowed by its condition being false.
     ValueSet Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
                       long long use_index, ValueSet values);
+    // Whether Narrowed may narrow a name at body logical `at` of `scope`:
+    // tests are known there (its guards, earlier `if` blocks).
+    bool NarrowableAt(nb::handle scope, long long at);
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
     void NarrowBySavedTest(const Frame &frame, std::string_view flag, std::string_view name, ValueSet &values);

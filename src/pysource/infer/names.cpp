@@ -811,8 +811,18 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     return true;
 }
 
+bool CEvaluator::NarrowableAt(nb::handle scope, long long at) {
+    for (const char *method : {"Guards", "SkippedIfs"}) {
+        const std::vector<std::vector<Guard>> *conditions = ConditionsOf(scope, method);
+        if (conditions && (std::size_t) at < conditions->size() && !(*conditions)[(std::size_t) at].empty())
+            return true;
+    }
+    return false;
+}
+
 bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long at) {
-    if (fInReachCheck || at < 0 || fBoundNames.empty())
+    // Without tests around the logical, no binding can rule it out.
+    if (fInReachCheck || at < 0 || fBoundNames.empty() || !NarrowableAt(scope, at))
         return true;
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
