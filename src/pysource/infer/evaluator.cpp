@@ -268,33 +268,39 @@ std::string CEvaluator::NoteDeps(const ReadKey &key, const CutWatch &watch) {
     return DepsSignature(deps);
 }
 
-void CEvaluator::DependOn(std::string_view url, std::string_view scope_name) {
+void CEvaluator::DependOn(std::string_view url, std::string_view scope_name, std::string_view name) {
     if (fDepFrames.empty())
         return;
     BindingDeps &deps = fDepFrames.back();
-    for (const BindingDep &dep : deps)
-        if (dep.first == url && dep.second == scope_name)
+    for (const auto &[dep_url, dep_scope, dep_name] : deps)
+        if (dep_url == url && dep_scope == scope_name && dep_name == name)
             return;
-    deps.emplace_back(url, scope_name);
+    deps.emplace_back(url, scope_name, name);
 }
 
-void CEvaluator::DependOnScope(nb::handle scope) {
+void CEvaluator::DependOnScope(nb::handle scope, std::string_view name) {
     if (!fDepFrames.empty())
-        DependOn(LocationUrl(ScopeLoc(scope)), ScopeName(scope));
+        DependOn(LocationUrl(ScopeLoc(scope)), ScopeName(scope), name);
 }
 
 void CEvaluator::DependOnAll(const BindingDeps &deps) {
-    for (const auto &[url, scope_name] : deps)
-        DependOn(url, scope_name);
+    for (const auto &[url, scope_name, name] : deps)
+        DependOn(url, scope_name, name);
 }
 
 std::string CEvaluator::DepsSignature(const BindingDeps &deps) {
     std::string signature;
     for (const BindingDep &dep : deps) {
-        const auto &[url, scope_name] = dep;
-        signature.append("|").append(url).append("|").append(scope_name).push_back(':');
+        const auto &[url, scope_name, name] = dep;
+        signature.append("|").append(url).append("|").append(scope_name).append("|").append(name).push_back(':');
         if (dep == kClassMapsDep) {
             AppendClassMapsSignature(signature);
+            continue;
+        }
+        if (!name.empty()) {
+            auto bound = fBoundNames.find(dep);
+            if (bound != fBoundNames.end())
+                AppendValuesSignature(signature, bound->second);
             continue;
         }
         for (auto it = fBoundNames.lower_bound({url, scope_name, std::string()});

@@ -225,13 +225,14 @@ struct ParsedEntry {
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
 
-// A scope whose bindings a piece of work read: (url, dotted name), or
-// kClassMapsDep for the type arguments of the classes whose instance
-// attributes are being read.  A value stands wherever those bindings are as
-// they were when it was worked out.
-using BindingDep = std::pair<std::string, std::string>;
+// A binding a piece of work read: (url, dotted scope name, name), or all of
+// that scope's with an empty name, or kClassMapsDep for the type arguments of
+// the classes whose instance attributes are being read.  A value stands
+// wherever those bindings (or their absence) are as they were when it was
+// worked out.
+using BindingDep = std::tuple<std::string, std::string, std::string>;
 using BindingDeps = std::vector<BindingDep>;  // sorted, each once
-inline const BindingDep kClassMapsDep{"#", ""};
+inline const BindingDep kClassMapsDep{"#", "", ""};
 
 // Erases up to `budget` entries of `table`, counting them off the budget;
 // true when the table is empty.
@@ -850,10 +851,11 @@ private:
     // bound name, a parameter of a def, a type variable outside an explicit
     // map), innermost last: its value stands where they are the same.
     std::vector<BindingDeps> fDepFrames;
-    void DependOn(std::string_view url, std::string_view scope_name);
-    void DependOnScope(nb::handle scope);
+    void DependOn(std::string_view url, std::string_view scope_name, std::string_view name = {});
+    // `name` of `scope` (all of its names when empty).
+    void DependOnScope(nb::handle scope, std::string_view name = {});
     void DependOnAll(const BindingDeps &deps);
-    // The bindings now in force of the scopes of `deps`, as text.
+    // The bindings of `deps` now in force, as text.
     std::string DepsSignature(const BindingDeps &deps);
     // Calls `look(deps, signature)` with the empty set and with each set of
     // scopes whose bindings reads of `key` have read (MemoTables::value_deps),

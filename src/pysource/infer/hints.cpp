@@ -287,7 +287,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         }
         // Inside a class whose type arguments are known (reading an
         // instance's attributes), its variables stand for them.
-        DependOn(kClassMapsDep.first, kClassMapsDep.second);
+        DependOn(std::get<0>(kClassMapsDep), std::get<1>(kClassMapsDep));
         std::string url = LocationUrl(ScopeLoc(frame.scope));
         std::string_view scope_name = ScopeName(frame.scope);
         for (auto it = fClassMaps.rbegin(); it != fClassMaps.rend(); ++it) {

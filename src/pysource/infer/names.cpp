@@ -773,7 +773,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     nb::object entry = InfoBytesOf(record, name);
     EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (const ValueSet *bound = BoundValuesOf(scope, name)) {
-        DependOnScope(scope);
+        DependOnScope(scope, name);
         if (entry.is_none() || !BindsName(kinds)) {
             out.Merge(*bound);
             return true;
@@ -802,7 +802,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     }
     std::string_view text = si::TextView(entry, "ibytes");
     if (Has(kinds, si::kArgKind) || Has(kinds, si::kSelfKind))
-        DependOnScope(scope);  // a parameter: what a call binds to it decides
+        DependOnScope(scope, name);  // a parameter: what a call binds to it decides
     if (Has(kinds, si::kGlobalKind))
         redirect = 1;
     else if (Has(kinds, si::kNonlocalKind))
