@@ -259,7 +259,7 @@ void CEvaluator::AppendClassMapsSignature(std::string &signature) const {
 
 std::string CEvaluator::NoteDeps(const ReadKey &key, const CutWatch &watch) {
     // The bindings the work read are now as they were when it began.
-    BindingDeps deps = watch.Deps();
+    const BindingDeps &deps = watch.Deps();
     if (!deps.empty()) {
         std::vector<BindingDeps> &sets = fMemo.value_deps[key];
         if (sets.size() < kMaxDepSets && std::find(sets.begin(), sets.end(), deps) == sets.end())

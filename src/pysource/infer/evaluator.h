@@ -752,9 +752,9 @@ private:
         bool Whole() const { return !Stopped() && !CycledOut(); }
         bool Stopped() const { return ev_.fCuts != cuts_; }
         bool CycledOut() const { return ev_.fCycleLow < boundary_; }
-        // The scopes whose bindings the piece read so far.
-        BindingDeps Deps() const {
-            BindingDeps deps = ev_.fDepFrames.back();
+        // The bindings the piece read so far (good while it is watched).
+        const BindingDeps &Deps() const {
+            BindingDeps &deps = ev_.fDepFrames.back();
             std::sort(deps.begin(), deps.end());
             return deps;
         }
@@ -804,6 +804,9 @@ private:
     // Hints read to check an argument, whose unbound variables stand for
     // their upper bounds, and the type map such a read binds with.
     static constexpr long long kFitHintUseIndex = -10;
+    // Method orders of specialised classes note the bindings they read
+    // under this index.
+    static constexpr long long kMroUseIndex = -11;
     const TypeMap *fFitMap = nullptr;
     // The kept result of `key`: one that read an unfinished value is good
     // while that read is under way (the same cycle), and worked out again
@@ -858,18 +861,18 @@ private:
     // The bindings of `deps` now in force, as text.
     std::string DepsSignature(const BindingDeps &deps);
     // Calls `look(deps, signature)` with the empty set and with each set of
-    // scopes whose bindings reads of `key` have read (MemoTables::value_deps),
-    // each with the signature of their bindings now, until it finds a value.
+    // bindings that reads of `key` have read (MemoTables::value_deps), each
+    // with the signature of those bindings now, until it finds a result.
     template <class Look>
-    const ValueSet *ForEachDepSet(const ReadKey &key, Look look) {
+    auto ForEachDepSet(const ReadKey &key, Look look) -> decltype(look(BindingDeps(), std::string())) {
         static const BindingDeps kNone;
-        if (const ValueSet *found = look(kNone, std::string()))
+        if (auto found = look(kNone, std::string()))
             return found;
         auto read = fMemo.value_deps.find(key);
         if (read == fMemo.value_deps.end())
             return nullptr;
         for (const BindingDeps &deps : read->second)
-            if (const ValueSet *found = look(deps, DepsSignature(deps)))
+            if (auto found = look(deps, DepsSignature(deps)))
                 return found;
         return nullptr;
     }
@@ -906,7 +909,8 @@ private:
     // The type arguments a value gives a protocol's variables, by protocol,
     // value, variables and bindings; partial while being matched or when cut.
     std::map<std::string, Kept<TypeMap>> fProtocolArgs;
-    // Method orders of specialised classes, by class, arguments and bindings.
+    // Method orders of specialised classes, by class, arguments, map and the
+    // bindings read.
     std::map<std::string, Kept<std::vector<MroEntry>>> fRequestMros;
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
