@@ -2,7 +2,7 @@
 resolved, side by side with the standard library's `symtable`, and a sample
 beside jedi's `infer`.
 
-    python bench/infer.py [--quick] [--files N] [--jedi N] [--repeat N] [--seconds S]
+    python bench/infer.py [--quick] [--files N] [--jedi N] [--repeat N] [--seconds S] [--dump FILE]
 
 Off the clock: the primary scans of the corpus (records in memory), then a
 warm-up pass that resolves every read once and runs the primary scans of
@@ -25,6 +25,10 @@ Figures:
              name's position and of the engine: time per resolve of each, and
              how often they agree on the type names (type arguments and module
              qualifiers left out)
+
+--dump writes every read's answer (type names, and whether it came back
+incomplete) in the first timed round and in the last pass, one read a line,
+to compare the engine's answers before and after a change.
 
 A resolve has --seconds before its context calls it off; while the resolve
 passes run, the read being resolved is written to --progress, so that a crash
@@ -144,9 +148,10 @@ def warm_up(mgr, reads, seconds, progress):
     return len(mgr.fInfoCache.GetLocations()) - before
 
 
-def resolve_all(mgr, reads, seconds, progress):
+def resolve_all(mgr, reads, seconds, progress, answers=None):
     """Resolves every read once, without scans; returns (non-empty,
-    incomplete, reads that ran to their deadline, (worst time, its read))."""
+    incomplete, reads that ran to their deadline, (worst time, its read)).
+    `answers`, when given, gets each read's (resolved, incomplete)."""
     engine = mgr.fInferenceEngine._fNativeEngine
     now, clock = _fastaccess.GetNowTime, time.perf_counter
     non_empty = incomplete = late = 0
@@ -158,6 +163,8 @@ def resolve_all(mgr, reads, seconds, progress):
         ctx = engine.NewContext(now() + seconds, False)
         resolved = engine.ResolveToResult(read.expr, ctx).resolved
         took = clock() - start
+        if answers is not None:
+            answers.append((resolved, bool(ctx.fIncomplete)))
         non_empty += bool(resolved)
         incomplete += bool(ctx.fIncomplete)
         late += took >= seconds
@@ -170,6 +177,14 @@ def resolve_one(mgr, read, seconds):
     engine = mgr.fInferenceEngine._fNativeEngine
     ctx = engine.NewContext(_fastaccess.GetNowTime() + seconds, False)
     return engine.ResolveToResult(read.expr, ctx).resolved
+
+
+def write_answers(mgr, reads, answers, out, label):
+    """One line per read: the pass, the read, its answer's type names and
+    whether it came back incomplete."""
+    for read, (resolved, incomplete) in zip(reads, answers):
+        names = sorted(inferquery.DescribeResolved(resolved, mgr, read.loc))
+        out.write(f"{label}\t{read}\t{' | '.join(names)}\t{'incomplete' if incomplete else ''}\n")
 
 
 # ---------------------------------------------------------------------------
@@ -318,6 +333,7 @@ def main():
     parser.add_argument("--seconds", type=float, default=2.0, help="deadline of one resolve")
     parser.add_argument("--progress", default="/tmp/bench-infer-progress.txt",
                         help="where the warm-up pass writes the read it is resolving")
+    parser.add_argument("--dump", help="write every read's answer, cold and warm, to this file")
     args = parser.parse_args()
     faulthandler.enable()
     if args.quick:
@@ -347,6 +363,7 @@ def main():
         engine_best = symtable_best = float("inf")
         worst = (0.0, None)
         engine = mgr.fInferenceEngine._fNativeEngine
+        cold_answers, warm_answers = ([], []) if args.dump else (None, None)
         for round_index in range(args.repeat):
             engine.ForgetKeptAnswers()  # every round starts cold
             gc.collect()
@@ -355,7 +372,8 @@ def main():
                 reset_peak_resident()
             start = time.perf_counter()
             with progress.watched(kSlack + (warmed - indexed)):
-                non_empty, incomplete, late, round_worst = resolve_all(mgr, reads, args.seconds, progress)
+                non_empty, incomplete, late, round_worst = resolve_all(
+                    mgr, reads, args.seconds, progress, cold_answers if round_index == 0 else None)
             engine_best = min(engine_best, time.perf_counter() - start)
             worst = max(worst, round_worst, key=lambda w: w[0])
             if round_index == 0:
@@ -366,7 +384,7 @@ def main():
             symbols = walk_symtable(None, texts)
             symtable_best = min(symtable_best, time.perf_counter() - start)
         start = time.perf_counter()
-        resolve_all(mgr, reads, args.seconds, progress)
+        resolve_all(mgr, reads, args.seconds, progress, warm_answers)
         warm = time.perf_counter() - start
         n = len(reads)
         print(f"resolve   {engine_best:8.3f} s  {n} reads, {n / engine_best:,.0f} per second; "
@@ -380,6 +398,10 @@ def main():
         print(f"  worst single resolve {worst[0] * 1e3:.1f} ms: {worst[1]}")
         print(f"memory of the first resolve pass: peak RSS growth {peak_growth / 1e3:.1f} MB, "
               f"RSS kept {kept / 1e3:.1f} MB (VmHWM reset before it)")
+        if args.dump:
+            with open(args.dump, "w", encoding="utf-8") as out:
+                write_answers(mgr, reads, cold_answers, out, "cold")
+                write_answers(mgr, reads, warm_answers, out, "warm")
         if args.jedi:
             compare_with_jedi(mgr, sample_positions(reads, args.jedi), args.seconds)
     finally:

@@ -265,6 +265,18 @@ def test_repeated_resolves_agree_until_records_change(project, tmp_path):
         assert {s.GetTypeName() for s in _resolve(mgr, loc, "", "value")[0]} == {expected}
 
 
+def _answer_after(path, earlier, text):
+    """The type names and scopes seen of `text` read in the module at `path`
+    by a new manager, after the requests `earlier`."""
+    with installed_manager(editor=False) as mgr:
+        loc = CLocalFileLocation(str(path))
+        _scan(mgr, [loc])
+        for earlier_text in earlier:
+            _resolve(mgr, loc, "", earlier_text)
+        resolved, ctx = _resolve(mgr, loc, "", text)
+        return {s.GetTypeName() for s in resolved}, set(ctx.GetScopesSeen())
+
+
 @pytest.mark.parametrize("warm, text", [
     (["a.upper()"], "a.lower()"),
     (["b.copy()"], "b.pop()"),
@@ -274,17 +286,53 @@ def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, wa
     """Method orders and type variables worked out by earlier requests tell a
     later context the classes they read, as working them out would."""
     (tmp_path / "m.py").write_text("a = 'x'\nb = [1]\n")
+    assert _answer_after(tmp_path / "m.py", warm, text) == _answer_after(tmp_path / "m.py", [], text)
 
-    def answer(earlier):
-        with installed_manager(editor=False) as mgr:
-            loc = CLocalFileLocation(str(tmp_path / "m.py"))
-            _scan(mgr, [loc])
-            for earlier_text in earlier:
-                _resolve(mgr, loc, "", earlier_text)
-            resolved, ctx = _resolve(mgr, loc, "", text)
-            return {s.GetTypeName() for s in resolved}, set(ctx.GetScopesSeen())
 
-    assert answer(warm) == answer([])
+CALLS = """
+from typing import Generic, TypeVar
+
+T = TypeVar("T")
+
+def ident(x):
+    return x
+
+def wrap(a):
+    if isinstance(a, str):
+        return a
+    return [a]
+
+def outer(y):
+    def inner():
+        return y
+    return inner
+
+def twice(z):
+    return [ident(z), wrap(z)]
+
+class Box(Generic[T]):
+    def __init__(self, v: T):
+        self.v = v
+    def get(self):
+        return ident(self.v)
+"""
+
+
+@pytest.mark.parametrize("warm, text, expected", [
+    (["ident(1)"], "ident('s')", {"str"}),
+    (["ident('s')", "wrap(1)"], "wrap('s')", {"str"}),
+    (["wrap('s')"], "wrap(1.5)", {"list"}),
+    (["outer(1)()"], "outer(b'')()", {"bytes"}),
+    (["twice(1)", "ident(b'')"], "twice('s')[0]", {"str"}),
+    (["Box(1).get()", "ident(1)"], "Box('s').get()", {"str"}),
+])
+def test_answers_under_a_calls_arguments_kept_from_earlier_requests(tmp_path, warm, text, expected):
+    """What a body gives under one call's arguments, kept from an earlier
+    request, never answers a call with other arguments."""
+    (tmp_path / "m.py").write_text(CALLS)
+    cold = _answer_after(tmp_path / "m.py", [], text)
+    assert cold[0] == expected
+    assert _answer_after(tmp_path / "m.py", warm, text) == cold
 
 
 def test_kept_answers_follow_the_search_path(tmp_path):

@@ -281,17 +281,18 @@ std::vector<std::string> CEvaluator::ComputeOrderedTypeVars(nb::handle cls) {
 std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
     if (!map.empty() || !Single(cls)->fTypeArgs.is_none()) {
         // A specialised class: once per request for its arguments.
-        std::string key = ClassKey(cls);
-        key.push_back('|');
-        key.append(std::to_string((long long) PyObject_Hash(cls.ptr())));
+        const ReadKey read{ClassKey(cls), "", std::to_string((long long) PyObject_Hash(cls.ptr())), kMroUseIndex};
+        std::string key = std::get<0>(read) + "|" + std::get<2>(read) + "|" + std::to_string(fArgHops) + "@";
+        AppendMapSignature(key, map);
         if (PyErr_Occurred())
             throw nb::python_error();
-        key.append(BindingSignature(&map));
-        if (const std::vector<MroEntry> *kept = KeptOf(fRequestMros, key))
+        if (const std::vector<MroEntry> *kept = ForEachDepSet(read, [&](const BindingDeps &, const std::string &bindings) {
+                return KeptOf(fRequestMros, key + bindings);
+            }))
             return *kept;
         CutWatch watch(*this);
         std::vector<MroEntry> mro = ComputeMro(cls, map);
-        fRequestMros.insert_or_assign(key, Keep(mro, watch));
+        fRequestMros.insert_or_assign(key + NoteDeps(read, watch), Keep(mro, watch));
         return mro;
     }
     std::string memo_key = ClassKey(cls);
@@ -855,8 +856,10 @@ ValueSet CEvaluator::WithClosures(const ValueSet &values) {
         nb::list closure;
         for (const auto &[key, bound] : fBoundNames) {
             const auto &[bound_url, scope_name, bound_name] = key;
-            if (bound_url == url && IsNestedScopeName(name, scope_name))
+            if (bound_url == url && IsNestedScopeName(name, scope_name)) {
+                DependOn(bound_url, scope_name);  // the def carries the bindings
                 closure.append(nb::make_tuple(bound_url, scope_name, bound_name, bound.AsFrozenSet()));
+            }
         }
         if (closure.size() == 0) {
             out.Add(v);

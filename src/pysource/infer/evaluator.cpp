@@ -43,6 +43,10 @@ constexpr std::size_t kMaxDisplayItems = 16;
 // The name an expression that starts with "." is read on.
 constexpr std::string_view kSelfMarker = "__pysource_self__";
 
+// The sets of scopes whose bindings a text's reads have read that are
+// looked for: a text read in many contexts reads a few.
+constexpr std::size_t kMaxDepSets = 8;
+
 // Text read on a scope's own object depends on where it is asked from.
 bool self_locals_free(std::string_view text) { return text.empty() || text.front() != '.'; }
 
@@ -99,46 +103,38 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
         return out;  // the value depends on itself: nothing more to learn here
     // Within a request every text is evaluated once per binding of the
     // names a call fixes: real code reaches the same values along many
-    // paths, and evaluating each path anew is exponential.  A value that
-    // read no bound name stands under any binding, and from one request to
-    // the next: in library files while their primary records do, in the
-    // project's own while no record changes (derived ones hold what callers
-    // pass).
+    // paths, and evaluating each path anew is exponential.  A value stands
+    // wherever the bindings it read (CutWatch::Deps) are the same: it is
+    // kept under the signature of those alone, and looked for under each set
+    // of scopes that reads of the text have read.  Values are also kept from
+    // one request to the next: in library files while their primary records
+    // stand, in the project's own while no record changes (derived ones hold
+    // what callers pass).  Library values stand for any argument hops (their
+    // files have no callers' records).
     bool memoable = self_locals_free(text);
-    bool bound = !fBoundNames.empty() || !fClassMaps.empty();
     bool library = memoable && IsLibraryScope(scope);
     bool keep_project = memoable && !library && fKeepProjectValues;
-    // Keys: `free_key` for values that read no bound name; for the others
-    // the same read under `context_signature`, the bindings in force (or
-    // none).  Both are looked for by views, without a copy of the texts.
-    std::string context_signature;
-    if (memoable)
-        context_signature = bound ? BindingSignature(nullptr) : free_key.second + "|unbound";
+    auto *kept_values = library ? &fMemo.library_values : keep_project ? &fMemo.project_values : nullptr;
+    const std::string &hops = free_key.second;
     const std::size_t read_hash = ReadKeyHash{}(key);
-    const BoundReadView free_view{key, free_key.second, read_hash};
-    const BoundReadView context_view{key, context_signature, read_hash};
     if (memoable) {
-        for (const BoundReadView *k : {&free_view, &context_view})
-            if (const ValueSet *hit = RequestValueOf(*k))
-                return *hit;
-        if (library && !bound) {
-            auto hit = fMemo.library_values.find(key);
-            if (hit != fMemo.library_values.end()) {
-                Replay(hit->second.effects);
-                return hit->second.values;
-            }
-        }
-        for (const BoundReadView *k : {&free_view, &context_view}) {
-            if (!keep_project || (bound && k == &context_view))
-                break;
-            auto hit = fMemo.project_values.find(*k);
-            if (hit != fMemo.project_values.end()) {
-                Replay(hit->second.effects);
-                return hit->second.values;
-            }
-        }
+        auto look = [&](const BindingDeps &deps, const std::string &bindings) -> const ValueSet * {
+            std::string signature = hops + bindings;
+            if (const ValueSet *found = RequestValueOf(BoundReadView{key, signature, read_hash}))
+                return found;
+            if (!kept_values)
+                return nullptr;
+            auto kept = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
+            if (kept == kept_values->end())
+                return nullptr;
+            DependOnAll(deps);  // as bound here as where it was found
+            Replay(kept->second.effects);
+            return &kept->second.values;
+        };
+        const ValueSet *hit = ForEachDepSet(key, look);
+        if (hit)
+            return *hit;
     }
-    std::uint64_t binding_reads_before = fBindingReads;
     CutWatch watch(*this);
     std::size_t effects_from = fEffects.size();
     ActiveRead active(*this, key);
@@ -173,15 +169,11 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     out = Eval(tree, root, frame);
     if (!memoable)
         return out;
-    bool binding_free = fBindingReads == binding_reads_before;
-    bool whole = watch.Whole();
-    if (library && !bound && whole)
-        fMemo.library_values.emplace(key, EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
-    if (keep_project && (binding_free || !bound) && whole)
-        fMemo.project_values.emplace(binding_free ? free_key : RequestKey{key, context_signature},
-                                     EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
-    fRequestValues.emplace(binding_free ? std::move(free_key) : RequestKey{key, std::move(context_signature)},
-                           Keep(out, watch));
+    std::string bindings = NoteDeps(key, watch);
+    if (kept_values && watch.Whole())
+        kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
+                             EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
+    fRequestValues.emplace(RequestKey{key, hops + bindings}, Keep(out, watch));
     return out;
 }
 
@@ -217,8 +209,16 @@ void AppendValuesSignature(std::string &signature, const ValueSet &values) {
         // Our own singles hash in C++ (-1 is -2, as Python has it).
         Py_hash_t hash;
         if (IsExactly<si::CSingleResolvedInfo>(value)) {
-            hash = nb::inst_ptr<si::CSingleResolvedInfo>(value)->Hash();
+            // What a def is bound to, and the bindings it closes over, are
+            // not part of its hash: values that differ only there differ here.
+            const auto *single = nb::inst_ptr<si::CSingleResolvedInfo>(value);
+            hash = single->Hash();
             hash = hash == -1 ? -2 : hash;
+            for (const nb::object *part : {&single->fBoundTo, &single->fClosure})
+                if (!part->is_none()) {
+                    signature.push_back(part == &single->fBoundTo ? '^' : '&');
+                    signature.append(std::to_string((long long) PyObject_Hash(part->ptr())));
+                }
         } else {
             hash = PyObject_Hash(value.ptr());
         }
@@ -244,9 +244,70 @@ std::string CEvaluator::BindingsSignature() {
             std::get<2>(name));
         AppendValuesSignature(signature, values);
     }
+    AppendClassMapsSignature(signature);
+    if (PyErr_Occurred())
+        throw nb::python_error();
+    return signature;
+}
+
+void CEvaluator::AppendClassMapsSignature(std::string &signature) const {
     for (const auto &[url, cls, class_map] : fClassMaps) {
         signature.append("#").append(url).append("|").append(cls);
         AppendMapSignature(signature, class_map);
+    }
+}
+
+std::string CEvaluator::NoteDeps(const ReadKey &key, const CutWatch &watch) {
+    // The bindings the work read are now as they were when it began.
+    const BindingDeps &deps = watch.Deps();
+    if (!deps.empty()) {
+        std::vector<BindingDeps> &sets = fMemo.value_deps[key];
+        if (sets.size() < kMaxDepSets && std::find(sets.begin(), sets.end(), deps) == sets.end())
+            sets.push_back(deps);
+    }
+    return DepsSignature(deps);
+}
+
+void CEvaluator::DependOn(std::string_view url, std::string_view scope_name, std::string_view name) {
+    if (fDepFrames.empty())
+        return;
+    BindingDeps &deps = fDepFrames.back();
+    for (const auto &[dep_url, dep_scope, dep_name] : deps)
+        if (dep_url == url && dep_scope == scope_name && dep_name == name)
+            return;
+    deps.emplace_back(url, scope_name, name);
+}
+
+void CEvaluator::DependOnScope(nb::handle scope, std::string_view name) {
+    if (!fDepFrames.empty())
+        DependOn(LocationUrl(ScopeLoc(scope)), ScopeName(scope), name);
+}
+
+void CEvaluator::DependOnAll(const BindingDeps &deps) {
+    for (const auto &[url, scope_name, name] : deps)
+        DependOn(url, scope_name, name);
+}
+
+std::string CEvaluator::DepsSignature(const BindingDeps &deps) {
+    std::string signature;
+    for (const BindingDep &dep : deps) {
+        const auto &[url, scope_name, name] = dep;
+        signature.append("|").append(url).append("|").append(scope_name).append("|").append(name).push_back(':');
+        if (dep == kClassMapsDep) {
+            AppendClassMapsSignature(signature);
+            continue;
+        }
+        if (!name.empty()) {
+            auto bound = fBoundNames.find(dep);
+            if (bound != fBoundNames.end())
+                AppendValuesSignature(signature, bound->second);
+            continue;
+        }
+        for (auto it = fBoundNames.lower_bound({url, scope_name, std::string()});
+             it != fBoundNames.end() && std::get<0>(it->first) == url && std::get<1>(it->first) == scope_name; ++it) {
+            signature.append(std::get<2>(it->first));
+            AppendValuesSignature(signature, it->second);
+        }
     }
     if (PyErr_Occurred())
         throw nb::python_error();

@@ -158,7 +158,8 @@ struct ScopeLookupEqual {
 };
 
 // A value read: (url, scope, text, logical index), and with the signature
-// of the bindings it was read under (CEvaluator::BindingSignature).
+// of the bindings it read (CEvaluator::DepsSignature) or, for hints, of all
+// those in force (CEvaluator::BindingSignature).
 using ReadKey = std::tuple<std::string, std::string, std::string, long long>;
 using BoundReadKey = std::pair<ReadKey, std::string>;
 // A BoundReadKey to look for, without a copy of its texts, with the hash of
@@ -226,6 +227,15 @@ struct ParsedEntry {
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
 
+// A binding a piece of work read: (url, dotted scope name, name), or all of
+// that scope's with an empty name, or kClassMapsDep for the type arguments of
+// the classes whose instance attributes are being read.  A value stands
+// wherever those bindings (or their absence) are as they were when it was
+// worked out.
+using BindingDep = std::tuple<std::string, std::string, std::string>;
+using BindingDeps = std::vector<BindingDep>;  // sorted, each once
+inline const BindingDep kClassMapsDep{"#", "", ""};
+
 // Erases up to `budget` entries of `table`, counting them off the budget;
 // true when the table is empty.
 template <class Table>
@@ -283,10 +293,16 @@ struct MemoTables {
     using KeptAnswer = KeptFact<ValueSet>;
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
-    std::unordered_map<ReadKey, KeptAnswer, ReadKeyHash> library_values;
+    // Values read, each under the signature of the bindings it read (see
+    // CEvaluator::ResolveText).
+    using KeptValues = std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual>;
+    KeptValues library_values;
+    // The scopes whose bindings reads of each text have read, as met: where
+    // to look for a value under the bindings in force.
+    std::unordered_map<ReadKey, std::vector<BindingDeps>, ReadKeyHash> value_deps;
     // Values read in the project's own files also depend on derived records
     // (what callers pass): they stand while no record at all changes.
-    std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual> project_values;
+    KeptValues project_values;
     // The branch structure of scope bodies as the flow provider told it: it
     // follows the files' text, as the primary records do.  By ScopeKey (the
     // conditions' name followed by "|" and the provider's method), each with
@@ -317,7 +333,7 @@ struct MemoTables {
         return block_paths.size() + loop_headers.size() + conditions_at.size() + generators.size() +
                def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
                canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
-               library_values.size() + project_values.size();
+               library_values.size() + project_values.size() + value_deps.size();
     }
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
@@ -327,7 +343,8 @@ struct MemoTables {
                EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
                EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
                EraseSomeOf(scopes, budget) && EraseSomeOf(mros, budget) && EraseSomeOf(type_vars, budget) &&
-               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget);
+               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget) &&
+               EraseSomeOf(value_deps, budget);
     }
 };
 
@@ -576,6 +593,9 @@ private:
     // name again reaches past it narrowed by its condition being false.
     ValueSet Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
                       long long use_index, ValueSet values);
+    // Whether Narrowed may narrow a name at body logical `at` of `scope`:
+    // tests are known there (its guards, earlier `if` blocks).
+    bool NarrowableAt(nb::handle scope, long long at);
     void NarrowBy(const Tree &tree, std::int32_t node, const Frame &frame, std::string_view name, bool holds,
                   ValueSet &values);
     void NarrowBySavedTest(const Frame &frame, std::string_view flag, std::string_view name, ValueSet &values);
@@ -765,14 +785,25 @@ private:
         explicit CutWatch(CEvaluator &ev)
             : ev_(ev), cuts_(ev.fCuts), saved_low_(ev.fCycleLow), boundary_(ev.fActive.size()) {
             ev.fCycleLow = SIZE_MAX;
+            ev.fDepFrames.emplace_back();
         }
         ~CutWatch() {
-            // Cycles back into the finished piece end with it.
+            // Cycles back into the finished piece end with it; what it read
+            // of the bindings, the work around it read too.
             ev_.fCycleLow = ev_.fCycleLow < boundary_ ? std::min(ev_.fCycleLow, saved_low_) : saved_low_;
+            BindingDeps deps = std::move(ev_.fDepFrames.back());
+            ev_.fDepFrames.pop_back();
+            ev_.DependOnAll(deps);
         }
         bool Whole() const { return !Stopped() && !CycledOut(); }
         bool Stopped() const { return ev_.fCuts != cuts_; }
         bool CycledOut() const { return ev_.fCycleLow < boundary_; }
+        // The bindings the piece read so far (good while it is watched).
+        const BindingDeps &Deps() const {
+            BindingDeps &deps = ev_.fDepFrames.back();
+            std::sort(deps.begin(), deps.end());
+            return deps;
+        }
         std::size_t CycleLow() const { return ev_.fCycleLow; }
         CutWatch(const CutWatch &) = delete;
         CutWatch &operator=(const CutWatch &) = delete;
@@ -802,8 +833,8 @@ private:
         std::map<ActiveKey, std::size_t>::iterator it_;
     };
     // What each text read in a scope gave in this request, under the names
-    // bound at the time (BindingSignature); partial when a cut cycle, the
-    // depth bound or the clock shortened it.
+    // bound at the time that it read (see ReadKey); partial when a cut
+    // cycle, the depth bound or the clock shortened it.
     using RequestKey = BoundReadKey;
     // A result kept for the rest of the request.
     template <class T>
@@ -811,6 +842,7 @@ private:
         T value;
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
+        BindingDeps deps;                // the scopes whose bindings decided it
     };
     std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
@@ -818,6 +850,9 @@ private:
     // Hints read to check an argument, whose unbound variables stand for
     // their upper bounds, and the type map such a read binds with.
     static constexpr long long kFitHintUseIndex = -10;
+    // Method orders of specialised classes note the bindings they read
+    // under this index.
+    static constexpr long long kMroUseIndex = -11;
     const TypeMap *fFitMap = nullptr;
     // The kept result of `key`: one that read an unfinished value is good
     // while that read is under way (the same cycle), and worked out again
@@ -835,6 +870,7 @@ private:
         }
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
+        DependOnAll(hit->second.deps);  // as bound here as where it was found
         return static_cast<const Value *>(&hit->second.value);
     }
     template <class Key>
@@ -843,7 +879,7 @@ private:
     }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
-        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt};
+        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.Deps()};
         if (watch.CycledOut())
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
@@ -855,13 +891,40 @@ private:
     // fBindingVersion (moved on at each of their changes) stays.
     std::string BindingsSignature();
     static void AppendMapSignature(std::string &signature, const TypeMap &vars);
+    void AppendClassMapsSignature(std::string &signature) const;
     std::uint64_t fBindingVersion = 0;
     std::uint64_t fSignatureVersion = ~std::uint64_t(0);
     std::string fBindingsSignature;
     bool fKeepProjectValues = false;
-    // Counts the reads whose value a binding decides: a bound name, the
-    // first parameter of a def, a type variable outside an explicit map.
-    std::uint64_t fBindingReads = 0;
+    // The scopes whose bindings each piece of work under way read (a
+    // bound name, a parameter of a def, a type variable outside an explicit
+    // map), innermost last: its value stands where they are the same.
+    std::vector<BindingDeps> fDepFrames;
+    void DependOn(std::string_view url, std::string_view scope_name, std::string_view name = {});
+    // `name` of `scope` (all of its names when empty).
+    void DependOnScope(nb::handle scope, std::string_view name = {});
+    void DependOnAll(const BindingDeps &deps);
+    // The bindings of `deps` now in force, as text.
+    std::string DepsSignature(const BindingDeps &deps);
+    // Calls `look(deps, signature)` with the empty set and with each set of
+    // bindings that reads of `key` have read (MemoTables::value_deps), each
+    // with the signature of those bindings now, until it finds a result.
+    template <class Look>
+    auto ForEachDepSet(const ReadKey &key, Look look) -> decltype(look(BindingDeps(), std::string())) {
+        static const BindingDeps kNone;
+        if (auto found = look(kNone, std::string()))
+            return found;
+        auto read = fMemo.value_deps.find(key);
+        if (read == fMemo.value_deps.end())
+            return nullptr;
+        for (const BindingDeps &deps : read->second)
+            if (auto found = look(deps, DepsSignature(deps)))
+                return found;
+        return nullptr;
+    }
+    // Notes the scopes whose bindings the work `watch` watched read, for
+    // reads of `key`; the signature of their bindings.
+    std::string NoteDeps(const ReadKey &key, const CutWatch &watch);
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
     Effects fEffects;
@@ -892,7 +955,8 @@ private:
     // The type arguments a value gives a protocol's variables, by protocol,
     // value, variables and bindings; partial while being matched or when cut.
     std::map<std::string, Kept<TypeMap>> fProtocolArgs;
-    // Method orders of specialised classes, by class, arguments and bindings.
+    // Method orders of specialised classes, by class, arguments, map and the
+    // bindings read.
     std::map<std::string, Kept<std::vector<MroEntry>>> fRequestMros;
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.

@@ -118,10 +118,20 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     ValueSet out;
     if (Stop())
         return out;
-    RequestKey key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text),
-                    map && map == fFitMap ? kFitHintUseIndex : kHintUseIndex},
-                   BindingSignature(map)};
-    if (const ValueSet *hit = RequestValueOf(key))
+    // Once per binding of what it reads, and per map given.
+    const ReadKey key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text),
+                      map && map == fFitMap ? kFitHintUseIndex : kHintUseIndex};
+    std::string given = std::to_string(fArgHops);
+    if (map) {
+        given.push_back('@');
+        AppendMapSignature(given, *map);
+        if (PyErr_Occurred())
+            throw nb::python_error();
+    }
+    const std::size_t read_hash = ReadKeyHash{}(key);
+    if (const ValueSet *hit = ForEachDepSet(key, [&](const BindingDeps &, const std::string &bindings) {
+            return RequestValueOf(BoundReadView{key, given + bindings, read_hash});
+        }))
         return *hit;
     CutWatch watch(*this);
     const auto parsed = ParseText(text);
@@ -133,7 +143,7 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
         out = EvalType(tree, root, frame);
         --fDepth;
     }
-    fRequestValues.emplace(std::move(key), Keep(out, watch));
+    fRequestValues.emplace(RequestKey{key, given + NoteDeps(key, watch)}, Keep(out, watch));
     return out;
 }
 
@@ -277,7 +287,7 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         }
         // Inside a class whose type arguments are known (reading an
         // instance's attributes), its variables stand for them.
-        ++fBindingReads;
+        DependOn(std::get<0>(kClassMapsDep), std::get<1>(kClassMapsDep));
         std::string url = LocationUrl(ScopeLoc(frame.scope));
         std::string_view scope_name = ScopeName(frame.scope);
         for (auto it = fClassMaps.rbegin(); it != fClassMaps.rend(); ++it) {

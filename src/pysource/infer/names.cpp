@@ -787,7 +787,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     nb::object entry = InfoBytesOf(record, name);
     EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
     if (const ValueSet *bound = BoundValuesOf(scope, name)) {
-        ++fBindingReads;
+        DependOnScope(scope, name);
         if (entry.is_none() || !BindsName(kinds)) {
             out.Merge(*bound);
             return true;
@@ -816,7 +816,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     }
     std::string_view text = si::TextView(entry, "ibytes");
     if (Has(kinds, si::kArgKind) || Has(kinds, si::kSelfKind))
-        ++fBindingReads;  // a parameter: what a call binds to it decides
+        DependOnScope(scope, name);  // a parameter: what a call binds to it decides
     if (Has(kinds, si::kGlobalKind))
         redirect = 1;
     else if (Has(kinds, si::kNonlocalKind))
@@ -825,8 +825,18 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     return true;
 }
 
+bool CEvaluator::NarrowableAt(nb::handle scope, long long at) {
+    for (const char *method : {"Guards", "SkippedIfs"}) {
+        const std::vector<std::vector<Guard>> *conditions = ConditionsOf(scope, method);
+        if (conditions && (std::size_t) at < conditions->size() && !(*conditions)[(std::size_t) at].empty())
+            return true;
+    }
+    return false;
+}
+
 bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long at) {
-    if (fInReachCheck || at < 0 || fBoundNames.empty())
+    // Without tests around the logical, no binding can rule it out.
+    if (fInReachCheck || at < 0 || fBoundNames.empty() || !NarrowableAt(scope, at))
         return true;
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
@@ -1251,7 +1261,7 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
     }
     case si::kSelfKind: {
         // The first parameter of a method: an instance of its class.
-        ++fBindingReads;
+        DependOnScope(scope);
         return InstanceOfClassScope(ScopeAt(loc, si::ParentScopeName(ScopeName(scope))));
     }
     case si::kArgKind: {
@@ -1259,7 +1269,7 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
         // under the argument's own single.
         std::optional<si::ArgInfo> arg = si::UnpackArgInfo(s);
         if (arg)
-            ++fBindingReads;  // a call binds its def's parameters
+            DependOnScope(scope);  // a call binds its def's parameters
         if (!arg || fArgHops >= fEngine.fMaxArgHops)
             return out;  // callers of callers of ...: far enough
         struct Hop {

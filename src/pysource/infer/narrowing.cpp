@@ -192,6 +192,7 @@ std::vector<std::pair<std::string, const ValueSet *>> CEvaluator::BindingsAround
         const auto &[bound_url, scope_name, bound_name] = key;
         if (bound_url != url || (scope_name != name && !IsNestedScopeName(name, scope_name)))
             continue;
+        DependOn(bound_url, scope_name);  // the bindings around decide
         auto it = depth.find(bound_name);
         if (it != depth.end() && it->second > scope_name.size())
             continue;
