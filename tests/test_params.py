@@ -234,6 +234,18 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("def first(f):\n        if not f:\n            return ''\n        return 1\n    target(first(len))", "a", {"int"}),
     ("w = 1 if len else ''\n    target(w)", "a", {"int"}),
     ("w = 1 if v else ''\n    target(w)", "a", {"int", "str"}),
+    # `==` against a built-in value holds only of values of its kind (numbers alike).
+    ("def pad(c):\n        if c == '-':\n            return '-'\n        return [c]\n    target(pad(()))", "a",
+     {"list[tuple[()]]"}),
+    ("def pad(c):\n        if c == 1:\n            return ''\n        return [c]\n    target(pad(1.5))", "a",
+     {"str", "list[float]"}),
+    ("w = [] if v else ''\n    if w == '':\n        target(w)", "a", {"str"}),
+    ("w = v or ''\n    if w != 0:\n        return\n    target(w)", "a", {"float"}),
+    # What instances are assigned, known or not, isn't asked of the class's __getattr__.
+    ("class C:\n        def __init__(self):\n            self.f = v.nothing\n        def __getattr__(self, n):\n"
+     "            return ''\n    target(C().f, C().g)", "a", {"? expression C().f (logical 1)"}),
+    ("class C:\n        def __init__(self):\n            self.f = v.nothing\n        def __getattr__(self, n):\n"
+     "            return ''\n    target(C().f, C().g)", "b", {"str"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -392,6 +392,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
         }
         TypeMap map = MapOfInstance(single);
         // What instances get assigned (self.x = ...), class by class.
+        bool assigned = false;
         for (const MroEntry &entry : Mro(cls, map)) {
             si::CSingleResolvedInfo *k = Single(entry.cls);
             nb::object inst_scope = ScopeAt(k->loc, si::GetInstanceNameForClass(NameOf(k)));
@@ -400,6 +401,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 continue;
             nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
+                assigned = true;
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
@@ -410,8 +412,9 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));
-        if (out.Empty() && !name.starts_with("__")) {
-            // Any other name: what the class's __getattr__ gives.
+        if (out.Empty() && !assigned && !name.starts_with("__")) {
+            // Any other name: what the class's __getattr__ gives (a name the
+            // instances get assigned is found, though its value is unknown).
             ValueSet one, attr_name;
             one.Add(single);
             attr_name.Add(LiteralSingle("str", std::string(name)));

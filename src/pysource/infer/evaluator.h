@@ -541,6 +541,8 @@ private:
     bool fInSavedTest = false;  // a saved test is not followed through another
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
+    int EqualityKind(nb::handle value);
+    ValueSet NarrowToEqual(const ValueSet &values, const ValueSet &others);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
     bool IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals);
     // What `callable(value)` gives: true for functions, lambdas, classes and
