@@ -246,6 +246,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      "            return ''\n    target(C().f, C().g)", "a", {"? expression C().f (logical 1)"}),
     ("class C:\n        def __init__(self):\n            self.f = v.nothing\n        def __getattr__(self, n):\n"
      "            return ''\n    target(C().f, C().g)", "b", {"str"}),
+    # A def of the project that makes a property of a method makes it read as one.
+    ("class P(property):\n        pass\n    def prop(fget):\n        return P(fget)\n    class C:\n        @prop\n"
+     "        def f(self):\n            return ''\n    target(C().f)", "a", {"str"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -509,7 +509,7 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
                            HasDecorator(def, "getter");
         if (!is_property && !is_static && !is_class)
             for (const std::string &d : def.decorators)
-                if (!IsPlainDecorator(d) && DecoratorMakesProperty(s->loc, def.scope_name, d)) {
+                if (!IsPlainDecorator(d) && DecoratorMakesProperty(s->loc, def.scope_name, d, f)) {
                     is_property = true;
                     break;
                 }

@@ -625,8 +625,10 @@ private:
                              const Keywords *kwargs = nullptr, bool *fitted = nullptr);
     bool IsProtocolClass(nb::handle cls);
     // A decorator that names property or a subclass of it (an alias of
-    // property in a stub), read where the def stands.
-    bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
+    // property in a stub), or a def of the project that makes one of
+    // `def_single`, read where the def stands.
+    bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator,
+                                nb::handle def_single);
     // A def as its decorators leave it: a library's hinted decorator is
     // called with it (functools.cache, contextlib.contextmanager).
     bool ImplementsOverloads(nb::handle parent, symbolinfo::CSingleResolvedInfo *d);
