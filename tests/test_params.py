@@ -249,6 +249,12 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A def of the project that makes a property of a method makes it read as one.
     ("class P(property):\n        pass\n    def prop(fget):\n        return P(fget)\n    class C:\n        @prop\n"
      "        def f(self):\n            return ''\n    target(C().f)", "a", {"str"}),
+    # A caller whose arguments can't meet the tests around a use doesn't reach it: calling
+    # itself with `sep` for `seq`, `join` passes a str, never the sentinel.
+    ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join('', sep)\n"
+     "        target(seq)\n    join([1])", "a", {"list"}),
+    ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join(v, sep)\n"
+     "        target(seq)\n    join([1])", "a", {"list"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -696,6 +696,19 @@ private:
     // How long each request spends freeing retired memos before it starts.
     static constexpr double kRetiredFreeingSeconds = 0.0002;
     int fArgHops = 0;  // arguments followed into their callers, nested
+    // The callers (by SourceOfArgument) of the def of `scope` that can't get
+    // to body logical `at`: under the arguments one caller passes, the tests
+    // there can't be met (`if seq is EMPTY: return f('', seq)` calling itself
+    // passes a str, never EMPTY, so its '' isn't what `seq` is there).
+    std::set<std::string> CallersNotReaching(nb::handle scope, nb::handle record, long long at);
+    // Where a derived argument single was recorded: the calling scope as
+    // "url|scope|" (what groups one caller's arguments; `itself`, the def's
+    // own, for a single without one) and the plain name passed, if one.
+    struct ArgumentSource {
+        std::string caller;
+        std::string_view name;
+    };
+    static ArgumentSource SourceOfArgument(std::string_view single, const std::string &itself);
     bool fGaveUp = false;
     // Answers that depend on this request's path (a cut cycle, a stop) are
     // not kept: these count them.
