@@ -255,6 +255,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      "        target(seq)\n    join([1])", "a", {"list"}),
     ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join(v, sep)\n"
      "        target(seq)\n    join([1])", "a", {"list"}),
+    # A def that ends in a raise never falls off its end to give None.
+    ("def make():\n        raise NotImplementedError\n    target(make())", "a", {"? expression make() (logical 1)"}),
+    ("def make():\n        if v:\n            raise ValueError()\n    target(make())", "a", {"None"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -259,7 +259,8 @@ struct MemoTables {
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
     ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
-    std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
+    // (url, def name) -> what the flow provider says of its body (kYields, kAlwaysRaises).
+    std::map<std::pair<std::string, std::string>, int> body_traits;
     // The fields of def and class singles, by their text: the same few are
     // unpacked again and again.
     TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
@@ -277,7 +278,7 @@ struct MemoTables {
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
     std::size_t Entries() const {
-        return block_paths.size() + loop_headers.size() + conditions_at.size() + generators.size() +
+        return block_paths.size() + loop_headers.size() + conditions_at.size() + body_traits.size() +
                def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
                canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
                library_values.size() + project_values.size();
@@ -285,7 +286,7 @@ struct MemoTables {
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
         return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
-               EraseSomeOf(conditions_at, budget) && EraseSomeOf(generators, budget) &&
+               EraseSomeOf(conditions_at, budget) && EraseSomeOf(body_traits, budget) &&
                EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
                EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
                EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
@@ -595,6 +596,10 @@ private:
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,
                           const std::vector<std::pair<std::string, ValueSet>> &arguments = {});
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
+    // Whether a def's body ends in a `raise` directly in it (never falls off its end).
+    bool AlwaysRaisesDef(nb::handle loc, std::string_view def_name);
+    static constexpr int kYields = 1, kAlwaysRaises = 2;
+    int BodyTraits(nb::handle loc, std::string_view def_name);
     // `kwargs`: the keyword arguments of a call of an instance (__call__).
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args,
                         const std::vector<std::pair<std::string, ValueSet>> &kwargs = {});
