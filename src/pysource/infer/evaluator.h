@@ -875,6 +875,8 @@ private:
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;
     // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
     std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
+    // CallersNotReaching by (url, scope, logical, bindings signature).
+    std::map<std::tuple<std::string, std::string, long long, std::string>, std::set<std::string>> fCallersNotReaching;
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;

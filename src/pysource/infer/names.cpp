@@ -1549,6 +1549,11 @@ std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handl
     const std::vector<Param> params = ParamsOf(*DefInfoOf(own));
     const std::string url = LocationUrl(ScopeLoc(scope));
     const std::string name(ScopeName(scope));
+    // The arguments at one call are read one by one at the same use, under
+    // the same bindings: the answer is worked out once.
+    std::tuple<std::string, std::string, long long, std::string> memo_key{url, name, at, BindingSignature(nullptr)};
+    if (auto known = fCallersNotReaching.find(memo_key); known != fCallersNotReaching.end())
+        return known->second;
     const std::string itself = url + "|" + name + "|";  // (as SourceOfArgument writes it)
     auto passed_to = [&](std::size_t i) -> std::vector<std::string_view> {
         nb::object passed = InfoBytesOf(record, si::BuildArgInfo((long long) i, std::nullopt));
@@ -1607,6 +1612,8 @@ std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handl
             fBoundNames.erase(key);
         ++fBindingVersion;
     }
+    if (!Stop())
+        fCallersNotReaching.emplace(std::move(memo_key), out);
     return out;
 }
 
