@@ -244,6 +244,30 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("def first(f):\n        if not f:\n            return ''\n        return 1\n    target(first(len))", "a", {"int"}),
     ("w = 1 if len else ''\n    target(w)", "a", {"int"}),
     ("w = 1 if v else ''\n    target(w)", "a", {"int", "str"}),
+    # `==` against a built-in value holds only of values of its kind (numbers alike).
+    ("def pad(c):\n        if c == '-':\n            return '-'\n        return [c]\n    target(pad(()))", "a",
+     {"list[tuple[()]]"}),
+    ("def pad(c):\n        if c == 1:\n            return ''\n        return [c]\n    target(pad(1.5))", "a",
+     {"str", "list[float]"}),
+    ("w = [] if v else ''\n    if w == '':\n        target(w)", "a", {"str"}),
+    ("w = v or ''\n    if w != 0:\n        return\n    target(w)", "a", {"float"}),
+    # What instances are assigned, known or not, isn't asked of the class's __getattr__.
+    ("class C:\n        def __init__(self):\n            self.f = v.nothing\n        def __getattr__(self, n):\n"
+     "            return ''\n    target(C().f, C().g)", "a", {"? expression C().f (logical 1)"}),
+    ("class C:\n        def __init__(self):\n            self.f = v.nothing\n        def __getattr__(self, n):\n"
+     "            return ''\n    target(C().f, C().g)", "b", {"str"}),
+    # A def of the project that makes a property of a method makes it read as one.
+    ("class P(property):\n        pass\n    def prop(fget):\n        return P(fget)\n    class C:\n        @prop\n"
+     "        def f(self):\n            return ''\n    target(C().f)", "a", {"str"}),
+    # A caller whose arguments can't meet the tests around a use doesn't reach it: calling
+    # itself with `sep` for `seq`, `join` passes a str, never the sentinel.
+    ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join('', sep)\n"
+     "        target(seq)\n    join([1])", "a", {"list"}),
+    ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join(v, sep)\n"
+     "        target(seq)\n    join([1])", "a", {"list"}),
+    # A def that ends in a raise never falls off its end to give None.
+    ("def make():\n        raise NotImplementedError\n    target(make())", "a", {"? expression make() (logical 1)"}),
+    ("def make():\n        if v:\n            raise ValueError()\n    target(make())", "a", {"None"}),
     # A default is what the name held when the def statement ran.
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])

@@ -176,8 +176,19 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields, block exits, if chains).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains = range(7)
+# yields, block exits, if chains, whether it always raises).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kRaises = range(8)
+
+
+def _AlwaysRaises(logicals):
+    """Whether the last statement directly in the body is a `raise` (an
+    abstract method's `raise NotImplementedError`): its end is never reached."""
+    statements = [logical for logical in logicals if logical.fType != logicalline.kComment]
+    if not statements:
+        return False
+    outer = min(logical.fIndentLevel for logical in statements)
+    last = [logical for logical in statements if logical.fIndentLevel == outer][-1]
+    return last.fType == logicalline.kRaise
 
 
 def _BodyStructure(logicals):
@@ -186,7 +197,7 @@ def _BodyStructure(logicals):
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits), tuple(_IfChains(logicals)))
+            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals))
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -266,6 +277,13 @@ class CBlockStructure:
         generator), or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kGenerator]
+
+    def AlwaysRaises(self, loc, scope_name):
+        """Whether the body of the def `scope_name` ends in a `raise` directly
+        in it, so that it never falls off its end, or None when the file
+        can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kRaises]
 
     def ReadFile(self, loc):
         """Reads the file at `loc` unless it is kept already: a caller with

@@ -393,6 +393,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
         }
         TypeMap map = MapOfInstance(single);
         // What instances get assigned (self.x = ...), class by class.
+        bool assigned = false;
         for (const MroEntry &entry : Mro(cls, map)) {
             si::CSingleResolvedInfo *k = Single(entry.cls);
             nb::object inst_scope = ScopeAt(k->loc, si::GetInstanceNameForClass(NameOf(k)));
@@ -401,6 +402,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 continue;
             nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
+                assigned = true;
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
@@ -411,8 +413,9 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             }
         }
         out.Merge(ClassAttribute(cls, name, single, map, true));
-        if (out.Empty() && !name.starts_with("__")) {
-            // Any other name: what the class's __getattr__ gives.
+        if (out.Empty() && !assigned && !name.starts_with("__")) {
+            // Any other name: what the class's __getattr__ gives (a name the
+            // instances get assigned is found, though its value is unknown).
             ValueSet one, attr_name;
             one.Add(single);
             attr_name.Add(LiteralSingle("str", std::string(name)));
@@ -507,7 +510,7 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
                            HasDecorator(def, "getter");
         if (!is_property && !is_static && !is_class)
             for (const std::string &d : def.decorators)
-                if (!IsPlainDecorator(d) && DecoratorMakesProperty(s->loc, def.scope_name, d)) {
+                if (!IsPlainDecorator(d) && DecoratorMakesProperty(s->loc, def.scope_name, d, f)) {
                     is_property = true;
                     break;
                 }
@@ -780,9 +783,9 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         return InstanceOf(generator, nb::make_tuple(yielded.AsFrozenSet(), none.AsFrozenSet(), none.AsFrozenSet()));
     }
     if (returns.is_none()) {
-        // Falling off the end of a function gives None; a stub's body says
-        // nothing.
-        if (!nb::cast<bool>(fLocCache.attr("IsPyiLocation")(d->loc)))
+        // Falling off the end of a function gives None; a stub's body, or
+        // one that always raises, gives nothing.
+        if (!nb::cast<bool>(fLocCache.attr("IsPyiLocation")(d->loc)) && !AlwaysRaisesDef(d->loc, name))
             out.Add(LiteralSingle("None", std::nullopt));
         return out;
     }
@@ -1368,21 +1371,33 @@ std::optional<bool> CEvaluator::LiteralsFit(const ValueSet &wanted, const ValueS
 
 namespace pysource::infer {
 
-bool CEvaluator::IsGeneratorDef(nb::handle loc, std::string_view def_name) {
+int CEvaluator::BodyTraits(nb::handle loc, std::string_view def_name) {
     nb::object provider = fEngine.fFlowProvider;
     if (provider.is_none())
-        return false;
+        return 0;
     std::pair<std::string, std::string> key{LocationUrl(loc), std::string(def_name)};
-    auto it = fMemo.generators.find(key);
-    if (it == fMemo.generators.end()) {
+    auto it = fMemo.body_traits.find(key);
+    if (it == fMemo.body_traits.end()) {
         if (!FlowFileRead(provider, loc))
-            return false;
-        nb::object answer = nb::hasattr(provider, "IsGenerator")
-                                ? provider.attr("IsGenerator")(loc, nb::str(def_name.data(), def_name.size()))
-                                : nb::none();
-        it = fMemo.generators.emplace(std::move(key), !answer.is_none() && nb::cast<bool>(answer)).first;
+            return 0;
+        nb::str name(def_name.data(), def_name.size());
+        int traits = 0;
+        for (const auto &[method, trait] : {std::pair{"IsGenerator", kYields}, std::pair{"AlwaysRaises", kAlwaysRaises}}) {
+            nb::object answer = nb::hasattr(provider, method) ? provider.attr(method)(loc, name) : nb::none();
+            if (!answer.is_none() && nb::cast<bool>(answer))
+                traits |= trait;
+        }
+        it = fMemo.body_traits.emplace(std::move(key), traits).first;
     }
     return it->second;
+}
+
+bool CEvaluator::IsGeneratorDef(nb::handle loc, std::string_view def_name) {
+    return (BodyTraits(loc, def_name) & kYields) != 0;
+}
+
+bool CEvaluator::AlwaysRaisesDef(nb::handle loc, std::string_view def_name) {
+    return (BodyTraits(loc, def_name) & kAlwaysRaises) != 0;
 }
 
 }  // namespace pysource::infer

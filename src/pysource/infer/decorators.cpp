@@ -14,7 +14,7 @@ namespace pysource::infer {
 namespace si = symbolinfo;
 
 bool CEvaluator::DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name,
-                                        const std::string &decorator) {
+                                        const std::string &decorator, nb::handle def_single) {
     std::string_view text = si::StripSpaces(decorator);
     if (text.empty() || text.find('(') != std::string_view::npos)
         return false;
@@ -23,12 +23,26 @@ bool CEvaluator::DecoratorMakesProperty(nb::handle loc, const std::string &def_s
     if (property.is_none())
         return false;
     si::CSingleResolvedInfo *p = Single(property);
-    for (const nb::object &v : ResolveText(scope, text, -2).Items()) {
-        if (!Single(v)->IsClass())
-            continue;
-        for (const MroEntry &e : Mro(v, {})) {
+    auto is_property = [&](nb::handle cls) {
+        for (const MroEntry &e : Mro(cls, {})) {
             si::CSingleResolvedInfo *k = Single(e.cls);
             if (k->loc.is(p->loc) && NameOf(k) == "property")
+                return true;
+        }
+        return false;
+    };
+    for (const nb::object &v : ResolveText(scope, text, -2).Items()) {
+        si::CSingleResolvedInfo *s = Single(v);
+        if (s->IsClass() && is_property(v))
+            return true;
+        // A def of the project that makes a property of the def it gets.
+        if (!s->IsDef() || IsLibraryScope(ScopeAt(s->loc, "")))
+            continue;
+        ValueSet def;
+        def.Add(def_single);
+        for (const nb::object &made : CallValue(v, {def}, {}, Frame{scope, -2, nullptr, nullptr}).Items()) {
+            nb::object cls = Single(made)->IsInstance(false) ? ClassOfInstance(made) : nb::object();
+            if (cls.is_valid() && !cls.is_none() && is_property(cls))
                 return true;
         }
     }

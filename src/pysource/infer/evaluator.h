@@ -312,7 +312,8 @@ struct MemoTables {
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
     ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
-    std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
+    // (url, def name) -> what the flow provider says of its body (kYields, kAlwaysRaises).
+    std::map<std::pair<std::string, std::string>, int> body_traits;
     // The fields of def and class singles, by their text: the same few are
     // unpacked again and again.
     TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
@@ -330,7 +331,7 @@ struct MemoTables {
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
     std::size_t Entries() const {
-        return block_paths.size() + loop_headers.size() + conditions_at.size() + generators.size() +
+        return block_paths.size() + loop_headers.size() + conditions_at.size() + body_traits.size() +
                def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
                canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
                library_values.size() + project_values.size() + value_deps.size();
@@ -338,7 +339,7 @@ struct MemoTables {
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
         return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
-               EraseSomeOf(conditions_at, budget) && EraseSomeOf(generators, budget) &&
+               EraseSomeOf(conditions_at, budget) && EraseSomeOf(body_traits, budget) &&
                EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
                EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
                EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
@@ -602,6 +603,8 @@ private:
     bool fInSavedTest = false;  // a saved test is not followed through another
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
+    int EqualityKind(nb::handle value);
+    ValueSet NarrowToEqual(const ValueSet &values, const ValueSet &others);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
     bool IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals);
     // What `callable(value)` gives: true for functions, lambdas, classes and
@@ -611,8 +614,9 @@ private:
     // A single already split from its logical index (`use_index` when
     // `numbered`): a long one isn't walked again to find it.
     ValueSet ValuesOfUnnumberedSingle(nb::handle scope, std::string_view single, long long use_index, bool numbered);
-    // A piece of a parsed entry, read at its own logical (a malformed one says nothing).
-    ValueSet ValuesOfPiece(nb::handle scope, const EntryPiece &piece);
+    // A piece of a parsed entry, read at its own logical, or at
+    // `unnumbered_use` when it has none (a malformed one says nothing).
+    ValueSet ValuesOfPiece(nb::handle scope, const EntryPiece &piece, long long unnumbered_use);
     // `name` of a module; `through_getattr` lets a module-level __getattr__
     // answer for a name the module doesn't bind (a star import never asks it).
     ValueSet ModuleAttribute(nb::handle module_single, std::string_view name, bool through_getattr = true);
@@ -659,6 +663,10 @@ private:
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,
                           const std::vector<std::pair<std::string, ValueSet>> &arguments = {});
     bool IsGeneratorDef(nb::handle loc, std::string_view def_name);
+    // Whether a def's body ends in a `raise` directly in it (never falls off its end).
+    bool AlwaysRaisesDef(nb::handle loc, std::string_view def_name);
+    static constexpr int kYields = 1, kAlwaysRaises = 2;
+    int BodyTraits(nb::handle loc, std::string_view def_name);
     // `kwargs`: the keyword arguments of a call of an instance (__call__).
     ValueSet CallDunder(const ValueSet &receivers, std::string_view method, const std::vector<ValueSet> &args,
                         const std::vector<std::pair<std::string, ValueSet>> &kwargs = {});
@@ -689,8 +697,10 @@ private:
                              const Keywords *kwargs = nullptr, bool *fitted = nullptr);
     bool IsProtocolClass(nb::handle cls);
     // A decorator that names property or a subclass of it (an alias of
-    // property in a stub), read where the def stands.
-    bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator);
+    // property in a stub), or a def of the project that makes one of
+    // `def_single`, read where the def stands.
+    bool DecoratorMakesProperty(nb::handle loc, const std::string &def_scope_name, const std::string &decorator,
+                                nb::handle def_single);
     // A def as its decorators leave it: a library's hinted decorator is
     // called with it (functools.cache, contextlib.contextmanager).
     bool ImplementsOverloads(nb::handle parent, symbolinfo::CSingleResolvedInfo *d);
@@ -758,6 +768,19 @@ private:
     // How long each request spends freeing retired memos before it starts.
     static constexpr double kRetiredFreeingSeconds = 0.0002;
     int fArgHops = 0;  // arguments followed into their callers, nested
+    // The callers (by SourceOfArgument) of the def of `scope` that can't get
+    // to body logical `at`: under the arguments one caller passes, the tests
+    // there can't be met (`if seq is EMPTY: return f('', seq)` calling itself
+    // passes a str, never EMPTY, so its '' isn't what `seq` is there).
+    std::set<std::string> CallersNotReaching(nb::handle scope, nb::handle record, long long at);
+    // Where a derived argument single was recorded: the calling scope as
+    // "url|scope|" (what groups one caller's arguments; `itself`, the def's
+    // own, for a single without one) and the plain name passed, if one.
+    struct ArgumentSource {
+        std::string caller;
+        std::string_view name;
+    };
+    static ArgumentSource SourceOfArgument(std::string_view single, const std::string &itself);
     bool fGaveUp = false;
     // Answers that depend on this request's path (a cut cycle, a stop) are
     // not kept: these count them.
@@ -963,6 +986,8 @@ private:
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;
     // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
     std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
+    // CallersNotReaching by (url, scope, logical, bindings signature).
+    std::map<std::tuple<std::string, std::string, long long, std::string>, std::set<std::string>> fCallersNotReaching;
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;

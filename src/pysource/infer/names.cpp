@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 
@@ -978,7 +979,9 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         if (defs_unbound && at < -1 && si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single))))
             continue;
-        out.Merge(ValuesOfPiece(scope, *piece));
+        // What callers pass is read for the use: tests there may rule callers out.
+        bool passed = at < -1 && piece->kind == si::kArgKind;
+        out.Merge(ValuesOfPiece(scope, *piece, passed ? use_index : -2));
         if (fGaveUp)
             break;
     }
@@ -1159,9 +1162,10 @@ ValueSet CEvaluator::ValuesOfSingle(nb::handle scope, std::string_view single, l
     }
 }
 
-ValueSet CEvaluator::ValuesOfPiece(nb::handle scope, const EntryPiece &piece) {
+ValueSet CEvaluator::ValuesOfPiece(nb::handle scope, const EntryPiece &piece, long long unnumbered_use) {
     try {
-        return ValuesOfUnnumberedSingle(scope, piece.unnumbered, piece.index.value_or(-2), piece.index.has_value());
+        return ValuesOfUnnumberedSingle(scope, piece.unnumbered, piece.index.value_or(unnumbered_use),
+                                        piece.index.has_value());
     } catch (const std::invalid_argument &) {
         return ValueSet();
     }
@@ -1285,6 +1289,13 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
         // (which calls don't record).
         int star = StarOfParameter(record, arg->index);
         long long last = star == 1 ? arg->index + kMaxStarPositions : arg->index;
+        // Read where the body tests parameters: callers whose arguments can't
+        // meet those tests don't get there.
+        std::set<std::string> unreached;
+        if (use_index >= 0 && star == 0)
+            unreached = CallersNotReaching(scope, record, use_index);
+        const std::string itself =
+            unreached.empty() ? std::string() : LocationUrl(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|";
         ValueSet items;
         for (long long position = arg->index; star != 2 && position <= last; ++position) {
             std::string key = si::BuildArgInfo(position, std::nullopt);
@@ -1292,7 +1303,8 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
             if (passed.is_none())
                 continue;
             for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
-                items.Merge(ValuesOfSingle(scope, one, -2));
+                if (unreached.empty() || !unreached.count(SourceOfArgument(one, itself).caller))
+                    items.Merge(ValuesOfSingle(scope, one, -2));
         }
         if (star == 0)
             return items;
@@ -1532,6 +1544,118 @@ namespace pysource::infer {
 
 // 1 for a `*args` parameter at def-side position `index` of the def whose
 // record this is, 2 for `**kwargs`, else 0.
+namespace {
+
+// Whether `text` reads the identifier `name`.
+bool MentionsName(std::string_view text, std::string_view name) {
+    auto is_word = [](char c) { return std::isalnum((unsigned char) c) || c == '_'; };
+    for (std::size_t at = text.find(name); at != std::string_view::npos; at = text.find(name, at + 1)) {
+        std::size_t end = at + name.size();
+        if ((at == 0 || !is_word(text[at - 1])) && (end == text.size() || !is_word(text[end])))
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+CEvaluator::ArgumentSource CEvaluator::SourceOfArgument(std::string_view single, const std::string &itself) {
+    ArgumentSource out;
+    std::string_view s = si::SplitLogicalIndexSuffix(single).single;
+    for (si::Kind kind = si::GetInfoBytesKind(s); kind == si::kSpecificUrlKind || kind == si::kSpecificScopeKind;
+         kind = si::GetInfoBytesKind(s)) {
+        si::UnpackedFields f = si::UnpackFields(s, 1);
+        if (f.fields.empty() || !f.fields[0])
+            break;
+        out.caller.append(*f.fields[0]).push_back('|');
+        s = si::SplitLogicalIndexSuffix(f.rest).single;
+    }
+    if (out.caller.empty())
+        out.caller = itself;  // recorded in the def's own scope: a call of itself
+    if (si::GetInfoBytesKind(s) == si::kPlainEquivKind)
+        out.name = si::StripSpaces(s);
+    return out;
+}
+
+std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
+    std::set<std::string> out;
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    if (!guards || (std::size_t) at >= guards->size() || (*guards)[(std::size_t) at].empty())
+        return out;
+    std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+    if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+        return out;
+    const std::vector<Param> params = ParamsOf(*DefInfoOf(own));
+    const std::string url = LocationUrl(ScopeLoc(scope));
+    const std::string name(ScopeName(scope));
+    // The arguments at one call are read one by one at the same use, under
+    // the same bindings: the answer is worked out once.
+    std::tuple<std::string, std::string, long long, std::string> memo_key{url, name, at, BindingSignature(nullptr)};
+    if (auto known = fCallersNotReaching.find(memo_key); known != fCallersNotReaching.end())
+        return known->second;
+    const std::string itself = url + "|" + name + "|";  // (as SourceOfArgument writes it)
+    auto passed_to = [&](std::size_t i) -> std::vector<std::string_view> {
+        nb::object passed = InfoBytesOf(record, si::BuildArgInfo((long long) i, std::nullopt));
+        if (passed.is_none())
+            return {};
+        return si::NonNestedSplit(si::TextView(passed, "ibytes"), ";");
+    };
+    // A parameter the def passes on to itself holds what its callers pass it
+    // (read here apart from the read under way, which would be a cycle);
+    // nothing is known when some caller leaves it out or passes a
+    // parameter on again.
+    auto own_parameter = [&](const ArgumentSource &source) {
+        return source.caller != itself ? params.end()
+                                       : std::find_if(params.begin(), params.end(),
+                                                      [&](const Param &p) { return p.name == source.name; });
+    };
+    auto passed_on = [&](std::vector<Param>::const_iterator param) {
+        ValueSet values;
+        if (param->has_default || param->star != 0)
+            return values;
+        for (std::string_view one : passed_to((std::size_t) (param - params.begin()))) {
+            if (own_parameter(SourceOfArgument(one, itself)) != params.end())
+                return ValueSet();
+            values.Merge(ValuesOfSingle(scope, one, -2));
+        }
+        return values;
+    };
+    // Each caller's arguments to the parameters the tests read.
+    std::map<std::string, std::vector<std::pair<std::string, ValueSet>>> callers;
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        bool tested = false;
+        for (const auto &[header, condition, holds] : (*guards)[(std::size_t) at])
+            tested = tested || MentionsName(condition, params[i].name);
+        if (!tested || params[i].star != 0)
+            continue;
+        for (std::string_view one : passed_to(i)) {
+            ArgumentSource source = SourceOfArgument(one, itself);
+            std::vector<std::pair<std::string, ValueSet>> &args = callers[source.caller];
+            if (args.empty() || args.back().first != params[i].name)
+                args.emplace_back(params[i].name, ValueSet());
+            auto passed = own_parameter(source);
+            args.back().second.Merge(passed != params.end() ? passed_on(passed) : ValuesOfSingle(scope, one, -2));
+        }
+    }
+    for (const auto &[caller, args] : callers) {
+        if (Stop())
+            break;
+        std::vector<std::tuple<std::string, std::string, std::string>> bound;
+        for (const auto &[param, values] : args)
+            if (fBoundNames.emplace(std::tuple{url, name, param}, values).second)
+                bound.emplace_back(url, name, param);
+        ++fBindingVersion;
+        if (!LogicalReachable(scope, record, at))
+            out.insert(caller);
+        for (const auto &key : bound)
+            fBoundNames.erase(key);
+        ++fBindingVersion;
+    }
+    if (!Stop())
+        fCallersNotReaching.emplace(std::move(memo_key), out);
+    return out;
+}
+
 int CEvaluator::StarOfParameter(nb::handle record, long long index) {
     std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
     if (!si::IsDefKind(si::GetInfoBytesKind(own)))

@@ -4,6 +4,7 @@
 #include "pysource/infer/evaluator.h"
 
 #include <algorithm>
+#include <set>
 
 #include <nanobind/stl/string.h>
 
@@ -264,7 +265,7 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     }
     case NodeKind::kCompare: {
         // name is None, name is not None, type(name) is C (and == / !=),
-        // type(name) in (C, D), name is SENTINEL.
+        // type(name) in (C, D), name is SENTINEL, name == VALUE.
         if (n.kids_count != 2)
             return;
         std::int32_t left = tree.Kid(n, 0), right = tree.Kid(n, 1);
@@ -304,6 +305,13 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             if (positive && kept.Empty() && !fStrictNarrowing)
                 kept.Add(LiteralSingle("None", std::nullopt));
             values = kept;
+        } else if (IsNameNode(tree, left, name) && (op == "== " || op == "!= ") && positive) {
+            ValueSet others;
+            {
+                Loose loose(fStrictNarrowing);
+                others = Eval(tree, right, frame);
+            }
+            values = NarrowToEqual(values, others);
         } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
                    IsReference(tree, right)) {
             ValueSet objects;
@@ -432,6 +440,49 @@ bool CEvaluator::IsInstanceOfExactly(nb::handle value, const std::vector<nb::obj
         if (SameClass(Single(c), Single(cls)))
             return true;
     return false;
+}
+
+// The kind of values a value can compare equal to, when its class is a
+// built-in one whose `==` holds only within its kind (numbers of any class
+// alike, a set and a frozenset alike); -1 for a value of any other class,
+// whose `__eq__` may say anything.
+int CEvaluator::EqualityKind(nb::handle value) {
+    if (IsNoneLiteral(value))
+        return 0;
+    if (!Single(value)->IsInstance(true) || IsExpressionText(value, false))
+        return -1;
+    nb::object cls = ClassOfInstance(value);
+    if (cls.is_none() || !Single(cls)->loc.is(BuiltinLoc()))
+        return -1;
+    static constexpr std::pair<std::string_view, int> kKinds[] = {
+        {"bool", 1}, {"int", 1},   {"float", 1}, {"complex", 1}, {"str", 2},       {"bytes", 3},
+        {"list", 4}, {"tuple", 5}, {"dict", 6},  {"set", 7},     {"frozenset", 7},
+    };
+    for (const auto &[class_name, kind] : kKinds)
+        if (NameOf(Single(cls)) == class_name)
+            return kind;
+    return -1;
+}
+
+// The values that can compare equal to one of `others` (`x == ''` holds of no
+// list); all of them when one of `others` is of a class whose `==` can't be told.
+ValueSet CEvaluator::NarrowToEqual(const ValueSet &values, const ValueSet &others) {
+    std::set<int> kinds;
+    for (const nb::object &o : others.Items()) {
+        int kind = EqualityKind(o);
+        if (kind < 0)
+            return values;
+        kinds.insert(kind);
+    }
+    if (kinds.empty())
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        int kind = EqualityKind(v);
+        if (kind < 0 || kinds.count(kind))
+            out.Add(v);
+    }
+    return out.Empty() && !fStrictNarrowing ? values : out;
 }
 
 // The values whose class is none of `classes` (`type(x) is not C`: instances
