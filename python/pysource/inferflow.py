@@ -176,8 +176,9 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields, block exits, if chains).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains = range(7)
+# yields, block exits, if chains, def statements).
+_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kDefStatements = range(8)
+_kDefKinds = frozenset({logicalline.kFunctionDef, logicalline.kClassDef})
 
 
 def _BodyStructure(logicals):
@@ -185,8 +186,10 @@ def _BodyStructure(logicals):
     loops = tuple(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
+    defs = tuple((logical.fLocalScopeName, i) for i, logical in enumerate(logicals)
+                 if logical.fType in _kDefKinds and logical.fLocalScopeName is not None)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits), tuple(_IfChains(logicals)))
+            tuple(block_exits), tuple(_IfChains(logicals)), defs)
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -260,6 +263,13 @@ class CBlockStructure:
         the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kIfChains]
+
+    def DefStatements(self, loc, scope_name):
+        """(local scope name, body logical index) of each def and class
+        statement of the body of `scope_name` in `loc` (`f|0`: the first
+        def of `f`), or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kDefStatements]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

@@ -259,6 +259,7 @@ struct MemoTables {
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
     ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
+    ByScope<TextMap<long long>> def_statements;  // local scope name -> body logical index
     std::map<std::pair<std::string, std::string>, bool> generators;  // (url, def name) -> it yields
     // The fields of def and class singles, by their text: the same few are
     // unpacked again and again.
@@ -277,7 +278,8 @@ struct MemoTables {
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
     std::size_t Entries() const {
-        return block_paths.size() + loop_headers.size() + conditions_at.size() + generators.size() +
+        return block_paths.size() + loop_headers.size() + conditions_at.size() + def_statements.size() +
+               generators.size() +
                def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
                canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
                library_values.size() + project_values.size();
@@ -285,7 +287,8 @@ struct MemoTables {
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
         return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
-               EraseSomeOf(conditions_at, budget) && EraseSomeOf(generators, budget) &&
+               EraseSomeOf(conditions_at, budget) && EraseSomeOf(def_statements, budget) &&
+               EraseSomeOf(generators, budget) &&
                EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
                EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
                EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
@@ -499,6 +502,9 @@ private:
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
     // The `for` and `while` headers of a scope's body; null when unknown.
     const std::vector<long long> *LoopHeadersOf(nb::handle scope);
+    // The body logical index of the statement of `scope` that makes the def
+    // or class single `bare`; -2 when unknown (or not a def or class).
+    long long DefStatementAt(nb::handle scope, std::string_view bare);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
     // Whether a setting directly in a block of an if/elif/else chain around
     // the use's block completes the chain's blocks in `covered` (those that

@@ -871,11 +871,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
     for (const EntryPiece &piece : parsed->pieces) {
-        long long at = piece.index ? *piece.index : -2;
         if (!SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind))
             continue;
+        // A def or class statement sets its name where it stands, like an
+        // assignment: a use before it doesn't see it.
+        long long at = piece.index            ? *piece.index
+                       : use_index >= 0 && !piece.malformed ? DefStatementAt(scope, piece.bare)
+                                                            : -2;
         singles.emplace_back(piece.single, at);
-        if (use_index >= -1 && piece.index && at < use_index) {
+        if (use_index >= -1 && at >= 0 && at < use_index) {
             // A setting in a branch the use can't follow doesn't reach it
             // (though the use's settings are then known: -2 for none).
             if (BranchRuledOut(scope, at, use_index, false)) {
@@ -951,9 +955,10 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         if (rebound && at < -1 && IsParameterBinding(single))
             continue;
-        if (defs_unbound && at < -1 && si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single))))
+        bool def_or_class = si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)));
+        if (defs_unbound && def_or_class)
             continue;
-        out.Merge(ValuesOfSingle(scope, single, at));
+        out.Merge(ValuesOfSingle(scope, single, def_or_class ? -2 : at));
         if (fGaveUp)
             break;
     }
@@ -1046,6 +1051,25 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
 
 const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
     return FlowOf(scope, "LoopHeaders", fMemo.loop_headers, IndexList);
+}
+
+long long CEvaluator::DefStatementAt(nb::handle scope, std::string_view bare) {
+    si::Kind kind = si::GetInfoBytesKind(bare);
+    if (!si::IsDefOrClassKind(kind))
+        return -2;
+    const TextMap<long long> *defs = FlowOf(scope, "DefStatements", fMemo.def_statements, [](nb::handle listed) {
+        TextMap<long long> found;
+        for (nb::handle pair : listed)
+            found.emplace(nb::cast<std::string>(GuardItem(pair, 0)), nb::cast<long long>(GuardItem(pair, 1)));
+        return found;
+    });
+    if (!defs)
+        return -2;
+    if (kind != si::kClassKind && HasDecorator(*DefInfoOf(bare), "overload"))
+        return -2;  // the overloads and their implementation make one function
+    std::string name = kind == si::kClassKind ? ClassInfoOf(bare)->full_name : DefInfoOf(bare)->scope_name;
+    auto it = defs->find(si::LeafScopeName(name));
+    return it == defs->end() ? -2 : it->second;
 }
 
 bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn) {
