@@ -32,6 +32,21 @@ def _InnerTokens(logical):
     return [logical.GetTokenString(i) for i in range(1, logical.fTokenCount - 1)]
 
 
+def _AssertedCondition(logical):
+    """The condition of an `assert` (its message left out), which holds
+    after it; None when there is none."""
+    tokens = []
+    depth = 0
+    for i in range(1, logical.fTokenCount):
+        token = logical.GetTokenString(i)
+        depth += token in ("(", "[", "{")
+        depth -= token in (")", "]", "}")
+        if token == "," and depth == 0:
+            break
+        tokens.append(token)
+    return " ".join(tokens) or None
+
+
 def _Yields(logical):
     return "yield" in logical.fText and any(logical.GetTokenString(i) == "yield"
                                             for i in range(logical.fTokenCount))
@@ -103,13 +118,13 @@ def _Conditions(body):
     """Three lists with one tuple per logical of a scope body.  The guards: the
     conditions known there, as (header index, condition text, holds): those
     of the `if`, `elif` and `while` headers around it, the earlier branches
-    of an `elif` or `else` (not holding), and an earlier `if` of its block
+    of an `elif` or `else` (not holding), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`.  The skips: the other earlier `if` blocks (the first
-    of a chain too), and if/elif chains without an `else` (their conditions
-    joined by `or`), as (header index, condition text, last logical of the
-    block): what was set before one reaches past it only when its condition
-    was false.  The block exits, at the header of an `if` block that doesn't
+    `elif` or `else`, and an earlier `assert` of its block (holding).  The
+    skips: the other earlier `if` blocks (the first of a chain too), and
+    if/elif chains without an `else` (their conditions joined by `or`), as
+    (header index, condition text, last logical of the block): what was set
+    before one reaches past it only when its condition was false.  The block exits, at the header of an `if` block that doesn't
     always leave: the guards of the earlier `if` blocks in it that always
     leave, which hold at its end."""
     guards = []
@@ -156,6 +171,11 @@ def _Conditions(body):
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
         skips.append(tuple(k for b in stack for k in b.skips))
+        if logical.fType == logicalline.kAssert:
+            asserted = _AssertedCondition(logical)
+            if asserted:
+                parent.exits.append((i, asserted, True))
+            continue
         if logical.fType not in _kBranchKinds | _kTransparentKinds or _LastToken(logical) != ":":
             continue
         condition = " ".join(_InnerTokens(logical)) or None

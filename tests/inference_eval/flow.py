@@ -1,8 +1,9 @@
 """Flow: the assignment that reaches a line, reassignment, augmented
-assignment, tuple unpacking, with-as, for targets over hinted iterables and
-the walrus operator."""
+assignment, tuple unpacking, with-as, for targets over hinted iterables,
+the walrus operator and what an `assert` tells."""
 
 import io
+import types
 from typing import Iterable, Iterator
 
 value = 1
@@ -174,12 +175,34 @@ def Walrus(values: list[int]):
     z  # expect: int
 
 
+def Asserted(item: int | str, parts: list[bytes] | None):
+    assert isinstance(item, str), "text only"
+    item  # expect: str
+    assert parts is not None
+    parts  # expect: list[bytes]
+    item = 3  # the hint still declares what it holds
+    item  # expect: int | str
+
+
+def Echo(text: str) -> str:
+    return text
+
+
+callback = Echo
+assert isinstance(callback, types.FunctionType)
+callback("a")  # expect: str
+bound = io.StringIO().getvalue
+assert isinstance(bound, (types.MethodType, types.BuiltinMethodType))
+bound()  # expect: str
+
+
 def _main():
     Loops([1, 2], ["a"], {"k": 1.0}, iter([b"c"]), [(1, "a")])
     Branches(True)
     Branches(False)
     Reassigned()
     Walrus([1, 2])
+    Asserted("x", [b"a"])
 
 
 if __name__ == "__main__":

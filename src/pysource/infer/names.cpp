@@ -953,7 +953,8 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         // count; numbered ones only from the reaching logicals when known.
         if (best > -3 && at >= -1 && !reaching.count(at))
             continue;
-        if (rebound && at < -1 && IsParameterBinding(single))
+        // (A parameter's hint still declares what the name holds.)
+        if (rebound && at < -1 && IsParameterBinding(single) && !declared)
             continue;
         bool def_or_class = si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)));
         if (defs_unbound && def_or_class)
