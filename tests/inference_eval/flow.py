@@ -74,6 +74,20 @@ num  # expect: int
 name  # expect: str
 
 
+def Pieces():
+    yield 1
+    yield 2.5
+
+
+# Unpacking takes the items of any iterable, one by one.
+low, high = Pieces()
+low  # expect: float | int
+x_pos, y_pos = map(int, "3 4".split())
+y_pos  # expect: int
+one, two = {b"a", b"b"}
+two  # expect: bytes
+
+
 class Resource:
     def __enter__(self) -> "Resource":
         return self

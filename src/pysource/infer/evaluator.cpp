@@ -780,6 +780,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
         }
         // A tuple of known positions indexed by a constant.
+        bool constant_index = false;
         if (s.kind != NodeKind::kSlice) {
             std::string_view text = TokText(tree, s.tok_begin);
             bool negative = false;
@@ -787,8 +788,9 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                 negative = true;
                 text = TokText(tree, s.tok_begin + 1);
             }
-            if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
-                std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+            constant_index = s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
+                             std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
+            if (constant_index) {
                 long long i = std::stoll(std::string(text));
                 std::vector<nb::object> positions;
                 if (TuplePositions(value, positions)) {
@@ -827,6 +829,15 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
         }
         ValueSet one;
         one.Add(value);
+        if (constant_index && v->IsInstance(false)) {
+            // An item by position of a value that has none, as an unpacking
+            // reads its targets (`a, b = gen()`): its items by iteration.
+            nb::object cls = ClassOfInstance(value);
+            if (!cls.is_none() && ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty()) {
+                out.Merge(IterItems(one));
+                continue;
+            }
+        }
         out.Merge(CallDunder(one, "__getitem__", {index}));
     }
     return out;
