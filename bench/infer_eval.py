@@ -175,7 +175,10 @@ def _ScorePeerCases(args):
     cases = peercases.ReadPeerCases(folder)
     mgr = manager.CAnalysisMgr(db_path=None)
     try:
-        # The cases read parameters as what callers pass: derived scans too.
+        # The files import each other as top modules, as when run from DIR
+        # (which is a package itself); they read parameters as what callers
+        # pass: derived scans too.
+        mgr.fInferenceEngine._fNativeEngine.fModuleFinder.AddRoot(folder)
         inferevalset.IndexFolder(mgr, folder, derived=True)
         scores = peercases.ScorePeerCases(mgr, cases, args.seconds)
     finally:
