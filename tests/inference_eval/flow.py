@@ -73,6 +73,15 @@ num, name = Pair()
 num  # expect: int
 name  # expect: str
 
+# A declaration holds past later settings of the name, loop targets too
+# (not before it: `total` above).
+total: float = 0
+total = 2.5
+total  # expect: float
+label: str
+for label in ["a", "b"]:
+    label  # expect: str
+
 
 def Pieces():
     yield 1

@@ -922,9 +922,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
         return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar";
     };
+    // (Declared at the use: a declaration after it doesn't count.)
     bool declared = false;
     for (const EntryPiece &piece : parsed->pieces)
-        declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single));
+        declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single) &&
+                                (use_index < 0 || !piece.index || *piece.index < use_index));
+    long long latest_declaration = -2;  // the latest declaration before the use
+    for (const auto &[single, at] : singles)
+        if (declared && at >= 0 && at < use_index && declares(single))
+            latest_declaration = std::max(latest_declaration, at);
     // A def or class binds its name no earlier than the name's first
     // setting: a use up to there (a decorator or default of the def itself)
     // doesn't see it, unless a loop around both brings it round again.
@@ -951,7 +957,10 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always
         // count; numbered ones only from the reaching logicals when known.
-        if (best > -3 && at >= -1 && !reaching.count(at))
+        // A declaration holds on until the next one, whichever settings
+        // reach the use.
+        if (best > -3 && at >= -1 && !reaching.count(at) &&
+            !(declared && (at == latest_declaration || latest_declaration < -1)))
             continue;
         // (A parameter's hint still declares what the name holds.)
         if (rebound && at < -1 && IsParameterBinding(single) && !declared)
