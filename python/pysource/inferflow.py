@@ -196,8 +196,9 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields, block exits, if chains, def statements).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kDefStatements = range(8)
+# yields, block exits, if chains, def statements, return statements).
+(_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kDefStatements,
+ _kReturns) = range(9)
 _kDefKinds = frozenset({logicalline.kFunctionDef, logicalline.kClassDef})
 
 
@@ -208,8 +209,9 @@ def _BodyStructure(logicals):
                     if logical.fType != logicalline.kComment)
     defs = tuple((logical.fLocalScopeName, i) for i, logical in enumerate(logicals)
                  if logical.fType in _kDefKinds and logical.fLocalScopeName is not None)
+    returns = tuple(i for i, logical in enumerate(logicals) if logical.fType == logicalline.kReturn)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits), tuple(_IfChains(logicals)), defs)
+            tuple(block_exits), tuple(_IfChains(logicals)), defs, returns)
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -290,6 +292,12 @@ class CBlockStructure:
         def of `f`), or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kDefStatements]
+
+    def ReturnStatements(self, loc, scope_name):
+        """The body logical indexes of the `return` statements of the body
+        of `scope_name` in `loc`, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kReturns]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

@@ -123,6 +123,22 @@ for got2 in Delegate():
     got2  # expect: int | str
 
 
+def Ticks():
+    yield
+    yield
+
+
+def Relay():
+    yield from Ticks()
+    yield from [b"x"]
+    return "finished"  # what it finishes with, not an item
+
+
+next(Ticks())  # expect: None
+for relayed in Relay():
+    relayed  # expect: bytes | None
+
+
 class Session:
     def __enter__(self):
         return self

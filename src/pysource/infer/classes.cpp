@@ -771,7 +771,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         ValueSet yielded;
         if (!returns.is_none()) {
             ++fDepth;
-            yielded = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
+            yielded = EntryValues(scope, record, YieldsOf(scope, si::TextView(returns, "ibytes")), -2);
             --fDepth;
         }
         ValueSet none;

@@ -1063,6 +1063,21 @@ const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
     return FlowOf(scope, "LoopHeaders", fMemo.loop_headers, IndexList);
 }
 
+std::string CEvaluator::YieldsOf(nb::handle scope, std::string_view returns) {
+    const std::vector<long long> *statements = FlowOf(scope, "ReturnStatements", fMemo.loop_headers, IndexList);
+    if (!statements || statements->empty())
+        return std::string(returns);
+    std::string out;
+    for (const EntryPiece &piece : EntryOf(returns)->pieces) {
+        if (piece.index && std::find(statements->begin(), statements->end(), *piece.index) != statements->end())
+            continue;
+        if (!out.empty())
+            out.push_back(';');
+        out.append(piece.single);
+    }
+    return out;
+}
+
 long long CEvaluator::DefStatementAt(nb::handle scope, std::string_view bare) {
     si::Kind kind = si::GetInfoBytesKind(bare);
     if (!si::IsDefOrClassKind(kind))
