@@ -635,13 +635,15 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             std::string_view name = si::TextView(c->scope->name, "name");
             nb::object builtins = BuiltinLoc();
             if (c->loc.is(builtins) && name == "type" && n.kids_count == 2) {
-                // type(x): the class of x.
+                // type(x): the class of x; of a class, its metaclass.
                 arguments();
                 if (!args.empty())
                     for (const nb::object &v : args[0].Items()) {
-                        nb::object cls = ClassOfInstance(v);
+                        nb::object cls = Single(v)->IsClass() ? MetaclassOf(v) : ClassOfInstance(v);
                         if (!cls.is_none())
                             out.Add(cls);
+                        else if (Single(v)->IsClass())
+                            out.Add(callee);
                     }
                 continue;
             }
@@ -659,8 +661,23 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             }
         }
         if (c->IsDef() && form.empty()) {
-            // typing.cast(T, value): the type T.
             std::string_view def_name = si::TextView(c->scope->name, "name");
+            // getattr(x, "name"[, default]): the attribute x.name (or the default).
+            std::string_view attribute;
+            if (def_name == "getattr" && c->loc.is(BuiltinLoc()) && (n.kids_count == 3 || n.kids_count == 4) &&
+                tree.nodes[(std::size_t) tree.Kid(n, 2)].kind == NodeKind::kString &&
+                pgen::StringAnnotationText(tree, tree.Kid(n, 2), attribute) && !attribute.empty()) {
+                ValueSet found;
+                for (const nb::object &v : Eval(tree, first_arg, frame).Items())
+                    found.Merge(Attribute(v, attribute));
+                if (!found.Empty()) {
+                    out.Merge(found);
+                    if (n.kids_count == 4)
+                        out.Merge(Eval(tree, tree.Kid(n, 3), frame));
+                    continue;
+                }
+            }
+            // typing.cast(T, value): the type T.
             if (def_name == "cast" && first_arg >= 0 && !SpecialFormOf(callee).size() &&
                 fLocCache.attr("IsTypingLoc")(c->loc).equal(nb::bool_(true))) {
                 out.Merge(EvalType(tree, first_arg, frame));
