@@ -66,6 +66,13 @@ std::string WithIterMarkers(std::string_view text) {
 
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
 
+// What a generator finishes with (its third type argument), into `out`.
+void MergeFinishedWith(nb::handle gen, ValueSet &out) {
+    nb::handle args = Single(gen)->fTypeArgs;
+    if (PyTuple_Check(args.ptr()) && PyTuple_GET_SIZE(args.ptr()) == 3)
+        out.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(args.ptr(), 2)));
+}
+
 // The first token of a node written in parentheses, `(1.5)`, past them.
 std::int32_t FirstTokInParens(const pgen::Tree &tree, const pgen::Node &n) {
     std::int32_t tok = n.tok_begin;
@@ -351,12 +358,17 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             ValueSet one, awaited;
             one.Add(v);
             if (Single(v)->IsInstance(true))
-                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items()) {
-                    nb::handle args = Single(gen)->fTypeArgs;
-                    if (PyTuple_Check(args.ptr()) && PyTuple_GET_SIZE(args.ptr()) == 3)
-                        awaited.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(args.ptr(), 2)));
-                }
+                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items())
+                    MergeFinishedWith(gen, awaited);
             out.Merge(awaited.Empty() ? one : awaited);
+        }
+        return out;
+    case NodeKind::kYieldFrom:
+        // `yield from g` gives what the generator g finishes with.
+        for (const nb::object &v : Eval(tree, tree.Kid(n, 0), frame).Items()) {
+            nb::object cls = Single(v)->IsInstance(false) ? ClassOfInstance(v) : nb::object();
+            if (cls.is_valid() && !cls.is_none() && NameOf(Single(cls)) == "Generator")
+                MergeFinishedWith(v, out);
         }
         return out;
     case NodeKind::kStarred:

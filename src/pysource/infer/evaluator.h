@@ -505,9 +505,10 @@ private:
     // The body logical index of the statement of `scope` that makes the def
     // or class single `bare`; -2 when unknown (or not a def or class).
     long long DefStatementAt(nb::handle scope, std::string_view bare);
-    // The pieces of the `return` entry of the generator def `scope` that
-    // its yields give (its `return` statements give what it finishes with).
-    std::string YieldsOf(nb::handle scope, std::string_view returns);
+    // The pieces of the `return` entry of the generator def `scope`: those
+    // its yields give, and those its `return` statements give (what it
+    // finishes with).
+    std::pair<std::string, std::string> GeneratorEntries(nb::handle scope, std::string_view returns);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
     // Whether a setting directly in a block of an if/elif/else chain around
     // the use's block completes the chain's blocks in `covered` (those that

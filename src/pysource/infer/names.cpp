@@ -1063,17 +1063,18 @@ const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
     return FlowOf(scope, "LoopHeaders", fMemo.loop_headers, IndexList);
 }
 
-std::string CEvaluator::YieldsOf(nb::handle scope, std::string_view returns) {
+std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scope, std::string_view returns) {
     const std::vector<long long> *statements = FlowOf(scope, "ReturnStatements", fMemo.loop_headers, IndexList);
     if (!statements || statements->empty())
-        return std::string(returns);
-    std::string out;
+        return {std::string(returns), std::string()};
+    std::pair<std::string, std::string> out;
     for (const EntryPiece &piece : EntryOf(returns)->pieces) {
-        if (piece.index && std::find(statements->begin(), statements->end(), *piece.index) != statements->end())
-            continue;
-        if (!out.empty())
-            out.push_back(';');
-        out.append(piece.single);
+        bool returned =
+            piece.index && std::find(statements->begin(), statements->end(), *piece.index) != statements->end();
+        std::string &part = returned ? out.second : out.first;
+        if (!part.empty())
+            part.push_back(';');
+        part.append(piece.single);
     }
     return out;
 }
