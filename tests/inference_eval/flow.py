@@ -83,6 +83,20 @@ for label in ["a", "b"]:
     label  # expect: str
 
 
+def Constant():
+    # A branch a constant test can't take never runs.
+    if 0:
+        return "never"
+    elif True:
+        result = 1.5
+    else:
+        result = b"never"
+    return result
+
+
+Constant()  # expect: float
+
+
 def Pieces():
     yield 1
     yield 2.5

@@ -505,6 +505,9 @@ private:
     // The body logical index of the statement of `scope` that makes the def
     // or class single `bare`; -2 when unknown (or not a def or class).
     long long DefStatementAt(nb::handle scope, std::string_view bare);
+    // Whether body logical `at` of `scope` never runs: a test around it is
+    // a constant that can't take its branch (`if 0:`, the `else` of `if 1:`).
+    bool NeverRuns(nb::handle scope, long long at);
     // The pieces of the `return` entry of the generator def `scope`: those
     // its yields give, and those its `return` statements give (what it
     // finishes with).

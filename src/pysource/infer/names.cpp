@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bitset>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 
@@ -878,6 +879,9 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         long long at = piece.index            ? *piece.index
                        : use_index >= 0 && !piece.malformed ? DefStatementAt(scope, piece.bare)
                                                             : -2;
+        // (A use that never runs itself reads what its dead block sets.)
+        if (NeverRuns(scope, at) && !NeverRuns(scope, use_index))
+            continue;
         singles.emplace_back(piece.single, at);
         if (use_index >= -1 && at >= 0 && at < use_index) {
             // A setting in a branch the use can't follow doesn't reach it
@@ -1061,6 +1065,46 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
 
 const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
     return FlowOf(scope, "LoopHeaders", fMemo.loop_headers, IndexList);
+}
+
+namespace {
+
+// The truth of a test written as a constant (a number, a string, True,
+// False, None, `not` of one); none for any other test.
+std::optional<bool> ConstantTruth(std::string_view text) {
+    text = si::StripSpaces(text);
+    bool negated = false;
+    while (text.starts_with("not ")) {
+        negated = !negated;
+        text = si::StripSpaces(text.substr(4));
+    }
+    std::optional<bool> truth;
+    if (text == "True")
+        truth = true;
+    else if (text == "False" || text == "None")
+        truth = false;
+    else if (!text.empty() && (std::isdigit((unsigned char) text[0]) || text[0] == '.') &&
+             text.find_first_not_of("0123456789._") == std::string_view::npos)
+        truth = text.find_first_not_of("0._") != std::string_view::npos;
+    else if (text.size() >= 2 && (text[0] == '"' || text[0] == '\'') && text.find(text[0], 1) == text.size() - 1)
+        truth = text.size() > 2;  // one plain string literal
+    if (!truth)
+        return std::nullopt;
+    return *truth != negated;
+}
+
+}  // namespace
+
+bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    if (!guards || at < 0 || (std::size_t) at >= guards->size())
+        return false;
+    for (const auto &[header, condition, held] : (*guards)[(std::size_t) at]) {
+        std::optional<bool> truth = ConstantTruth(condition);
+        if (truth && *truth != (held != 0))
+            return true;
+    }
+    return false;
 }
 
 std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scope, std::string_view returns) {
