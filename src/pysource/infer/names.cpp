@@ -871,16 +871,22 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     std::vector<std::pair<std::string_view, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
+    auto says_value = [](const EntryPiece &piece) {
+        return SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind);
+    };
+    // A def or class statement sets its name where it stands, like an
+    // assignment: a use before it doesn't see it.  (Where it stands, and
+    // whether a constant test rules a setting out, matter only to a name set
+    // more than once; telling them reads the file's flow.)
+    bool set_again = std::count_if(parsed->pieces.begin(), parsed->pieces.end(), says_value) > 1;
     for (const EntryPiece &piece : parsed->pieces) {
-        if (!SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind))
+        if (!says_value(piece))
             continue;
-        // A def or class statement sets its name where it stands, like an
-        // assignment: a use before it doesn't see it.
-        long long at = piece.index            ? *piece.index
-                       : use_index >= 0 && !piece.malformed ? DefStatementAt(scope, piece.bare)
-                                                            : -2;
+        long long at = piece.index                                      ? *piece.index
+                       : set_again && use_index >= 0 && !piece.malformed ? DefStatementAt(scope, piece.bare)
+                                                                         : -2;
         // (A use that never runs itself reads what its dead block sets.)
-        if (NeverRuns(scope, at) && !NeverRuns(scope, use_index))
+        if (set_again && NeverRuns(scope, at) && !NeverRuns(scope, use_index))
             continue;
         singles.emplace_back(piece.single, at);
         if (use_index >= -1 && at >= 0 && at < use_index) {
