@@ -5,6 +5,7 @@ miss with what the engine said.
 
     python bench/infer_eval.py [FEATURE ...] [--seconds S] [--verify] [--jedi] [--quiet]
     python bench/infer_eval.py --cases DIR [--seconds S] [--quiet]
+    python bench/infer_eval.py --peer-cases DIR [--seconds S] [--quiet]
 
 FEATURE    only the expectations of these files (`flow`, `pkg/relative`, ...)
 
@@ -19,6 +20,11 @@ FEATURE    only the expectations of these files (`flow`, `pkg/relative`, ...)
            answers by classes ("args ok": the type arguments the engine gives
            agree too), the cases left out (T is Any, Never, Callable, a type
            variable ...) and every miss
+--peer-cases  instead of the set, score the `#? [COLUMN] T1 T2` expectation
+           lines of the Python files under DIR (another analyser's test
+           files, see tests/peercases.py): per file exact / superset / subset
+           / wrong / empty answers by classes, the cases left out and why,
+           then the misses grouped by verdict and kind of expectation
 """
 
 import argparse
@@ -29,6 +35,7 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests"))
 
 import inferevalset  # noqa: E402
+import peercases  # noqa: E402
 
 
 def _rel(path):
@@ -125,18 +132,11 @@ def _Jedi():
               f"{' | '.join(exp.expected)}, jedi {got}")
 
 
-def _ScoreCases(args):
+def _PrintVerdicts(scores, folder, columns, extra_counts):
+    """Per file of `folder` and in total: cases, cases left out, the count of
+    each verdict and of `extra_counts(score)` in `columns`, incomplete
+    answers; then the share of exact ones and why cases were left out."""
     from collections import Counter
-    from pysource import manager
-    folder = os.path.abspath(args.cases)
-    cases = inferevalset.ReadAssertTypes(folder)
-    mgr = manager.CAnalysisMgr(db_path=None)
-    try:
-        inferevalset.IndexFolder(mgr, folder)
-        scores = inferevalset.ScoreAssertTypes(mgr, cases, args.seconds)
-    finally:
-        mgr.destroy()
-    kinds = ("exact", "superset", "wrong", "empty")
     rows = {}
     for s in scores:
         row = rows.setdefault(os.path.relpath(s.case.path, folder), Counter())
@@ -145,9 +145,9 @@ def _ScoreCases(args):
             row["left out"] += 1
             continue
         row[s.verdict] += 1
-        row["args ok"] += s.arguments_agree
+        row.update(extra_counts(s))
         row["incompl"] += not s.complete
-    columns = ("cases", "left out", "exact", "args ok", *kinds[1:], "incompl")
+    columns = ("cases", "left out", *columns, "incompl")
     print(f"{'file':<36}" + "".join(f"{c:>9}" for c in columns))
     total = Counter()
     for name, row in rows.items():
@@ -159,6 +159,61 @@ def _ScoreCases(args):
         print(f"\nexact {100.0 * total['exact'] / scored:.1f}% of {scored} scored cases")
     reasons = Counter(s.left_out for s in scores if s.left_out)
     print("left out: " + ", ".join(f"{why} {n}" for why, n in reasons.most_common()))
+
+
+def _ExpectedKind(expected):
+    """What a peer case expects: nothing, instances, classes, functions,
+    modules, or a mix."""
+    kinds = {"class" if t.startswith("type[") else "function" if t.startswith("def ")
+             else "module" if t.startswith("module ") else "instance" for t in expected}
+    return "nothing" if not kinds else kinds.pop() if len(kinds) == 1 else "mixed"
+
+
+def _ScorePeerCases(args):
+    from pysource import manager
+    folder = os.path.abspath(args.peer_cases)
+    cases = peercases.ReadPeerCases(folder)
+    mgr = manager.CAnalysisMgr(db_path=None)
+    try:
+        # The files import each other as top modules, as when run from DIR
+        # (which is a package itself); they read parameters as what callers
+        # pass: derived scans too.
+        mgr.fInferenceEngine._fNativeEngine.fModuleFinder.AddRoot(folder)
+        inferevalset.IndexFolder(mgr, folder, derived=True)
+        scores = peercases.ScorePeerCases(mgr, cases, args.seconds)
+    finally:
+        mgr.destroy()
+    _PrintVerdicts(scores, folder, ("exact", "superset", "subset", "wrong", "empty"),
+                   lambda s: {})
+    if args.quiet:
+        return
+    groups = {}
+    for s in scores:
+        if not s.left_out and s.verdict != "exact":
+            key = (s.verdict, _ExpectedKind(s.expected))
+            groups.setdefault(key, []).append(s)
+    for (verdict, kind), group in sorted(groups.items(), key=lambda kv: -len(kv[1])):
+        print(f"\n{verdict}, expecting {kind}: {len(group)}")
+        for s in group:
+            mark = "" if s.complete else " (incomplete)"
+            target = " (target)" if s.case.target else ""
+            print(f"  {os.path.relpath(s.case.path, folder)}:{s.case.line}:{s.case.column}: "
+                  f"{s.case.expr}{target}\n      expected {' | '.join(s.expected) or '(nothing)'}\n"
+                  f"      got      {' | '.join(s.got) or '(nothing)'}{mark}")
+
+
+def _ScoreCases(args):
+    from pysource import manager
+    folder = os.path.abspath(args.cases)
+    cases = inferevalset.ReadAssertTypes(folder)
+    mgr = manager.CAnalysisMgr(db_path=None)
+    try:
+        inferevalset.IndexFolder(mgr, folder)
+        scores = inferevalset.ScoreAssertTypes(mgr, cases, args.seconds)
+    finally:
+        mgr.destroy()
+    _PrintVerdicts(scores, folder, ("exact", "args ok", "superset", "wrong", "empty"),
+                   lambda s: {"args ok": s.arguments_agree})
     if not args.quiet:
         for s in scores:
             if s.left_out or s.verdict == "exact":
@@ -177,7 +232,11 @@ def main():
     parser.add_argument("--jedi", action="store_true")
     parser.add_argument("--quiet", action="store_true")
     parser.add_argument("--cases", metavar="DIR")
+    parser.add_argument("--peer-cases", metavar="DIR")
     args = parser.parse_args()
+    if args.peer_cases:
+        _ScorePeerCases(args)
+        return
     if args.cases:
         _ScoreCases(args)
         return

@@ -103,10 +103,11 @@ class CScore:
         return {Loose(t) for t in self.got} == {Loose(t) for t in self.expectation.expected}
 
 
-def IndexFolder(mgr, folder=kEvalDir):
-    """Runs the primary scan of every file under `folder`."""
-    inferquery.RunPrimaryScans(
-        mgr, [CLocalFileLocation(p) for p in projectfiles.FindSourceFiles([folder])])
+def IndexFolder(mgr, folder=kEvalDir, derived=False):
+    """Runs the primary scan of every file under `folder`, and with
+    `derived` their derived scans (what callers pass) too."""
+    locs = [CLocalFileLocation(p) for p in projectfiles.FindSourceFiles([folder])]
+    (inferquery.RunDerivedScans if derived else inferquery.RunPrimaryScans)(mgr, locs)
 
 
 def ScoreAll(mgr, expectations, seconds=inferquery.kDefaultSeconds):

@@ -7,6 +7,7 @@ import ast
 import pytest
 
 import inferevalset
+import peercases
 from pysource import manager
 
 # Exact agreement (share of expectations whose set of canonical texts the
@@ -98,3 +99,64 @@ def test_assert_type_calls_are_found_with_their_lines(tmp_path):
     cases = inferevalset.ReadAssertTypes(str(tmp_path))
     assert [(c.line, c.expr, ast.unparse(c.type_node)) for c in cases] == \
         [(2, "len('a')", "int"), (4, "x.upper()", "str")]
+
+
+# The `#? [COLUMN] T1 T2` cases of another analyser (bench/infer_eval.py --peer-cases)
+
+@pytest.mark.parametrize("line, column, found", [
+    ("int()", None, ("int()", False)),
+    ("int()", 3, ("int", False)),
+    ("int(str)", 4, ("str", False)),
+    ("x = foo.bar[0]", None, ("foo.bar[0]", False)),
+    ("    return [a][0].b(1)  # why", 22, ("[a][0].b(1)", False)),
+    ("assert {}", None, ("{}", False)),
+    ("for k, v in pairs:", 8, ("v", True)),
+    ("with Foo() as f3:", 16, ("f3", True)),
+    ("def foo1(my_param, b=2):", 9, ("my_param", True)),
+    ("A().addition = None", 8, ("A().addition", True)),
+    ("a == b", 1, ("a", False)),
+    ("return", None, None),
+    ("x = (", None, None),
+])
+def test_the_expression_at_the_cursor_is_the_primary_it_ends(line, column, found):
+    assert peercases.ExpressionAt(line, len(line) if column is None else column) == found
+
+
+def test_peer_cases_are_read_with_their_line_column_and_types(tmp_path):
+    (tmp_path / "cases.py").write_text(
+        "#? int() str()\n"
+        "a\n"
+        "#? 4 list\n"
+        "x = list()\n"
+        "#? ['append']\n"
+        "a.app\n"
+        "#?\n"
+        "b\n"
+        "'''\n"
+        "#? int()\n"
+        "in_a_string\n"
+        "'''\n")
+    cases = peercases.ReadPeerCases(str(tmp_path))
+    assert [(c.line, c.column, c.expr, c.expected) for c in cases] == \
+        [(2, 1, "a", ("int()", "str()")), (4, 4, "list", ("list",)), (8, 1, "b", ())]
+
+
+@pytest.mark.parametrize("written, text", [
+    ("int()", "int"),
+    ("str", "type[str]"),
+    ("len", "def len"),
+    ("None", "None"),
+    ("Foo()", "mod.Foo"),
+    ("Foo", "type[mod.Foo]"),
+    ("helper", "def helper"),
+    ("helper()", "expected call of a function"),
+    ("nowhere", "expected name not found"),
+    ("type(x)", "expected value of another form"),
+])
+def test_expected_types_read_as_canonical_texts_or_left_out(written, text):
+    known = {"Foo": ["type[mod.Foo[T]]"], "helper": ["def helper"]}
+    try:
+        got = peercases.ExpectedText(written, lambda name: known.get(name, []))
+    except peercases.CUnscored as why:
+        got = str(why)
+    assert got == text

@@ -67,6 +67,8 @@ INFO_CASES = [
     ("return x + 1\n", "return", [b"x+1"]),
     ("return\n", "return", [b"None"]),
     ("x = yield item\n", "return", [b"item"]),
+    ("x = yield\n", "return", [b"None"]),
+    ("yield from parts(a)\n", "return", [b"parts(a)[*]"]),
     ("x = y + y + y\n", "y", [GET]),
     ("(x): int\n", "x", []),
     ("x = (yield).send\n", "x", [SET, b"(yield).send"]),

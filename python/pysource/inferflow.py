@@ -32,6 +32,21 @@ def _InnerTokens(logical):
     return [logical.GetTokenString(i) for i in range(1, logical.fTokenCount - 1)]
 
 
+def _AssertedCondition(logical):
+    """The condition of an `assert` (its message left out), which holds
+    after it; None when there is none."""
+    tokens = []
+    depth = 0
+    for i in range(1, logical.fTokenCount):
+        token = logical.GetTokenString(i)
+        depth += token in ("(", "[", "{")
+        depth -= token in (")", "]", "}")
+        if token == "," and depth == 0:
+            break
+        tokens.append(token)
+    return " ".join(tokens) or None
+
+
 def _Yields(logical):
     return "yield" in logical.fText and any(logical.GetTokenString(i) == "yield"
                                             for i in range(logical.fTokenCount))
@@ -103,13 +118,13 @@ def _Conditions(body):
     """Three lists with one tuple per logical of a scope body.  The guards: the
     conditions known there, as (header index, condition text, holds): those
     of the `if`, `elif` and `while` headers around it, the earlier branches
-    of an `elif` or `else` (not holding), and an earlier `if` of its block
+    of an `elif` or `else` (not holding), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`.  The skips: the other earlier `if` blocks (the first
-    of a chain too), and if/elif chains without an `else` (their conditions
-    joined by `or`), as (header index, condition text, last logical of the
-    block): what was set before one reaches past it only when its condition
-    was false.  The block exits, at the header of an `if` block that doesn't
+    `elif` or `else`, and an earlier `assert` of its block (holding).  The
+    skips: the other earlier `if` blocks (the first of a chain too), and
+    if/elif chains without an `else` (their conditions joined by `or`), as
+    (header index, condition text, last logical of the block): what was set
+    before one reaches past it only when its condition was false.  The block exits, at the header of an `if` block that doesn't
     always leave: the guards of the earlier `if` blocks in it that always
     leave, which hold at its end."""
     guards = []
@@ -156,6 +171,11 @@ def _Conditions(body):
         parent.last = logical.fType
         guards.append(tuple(g for b in stack for g in b.inside + b.exits))
         skips.append(tuple(k for b in stack for k in b.skips))
+        if logical.fType == logicalline.kAssert:
+            asserted = _AssertedCondition(logical)
+            if asserted:
+                parent.exits.append((i, asserted, True))
+            continue
         if logical.fType not in _kBranchKinds | _kTransparentKinds or _LastToken(logical) != ":":
             continue
         condition = " ".join(_InnerTokens(logical)) or None
@@ -176,8 +196,11 @@ _kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning}
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
-# yields, block exits, if chains, whether it always raises).
-_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kRaises = range(8)
+# yields, block exits, if chains, whether it always raises, def statements,
+# return statements).
+(_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kRaises,
+ _kDefStatements, _kReturns) = range(10)
+_kDefKinds = frozenset({logicalline.kFunctionDef, logicalline.kClassDef})
 
 
 def _AlwaysRaises(logicals):
@@ -196,8 +219,11 @@ def _BodyStructure(logicals):
     loops = tuple(i for i, logical in enumerate(logicals) if logical.fType in _kLoopKinds)
     generator = any(_Yields(logical) for logical in logicals
                     if logical.fType != logicalline.kComment)
+    defs = tuple((logical.fLocalScopeName, i) for i, logical in enumerate(logicals)
+                 if logical.fType in _kDefKinds and logical.fLocalScopeName is not None)
+    returns = tuple(i for i, logical in enumerate(logicals) if logical.fType == logicalline.kReturn)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals))
+            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals), defs, returns)
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -271,6 +297,19 @@ class CBlockStructure:
         the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kIfChains]
+
+    def DefStatements(self, loc, scope_name):
+        """(local scope name, body logical index) of each def and class
+        statement of the body of `scope_name` in `loc` (`f|0`: the first
+        def of `f`), or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kDefStatements]
+
+    def ReturnStatements(self, loc, scope_name):
+        """The body logical indexes of the `return` statements of the body
+        of `scope_name` in `loc`, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kReturns]
 
     def IsGenerator(self, loc, scope_name):
         """Whether the body of the def `scope_name` yields (its calls make a

@@ -8,6 +8,7 @@ resolve asks for and tries again, and turns the engine's singles into short
 canonical text (`int`, `type[Foo]`, `def Foo.meth`, `module os.path`).
 """
 
+import contextlib
 import re
 
 from pysource import _fastaccess, coordinator, manager, recordtext, scopescanner, symbolinfo
@@ -120,18 +121,34 @@ def ScopeAtLine(mgr, loc, lineno):
 
 # Resolving
 
-def RunPrimaryScans(mgr, locs):
-    """Runs the primary scans of `locs` (those not up to date) into `mgr`."""
+@contextlib.contextmanager
+def _Coordinator(mgr):
     # Scanners hand their records to the process's manager: `mgr` is that
     # manager for the duration of the scans.
     previous = manager.SetAnalysisMgr(mgr)
     coord = coordinator.CScanCoordinator(mgr)
     try:
-        coord.AddLocations(locs)
-        coord.RunUntilIdle()
+        yield coord
     finally:
         coord.destroy()
         manager.SetAnalysisMgr(previous)
+
+
+def RunPrimaryScans(mgr, locs):
+    """Runs the primary scans of `locs` (those not up to date) into `mgr`."""
+    with _Coordinator(mgr) as coord:
+        coord.AddLocations(locs)
+        coord.RunUntilIdle()
+
+
+def RunDerivedScans(mgr, locs):
+    """Runs the primary scans of `locs`, then their derived scans (what
+    callers pass, attributes set from outside) into `mgr`."""
+    with _Coordinator(mgr) as coord:
+        coord.AddLocations(locs)
+        coord.RunUntilIdle()
+        coord.AddDerivedLocations(locs)
+        coord.RunDerivedUntilIdle()
 
 
 def EnsureIndexed(mgr, loc):

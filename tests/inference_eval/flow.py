@@ -1,8 +1,9 @@
 """Flow: the assignment that reaches a line, reassignment, augmented
-assignment, tuple unpacking, with-as, for targets over hinted iterables and
-the walrus operator."""
+assignment, tuple unpacking, with-as, for targets over hinted iterables,
+the walrus operator and what an `assert` tells."""
 
 import io
+import types
 from typing import Iterable, Iterator
 
 value = 1
@@ -71,6 +72,43 @@ def Pair() -> tuple[int, str]:
 num, name = Pair()
 num  # expect: int
 name  # expect: str
+
+# A declaration holds past later settings of the name, loop targets too
+# (not before it: `total` above).
+total: float = 0
+total = 2.5
+total  # expect: float
+label: str
+for label in ["a", "b"]:
+    label  # expect: str
+
+
+def Constant():
+    # A branch a constant test can't take never runs.
+    if 0:
+        return "never"
+    elif True:
+        result = 1.5
+    else:
+        result = b"never"
+    return result
+
+
+Constant()  # expect: float
+
+
+def Pieces():
+    yield 1
+    yield 2.5
+
+
+# Unpacking takes the items of any iterable, one by one.
+low, high = Pieces()
+low  # expect: float | int
+x_pos, y_pos = map(int, "3 4".split())
+y_pos  # expect: int
+one, two = {b"a", b"b"}
+two  # expect: bytes
 
 
 class Resource:
@@ -174,12 +212,34 @@ def Walrus(values: list[int]):
     z  # expect: int
 
 
+def Asserted(item: int | str, parts: list[bytes] | None):
+    assert isinstance(item, str), "text only"
+    item  # expect: str
+    assert parts is not None
+    parts  # expect: list[bytes]
+    item = 3  # the hint still declares what it holds
+    item  # expect: int | str
+
+
+def Echo(text: str) -> str:
+    return text
+
+
+callback = Echo
+assert isinstance(callback, types.FunctionType)
+callback("a")  # expect: str
+bound = io.StringIO().getvalue
+assert isinstance(bound, (types.MethodType, types.BuiltinMethodType))
+bound()  # expect: str
+
+
 def _main():
     Loops([1, 2], ["a"], {"k": 1.0}, iter([b"c"]), [(1, "a")])
     Branches(True)
     Branches(False)
     Reassigned()
     Walrus([1, 2])
+    Asserted("x", [b"a"])
 
 
 if __name__ == "__main__":

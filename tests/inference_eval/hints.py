@@ -288,6 +288,20 @@ ScaleBy(Vector(), 2)  # expect: Vector
 ScaleBy(Vector(), "x")  # expect: str
 
 
+# Hints are read when used: a class the module makes after the def.
+def Link(node: Later, label: "Later") -> Later:
+    node  # expect: Later
+    label  # expect: Later
+    return node
+
+
+class Later:
+    pass
+
+
+Link(Later(), Later())  # expect: Later
+
+
 def _main():
     Hints(1, "b", None, "d", [1], [Item()], {"g": Item()}, {"h": 1}, (1, "i"), (1.0, 2.0), str,
           Item(), Item(), 2, ["p"], object(), Item, {b"s"}, Item, (), [Item()])

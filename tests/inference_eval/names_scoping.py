@@ -140,6 +140,38 @@ identity("s")  # expect: str
 Local  # expect: def Local
 Enclosing()  # expect: def Enclosing.Inner
 
+# A def or class statement binds its name where it stands, as an
+# assignment does: a read before it sees the earlier value.
+Marker = 0.5
+Marker  # expect: float
+
+
+def Marker():
+    return "m"
+
+
+Marker  # expect: def Marker
+Marker()  # expect: str
+Kind = "plain"
+Kind  # expect: str
+
+
+class Kind:
+    pass
+
+
+Kind  # expect: type[Kind]
+
+
+def Redefines():
+    step = 1
+    step  # expect: int
+
+    def step():
+        return b""
+
+    step()  # expect: bytes
+
 
 def _main():
     Local()
@@ -150,6 +182,7 @@ def _main():
     ThreeLevels()
     Holder().Method()
     Shadowed("x")
+    Redefines()
 
 
 if __name__ == "__main__":

@@ -130,3 +130,21 @@ isinstance(text, str)  # expect: bool
 type(text)  # expect: type[str]
 print()  # expect: None
 list(range(3))  # expect: list[int]
+
+
+class Registry(type):
+    pass
+
+
+class Plugin(metaclass=Registry):
+    version = 2
+
+    def Name(self) -> str:
+        return "plugin"
+
+
+type(Plugin)  # expect: type[Registry]
+type(int)  # expect: type[type]
+getattr(Plugin, "version")  # expect: int
+getattr(Plugin(), "Name")()  # expect: str
+getattr(text, "upper", None)  # expect: def str.upper | None

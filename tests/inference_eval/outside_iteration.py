@@ -123,6 +123,48 @@ for got2 in Delegate():
     got2  # expect: int | str
 
 
+def Ticks():
+    yield
+    yield
+
+
+def Relay():
+    yield from Ticks()
+    yield from [b"x"]
+    return "finished"  # what it finishes with, not an item
+
+
+next(Ticks())  # expect: None
+for relayed in Relay():
+    relayed  # expect: bytes | None
+
+
+def Forward():
+    outcome = yield from Relay()
+    outcome  # expect: str
+    yield outcome
+
+
+class Ready:
+    def __await__(self):
+        yield
+        return 3.5
+
+
+async def Wait():
+    waited = await Ready()
+    waited  # expect: float
+
+
+list(Forward())
+pending = Wait()
+pending.send(None)
+try:
+    pending.send(None)
+except StopIteration:
+    pass
+
+
 class Session:
     def __enter__(self):
         return self

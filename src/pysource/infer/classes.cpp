@@ -772,15 +772,21 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         nb::object generator = TypingClass("Generator");
         if (generator.is_none())
             return out;
-        ValueSet yielded;
+        ValueSet yielded, finished;
         if (!returns.is_none()) {
+            auto [yields, returned] = GeneratorEntries(scope, si::TextView(returns, "ibytes"));
             ++fDepth;
-            yielded = EntryValues(scope, record, si::TextView(returns, "ibytes"), -2);
+            yielded = EntryValues(scope, record, yields, -2);
+            if (!returned.empty())
+                finished = EntryValues(scope, record, returned, -2);
             --fDepth;
         }
         ValueSet none;
         none.Add(LiteralSingle("None", std::nullopt));
-        return InstanceOf(generator, nb::make_tuple(yielded.AsFrozenSet(), none.AsFrozenSet(), none.AsFrozenSet()));
+        // What it finishes with: what its return statements give, None
+        // without one.
+        return InstanceOf(generator, nb::make_tuple(yielded.AsFrozenSet(), none.AsFrozenSet(),
+                                                    (finished.Empty() ? none : finished).AsFrozenSet()));
     }
     if (returns.is_none()) {
         // Falling off the end of a function gives None; a stub's body, or

@@ -70,6 +70,13 @@ std::string WithIterMarkers(std::string_view text) {
 
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
 
+// What a generator finishes with (its third type argument), into `out`.
+void MergeFinishedWith(nb::handle gen, ValueSet &out) {
+    nb::handle args = Single(gen)->fTypeArgs;
+    if (PyTuple_Check(args.ptr()) && PyTuple_GET_SIZE(args.ptr()) == 3)
+        out.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(args.ptr(), 2)));
+}
+
 // The first token of a node written in parentheses, `(1.5)`, past them.
 std::int32_t FirstTokInParens(const pgen::Tree &tree, const pgen::Node &n) {
     std::int32_t tok = n.tok_begin;
@@ -412,12 +419,17 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
             ValueSet one, awaited;
             one.Add(v);
             if (Single(v)->IsInstance(true))
-                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items()) {
-                    nb::handle args = Single(gen)->fTypeArgs;
-                    if (PyTuple_Check(args.ptr()) && PyTuple_GET_SIZE(args.ptr()) == 3)
-                        awaited.Merge(ValueSet::FromIterable(PyTuple_GET_ITEM(args.ptr(), 2)));
-                }
+                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items())
+                    MergeFinishedWith(gen, awaited);
             out.Merge(awaited.Empty() ? one : awaited);
+        }
+        return out;
+    case NodeKind::kYieldFrom:
+        // `yield from g` gives what the generator g finishes with.
+        for (const nb::object &v : Eval(tree, tree.Kid(n, 0), frame).Items()) {
+            nb::object cls = Single(v)->IsInstance(false) ? ClassOfInstance(v) : nb::object();
+            if (cls.is_valid() && !cls.is_none() && NameOf(Single(cls)) == "Generator")
+                MergeFinishedWith(v, out);
         }
         return out;
     case NodeKind::kStarred:
@@ -696,13 +708,15 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             std::string_view name = si::TextView(c->scope->name, "name");
             nb::object builtins = BuiltinLoc();
             if (c->loc.is(builtins) && name == "type" && n.kids_count == 2) {
-                // type(x): the class of x.
+                // type(x): the class of x; of a class, its metaclass.
                 arguments();
                 if (!args.empty())
                     for (const nb::object &v : args[0].Items()) {
-                        nb::object cls = ClassOfInstance(v);
+                        nb::object cls = Single(v)->IsClass() ? MetaclassOf(v) : ClassOfInstance(v);
                         if (!cls.is_none())
                             out.Add(cls);
+                        else if (Single(v)->IsClass())
+                            out.Add(callee);
                     }
                 continue;
             }
@@ -720,8 +734,23 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
             }
         }
         if (c->IsDef() && form.empty()) {
-            // typing.cast(T, value): the type T.
             std::string_view def_name = si::TextView(c->scope->name, "name");
+            // getattr(x, "name"[, default]): the attribute x.name (or the default).
+            std::string_view attribute;
+            if (def_name == "getattr" && c->loc.is(BuiltinLoc()) && (n.kids_count == 3 || n.kids_count == 4) &&
+                tree.nodes[(std::size_t) tree.Kid(n, 2)].kind == NodeKind::kString &&
+                pgen::StringAnnotationText(tree, tree.Kid(n, 2), attribute) && !attribute.empty()) {
+                ValueSet found;
+                for (const nb::object &v : Eval(tree, first_arg, frame).Items())
+                    found.Merge(Attribute(v, attribute));
+                if (!found.Empty()) {
+                    out.Merge(found);
+                    if (n.kids_count == 4)
+                        out.Merge(Eval(tree, tree.Kid(n, 3), frame));
+                    continue;
+                }
+            }
+            // typing.cast(T, value): the type T.
             if (def_name == "cast" && first_arg >= 0 && !SpecialFormOf(callee).size() &&
                 fLocCache.attr("IsTypingLoc")(c->loc).equal(nb::bool_(true))) {
                 out.Merge(EvalType(tree, first_arg, frame));
@@ -841,6 +870,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
         }
         // A tuple of known positions indexed by a constant.
+        bool constant_index = false;
         if (s.kind != NodeKind::kSlice) {
             std::string_view text = TokText(tree, s.tok_begin);
             bool negative = false;
@@ -848,8 +878,9 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                 negative = true;
                 text = TokText(tree, s.tok_begin + 1);
             }
-            if (s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
-                std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+            constant_index = s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
+                             std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
+            if (constant_index) {
                 long long i = std::stoll(std::string(text));
                 std::vector<nb::object> positions;
                 if (TuplePositions(value, positions)) {
@@ -888,6 +919,15 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
         }
         ValueSet one;
         one.Add(value);
+        if (constant_index && v->IsInstance(false)) {
+            // An item by position of a value that has none, as an unpacking
+            // reads its targets (`a, b = gen()`): its items by iteration.
+            nb::object cls = ClassOfInstance(value);
+            if (!cls.is_none() && ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty()) {
+                out.Merge(IterItems(one));
+                continue;
+            }
+        }
         out.Merge(CallDunder(one, "__getitem__", {index}));
     }
     return out;

@@ -314,6 +314,7 @@ struct MemoTables {
     ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
     // (url, def name) -> what the flow provider says of its body (kYields, kAlwaysRaises).
     std::map<std::pair<std::string, std::string>, int> body_traits;
+    ByScope<TextMap<long long>> def_statements;  // local scope name -> body logical index
     // The fields of def and class singles, by their text: the same few are
     // unpacked again and again.
     TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
@@ -332,6 +333,7 @@ struct MemoTables {
 
     std::size_t Entries() const {
         return block_paths.size() + loop_headers.size() + conditions_at.size() + body_traits.size() +
+               def_statements.size() +
                def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
                canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
                library_values.size() + project_values.size() + value_deps.size();
@@ -340,6 +342,7 @@ struct MemoTables {
     bool EraseSome(std::size_t &budget) {
         return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
                EraseSomeOf(conditions_at, budget) && EraseSomeOf(body_traits, budget) &&
+               EraseSomeOf(def_statements, budget) &&
                EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
                EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
                EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
@@ -558,6 +561,16 @@ private:
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
     // The `for` and `while` headers of a scope's body; null when unknown.
     const std::vector<long long> *LoopHeadersOf(nb::handle scope);
+    // The body logical index of the statement of `scope` that makes the def
+    // or class single `bare`; -2 when unknown (or not a def or class).
+    long long DefStatementAt(nb::handle scope, std::string_view bare);
+    // Whether body logical `at` of `scope` never runs: a test around it is
+    // a constant that can't take its branch (`if 0:`, the `else` of `if 1:`).
+    bool NeverRuns(nb::handle scope, long long at);
+    // The pieces of the `return` entry of the generator def `scope`: those
+    // its yields give, and those its `return` statements give (what it
+    // finishes with).
+    std::pair<std::string, std::string> GeneratorEntries(nb::handle scope, std::string_view returns);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
     // Whether a setting directly in a block of an if/elif/else chain around
     // the use's block completes the chain's blocks in `covered` (those that

@@ -143,6 +143,18 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
         out = EvalType(tree, root, frame);
         --fDepth;
     }
+    std::string_view scope_name = ScopeName(scope);
+    if (out.Empty() && root >= 0 && si::IsDefLineScope(scope_name)) {
+        // A hint of a def that names nothing where the def stands is read
+        // when used (a string, or under `from __future__ import
+        // annotations`): in the scope around the def, as it finally is.
+        std::string_view def_name = scope_name.substr(0, scope_name.size() - si::kDefLineScopeSuffix.size());
+        nb::object owner = ScopeAt(ScopeLoc(scope), si::ParentScopeName(def_name));
+        Frame frame{owner, -2, map, nullptr};
+        ++fDepth;
+        out = EvalType(tree, root, frame);
+        --fDepth;
+    }
     fRequestValues.emplace(RequestKey{key, given + NoteDeps(key, watch)}, Keep(out, watch));
     return out;
 }

@@ -895,12 +895,25 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     std::vector<std::pair<const EntryPiece *, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
+    auto says_value = [](const EntryPiece &piece) {
+        return SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind);
+    };
+    // A def or class statement sets its name where it stands, like an
+    // assignment: a use before it doesn't see it.  (Where it stands, and
+    // whether a constant test rules a setting out, matter only to a name set
+    // more than once; telling them reads the file's flow.)
+    bool set_again = std::count_if(parsed->pieces.begin(), parsed->pieces.end(), says_value) > 1;
     for (const EntryPiece &piece : parsed->pieces) {
-        long long at = piece.index ? *piece.index : -2;
-        if (!SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind))
+        if (!says_value(piece))
+            continue;
+        long long at = piece.index                                      ? *piece.index
+                       : set_again && use_index >= 0 && !piece.malformed ? DefStatementAt(scope, piece.bare)
+                                                                         : -2;
+        // (A use that never runs itself reads what its dead block sets.)
+        if (set_again && NeverRuns(scope, at) && !NeverRuns(scope, use_index))
             continue;
         singles.emplace_back(&piece, at);
-        if (use_index >= -1 && piece.index && at < use_index) {
+        if (use_index >= -1 && at >= 0 && at < use_index) {
             // A setting in a branch the use can't follow doesn't reach it
             // (though the use's settings are then known: -2 for none).
             if (BranchRuledOut(scope, at, use_index, false)) {
@@ -943,9 +956,15 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
         return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar";
     };
+    // (Declared at the use: a declaration after it doesn't count.)
     bool declared = false;
     for (const EntryPiece &piece : parsed->pieces)
-        declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single));
+        declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single) &&
+                                (use_index < 0 || !piece.index || *piece.index < use_index));
+    long long latest_declaration = -2;  // the latest declaration before the use
+    for (const auto &[piece, at] : singles)
+        if (declared && at >= 0 && at < use_index && declares(piece->single))
+            latest_declaration = std::max(latest_declaration, at);
     // A def or class binds its name no earlier than the name's first
     // setting: a use up to there (a decorator or default of the def itself)
     // doesn't see it, unless a loop around both brings it round again.
@@ -973,11 +992,16 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always
         // count; numbered ones only from the reaching logicals when known.
-        if (best > -3 && at >= -1 && !reaching.count(at))
+        // A declaration holds on until the next one, whichever settings
+        // reach the use.
+        if (best > -3 && at >= -1 && !reaching.count(at) &&
+            !(declared && (at == latest_declaration || latest_declaration < -1)))
             continue;
-        if (rebound && at < -1 && IsParameterBinding(single))
+        // (A parameter's hint still declares what the name holds.)
+        if (rebound && at < -1 && IsParameterBinding(single) && !declared)
             continue;
-        if (defs_unbound && at < -1 && si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single))))
+        bool def_or_class = si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)));
+        if (defs_unbound && def_or_class)
             continue;
         // What callers pass is read for the use: tests there may rule callers out.
         bool passed = at < -1 && piece->kind == si::kArgKind;
@@ -1074,6 +1098,81 @@ const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::
 
 const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
     return FlowOf(scope, "LoopHeaders", fMemo.loop_headers, IndexList);
+}
+
+namespace {
+
+// The truth of a test written as a constant (a number, a string, True,
+// False, None, `not` of one); none for any other test.
+std::optional<bool> ConstantTruth(std::string_view text) {
+    text = si::StripSpaces(text);
+    bool negated = false;
+    while (text.starts_with("not ")) {
+        negated = !negated;
+        text = si::StripSpaces(text.substr(4));
+    }
+    std::optional<bool> truth;
+    if (text == "True")
+        truth = true;
+    else if (text == "False" || text == "None")
+        truth = false;
+    else if (!text.empty() && (std::isdigit((unsigned char) text[0]) || text[0] == '.') &&
+             text.find_first_not_of("0123456789._") == std::string_view::npos)
+        truth = text.find_first_not_of("0._") != std::string_view::npos;
+    else if (text.size() >= 2 && (text[0] == '"' || text[0] == '\'') && text.find(text[0], 1) == text.size() - 1)
+        truth = text.size() > 2;  // one plain string literal
+    if (!truth)
+        return std::nullopt;
+    return *truth != negated;
+}
+
+}  // namespace
+
+bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
+    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    if (!guards || at < 0 || (std::size_t) at >= guards->size())
+        return false;
+    for (const auto &[header, condition, held] : (*guards)[(std::size_t) at]) {
+        std::optional<bool> truth = ConstantTruth(condition);
+        if (truth && *truth != (held != 0))
+            return true;
+    }
+    return false;
+}
+
+std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scope, std::string_view returns) {
+    const std::vector<long long> *statements = FlowOf(scope, "ReturnStatements", fMemo.loop_headers, IndexList);
+    if (!statements || statements->empty())
+        return {std::string(returns), std::string()};
+    std::pair<std::string, std::string> out;
+    for (const EntryPiece &piece : EntryOf(returns)->pieces) {
+        bool returned =
+            piece.index && std::find(statements->begin(), statements->end(), *piece.index) != statements->end();
+        std::string &part = returned ? out.second : out.first;
+        if (!part.empty())
+            part.push_back(';');
+        part.append(piece.single);
+    }
+    return out;
+}
+
+long long CEvaluator::DefStatementAt(nb::handle scope, std::string_view bare) {
+    si::Kind kind = si::GetInfoBytesKind(bare);
+    if (!si::IsDefOrClassKind(kind))
+        return -2;
+    const TextMap<long long> *defs = FlowOf(scope, "DefStatements", fMemo.def_statements, [](nb::handle listed) {
+        TextMap<long long> found;
+        for (nb::handle pair : listed)
+            found.emplace(nb::cast<std::string>(GuardItem(pair, 0)), nb::cast<long long>(GuardItem(pair, 1)));
+        return found;
+    });
+    if (!defs)
+        return -2;
+    if (kind != si::kClassKind && HasDecorator(*DefInfoOf(bare), "overload"))
+        return -2;  // the overloads and their implementation make one function
+    std::string name = kind == si::kClassKind ? ClassInfoOf(bare)->full_name : DefInfoOf(bare)->scope_name;
+    auto it = defs->find(si::LeafScopeName(name));
+    return it == defs->end() ? -2 : it->second;
 }
 
 bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn) {

@@ -35,6 +35,24 @@ bool IsNoneNode(const pgen::Tree &tree, std::int32_t node) {
     return n.kind == NodeKind::kConstant && TokAt(tree, n.tok_begin) == "None";
 }
 
+// Whether a def or module value, of which the engine keeps no class, is an
+// instance of the class `c` for an isinstance test: a function is of the
+// function classes of `types`, a bound method of its method classes, a
+// module a `ModuleType`, and every value an `object`.
+bool ClasslessValueIsA(si::CSingleResolvedInfo *value, si::CSingleResolvedInfo *c) {
+    std::string_view name = si::LeafScopeName(NameOf(c));
+    name = name.substr(0, name.find(si::kScopeIndexSep));
+    if (name == "object")
+        return true;
+    if (value->IsModule())
+        return name == "ModuleType";
+    static const std::set<std::string_view> kFunctionClasses{"FunctionType", "BuiltinFunctionType",
+                                                             "MethodDescriptorType", "WrapperDescriptorType"};
+    static const std::set<std::string_view> kMethodClasses{"MethodType", "BuiltinFunctionType", "MethodWrapperType"};
+    bool bound = si::GetInfoBytesKind(value->Bare()) == si::kMethodKind;
+    return (bound ? kMethodClasses : kFunctionClasses).count(name) > 0;
+}
+
 // The call `type(name)`.
 bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
     if (node < 0)
@@ -533,6 +551,14 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     ValueSet out;
     for (const nb::object &v : values.Items()) {
         nb::object cls = ClassOfInstance(v);
+        si::CSingleResolvedInfo *single = Single(v);
+        if (cls.is_none() && (single->IsDef() || single->IsModule())) {
+            bool is_one = std::any_of(wanted.begin(), wanted.end(),
+                                      [&](const nb::object &w) { return ClasslessValueIsA(single, Single(w)); });
+            if (is_one == holds)
+                out.Add(v);
+            continue;
+        }
         if (cls.is_none()) {
             if (!holds || fStrictNarrowing)  // (strictly: a value of no readable class may be one)
                 out.Add(v);

@@ -224,8 +224,13 @@ void Collector::Read(std::int32_t node) {
             return;
         case NodeKind::kYield:
             ReadKids(node);
-            if (inner_.empty() && Kid(node, 0) >= 0)
-                Add("return", Text(Kid(node, 0)));
+            if (inner_.empty())  // a bare `yield` gives None
+                Add("return", Kid(node, 0) >= 0 ? Text(Kid(node, 0)) : std::string("None"));
+            return;
+        case NodeKind::kYieldFrom:
+            ReadKids(node);
+            if (inner_.empty() && Kid(node, 0) >= 0)  // the items of what it delegates to
+                Add("return", Cat({ValueText(Kid(node, 0)), sym::kIterationSubscript}));
             return;
         default:
             ReadKids(node);
