@@ -91,18 +91,31 @@ void AddError(DecodedSource &out, Py_ssize_t line, Py_ssize_t offset, std::strin
         out.errors.push_back(DecodeError{line, offset, std::move(message)});
 }
 
-// UTF-8 with every invalid byte replaced by U+FFFD and recorded.
+// Where the run of ASCII bytes that starts at `i` ends: eight bytes at a
+// time while none has its high bit set.
+size_t AsciiRunEnd(std::string_view data, size_t i) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
+    while (i + sizeof(std::uint64_t) <= data.size()) {
+        std::uint64_t word;
+        std::memcpy(&word, data.data() + i, sizeof word);
+        if (word & kHighBits)
+            break;
+        i += sizeof word;
+    }
+    while (i < data.size() && (unsigned char) data[i] < 0x80)
+        i++;
+    return i;
+}
+
+// UTF-8 with every invalid byte replaced by U+FFFD and recorded.  Lines are
+// counted only up to an invalid byte, when one is found.
 void DecodeUtf8Lenient(std::string_view data, Py_ssize_t base_offset, DecodedSource &out) {
     out.utf8.reserve(data.size());
     Py_ssize_t line = 1;
+    size_t counted = 0;  // lines are counted up to here
     size_t i = 0;
     while (i < data.size()) {
-        size_t run = i;
-        while (run < data.size() && (unsigned char) data[run] < 0x80) {
-            if (data[run] == '\n' || (data[run] == '\r' && !(run + 1 < data.size() && data[run + 1] == '\n')))
-                line++;
-            run++;
-        }
+        size_t run = AsciiRunEnd(data, i);
         out.utf8.append(data.data() + i, run - i);
         i = run;
         if (i >= data.size())
@@ -110,6 +123,8 @@ void DecodeUtf8Lenient(std::string_view data, Py_ssize_t base_offset, DecodedSou
         int len = 1;
         std::uint32_t cp = DecodeUtf8At(data.data(), (Py_ssize_t) i, (Py_ssize_t) data.size(), &len);
         if (cp == 0xFFFD && len == 1) {
+            line += LineOfOffset(data.substr(counted), i - counted) - 1;
+            counted = i;
             char buf[64];
             std::snprintf(buf, sizeof buf, "invalid utf-8 byte 0x%02x", (unsigned char) data[i]);
             AddError(out, line, base_offset + (Py_ssize_t) i, buf);
