@@ -47,6 +47,17 @@ int BinaryLevelOf(const Tok &tok) {
     return s == "//" ? 5 : -1;
 }
 
+// Token text against a keyword or operator, without a library call: most
+// tokens differ from it in length, and the rest are a few bytes long.
+bool SameText(std::string_view text, std::string_view expected) {
+    if (text.size() != expected.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (text[i] != expected[i])
+            return false;
+    return true;
+}
+
 class Parser {
 public:
     Parser(Tree &tree, std::int32_t begin, std::int32_t end, bool py3)
@@ -110,7 +121,7 @@ private:
     }
     bool At(std::string_view s, std::int32_t k = 0) const {
         const Tok &tok = Peek(k);
-        return tok.cls != TokClass::kString && tok.text == s;
+        return tok.cls != TokClass::kString && SameText(tok.text, s);
     }
     bool AtEnd() const { return pos_ >= end_; }
     bool Accept(std::string_view s) {
