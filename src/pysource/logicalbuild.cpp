@@ -91,22 +91,6 @@ void AddError(DecodedSource &out, Py_ssize_t line, Py_ssize_t offset, std::strin
         out.errors.push_back(DecodeError{line, offset, std::move(message)});
 }
 
-// Where the run of ASCII bytes that starts at `i` ends: eight bytes at a
-// time while none has its high bit set.
-size_t AsciiRunEnd(std::string_view data, size_t i) {
-    constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
-    while (i + sizeof(std::uint64_t) <= data.size()) {
-        std::uint64_t word;
-        std::memcpy(&word, data.data() + i, sizeof word);
-        if (word & kHighBits)
-            break;
-        i += sizeof word;
-    }
-    while (i < data.size() && (unsigned char) data[i] < 0x80)
-        i++;
-    return i;
-}
-
 // UTF-8 with every invalid byte replaced by U+FFFD and recorded.  Lines are
 // counted only up to an invalid byte, when one is found.
 void DecodeUtf8Lenient(std::string_view data, Py_ssize_t base_offset, DecodedSource &out) {
@@ -243,7 +227,8 @@ public:
     LogicalBuilder(std::string_view text, const std::vector<OpenScope> &open_scopes)
         : fText(text),
           fScanner(text.data(), (Py_ssize_t) text.size()),
-          fMayFoldNames(HasNonAsciiByte(text)) {
+          fAsciiText(!HasNonAsciiByte(text)),
+          fMayFoldNames(!fAsciiText) {
         fScopes.push_back(Scope{-1, nb::str(""), {}});
         for (const OpenScope &open : open_scopes)
             fScopes.push_back(Scope{open.indent, open.name, {}});
@@ -290,6 +275,7 @@ private:
     std::string_view fText;
     CTokenScanner fScanner;
     bool fDone = false;
+    bool fAsciiText;     // every character one byte
     bool fMayFoldNames;  // only a text with non-ASCII bytes can hold names to fold
     std::vector<ScannedToken> fPending;  // tokens of the current statement line
     std::vector<Token> fSpanToks;        // the same, as offsets into fText
@@ -343,6 +329,8 @@ Py_ssize_t LogicalBuilder::CharacterColumn(const ScannedToken &tok) const {
 }
 
 Py_ssize_t LogicalBuilder::CharacterCount(Py_ssize_t from, Py_ssize_t to) const {
+    if (fAsciiText)
+        return to - from;
     Py_ssize_t count = 0;
     for (Py_ssize_t i = from; i < to; i++)
         if (((unsigned char) fText[(size_t) i] & 0xC0) != 0x80)
@@ -354,10 +342,11 @@ Py_ssize_t LogicalBuilder::EndColumn(Py_ssize_t start, Py_ssize_t start_column,
                                      Py_ssize_t end) const {
     // Only the text from `start` is looked at, so that each statement of a
     // long line costs its own length.
-    Py_ssize_t line_start = end;
-    while (line_start > start && fText[(size_t) line_start - 1] != '\n' &&
-           fText[(size_t) line_start - 1] != '\r')
-        line_start--;
+    const char *text = fText.data();
+    Py_ssize_t line_start = start;
+    for (char line_end : {'\n', '\r'})
+        if (const void *found = memrchr(text + line_start, line_end, (size_t) (end - line_start)))
+            line_start = static_cast<const char *>(found) - text + 1;
     return (line_start == start ? start_column : 0) + CharacterCount(line_start, end);
 }
 
