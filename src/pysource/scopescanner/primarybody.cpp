@@ -312,13 +312,14 @@ void CSingleScopePrimaryScanner::AddPerName_(nb::handle name_dict, nb::handle na
     if (!_fInSimpleConditional.is_none())
         value = si::PyBuildConditionalInfo(_fInSimpleConditional[0], info);
 
-    PyObject *existing = PyDict_GetItemWithError(name_dict.ptr(), name.ptr());
-    if (!existing) {
-        if (PyErr_Occurred())
-            throw nb::python_error();
-        if (PyDict_SetItem(name_dict.ptr(), name.ptr(), value.ptr()) < 0)
-            throw nb::python_error();
-    } else if (PyBytes_CheckExact(existing)) {
+    // One lookup: the map grows when the name is new.
+    Py_ssize_t size_before = PyDict_GET_SIZE(name_dict.ptr());
+    PyObject *existing = PyDict_SetDefault(name_dict.ptr(), name.ptr(), value.ptr());
+    if (!existing)
+        throw nb::python_error();
+    if (PyDict_GET_SIZE(name_dict.ptr()) != size_before)
+        return;
+    if (PyBytes_CheckExact(existing)) {
         nb::set both;
         both.add(nb::handle(existing));
         both.add(value);
