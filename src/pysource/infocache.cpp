@@ -102,9 +102,16 @@ nb::object BlobParam(nb::handle bytes) {
     return BlobParam(std::string_view(PyBytes_AS_STRING(bytes.ptr()), (std::size_t) PyBytes_GET_SIZE(bytes.ptr())));
 }
 
+// What an optional BLOB column of a record row is given for "no value": an
+// integer, which the sqlite3 module binds as it is, where None would go to
+// its adapters like bytes does; the statement stores it as NULL.
+nb::object NoBlobParam() {
+    return nb::int_(CInfoDatabase::kNoBlob);
+}
+
 nb::object OptionalBlob(nb::handle value, nb::bytes (*encode)(nb::handle)) {
     if (value.is_none())
-        return nb::none();
+        return NoBlobParam();
     return BlobParam(encode(value));
 }
 
@@ -1188,7 +1195,7 @@ nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope
     auto url_of = [this](nb::handle loc) { return UrlOf(loc); };
     auto scopes_blob = [&](nb::handle scopes) -> nb::object {
         if (scopes.is_none())
-            return nb::none();
+            return NoBlobParam();
         return BlobParam(EncodeScopes(scopes, url_of));
     };
     return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, scanned_id, slot.scanned_name, BlobParam(info.ibytes), info.disk_mtime, info.incomplete ? 1 : 0,
@@ -1257,14 +1264,20 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
                 return nb::none();
             return BlobParam(*part);
         };
+        auto optional_blob = [](const std::optional<std::string_view> &part) -> nb::object {
+            if (!part)
+                return NoBlobParam();
+            return BlobParam(*part);
+        };
         for (const BlobRecord &record : entry.blob_records) {
             const RecordBlobView &row = record.view;
             std::int64_t scanned_id =
                 row.scanned_url == entry.url ? id : db_id_of(EntryForUrl(std::string(row.scanned_url), nb::handle()));
             upserts.append(nb::make_tuple(id, str(row.for_name), str(row.scan_name), scanned_id,
                                           str(row.scanned_name), blob(row.ibytes), row.disk_mtime,
-                                          row.incomplete ? 1 : 0, blob(row.parts[0]), blob(row.parts[1]),
-                                          blob(row.parts[2]), blob(row.parts[3]), blob(row.parts[4])));
+                                          row.incomplete ? 1 : 0, blob(row.parts[0]),
+                                          optional_blob(row.parts[1]), optional_blob(row.parts[2]),
+                                          optional_blob(row.parts[3]), optional_blob(row.parts[4])));
             if (row.scan_name == fPrimaryScanName)
                 recount.insert(id);
         }

@@ -481,13 +481,13 @@ nb::object CInfoDatabase::LoadRecords(std::int64_t loc_id) {
 }
 
 void CInfoDatabase::UpsertRecords(nb::handle rows) {
-    Guarded("writing records", [&] {
-        ExecuteMany("INSERT OR REPLACE INTO records (loc_id, scope, scan_name, scanned_loc_id, "
-                    "scanned_scope, ibytes, disk_mtime, flags, type_equivs, inst_type_equivs, "
-                    "domains, scopes_seen, resolved_imports) "
-                    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                    rows);
-    });
+    static const std::string no_value = "nullif(?, " + std::to_string(kNoBlob) + ")";
+    static const std::string upsert =
+        "INSERT OR REPLACE INTO records (loc_id, scope, scan_name, scanned_loc_id, scanned_scope, "
+        "ibytes, disk_mtime, flags, type_equivs, inst_type_equivs, domains, scopes_seen, "
+        "resolved_imports) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, " +
+        no_value + ", " + no_value + ", " + no_value + ", " + no_value + ")";
+    Guarded("writing records", [&] { ExecuteMany(upsert.c_str(), rows); });
 }
 
 void CInfoDatabase::DeleteRecords(nb::handle keys) {

@@ -87,7 +87,12 @@ public:
     // domains, scopes_seen, resolved_imports).
     nb::object LoadRecords(std::int64_t loc_id);
     // Each row: a tuple in the column order of the records table (loc_id,
-    // scope, scan_name, scanned_loc_id, scanned_scope, then as above).
+    // scope, scan_name, scanned_loc_id, scanned_scope, then as above).  An
+    // optional BLOB column (inst_type_equivs to resolved_imports) given
+    // kNoBlob is stored as NULL: the sqlite3 module binds an integer as it
+    // is, but offers None to its adapters first, which costs more than the
+    // row's own write.
+    static constexpr int kNoBlob = 0;
     void UpsertRecords(nb::handle rows);
     // Each key: (loc_id, scope, scan_name, scanned_loc_id, scanned_scope).
     void DeleteRecords(nb::handle keys);

@@ -91,18 +91,15 @@ void AddError(DecodedSource &out, Py_ssize_t line, Py_ssize_t offset, std::strin
         out.errors.push_back(DecodeError{line, offset, std::move(message)});
 }
 
-// UTF-8 with every invalid byte replaced by U+FFFD and recorded.
+// UTF-8 with every invalid byte replaced by U+FFFD and recorded.  Lines are
+// counted only up to an invalid byte, when one is found.
 void DecodeUtf8Lenient(std::string_view data, Py_ssize_t base_offset, DecodedSource &out) {
     out.utf8.reserve(data.size());
     Py_ssize_t line = 1;
+    size_t counted = 0;  // lines are counted up to here
     size_t i = 0;
     while (i < data.size()) {
-        size_t run = i;
-        while (run < data.size() && (unsigned char) data[run] < 0x80) {
-            if (data[run] == '\n' || (data[run] == '\r' && !(run + 1 < data.size() && data[run + 1] == '\n')))
-                line++;
-            run++;
-        }
+        size_t run = AsciiRunEnd(data, i);
         out.utf8.append(data.data() + i, run - i);
         i = run;
         if (i >= data.size())
@@ -110,6 +107,8 @@ void DecodeUtf8Lenient(std::string_view data, Py_ssize_t base_offset, DecodedSou
         int len = 1;
         std::uint32_t cp = DecodeUtf8At(data.data(), (Py_ssize_t) i, (Py_ssize_t) data.size(), &len);
         if (cp == 0xFFFD && len == 1) {
+            line += LineOfOffset(data.substr(counted), i - counted) - 1;
+            counted = i;
             char buf[64];
             std::snprintf(buf, sizeof buf, "invalid utf-8 byte 0x%02x", (unsigned char) data[i]);
             AddError(out, line, base_offset + (Py_ssize_t) i, buf);
@@ -228,7 +227,8 @@ public:
     LogicalBuilder(std::string_view text, const std::vector<OpenScope> &open_scopes)
         : fText(text),
           fScanner(text.data(), (Py_ssize_t) text.size()),
-          fMayFoldNames(HasNonAsciiByte(text)) {
+          fAsciiText(!HasNonAsciiByte(text)),
+          fMayFoldNames(!fAsciiText) {
         fScopes.push_back(Scope{-1, nb::str(""), {}});
         for (const OpenScope &open : open_scopes)
             fScopes.push_back(Scope{open.indent, open.name, {}});
@@ -275,6 +275,7 @@ private:
     std::string_view fText;
     CTokenScanner fScanner;
     bool fDone = false;
+    bool fAsciiText;     // every character one byte
     bool fMayFoldNames;  // only a text with non-ASCII bytes can hold names to fold
     std::vector<ScannedToken> fPending;  // tokens of the current statement line
     std::vector<Token> fSpanToks;        // the same, as offsets into fText
@@ -328,6 +329,8 @@ Py_ssize_t LogicalBuilder::CharacterColumn(const ScannedToken &tok) const {
 }
 
 Py_ssize_t LogicalBuilder::CharacterCount(Py_ssize_t from, Py_ssize_t to) const {
+    if (fAsciiText)
+        return to - from;
     Py_ssize_t count = 0;
     for (Py_ssize_t i = from; i < to; i++)
         if (((unsigned char) fText[(size_t) i] & 0xC0) != 0x80)
@@ -339,10 +342,11 @@ Py_ssize_t LogicalBuilder::EndColumn(Py_ssize_t start, Py_ssize_t start_column,
                                      Py_ssize_t end) const {
     // Only the text from `start` is looked at, so that each statement of a
     // long line costs its own length.
-    Py_ssize_t line_start = end;
-    while (line_start > start && fText[(size_t) line_start - 1] != '\n' &&
-           fText[(size_t) line_start - 1] != '\r')
-        line_start--;
+    const char *text = fText.data();
+    Py_ssize_t line_start = start;
+    for (char line_end : {'\n', '\r'})
+        if (const void *found = memrchr(text + line_start, line_end, (size_t) (end - line_start)))
+            line_start = static_cast<const char *>(found) - text + 1;
     return (line_start == start ? start_column : 0) + CharacterCount(line_start, end);
 }
 

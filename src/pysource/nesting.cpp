@@ -93,13 +93,17 @@ std::ptrdiff_t MatchingBracket(std::string_view text, std::ptrdiff_t open_pos) {
     return walk.closed ? walk.end - 1 : -1;
 }
 
-bool IsBalancedText(std::string_view text) {
+bool IsBalancedText(std::string_view text) { return IsBalancedTextWithout(text, {}); }
+
+bool IsBalancedTextWithout(std::string_view text, std::string_view stops) {
     const auto size = static_cast<std::ptrdiff_t>(text.size());
     for (std::ptrdiff_t pos = 0; pos < size;) {
         char c = text[pos];
         if (IsClosingBracket(c))
             return false;
         if (!IsOpeningBracket(c) && !IsQuote(c)) {
+            if (stops.find(c) != std::string_view::npos)
+                return false;
             ++pos;
             continue;
         }
@@ -112,7 +116,7 @@ bool IsBalancedText(std::string_view text) {
 }
 
 std::string PayloadSafeText(std::string_view text) {
-    if (IsBalancedText(text) && NonNestedFind(text, ";") < 0)
+    if (IsBalancedTextWithout(text, ";"))
         return std::string(text);
     std::string quoted = "'";
     for (char c : text) {

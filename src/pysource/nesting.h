@@ -76,6 +76,9 @@ std::ptrdiff_t MatchingBracket(std::string_view text, std::ptrdiff_t open_pos);
 // closing bracket below zero and without an unterminated string: such text
 // can stand inside an info string payload as it is.
 bool IsBalancedText(std::string_view text);
+// The same, and no byte of `stops` at level zero.  In balanced text the
+// level-zero bytes are those the non-nested search finds.
+bool IsBalancedTextWithout(std::string_view text, std::string_view stops);
 
 // `text` made fit to stand as one payload of an info string whatever it holds
 // (it may come from a string annotation or a comment): itself when balanced

@@ -43,8 +43,7 @@ bool CanStandAsIs(std::string_view text, bool first_field) {
     // '#': they stand as they are without the walks below.
     if (!HasNestingOrSeparator(text))
         return true;
-    return text.find('#') == std::string_view::npos && IsBalancedText(text) &&
-           NonNestedFind(text, ",") < 0 && NonNestedFind(text, ";") < 0;
+    return text.find('#') == std::string_view::npos && IsBalancedTextWithout(text, ",;");
 }
 
 int HexValue(char c) {
@@ -108,15 +107,17 @@ std::optional<std::string_view> UnwrapOnce(std::string_view single) {
     return std::nullopt;
 }
 
-}  // namespace
-
-std::string EncodeField(OptView text, bool first_field) {
+// `text` encoded as a field, appended to `out`.  `first_field`: the field
+// follows the kind letter directly.
+void AppendField(std::string &out, OptView text, bool first_field) {
     if (!text)
-        return std::string();
-    if (CanStandAsIs(*text, first_field))
-        return std::string(*text);
+        return;
+    if (CanStandAsIs(*text, first_field)) {
+        out.append(*text);
+        return;
+    }
     static const char kHex[] = "0123456789ABCDEF";
-    std::string out(1, kFieldEscape);
+    out.append(1, kFieldEscape);
     for (char c : *text) {
         if (NeedsEscape(c)) {
             auto byte = static_cast<unsigned char>(c);
@@ -125,8 +126,9 @@ std::string EncodeField(OptView text, bool first_field) {
             out.append(1, c);
         }
     }
-    return out;
 }
+
+}  // namespace
 
 OptText DecodeField(std::string_view field) {
     if (field.empty())
@@ -151,11 +153,16 @@ OptText DecodeField(std::string_view field) {
 }
 
 std::string PackFields(std::string_view prefix, const std::vector<OptView> &fields) {
-    std::string out(prefix);
+    std::size_t size = prefix.size() + fields.size();
+    for (const OptView &field : fields)
+        size += field ? field->size() : 0;
+    std::string out;
+    out.reserve(size);  // room for every field that stands as it is
+    out.append(prefix);
     for (std::size_t i = 0; i < fields.size(); ++i) {
         if (i)
             out.append(1, kFieldSep);
-        out.append(EncodeField(fields[i], i == 0));
+        AppendField(out, fields[i], i == 0);
     }
     return out;
 }

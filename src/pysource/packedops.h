@@ -29,8 +29,6 @@ using OptView = std::optional<std::string_view>;
 inline constexpr char kFieldSep = ',';
 inline constexpr char kFieldEscape = '%';
 
-// `first_field`: the field follows the kind letter directly.
-std::string EncodeField(OptView text, bool first_field = false);
 // Raises std::invalid_argument on a malformed escape.
 OptText DecodeField(std::string_view field);
 

@@ -32,7 +32,9 @@ nb::object InfoBytesOf(const std::string &info) {
 nb::object PairTuple(const NamePair &pair) {
     nb::object name = BytesOf(pair.name);
     nb::object info = InfoBytesOf(pair.info);
-    nb::object tuple = nb::steal(PyTuple_Pack(2, name.ptr(), info.ptr()));
+    nb::object tuple = nb::steal(PyTuple_New(2));
+    PyTuple_SET_ITEM(tuple.ptr(), 0, name.release().ptr());
+    PyTuple_SET_ITEM(tuple.ptr(), 1, info.release().ptr());
     // A tuple of two byte strings can hold no cycle: the collector needn't
     // visit it (CPython untracks such tuples itself, but only later).
     PyObject_GC_UnTrack(tuple.ptr());

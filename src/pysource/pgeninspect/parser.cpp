@@ -22,15 +22,41 @@ const Tok kEndTok{std::string_view(), TokClass::kEnd, -1};
 constexpr std::array<std::string_view, 13> kAugAssignOps = {
     "+=", "-=", "*=", "/=", "//=", "%=", "@=", "&=", "|=", "^=", ">>=", "<<=", "**="};
 
-// Binary operators by level, loosest first.
-constexpr std::array<std::array<std::string_view, 5>, 6> kBinaryLevels = {{
-    {"|", "", "", "", ""},
-    {"^", "", "", "", ""},
-    {"&", "", "", "", ""},
-    {"<<", ">>", "", "", ""},
-    {"+", "-", "", "", ""},
-    {"*", "/", "//", "%", "@"},
-}};
+// Binary operators by level, loosest first: | ^ & (<< >>) (+ -) (* / // % @).
+constexpr int kLoosestBinaryLevel = 0;
+constexpr int kAdditiveLevel = 4;
+
+// The level of a binary operator token, or -1 for any other token: one look
+// at the token decides, however many levels there are.
+int BinaryLevelOf(const Tok &tok) {
+    if (tok.cls != TokClass::kOp)
+        return -1;
+    std::string_view s = tok.text;
+    if (s.size() == 1) {
+        switch (s[0]) {
+        case '|': return 0;
+        case '^': return 1;
+        case '&': return 2;
+        case '+': case '-': return 4;
+        case '*': case '/': case '%': case '@': return 5;
+        default: return -1;
+        }
+    }
+    if (s == "<<" || s == ">>")
+        return 3;
+    return s == "//" ? 5 : -1;
+}
+
+// Token text against a keyword or operator, without a library call: most
+// tokens differ from it in length, and the rest are a few bytes long.
+bool SameText(std::string_view text, std::string_view expected) {
+    if (text.size() != expected.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (text[i] != expected[i])
+            return false;
+    return true;
+}
 
 class Parser {
 public:
@@ -95,7 +121,7 @@ private:
     }
     bool At(std::string_view s, std::int32_t k = 0) const {
         const Tok &tok = Peek(k);
-        return tok.cls != TokClass::kString && tok.text == s;
+        return tok.cls != TokClass::kString && SameText(tok.text, s);
     }
     bool AtEnd() const { return pos_ >= end_; }
     bool Accept(std::string_view s) {
@@ -168,7 +194,7 @@ private:
     std::int32_t ParseBoolChain(std::string_view op, std::int32_t (Parser::*operand)());
     std::int32_t ParseInversion();
     std::int32_t ParseComparison();
-    std::int32_t ParseBinary(size_t level);
+    std::int32_t ParseBinary(int min_level);
     std::int32_t ParseFactor();
     std::int32_t ParsePower();
     std::int32_t ParsePrimary();
@@ -411,7 +437,7 @@ void Parser::ParseSimpleStatement() {
         t_.statements.push_back(NewNode(NodeKind::kPrint, begin, mark));
     } else if (!py3_ && word == "exec") {
         ++pos_;
-        Push(ParseBinary(0));
+        Push(ParseBinary(kLoosestBinaryLevel));
         if (Accept("in")) {
             Push(ParseExpression());
             if (Accept(","))
@@ -739,7 +765,7 @@ std::int32_t Parser::ParseDottedValue() {
 std::int32_t Parser::ParseLiteralPattern() {
     if (Peek().cls == TokClass::kString)
         return ParseStrings();
-    return ParseBinary(4);  // numbers with sign and complex parts, None, True, False
+    return ParseBinary(kAdditiveLevel);  // numbers with sign and complex parts, None, True, False
 }
 
 std::int32_t Parser::ParsePatternSequence(std::int32_t begin, std::string_view closer) {
@@ -858,7 +884,7 @@ std::int32_t Parser::ParseStarNamedExpression() {
     std::int32_t begin = pos_;
     if (Accept("*")) {
         size_t mark = scratch_.size();
-        Push(ParseBinary(0));
+        Push(ParseBinary(kLoosestBinaryLevel));
         return NewNode(NodeKind::kStarred, begin, mark);
     }
     return ParseNamedExpression();
@@ -929,7 +955,7 @@ std::int32_t Parser::ParseInversion() {
 
 std::int32_t Parser::ParseComparison() {
     std::int32_t begin = pos_;
-    std::int32_t first = ParseBinary(0);
+    std::int32_t first = ParseBinary(kLoosestBinaryLevel);
     size_t mark = scratch_.size();
     Push(first);
     for (;;) {
@@ -952,7 +978,7 @@ std::int32_t Parser::ParseComparison() {
         } else {
             break;
         }
-        Push(ParseBinary(0));
+        Push(ParseBinary(kLoosestBinaryLevel));
     }
     if (scratch_.size() == mark + 1) {
         scratch_.pop_back();
@@ -961,19 +987,16 @@ std::int32_t Parser::ParseComparison() {
     return NewNode(NodeKind::kCompare, begin, mark);
 }
 
-std::int32_t Parser::ParseBinary(size_t level) {
-    if (level >= kBinaryLevels.size())
-        return ParseFactor();
+// Precedence climbing: operators of `min_level` or tighter are taken here,
+// each right operand only with tighter ones, so that every level is left
+// associative.  The nodes come out as a descent through one function per
+// level would make them, in the same order.
+std::int32_t Parser::ParseBinary(int min_level) {
     std::int32_t begin = pos_;
-    std::int32_t left = ParseBinary(level + 1);
+    std::int32_t left = ParseFactor();
     for (;;) {
-        const Tok &tok = Peek();
-        if (tok.cls != TokClass::kOp)
-            return left;
-        bool match = false;
-        for (std::string_view op : kBinaryLevels[level])
-            match = match || (!op.empty() && tok.text == op);
-        if (!match)
+        int level = BinaryLevelOf(Peek());
+        if (level < min_level)
             return left;
         ++pos_;
         size_t mark = scratch_.size();
@@ -1380,7 +1403,7 @@ void Parser::PushDictEntry() {
     if (At("**")) {
         std::int32_t begin = pos_++;
         size_t mark = scratch_.size();
-        Push(ParseBinary(0));
+        Push(ParseBinary(kLoosestBinaryLevel));
         Push(NewNode(NodeKind::kDoubleStarred, begin, mark));
         Push(-1);
         return;

@@ -107,8 +107,18 @@ bool IsKeyword(std::string_view word, bool py2) {
         "continue", "def", "del", "elif", "else", "except", "exec", "finally", "for", "from",
         "global", "if", "import", "in", "is", "lambda", "nonlocal", "not", "or", "pass", "print",
         "raise", "return", "try", "while"};
-    if (word.empty())
+    // Every keyword is two to eight letters and starts with one of a few:
+    // most names are turned away here, before the search.
+    if (word.size() < 2 || word.size() > 8)
         return false;
+    switch (word[0]) {
+    case 'F': case 'N': case 'T': case 'a': case 'b': case 'c': case 'd': case 'e': case 'f':
+    case 'g': case 'i': case 'l': case 'n': case 'o': case 'p': case 'r': case 't': case 'w':
+    case 'y':
+        break;
+    default:
+        return false;
+    }
     if (word == "with" || word == "yield")
         return true;
     if (!std::binary_search(kWords.begin(), kWords.end(), word))

@@ -3,6 +3,7 @@
 #include "pysource/infocache.h"
 #include "pysource/pgeninspect.h"
 #include "pysource/scopescanner/protocol.h"
+#include "pysource/strutils.h"
 
 namespace pysource {
 
@@ -71,6 +72,22 @@ Py_ssize_t CPerFileInfo_::GetActiveEditLineno() {
 
 void CPerFileInfo_::CB_ActiveEditLinenoChanged_(nb::handle, Py_ssize_t lineno) {
     _fActiveEditLineno = lineno;
+}
+
+nb::object CPerFileInfo_::NameText(nb::handle name) {
+    if (!PyBytes_Check(name.ptr()))
+        return AsStr(name);
+    std::string_view spelling(PyBytes_AS_STRING(name.ptr()), (size_t) PyBytes_GET_SIZE(name.ptr()));
+    auto found = fNameTexts_.find(spelling);
+    if (found != fNameTexts_.end())
+        return found->second;
+    nb::object text = AsStr(name);
+    Py_ssize_t size = 0;
+    const char *utf8 = PyUnicode_AsUTF8AndSize(text.ptr(), &size);
+    if (!utf8)
+        throw nb::python_error();
+    fNameTexts_.emplace(std::string_view(utf8, (size_t) size), text);
+    return text;
 }
 
 int CPerFileInfo_::TraverseFields(visitproc visit, void *arg) {

@@ -7,6 +7,9 @@
 
 #include <nanobind/nanobind.h>
 
+#include <string_view>
+#include <unordered_map>
+
 #include "basekit/destroyable.h"
 
 namespace nb = nanobind;
@@ -51,8 +54,18 @@ public:
     bool fPyiFile = false;
     bool fPy3Grammar = false;
 
+    // A name of the analyzer's pairs as str (bytes are read as UTF-8): one
+    // str per spelling for the whole file, so that a name is decoded, and
+    // its hash worked out, once however often the file's scopes name it.
+    nb::object NameText(nb::handle name);
+
     int TraverseFields(visitproc visit, void *arg);
     void DropReferences();
+
+private:
+    // Spelling (the UTF-8 of the str it maps to, which the map keeps) ->
+    // str.  Strings lead back to nothing: the collector needn't see them.
+    std::unordered_map<std::string_view, nb::object> fNameTexts_;
 };
 
 }  // namespace pysource

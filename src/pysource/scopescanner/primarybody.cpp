@@ -20,11 +20,32 @@ namespace {
 
 // The two elements of a (name, info) pair of an analyzer's list.
 std::pair<nb::handle, nb::handle> PairOf(nb::handle pair) {
+    if (PyTuple_CheckExact(pair.ptr()) && PyTuple_GET_SIZE(pair.ptr()) == 2)
+        return {PyTuple_GET_ITEM(pair.ptr(), 0), PyTuple_GET_ITEM(pair.ptr(), 1)};
     if (!PyTuple_Check(pair.ptr()) && !PyList_Check(pair.ptr()))
         throw nb::type_error("a name pair must be a tuple of two");
     if (PySequence_Size(pair.ptr()) != 2)
         throw nb::value_error("a name pair must have two elements");
     return {pair[0], pair[1]};
+}
+
+// Calls `each(name, info)` for every pair of an analyzer's pairs (None for
+// none).  A tuple, as our analyzer makes, is read without an iterator; it is
+// held meanwhile, as `each` may replace the logical's pairs.
+template <typename Each>
+void ForEachPair(nb::handle pairs, Each each) {
+    nb::object held = nb::borrow(PairsOrEmpty(pairs));
+    if (PyTuple_CheckExact(held.ptr())) {
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(held.ptr()); ++i) {
+            auto [name, istr] = PairOf(PyTuple_GET_ITEM(held.ptr(), i));
+            each(name, istr);
+        }
+        return;
+    }
+    for (nb::handle pair : held) {
+        auto [name, istr] = PairOf(pair);
+        each(name, istr);
+    }
 }
 
 si::Kind KindOf(nb::handle istr) {
@@ -78,10 +99,9 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
     if (def->fKind == LogicalKind::kClassDef) {
         // Calling a class gives an instance.
         AddPerName_(fTypeEquivs_, nb::str("return"), si::ToBytes(si::kInstancePrefix));
-        for (nb::handle pair : ArgPairs(def->fArgTypeEquivs)) {
-            auto [name, istr] = PairOf(pair);
+        ForEachPair(ArgPairs(def->fArgTypeEquivs), [&](nb::handle name, nb::handle istr) {
             AddPerName_(fTypeEquivs_, AsStr(name), istr);
-        }
+        });
         return false;
     }
     if (def->fKind != LogicalKind::kFunctionDef)
@@ -99,8 +119,7 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
 
     nb::object first_arg = nb::none();
     Py_ssize_t arg_i = 0;
-    for (nb::handle pair : ArgPairs(def->fArgTypeEquivs)) {
-        auto [raw_name, istr] = PairOf(pair);
+    ForEachPair(ArgPairs(def->fArgTypeEquivs), [&](nb::handle raw_name, nb::handle istr) {
         nb::object name = AsStr(raw_name);
         si::Kind kind = KindOf(istr);
         if (kind == si::kSetKind) {
@@ -120,7 +139,7 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
         } else {
             AddPerName_(fTypeEquivs_, name, istr);
         }
-    }
+    });
 
     // The self name of a method.
     if (!cls_def || first_arg.is_none() || is_static)
@@ -147,7 +166,7 @@ bool CSingleScopePrimaryScanner::ScanBodyLogicals_(double end_time) {
     while (fLogicalIndex_ < (Py_ssize_t) PyList_GET_SIZE(body.ptr())) {
         nb::object logical_obj = body[fLogicalIndex_];
         CLogicalLine &logical = *AsLogical(logical_obj);
-        nb::bytes logical_i_bytes = BytesForInteger(fLogicalIndex_);
+        nb::object logical_i_bytes = nb::borrow(LogicalIndexBytes_());
         TryAnalyzeSingleLogical_(logical_obj);
         UpdateSimpleConditional_(logical_obj);
         switch (logical.fKind) {
@@ -157,13 +176,12 @@ bool CSingleScopePrimaryScanner::ScanBodyLogicals_(double end_time) {
             break;
         case LogicalKind::kImport:
         case LogicalKind::kFromImport:
-            for (nb::handle pair : PairsOrEmpty(logical.fTypeEquivs)) {
-                auto [raw_name, istr] = PairOf(pair);
-                nb::object name = AsStr(raw_name);
+            ForEachPair(logical.fTypeEquivs, [&](nb::handle raw_name, nb::handle istr) {
+                nb::object name = fPerFileInfo->NameText(raw_name);
                 if (PyBytes_Check(istr.ptr()) && TextOf(istr) == si::kSetPrefix &&
                     TextOf(name) != "*")
                     AddPerName_(fDomains_, name, nb::bytes("imported"));
-            }
+            });
             break;
         default:
             break;
@@ -181,9 +199,8 @@ bool CSingleScopePrimaryScanner::ScanBodyLogicals_(double end_time) {
 // kind goes to the per-name maps.
 void CSingleScopePrimaryScanner::FoldNameInfo(CLogicalLine &logical, nb::handle logical_i_bytes) {
     nb::handle self_dot = fSelfDotName_;
-    for (nb::handle pair : PairsOrEmpty(logical.fTypeEquivs)) {
-        auto [raw_name, raw_istr] = PairOf(pair);
-        nb::object name = AsStr(raw_name);
+    ForEachPair(logical.fTypeEquivs, [&](nb::handle raw_name, nb::handle raw_istr) {
+        nb::object name = fPerFileInfo->NameText(raw_name);
         si::Kind kind = KindOf(raw_istr);
         if (kind == si::kGetKind) {
             AddToFirstDict_(name, fFirstNameGet_);
@@ -206,7 +223,7 @@ void CSingleScopePrimaryScanner::FoldNameInfo(CLogicalLine &logical, nb::handle 
             }
             ProcessSingleInfoStr_(name, istr, logical_i_bytes);
         }
-    }
+    });
 }
 
 void CSingleScopePrimaryScanner::TryAnalyzeSingleLogical_(nb::handle logical_obj) {
@@ -295,13 +312,14 @@ void CSingleScopePrimaryScanner::AddPerName_(nb::handle name_dict, nb::handle na
     if (!_fInSimpleConditional.is_none())
         value = si::PyBuildConditionalInfo(_fInSimpleConditional[0], info);
 
-    PyObject *existing = PyDict_GetItemWithError(name_dict.ptr(), name.ptr());
-    if (!existing) {
-        if (PyErr_Occurred())
-            throw nb::python_error();
-        if (PyDict_SetItem(name_dict.ptr(), name.ptr(), value.ptr()) < 0)
-            throw nb::python_error();
-    } else if (PyBytes_CheckExact(existing)) {
+    // One lookup: the map grows when the name is new.
+    Py_ssize_t size_before = PyDict_GET_SIZE(name_dict.ptr());
+    PyObject *existing = PyDict_SetDefault(name_dict.ptr(), name.ptr(), value.ptr());
+    if (!existing)
+        throw nb::python_error();
+    if (PyDict_GET_SIZE(name_dict.ptr()) != size_before)
+        return;
+    if (PyBytes_CheckExact(existing)) {
         nb::set both;
         both.add(nb::handle(existing));
         both.add(value);
@@ -315,13 +333,17 @@ void CSingleScopePrimaryScanner::AddPerName_(nb::handle name_dict, nb::handle na
 void CSingleScopePrimaryScanner::AddToFirstDict_(nb::handle name, nb::handle first_dict) {
     RequireDict(first_dict, "first_dict");
     nb::object key = AsStr(name);
-    int contained = PyDict_Contains(first_dict.ptr(), key.ptr());
-    if (contained < 0)
+    // The first entry wins.
+    if (!PyDict_SetDefault(first_dict.ptr(), key.ptr(), LogicalIndexBytes_().ptr()))
         throw nb::python_error();
-    if (contained)
-        return;  // the first entry wins
-    if (PyDict_SetItem(first_dict.ptr(), key.ptr(), BytesForInteger(fLogicalIndex_).ptr()) < 0)
-        throw nb::python_error();
+}
+
+nb::handle CSingleScopePrimaryScanner::LogicalIndexBytes_() {
+    if (fIndexBytesFor_ != fLogicalIndex_) {
+        fIndexBytes_ = BytesForInteger(fLogicalIndex_);
+        fIndexBytesFor_ = fLogicalIndex_;
+    }
+    return fIndexBytes_;
 }
 
 void CSingleScopePrimaryScanner::ScanSingleScopeDefInBody_(nb::handle logical_obj,

@@ -106,6 +106,11 @@ public:
     bool fEntireScopeScanned = false;
     nb::object fSelfDotName_;        // str or None
     Py_ssize_t fLogicalIndex_ = 0;
+    // fLogicalIndex_ as the bytes of its decimal digits, made once per index
+    // (bytes lead back to nothing: the collector needn't see them).
+    nb::object fIndexBytes_;
+    Py_ssize_t fIndexBytesFor_ = -1;
+    nb::handle LogicalIndexBytes_();
     nb::object fTypeEquivs_;         // dict, None once moved into fInfo
     nb::object fInstTypeEquivs_;
     nb::object fDomains_;
