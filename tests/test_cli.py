@@ -474,6 +474,12 @@ class TestDerivedPass:
         code, out, _ = run(capsys, "index")
         assert code == 0 and "derived info from 2 files" in out   # the stub wants none
         assert "in f: value: G" in shown(capsys, "pkg/uses.py")
+        # With no file changed, a run after --primary-only still does the derived pass, and says so.
+        assert run(capsys, "index", "--primary-only")[0] == 0
+        (project / "pkg" / "more.py").write_text("def g(a):\n    return a\n\ng(1)\n")
+        assert run(capsys, "index", "--primary-only")[0] == 0
+        code, out, _ = run(capsys, "index")
+        assert code == 0 and out.startswith("Derived info from 1 files")
 
     def test_index_scans_with_its_start_up_frozen_and_thaws_it_after(self, project, capsys,
                                                                       monkeypatch):

@@ -249,13 +249,17 @@ def _report_index_run(counts, failed, errors, walk, forgotten, parse_error_locs,
             _error(f"cannot read {path}")
     for path, reason in walk.fSkipped:
         _error(f"skipped {_display_path(path)}: {reason}")
-    if counts.files == 0 and not failed:
+    nothing_done = counts.files == 0 and not failed and not counts.derived_files
+    if nothing_done:
         line = f"Nothing to scan: {counts.skipped} files unchanged"
     else:
-        line = (f"Indexed {counts.files} files: {counts.scopes} scopes, "
-                f"{counts.parse_errors} with parse errors")
-        if counts.derived_files:
-            line += f", derived info from {counts.derived_files} files"
+        if counts.files or failed:
+            line = (f"Indexed {counts.files} files: {counts.scopes} scopes, "
+                    f"{counts.parse_errors} with parse errors")
+            if counts.derived_files:
+                line += f", derived info from {counts.derived_files} files"
+        else:  # the derived pass alone (after an index with --primary-only)
+            line = f"Derived info from {counts.derived_files} files"
         if counts.needed_files:
             line += f" (and {counts.needed_files} library files it read)"
         if counts.skipped:
@@ -266,7 +270,7 @@ def _report_index_run(counts, failed, errors, walk, forgotten, parse_error_locs,
         line += f", {len(walk.fSkipped)} skipped"
     if forgotten:
         line += f", {forgotten} gone files forgotten"
-    if counts.files == 0 and not failed:
+    if nothing_done:
         print(f"{line} ({_display_path(db_path)})")
     else:
         print(f"{line}, in {counts.seconds:.2f}s ({_display_path(db_path)})")
