@@ -576,7 +576,7 @@ class TestUnsoundDatabases:
     def test_an_older_schema_is_rebuilt_and_the_command_says_so(self, indexed_db, capsys):
         damage("PRAGMA user_version = 0")(indexed_db)
         code, out, err = run(capsys, "index")
-        assert code == 0 and "older" in err and "rebuilt empty" in err
+        assert code == 0 and "older" in err and err.count("rebuilt empty") == 1
         assert out.startswith("Indexed 2 files")
 
     def test_a_read_only_database_stops_index_once(self, indexed_db, capsys, monkeypatch):

@@ -4,6 +4,7 @@ import argparse
 import contextlib
 import gc
 import json
+import logging
 import os
 import shutil
 import sys
@@ -785,6 +786,9 @@ def main(argv=None):
     parser = _build_parser()
     args = parser.parse_args(argv)
     from pysource import scopeinfo
+    # What the library logs for an embedder (a rebuilt database) the
+    # command tells in its own words: not twice.
+    logging.getLogger("pysource").addHandler(logging.NullHandler())
     try:
         return args.run(args)
     except _CDatabaseProblem as problem:
