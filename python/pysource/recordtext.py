@@ -360,7 +360,7 @@ def FormatRecord(record, display_path=str):
         out.extend(f"  {'':<{width}}  {text}" for text in texts[1:])
     if record.get("callers_pass") is not None:
         out.append("  callers pass:")
-        out.extend("  " + line for line in FormatParamLines(record["callers_pass"]))
+        out.extend("  " + line for line in FormatParamLines(record["callers_pass"], display_path))
     return "\n".join(out)
 
 
