@@ -686,6 +686,30 @@ private:
     ValueSet IterItems(const ValueSet &values);
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
+    // The arguments of call node `n`, each valued by `value_of`; false when
+    // a `*args` or `**mapping` leaves some unknown (positions after it aren't read).
+    bool CallArguments(const Tree &tree, const pgen::Node &n, const std::function<ValueSet(std::int32_t)> &value_of,
+                       std::vector<ValueSet> &args, Keywords &kwargs);
+    // Containers grown by later use (containers.cpp).  `values` of `name`
+    // as set at body logical `at` of `scope` (set again at `until`, -1 for
+    // never): an instance of a generic class with unknown type arguments
+    // takes them from what the scope passes its methods in between
+    // (`x.append(1)`, `x[k] = v`).
+    ValueSet WithItemsFromUses(nb::handle scope, nb::handle record, std::string_view name, long long at,
+                               long long until, const ValueSet &values);
+    // The entries of `record` that use `name` through one attribute or
+    // subscript (`x.append`, `x["a"]`); a record's are found once per request.
+    const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);
+    std::unordered_map<PyObject *, std::pair<nb::object, std::map<std::string, std::vector<std::string>, std::less<>>>>
+        fUsesOfNames;
+    // Merges into `bound` the type variables that a call of `method` of
+    // `receiver` binds from its arguments (the first overload that takes them).
+    void BindMethodTypeVars(nb::handle receiver, std::string_view method, const std::vector<ValueSet> &args,
+                            const Keywords &kwargs, TypeMap &bound);
+    // Binds the type variables of the hinted parameters of a def (from
+    // `first` on) from what a call passes them (keywords by name, else to `**kwargs`).
+    void BindArgumentTypeVars(nb::handle def_scope, const std::vector<Param> &params, std::size_t first,
+                              const std::vector<ValueSet> &args, const Keywords &kwargs, TypeMap &bound);
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
     // Whether an argument fits when one of its values does (rather than
     // every one): the second try of a call nothing fits strictly, as the
