@@ -7,6 +7,8 @@
 
 #include <nanobind/stl/string.h>
 
+#include <functional>
+
 #include "pysource/exprtext.h"
 #include "pysource/infokinds.h"
 #include "pysource/packedops.h"
@@ -38,9 +40,10 @@ const std::vector<std::string> &CEvaluator::UsesOf(nb::handle record, std::strin
             std::size_t cut = entry.find_first_of(".[");
             if (cut == 0 || cut == std::string_view::npos)
                 continue;
+            // Under what the last trailer follows: `self.items` for `self.items.append`.
             std::optional<std::vector<std::string>> parts = si::SplitTrailers(entry);
-            if (parts && parts->size() == 2)
-                uses[(*parts)[0]].emplace_back(entry);
+            if (parts && parts->size() >= 2)
+                uses[std::string(entry.substr(0, entry.size() - parts->back().size()))].emplace_back(entry);
         }
         it = fUsesOfNames.emplace(record.ptr(), std::pair{nb::borrow(record), std::move(uses)}).first;
     }
@@ -67,9 +70,8 @@ void CEvaluator::BindMethodTypeVars(nb::handle receiver, std::string_view method
     }
 }
 
-ValueSet CEvaluator::WithItemsFromUses(nb::handle scope, nb::handle record, std::string_view name, long long at,
-                                       long long until, const ValueSet &values) {
-    if (at < 0 || name.empty() || Stop())
+ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of) {
+    if (Stop())
         return values;
     // The instances of generic classes some of whose type arguments are unknown.
     std::vector<std::size_t> open;
@@ -93,9 +95,7 @@ ValueSet CEvaluator::WithItemsFromUses(nb::handle scope, nb::handle record, std:
     }
     if (open.empty())
         return values;
-    const std::vector<std::string> &uses = UsesOf(record, name);
-    if (uses.empty())
-        return values;
+    const std::vector<UseSite> sites = sites_of();
     ValueSet out;
     std::size_t next_open = 0;
     for (std::size_t i = 0; i < values.Items().size(); ++i) {
@@ -106,15 +106,17 @@ ValueSet CEvaluator::WithItemsFromUses(nb::handle scope, nb::handle record, std:
         }
         ++next_open;
         TypeMap bound;
-        for (const std::string &use : uses) {
-            nb::object entry = InfoBytesOf(record, use);
+        for (const UseSite &site : sites)
+        for (const std::string &use : UsesOf(site.record, site.name)) {
+            nb::object entry = InfoBytesOf(site.record, use);
             if (entry.is_none())
                 continue;
-            std::string trailer = use.substr(name.size());
+            const nb::object &scope = site.scope;
+            std::string trailer = use.substr(site.name.size());
             for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
                 si::SuffixSplit split = si::SplitLogicalIndexSuffix(single);
                 long long index = split.logical_index.value_or(-1);
-                if (index <= at || (until >= 0 && index >= until) || Stop())
+                if (index < 0 || index <= site.after || (site.until >= 0 && index >= site.until) || Stop())
                     continue;
                 std::vector<ValueSet> args;
                 Keywords kwargs;
@@ -170,6 +172,39 @@ ValueSet CEvaluator::WithItemsFromUses(nb::handle scope, nb::handle record, std:
             out.Add(v);
     }
     return out;
+}
+
+std::vector<CEvaluator::UseSite> CEvaluator::InstanceUseSites(nb::handle cls, std::string_view attribute) {
+    std::vector<UseSite> sites;
+    si::CSingleResolvedInfo *c = Single(cls);
+    std::string class_name(NameOf(c));
+    nb::object record = RecordOf(ScopeAt(c->loc, class_name));
+    if (record.is_none())
+        return sites;
+    nb::object entries = record.attr("type_equivs");
+    if (!PyDict_Check(entries.ptr()))
+        return sites;
+    // Each method's first parameter is the instance: `self.items.append(x)`.
+    for (auto [key, ibytes] : nb::borrow<nb::dict>(entries)) {
+        if (!PyUnicode_Check(key.ptr()) || !PyBytes_Check(ibytes.ptr()))
+            continue;
+        for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";")) {
+            std::string_view bare = si::BareSingle(single);
+            if (si::GetInfoBytesKind(bare) != si::kUnboundMethodKind)
+                continue;
+            const auto def = DefInfoOf(bare);
+            std::vector<Param> params = ParamsOf(*def);
+            if (params.empty() || params[0].star || HasDecorator(*def, "staticmethod") ||
+                HasDecorator(*def, "classmethod"))
+                break;
+            nb::object method = ScopeAt(c->loc, class_name + "." + nb::cast<std::string>(key));
+            nb::object method_record = RecordOf(method);
+            if (!method_record.is_none())
+                sites.push_back({method, method_record, params[0].name + "." + std::string(attribute), -1, -1});
+            break;
+        }
+    }
+    return sites;
 }
 
 }  // namespace pysource::infer

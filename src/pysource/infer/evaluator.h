@@ -690,13 +690,20 @@ private:
     // a `*args` or `**mapping` leaves some unknown (positions after it aren't read).
     bool CallArguments(const Tree &tree, const pgen::Node &n, const std::function<ValueSet(std::int32_t)> &value_of,
                        std::vector<ValueSet> &args, Keywords &kwargs);
-    // Containers grown by later use (containers.cpp).  `values` of `name`
-    // as set at body logical `at` of `scope` (set again at `until`, -1 for
-    // never): an instance of a generic class with unknown type arguments
-    // takes them from what the scope passes its methods in between
+    // Containers grown by later use (containers.cpp).  Where a container
+    // is used: `name` in the body of `scope` (whose record is `record`),
+    // between body logicals `after` and `until` (-1: from the start, to the end).
+    struct UseSite {
+        nb::object scope, record;
+        std::string name;
+        long long after, until;
+    };
+    // `values` with each instance of a generic class whose type arguments
+    // are unknown given those that the uses at `sites_of()` pass its methods
     // (`x.append(1)`, `x[k] = v`).
-    ValueSet WithItemsFromUses(nb::handle scope, nb::handle record, std::string_view name, long long at,
-                               long long until, const ValueSet &values);
+    ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
+    // The uses of the instances' attribute `attribute` in the methods of `cls`.
+    std::vector<UseSite> InstanceUseSites(nb::handle cls, std::string_view attribute);
     // The entries of `record` that use `name` through one attribute or
     // subscript (`x.append`, `x["a"]`); a record's are found once per request.
     const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);

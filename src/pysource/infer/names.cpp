@@ -1006,13 +1006,14 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         // What callers pass is read for the use: tests there may rule callers out.
         bool passed = at < -1 && piece->kind == si::kArgKind;
         ValueSet values = ValuesOfPiece(scope, *piece, passed ? use_index : -2);
-        if (at >= 0) {
-            long long until = -1;  // the next setting of the name
-            for (const auto &other : singles)
-                if (other.second > at && (until < 0 || other.second < until))
-                    until = other.second;
-            values = WithItemsFromUses(scope, record, name, at, until, values);
-        }
+        if (at >= 0 && !name.empty())
+            values = WithItemsFromUses(values, [&]() {
+                long long until = -1;  // the next setting of the name
+                for (const auto &other : singles)
+                    if (other.second > at && (until < 0 || other.second < until))
+                        until = other.second;
+                return std::vector<UseSite>{{nb::borrow(scope), nb::borrow(record), std::string(name), at, until}};
+            });
         out.Merge(values);
         if (fGaveUp)
             break;
