@@ -686,10 +686,12 @@ private:
     ValueSet IterItems(const ValueSet &values);
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
-    // The arguments of call node `n`, each valued by `value_of`; false when
-    // a `*args` or `**mapping` leaves some unknown (positions after it aren't read).
+    // The arguments of call node `n` (read in `scope`, when given), each
+    // valued by `value_of` (`*t` of a tuple of known positions passes them);
+    // false when a `*args` or `**mapping` leaves some unknown (positions
+    // after it aren't read).
     bool CallArguments(const Tree &tree, const pgen::Node &n, const std::function<ValueSet(std::int32_t)> &value_of,
-                       std::vector<ValueSet> &args, Keywords &kwargs);
+                       std::vector<ValueSet> &args, Keywords &kwargs, nb::handle scope = nb::handle());
     // Containers grown by later use (containers.cpp).  Where a container
     // is used: `name` in the body of `scope` (whose record is `record`),
     // between body logicals `after` and `until` (-1: from the start, to the end).
