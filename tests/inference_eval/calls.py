@@ -239,3 +239,23 @@ def Lookup(key):
 
 Lookup(1)  # expect: int
 Lookup("k")  # expect: str
+
+
+# `*args` passed on gives the callee the positions the call passed.
+
+def Pair(first, second):
+    return first, second
+
+
+def Forward(*args):
+    return Pair(*args)
+
+
+def ForwardAfter(head, *rest):
+    return Pair(head, *rest)
+
+
+Forward("a", 1)[0]  # expect: str
+Forward("a", 1)[1]  # expect: int
+ForwardAfter(1.5, b"x")[1]  # expect: bytes
+Pair(*(1, "b"))[1]  # expect: str

@@ -1,6 +1,7 @@
-"""Subscripts and iteration of hinted containers, and of containers built
-from displays."""
+"""Subscripts and iteration of hinted containers, of containers built from
+displays, and of empty containers that later use fills."""
 
+import collections
 from typing import Dict, Iterable, Iterator, List, Mapping, Optional, Sequence, Tuple
 
 
@@ -117,7 +118,52 @@ for one, letter in pairs:
     letter  # expect: str
 
 
+def GrownByUse():
+    """An empty container holds what the scope later puts in it."""
+    items = []
+    items.append(1)
+    items  # expect: list[int]
+    table = {}
+    table["k"] = 1.5
+    table  # expect: dict[str, float]
+    table["k"]  # expect: float
+    seen = set()
+    seen.add("a")
+    seen  # expect: set[str]
+    more = list()
+    more.extend([b"x"])
+    more.insert(0, b"y")
+    more[0]  # expect: bytes
+    counts = dict()
+    counts.update({"a": 1})
+    counts.setdefault("b", 2)
+    counts  # expect: dict[str, int]
+    squares = []
+    for n in range(3):
+        squares.append(n * n)
+    squares  # expect: list[int]
+    queue = collections.deque()
+    queue.appendleft("q")
+    queue  # expect: collections.deque[str]
+    items = []  # set again: the earlier appends don't count
+    items.append("s")
+    items  # expect: list[str]
+    return squares
+
+
+class Basket:
+    def __init__(self):
+        self.fruits = []
+
+    def Add(self, name: str):
+        self.fruits.append(name)
+
+
 def _main():
+    GrownByUse()[0]  # expect: int
+    basket = Basket()
+    basket.Add("apple")
+    basket.fruits  # expect: list[str]
     Subscripts([1, 2], ["n"], {"k": Point(1, 2)}, {"k": 1}, (1, "s"), (1.0,), [[1]],
                {"k": [Point(0, 0)]}, [b"b"], [3], "t", b"r")
     Iteration([Point(1, 2)], {"k": Point(3, 4)}, iter([1]), [("s", 1)])

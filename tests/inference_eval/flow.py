@@ -233,7 +233,18 @@ assert isinstance(bound, (types.MethodType, types.BuiltinMethodType))
 bound()  # expect: str
 
 
+def Classified(value):
+    """Nothing is known of `value` here (no hint, callers not read): the
+    tests around a use still tell its class."""
+    if isinstance(value, str):
+        value  # expect: str
+    elif isinstance(value, (int, bytes)):
+        value  # expect: bytes | int
+
+
 def _main():
+    Classified("s")
+    Classified(1)
     Loops([1, 2], ["a"], {"k": 1.0}, iter([b"c"]), [(1, "a")])
     Branches(True)
     Branches(False)

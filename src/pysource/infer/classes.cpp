@@ -405,7 +405,8 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 assigned = true;
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
-                out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
+                out.Merge(WithItemsFromUses(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2),
+                                            [&]() { return InstanceUseSites(entry.cls, name); }));
                 fClassMaps.pop_back();
                 ++fBindingVersion;
                 if (name == "__class__")
@@ -579,17 +580,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 std::vector<Param> params = ParamsOf(def);
                 nb::object def_scope = ScopeAt(i->loc, si::DefLineScope(NameOf(i)));
                 std::size_t first = params.empty() || params[0].star ? 0 : 1;
-                ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
-                    BindTypeVars(def_scope, hint, arg, bound);
-                });
-                // Keywords: their parameter's hint, or that of **kwargs.
-                for (const auto &[name, values] : kwargs)
-                    for (std::size_t p = first; p < params.size(); ++p)
-                        if ((params[p].name == name && params[p].star == 0) || params[p].star == 2) {
-                            if (!params[p].hint.empty())
-                                BindTypeVars(def_scope, params[p].hint, values, bound);
-                            break;
-                        }
+                BindArgumentTypeVars(def_scope, params, first, args, kwargs, bound);
                 bool hinted_self = first == 1 && !params[0].hint.empty();
                 if (bound.empty() && !hinted_self)
                     continue;
@@ -647,6 +638,21 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
         return CallDunder(one, "__call__", args, kwargs);
     }
     return out;
+}
+
+void CEvaluator::BindArgumentTypeVars(nb::handle def_scope, const std::vector<Param> &params, std::size_t first,
+                                      const std::vector<ValueSet> &args, const Keywords &kwargs, TypeMap &bound) {
+    ForEachHintedPositional(params, first, args, [&](const std::string &hint, const ValueSet &arg) {
+        BindTypeVars(def_scope, hint, arg, bound);
+    });
+    // Keywords: their parameter's hint, or that of **kwargs.
+    for (const auto &[name, values] : kwargs)
+        for (std::size_t p = first; p < params.size(); ++p)
+            if ((params[p].name == name && params[p].star == 0) || params[p].star == 2) {
+                if (!params[p].hint.empty())
+                    BindTypeVars(def_scope, params[p].hint, values, bound);
+                break;
+            }
 }
 
 ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> &args,

@@ -643,23 +643,8 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
         if (args_done)
             return;
         args_done = true;
-        for (std::int32_t i = 1; i < n.kids_count; ++i) {
-            std::int32_t kid = tree.Kid(n, i);
-            if (kid < 0)
-                continue;
-            const Node &k = tree.nodes[(std::size_t) kid];
-            if (k.kind == NodeKind::kKeyword) {
-                if (k.aux < 0)
-                    keywords_known = false;  // **mapping
-                if (k.aux >= 0)
-                    kwargs.emplace_back(std::string(TokText(tree, k.aux)), Eval(tree, tree.Kid(k, 0), frame));
-            } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
-                keywords_known = false;
-                break;  // positions after *args are unknown
-            } else {
-                args.push_back(Eval(tree, kid, frame));
-            }
-        }
+        keywords_known = CallArguments(
+            tree, n, [&](std::int32_t kid) { return Eval(tree, kid, frame); }, args, kwargs, frame.scope);
     };
     if (n.kids_count > 1)
         first_arg = tree.Kid(n, 1);
@@ -788,6 +773,44 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
     for (const nb::object &callee : selected.Items())
         out.Merge(CallWithArguments(callee, args, kwargs, frame, keywords_known));
     return out;
+}
+
+bool CEvaluator::CallArguments(const Tree &tree, const Node &n, const std::function<ValueSet(std::int32_t)> &value_of,
+                               std::vector<ValueSet> &args, Keywords &kwargs, nb::handle scope) {
+    bool keywords_known = true;
+    for (std::int32_t i = 1; i < n.kids_count; ++i) {
+        std::int32_t kid = tree.Kid(n, i);
+        if (kid < 0)
+            continue;
+        const Node &k = tree.nodes[(std::size_t) kid];
+        if (k.kind == NodeKind::kKeyword) {
+            if (k.aux < 0)
+                keywords_known = false;  // **mapping
+            if (k.aux >= 0)
+                kwargs.emplace_back(std::string(TokText(tree, k.aux)), value_of(tree.Kid(k, 0)));
+        } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
+            // `*t` of a tuple whose positions are known passes them one by
+            // one: a tuple display, or a name a call binds (`*args` passed on).
+            // (Other names aren't read: what all callers pass is rarely one tuple.)
+            std::vector<nb::object> positions;
+            std::int32_t inner = k.kind == NodeKind::kStarred ? tree.Kid(k, 0) : -1;
+            const Node *in = inner >= 0 ? &tree.nodes[(std::size_t) inner] : nullptr;
+            if (in && (in->kind == NodeKind::kTuple ||
+                       (scope && in->kind == NodeKind::kName && BoundValuesOf(scope, TokText(tree, in->aux))))) {
+                ValueSet star = value_of(inner);
+                if (star.Size() == 1 && TuplePositions(star.Items()[0], positions)) {
+                    for (const nb::object &position : positions)
+                        args.push_back(ValueSet::FromIterable(position));
+                    continue;
+                }
+            }
+            keywords_known = false;
+            break;  // positions after *args are unknown
+        } else {
+            args.push_back(value_of(kid));
+        }
+    }
+    return keywords_known;
 }
 
 ValueSet CEvaluator::CallWithArguments(nb::handle callee, const std::vector<ValueSet> &args,

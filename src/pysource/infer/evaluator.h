@@ -686,6 +686,39 @@ private:
     ValueSet IterItems(const ValueSet &values);
     // Keyword arguments of a call; a null pointer where they aren't known.
     using Keywords = std::vector<std::pair<std::string, ValueSet>>;
+    // The arguments of call node `n` (read in `scope`, when given), each
+    // valued by `value_of` (`*t` of a tuple of known positions passes them);
+    // false when a `*args` or `**mapping` leaves some unknown (positions
+    // after it aren't read).
+    bool CallArguments(const Tree &tree, const pgen::Node &n, const std::function<ValueSet(std::int32_t)> &value_of,
+                       std::vector<ValueSet> &args, Keywords &kwargs, nb::handle scope = nb::handle());
+    // Containers grown by later use (containers.cpp).  Where a container
+    // is used: `name` in the body of `scope` (whose record is `record`),
+    // between body logicals `after` and `until` (-1: from the start, to the end).
+    struct UseSite {
+        nb::object scope, record;
+        std::string name;
+        long long after, until;
+    };
+    // `values` with each instance of a generic class whose type arguments
+    // are unknown given those that the uses at `sites_of()` pass its methods
+    // (`x.append(1)`, `x[k] = v`).
+    ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
+    // The uses of the instances' attribute `attribute` in the methods of `cls`.
+    std::vector<UseSite> InstanceUseSites(nb::handle cls, std::string_view attribute);
+    // The entries of `record` that use `name` through one attribute or
+    // subscript (`x.append`, `x["a"]`); a record's are found once per request.
+    const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);
+    std::unordered_map<PyObject *, std::pair<nb::object, std::map<std::string, std::vector<std::string>, std::less<>>>>
+        fUsesOfNames;
+    // Merges into `bound` the type variables that a call of `method` of
+    // `receiver` binds from its arguments (the first overload that takes them).
+    void BindMethodTypeVars(nb::handle receiver, std::string_view method, const std::vector<ValueSet> &args,
+                            const Keywords &kwargs, TypeMap &bound);
+    // Binds the type variables of the hinted parameters of a def (from
+    // `first` on) from what a call passes them (keywords by name, else to `**kwargs`).
+    void BindArgumentTypeVars(nb::handle def_scope, const std::vector<Param> &params, std::size_t first,
+                              const std::vector<ValueSet> &args, const Keywords &kwargs, TypeMap &bound);
     bool OverloadAccepts(nb::handle def, const std::vector<ValueSet> &args, const Keywords *kwargs = nullptr);
     // Whether an argument fits when one of its values does (rather than
     // every one): the second try of a call nothing fits strictly, as the

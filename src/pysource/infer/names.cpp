@@ -1005,7 +1005,16 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         // What callers pass is read for the use: tests there may rule callers out.
         bool passed = at < -1 && piece->kind == si::kArgKind;
-        out.Merge(ValuesOfPiece(scope, *piece, passed ? use_index : -2));
+        ValueSet values = ValuesOfPiece(scope, *piece, passed ? use_index : -2);
+        if (at >= 0 && !name.empty())
+            values = WithItemsFromUses(values, [&]() {
+                long long until = -1;  // the next setting of the name
+                for (const auto &other : singles)
+                    if (other.second > at && (until < 0 || other.second < until))
+                        until = other.second;
+                return std::vector<UseSite>{{nb::borrow(scope), nb::borrow(record), std::string(name), at, until}};
+            });
+        out.Merge(values);
         if (fGaveUp)
             break;
     }

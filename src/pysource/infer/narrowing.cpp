@@ -549,6 +549,10 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
     if (wanted.empty())
         return values;
     ValueSet out;
+    // Of a name nothing is known of, the test still tells the class.
+    if (values.Empty() && holds && !fStrictNarrowing)
+        for (const nb::object &w : wanted)
+            out.Merge(InstanceOf(w, nb::none()));
     for (const nb::object &v : values.Items()) {
         nb::object cls = ClassOfInstance(v);
         si::CSingleResolvedInfo *single = Single(v);
