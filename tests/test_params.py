@@ -271,6 +271,18 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      "        target(seq)\n    join([1])", "a", {"list"}),
     ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join(v, sep)\n"
      "        target(seq)\n    join([1])", "a", {"list"}),
+    # A caller that passes on what its own callers pass it is read apart for each of those:
+    # only the callers whose arguments meet the tests get there.
+    ("def keep(f, seq=None):\n        if seq is None:\n            return f\n        target(f)\n"
+     "    def lkeep(f, seq=None):\n        return keep(f, seq)\n    def one():\n        lkeep([1])\n"
+     "    def two():\n        lkeep('', [2])", "a", {"str"}),
+    ("def deep(cache, cond=None):\n        if cond is not None:\n            return 1\n        target(cache)\n"
+     "    def cached(cache, condition=None):\n        def decorator():\n            return deep(cache, condition)\n"
+     "        return decorator\n    def one():\n        cached([1], condition=len)\n    def two():\n"
+     "        cached('')", "a", {"str"}),
+    ("def deep(cache, cond=None):\n        if cond is not None:\n            return 1\n        target(cache)\n"
+     "    def cached(cache, condition=None):\n        def decorator():\n            return deep(cache, condition)\n"
+     "        return decorator\n    cached([1], condition=len)\n    cached('')", "a", {"list", "str"}),
     # A def that ends in a raise never falls off its end to give None.
     ("def make():\n        raise NotImplementedError\n    target(make())", "a", {"? expression make() (logical 1)"}),
     ("def make():\n        if v:\n            raise ValueError()\n    target(make())", "a", {"None"}),

@@ -785,7 +785,34 @@ private:
     // to body logical `at`: under the arguments one caller passes, the tests
     // there can't be met (`if seq is EMPTY: return f('', seq)` calling itself
     // passes a str, never EMPTY, so its '' isn't what `seq` is there).
-    std::set<std::string> CallersNotReaching(nb::handle scope, nb::handle record, long long at);
+    // A name's values while one call's arguments are bound, by (url, scope, name).
+    using Bindings = std::vector<std::pair<std::tuple<std::string, std::string, std::string>, ValueSet>>;
+    struct CallerReach {
+        std::set<std::string> unreached;
+        // Callers that get there only from some of their own callers: the
+        // bindings of the def around the call under which they do (what
+        // they pass is read under those).
+        std::map<std::string, std::vector<Bindings>> reached_under;
+    };
+    CallerReach CallersNotReaching(nb::handle scope, nb::handle record, long long at);
+    // The bindings, one per caller, that the callers of the def around
+    // `caller`'s calls pass (the innermost def whose parameters `names` holds
+    // one of); none when there is no such def or too many callers to split.
+    std::vector<Bindings> CallerBindingsOfCaller(std::string_view caller, const std::set<std::string_view> &names);
+    // What a parameter the caller leaves out holds: its default.
+    ValueSet DefaultOfParameter(nb::handle body, nb::handle record, std::string_view name);
+    // Binds what isn't bound yet; the destructor unbinds it.
+    class CBindingsScope {
+    public:
+        CBindingsScope(CEvaluator &evaluator, const Bindings &bindings);
+        ~CBindingsScope();
+        CBindingsScope(const CBindingsScope &) = delete;
+        CBindingsScope &operator=(const CBindingsScope &) = delete;
+
+    private:
+        CEvaluator &fEvaluator;
+        std::vector<std::tuple<std::string, std::string, std::string>> fAdded;
+    };
     // Where a derived argument single was recorded: the calling scope as
     // "url|scope|" (what groups one caller's arguments; `itself`, the def's
     // own, for a single without one) and the plain name passed, if one.
@@ -1000,7 +1027,7 @@ private:
     // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
     std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
     // CallersNotReaching by (url, scope, logical, bindings signature).
-    std::map<std::tuple<std::string, std::string, long long, std::string>, std::set<std::string>> fCallersNotReaching;
+    std::map<std::tuple<std::string, std::string, long long, std::string>, CallerReach> fCallersNotReaching;
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;

@@ -1390,20 +1390,33 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
         long long last = star == 1 ? arg->index + kMaxStarPositions : arg->index;
         // Read where the body tests parameters: callers whose arguments can't
         // meet those tests don't get there.
-        std::set<std::string> unreached;
+        CallerReach reach;
         if (use_index >= 0 && star == 0)
-            unreached = CallersNotReaching(scope, record, use_index);
+            reach = CallersNotReaching(scope, record, use_index);
+        const bool sorted_out = !reach.unreached.empty() || !reach.reached_under.empty();
         const std::string itself =
-            unreached.empty() ? std::string() : LocationUrl(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|";
+            sorted_out ? LocationUrl(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|" : std::string();
         ValueSet items;
         for (long long position = arg->index; star != 2 && position <= last; ++position) {
             std::string key = si::BuildArgInfo(position, std::nullopt);
             nb::object passed = InfoBytesOf(record, key);
             if (passed.is_none())
                 continue;
-            for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
-                if (unreached.empty() || !unreached.count(SourceOfArgument(one, itself).caller))
+            for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";")) {
+                const std::string caller = sorted_out ? SourceOfArgument(one, itself).caller : std::string();
+                if (reach.unreached.count(caller))
+                    continue;
+                auto under = reach.reached_under.find(caller);
+                if (under == reach.reached_under.end()) {
                     items.Merge(ValuesOfSingle(scope, one, -2));
+                    continue;
+                }
+                // Read as each of the caller's own callers that get there binds it.
+                for (const Bindings &context : under->second) {
+                    CBindingsScope bound(*this, context);
+                    items.Merge(ValuesOfSingle(scope, one, -2));
+                }
+            }
         }
         if (star == 0)
             return items;
@@ -1661,23 +1674,141 @@ bool MentionsName(std::string_view text, std::string_view name) {
 CEvaluator::ArgumentSource CEvaluator::SourceOfArgument(std::string_view single, const std::string &itself) {
     ArgumentSource out;
     std::string_view s = si::SplitLogicalIndexSuffix(single).single;
+    std::optional<std::string> url;
+    std::string scopes;
     for (si::Kind kind = si::GetInfoBytesKind(s); kind == si::kSpecificUrlKind || kind == si::kSpecificScopeKind;
          kind = si::GetInfoBytesKind(s)) {
         si::UnpackedFields f = si::UnpackFields(s, 1);
         if (f.fields.empty() || !f.fields[0])
             break;
-        out.caller.append(*f.fields[0]).push_back('|');
+        if (kind == si::kSpecificUrlKind)
+            url = *f.fields[0];
+        else
+            scopes.append(si::NormalizeScopeName(*f.fields[0])).push_back('|');
         s = si::SplitLogicalIndexSuffix(f.rest).single;
     }
-    if (out.caller.empty())
+    // Without a file, the caller is in the def's own (which starts `itself`):
+    // the arguments of one call group alike whether they name it or not.
+    if (url || !scopes.empty())
+        out.caller.append(url ? std::string_view(*url) : std::string_view(itself).substr(0, itself.find('|'))).append("|").append(scopes);
+    else
         out.caller = itself;  // recorded in the def's own scope: a call of itself
     if (si::GetInfoBytesKind(s) == si::kPlainEquivKind)
         out.name = si::StripSpaces(s);
     return out;
 }
 
-std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
-    std::set<std::string> out;
+CEvaluator::CBindingsScope::CBindingsScope(CEvaluator &evaluator, const Bindings &bindings) : fEvaluator(evaluator) {
+    for (const auto &[key, values] : bindings)
+        if (fEvaluator.fBoundNames.emplace(key, values).second)
+            fAdded.push_back(key);
+    ++fEvaluator.fBindingVersion;
+}
+
+CEvaluator::CBindingsScope::~CBindingsScope() {
+    for (const auto &key : fAdded)
+        fEvaluator.fBoundNames.erase(key);
+    ++fEvaluator.fBindingVersion;
+}
+
+ValueSet CEvaluator::DefaultOfParameter(nb::handle body, nb::handle record, std::string_view name) {
+    ValueSet defaults;
+    nb::object entry = InfoBytesOf(record, name);
+    if (entry.is_none())
+        return defaults;
+    for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";"))
+        if (IsParameterBinding(single) && !si::SplitLogicalIndexSuffix(single).logical_index &&
+            si::GetInfoBytesKind(si::BareSingle(single)) != si::kArgKind)
+            defaults.Merge(ValuesOfSingle(body, single, -2));
+    return defaults;
+}
+
+std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string_view caller,
+                                                                     const std::set<std::string_view> &names) {
+    // More callers than this are read as one: splitting them costs a read of
+    // the arguments per caller.
+    constexpr std::size_t kMaxCallersSplit = 8;
+    std::vector<Bindings> out;
+    std::size_t bar = caller.find('|');
+    if (bar == std::string_view::npos || !caller.ends_with('|') || caller.find('|', bar + 1) != caller.size() - 1)
+        return out;
+    const std::string url(caller.substr(0, bar));
+    nb::object loc = LocationFromUrl(url);
+    // The innermost def around the call whose parameters are passed on.
+    for (std::string_view name = caller.substr(bar + 1, caller.size() - bar - 2); !name.empty();
+         name = si::ParentScopeName(name)) {
+        nb::object scope = ScopeAt(loc, name);
+        nb::object record = RecordOf(scope);
+        if (record.is_none())
+            continue;
+        std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+        if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+            continue;
+        const std::vector<Param> params = ParamsOf(*DefInfoOf(own));
+        if (std::none_of(params.begin(), params.end(), [&](const Param &p) { return names.count(p.name); }))
+            continue;
+        const std::string itself = url + "|" + std::string(name) + "|";
+        // A caller's arguments by parameter; a caller is one call when it
+        // passes one argument to each, all read at one logical (literals
+        // say none).  Otherwise a parameter one of its calls leaves out may
+        // hold its default, whatever the others pass.
+        struct CallerArgs {
+            Bindings bindings;
+            std::set<std::string> passed;
+            std::set<long long> logicals;
+            bool one_call = true;
+        };
+        std::map<std::string, CallerArgs> callers;
+        for (std::size_t i = 0; i < params.size(); ++i) {
+            if (params[i].star != 0)
+                continue;
+            nb::object args = InfoBytesOf(record, si::BuildArgInfo((long long) i, std::nullopt));
+            if (args.is_none())
+                continue;
+            for (std::string_view one : si::NonNestedSplit(si::TextView(args, "ibytes"), ";")) {
+                std::string from = SourceOfArgument(one, itself).caller;
+                if (from == itself)
+                    return {};  // a def calling itself passes on what its callers pass
+                CallerArgs &caller_args = callers[from];
+                std::tuple<std::string, std::string, std::string> key{url, std::string(name), params[i].name};
+                if (caller_args.bindings.empty() || caller_args.bindings.back().first != key)
+                    caller_args.bindings.emplace_back(key, ValueSet());
+                else
+                    caller_args.one_call = false;
+                caller_args.bindings.back().second.Merge(ValuesOfSingle(scope, one, -2));
+                caller_args.passed.insert(params[i].name);
+                if (std::optional<long long> logical = si::SplitLogicalIndexSuffix(one).logical_index)
+                    caller_args.logicals.insert(*logical);
+            }
+            if (callers.size() > kMaxCallersSplit || Stop())
+                return {};
+        }
+        for (auto &[from, caller_args] : callers) {
+            bool one_call = caller_args.one_call && caller_args.logicals.size() <= 1;
+            for (const Param &param : params) {
+                bool passed = caller_args.passed.count(param.name);
+                if (param.star != 0 || !param.has_default || !param.hint.empty() || (passed && one_call))
+                    continue;
+                ValueSet defaults = DefaultOfParameter(scope, record, param.name);
+                if (defaults.Empty())
+                    continue;
+                std::tuple<std::string, std::string, std::string> key{url, std::string(name), param.name};
+                auto bound = std::find_if(caller_args.bindings.begin(), caller_args.bindings.end(),
+                                          [&](const auto &item) { return item.first == key; });
+                if (bound != caller_args.bindings.end())
+                    bound->second.Merge(defaults);
+                else
+                    caller_args.bindings.emplace_back(key, std::move(defaults));
+            }
+            out.push_back(std::move(caller_args.bindings));
+        }
+        return out;
+    }
+    return out;
+}
+
+CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
+    CallerReach out;
     const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
     if (!guards || (std::size_t) at >= guards->size() || (*guards)[(std::size_t) at].empty())
         return out;
@@ -1719,8 +1850,12 @@ std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handl
         }
         return values;
     };
-    // Each caller's arguments to the parameters the tests read.
-    std::map<std::string, std::vector<std::pair<std::string, ValueSet>>> callers;
+    // Each caller's arguments (singles) to the parameters the tests read.
+    struct Passed {
+        std::map<std::string, std::vector<std::string_view>> singles;
+        std::set<std::string_view> names;  // the plain names passed
+    };
+    std::map<std::string, Passed> callers;
     for (std::size_t i = 0; i < params.size(); ++i) {
         bool tested = false;
         for (const auto &[header, condition, holds] : (*guards)[(std::size_t) at])
@@ -1729,26 +1864,51 @@ std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handl
             continue;
         for (std::string_view one : passed_to(i)) {
             ArgumentSource source = SourceOfArgument(one, itself);
-            std::vector<std::pair<std::string, ValueSet>> &args = callers[source.caller];
-            if (args.empty() || args.back().first != params[i].name)
-                args.emplace_back(params[i].name, ValueSet());
-            auto passed = own_parameter(source);
-            args.back().second.Merge(passed != params.end() ? passed_on(passed) : ValuesOfSingle(scope, one, -2));
+            Passed &passed = callers[source.caller];
+            passed.singles[params[i].name].push_back(one);
+            if (!source.name.empty())
+                passed.names.insert(source.name);
         }
     }
-    for (const auto &[caller, args] : callers) {
+    // Whether `at` can be got to with what the caller passes (under the
+    // bindings in force).
+    auto reaches = [&](const std::string &caller, const Passed &passed) {
+        Bindings bindings;
+        for (const auto &[param, singles] : passed.singles) {
+            ValueSet values;
+            for (std::string_view one : singles) {
+                auto own_param = caller == itself ? own_parameter(SourceOfArgument(one, itself)) : params.end();
+                values.Merge(own_param != params.end() ? passed_on(own_param) : ValuesOfSingle(scope, one, -2));
+            }
+            bindings.emplace_back(std::tuple{url, name, param}, std::move(values));
+        }
+        CBindingsScope bound(*this, bindings);
+        return LogicalReachable(scope, record, at);
+    };
+    for (const auto &[caller, passed] : callers) {
         if (Stop())
             break;
-        std::vector<std::tuple<std::string, std::string, std::string>> bound;
-        for (const auto &[param, values] : args)
-            if (fBoundNames.emplace(std::tuple{url, name, param}, values).second)
-                bound.emplace_back(url, name, param);
-        ++fBindingVersion;
-        if (!LogicalReachable(scope, record, at))
-            out.insert(caller);
-        for (const auto &key : bound)
-            fBoundNames.erase(key);
-        ++fBindingVersion;
+        if (!reaches(caller, passed)) {
+            out.unreached.insert(caller);
+            continue;
+        }
+        // What the caller passes may hang on what its own callers pass it:
+        // read apart for each of those, some may not get there.
+        if (caller == itself)
+            continue;
+        std::vector<Bindings> contexts = CallerBindingsOfCaller(caller, passed.names);
+        std::vector<Bindings> reaching;
+        for (Bindings &context : contexts) {
+            CBindingsScope bound(*this, context);
+            if (reaches(caller, passed))
+                reaching.push_back(std::move(context));
+        }
+        if (Stop())
+            break;
+        if (reaching.empty() && !contexts.empty())
+            out.unreached.insert(caller);
+        else if (reaching.size() < contexts.size())
+            out.reached_under.emplace(caller, std::move(reaching));
     }
     if (!Stop())
         fCallersNotReaching.emplace(std::move(memo_key), out);
