@@ -1727,7 +1727,7 @@ std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string
                                                                      const std::set<std::string_view> &names) {
     // More callers than this are read as one: splitting them costs a read of
     // the arguments per caller.
-    constexpr std::size_t kMaxCallersSplit = 8;
+    constexpr std::size_t kMaxCallersSplit = 32;
     std::vector<Bindings> out;
     std::size_t bar = caller.find('|');
     if (bar == std::string_view::npos || !caller.ends_with('|') || caller.find('|', bar + 1) != caller.size() - 1)
