@@ -539,6 +539,8 @@ private:
     // Whether a value is true whatever it holds: a def, a module, a
     // true literal, an instance whose class defines no __bool__ or __len__.
     bool IsSurelyTrue(nb::handle value);
+    // Whether `value` is an instance whose class (or a base) has `attribute`.
+    bool ClassHasAttribute(nb::handle value, std::string_view attribute);
     // Whether a test (`x`, `not x`, `x is None`, `isinstance(x, C)`, ...)
     // can come out `holds` for what the name it tests may be at the frame.
     bool TestCanBe(const Tree &tree, std::int32_t test, const Frame &frame, bool holds);
@@ -795,12 +797,40 @@ private:
         std::map<std::string, std::vector<Bindings>> reached_under;
     };
     CallerReach CallersNotReaching(nb::handle scope, nb::handle record, long long at);
-    // The bindings, one per caller, that the callers of the def around
-    // `caller`'s calls pass (the innermost def whose parameters `names` holds
-    // one of); none when there is no such def or too many callers to split.
-    std::vector<Bindings> CallerBindingsOfCaller(std::string_view caller, const std::set<std::string_view> &names);
+    // The bindings, one per caller (in one order), of the parameters named
+    // in `names` (all of them with `all_parameters`) of the def around
+    // `caller`'s calls (the innermost def with one of them) by what its
+    // callers pass; none when there is no such def or too many callers to
+    // split.
+    std::vector<Bindings> CallerBindingsOfCaller(std::string_view caller, const std::set<std::string_view> &names,
+                                                 bool all_parameters);
     // What a parameter the caller leaves out holds: its default.
     ValueSet DefaultOfParameter(nb::handle body, nb::handle record, std::string_view name);
+    // One caller's arguments to a def: the singles by parameter.  It is one
+    // call when it passes one argument to each, all read at one logical
+    // (literals say none); otherwise a parameter one of its calls leaves out
+    // may hold its default, whatever the others pass.
+    struct CallerArguments {
+        std::map<std::string, std::vector<std::string_view>> singles;
+        std::set<long long> logicals;
+        bool one_argument_each = true;
+        std::string caller;  // as SourceOfArgument gives it
+        bool OneCall() const { return one_argument_each && logicals.size() <= 1; }
+    };
+    // Whether a call in the scope of `caller` (as SourceOfArgument gives it)
+    // unpacks arguments (`f(*a)`, `f(**k)`): what those pass isn't recorded.
+    bool CallerUnpacksArguments(const std::string &caller);
+    std::map<std::string, bool> fUnpackingCallers;
+    // The arguments the def's callers pass (its record's, `itself` as
+    // SourceOfArgument takes it), by caller; the views are into `held`.
+    std::map<std::string, CallerArguments> ArgumentsByCaller(nb::handle record, const std::vector<Param> &params,
+                                                             const std::string &itself, std::vector<nb::object> &held);
+    // The bindings of the parameters `wanted` picks under one caller's
+    // arguments (each single read by `value_of`), defaults where it may
+    // leave them out.
+    Bindings BindingsOfCaller(nb::handle body, nb::handle record, const std::vector<Param> &params,
+                              const CallerArguments &arguments, const std::function<bool(const Param &)> &wanted,
+                              const std::function<ValueSet(std::string_view)> &value_of);
     // Binds what isn't bound yet; the destructor unbinds it.
     class CBindingsScope {
     public:

@@ -1724,7 +1724,8 @@ ValueSet CEvaluator::DefaultOfParameter(nb::handle body, nb::handle record, std:
 }
 
 std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string_view caller,
-                                                                     const std::set<std::string_view> &names) {
+                                                                     const std::set<std::string_view> &names,
+                                                                     bool all_parameters) {
     // More callers than this are read as one: splitting them costs a read of
     // the arguments per caller.
     constexpr std::size_t kMaxCallersSplit = 32;
@@ -1748,61 +1749,104 @@ std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string
         if (std::none_of(params.begin(), params.end(), [&](const Param &p) { return names.count(p.name); }))
             continue;
         const std::string itself = url + "|" + std::string(name) + "|";
-        // A caller's arguments by parameter; a caller is one call when it
-        // passes one argument to each, all read at one logical (literals
-        // say none).  Otherwise a parameter one of its calls leaves out may
-        // hold its default, whatever the others pass.
-        struct CallerArgs {
-            Bindings bindings;
-            std::set<std::string> passed;
-            std::set<long long> logicals;
-            bool one_call = true;
-        };
-        std::map<std::string, CallerArgs> callers;
-        for (std::size_t i = 0; i < params.size(); ++i) {
-            if (params[i].star != 0)
-                continue;
-            nb::object args = InfoBytesOf(record, si::BuildArgInfo((long long) i, std::nullopt));
-            if (args.is_none())
-                continue;
-            for (std::string_view one : si::NonNestedSplit(si::TextView(args, "ibytes"), ";")) {
-                std::string from = SourceOfArgument(one, itself).caller;
-                if (from == itself)
-                    return {};  // a def calling itself passes on what its callers pass
-                CallerArgs &caller_args = callers[from];
-                std::tuple<std::string, std::string, std::string> key{url, std::string(name), params[i].name};
-                if (caller_args.bindings.empty() || caller_args.bindings.back().first != key)
-                    caller_args.bindings.emplace_back(key, ValueSet());
-                else
-                    caller_args.one_call = false;
-                caller_args.bindings.back().second.Merge(ValuesOfSingle(scope, one, -2));
-                caller_args.passed.insert(params[i].name);
-                if (std::optional<long long> logical = si::SplitLogicalIndexSuffix(one).logical_index)
-                    caller_args.logicals.insert(*logical);
-            }
-            if (callers.size() > kMaxCallersSplit || Stop())
+        std::vector<nb::object> held;
+        std::map<std::string, CallerArguments> callers = ArgumentsByCaller(record, params, itself, held);
+        if (callers.count(itself) || callers.size() > kMaxCallersSplit)
+            return {};  // (a def calling itself passes on what its callers pass)
+        for (const auto &[from, arguments] : callers) {
+            out.push_back(BindingsOfCaller(
+                scope, record, params, arguments, [&](const Param &param) { return all_parameters || names.count(param.name) > 0; },
+                [&](std::string_view one) { return ValuesOfSingle(scope, one, -2); }));
+            if (Stop())
                 return {};
         }
-        for (auto &[from, caller_args] : callers) {
-            bool one_call = caller_args.one_call && caller_args.logicals.size() <= 1;
-            for (const Param &param : params) {
-                bool passed = caller_args.passed.count(param.name);
-                if (param.star != 0 || !param.has_default || !param.hint.empty() || (passed && one_call))
-                    continue;
-                ValueSet defaults = DefaultOfParameter(scope, record, param.name);
-                if (defaults.Empty())
-                    continue;
-                std::tuple<std::string, std::string, std::string> key{url, std::string(name), param.name};
-                auto bound = std::find_if(caller_args.bindings.begin(), caller_args.bindings.end(),
-                                          [&](const auto &item) { return item.first == key; });
-                if (bound != caller_args.bindings.end())
-                    bound->second.Merge(defaults);
-                else
-                    caller_args.bindings.emplace_back(key, std::move(defaults));
-            }
-            out.push_back(std::move(caller_args.bindings));
-        }
         return out;
+    }
+    return out;
+}
+
+std::map<std::string, CEvaluator::CallerArguments> CEvaluator::ArgumentsByCaller(nb::handle record,
+                                                                                const std::vector<Param> &params,
+                                                                                const std::string &itself,
+                                                                                std::vector<nb::object> &held) {
+    std::map<std::string, CallerArguments> out;
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        if (params[i].star != 0)
+            continue;
+        nb::object args = InfoBytesOf(record, si::BuildArgInfo((long long) i, std::nullopt));
+        if (args.is_none())
+            continue;
+        held.push_back(args);
+        for (std::string_view one : si::NonNestedSplit(si::TextView(args, "ibytes"), ";")) {
+            std::string caller = SourceOfArgument(one, itself).caller;
+            CallerArguments &arguments = out[caller];
+            arguments.caller = std::move(caller);
+            std::vector<std::string_view> &singles = arguments.singles[params[i].name];
+            arguments.one_argument_each = arguments.one_argument_each && singles.empty();
+            singles.push_back(one);
+            if (std::optional<long long> logical = si::SplitLogicalIndexSuffix(one).logical_index)
+                arguments.logicals.insert(*logical);
+        }
+    }
+    return out;
+}
+
+bool CEvaluator::CallerUnpacksArguments(const std::string &caller) {
+    auto known = fUnpackingCallers.find(caller);
+    if (known != fUnpackingCallers.end())
+        return known->second;
+    bool unpacks = true;  // (a caller not found may do anything)
+    std::size_t bar = caller.find('|');
+    if (bar != std::string::npos && caller.ends_with('|') && bar + 1 <= caller.size() - 1) {
+        nb::object loc = LocationFromUrl(std::string_view(caller).substr(0, bar));
+        std::string_view name = std::string_view(caller).substr(bar + 1, caller.size() - bar - 2);
+        nb::object record = name.empty() ? ModuleRecord(loc) : RecordOf(ScopeAt(loc, name));
+        if (!record.is_none()) {
+            unpacks = false;
+            for (auto [entry_name, entry] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
+                for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
+                    std::string_view bare = si::BareSingle(single);
+                    if (si::GetInfoBytesKind(bare) != si::kCalledKind)
+                        continue;
+                    std::string args = si::UnpackCalled(bare).second;
+                    std::string_view inner = si::StripSpaces(args);
+                    if (inner.size() >= 2 && inner.front() == '(' && inner.back() == ')')
+                        inner = inner.substr(1, inner.size() - 2);
+                    for (std::string_view arg : si::SplitArguments(inner))
+                        unpacks = unpacks || arg.starts_with('*');
+                }
+                if (unpacks)
+                    break;
+            }
+        }
+    }
+    fUnpackingCallers.emplace(caller, unpacks);
+    return unpacks;
+}
+
+CEvaluator::Bindings CEvaluator::BindingsOfCaller(nb::handle body, nb::handle record, const std::vector<Param> &params,
+                                                  const CallerArguments &arguments,
+                                                  const std::function<bool(const Param &)> &wanted,
+                                                  const std::function<ValueSet(std::string_view)> &value_of) {
+    Bindings out;
+    const std::string url = LocationUrl(ScopeLoc(body));
+    const std::string name(ScopeName(body));
+    for (const Param &param : params) {
+        if (param.star != 0 || !wanted(param))
+            continue;
+        ValueSet values;
+        auto passed = arguments.singles.find(param.name);
+        if (passed != arguments.singles.end())
+            for (std::string_view one : passed->second)
+                values.Merge(value_of(one));
+        // (A call that unpacks arguments may pass what seems left out.)
+        bool left_out = passed == arguments.singles.end();
+        if (left_out && CallerUnpacksArguments(arguments.caller))
+            continue;
+        if (param.has_default && param.hint.empty() && (left_out || !arguments.OneCall()))
+            values.Merge(DefaultOfParameter(body, record, param.name));
+        if (!values.Empty())
+            out.emplace_back(std::tuple{url, name, param.name}, std::move(values));
     }
     return out;
 }
@@ -1850,39 +1894,24 @@ CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::han
         }
         return values;
     };
-    // Each caller's arguments (singles) to the parameters the tests read.
-    struct Passed {
-        std::map<std::string, std::vector<std::string_view>> singles;
-        std::set<std::string_view> names;  // the plain names passed
-    };
-    std::map<std::string, Passed> callers;
-    for (std::size_t i = 0; i < params.size(); ++i) {
-        bool tested = false;
+    // Each caller's arguments to the parameters the tests read.
+    std::set<std::string> tested;
+    for (const Param &param : params)
         for (const auto &[header, condition, holds] : (*guards)[(std::size_t) at])
-            tested = tested || MentionsName(condition, params[i].name);
-        if (!tested || params[i].star != 0)
-            continue;
-        for (std::string_view one : passed_to(i)) {
-            ArgumentSource source = SourceOfArgument(one, itself);
-            Passed &passed = callers[source.caller];
-            passed.singles[params[i].name].push_back(one);
-            if (!source.name.empty())
-                passed.names.insert(source.name);
-        }
-    }
+            if (param.star == 0 && MentionsName(condition, param.name))
+                tested.insert(param.name);
+    std::vector<nb::object> held;
+    const std::map<std::string, CallerArguments> callers = ArgumentsByCaller(record, params, itself, held);
     // Whether `at` can be got to with what the caller passes (under the
     // bindings in force).
-    auto reaches = [&](const std::string &caller, const Passed &passed) {
-        Bindings bindings;
-        for (const auto &[param, singles] : passed.singles) {
-            ValueSet values;
-            for (std::string_view one : singles) {
-                auto own_param = caller == itself ? own_parameter(SourceOfArgument(one, itself)) : params.end();
-                values.Merge(own_param != params.end() ? passed_on(own_param) : ValuesOfSingle(scope, one, -2));
-            }
-            bindings.emplace_back(std::tuple{url, name, param}, std::move(values));
-        }
-        CBindingsScope bound(*this, bindings);
+    auto reaches = [&](const std::string &caller, const CallerArguments &arguments) {
+        auto value_of = [&](std::string_view one) {
+            auto own_param = caller == itself ? own_parameter(SourceOfArgument(one, itself)) : params.end();
+            return own_param != params.end() ? passed_on(own_param) : ValuesOfSingle(scope, one, -2);
+        };
+        CBindingsScope bound(*this, BindingsOfCaller(
+                                        scope, record, params, arguments,
+                                        [&](const Param &param) { return tested.count(param.name) > 0; }, value_of));
         return LogicalReachable(scope, record, at);
     };
     for (const auto &[caller, passed] : callers) {
@@ -1896,19 +1925,31 @@ CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::han
         // read apart for each of those, some may not get there.
         if (caller == itself)
             continue;
-        std::vector<Bindings> contexts = CallerBindingsOfCaller(caller, passed.names);
-        std::vector<Bindings> reaching;
-        for (Bindings &context : contexts) {
-            CBindingsScope bound(*this, context);
+        std::set<std::string_view> names;  // the plain names passed to tested parameters
+        for (const auto &[param, singles] : passed.singles)
+            for (std::string_view one : singles)
+                if (tested.count(param))
+                    if (std::string_view plain = SourceOfArgument(one, itself).name; !plain.empty())
+                        names.insert(plain);
+        std::vector<Bindings> contexts = CallerBindingsOfCaller(caller, names, false);
+        std::vector<std::size_t> reaching;
+        for (std::size_t i = 0; i < contexts.size(); ++i) {
+            CBindingsScope bound(*this, contexts[i]);
             if (reaches(caller, passed))
-                reaching.push_back(std::move(context));
+                reaching.push_back(i);
         }
         if (Stop())
             break;
-        if (reaching.empty() && !contexts.empty())
+        if (reaching.empty() && !contexts.empty()) {
             out.unreached.insert(caller);
-        else if (reaching.size() < contexts.size())
-            out.reached_under.emplace(caller, std::move(reaching));
+        } else if (reaching.size() < contexts.size()) {
+            // What the caller passes is read with all it is passed bound.
+            std::vector<Bindings> whole = CallerBindingsOfCaller(caller, names, true);
+            std::vector<Bindings> &under = out.reached_under[caller];
+            for (std::size_t i : reaching)
+                if (i < whole.size())
+                    under.push_back(std::move(whole[i]));
+        }
     }
     if (!Stop())
         fCallersNotReaching.emplace(std::move(memo_key), out);
