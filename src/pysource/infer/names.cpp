@@ -1839,14 +1839,14 @@ CEvaluator::Bindings CEvaluator::BindingsOfCaller(nb::handle body, nb::handle re
         if (passed != arguments.singles.end())
             for (std::string_view one : passed->second)
                 values.Merge(value_of(one));
-        // (A call that unpacks arguments may pass what seems left out.)
+        // (A call that unpacks arguments may pass what seems left out.)  A
+        // parameter whose value isn't known is bound all the same: what
+        // other callers pass isn't what this one does.
         bool left_out = passed == arguments.singles.end();
-        if (left_out && CallerUnpacksArguments(arguments.caller))
-            continue;
-        if (param.has_default && param.hint.empty() && (left_out || !arguments.OneCall()))
+        if (param.has_default && param.hint.empty() && (left_out || !arguments.OneCall()) &&
+            !(left_out && CallerUnpacksArguments(arguments.caller)))
             values.Merge(DefaultOfParameter(body, record, param.name));
-        if (!values.Empty())
-            out.emplace_back(std::tuple{url, name, param.name}, std::move(values));
+        out.emplace_back(std::tuple{url, name, param.name}, std::move(values));
     }
     return out;
 }
@@ -1903,7 +1903,8 @@ CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::han
     std::vector<nb::object> held;
     const std::map<std::string, CallerArguments> callers = ArgumentsByCaller(record, params, itself, held);
     // Whether `at` can be got to with what the caller passes (under the
-    // bindings in force).
+    // bindings in force); callers that bind alike are answered once.
+    std::map<std::string, bool> reached_under_bindings;
     auto reaches = [&](const std::string &caller, const CallerArguments &arguments) {
         auto value_of = [&](std::string_view one) {
             auto own_param = caller == itself ? own_parameter(SourceOfArgument(one, itself)) : params.end();
@@ -1912,7 +1913,10 @@ CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::han
         CBindingsScope bound(*this, BindingsOfCaller(
                                         scope, record, params, arguments,
                                         [&](const Param &param) { return tested.count(param.name) > 0; }, value_of));
-        return LogicalReachable(scope, record, at);
+        auto [known, added] = reached_under_bindings.emplace(BindingSignature(nullptr), true);
+        if (added)
+            known->second = LogicalReachable(scope, record, at);
+        return known->second;
     };
     for (const auto &[caller, passed] : callers) {
         if (Stop())
