@@ -1690,7 +1690,9 @@ CEvaluator::ArgumentSource CEvaluator::SourceOfArgument(std::string_view single,
     // Without a file, the caller is in the def's own (which starts `itself`):
     // the arguments of one call group alike whether they name it or not.
     if (url || !scopes.empty())
-        out.caller.append(url ? std::string_view(*url) : std::string_view(itself).substr(0, itself.find('|'))).append("|").append(scopes);
+        out.caller.append(url ? std::string_view(*url) : std::string_view(itself).substr(0, itself.find('|')))
+            .append("|")
+            .append(scopes);
     else
         out.caller = itself;  // recorded in the def's own scope: a call of itself
     if (si::GetInfoBytesKind(s) == si::kPlainEquivKind)
@@ -1755,7 +1757,8 @@ std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string
             return {};  // (a def calling itself passes on what its callers pass)
         for (const auto &[from, arguments] : callers) {
             out.push_back(BindingsOfCaller(
-                scope, record, params, arguments, [&](const Param &param) { return all_parameters || names.count(param.name) > 0; },
+                scope, record, params, arguments,
+                [&](const Param &param) { return all_parameters || names.count(param.name) > 0; },
                 [&](std::string_view one) { return ValuesOfSingle(scope, one, -2); }));
             if (Stop())
                 return {};

@@ -266,7 +266,8 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         // hasattr(name, "attr") is false: not an instance whose class has it.
         std::string_view attribute;
         if (!holds && n.kids_count == 3 && IsNameNode(tree, tree.Kid(n, 0), "hasattr") &&
-            IsNameNode(tree, tree.Kid(n, 1), name) && tree.nodes[(std::size_t) tree.Kid(n, 2)].kind == NodeKind::kString &&
+            IsNameNode(tree, tree.Kid(n, 1), name) &&
+            tree.nodes[(std::size_t) tree.Kid(n, 2)].kind == NodeKind::kString &&
             pgen::StringAnnotationText(tree, tree.Kid(n, 2), attribute) && !attribute.empty()) {
             ValueSet kept;
             for (const nb::object &v : values.Items())
