@@ -206,6 +206,15 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
     ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
+    # A loop over a display calls each of its items: every one gets what the call passes.
+    ("def other(a):\n        pass\n    for f in [other, target]:\n        f(1)", "a", {"int"}),
+    ("def other(a):\n        pass\n    for f in (other, target):\n        f('')", "a", {"str"}),
+    ("def other(a):\n        pass\n    fs = [other, target]\n    for f in fs or ():\n        f(1)", "a", set()),
+    ("def other(a):\n        pass\n    for f in [other, target]:\n        f = f if v else len\n        f(1)", "a",
+     set()),
+    # hasattr(name, "attr") is false for no instance of a class that has it.
+    ("w = {} if v else ''\n    if not hasattr(w, 'items'):\n        target(w)", "a", {"str"}),
+    ("w = {} if v else ''\n    if hasattr(w, 'items'):\n        target(w)", "a", {"str", "dict"}),
     # A flag that saved a test tells what the test told, while the name stays as tested.
     ("ok = isinstance(v, float)\n    if ok:\n        target(v)", "a", {"float"}),
     ("ok = v is not None\n    if not v:\n        ok = False\n    if ok:\n        target(v)", "a", {"float"}),
@@ -265,6 +274,26 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
      "        target(seq)\n    join([1])", "a", {"list"}),
     ("m = object()\n    def join(sep, seq=m):\n        if seq is m:\n            return join(v, sep)\n"
      "        target(seq)\n    join([1])", "a", {"list"}),
+    # A parameter a caller leaves out in its one call holds its default there; callers with
+    # several calls, or a ** argument, may pass it too.
+    ("def keep(f, seq=None):\n        if seq is None:\n            return f\n        target(f)\n"
+     "    def one():\n        keep([1])\n    def two():\n        keep('', [2])", "a", {"str"}),
+    ("def keep(f, seq=None):\n        if seq is None:\n            return f\n        target(f)\n"
+     "    keep([1])\n    keep('', [2])", "a", {"list", "str"}),
+    ("def keep(f, seq=None):\n        if seq is None:\n            return f\n        target(f)\n"
+     "    def one():\n        keep([1], **{'seq': 2})\n    def two():\n        keep([1], *[2])", "a", {"list"}),
+    # A caller that passes on what its own callers pass it is read apart for each of those:
+    # only the callers whose arguments meet the tests get there.
+    ("def keep(f, seq=None):\n        if seq is None:\n            return f\n        target(f)\n"
+     "    def lkeep(f, seq=None):\n        return keep(f, seq)\n    def one():\n        lkeep([1])\n"
+     "    def two():\n        lkeep('', [2])", "a", {"str"}),
+    ("def deep(cache, cond=None):\n        if cond is not None:\n            return 1\n        target(cache)\n"
+     "    def cached(cache, condition=None):\n        def decorator():\n            return deep(cache, condition)\n"
+     "        return decorator\n    def one():\n        cached([1], condition=len)\n    def two():\n"
+     "        cached('')", "a", {"str"}),
+    ("def deep(cache, cond=None):\n        if cond is not None:\n            return 1\n        target(cache)\n"
+     "    def cached(cache, condition=None):\n        def decorator():\n            return deep(cache, condition)\n"
+     "        return decorator\n    cached([1], condition=len)\n    cached('')", "a", {"list", "str"}),
     # A def that ends in a raise never falls off its end to give None.
     ("def make():\n        raise NotImplementedError\n    target(make())", "a", {"? expression make() (logical 1)"}),
     ("def make():\n        if v:\n            raise ValueError()\n    target(make())", "a", {"None"}),

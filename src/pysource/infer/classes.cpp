@@ -734,14 +734,7 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         // A parameter the call leaves out holds its default.
         if (params[p].star || !params[p].hint.empty() || !params[p].has_default || passed.count(params[p].name))
             continue;
-        nb::object entry = InfoBytesOf(record, params[p].name);
-        if (entry.is_none())
-            continue;
-        ValueSet defaults;
-        for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";"))
-            if (IsParameterBinding(single) && !si::SplitLogicalIndexSuffix(single).logical_index &&
-                si::GetInfoBytesKind(si::BareSingle(single)) != si::kArgKind)
-                defaults.Merge(ValuesOfSingle(body, single, -2));
+        ValueSet defaults = DefaultOfParameter(body, record, params[p].name);
         if (!defaults.Empty())
             arguments.emplace_back(params[p].name, defaults);
     }

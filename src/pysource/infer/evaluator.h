@@ -539,6 +539,8 @@ private:
     // Whether a value is true whatever it holds: a def, a module, a
     // true literal, an instance whose class defines no __bool__ or __len__.
     bool IsSurelyTrue(nb::handle value);
+    // Whether `value` is an instance whose class (or a base) has `attribute`.
+    bool ClassHasAttribute(nb::handle value, std::string_view attribute);
     // Whether a test (`x`, `not x`, `x is None`, `isinstance(x, C)`, ...)
     // can come out `holds` for what the name it tests may be at the frame.
     bool TestCanBe(const Tree &tree, std::int32_t test, const Frame &frame, bool holds);
@@ -818,7 +820,62 @@ private:
     // to body logical `at`: under the arguments one caller passes, the tests
     // there can't be met (`if seq is EMPTY: return f('', seq)` calling itself
     // passes a str, never EMPTY, so its '' isn't what `seq` is there).
-    std::set<std::string> CallersNotReaching(nb::handle scope, nb::handle record, long long at);
+    // A name's values while one call's arguments are bound, by (url, scope, name).
+    using Bindings = std::vector<std::pair<std::tuple<std::string, std::string, std::string>, ValueSet>>;
+    struct CallerReach {
+        std::set<std::string> unreached;
+        // Callers that get there only from some of their own callers: the
+        // bindings of the def around the call under which they do (what
+        // they pass is read under those).
+        std::map<std::string, std::vector<Bindings>> reached_under;
+    };
+    CallerReach CallersNotReaching(nb::handle scope, nb::handle record, long long at);
+    // The bindings, one per caller (in one order), of the parameters named
+    // in `names` (all of them with `all_parameters`) of the def around
+    // `caller`'s calls (the innermost def with one of them) by what its
+    // callers pass; none when there is no such def or too many callers to
+    // split.
+    std::vector<Bindings> CallerBindingsOfCaller(std::string_view caller, const std::set<std::string_view> &names,
+                                                 bool all_parameters);
+    // What a parameter the caller leaves out holds: its default.
+    ValueSet DefaultOfParameter(nb::handle body, nb::handle record, std::string_view name);
+    // One caller's arguments to a def: the singles by parameter.  It is one
+    // call when it passes one argument to each, all read at one logical
+    // (literals say none); otherwise a parameter one of its calls leaves out
+    // may hold its default, whatever the others pass.
+    struct CallerArguments {
+        std::map<std::string, std::vector<std::string_view>> singles;
+        std::set<long long> logicals;
+        bool one_argument_each = true;
+        std::string caller;  // as SourceOfArgument gives it
+        bool OneCall() const { return one_argument_each && logicals.size() <= 1; }
+    };
+    // Whether a call in the scope of `caller` (as SourceOfArgument gives it)
+    // unpacks arguments (`f(*a)`, `f(**k)`): what those pass isn't recorded.
+    bool CallerUnpacksArguments(const std::string &caller);
+    std::map<std::string, bool> fUnpackingCallers;
+    // The arguments the def's callers pass (its record's, `itself` as
+    // SourceOfArgument takes it), by caller; the views are into `held`.
+    std::map<std::string, CallerArguments> ArgumentsByCaller(nb::handle record, const std::vector<Param> &params,
+                                                             const std::string &itself, std::vector<nb::object> &held);
+    // The bindings of the parameters `wanted` picks under one caller's
+    // arguments (each single read by `value_of`), defaults where it may
+    // leave them out.
+    Bindings BindingsOfCaller(nb::handle body, nb::handle record, const std::vector<Param> &params,
+                              const CallerArguments &arguments, const std::function<bool(const Param &)> &wanted,
+                              const std::function<ValueSet(std::string_view)> &value_of);
+    // Binds what isn't bound yet; the destructor unbinds it.
+    class CBindingsScope {
+    public:
+        CBindingsScope(CEvaluator &evaluator, const Bindings &bindings);
+        ~CBindingsScope();
+        CBindingsScope(const CBindingsScope &) = delete;
+        CBindingsScope &operator=(const CBindingsScope &) = delete;
+
+    private:
+        CEvaluator &fEvaluator;
+        std::vector<std::tuple<std::string, std::string, std::string>> fAdded;
+    };
     // Where a derived argument single was recorded: the calling scope as
     // "url|scope|" (what groups one caller's arguments; `itself`, the def's
     // own, for a single without one) and the plain name passed, if one.
@@ -1033,7 +1090,7 @@ private:
     // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
     std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
     // CallersNotReaching by (url, scope, logical, bindings signature).
-    std::map<std::tuple<std::string, std::string, long long, std::string>, std::set<std::string>> fCallersNotReaching;
+    std::map<std::tuple<std::string, std::string, long long, std::string>, CallerReach> fCallersNotReaching;
     // The type arguments of the classes whose instance attributes are being
     // read: (url, class name, map), innermost last.
     std::vector<std::tuple<std::string, std::string, TypeMap>> fClassMaps;

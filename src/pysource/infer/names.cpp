@@ -1399,20 +1399,33 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
         long long last = star == 1 ? arg->index + kMaxStarPositions : arg->index;
         // Read where the body tests parameters: callers whose arguments can't
         // meet those tests don't get there.
-        std::set<std::string> unreached;
+        CallerReach reach;
         if (use_index >= 0 && star == 0)
-            unreached = CallersNotReaching(scope, record, use_index);
+            reach = CallersNotReaching(scope, record, use_index);
+        const bool sorted_out = !reach.unreached.empty() || !reach.reached_under.empty();
         const std::string itself =
-            unreached.empty() ? std::string() : LocationUrl(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|";
+            sorted_out ? LocationUrl(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|" : std::string();
         ValueSet items;
         for (long long position = arg->index; star != 2 && position <= last; ++position) {
             std::string key = si::BuildArgInfo(position, std::nullopt);
             nb::object passed = InfoBytesOf(record, key);
             if (passed.is_none())
                 continue;
-            for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";"))
-                if (unreached.empty() || !unreached.count(SourceOfArgument(one, itself).caller))
+            for (std::string_view one : si::NonNestedSplit(si::TextView(passed, "ibytes"), ";")) {
+                const std::string caller = sorted_out ? SourceOfArgument(one, itself).caller : std::string();
+                if (reach.unreached.count(caller))
+                    continue;
+                auto under = reach.reached_under.find(caller);
+                if (under == reach.reached_under.end()) {
                     items.Merge(ValuesOfSingle(scope, one, -2));
+                    continue;
+                }
+                // Read as each of the caller's own callers that get there binds it.
+                for (const Bindings &context : under->second) {
+                    CBindingsScope bound(*this, context);
+                    items.Merge(ValuesOfSingle(scope, one, -2));
+                }
+            }
         }
         if (star == 0)
             return items;
@@ -1670,23 +1683,188 @@ bool MentionsName(std::string_view text, std::string_view name) {
 CEvaluator::ArgumentSource CEvaluator::SourceOfArgument(std::string_view single, const std::string &itself) {
     ArgumentSource out;
     std::string_view s = si::SplitLogicalIndexSuffix(single).single;
+    std::optional<std::string> url;
+    std::string scopes;
     for (si::Kind kind = si::GetInfoBytesKind(s); kind == si::kSpecificUrlKind || kind == si::kSpecificScopeKind;
          kind = si::GetInfoBytesKind(s)) {
         si::UnpackedFields f = si::UnpackFields(s, 1);
         if (f.fields.empty() || !f.fields[0])
             break;
-        out.caller.append(*f.fields[0]).push_back('|');
+        if (kind == si::kSpecificUrlKind)
+            url = *f.fields[0];
+        else
+            scopes.append(si::NormalizeScopeName(*f.fields[0])).push_back('|');
         s = si::SplitLogicalIndexSuffix(f.rest).single;
     }
-    if (out.caller.empty())
+    // Without a file, the caller is in the def's own (which starts `itself`):
+    // the arguments of one call group alike whether they name it or not.
+    if (url || !scopes.empty())
+        out.caller.append(url ? std::string_view(*url) : std::string_view(itself).substr(0, itself.find('|')))
+            .append("|")
+            .append(scopes);
+    else
         out.caller = itself;  // recorded in the def's own scope: a call of itself
     if (si::GetInfoBytesKind(s) == si::kPlainEquivKind)
         out.name = si::StripSpaces(s);
     return out;
 }
 
-std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
-    std::set<std::string> out;
+CEvaluator::CBindingsScope::CBindingsScope(CEvaluator &evaluator, const Bindings &bindings) : fEvaluator(evaluator) {
+    for (const auto &[key, values] : bindings)
+        if (fEvaluator.fBoundNames.emplace(key, values).second)
+            fAdded.push_back(key);
+    ++fEvaluator.fBindingVersion;
+}
+
+CEvaluator::CBindingsScope::~CBindingsScope() {
+    for (const auto &key : fAdded)
+        fEvaluator.fBoundNames.erase(key);
+    ++fEvaluator.fBindingVersion;
+}
+
+ValueSet CEvaluator::DefaultOfParameter(nb::handle body, nb::handle record, std::string_view name) {
+    ValueSet defaults;
+    nb::object entry = InfoBytesOf(record, name);
+    if (entry.is_none())
+        return defaults;
+    for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";"))
+        if (IsParameterBinding(single) && !si::SplitLogicalIndexSuffix(single).logical_index &&
+            si::GetInfoBytesKind(si::BareSingle(single)) != si::kArgKind)
+            defaults.Merge(ValuesOfSingle(body, single, -2));
+    return defaults;
+}
+
+std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string_view caller,
+                                                                     const std::set<std::string_view> &names,
+                                                                     bool all_parameters) {
+    // More callers than this are read as one: splitting them costs a read of
+    // the arguments per caller.
+    constexpr std::size_t kMaxCallersSplit = 32;
+    std::vector<Bindings> out;
+    std::size_t bar = caller.find('|');
+    if (bar == std::string_view::npos || !caller.ends_with('|') || caller.find('|', bar + 1) != caller.size() - 1)
+        return out;
+    const std::string url(caller.substr(0, bar));
+    nb::object loc = LocationFromUrl(url);
+    // The innermost def around the call whose parameters are passed on.
+    for (std::string_view name = caller.substr(bar + 1, caller.size() - bar - 2); !name.empty();
+         name = si::ParentScopeName(name)) {
+        nb::object scope = ScopeAt(loc, name);
+        nb::object record = RecordOf(scope);
+        if (record.is_none())
+            continue;
+        std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+        if (!si::IsDefKind(si::GetInfoBytesKind(own)))
+            continue;
+        const std::vector<Param> params = ParamsOf(*DefInfoOf(own));
+        if (std::none_of(params.begin(), params.end(), [&](const Param &p) { return names.count(p.name); }))
+            continue;
+        const std::string itself = url + "|" + std::string(name) + "|";
+        std::vector<nb::object> held;
+        std::map<std::string, CallerArguments> callers = ArgumentsByCaller(record, params, itself, held);
+        if (callers.count(itself) || callers.size() > kMaxCallersSplit)
+            return {};  // (a def calling itself passes on what its callers pass)
+        for (const auto &[from, arguments] : callers) {
+            out.push_back(BindingsOfCaller(
+                scope, record, params, arguments,
+                [&](const Param &param) { return all_parameters || names.count(param.name) > 0; },
+                [&](std::string_view one) { return ValuesOfSingle(scope, one, -2); }));
+            if (Stop())
+                return {};
+        }
+        return out;
+    }
+    return out;
+}
+
+std::map<std::string, CEvaluator::CallerArguments> CEvaluator::ArgumentsByCaller(nb::handle record,
+                                                                                const std::vector<Param> &params,
+                                                                                const std::string &itself,
+                                                                                std::vector<nb::object> &held) {
+    std::map<std::string, CallerArguments> out;
+    for (std::size_t i = 0; i < params.size(); ++i) {
+        if (params[i].star != 0)
+            continue;
+        nb::object args = InfoBytesOf(record, si::BuildArgInfo((long long) i, std::nullopt));
+        if (args.is_none())
+            continue;
+        held.push_back(args);
+        for (std::string_view one : si::NonNestedSplit(si::TextView(args, "ibytes"), ";")) {
+            std::string caller = SourceOfArgument(one, itself).caller;
+            CallerArguments &arguments = out[caller];
+            arguments.caller = std::move(caller);
+            std::vector<std::string_view> &singles = arguments.singles[params[i].name];
+            arguments.one_argument_each = arguments.one_argument_each && singles.empty();
+            singles.push_back(one);
+            if (std::optional<long long> logical = si::SplitLogicalIndexSuffix(one).logical_index)
+                arguments.logicals.insert(*logical);
+        }
+    }
+    return out;
+}
+
+bool CEvaluator::CallerUnpacksArguments(const std::string &caller) {
+    auto known = fUnpackingCallers.find(caller);
+    if (known != fUnpackingCallers.end())
+        return known->second;
+    bool unpacks = true;  // (a caller not found may do anything)
+    std::size_t bar = caller.find('|');
+    if (bar != std::string::npos && caller.ends_with('|') && bar + 1 <= caller.size() - 1) {
+        nb::object loc = LocationFromUrl(std::string_view(caller).substr(0, bar));
+        std::string_view name = std::string_view(caller).substr(bar + 1, caller.size() - bar - 2);
+        nb::object record = name.empty() ? ModuleRecord(loc) : RecordOf(ScopeAt(loc, name));
+        if (!record.is_none()) {
+            unpacks = false;
+            for (auto [entry_name, entry] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
+                for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
+                    std::string_view bare = si::BareSingle(single);
+                    if (si::GetInfoBytesKind(bare) != si::kCalledKind)
+                        continue;
+                    std::string args = si::UnpackCalled(bare).second;
+                    std::string_view inner = si::StripSpaces(args);
+                    if (inner.size() >= 2 && inner.front() == '(' && inner.back() == ')')
+                        inner = inner.substr(1, inner.size() - 2);
+                    for (std::string_view arg : si::SplitArguments(inner))
+                        unpacks = unpacks || arg.starts_with('*');
+                }
+                if (unpacks)
+                    break;
+            }
+        }
+    }
+    fUnpackingCallers.emplace(caller, unpacks);
+    return unpacks;
+}
+
+CEvaluator::Bindings CEvaluator::BindingsOfCaller(nb::handle body, nb::handle record, const std::vector<Param> &params,
+                                                  const CallerArguments &arguments,
+                                                  const std::function<bool(const Param &)> &wanted,
+                                                  const std::function<ValueSet(std::string_view)> &value_of) {
+    Bindings out;
+    const std::string url = LocationUrl(ScopeLoc(body));
+    const std::string name(ScopeName(body));
+    for (const Param &param : params) {
+        if (param.star != 0 || !wanted(param))
+            continue;
+        ValueSet values;
+        auto passed = arguments.singles.find(param.name);
+        if (passed != arguments.singles.end())
+            for (std::string_view one : passed->second)
+                values.Merge(value_of(one));
+        // (A call that unpacks arguments may pass what seems left out.)  A
+        // parameter whose value isn't known is bound all the same: what
+        // other callers pass isn't what this one does.
+        bool left_out = passed == arguments.singles.end();
+        if (param.has_default && param.hint.empty() && (left_out || !arguments.OneCall()) &&
+            !(left_out && CallerUnpacksArguments(arguments.caller)))
+            values.Merge(DefaultOfParameter(body, record, param.name));
+        out.emplace_back(std::tuple{url, name, param.name}, std::move(values));
+    }
+    return out;
+}
+
+CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
+    CallerReach out;
     const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
     if (!guards || (std::size_t) at >= guards->size() || (*guards)[(std::size_t) at].empty())
         return out;
@@ -1729,35 +1907,65 @@ std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handl
         return values;
     };
     // Each caller's arguments to the parameters the tests read.
-    std::map<std::string, std::vector<std::pair<std::string, ValueSet>>> callers;
-    for (std::size_t i = 0; i < params.size(); ++i) {
-        bool tested = false;
+    std::set<std::string> tested;
+    for (const Param &param : params)
         for (const auto &[header, condition, holds] : (*guards)[(std::size_t) at])
-            tested = tested || MentionsName(condition, params[i].name);
-        if (!tested || params[i].star != 0)
-            continue;
-        for (std::string_view one : passed_to(i)) {
-            ArgumentSource source = SourceOfArgument(one, itself);
-            std::vector<std::pair<std::string, ValueSet>> &args = callers[source.caller];
-            if (args.empty() || args.back().first != params[i].name)
-                args.emplace_back(params[i].name, ValueSet());
-            auto passed = own_parameter(source);
-            args.back().second.Merge(passed != params.end() ? passed_on(passed) : ValuesOfSingle(scope, one, -2));
-        }
-    }
-    for (const auto &[caller, args] : callers) {
+            if (param.star == 0 && MentionsName(condition, param.name))
+                tested.insert(param.name);
+    std::vector<nb::object> held;
+    const std::map<std::string, CallerArguments> callers = ArgumentsByCaller(record, params, itself, held);
+    // Whether `at` can be got to with what the caller passes (under the
+    // bindings in force); callers that bind alike are answered once.
+    std::map<std::string, bool> reached_under_bindings;
+    auto reaches = [&](const std::string &caller, const CallerArguments &arguments) {
+        auto value_of = [&](std::string_view one) {
+            auto own_param = caller == itself ? own_parameter(SourceOfArgument(one, itself)) : params.end();
+            return own_param != params.end() ? passed_on(own_param) : ValuesOfSingle(scope, one, -2);
+        };
+        CBindingsScope bound(*this, BindingsOfCaller(
+                                        scope, record, params, arguments,
+                                        [&](const Param &param) { return tested.count(param.name) > 0; }, value_of));
+        auto [known, added] = reached_under_bindings.emplace(BindingSignature(nullptr), true);
+        if (added)
+            known->second = LogicalReachable(scope, record, at);
+        return known->second;
+    };
+    for (const auto &[caller, passed] : callers) {
         if (Stop())
             break;
-        std::vector<std::tuple<std::string, std::string, std::string>> bound;
-        for (const auto &[param, values] : args)
-            if (fBoundNames.emplace(std::tuple{url, name, param}, values).second)
-                bound.emplace_back(url, name, param);
-        ++fBindingVersion;
-        if (!LogicalReachable(scope, record, at))
-            out.insert(caller);
-        for (const auto &key : bound)
-            fBoundNames.erase(key);
-        ++fBindingVersion;
+        if (!reaches(caller, passed)) {
+            out.unreached.insert(caller);
+            continue;
+        }
+        // What the caller passes may hang on what its own callers pass it:
+        // read apart for each of those, some may not get there.
+        if (caller == itself)
+            continue;
+        std::set<std::string_view> names;  // the plain names passed to tested parameters
+        for (const auto &[param, singles] : passed.singles)
+            for (std::string_view one : singles)
+                if (tested.count(param))
+                    if (std::string_view plain = SourceOfArgument(one, itself).name; !plain.empty())
+                        names.insert(plain);
+        std::vector<Bindings> contexts = CallerBindingsOfCaller(caller, names, false);
+        std::vector<std::size_t> reaching;
+        for (std::size_t i = 0; i < contexts.size(); ++i) {
+            CBindingsScope bound(*this, contexts[i]);
+            if (reaches(caller, passed))
+                reaching.push_back(i);
+        }
+        if (Stop())
+            break;
+        if (reaching.empty() && !contexts.empty()) {
+            out.unreached.insert(caller);
+        } else if (reaching.size() < contexts.size()) {
+            // What the caller passes is read with all it is passed bound.
+            std::vector<Bindings> whole = CallerBindingsOfCaller(caller, names, true);
+            std::vector<Bindings> &under = out.reached_under[caller];
+            for (std::size_t i : reaching)
+                if (i < whole.size())
+                    under.push_back(std::move(whole[i]));
+        }
     }
     if (!Stop())
         fCallersNotReaching.emplace(std::move(memo_key), out);

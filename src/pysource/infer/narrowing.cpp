@@ -263,6 +263,19 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             values = kept;
             return;
         }
+        // hasattr(name, "attr") is false: not an instance whose class has it.
+        std::string_view attribute;
+        if (!holds && n.kids_count == 3 && IsNameNode(tree, tree.Kid(n, 0), "hasattr") &&
+            IsNameNode(tree, tree.Kid(n, 1), name) &&
+            tree.nodes[(std::size_t) tree.Kid(n, 2)].kind == NodeKind::kString &&
+            pgen::StringAnnotationText(tree, tree.Kid(n, 2), attribute) && !attribute.empty()) {
+            ValueSet kept;
+            for (const nb::object &v : values.Items())
+                if (!ClassHasAttribute(v, attribute))
+                    kept.Add(v);
+            values = kept;
+            return;
+        }
         // isinstance(name, C) or isinstance(name, (C, D)).
         if (n.kids_count != 3 || !IsNameNode(tree, tree.Kid(n, 0), "isinstance") ||
             !IsNameNode(tree, tree.Kid(n, 1), name))
@@ -435,6 +448,13 @@ bool CEvaluator::IsSurelyTrue(nb::handle value) {
         return false;
     return ClassAttribute(cls, "__bool__", value, MapOfInstance(value), true).Empty() &&
            ClassAttribute(cls, "__len__", value, MapOfInstance(value), true).Empty();
+}
+
+bool CEvaluator::ClassHasAttribute(nb::handle value, std::string_view attribute) {
+    if (!Single(value)->IsInstance(false) || IsExpressionText(value, false) || IsExpressionText(value, true))
+        return false;
+    nb::object cls = ClassOfInstance(value);
+    return !cls.is_none() && !ClassAttribute(cls, attribute, value, MapOfInstance(value), true).Empty();
 }
 
 bool CEvaluator::IsCallableValue(nb::handle value) {
