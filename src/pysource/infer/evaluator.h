@@ -126,10 +126,16 @@ struct MroEntry {
 // What a piece of work told the request's context: (an import, scope) pairs.
 using Effects = std::vector<std::pair<bool, nb::object>>;
 
+// The hash of a text key.  A long text (a module-level table of hundreds of
+// kilobytes is one expression) is hashed by its length and by samples of its
+// bytes, its ends among them, so that finding it costs the same as a short
+// one's; texts that share the samples tell apart by comparison.
+std::size_t HashText(std::string_view text);
+
 // Hashes text keys so that a view finds them without a copy.
 struct TextHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+    std::size_t operator()(std::string_view text) const { return HashText(text); }
 };
 template <class T>
 using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
@@ -173,7 +179,7 @@ struct ReadKeyHash {
     using is_transparent = void;
     std::size_t operator()(const ReadKey &key) const {
         const auto &[url, scope, text, index] = key;
-        std::hash<std::string_view> text_hash;
+        TextHash text_hash;
         std::size_t hash = text_hash(url);
         for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index)})
             hash = hash * 1000003 ^ part;
