@@ -379,6 +379,7 @@ struct EngineMemo : MemoTables {
     PyObject *flow = nullptr;                  // the flow provider the structures came from
     LargeTexts<std::shared_ptr<const ParsedEntry>> large_entries;
     LargeTexts<std::shared_ptr<const ParsedText>> large_parsed_texts;
+    std::size_t parse_put_off = 0;  // the hash of the long text whose parse was put off last
     std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
     std::size_t retired_entries = 0;                   // left to free in `retired`
 
@@ -744,6 +745,7 @@ private:
     std::shared_ptr<const ParsedEntry> EntryOf(std::string_view entry);
     // An expression text's parse tree, once per text.
     std::shared_ptr<const ParsedText> ParseText(std::string_view text);
+    bool PutOffParse(std::string_view text);
 
     // Singles.
     nb::object ClassSingle(nb::handle loc, std::string_view bare_class_info);

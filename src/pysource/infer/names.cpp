@@ -490,6 +490,10 @@ std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
     } else if (auto it = fMemo.parsed_texts.find(text); it != fMemo.parsed_texts.end()) {
         return it->second;
     }
+    if (large && PutOffParse(text)) {
+        static const auto kNotParsed = std::make_shared<const ParsedText>();
+        return kNotParsed;
+    }
     // A bounded number of trees: past it they are read afresh (and the old
     // ones freed a little at a time).
     constexpr std::size_t kMaxParsedTexts = 1 << 15;
@@ -500,6 +504,24 @@ std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
     if (large)
         return fMemo.large_parsed_texts.Keep(text, std::move(parsed));
     return fMemo.parsed_texts.emplace(std::string(text), std::move(parsed)).first->second;
+}
+
+// The parse of a long text is one step, of milliseconds for hundreds of
+// kilobytes: when the request hasn't the time left for it, it stops out of
+// time, and the next request (a scan's next slice) parses it.  A text put
+// off once is parsed the next time however little time is left, so that
+// short slices get there too.
+bool CEvaluator::PutOffParse(std::string_view text) {
+    constexpr double kParseSecondsPerByte = 10e-9;
+    if (!fCtx || !std::isfinite(fCtx->fEndTime))
+        return false;
+    std::size_t key = HashText(text);
+    if (fMemo.parse_put_off == key ||
+        fCtx->fEndTime - GetNowTime() >= kParseSecondsPerByte * static_cast<double>(text.size()))
+        return false;
+    fMemo.parse_put_off = key;
+    GiveUpOutOfTime();
+    return true;
 }
 
 std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
