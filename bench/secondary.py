@@ -62,6 +62,7 @@ ms = 1e3
 now = _fastaccess.GetNowTime
 gTraceScans = False
 gFreeze = True
+gSlowest = 10
 
 
 # ---------------------------------------------------------------------------
@@ -100,6 +101,8 @@ class CScanLog:
         self.fScopes = 0                 # scopes derived-scanned
         self.fScopeScans = 0             # their scans, a scope scanned again counted again
         self.fGuarded = []               # (file, scope, seconds)
+        self.fFileSeconds = {}           # file -> seconds inside its Scan calls
+        self.fScopeSeconds = {}          # (file, scope a Scan call began in) -> seconds
 
     def Note(self, scanner, late, state):
         self.fOverruns.append(late)
@@ -131,8 +134,8 @@ class CTimedScanner:
 
     def Scan(self, end_time):
         trace = self.fLog.fTrace
+        scope = ActiveScope(self.fScanner)
         if trace:
-            scope = ActiveScope(self.fScanner)
             sys.stderr.write(f"scan {self.fLoc.fPath} from scope {scope}\n")
             sys.stderr.flush()
             collections = len(self.fLog.fCollections.fPauses)
@@ -146,6 +149,9 @@ class CTimedScanner:
             sys.stderr.flush()
         self.fSpent += done - start
         self.fLog.fScanSeconds += done - start
+        path = self.fLoc.fPath
+        self.fLog.fFileSeconds[path] = self.fLog.fFileSeconds.get(path, 0.0) + done - start
+        self.fLog.fScopeSeconds[path, scope] = self.fLog.fScopeSeconds.get((path, scope), 0.0) + done - start
         self.fLog.Note(self, done - end_time, state)
         if state is scopescanner.kTimedOut and self.fSpent > self.fLog.fGuardSeconds:
             self.fLog.fGuarded.append((self.fLoc.fPath, ActiveScope(self.fScanner), self.fSpent))
@@ -289,6 +295,21 @@ def print_pass(label, paths, result):
           f"waits {result.fWaitScanSeconds:.3f} s)  per scope {per_scope * 1e6:8.1f} us", flush=True)
     print(f"    waits {log.fWaits}, files scanned because of waits {result.fNeededFiles}", flush=True)
     print_findings(result)
+    print_slowest(log)
+
+
+def print_slowest(log):
+    """The files and scopes whose derived Scan calls took longest."""
+    folder = os.path.commonpath(list(log.fFileSeconds)) if len(log.fFileSeconds) > 1 else ""
+    for label, seconds in (("files", log.fFileSeconds), ("scopes", log.fScopeSeconds)):
+        slowest = sorted(seconds.items(), key=lambda item: -item[1])[:gSlowest]
+        if not slowest:
+            continue
+        print(f"    slowest {label}:", flush=True)
+        for key, spent in slowest:
+            path, scope = (key, "") if isinstance(key, str) else key
+            print(f"      {spent:8.3f} s  {os.path.relpath(path, folder) if folder else path}"
+                  f"{' ' + scope if scope else ''}", flush=True)
 
 
 def print_overruns(results):
@@ -482,9 +503,12 @@ def main():
     parser.add_argument("--no-freeze", action="store_true",
                         help="leave out the gc.freeze() that the pysource command makes after its "
                              "start-up (a host that doesn't)")
+    parser.add_argument("--slowest", type=int, default=10,
+                        help="how many of the slowest files and scopes of each pass to name")
     args = parser.parse_args()
-    global gTraceScans, gFreeze
+    global gTraceScans, gFreeze, gSlowest
     gTraceScans = args.trace
+    gSlowest = args.slowest
     gFreeze = not args.no_freeze
     if args.cpu:
         use_thread_clock()

@@ -11,7 +11,7 @@ from basekit.location import CLocalFileLocation
 from pysource import (canonicalize, inferenceengine, inferencectx, inferenceiterators,
                       inferquery, inferreddetails, symbolinfo)
 from managerutil import installed_manager
-from scanutil import counter_clock
+from scanutil import SettableClock, counter_clock, replaced_clock
 
 PROJECT = {
     "pkg/__init__.py": """
@@ -363,6 +363,24 @@ def test_deadline_stops_a_resolve(project):
         engine.ResolveToResult(symbolinfo.Scope(locs["app.py"], "").ExprIn("shapes.first(pairs.items())"), ctx)
         assert ctx.fIncomplete and ctx.fIncompleteReason == ctx.kOutOfTime
         assert clock.now - start <= 5
+
+
+def test_long_text_parse_waits_for_a_request_with_time_for_it(project, tmp_path):
+    """A request with too little time left for a long text's parse stops out
+    of time before it; the next one parses it, however short."""
+    mgr, _ = project
+    engine = mgr.fInferenceEngine._fNativeEngine
+    path = tmp_path / "table.py"
+    path.write_text(f"table = [{', '.join(map(str, range(20000)))}]\nsmall = [1]\n")
+    loc = CLocalFileLocation(str(path))
+    _resolve(mgr, loc, "", "small")  # the scans it asks for
+    with replaced_clock(SettableClock()):
+        tries = []
+        for _ in range(2):
+            ctx = engine.NewContext(0.0005, True)
+            resolved = engine.ResolveToResult(symbolinfo.Scope(loc, "").ExprIn("table"), ctx).resolved
+            tries.append((ctx.fIncompleteReason, {s.GetTypeName() for s in resolved}))
+    assert tries == [(inferencectx.kOutOfTime, set()), (None, {"list"})]
 
 
 def test_context_contract():

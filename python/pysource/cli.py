@@ -2,6 +2,7 @@
 
 import argparse
 import contextlib
+import ctypes
 import gc
 import json
 import logging
@@ -332,15 +333,38 @@ def StartUpFrozen():
     """The modules, the index and the files to scan live for the whole run:
     left out of the garbage collector's walks, they neither lengthen a full
     collection (which runs inside whichever time slice triggers it) nor
-    bring the next one on.  The command owns its process (a library leaves
-    this choice to its host); they go back to the collector when the run
-    ends, for a caller of main() that goes on."""
+    bring the next one on.  Likewise the allocator merges small blocks as
+    they are freed (_SetAllocatorFastBlocks).  The command owns its process
+    (a library leaves these choices to its host); both go back as they were
+    when the run ends, for a caller of main() that goes on."""
     gc.collect()
     gc.freeze()
+    fast_blocks_off = _SetAllocatorFastBlocks(0)
     try:
         yield
     finally:
+        if fast_blocks_off:
+            _SetAllocatorFastBlocks(kAllocatorFastBlockBytes)
         gc.unfreeze()
+
+
+# The C library's allocator (glibc's) keeps freed blocks up to this size
+# aside and merges them all when a large block is asked for next: after
+# many frees (the engine's kept answers going), that merging takes
+# milliseconds, in whichever time slice the next large request falls.
+kAllocatorFastBlockBytes = 64 * ctypes.sizeof(ctypes.c_size_t) // 4  # its default
+kMallocMaxFast = 1  # mallopt's M_MXFAST
+
+
+def _SetAllocatorFastBlocks(size):
+    """Sets the largest block the allocator keeps aside when freed; False
+    where the C library has no such setting."""
+    try:
+        mallopt = ctypes.CDLL(None).mallopt
+    except (OSError, AttributeError):
+        return False
+    mallopt.argtypes = (ctypes.c_int, ctypes.c_int)
+    return bool(mallopt(kMallocMaxFast, size))
 
 
 def _cmd_index(args):

@@ -10,7 +10,7 @@ their bodies and count as no block.
 
 from pysource import _fastaccess, logicalline, scopescanner, symbolinfo
 from pysource.filellinecache import CFileLogicalLineCache
-from pysource.inferquery import PositionsFound
+from pysource.inferquery import NotePositions
 
 # Logical kinds that open a block whose body may not run.
 _kBranchKinds = frozenset({
@@ -427,6 +427,9 @@ class _CFileRead:
         self._fCache = CFileLogicalLineCache(loc)
         self._fLogicals = None
         self._fFinder = None
+        self._fScopesFound = None  # the finder's completed scopes, once it is through
+        self._fScopesNoted = 0
+        self._fWhere = {}          # as NotePositions notes it
 
     def StepUntil(self, end_time):
         """Goes on with the read until the scan clock reaches `end_time`
@@ -444,15 +447,27 @@ class _CFileRead:
             self._fFinder = scopescanner._CScopeBodyFinder(list(self._fLogicals), -1, False)
         now = _fastaccess.GetNowTime
         count = 0
-        while self._fFinder.ProcessNextLogical() is not None:
-            count += 1
-            if end_time is not None and count % self.kLogicalsPerClockReading == 0 and now() >= end_time:
-                return False
+        if self._fScopesFound is None:
+            while self._fFinder.ProcessNextLogical() is not None:
+                count += 1
+                if end_time is not None and count % self.kLogicalsPerClockReading == 0 and now() >= end_time:
+                    return False
+            self._fScopesFound = self._fFinder.fCompletedScopeList
+        # Where each logical stands, a few scopes at a time too: a large file
+        # has thousands.
+        while self._fScopesNoted < len(self._fScopesFound):
+            count += NotePositions(self._fScopesFound[self._fScopesNoted], self._fWhere)
+            self._fScopesNoted += 1
+            if end_time is not None and count >= self.kLogicalsPerClockReading:
+                count = 0
+                if now() >= end_time:
+                    return False
         # A body's logicals stand in the file in body order.  Only the file's
         # list holds them (they are left out of the collector's walks); the
         # bodies are tuples of numbers, which the collector lets go of.
         bodies = {}
-        for index, position in enumerate(PositionsFound(self._fFinder, self._fLogicals)):
+        for index, logical in enumerate(self._fLogicals):
+            position = self._fWhere.get(id(logical))
             if position is not None:
                 bodies.setdefault(position[0], []).append(index)
         self._Done(self._fLogicals, {name: tuple(indexes) for name, indexes in bodies.items()})
@@ -460,6 +475,8 @@ class _CFileRead:
 
     def _Done(self, logicals, bodies):
         self.fResult = (logicals, bodies)
+        self._fScopesFound = None
+        self._fWhere = {}
         self.destroy()
 
     def destroy(self):

@@ -63,10 +63,19 @@ def PositionsFound(finder, logicals):
     every one of them."""
     where = {}
     for item in finder.fCompletedScopeList:
-        name = symbolinfo.NormalizedScope(None, item.scope_name).name
-        for index, logical in enumerate(item.body):
-            where[id(logical)] = (name, index)
+        NotePositions(item, where)
     return [where.get(id(logical)) for logical in logicals]
+
+
+def NotePositions(item, where):
+    """Notes in `where` (id of a logical -> (normalised scope name, index in
+    that scope's body)) the body of one completed scope of a body finder;
+    gives how many logicals it holds."""
+    name = symbolinfo.NormalizedScope(None, item.scope_name).name
+    body = item.body
+    for index, logical in enumerate(body):
+        where[id(logical)] = (name, index)
+    return len(body)
 
 
 def _LogicalAtLine(logicals, lineno):

@@ -602,6 +602,9 @@ std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8) {
 struct StepwiseLogicalBuild::State {
     explicit State(std::string_view utf8) : builder(utf8, {}) {}
     LogicalBuilder builder;
+    bool built = false;
+    std::vector<nb::ref<CLogicalLine>> logicals;  // once built
+    std::vector<nb::object> objects;              // their Python objects made so far
 };
 
 StepwiseLogicalBuild::StepwiseLogicalBuild(std::string_view utf8) {
@@ -611,9 +614,27 @@ StepwiseLogicalBuild::StepwiseLogicalBuild(std::string_view utf8) {
 
 StepwiseLogicalBuild::~StepwiseLogicalBuild() = default;
 
-bool StepwiseLogicalBuild::Step(double end_time) { return fState->builder.Step(end_time); }
+bool StepwiseLogicalBuild::Step(double end_time) {
+    State &state = *fState;
+    if (!state.built) {
+        if (!state.builder.Step(end_time))
+            return false;
+        state.logicals = state.builder.TakeLogicals();
+        state.built = true;
+    }
+    // Their Python objects are made in steps too (the list that takes them
+    // finds them made): a large file has thousands, and each is an
+    // allocation that the garbage collector counts.
+    constexpr std::size_t kObjectsPerClockReading = 64;
+    while (state.objects.size() < state.logicals.size()) {
+        state.objects.push_back(nb::cast(state.logicals[state.objects.size()]));
+        if (state.objects.size() % kObjectsPerClockReading == 0 && GetNowTime() >= end_time)
+            return false;
+    }
+    return true;
+}
 
-std::vector<nb::ref<CLogicalLine>> StepwiseLogicalBuild::Take() { return fState->builder.TakeLogicals(); }
+std::vector<nb::ref<CLogicalLine>> StepwiseLogicalBuild::Take() { return std::move(fState->logicals); }
 
 std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8,
                                                      const std::vector<OpenScope> &open_scopes,

@@ -71,8 +71,8 @@ std::vector<nb::ref<CLogicalLine>> BuildLogicalLines(std::string_view utf8);
 
 // The same built in steps, for a caller with a deadline: Step(end_time) goes
 // on until the text is done (true) or the clock reaches end_time (false),
-// reading the clock every few hundred tokens; Take() gives the logicals once
-// done.  `utf8` must stay in place until then.
+// reading the clock every few hundred tokens, and makes their Python objects;
+// Take() gives the logicals once done.  `utf8` must stay in place until then.
 class StepwiseLogicalBuild {
 public:
     explicit StepwiseLogicalBuild(std::string_view utf8);

@@ -126,10 +126,16 @@ struct MroEntry {
 // What a piece of work told the request's context: (an import, scope) pairs.
 using Effects = std::vector<std::pair<bool, nb::object>>;
 
+// The hash of a text key.  A long text (a module-level table of hundreds of
+// kilobytes is one expression) is hashed by its length and by samples of its
+// bytes, its ends among them, so that finding it costs the same as a short
+// one's; texts that share the samples tell apart by comparison.
+std::size_t HashText(std::string_view text);
+
 // Hashes text keys so that a view finds them without a copy.
 struct TextHash {
     using is_transparent = void;
-    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+    std::size_t operator()(std::string_view text) const { return HashText(text); }
 };
 template <class T>
 using TextMap = std::unordered_map<std::string, T, TextHash, std::equal_to<>>;
@@ -173,7 +179,7 @@ struct ReadKeyHash {
     using is_transparent = void;
     std::size_t operator()(const ReadKey &key) const {
         const auto &[url, scope, text, index] = key;
-        std::hash<std::string_view> text_hash;
+        TextHash text_hash;
         std::size_t hash = text_hash(url);
         for (std::size_t part : {text_hash(scope), text_hash(text), std::hash<long long>{}(index)})
             hash = hash * 1000003 ^ part;
@@ -373,6 +379,7 @@ struct EngineMemo : MemoTables {
     PyObject *flow = nullptr;                  // the flow provider the structures came from
     LargeTexts<std::shared_ptr<const ParsedEntry>> large_entries;
     LargeTexts<std::shared_ptr<const ParsedText>> large_parsed_texts;
+    std::size_t parse_put_off = 0;  // the hash of the long text whose parse was put off last
     std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
     std::size_t retired_entries = 0;                   // left to free in `retired`
 
@@ -773,6 +780,7 @@ private:
     std::shared_ptr<const ParsedEntry> EntryOf(std::string_view entry);
     // An expression text's parse tree, once per text.
     std::shared_ptr<const ParsedText> ParseText(std::string_view text);
+    bool PutOffParse(std::string_view text);
 
     // Singles.
     nb::object ClassSingle(nb::handle loc, std::string_view bare_class_info);

@@ -60,6 +60,11 @@ bool BindsName(const EntryKinds &kinds) {
 // Whether a single gives the name a value, rather than marking how the
 // scope uses it.
 // The logical index of a `:S` piece (where its name is first set).
+// The kind of a piece's single without wrappers and index.
+si::Kind BareKindOf(const EntryPiece &piece) {
+    return piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind;
+}
+
 std::optional<long long> FirstSetIndex(const EntryPiece &piece) {
     std::string_view first = piece.bare;
     long long at = -1;
@@ -70,6 +75,24 @@ std::optional<long long> FirstSetIndex(const EntryPiece &piece) {
 }
 
 }  // namespace
+
+std::size_t HashText(std::string_view text) {
+    constexpr std::size_t kWholeBytes = 4096;  // up to this long, every byte
+    constexpr std::size_t kEndBytes = 1024;    // of a longer text: each end
+    constexpr std::size_t kSamples = 32;       // and this many windows between
+    constexpr std::size_t kSampleBytes = 32;
+    std::hash<std::string_view> hash_bytes;
+    if (text.size() <= kWholeBytes)
+        return hash_bytes(text);
+    std::size_t hash = std::hash<std::size_t>{}(text.size());
+    auto mix = [&](std::string_view part) { hash = hash * 1000003 ^ hash_bytes(part); };
+    mix(text.substr(0, kEndBytes));
+    mix(text.substr(text.size() - kEndBytes));
+    std::size_t stride = (text.size() - kSampleBytes) / kSamples;
+    for (std::size_t i = 1; i < kSamples; ++i)
+        mix(text.substr(i * stride, kSampleBytes));
+    return hash;
+}
 
 bool SaysValue(si::Kind kind) {
     switch (kind) {
@@ -467,6 +490,10 @@ std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
     } else if (auto it = fMemo.parsed_texts.find(text); it != fMemo.parsed_texts.end()) {
         return it->second;
     }
+    if (large && PutOffParse(text)) {
+        static const auto kNotParsed = std::make_shared<const ParsedText>();
+        return kNotParsed;
+    }
     // A bounded number of trees: past it they are read afresh (and the old
     // ones freed a little at a time).
     constexpr std::size_t kMaxParsedTexts = 1 << 15;
@@ -477,6 +504,24 @@ std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
     if (large)
         return fMemo.large_parsed_texts.Keep(text, std::move(parsed));
     return fMemo.parsed_texts.emplace(std::string(text), std::move(parsed)).first->second;
+}
+
+// The parse of a long text is one step, of milliseconds for hundreds of
+// kilobytes: when the request hasn't the time left for it, it stops out of
+// time, and the next request (a scan's next slice) parses it.  A text put
+// off once is parsed the next time however little time is left, so that
+// short slices get there too.
+bool CEvaluator::PutOffParse(std::string_view text) {
+    constexpr double kParseSecondsPerByte = 10e-9;
+    if (!fCtx || !std::isfinite(fCtx->fEndTime))
+        return false;
+    std::size_t key = HashText(text);
+    if (fMemo.parse_put_off == key ||
+        fCtx->fEndTime - GetNowTime() >= kParseSecondsPerByte * static_cast<double>(text.size()))
+        return false;
+    fMemo.parse_put_off = key;
+    GiveUpOutOfTime();
+    return true;
 }
 
 std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
@@ -895,9 +940,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     std::vector<std::pair<const EntryPiece *, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
-    auto says_value = [](const EntryPiece &piece) {
-        return SaysValue(piece.malformed ? si::GetInfoBytesKind(si::BareSingle(piece.single)) : piece.bare_kind);
-    };
+    auto says_value = [](const EntryPiece &piece) { return SaysValue(BareKindOf(piece)); };
     // A def or class statement sets its name where it stands, like an
     // assignment: a use before it doesn't see it.  (Where it stands, and
     // whether a constant test rules a setting out, matter only to a name set
@@ -945,10 +988,12 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     }
     // A declared type (a hint) governs every setting of the name.
     // (`X: TypeAlias = ...` declares an alias: its value is what counts.)
-    auto declares = [&](std::string_view single) {
-        std::string_view bare = si::BareSingle(single);
-        if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
+    // (The piece's bare single and kind are read as the entry was split: a
+    // long single, a large display, isn't walked again.)
+    auto declares = [&](const EntryPiece &piece) {
+        if (BareKindOf(piece) != si::kTypeHintKind)
             return false;
+        std::string_view bare = piece.malformed ? si::BareSingle(piece.single) : piece.bare;
         std::string hint = si::UnpackTypeHint(bare);
         // A bare `Final` or `ClassVar` names no type: the value does.
         std::string_view text = si::StripSpaces(hint);
@@ -959,11 +1004,11 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     // (Declared at the use: a declaration after it doesn't count.)
     bool declared = false;
     for (const EntryPiece &piece : parsed->pieces)
-        declared = declared || ((piece.malformed || piece.bare_kind == si::kTypeHintKind) && declares(piece.single) &&
+        declared = declared || (declares(piece) &&
                                 (use_index < 0 || !piece.index || *piece.index < use_index));
     long long latest_declaration = -2;  // the latest declaration before the use
     for (const auto &[piece, at] : singles)
-        if (declared && at >= 0 && at < use_index && declares(piece->single))
+        if (declared && at >= 0 && at < use_index && declares(*piece))
             latest_declaration = std::max(latest_declaration, at);
     // A def or class binds its name no earlier than the name's first
     // setting: a use up to there (a decorator or default of the def itself)
@@ -979,7 +1024,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         // A setting that can't run under what a call binds doesn't count.
         if (at >= 0 && !LogicalReachable(scope, record, at))
             continue;
-        if (bound && at < -1 && !si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)))) {
+        if (bound && at < -1 && !si::IsDefOrClassKind(BareKindOf(*piece))) {
             // The unnumbered singles bind the parameter (what callers pass, its
             // default, the instance or class of a method's first): the call's
             // binding stands for them all.
@@ -988,7 +1033,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             bound_read = true;
             continue;
         }
-        if (declared && !declares(single))
+        if (declared && !declares(*piece))
             continue;
         // Unnumbered singles (arguments, hints of the def line, defs) always
         // count; numbered ones only from the reaching logicals when known.
@@ -1000,7 +1045,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         // (A parameter's hint still declares what the name holds.)
         if (rebound && at < -1 && IsParameterBinding(single) && !declared)
             continue;
-        bool def_or_class = si::IsDefOrClassKind(si::GetInfoBytesKind(si::BareSingle(single)));
+        bool def_or_class = si::IsDefOrClassKind(BareKindOf(*piece));
         if (defs_unbound && def_or_class)
             continue;
         // What callers pass is read for the use: tests there may rule callers out.
