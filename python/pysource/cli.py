@@ -361,7 +361,7 @@ def _SetAllocatorFastBlocks(size):
     where the C library has no such setting."""
     try:
         mallopt = ctypes.CDLL(None).mallopt
-    except (OSError, AttributeError):
+    except (OSError, AttributeError, TypeError):  # no such call, or no process-wide library handle
         return False
     mallopt.argtypes = (ctypes.c_int, ctypes.c_int)
     return bool(mallopt(kMallocMaxFast, size))
