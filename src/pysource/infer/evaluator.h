@@ -587,10 +587,11 @@ private:
     // `convert` once and kept in `cache`; null when it can't tell.
     template <class T, class Convert>
     const T *FlowOf(nb::handle scope, const char *method, EngineMemo::ByScope<T> &cache, Convert convert);
-    // Whether the flow provider has read the file at `loc`, asking it to go
-    // on with the read until the request's deadline: false, and the request
-    // given up as out of time, when the deadline came first.
-    bool FlowFileRead(nb::handle provider, nb::handle loc);
+    // Whether the flow provider can tell of the body of `scope_name` at
+    // `loc` (it worked it out before, or has read the file), asking it to
+    // go on with the file's read until the request's deadline: false, and
+    // the request given up as out of time, when the deadline came first.
+    bool FlowFileRead(nb::handle provider, nb::handle loc, nb::handle scope_name);
     // Marks the request out of time and stops it.
     void GiveUpOutOfTime();
     // Conditions at each body logical of a scope, from the flow provider's
@@ -803,7 +804,9 @@ private:
     nb::dict fRecords;  // scope -> merged record, or None
     // The same for our own scopes, by ScopeKey: (the scope, its record).
     std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash, ScopeLookupEqual> fScopeRecords;
-    std::unordered_map<PyObject *, nb::object> fFlowFilesRead;  // by location, held
+    // The scopes whose bodies the flow provider was ready to tell of, by
+    // ScopeKey, each with the location it holds.
+    std::unordered_map<ScopeKey, nb::object, ScopeKeyHash> fFlowScopesRead;
     // The values being read, each with its place on the stack of reads.
     using ActiveKey = ReadKey;
     std::map<ActiveKey, std::size_t> fActive;

@@ -1044,14 +1044,16 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
     if (provider.is_none())
         return nullptr;
     nb::object loc = ScopeLoc(scope);
-    ScopeKey key{loc.ptr(), std::string(ScopeName(scope))};
+    std::string_view name = ScopeName(scope);
+    ScopeKey key{loc.ptr(), std::string(name)};
     key.second.append("|").append(method);
     auto it = cache.find(key);
     if (it == cache.end()) {
-        if (!FlowFileRead(provider, loc))
+        nb::str scope_name(name.data(), name.size());
+        if (!FlowFileRead(provider, loc, scope_name))
             return nullptr;
         std::optional<T> value;
-        nb::object found = nb::hasattr(provider, method) ? provider.attr(method)(loc, scope.attr("name")) : nb::none();
+        nb::object found = nb::hasattr(provider, method) ? provider.attr(method)(loc, scope_name) : nb::none();
         if (!found.is_none())
             value.emplace(convert(found));
         it = cache.emplace(std::move(key), std::pair{loc, std::move(value)}).first;
@@ -1059,19 +1061,20 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
     return it->second.second ? &*it->second.second : nullptr;
 }
 
-bool CEvaluator::FlowFileRead(nb::handle provider, nb::handle loc) {
+bool CEvaluator::FlowFileRead(nb::handle provider, nb::handle loc, nb::handle scope_name) {
     if (fGaveUp)
         return false;
-    if (fFlowFilesRead.count(loc.ptr()) || !nb::hasattr(provider, "ReadFileUntil"))
+    ScopeKey key{loc.ptr(), nb::cast<std::string>(scope_name)};
+    if (fFlowScopesRead.count(key) || !nb::hasattr(provider, "ReadFileUntil"))
         return true;
     nb::object end_time = nb::none();
     if (fCtx && std::isfinite(fCtx->fEndTime))
         end_time = nb::float_(fCtx->fEndTime);
-    if (!nb::cast<bool>(provider.attr("ReadFileUntil")(loc, end_time))) {
+    if (!nb::cast<bool>(provider.attr("ReadFileUntil")(loc, end_time, scope_name))) {
         GiveUpOutOfTime();
         return false;
     }
-    fFlowFilesRead.emplace(loc.ptr(), nb::borrow(loc));
+    fFlowScopesRead.emplace(std::move(key), nb::borrow(loc));
     return true;
 }
 
