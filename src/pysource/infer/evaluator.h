@@ -967,6 +967,12 @@ private:
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
     Effects fEffects;
+    // Where each collection under way started in fEffects, innermost last,
+    // and where each effect (its scope's address, with the import flag as
+    // its low bit) was last noted: one noted since the innermost start is
+    // in every collection under way already, and is not noted again.
+    std::vector<std::size_t> fEffectStarts;
+    std::unordered_map<std::uintptr_t, std::size_t> fEffectLast;
     void NoteEffect(bool import, nb::handle scope);
     // Tells the context again what a kept answer told it.
     void Replay(const Effects &effects);
@@ -975,10 +981,16 @@ private:
     // a fact kept between requests.
     class EffectsCollector {
     public:
-        explicit EffectsCollector(CEvaluator &ev) : ev_(ev), from_(ev.fEffects.size()) { ++ev.fCollecting; }
+        explicit EffectsCollector(CEvaluator &ev) : ev_(ev), from_(ev.fEffects.size()) {
+            ++ev.fCollecting;
+            ev.fEffectStarts.push_back(from_);
+        }
         ~EffectsCollector() {
-            if (--ev_.fCollecting == 0)
+            ev_.fEffectStarts.pop_back();
+            if (--ev_.fCollecting == 0) {
                 ev_.fEffects.clear();
+                ev_.fEffectLast.clear();
+            }
         }
         Effects Taken() const { return ev_.EffectsFrom(from_); }
         EffectsCollector(const EffectsCollector &) = delete;

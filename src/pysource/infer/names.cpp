@@ -262,8 +262,17 @@ bool CEvaluator::Stop() {
 }
 
 void CEvaluator::NoteEffect(bool import, nb::handle scope) {
-    if (fCollecting)
-        fEffects.emplace_back(import, nb::borrow(scope));
+    if (!fCollecting)
+        return;
+    // (fEffects holds each scope noted: its address names it alone.)
+    auto key = reinterpret_cast<std::uintptr_t>(scope.ptr()) | std::uintptr_t(import);
+    auto [last, added] = fEffectLast.try_emplace(key, fEffects.size());
+    if (!added) {
+        if (last->second >= fEffectStarts.back())
+            return;
+        last->second = fEffects.size();
+    }
+    fEffects.emplace_back(import, nb::borrow(scope));
 }
 
 Effects CEvaluator::EffectsFrom(std::size_t start) const {
