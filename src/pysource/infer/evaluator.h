@@ -226,6 +226,20 @@ struct ParsedEntry {
 // A condition known at a body logical: (header index, condition text, a
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
+// The conditions of each body logical of a scope as the flow provider gave
+// them (a sequence of sequences of guards), each logical's read into
+// FlowGuards when first asked for: a request asks of a few logicals of a
+// scope, and a module's body has thousands.
+class FlowGuardRows {
+public:
+    explicit FlowGuardRows(nb::handle rows);
+    std::size_t size() const { return fRead.size(); }
+    const std::vector<FlowGuard> &operator[](std::size_t at) const;
+
+private:
+    nb::tuple fRows;
+    mutable std::vector<std::optional<std::vector<FlowGuard>>> fRead;
+};
 
 // A binding a piece of work read: (url, dotted scope name, name), or all of
 // that scope's with an empty name, or kClassMapsDep for the type arguments of
@@ -311,7 +325,7 @@ struct MemoTables {
     using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash>;
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
-    ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
+    ByScope<FlowGuardRows> conditions_at;
     // (url, def name) -> what the flow provider says of its body (kYields, kAlwaysRaises).
     std::map<std::pair<std::string, std::string>, int> body_traits;
     ByScope<TextMap<long long>> def_statements;  // local scope name -> body logical index
@@ -601,7 +615,7 @@ private:
     // an `if` header, the guards holding at the end of its block.  Null
     // when it can't tell.
     using Guard = FlowGuard;
-    const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
+    const FlowGuardRows *ConditionsOf(nb::handle scope, const char *method);
     // `values` of the local `name` (set by `entry` of `record`) at
     // `use_index`, narrowed by the conditions known there that no setting
     // after them undoes; what was set before an `if` block that sets the

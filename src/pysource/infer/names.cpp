@@ -837,7 +837,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
 
 bool CEvaluator::NarrowableAt(nb::handle scope, long long at) {
     for (const char *method : {"Guards", "SkippedIfs"}) {
-        const std::vector<std::vector<Guard>> *conditions = ConditionsOf(scope, method);
+        const FlowGuardRows *conditions = ConditionsOf(scope, method);
         if (conditions && (std::size_t) at < conditions->size() && !(*conditions)[(std::size_t) at].empty())
             return true;
     }
@@ -1091,21 +1091,29 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
     return FlowOf(scope, "BlockPaths", fMemo.block_paths, IndexLists);
 }
 
-const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
-    return FlowOf(scope, method, fMemo.conditions_at, [](nb::handle listed) {
-        std::vector<std::vector<Guard>> found;
-        for (nb::handle at : listed) {
-            std::vector<Guard> here;
-            for (nb::handle g : at) {
-                nb::object text = GuardItem(g, 1);
-                if (!text.is_none())
-                    here.emplace_back(nb::cast<long long>(GuardItem(g, 0)), nb::cast<std::string>(text),
-                                      nb::cast<long long>(GuardItem(g, 2)));
-            }
-            found.push_back(std::move(here));
+FlowGuardRows::FlowGuardRows(nb::handle rows) : fRows(nb::steal<nb::tuple>(PySequence_Tuple(rows.ptr()))) {
+    if (!fRows.is_valid())
+        throw nb::python_error();
+    fRead.resize(fRows.size());
+}
+
+const std::vector<FlowGuard> &FlowGuardRows::operator[](std::size_t at) const {
+    std::optional<std::vector<FlowGuard>> &read = fRead[at];
+    if (!read) {
+        std::vector<FlowGuard> here;
+        for (nb::handle g : fRows[at]) {
+            nb::object text = GuardItem(g, 1);
+            if (!text.is_none())
+                here.emplace_back(nb::cast<long long>(GuardItem(g, 0)), nb::cast<std::string>(text),
+                                  nb::cast<long long>(GuardItem(g, 2)));
         }
-        return found;
-    });
+        read = std::move(here);
+    }
+    return *read;
+}
+
+const FlowGuardRows *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
+    return FlowOf(scope, method, fMemo.conditions_at, [](nb::handle listed) { return FlowGuardRows(listed); });
 }
 
 const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
@@ -1141,7 +1149,7 @@ std::optional<bool> ConstantTruth(std::string_view text) {
 }  // namespace
 
 bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     if (!guards || at < 0 || (std::size_t) at >= guards->size())
         return false;
     for (const auto &[header, condition, held] : (*guards)[(std::size_t) at]) {
@@ -1188,7 +1196,7 @@ long long CEvaluator::DefStatementAt(nb::handle scope, std::string_view bare) {
 }
 
 bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn) {
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
     if (!guards || !paths || use < 0 || setting < 0 || (std::size_t) use >= guards->size() ||
         (std::size_t) use >= paths->size() || (std::size_t) setting >= paths->size())
@@ -1690,7 +1698,7 @@ CEvaluator::ArgumentSource CEvaluator::SourceOfArgument(std::string_view single,
 
 std::set<std::string> CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
     std::set<std::string> out;
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     if (!guards || (std::size_t) at >= guards->size() || (*guards)[(std::size_t) at].empty())
         return out;
     std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
