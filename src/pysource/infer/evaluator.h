@@ -322,7 +322,7 @@ struct MemoTables {
     // conditions' name followed by "|" and the provider's method), each with
     // the location it holds.
     template <class T>
-    using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash>;
+    using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash, ScopeLookupEqual>;
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
     ByScope<FlowGuardRows> conditions_at;
@@ -601,6 +601,7 @@ private:
     // `convert` once and kept in `cache`; null when it can't tell.
     template <class T, class Convert>
     const T *FlowOf(nb::handle scope, const char *method, EngineMemo::ByScope<T> &cache, Convert convert);
+    std::string fFlowKey;  // FlowOf's lookup key, its buffer kept
     // Whether the flow provider can tell of the body of `scope_name` at
     // `loc` (it worked it out before, or has read the file), asking it to
     // go on with the file's read until the request's deadline: false, and

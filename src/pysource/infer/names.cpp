@@ -1054,10 +1054,10 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
         return nullptr;
     nb::object loc = ScopeLoc(scope);
     std::string_view name = ScopeName(scope);
-    ScopeKey key{loc.ptr(), std::string(name)};
-    key.second.append("|").append(method);
-    auto it = cache.find(key);
+    fFlowKey.assign(name).append("|").append(method);
+    auto it = cache.find(std::pair<PyObject *, std::string_view>{loc.ptr(), fFlowKey});
     if (it == cache.end()) {
+        ScopeKey key{loc.ptr(), fFlowKey};
         nb::str scope_name(name.data(), name.size());
         if (!FlowFileRead(provider, loc, scope_name))
             return nullptr;
