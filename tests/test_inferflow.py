@@ -90,14 +90,19 @@ def test_a_scope_is_worked_out_when_asked_and_a_few_files_are_kept(tmp_path, suf
     assert (flow.BlockPaths(locs[0], "f"), flow.LoopHeaders(locs[0], "f")) == (((), (0,), ()), ())
     assert "g" in getattr(flow, files)[locs[0].fUrl][2]  # not worked out yet
     assert (flow.IsGenerator(locs[0], "g"), flow.IsGenerator(locs[0], "f")) == (True, False)
+    assert flow.BlockPaths(locs[0], "C()") is None  # no body of that name
     for loc in locs[1:]:
         flow.BlockPaths(loc, "f")
     assert locs[0].fUrl not in getattr(flow, files) and len(getattr(flow, files)) == kept
     assert len(flow._fFiles) + len(flow._fStubFiles) == kept
     # What was worked out outlasts the logicals: answered without reading the
-    # file again, until the file changes.
-    assert flow.BlockPaths(locs[0], "f") == ((), (0,), ())
+    # file again (a read for a scope worked out is no read), until the file
+    # changes.
+    for name in ("f", "C()"):
+        assert flow.ReadFileUntil(locs[0], 0.0, name)
+    assert flow.BlockPaths(locs[0], "f") == ((), (0,), ()) and flow.BlockPaths(locs[0], "C()") is None
     assert locs[0].fUrl not in getattr(flow, files)
+    assert flow.ReadFileUntil(locs[0], None, "h") and locs[0].fUrl in getattr(flow, files)
     (tmp_path / f"m0{suffix}").write_text("def f(a):\n    return a\n")
     flow._fInfoCache.GetLocDiskMTime = lambda _loc: 2.0
     assert flow.BlockPaths(locs[0], "f") == ((),)

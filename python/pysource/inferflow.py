@@ -240,6 +240,14 @@ kPendingReadsKept = 4
 kStructuresKept = 1024
 
 
+_kNotKept = object()
+
+
+def _BodyName(scope_name):
+    """The name a scope's body structure is kept under."""
+    return symbolinfo.NormalizedScope(None, scope_name).name
+
+
 class CBlockStructure:
     """Block paths of the bodies of the scopes of a file, read once per
     version of the file (by disk time) and kept for the latest few files."""
@@ -330,12 +338,17 @@ class CBlockStructure:
         from the questions that would need it."""
         self._File(loc)
 
-    def ReadFileUntil(self, loc, end_time):
+    def ReadFileUntil(self, loc, end_time, scope_name=None):
         """Reads the file at `loc` unless it is kept already, in steps that
         end once the scan clock reaches `end_time` (None: in one go).  True
         once the file is kept; False when time ran out first, and the next
-        call goes on where this one stopped."""
-        return self._ReadUntil(loc, end_time, self._fInfoCache.GetLocDiskMTime(loc))
+        call goes on where this one stopped.  With `scope_name`, the read is
+        for that scope's body alone: True at once when its structure was
+        worked out before (the file itself may have been let go since)."""
+        mtime = self._fInfoCache.GetLocDiskMTime(loc)
+        if scope_name is not None and self._KeptBody(loc.fUrl, mtime, _BodyName(scope_name)) is not _kNotKept:
+            return True
+        return self._ReadUntil(loc, end_time, mtime)
 
     def _ReadUntil(self, loc, end_time, mtime):
         url = loc.fUrl
@@ -387,19 +400,31 @@ class CBlockStructure:
         self._fStructures[url] = kept
         return kept[1]
 
+    def _KeptBody(self, url, mtime, name):
+        """The structure of the body `name` (see _BodyName) in the file at
+        `url` as it was at `mtime` (None: the file has no such body), when it
+        was worked out before; else _kNotKept."""
+        kept = self._fStructures.get(url)
+        if kept is None or kept[0] != mtime:
+            return _kNotKept
+        return kept[1].get(name, _kNotKept)
+
     def _Body(self, loc, scope_name):
-        name = symbolinfo.NormalizedScope(None, scope_name).name
+        name = _BodyName(scope_name)
         mtime = self._fInfoCache.GetLocDiskMTime(loc)
-        kept = self._fStructures.get(loc.fUrl)
-        if kept is not None and kept[0] == mtime and name in kept[1]:
-            return kept[1][name]
+        body = self._KeptBody(loc.fUrl, mtime, name)
+        if body is not _kNotKept:
+            return body
         _mtime, logicals, waiting, worked_out = self._File(loc, mtime)
-        body = worked_out.get(name)
         # A scope's structure is worked out when first asked for: a request
         # reads a few scopes of a file, and a large file's every scope at
-        # once would hold up the caller's time slice.
-        if body is None and name in waiting:
-            body = worked_out[name] = _BodyStructure([logicals[i] for i in waiting.pop(name)])
+        # once would hold up the caller's time slice.  A name without a body
+        # in the file (an instance scope) is noted too: asked again, it
+        # needs no read of the file.
+        body = worked_out.get(name)
+        if body is None and logicals:
+            indexes = waiting.pop(name, None)
+            body = worked_out[name] = None if indexes is None else _BodyStructure([logicals[i] for i in indexes])
         return body
 
     def Forget(self, loc=None):

@@ -1383,9 +1383,9 @@ int CEvaluator::BodyTraits(nb::handle loc, std::string_view def_name) {
     std::pair<std::string, std::string> key{LocationUrl(loc), std::string(def_name)};
     auto it = fMemo.body_traits.find(key);
     if (it == fMemo.body_traits.end()) {
-        if (!FlowFileRead(provider, loc))
-            return 0;
         nb::str name(def_name.data(), def_name.size());
+        if (!FlowFileRead(provider, loc, name))
+            return 0;
         int traits = 0;
         for (const auto &[method, trait] : {std::pair{"IsGenerator", kYields}, std::pair{"AlwaysRaises", kAlwaysRaises}}) {
             nb::object answer = nb::hasattr(provider, method) ? provider.attr(method)(loc, name) : nb::none();

@@ -143,19 +143,14 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
             return *hit;
     }
     CutWatch watch(*this);
-    std::size_t effects_from = fEffects.size();
+    std::optional<EffectsCollector> effects;
+    if (keep_project || library)
+        effects.emplace(*this);
     ActiveRead active(*this, key);
     struct Leave {
         CEvaluator &ev;
-        bool collects;
-        ~Leave() {
-            --ev.fDepth;
-            if (collects && --ev.fCollecting == 0)
-                ev.fEffects.clear();
-        }
-    } leave{*this, keep_project || library};
-    if (keep_project || library)
-        ++fCollecting;
+        ~Leave() { --ev.fDepth; }
+    } leave{*this};
     ++fDepth;
     Locals self_locals;
     std::string source;
@@ -179,7 +174,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     std::string bindings = NoteDeps(key, watch);
     if (kept_values && watch.Whole())
         kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
-                             EngineMemo::KeptAnswer{out, EffectsFrom(effects_from)});
+                             EngineMemo::KeptAnswer{out, effects->Taken()});
     fRequestValues.emplace(RequestKey{key, hops + bindings}, Keep(out, watch));
     return out;
 }

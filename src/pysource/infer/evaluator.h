@@ -232,6 +232,20 @@ struct ParsedEntry {
 // A condition known at a body logical: (header index, condition text, a
 // number), see CEvaluator::ConditionsOf.
 using FlowGuard = std::tuple<long long, std::string, long long>;
+// The conditions of each body logical of a scope as the flow provider gave
+// them (a sequence of sequences of guards), each logical's read into
+// FlowGuards when first asked for: a request asks of a few logicals of a
+// scope, and a module's body has thousands.
+class FlowGuardRows {
+public:
+    explicit FlowGuardRows(nb::handle rows);
+    std::size_t size() const { return fRead.size(); }
+    const std::vector<FlowGuard> &operator[](std::size_t at) const;
+
+private:
+    nb::tuple fRows;
+    mutable std::vector<std::optional<std::vector<FlowGuard>>> fRead;
+};
 
 // A binding a piece of work read: (url, dotted scope name, name), or all of
 // that scope's with an empty name, or kClassMapsDep for the type arguments of
@@ -314,10 +328,10 @@ struct MemoTables {
     // conditions' name followed by "|" and the provider's method), each with
     // the location it holds.
     template <class T>
-    using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash>;
+    using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash, ScopeLookupEqual>;
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
-    ByScope<std::vector<std::vector<FlowGuard>>> conditions_at;
+    ByScope<FlowGuardRows> conditions_at;
     // (url, def name) -> what the flow provider says of its body (kYields, kAlwaysRaises).
     std::map<std::pair<std::string, std::string>, int> body_traits;
     ByScope<TextMap<long long>> def_statements;  // local scope name -> body logical index
@@ -596,10 +610,12 @@ private:
     // `convert` once and kept in `cache`; null when it can't tell.
     template <class T, class Convert>
     const T *FlowOf(nb::handle scope, const char *method, EngineMemo::ByScope<T> &cache, Convert convert);
-    // Whether the flow provider has read the file at `loc`, asking it to go
-    // on with the read until the request's deadline: false, and the request
-    // given up as out of time, when the deadline came first.
-    bool FlowFileRead(nb::handle provider, nb::handle loc);
+    std::string fFlowKey;  // FlowOf's lookup key, its buffer kept
+    // Whether the flow provider can tell of the body of `scope_name` at
+    // `loc` (it worked it out before, or has read the file), asking it to
+    // go on with the file's read until the request's deadline: false, and
+    // the request given up as out of time, when the deadline came first.
+    bool FlowFileRead(nb::handle provider, nb::handle loc, nb::handle scope_name);
     // Marks the request out of time and stops it.
     void GiveUpOutOfTime();
     // Conditions at each body logical of a scope, from the flow provider's
@@ -609,7 +625,7 @@ private:
     // an `if` header, the guards holding at the end of its block.  Null
     // when it can't tell.
     using Guard = FlowGuard;
-    const std::vector<std::vector<Guard>> *ConditionsOf(nb::handle scope, const char *method);
+    const FlowGuardRows *ConditionsOf(nb::handle scope, const char *method);
     // `values` of the local `name` (set by `entry` of `record`) at
     // `use_index`, narrowed by the conditions known there that no setting
     // after them undoes; what was set before an `if` block that sets the
@@ -901,7 +917,9 @@ private:
     nb::dict fRecords;  // scope -> merged record, or None
     // The same for our own scopes, by ScopeKey: (the scope, its record).
     std::unordered_map<ScopeKey, std::pair<nb::object, nb::object>, ScopeKeyHash, ScopeLookupEqual> fScopeRecords;
-    std::unordered_map<PyObject *, nb::object> fFlowFilesRead;  // by location, held
+    // The scopes whose bodies the flow provider was ready to tell of, by
+    // ScopeKey, each with the location it holds.
+    std::unordered_map<ScopeKey, nb::object, ScopeKeyHash> fFlowScopesRead;
     // The values being read, each with its place on the stack of reads.
     using ActiveKey = ReadKey;
     std::map<ActiveKey, std::size_t> fActive;
@@ -1062,6 +1080,12 @@ private:
     // What the request told its context while a kept value was being read.
     int fCollecting = 0;
     Effects fEffects;
+    // Where each collection under way started in fEffects, innermost last,
+    // and where each effect (its scope's address, with the import flag as
+    // its low bit) was last noted: one noted since the innermost start is
+    // in every collection under way already, and is not noted again.
+    std::vector<std::size_t> fEffectStarts;
+    std::unordered_map<std::uintptr_t, std::size_t> fEffectLast;
     void NoteEffect(bool import, nb::handle scope);
     // Tells the context again what a kept answer told it.
     void Replay(const Effects &effects);
@@ -1070,10 +1094,16 @@ private:
     // a fact kept between requests.
     class EffectsCollector {
     public:
-        explicit EffectsCollector(CEvaluator &ev) : ev_(ev), from_(ev.fEffects.size()) { ++ev.fCollecting; }
+        explicit EffectsCollector(CEvaluator &ev) : ev_(ev), from_(ev.fEffects.size()) {
+            ++ev.fCollecting;
+            ev.fEffectStarts.push_back(from_);
+        }
         ~EffectsCollector() {
-            if (--ev_.fCollecting == 0)
+            ev_.fEffectStarts.pop_back();
+            if (--ev_.fCollecting == 0) {
                 ev_.fEffects.clear();
+                ev_.fEffectLast.clear();
+            }
         }
         Effects Taken() const { return ev_.EffectsFrom(from_); }
         EffectsCollector(const EffectsCollector &) = delete;

@@ -285,8 +285,17 @@ bool CEvaluator::Stop() {
 }
 
 void CEvaluator::NoteEffect(bool import, nb::handle scope) {
-    if (fCollecting)
-        fEffects.emplace_back(import, nb::borrow(scope));
+    if (!fCollecting)
+        return;
+    // (fEffects holds each scope noted: its address names it alone.)
+    auto key = reinterpret_cast<std::uintptr_t>(scope.ptr()) | std::uintptr_t(import);
+    auto [last, added] = fEffectLast.try_emplace(key, fEffects.size());
+    if (!added) {
+        if (last->second >= fEffectStarts.back())
+            return;
+        last->second = fEffects.size();
+    }
+    fEffects.emplace_back(import, nb::borrow(scope));
 }
 
 Effects CEvaluator::EffectsFrom(std::size_t start) const {
@@ -873,7 +882,7 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
 
 bool CEvaluator::NarrowableAt(nb::handle scope, long long at) {
     for (const char *method : {"Guards", "SkippedIfs"}) {
-        const std::vector<std::vector<Guard>> *conditions = ConditionsOf(scope, method);
+        const FlowGuardRows *conditions = ConditionsOf(scope, method);
         if (conditions && (std::size_t) at < conditions->size() && !(*conditions)[(std::size_t) at].empty())
             return true;
     }
@@ -1098,14 +1107,16 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
     if (provider.is_none())
         return nullptr;
     nb::object loc = ScopeLoc(scope);
-    ScopeKey key{loc.ptr(), std::string(ScopeName(scope))};
-    key.second.append("|").append(method);
-    auto it = cache.find(key);
+    std::string_view name = ScopeName(scope);
+    fFlowKey.assign(name).append("|").append(method);
+    auto it = cache.find(std::pair<PyObject *, std::string_view>{loc.ptr(), fFlowKey});
     if (it == cache.end()) {
-        if (!FlowFileRead(provider, loc))
+        ScopeKey key{loc.ptr(), fFlowKey};
+        nb::str scope_name(name.data(), name.size());
+        if (!FlowFileRead(provider, loc, scope_name))
             return nullptr;
         std::optional<T> value;
-        nb::object found = nb::hasattr(provider, method) ? provider.attr(method)(loc, scope.attr("name")) : nb::none();
+        nb::object found = nb::hasattr(provider, method) ? provider.attr(method)(loc, scope_name) : nb::none();
         if (!found.is_none())
             value.emplace(convert(found));
         it = cache.emplace(std::move(key), std::pair{loc, std::move(value)}).first;
@@ -1113,19 +1124,20 @@ const T *CEvaluator::FlowOf(nb::handle scope, const char *method, EngineMemo::By
     return it->second.second ? &*it->second.second : nullptr;
 }
 
-bool CEvaluator::FlowFileRead(nb::handle provider, nb::handle loc) {
+bool CEvaluator::FlowFileRead(nb::handle provider, nb::handle loc, nb::handle scope_name) {
     if (fGaveUp)
         return false;
-    if (fFlowFilesRead.count(loc.ptr()) || !nb::hasattr(provider, "ReadFileUntil"))
+    ScopeKey key{loc.ptr(), nb::cast<std::string>(scope_name)};
+    if (fFlowScopesRead.count(key) || !nb::hasattr(provider, "ReadFileUntil"))
         return true;
     nb::object end_time = nb::none();
     if (fCtx && std::isfinite(fCtx->fEndTime))
         end_time = nb::float_(fCtx->fEndTime);
-    if (!nb::cast<bool>(provider.attr("ReadFileUntil")(loc, end_time))) {
+    if (!nb::cast<bool>(provider.attr("ReadFileUntil")(loc, end_time, scope_name))) {
         GiveUpOutOfTime();
         return false;
     }
-    fFlowFilesRead.emplace(loc.ptr(), nb::borrow(loc));
+    fFlowScopesRead.emplace(std::move(key), nb::borrow(loc));
     return true;
 }
 
@@ -1133,21 +1145,29 @@ const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle s
     return FlowOf(scope, "BlockPaths", fMemo.block_paths, IndexLists);
 }
 
-const std::vector<std::vector<CEvaluator::Guard>> *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
-    return FlowOf(scope, method, fMemo.conditions_at, [](nb::handle listed) {
-        std::vector<std::vector<Guard>> found;
-        for (nb::handle at : listed) {
-            std::vector<Guard> here;
-            for (nb::handle g : at) {
-                nb::object text = GuardItem(g, 1);
-                if (!text.is_none())
-                    here.emplace_back(nb::cast<long long>(GuardItem(g, 0)), nb::cast<std::string>(text),
-                                      nb::cast<long long>(GuardItem(g, 2)));
-            }
-            found.push_back(std::move(here));
+FlowGuardRows::FlowGuardRows(nb::handle rows) : fRows(nb::steal<nb::tuple>(PySequence_Tuple(rows.ptr()))) {
+    if (!fRows.is_valid())
+        throw nb::python_error();
+    fRead.resize(fRows.size());
+}
+
+const std::vector<FlowGuard> &FlowGuardRows::operator[](std::size_t at) const {
+    std::optional<std::vector<FlowGuard>> &read = fRead[at];
+    if (!read) {
+        std::vector<FlowGuard> here;
+        for (nb::handle g : fRows[at]) {
+            nb::object text = GuardItem(g, 1);
+            if (!text.is_none())
+                here.emplace_back(nb::cast<long long>(GuardItem(g, 0)), nb::cast<std::string>(text),
+                                  nb::cast<long long>(GuardItem(g, 2)));
         }
-        return found;
-    });
+        read = std::move(here);
+    }
+    return *read;
+}
+
+const FlowGuardRows *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
+    return FlowOf(scope, method, fMemo.conditions_at, [](nb::handle listed) { return FlowGuardRows(listed); });
 }
 
 const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
@@ -1183,7 +1203,7 @@ std::optional<bool> ConstantTruth(std::string_view text) {
 }  // namespace
 
 bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     if (!guards || at < 0 || (std::size_t) at >= guards->size())
         return false;
     for (const auto &[header, condition, held] : (*guards)[(std::size_t) at]) {
@@ -1230,7 +1250,7 @@ long long CEvaluator::DefStatementAt(nb::handle scope, std::string_view bare) {
 }
 
 bool CEvaluator::BranchRuledOut(nb::handle scope, long long setting, long long use, bool within_turn) {
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
     if (!guards || !paths || use < 0 || setting < 0 || (std::size_t) use >= guards->size() ||
         (std::size_t) use >= paths->size() || (std::size_t) setting >= paths->size())
@@ -1910,7 +1930,7 @@ CEvaluator::Bindings CEvaluator::BindingsOfCaller(nb::handle body, nb::handle re
 
 CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::handle record, long long at) {
     CallerReach out;
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     if (!guards || (std::size_t) at >= guards->size() || (*guards)[(std::size_t) at].empty())
         return out;
     std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));

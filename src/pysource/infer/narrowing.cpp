@@ -130,7 +130,7 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
                               long long use_index, ValueSet values) {
     if (use_index < 0 || Stop())
         return values;
-    const std::vector<std::vector<Guard>> *guards = ConditionsOf(scope, "Guards");
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
     // The latest setting before the use: conditions read before it say
     // nothing of the value it sets.  A setting in a branch that the use's
     // guards rule out (`if x is S: x = ...` `else: use`) doesn't count.
@@ -145,7 +145,7 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         if (root >= 0)
             narrow(tree, root, Frame{nb::borrow(scope), header, nullptr, nullptr});
     };
-    const std::vector<std::vector<Guard>> *skips = ConditionsOf(scope, "SkippedIfs");
+    const FlowGuardRows *skips = ConditionsOf(scope, "SkippedIfs");
     if (skips && (std::size_t) use_index < skips->size())
         for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
             if (latest < header || latest > last)
@@ -162,7 +162,7 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             // What the block set, narrowed by its `if` blocks that leave
             // after those settings (`if not isinstance(x, int): raise`).
             ValueSet inside = EntryValues(scope, record, EntryPart(entry, header, last, false), use_index, name);
-            const std::vector<std::vector<Guard>> *ends = ConditionsOf(scope, "BlockExits");
+            const FlowGuardRows *ends = ConditionsOf(scope, "BlockExits");
             if (ends && (std::size_t) header < ends->size())
                 for (const auto &[exit_header, exit_condition, held] : (*ends)[(std::size_t) header]) {
                     if (exit_header < latest)
