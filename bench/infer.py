@@ -331,8 +331,8 @@ def main():
     parser.add_argument("--jedi", type=int, default=300, help="reads asked of jedi (0: none)")
     parser.add_argument("--repeat", type=int, default=3, help="timed rounds (best is kept)")
     parser.add_argument("--seconds", type=float, default=2.0, help="deadline of one resolve")
-    parser.add_argument("--progress", default="/tmp/bench-infer-progress.txt",
-                        help="where the warm-up pass writes the read it is resolving")
+    parser.add_argument("--progress", default=f"/tmp/bench-infer-progress-{os.getpid()}.txt",
+                        help="where the warm-up pass writes the read it is resolving (a file of this run's own: a run beside it must not rewrite it under this one's memory map)")
     parser.add_argument("--dump", help="write every read's answer, cold and warm, to this file")
     args = parser.parse_args()
     faulthandler.enable()
