@@ -151,19 +151,8 @@ def GrownByUse():
     return squares
 
 
-class Basket:
-    def __init__(self):
-        self.fruits = []
-
-    def Add(self, name: str):
-        self.fruits.append(name)
-
-
 def _main():
     GrownByUse()[0]  # expect: int
-    basket = Basket()
-    basket.Add("apple")
-    basket.fruits  # expect: list[str]
     Subscripts([1, 2], ["n"], {"k": Point(1, 2)}, {"k": 1}, (1, "s"), (1.0,), [[1]],
                {"k": [Point(0, 0)]}, [b"b"], [3], "t", b"r")
     Iteration([Point(1, 2)], {"k": Point(3, 4)}, iter([1]), [("s", 1)])

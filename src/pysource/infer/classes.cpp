@@ -405,8 +405,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 assigned = true;
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
-                out.Merge(WithItemsFromUses(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2),
-                                            [&]() { return InstanceUseSites(entry.cls, name); }));
+                out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
                 ++fBindingVersion;
                 if (name == "__class__")

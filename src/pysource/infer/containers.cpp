@@ -174,37 +174,4 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
     return out;
 }
 
-std::vector<CEvaluator::UseSite> CEvaluator::InstanceUseSites(nb::handle cls, std::string_view attribute) {
-    std::vector<UseSite> sites;
-    si::CSingleResolvedInfo *c = Single(cls);
-    std::string class_name(NameOf(c));
-    nb::object record = RecordOf(ScopeAt(c->loc, class_name));
-    if (record.is_none())
-        return sites;
-    nb::object entries = record.attr("type_equivs");
-    if (!PyDict_Check(entries.ptr()))
-        return sites;
-    // Each method's first parameter is the instance: `self.items.append(x)`.
-    for (auto [key, ibytes] : nb::borrow<nb::dict>(entries)) {
-        if (!PyUnicode_Check(key.ptr()) || !PyBytes_Check(ibytes.ptr()))
-            continue;
-        for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";")) {
-            std::string_view bare = si::BareSingle(single);
-            if (si::GetInfoBytesKind(bare) != si::kUnboundMethodKind)
-                continue;
-            const auto def = DefInfoOf(bare);
-            std::vector<Param> params = ParamsOf(*def);
-            if (params.empty() || params[0].star || HasDecorator(*def, "staticmethod") ||
-                HasDecorator(*def, "classmethod"))
-                break;
-            nb::object method = ScopeAt(c->loc, class_name + "." + nb::cast<std::string>(key));
-            nb::object method_record = RecordOf(method);
-            if (!method_record.is_none())
-                sites.push_back({method, method_record, params[0].name + "." + std::string(attribute), -1, -1});
-            break;
-        }
-    }
-    return sites;
-}
-
 }  // namespace pysource::infer

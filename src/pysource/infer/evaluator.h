@@ -729,8 +729,6 @@ private:
     // are unknown given those that the uses at `sites_of()` pass its methods
     // (`x.append(1)`, `x[k] = v`).
     ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
-    // The uses of the instances' attribute `attribute` in the methods of `cls`.
-    std::vector<UseSite> InstanceUseSites(nb::handle cls, std::string_view attribute);
     // The entries of `record` that use `name` through one attribute or
     // subscript (`x.append`, `x["a"]`); a record's are found once per request.
     const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);
