@@ -1,4 +1,5 @@
-"""Imports: absolute, relative (in pkg/), from-imports, star imports with
+"""Imports: absolute, relative (in pkg/), from-imports (of a namespace
+package too, nspkg/), star imports with
 __all__, dotted imports and aliases."""
 
 import collections
@@ -11,6 +12,8 @@ import pkg.shapes as sh
 import pkg.sub.deep
 from collections import OrderedDict, defaultdict as dd
 from json import dumps
+from nspkg import parts
+from nspkg.parts import Part
 from os import path as osp, sep
 from pkg import Shape, make_default
 from pkg.shapes import Circle, LargestOf, UNIT
@@ -27,6 +30,8 @@ pkg.sub.deep  # expect: module pkg.sub.deep
 pkg.sub.deep.DEPTH  # expect: int
 pkg.sub.deep.Deep  # expect: type[pkg.sub.deep.Deep]
 pkg.sub.LEVEL  # expect: int
+parts.SIZE  # expect: int
+Part().Weight()  # expect: float
 pkg._hidden  # expect: int
 sh  # expect: module pkg.shapes
 sh.Circle  # expect: type[pkg.shapes.Circle]

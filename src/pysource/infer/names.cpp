@@ -1569,9 +1569,14 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
     ValueSet out;
     nb::object loc = ScopeLoc(scope);
     nb::object mod = ImportModule(module, loc);
-    if (mod.is_none())
-        return out;
     std::string dotted(module);
+    if (mod.is_none()) {
+        // A folder without an __init__ file is a namespace package: what
+        // it holds are its submodules only.
+        if (name == "*" || dotted.empty() || dotted.back() == '.')
+            return out;
+        return ModuleNamed(loc, dotted + "." + std::string(name));
+    }
     if (name == "*")
         return out;
     // `from package import name` finds a submodule before the package's
