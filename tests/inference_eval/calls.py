@@ -259,3 +259,29 @@ Forward("a", 1)[0]  # expect: str
 Forward("a", 1)[1]  # expect: int
 ForwardAfter(1.5, b"x")[1]  # expect: bytes
 Pair(*(1, "b"))[1]  # expect: str
+
+
+# `**kwargs` passed on gives the callee the keywords the call passed, by name;
+# a parameter none of them names keeps its default.
+
+def Labelled(value, label="", scale=1):
+    return value, label, scale
+
+
+def ForwardKeywords(**options):
+    return Labelled(**options)
+
+
+def ForwardBoth(*args, **options):
+    return ForwardKeywords(*args, **options)
+
+
+def Collect(**options):
+    return options
+
+
+ForwardKeywords(value=1.5, label=b"x")[0]  # expect: float
+ForwardKeywords(value=1.5, label=b"x")[1]  # expect: bytes
+ForwardKeywords(value=1.5)[2]  # expect: int
+ForwardBoth(label=2, value="v")[1]  # expect: int
+Collect(a=1, b=2)  # expect: dict[str, int]

@@ -704,7 +704,10 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     std::vector<std::pair<std::string, ValueSet>> arguments;
     std::set<std::string> passed;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
-    for (std::size_t p = first, a = 0; p < params.size() && a < args.size(); ++p, ++a) {
+    // (A call whose arguments are all known passes `*args` no positions
+    // when none are left for it.)
+    for (std::size_t p = first, a = 0;
+         p < params.size() && (a < args.size() || (arguments_whole && params[p].star == 1)); ++p, ++a) {
         passed.insert(params[p].name);
         if (params[p].star == 1 && params[p].hint.empty()) {
             // `*args`: a tuple of the positions this call passes from there on.
@@ -726,6 +729,24 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         for (std::size_t p = first; p < params.size(); ++p)
             if (params[p].name == name && params[p].star == 0 && params[p].hint.empty() && !values.Empty())
                 arguments.emplace_back(name, values);
+    }
+    // `**kwargs`: a dict of the keywords no other parameter takes; when the
+    // call's keywords are all known, each is bound by its name too, for the
+    // body to pass them on.
+    auto double_star = std::find_if(params.begin() + (std::ptrdiff_t) first, params.end(),
+                                    [](const Param &p) { return p.star == 2 && p.hint.empty(); });
+    if (arguments_whole && double_star != params.end()) {
+        ValueSet items;
+        for (const auto &[name, values] : kwargs) {
+            if (std::any_of(params.begin() + (std::ptrdiff_t) first, params.end(),
+                            [&](const Param &p) { return p.star == 0 && p.name == name; }))
+                continue;
+            items.Merge(values);
+            arguments.emplace_back(KeywordsBindingName(double_star->name, name), values);
+        }
+        ValueSet dict = KeywordsDict(items);
+        arguments.emplace_back(double_star->name, dict);
+        arguments.emplace_back(KeywordsBindingName(double_star->name), dict);
     }
     nb::object body = arguments_whole ? ScopeAt(d->loc, NameOf(d)) : nb::object();
     nb::object record = arguments_whole ? RecordOf(body) : nb::object();

@@ -783,6 +783,8 @@ bool CEvaluator::CallArguments(const Tree &tree, const Node &n, const std::funct
                 keywords_known = false;  // **mapping
             if (k.aux >= 0)
                 kwargs.emplace_back(std::string(TokText(tree, k.aux)), value_of(tree.Kid(k, 0)));
+        } else if (k.kind == NodeKind::kDoubleStarred && KeywordsPassedOn(tree, tree.Kid(k, 0), scope, kwargs)) {
+            continue;
         } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
             // `*t` of a tuple whose positions are known passes them one by
             // one: a tuple display, or a name a call binds (`*args` passed on).
@@ -806,6 +808,43 @@ bool CEvaluator::CallArguments(const Tree &tree, const Node &n, const std::funct
         }
     }
     return keywords_known;
+}
+
+std::string CEvaluator::KeywordsBindingName(std::string_view param, std::string_view keyword) {
+    std::string name("**");
+    name.append(param);
+    if (!keyword.empty())
+        name.append(".").append(keyword);
+    return name;
+}
+
+bool CEvaluator::KeywordsPassedOn(const Tree &tree, std::int32_t node, nb::handle scope, Keywords &kwargs) {
+    if (!scope.is_valid() || node < 0 || tree.nodes[(std::size_t) node].kind != NodeKind::kName)
+        return false;
+    std::string_view name = TokText(tree, tree.nodes[(std::size_t) node].aux);
+    if (!BoundValuesOf(scope, KeywordsBindingName(name)))
+        return false;
+    // A mapping the body changes (`kwargs.pop(k)`, `kwargs[k] = v`, set
+    // again) no longer holds just what the call passed.
+    nb::object record = RecordOf(scope);
+    nb::object entry = record.is_none() ? nb::object() : InfoBytesOf(record, name);
+    if (!entry.is_valid() || entry.is_none() || !UsesOf(record, name).empty())
+        return false;
+    const auto &pieces = EntryOf(si::TextView(entry, "ibytes"))->pieces;
+    if (std::any_of(pieces.begin(), pieces.end(),
+                    [](const EntryPiece &p) { return p.index && *p.index >= 0 && SaysValue(p.bare_kind); }))
+        return false;
+    DependOnScope(scope);  // the keywords are bindings of the scope
+    const std::string url = LocationUrl(ScopeLoc(scope));
+    const std::string scope_name(ScopeName(scope));
+    const std::string prefix = KeywordsBindingName(name, "") + ".";
+    for (auto it = fBoundNames.lower_bound({url, scope_name, prefix}); it != fBoundNames.end(); ++it) {
+        const auto &[bound_url, bound_scope, bound_name] = it->first;
+        if (bound_url != url || bound_scope != scope_name || bound_name.compare(0, prefix.size(), prefix) != 0)
+            break;
+        kwargs.emplace_back(bound_name.substr(prefix.size()), it->second);
+    }
+    return true;
 }
 
 ValueSet CEvaluator::CallWithArguments(nb::handle callee, const std::vector<ValueSet> &args,
@@ -1045,7 +1084,7 @@ bool CEvaluator::TuplePositions(nb::handle single, std::vector<nb::object> &posi
     if (s->fTypeArgs.is_none() || !PyTuple_Check(s->fTypeArgs.ptr()))
         return false;
     Py_ssize_t size = PyTuple_GET_SIZE(s->fTypeArgs.ptr());
-    if (size == 0 || IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), size - 1)))
+    if (size > 0 && IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), size - 1)))
         return false;
     for (Py_ssize_t i = 0; i < size; ++i)
         positions.push_back(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), i)));

@@ -494,8 +494,8 @@ private:
     // (tuple[int, ...]); positional ones carry one set per item.
     nb::object EllipsisArg();
     static bool IsEllipsisArg(nb::handle arg);
-    // The type arguments of a tuple by position, or false when it is
-    // homogeneous or has none.
+    // The type arguments of a tuple by position (none for `()`), or false
+    // when it is homogeneous or its arguments are unknown.
     // A named tuple's instance has the positions of its annotated fields.
     bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
@@ -717,6 +717,16 @@ private:
     // after it aren't read).
     bool CallArguments(const Tree &tree, const pgen::Node &n, const std::function<ValueSet(std::int32_t)> &value_of,
                        std::vector<ValueSet> &args, Keywords &kwargs, nb::handle scope = nb::handle());
+    // `**kwargs` passed on: a def's `**` parameter, bound by the call whose
+    // body is read, gives that call's other keywords by name.  Each is bound
+    // under a name no source can write (KeywordsBindingName); false when
+    // `node` is no such parameter, or the body changes it before passing it.
+    bool KeywordsPassedOn(const Tree &tree, std::int32_t node, nb::handle scope, Keywords &kwargs);
+    // The binding name of the keywords a call gives the `**` parameter
+    // `param`: "**param" says they are all known, "**param.kw" holds `kw`.
+    static std::string KeywordsBindingName(std::string_view param, std::string_view keyword = {});
+    // `dict[str, V]` of the keyword values `values` (what `**kwargs` holds).
+    ValueSet KeywordsDict(const ValueSet &values);
     // Containers grown by later use (containers.cpp).  Where a container
     // is used: `name` in the body of `scope` (whose record is `record`),
     // between body logicals `after` and `until` (-1: from the start, to the end).

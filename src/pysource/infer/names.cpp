@@ -1494,15 +1494,13 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
         }
         if (star == 0)
             return items;
-        nb::object cls = BuiltinClass(star == 1 ? "tuple" : "dict");
+        if (star == 2)
+            return KeywordsDict(items);
+        nb::object cls = BuiltinClass("tuple");
         if (cls.is_none())
             return out;
-        if (star == 1)
-            return InstanceOf(cls, items.Empty() ? nb::object(nb::none())
-                                                 : nb::object(nb::make_tuple(items.AsFrozenSet(), EllipsisArg())));
-        ValueSet keys;
-        keys.Add(LiteralSingle("str", std::nullopt));
-        return InstanceOf(cls, nb::make_tuple(keys.AsFrozenSet(), items.AsFrozenSet()));
+        return InstanceOf(cls, items.Empty() ? nb::object(nb::none())
+                                             : nb::object(nb::make_tuple(items.AsFrozenSet(), EllipsisArg())));
     }
     case si::kModuleKind:
     case si::kImportKind:
@@ -1588,6 +1586,15 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
         return out;
     }
     return ModuleAttribute(ModuleSingle(mod, dotted), name, !star);
+}
+
+ValueSet CEvaluator::KeywordsDict(const ValueSet &values) {
+    nb::object cls = BuiltinClass("dict");
+    if (cls.is_none())
+        return ValueSet();
+    ValueSet keys;
+    keys.Add(LiteralSingle("str", std::nullopt));
+    return InstanceOf(cls, nb::make_tuple(keys.AsFrozenSet(), values.AsFrozenSet()));
 }
 
 nb::object CEvaluator::SubmoduleOf(nb::handle package_loc, std::string_view package_dotted, std::string_view name) {
