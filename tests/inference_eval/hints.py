@@ -126,6 +126,15 @@ def Variables() -> None:
     later: "Forward" = Forward()
     later  # expect: Forward
     later.Value()  # expect: int
+    # An annotation that can name no type declares nothing: the value tells.
+    width: 3 * 2 = 1.5
+    width  # expect: float
+    note: "" = b"n"
+    note  # expect: bytes
+    label = b"x"  # type: bytes of the label
+    label  # expect: bytes
+    either: "int | str" = 1
+    either  # expect: int | str
 
 
 class Forward:

@@ -441,6 +441,10 @@ public:
     ValueSet ResolveText(nb::handle scope, std::string_view text, long long use_index);
     // A type hint's text read in `scope`: the instances it describes.
     ValueSet ResolveHintText(nb::handle scope, std::string_view text, const TypeMap *map);
+    // Whether an annotation can name no type whatever its names hold: a
+    // number, a string that holds no expression, arithmetic.  Such an
+    // annotation declares nothing of what the name holds.
+    bool NamesNoType(std::string_view text);
     // The values that info bytes (a single or a compound) stand for, read
     // in `scope`.
     ValueSet ValuesOfInfo(nb::handle scope, std::string_view ibytes, long long use_index);

@@ -114,6 +114,40 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
     return found;
 }
 
+bool CEvaluator::NamesNoType(std::string_view text) {
+    const auto parsed = ParseText(text);
+    const Tree &tree = parsed->tree;
+    std::function<bool(std::int32_t)> no_type = [&](std::int32_t node) {
+        if (node < 0)
+            return true;
+        const Node &n = tree.nodes[(std::size_t) node];
+        switch (n.kind) {
+        case NodeKind::kConstant: {
+            std::string_view value = tree.toks[(std::size_t) n.tok_begin].text;
+            return value != "None" && value != "...";
+        }
+        case NodeKind::kString: {
+            // A string holds the hint as text: one that holds no expression
+            // names nothing.
+            std::string_view inner;
+            if (!pgen::StringAnnotationText(tree, node, inner))
+                return false;
+            return si::StripSpaces(inner).empty() || NamesNoType(inner);
+        }
+        case NodeKind::kBinOp: {
+            // `A | B` is a union; other operators compute a value.
+            std::int32_t left = tree.Kid(n, 0);
+            if (left < 0 || tree.toks[(std::size_t) tree.nodes[(std::size_t) left].tok_end].text != "|")
+                return true;
+            return no_type(left) || no_type(tree.Kid(n, 1));
+        }
+        default:
+            return false;
+        }
+    };
+    return parsed->root < 0 || no_type(parsed->root);
+}
+
 ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, const TypeMap *map) {
     ValueSet out;
     if (Stop())

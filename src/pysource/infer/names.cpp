@@ -1008,7 +1008,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         std::string_view text = si::StripSpaces(hint);
         std::size_t dot = text.rfind('.');
         std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
-        return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar";
+        return !hint.ends_with("TypeAlias") && leaf != "Final" && leaf != "ClassVar" && !NamesNoType(hint);
     };
     // (Declared at the use: a declaration after it doesn't count.)
     bool declared = false;
