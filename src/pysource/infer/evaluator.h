@@ -530,6 +530,9 @@ private:
 
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
+    // A name that no scope around the use sets: what the tests around the
+    // use tell of it where they hold (`if isinstance(x, C):`).
+    ValueSet UnsetNameNarrowed(nb::handle scope, std::string_view name, long long use_index);
     ValueSet LookupInScopeChain(nb::handle scope, std::string_view name);
     long long DefStatementIndex(nb::handle up, std::string_view child);
     long long ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name);

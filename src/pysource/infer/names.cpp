@@ -721,7 +721,7 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     }
     if (scope_name.empty()) {
         out.Merge(BuiltinNamed(name));
-        return out;
+        return out.Empty() ? UnsetNameNarrowed(scope, name, use_index) : out;
     }
     std::string child(scope_name);
     while (!parent.empty()) {
@@ -739,7 +739,14 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
         parent = std::string(si::ParentScopeName(parent));
     }
     out.Merge(LookupInScopeChain(ModuleScopeOf(loc), name));
-    return out;
+    return out.Empty() ? UnsetNameNarrowed(scope, name, use_index) : out;
+}
+
+ValueSet CEvaluator::UnsetNameNarrowed(nb::handle scope, std::string_view name, long long use_index) {
+    nb::object record = use_index < 0 ? nb::none() : ScopeName(scope).empty() ? ModuleRecord(ScopeLoc(scope)) : RecordOf(scope);
+    if (record.is_none())
+        return ValueSet();
+    return Narrowed(scope, record, name, "", use_index, ValueSet());
 }
 
 // The logical index of the statement in `up` that makes its nested def or
