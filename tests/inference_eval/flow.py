@@ -251,7 +251,25 @@ def Injected():
     injected  # expect: bytes | str
 
 
+def ConstantBranches():
+    """A branch whose test is a constant that can't take it never runs: the
+    other branches of its chain set the name surely."""
+    kind = []
+    if 0:
+        kind = ""
+    else:
+        kind = 1.5
+    kind  # expect: float
+    mode = b""
+    if 1:
+        mode = 2
+    else:
+        mode = None
+    mode  # expect: int
+
+
 def _main():
+    ConstantBranches()
     globals()["injected"] = "s"
     Injected()
     Classified("s")

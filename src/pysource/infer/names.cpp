@@ -1319,8 +1319,15 @@ bool CEvaluator::CompletesIfChain(nb::handle scope, const std::vector<std::vecto
         !BlockHolds(paths, branch, use) || std::find(use_path.begin(), use_path.end(), branch) != use_path.end())
         return false;
     covered.insert(branch);
+    // A block whose test is a constant that can't take it (`if 0:`, the
+    // `else` of `if 1:`) needs no setting.
+    auto never_runs = [&](long long header) {
+        std::size_t first = (std::size_t) header + 1;
+        return first < paths.size() && !paths[first].empty() && paths[first].back() == header &&
+               NeverRuns(scope, header + 1);
+    };
     for (long long header : (*chains)[(std::size_t) branch])
-        if (!covered.count(header))
+        if (!covered.count(header) && !never_runs(header))
             return false;
     return true;
 }
