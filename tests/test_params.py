@@ -168,6 +168,9 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A def binds its name once made: not in its own defaults or decorators, but on a later turn.
     ("def w(x=target(w)):\n        pass", "a", {"? expression w (logical 0)"}),
     ("for i in [1]:\n        if i:\n            target(w)\n        def w():\n            pass", "a", {"def app.run.w"}),
+    # A class of another module keeps its own name, even one that typing uses for a built-in.
+    ("import ast\n    target(ast.List(), ast.Tuple())", "a", {"ast.List"}),
+    ("import ast\n    target(ast.List(), ast.Tuple())", "b", {"ast.Tuple"}),
     # A star import brings what the module binds, not what its __getattr__ makes up.
     ("target(int)", "a", {"type[int]"}),
     # `is` against an object of its own (a sentinel) tells it from the others.
