@@ -168,6 +168,14 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A def binds its name once made: not in its own defaults or decorators, but on a later turn.
     ("def w(x=target(w)):\n        pass", "a", {"? expression w (logical 0)"}),
     ("for i in [1]:\n        if i:\n            target(w)\n        def w():\n            pass", "a", {"def app.run.w"}),
+    # A comprehension's or a lambda's own names aren't the enclosing scope's: a target
+    # holds the items of its iterable, a lambda's parameter nothing known.
+    ("w = b''\n    x = [target(w, k=w) for w in ['']]\n    w = 1", "a", {"str"}),
+    ("x = {target(k, w) for k, (_, w) in {1: ('', b'')}.items()}", "b", {"bytes"}),
+    ("x = [target(w, i) for w in [[1]] for i in w]", "a", {"list[int]"}),
+    ("x = [target(w, i) for w in [[1]] for i in w]", "b", set()),
+    ("f = lambda v: target(v, 1)\n    f(b'')", "a", set()),
+    ("f = lambda v: target(v, 1)\n    f(b'')", "b", {"int"}),
     # A class of another module keeps its own name, even one that typing uses for a built-in.
     ("import ast\n    target(ast.List(), ast.Tuple())", "a", {"ast.List"}),
     ("import ast\n    target(ast.List(), ast.Tuple())", "b", {"ast.Tuple"}),
