@@ -132,7 +132,10 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(1, k='s', b=1.5)", "b", {"float"}),
     ("target(1, k='s', b=1.5)", "rest", set()),
     ("target(k=1)", "a", set()),
-    ("target(a == 1, 2)", "a", set()),
+    ("target(a == 1, 2)", "a", {"bool"}),
+    # An expression of several terms means what it means in parentheses.
+    ("target(v or '', v + 1)", "a", {"float", "str"}),
+    ("target(v or '', v + 1)", "b", {"float"}),
     # A bracket that opens an expression, not a display filling the argument.
     ("target((x for x in [1]))", "a", {"typing.Generator[int, None, None]"}),
     ("target((v or ''))", "a", {"float", "str"}),
