@@ -265,7 +265,7 @@ def test_name_arguments_lazy_or_resolved(mgr, locs, make_scanner, lib_f):
         [lazy, None, si.PrefixWithLocationAndScope(b"y", locs["app.py"], "")]
     # An expression of several terms is read like one in parentheses.
     assert scanner._GetArgInfoBytesList(called("x + 1, (1 + 2)"), ctx) == \
-        [si.PrefixWithLocationAndScope(b"x + 1", locs["app.py"], ""),
+        [si.PrefixWithLocationAndScope(b"(x + 1)", locs["app.py"], ""),
          si.PrefixWithLocationAndScope(b"(1 + 2)", locs["app.py"], "")]
     assert engine.calls == []
     previous = ss.SetLazyCalledArgEvaluation(False)

@@ -156,13 +156,16 @@ nb::object CSingleScopeSecondaryScanner::ArgInfoBytesAt(std::string_view text,
         return Literal("function", nb::none());  // what it does is left to a call of it
     if (!si::IsAtomExpr(text) && !IsSignedNumberText(text)) {
         // An expression of several terms means what it means in parentheses
-        // (`n - 1`, `a or b`): read where the call stands, like a name.
+        // (`n - 1`, `a or b`, a generator expression as the one argument):
+        // read so where the call stands, like a name.
         // (A `;` in it, inside a string, would split the record's compound.)
         // An empty argument stands for a name of an inner scope: nothing known.
         if (!kLazyCalledArgEvaluation || text.empty() || SplitKeyword(text) ||
             text.find(';') != std::string_view::npos)
             return nb::none();
-        return LazyArgInfoBytes(text, call_at);
+        std::string in_parentheses(1, '(');
+        in_parentheses.append(text).push_back(')');
+        return LazyArgInfoBytes(in_parentheses, call_at);
     }
     if (DbgStatsOn())
         DbgCountScanHit_(nb::str("called-arg-resolve"));
