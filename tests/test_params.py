@@ -136,7 +136,8 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # An expression of several terms means what it means in parentheses.
     ("target(v or '', v + 1)", "a", {"float", "str"}),
     ("target(v or '', v + 1)", "b", {"float"}),
-    ("target(x == 1 for x in [1])", "a", {"typing.Generator[bool, None, None]"}),
+    ("target(x == 1 for x, _ in [(1, '')])", "a", {"typing.Generator[bool, None, None]"}),
+    ("target(x == 1 for x, _ in [(1, '')])", "b", set()),
     # A bracket that opens an expression, not a display filling the argument.
     ("target((x for x in [1]))", "a", {"typing.Generator[int, None, None]"}),
     ("target((v or ''))", "a", {"float", "str"}),

@@ -179,11 +179,15 @@ bool Collector::ReadsInnerBound(std::int32_t node) const {
     return false;
 }
 
+// A generator expression that is a call's one argument gets the parentheses
+// it shares with the call, so that its commas don't read as the call's.
 // A name an inner scope binds isn't the enclosing scope's: it reads as what
 // a comprehension's target holds, or as nothing (an empty argument, which
 // says no type) when that isn't known there, as for a lambda's parameters.
 std::string Collector::ArgumentText(std::int32_t arg) const {
     const Node n = N(arg);
+    if (n.kind == NodeKind::kGenExp && (n.flags & kFlagParenthesized) == 0)
+        return Cat({"(", Text(arg), ")"});
     std::int32_t value = n.kind == NodeKind::kKeyword ? Kid(arg, 0) : arg;
     const Node v = N(value);
     if (v.kind != NodeKind::kName || (v.flags & kFlagParenthesized) != 0 ||
@@ -311,8 +315,11 @@ void Collector::AddCall(std::int32_t node) {
     std::string trailer = t_.Text(leading_end, callee.tok_end);
     std::string args = t_.Text(call.aux + 1, call.tok_end - 1);
     bool rewritten = false;
-    for (std::int32_t i = 1; !inner_.empty() && !rewritten && i < call.kids_count; ++i)
-        rewritten = ArgumentText(Kid(node, i)) != Text(Kid(node, i));
+    for (std::int32_t i = 1; !rewritten && i < call.kids_count; ++i) {
+        const Node arg = N(Kid(node, i));
+        rewritten = (arg.kind == NodeKind::kGenExp || !inner_.empty()) &&
+                    ArgumentText(Kid(node, i)) != Text(Kid(node, i));
+    }
     if (rewritten) {
         args.clear();
         for (std::int32_t i = 1; i < call.kids_count; ++i)
