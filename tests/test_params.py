@@ -132,7 +132,12 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("target(1, k='s', b=1.5)", "b", {"float"}),
     ("target(1, k='s', b=1.5)", "rest", set()),
     ("target(k=1)", "a", set()),
-    ("target(a == 1, 2)", "a", set()),
+    ("target(a == 1, 2)", "a", {"bool"}),
+    # An expression of several terms means what it means in parentheses.
+    ("target(v or '', v + 1)", "a", {"float", "str"}),
+    ("target(v or '', v + 1)", "b", {"float"}),
+    ("target(x == 1 for x, _ in [(1, '')])", "a", {"typing.Generator[bool, None, None]"}),
+    ("target(x == 1 for x, _ in [(1, '')])", "b", set()),
     # A bracket that opens an expression, not a display filling the argument.
     ("target((x for x in [1]))", "a", {"typing.Generator[int, None, None]"}),
     ("target((v or ''))", "a", {"float", "str"}),
@@ -168,6 +173,17 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     # A def binds its name once made: not in its own defaults or decorators, but on a later turn.
     ("def w(x=target(w)):\n        pass", "a", {"? expression w (logical 0)"}),
     ("for i in [1]:\n        if i:\n            target(w)\n        def w():\n            pass", "a", {"def app.run.w"}),
+    # A comprehension's or a lambda's own names aren't the enclosing scope's: a target
+    # holds the items of its iterable, a lambda's parameter nothing known.
+    ("w = b''\n    x = [target(w, k=w) for w in ['']]\n    w = 1", "a", {"str"}),
+    ("x = {target(k, w) for k, (_, w) in {1: ('', b'')}.items()}", "b", {"bytes"}),
+    ("x = [target(w, i) for w in [[1]] for i in w]", "a", {"list[int]"}),
+    ("x = [target(w, i) for w in [[1]] for i in w]", "b", set()),
+    ("f = lambda v: target(v, 1)\n    f(b'')", "a", set()),
+    ("f = lambda v: target(v, 1)\n    f(b'')", "b", {"int"}),
+    # A class of another module keeps its own name, even one that typing uses for a built-in.
+    ("import ast\n    target(ast.List(), ast.Tuple())", "a", {"ast.List"}),
+    ("import ast\n    target(ast.List(), ast.Tuple())", "b", {"ast.Tuple"}),
     # A star import brings what the module binds, not what its __getattr__ makes up.
     ("target(int)", "a", {"type[int]"}),
     # `is` against an object of its own (a sentinel) tells it from the others.

@@ -237,10 +237,10 @@ def test_global_and_nonlocal_items(mgr, tmp_path, make_scanner):
 
 
 @pytest.mark.parametrize("arg, expected", [
-    ("1", b"int"), ("-1.5", b"float"), ("+.5", b"float"), ("1 + 2", None), ("None", b"None"),
+    ("1", b"int"), ("-1.5", b"float"), ("+.5", b"float"), ("None", b"None"),
     ("True", b"bool"), ('b"x"', b"bytes"), ('rb"x"', b"bytes"), ('f"x"', b"str"),
     ('"x"', b"str"), ('u"x"', b"str"), ("[]", b"list"), ("()", b"tuple"), ("{}", b"dict"),
-    ("{1: 2}", b"dict"), ("{1}", b"set"), ("x + 1", None),
+    ("{1: 2}", b"dict"), ("{1}", b"set"), ("k=1", None),
 ])
 def test_argument_literal_classification(mgr, locs, make_scanner, arg, expected):
     scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
@@ -263,6 +263,10 @@ def test_name_arguments_lazy_or_resolved(mgr, locs, make_scanner, lib_f):
     lazy = si.PrefixWithLocationAndScope(b"x", locs["app.py"], "")
     assert scanner._GetArgInfoBytesList(called("x, 1, y"), ctx, skip_indexes={1}) == \
         [lazy, None, si.PrefixWithLocationAndScope(b"y", locs["app.py"], "")]
+    # An expression of several terms is read like one in parentheses.
+    assert scanner._GetArgInfoBytesList(called("x + 1, (1 + 2)"), ctx) == \
+        [si.PrefixWithLocationAndScope(b"(x + 1)", locs["app.py"], ""),
+         si.PrefixWithLocationAndScope(b"(1 + 2)", locs["app.py"], "")]
     assert engine.calls == []
     previous = ss.SetLazyCalledArgEvaluation(False)
     try:

@@ -231,13 +231,20 @@ def _Qualified(name, single, mgr, asked_loc):
     return f"{module}.{name}"
 
 
-def _CleanName(name):
-    """A class or scope name without scope indexes and the instance mark,
-    its type arguments in canonical form."""
-    name = _kScopeIndex.sub("", name)
+def _CleanName(name, single, mgr):
+    """A class or scope name of `single` without scope indexes and the
+    instance mark, its type arguments in canonical form.  Only in builtins
+    and typing does `List` stand for `list`: a class `List` of another module
+    keeps its own name."""
+    name = _kScopeIndex.sub("", name).strip()
     if name.endswith(symbolinfo.kClassInstanceSuffix):
         name = name[:-len(symbolinfo.kClassInstanceSuffix)]
-    return CanonicalTypeText(name)
+    if _ModuleOf(single, mgr) in (None, "", _kBuiltinsModule, "typing", "typing_extensions"):
+        return CanonicalTypeText(name)
+    open_i = name.find("[")
+    if open_i < 0 or not name.endswith("]"):
+        return name
+    return f"{name[:open_i]}[{', '.join(_CanonicalArgs(name[open_i + 1:-1]))}]"
 
 
 def _SplitAt(text, sep):
@@ -260,12 +267,17 @@ def CanonicalTypeText(text):
     if open_i < 0 or not text.endswith("]"):
         return _kTypingAliases.get(text, text)
     head = text[:open_i]
-    args = [CanonicalTypeText(a) for a in _SplitAt(text[open_i + 1:-1], ",")]
+    args = _CanonicalArgs(text[open_i + 1:-1])
     if head == "Optional" and len(args) == 1:
         return CanonicalTypeText(f"{args[0]} | None")
     if head == "Union":
         return CanonicalTypeText(" | ".join(args))
     return f"{_kTypingAliases.get(head, head)}[{', '.join(args)}]"
+
+
+def _CanonicalArgs(inner):
+    """The type arguments between a generic's brackets, each in canonical form."""
+    return [CanonicalTypeText(a) for a in _SplitAt(inner, ",")]
 
 
 def _BareSingle(single):
@@ -297,14 +309,14 @@ def DescribeSingle(single, mgr, asked_loc=None):
     if single.IsModule():
         return f"module {_ModuleName(single, mgr)}"
     if single.IsClass():
-        name = _CleanName(single.GetClassName() or "?")
+        name = _CleanName(single.GetClassName() or "?", single, mgr)
         return f"type[{_Qualified(name, single, mgr, asked_loc)}]"
     if single.IsDef():
         scope = single.GetDefinedScope()
-        name = _CleanName(scope.name) if scope is not None else "?"
+        name = _CleanName(scope.name, single, mgr) if scope is not None else "?"
         return f"def {_Qualified(name, single, mgr, asked_loc)}"
     if single.IsInstance():
-        name = _CleanName(single.GetInstanceClassName() or single.GetTypeName() or "?")
+        name = _CleanName(single.GetInstanceClassName() or single.GetTypeName() or "?", single, mgr)
         if name in _kNoneClassNames:
             return "None"
         return _Qualified(name, single, mgr, asked_loc) + _TypeArgsText(single, mgr, asked_loc)

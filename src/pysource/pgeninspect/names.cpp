@@ -7,6 +7,7 @@
 #include "pysource/pgeninspect/parser.h"
 #include "pysource/scopename.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace pysource::pgen {
@@ -66,6 +67,9 @@ private:
     struct InnerScope {
         bool comprehension;
         std::vector<std::string_view> names;
+        // What a comprehension's targets hold, where the enclosing scope
+        // can read it: `k` of `for k in d.keys()` is `d.keys()[*]`.
+        std::vector<std::pair<std::string_view, std::string>> values;
     };
     std::vector<InnerScope> inner_;
     bool bind_inner_ = false;  // binding the targets of a comprehension
@@ -82,6 +86,9 @@ private:
         out_.arg_type_equivs.push_back(NamePair{std::string(name), std::move(info)});
     }
     bool IsInnerBound(std::string_view name) const;
+    bool ReadsInnerBound(std::int32_t node) const;
+    // A call's argument text as the enclosing scope reads it.
+    std::string ArgumentText(std::int32_t arg) const;
 
     // Reads
     void Read(std::int32_t node);
@@ -160,6 +167,44 @@ bool Collector::IsInnerBound(std::string_view name) const {
             if (bound == name)
                 return true;
     return false;
+}
+
+// Whether any name token of the node is bound by an inner scope (an
+// attribute of the same name counts too: that only loses a value).
+bool Collector::ReadsInnerBound(std::int32_t node) const {
+    const Node n = N(node);
+    for (std::int32_t tok = n.tok_begin; tok < n.tok_end; ++tok)
+        if (t_.toks[(size_t) tok].cls == TokClass::kName && IsInnerBound(TokText(tok)))
+            return true;
+    return false;
+}
+
+// A generator expression that is a call's one argument gets the parentheses
+// it shares with the call, so that its commas don't read as the call's.
+// A name an inner scope binds isn't the enclosing scope's: it reads as what
+// a comprehension's target holds, or as nothing (an empty argument, which
+// says no type) when that isn't known there, as for a lambda's parameters.
+std::string Collector::ArgumentText(std::int32_t arg) const {
+    const Node n = N(arg);
+    if (n.kind == NodeKind::kGenExp && (n.flags & kFlagParenthesized) == 0)
+        return Cat({"(", Text(arg), ")"});
+    std::int32_t value = n.kind == NodeKind::kKeyword ? Kid(arg, 0) : arg;
+    const Node v = N(value);
+    if (v.kind != NodeKind::kName || (v.flags & kFlagParenthesized) != 0 ||
+        !IsInnerBound(TokText(v.aux)))
+        return Text(arg);
+    std::string text = t_.Text(n.tok_begin, v.tok_begin);
+    std::string_view name = TokText(v.aux);
+    for (auto scope = inner_.rbegin(); scope != inner_.rend(); ++scope) {
+        if (std::find(scope->names.begin(), scope->names.end(), name) == scope->names.end())
+            continue;
+        for (auto held = scope->values.rbegin(); held != scope->values.rend(); ++held) {
+            if (held->first == name)
+                return text + held->second;
+        }
+        break;
+    }
+    return text;
 }
 
 std::string Collector::ValueText(std::int32_t node) const {
@@ -269,6 +314,17 @@ void Collector::AddCall(std::int32_t node) {
     }
     std::string trailer = t_.Text(leading_end, callee.tok_end);
     std::string args = t_.Text(call.aux + 1, call.tok_end - 1);
+    bool rewritten = false;
+    for (std::int32_t i = 1; !rewritten && i < call.kids_count; ++i) {
+        const Node arg = N(Kid(node, i));
+        rewritten = (arg.kind == NodeKind::kGenExp || !inner_.empty()) &&
+                    ArgumentText(Kid(node, i)) != Text(Kid(node, i));
+    }
+    if (rewritten) {
+        args.clear();
+        for (std::int32_t i = 1; i < call.kids_count; ++i)
+            args.append(i > 1 ? ", " : "").append(ArgumentText(Kid(node, i)));
+    }
     Add(name, sym::PackCalled(trailer, args));
 }
 
@@ -278,14 +334,24 @@ void Collector::ReadComprehension(std::int32_t node, std::int32_t element_count)
     // The first iterable is evaluated in the enclosing scope.
     if (first_comp >= 0)
         Read(Kid(first_comp, 1));
-    inner_.push_back(InnerScope{true, {}});
+    // What a target holds is known to the enclosing scope while its iterable
+    // reads none of the names of the scopes within.
+    OptText first_items;
+    if (first_comp >= 0 && !ReadsInnerBound(Kid(first_comp, 1)))
+        first_items = Cat({ValueText(Kid(first_comp, 1)), sym::kIterationSubscript});
+    inner_.push_back(InnerScope{true, {}, {}});
     for (std::int32_t c = element_count; c < n.kids_count; ++c) {
         std::int32_t comp = Kid(node, c);
-        if (c != element_count)
+        OptText items = first_items;
+        if (c != element_count) {
             Read(Kid(comp, 1));
+            items = ReadsInnerBound(Kid(comp, 1))
+                        ? std::nullopt
+                        : OptText(Cat({ValueText(Kid(comp, 1)), sym::kIterationSubscript}));
+        }
         bool saved = bind_inner_;
         bind_inner_ = true;
-        Bind(Kid(comp, 0), -1, std::nullopt);
+        Bind(Kid(comp, 0), -1, items);
         bind_inner_ = saved;
         ReadKids(comp, 2);
     }
@@ -296,7 +362,7 @@ void Collector::ReadComprehension(std::int32_t node, std::int32_t element_count)
 
 void Collector::ReadLambda(std::int32_t node) {
     std::int32_t params = Kid(node, 0);
-    InnerScope scope{false, {}};
+    InnerScope scope{false, {}, {}};
     const Node &p = N(params);
     for (std::int32_t i = 0; i < p.kids_count; ++i) {
         std::int32_t param = Kid(params, i);
@@ -318,6 +384,8 @@ void Collector::ReadLambda(std::int32_t node) {
 void Collector::BindName(std::string_view name, const OptText &value) {
     if (bind_inner_ && !inner_.empty()) {
         inner_.back().names.push_back(name);
+        if (value)
+            inner_.back().values.emplace_back(name, *value);
         return;
     }
     Add(name, std::string(sym::kSetPrefix));
@@ -695,7 +763,7 @@ void Collector::Declared(std::int32_t node, std::string_view prefix) {
 }
 
 void Collector::PushTypeParams(std::int32_t type_params) {
-    InnerScope scope{false, {}};
+    InnerScope scope{false, {}, {}};
     if (type_params >= 0) {
         const Node &tp = N(type_params);
         for (std::int32_t i = 0; i < tp.kids_count; ++i)

@@ -102,6 +102,18 @@ bool IsWholeDisplay(std::string_view text, int open_tok) {
     return open_tok != kTokLPar || comma || count == 2;
 }
 
+// A keyword argument `name=value` as (name, value); nullopt for any other
+// argument (`a == b`, `a <= b`).
+std::optional<std::pair<std::string_view, std::string_view>> SplitKeyword(std::string_view text) {
+    std::ptrdiff_t equals = si::NonNestedFind(text, "=");
+    if (equals <= 0 || text.substr((std::size_t) equals, 2) == "==")
+        return std::nullopt;
+    std::string_view name = si::StripSpaces(text.substr(0, (std::size_t) equals));
+    if (!si::IsSingleNameToken(name))
+        return std::nullopt;
+    return std::make_pair(name, si::StripSpaces(text.substr((std::size_t) equals + 1)));
+}
+
 }  // namespace
 
 nb::object CSingleScopeSecondaryScanner::ResolveInThisScope_(nb::handle expr_text,
@@ -142,8 +154,19 @@ nb::object CSingleScopeSecondaryScanner::ArgInfoBytesAt(std::string_view text,
                                                         nb::handle ctx) {
     if (IsLambdaText(text))
         return Literal("function", nb::none());  // what it does is left to a call of it
-    if (!si::IsAtomExpr(text) && !IsSignedNumberText(text))
-        return nb::none();  // a compound expression is given up at once
+    if (!si::IsAtomExpr(text) && !IsSignedNumberText(text)) {
+        // An expression of several terms means what it means in parentheses
+        // (`n - 1`, `a or b`, a generator expression as the one argument):
+        // read so where the call stands, like a name.
+        // (A `;` in it, inside a string, would split the record's compound.)
+        // An empty argument stands for a name of an inner scope: nothing known.
+        if (!kLazyCalledArgEvaluation || text.empty() || SplitKeyword(text) ||
+            text.find(';') != std::string_view::npos)
+            return nb::none();
+        std::string in_parentheses(1, '(');
+        in_parentheses.append(text).push_back(')');
+        return LazyArgInfoBytes(in_parentheses, call_at);
+    }
     if (DbgStatsOn())
         DbgCountScanHit_(nb::str("called-arg-resolve"));
     // The argument is read where the call stands: its text carries the
@@ -160,17 +183,12 @@ void CSingleScopeSecondaryScanner::AddInfoForKeywordArgs(nb::handle derived_list
     nb::tuple called = si::PyUnpackCalled(called_ibytes);
     std::vector<std::pair<std::string, nb::object>> keywords;  // (name, info bytes)
     for (nb::handle arg : si::PySplitArguments(called[1])) {
-        std::string_view text = TextOf(arg);
-        std::ptrdiff_t equals = si::NonNestedFind(text, "=");
-        if (equals <= 0 || text.substr((std::size_t) equals, 2) == "==")
+        auto keyword = SplitKeyword(TextOf(arg));
+        if (!keyword)
             continue;
-        std::string_view name = si::StripSpaces(text.substr(0, (std::size_t) equals));
-        if (!si::IsSingleNameToken(name))
-            continue;  // `a <= b` and the like
-        nb::object ibytes =
-            ArgInfoBytesAt(si::StripSpaces(text.substr((std::size_t) equals + 1)), call_at, ctx);
+        nb::object ibytes = ArgInfoBytesAt(keyword->second, call_at, ctx);
         if (!ibytes.is_none())
-            keywords.emplace_back(std::string(name), ibytes);
+            keywords.emplace_back(std::string(keyword->first), ibytes);
     }
     if (keywords.empty())
         return;
@@ -229,16 +247,8 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
             return Literal("bool", literal);
         if (DbgStatsOn())
             DbgCountScanEvent_(nb::str("arg-name"), _gDbgSeenArgs.get(), arg_text);
-        nb::object our_scope = OurScope();
-        if (kLazyCalledArgEvaluation) {
-            // The name travels with the scope it was used in and is
-            // evaluated when the derived record is read.
-            si::CScope &ours = ScopeOf(our_scope);
-            nb::object lazy = si::PyPrefixWithLocationAndScope(utf8, ours.loc, ours.name);
-            if (!split.logical_index)
-                return lazy;
-            return Bytes(si::AppendLogicalIndexBytesSuffix(TextOf(lazy), std::to_string(*split.logical_index)));
-        }
+        if (kLazyCalledArgEvaluation)
+            return LazyArgInfoBytes(text, split.logical_index);
         nb::object resolved = ResolveInThisScope_(arg_text, true, ctx);
         if (resolved.is_none() || !HasItems(resolved))
             return nb::none();
@@ -259,6 +269,17 @@ nb::object CSingleScopeSecondaryScanner::GetInfoBytesForResolvedArgText_(nb::han
     default:
         return nb::none();
     }
+}
+
+nb::object CSingleScopeSecondaryScanner::LazyArgInfoBytes(std::string_view text,
+                                                          std::optional<long long> read_at) {
+    // The text travels with the scope it was used in and is evaluated when
+    // the derived record is read.
+    si::CScope &ours = ScopeOf(OurScope());
+    nb::object lazy = si::PyPrefixWithLocationAndScope(Bytes(text), ours.loc, ours.name);
+    if (!read_at)
+        return lazy;
+    return Bytes(si::AppendLogicalIndexBytesSuffix(TextOf(lazy), std::to_string(*read_at)));
 }
 
 nb::object CSingleScopeSecondaryScanner::GetInfoBytesForReducedResolved_(nb::handle resolved) {

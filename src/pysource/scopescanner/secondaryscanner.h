@@ -155,6 +155,9 @@ private:
     // The info bytes of one argument's text read at the call's logical
     // index, or None for an expression that isn't resolved.
     nb::object ArgInfoBytesAt(std::string_view text, std::optional<long long> call_at, nb::handle ctx);
+    // An argument's text as a reference to this scope, read at `read_at`
+    // when the derived record is read.
+    nb::object LazyArgInfoBytes(std::string_view text, std::optional<long long> read_at);
     // Keyword arguments recorded on the parameters of that name.
     void AddInfoForKeywordArgs(nb::handle derived_list, nb::handle called_ibytes, nb::handle ctx);
     // `o[k] = v` (`value` is v as the primary record holds it) recorded as
