@@ -47,7 +47,7 @@ public:
     // Moves on when the tables change, and when what a scan records does
     // (records written by an older build are not read as this one's): a
     // file of an older version is rebuilt empty.
-    static constexpr int kSchemaVersion = 3;
+    static constexpr int kSchemaVersion = 4;
     static constexpr std::int32_t kApplicationId = 0x50795372;  // "PySr"
 
     // Opens (creating if need be, unless `read_only`) the database at `path`.
