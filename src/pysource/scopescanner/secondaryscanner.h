@@ -119,6 +119,11 @@ public:
     virtual void AddInfoForNonlocal_(nb::handle name, nb::handle ctx);
     // The (scope, primary scan name) pairs in ctx.fNeedsScan, as a set.
     virtual nb::object PrimaryScansNeeded_(nb::handle ctx);
+    // Whether `ctx` needs primary scans that haven't run for this scanner yet.
+    bool WaitsForScans_(nb::handle ctx);
+    // Whether a resolve that `ctx` marks incomplete is taken as it stands:
+    // on an item's final try, once every primary scan it needs has run.
+    bool TakesPartial_(nb::handle ctx);
     virtual nb::object GetNeedsScanLocs();
     virtual void SaveDerivedInfoDict_();
 
