@@ -326,7 +326,6 @@ def types_reaching_target(folder, monkeypatch, capsys, body, clock=None):
 # index says what it says here.
 @pytest.mark.parametrize("body", [
     "def other(a):\n        pass\n    for f in [other, target]:\n        f(1)",
-    "target((x for x in [1]), [1][0])",
     "class C:\n        def __init__(self, a):\n            target(a)\n    w = C(v)\n    target(w, k=w)",
 ])
 def test_a_slow_machine_records_the_same(tmp_path, monkeypatch, capsys, body):
