@@ -265,6 +265,11 @@ nb::object CSingleScopeSecondaryScanner::ProcessCalledResolved_(nb::handle resol
             }
         }
     }
+    // Every record of the call depends on all that its resolves read, whether
+    // it was made before or after the others (the classes come in no fixed
+    // order, and each resolves its constructors in turn).
+    for (nb::handle entry : derived_list)
+        MergeSeen_(entry[0], ctx);
     nb::object methods_with_typevars = typevar_method_list;
     if (specialize_generics && method_singles.size() > 0)
         methods_with_typevars = GetTypevarMethodList_(method_singles, ctx);

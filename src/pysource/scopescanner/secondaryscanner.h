@@ -81,6 +81,9 @@ public:
     // The derived record of the scope named by `for_scope_term` (a
     // CFullyScopedName), or None when no derived info is to be added to it.
     virtual nb::object DerivedInfo_(nb::handle for_scope_term, nb::handle ctx);
+    // Merges into a derived record what `ctx` has read so far: the scopes
+    // seen (whether each was scanned) and the imports resolved.
+    void MergeSeen_(nb::handle record, nb::handle ctx);
     virtual bool ScanForSetAttr_(nb::handle name, nb::handle set_ibytes, nb::handle parent_ctx);
     virtual void AddDerivedInfoForName_(nb::handle derived, bool inst, nb::handle name,
                                         nb::handle ibytes);
