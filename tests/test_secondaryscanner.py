@@ -664,3 +664,27 @@ def test_no_specialisation_with_the_switch_off(mgr, locs, make_scanner, generic_
     # No resolve of the class (`x[0] = 1` only asks for a __setitem__ of the project).
     assert sorted(generic_list.calls) == ["x.__setitem__", "x.append"]
     assert dict(scanner.fDerivedInfoDict) == {}
+
+
+def test_the_records_of_a_call_that_reaches_several_classes_read_the_same(mgr, tmp_path):
+    # The classes come in no fixed order and each resolves its constructors in
+    # turn: every record holds all that the call read, or runs would differ.
+    locs = write_project(tmp_path, {
+        "lib.py": "class A:\n    def __init__(self, x):\n        pass\n\n\n"
+                  "class B:\n    def __init__(self, x):\n        pass\n",
+        "app.py": "from lib import A, B\n\n\ndef main(v):\n    cls = A if v else B\n    cls(1)\n"})
+    coordinator = CScanCoordinator(mgr)
+    try:
+        coordinator.AddLocations(locs.values())
+        coordinator.RunUntilIdle()
+        coordinator.AddDerivedLocations([locs["app.py"]])
+        coordinator.RunDerivedUntilIdle()
+    finally:
+        coordinator.destroy()
+    seen = {}
+    for name in ("A.__init__", "B.__init__"):
+        (record,) = [r for r in mgr.fInfoCache.GetScopeInfoRecords(si.Scope(locs["lib.py"], name))
+                     if r.key.scan_name == mgr.fDerivedScanName]
+        assert arg_key(1) in record.type_equivs
+        seen[name] = record.scopes_seen
+    assert seen["A.__init__"] == seen["B.__init__"]
