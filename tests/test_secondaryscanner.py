@@ -666,13 +666,10 @@ def test_no_specialisation_with_the_switch_off(mgr, locs, make_scanner, generic_
     assert dict(scanner.fDerivedInfoDict) == {}
 
 
-def test_the_records_of_a_call_that_reaches_several_classes_read_the_same(mgr, tmp_path):
-    # The classes come in no fixed order and each resolves its constructors in
-    # turn: every record holds all that the call read, or runs would differ.
-    locs = write_project(tmp_path, {
-        "lib.py": "class A:\n    def __init__(self, x):\n        pass\n\n\n"
-                  "class B:\n    def __init__(self, x):\n        pass\n",
-        "app.py": "from lib import A, B\n\n\ndef main(v):\n    cls = A if v else B\n    cls(1)\n"})
+def derived_pass_records(mgr, tmp_path, files, names):
+    """The derived records, by scope name of lib.py (or app.py's module, ""),
+    after the derived pass of app.py."""
+    locs = write_project(tmp_path, files)
     coordinator = CScanCoordinator(mgr)
     try:
         coordinator.AddLocations(locs.values())
@@ -681,10 +678,32 @@ def test_the_records_of_a_call_that_reaches_several_classes_read_the_same(mgr, t
         coordinator.RunDerivedUntilIdle()
     finally:
         coordinator.destroy()
-    seen = {}
-    for name in ("A.__init__", "B.__init__"):
-        (record,) = [r for r in mgr.fInfoCache.GetScopeInfoRecords(si.Scope(locs["lib.py"], name))
-                     if r.key.scan_name == mgr.fDerivedScanName]
-        assert arg_key(1) in record.type_equivs
-        seen[name] = record.scopes_seen
-    assert seen["A.__init__"] == seen["B.__init__"]
+    records = {}
+    for name in names:
+        scope = si.Scope(locs["app.py" if name == "" else "lib.py"], name)
+        (records[name],) = [r for r in mgr.fInfoCache.GetScopeInfoRecords(scope)
+                            if r.key.scan_name == mgr.fDerivedScanName]
+    return locs, records
+
+
+def test_the_records_of_a_call_that_reaches_several_classes_read_the_same(mgr, tmp_path):
+    # The classes come in no fixed order and each resolves its constructors in
+    # turn: every record holds all that the call read, or runs would differ.
+    _locs, records = derived_pass_records(mgr, tmp_path, {
+        "lib.py": "class A:\n    def __init__(self, x):\n        pass\n\n\n"
+                  "class B:\n    def __init__(self, x):\n        pass\n",
+        "app.py": "from lib import A, B\n\n\ndef main(v):\n    cls = A if v else B\n    cls(1)\n"},
+        ("A.__init__", "B.__init__"))
+    assert all(arg_key(1) in record.type_equivs for record in records.values())
+    assert records["A.__init__"].scopes_seen == records["B.__init__"].scopes_seen
+
+
+def test_what_a_global_statement_records_reads_its_scope_alone(mgr, tmp_path):
+    # Not what the items before it in the same slice read: how the work was
+    # sliced would show in the record.
+    locs, records = derived_pass_records(mgr, tmp_path, {
+        "lib.py": "def f(a):\n    return a\n",
+        "app.py": "import lib\n\n\ndef main():\n    global g\n    g = 1\n    lib.f(1)\n"},
+        ("", "f"))
+    assert arg_key(0) in records["f"].type_equivs
+    assert records[""].scopes_seen == {si.Scope(locs["app.py"], "main")}

@@ -247,10 +247,16 @@ bool CSingleScopeSecondaryScanner::ScanOneItem(nb::handle name, nb::handle ibyte
     std::string_view name_text = TextOf(name);
     bool scan_calls = _fSharedObjects->fScanFunctionCalls;
     bool incomplete = false;
-    if (kind == si::kGlobalKind)
-        AddInfoForGlobal_(name, ctx);
-    if (kind == si::kNonlocalKind)
-        AddInfoForNonlocal_(name, ctx);
+    if (kind == si::kGlobalKind || kind == si::kNonlocalKind) {
+        // In a context of their own: the records they add to read this scope
+        // alone, not what the items before them in the same slice read.
+        CSubContext sub(ctx);
+        if (kind == si::kGlobalKind)
+            AddInfoForGlobal_(name, sub.get());
+        else
+            AddInfoForNonlocal_(name, sub.get());
+        sub.Finish();
+    }
     if (!incomplete && kind == si::kCalledKind && scan_calls) {
         incomplete = ScanCalledName_(name, ibytes, ctx);
         scanned = true;
