@@ -20,13 +20,14 @@ def local_file(tmp_path, text, name="mod.py"):
 
 
 class CounterClock:
-    """A clock that moves on by one at every reading."""
+    """A clock that moves on by `step` at every reading."""
 
-    def __init__(self):
+    def __init__(self, step=1):
         self.now = 0
+        self.step = step
 
     def __call__(self):
-        self.now += 1
+        self.now += self.step
         return float(self.now)
 
     def slice_end(self, readings):

@@ -1,12 +1,14 @@
 """`pysource params`: what callers in other files pass to a function's
 parameters, with their call sites, after `pysource index`."""
 
+import contextlib
 import json
 import textwrap
 
 import pytest
 
 from pysource import cli
+from scanutil import CounterClock, replaced_clock
 
 LIB = textwrap.dedent('''\
     class Foo:
@@ -222,6 +224,12 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
     ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
+    # A loop over a display calls each of its items: every one gets what the call passes.
+    ("def other(a):\n        pass\n    for f in [other, target]:\n        f(1)", "a", {"int"}),
+    ("def other(a):\n        pass\n    for f in (other, target):\n        f('')", "a", {"str"}),
+    ("def other(a):\n        pass\n    fs = [other, target]\n    for f in fs or ():\n        f(1)", "a", set()),
+    ("def other(a):\n        pass\n    for f in [other, target]:\n        f = f if v else len\n        f(1)", "a",
+     set()),
     # hasattr(name, "attr") is false for no instance of a class that has it.
     ("w = {} if v else ''\n    if not hasattr(w, 'items'):\n        target(w)", "a", {"str"}),
     ("w = {} if v else ''\n    if hasattr(w, 'items'):\n        target(w)", "a", {"str", "dict"}),
@@ -311,14 +319,36 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w = v or ''\n    def inner(x=w):\n        target(x)\n    w = None\n    inner()", "a", {"float", "str"}),
 ])
 def test_what_reaches_the_call(tmp_path, monkeypatch, capsys, body, param, expected):
-    (tmp_path / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"
-                                     "def __getattr__(name):\n    return ''\n")
-    (tmp_path / "app.py").write_text(f"from lib import *\n\n\ndef run(v=None):\n    {body}\n\n"
-                                     "run(1.5)\n")
-    monkeypatch.chdir(tmp_path)
-    assert run(capsys, "index")[0] == 0
+    assert set(types_reaching_target(tmp_path, monkeypatch, capsys, body)[param]) == expected
+
+
+def types_reaching_target(folder, monkeypatch, capsys, body, clock=None):
+    """What `params` says of each parameter of `target` when `body` runs in
+    `run(v=None)`, the project indexed with `clock` as the scan clock."""
+    folder.mkdir(exist_ok=True)
+    (folder / "lib.py").write_text("def target(a, b=None, *rest, k=None):\n    return a\n\n\n"
+                                   "def __getattr__(name):\n    return ''\n")
+    (folder / "app.py").write_text(f"from lib import *\n\n\ndef run(v=None):\n    {body}\n\n"
+                                   "run(1.5)\n")
+    monkeypatch.chdir(folder)
+    with contextlib.nullcontext() if clock is None else replaced_clock(clock):
+        assert run(capsys, "index")[0] == 0
     _found, params = params_json(capsys, "target")
-    assert set(types_of(params[param])) == expected
+    return {name: types_of(param) for name, param in params.items()}
+
+
+# What is recorded doesn't depend on how fast the scan ran: on a machine so slow that a few
+# readings of the clock fill a slice (every resolve cut short, some more than once), the
+# index says what it says here.
+@pytest.mark.parametrize("body", [
+    "def other(a):\n        pass\n    for f in [other, target]:\n        f(1)",
+    "class C:\n        def __init__(self, a):\n            target(a)\n    w = C(v)\n    target(w, k=w)",
+])
+def test_a_slow_machine_records_the_same(tmp_path, monkeypatch, capsys, body):
+    here = types_reaching_target(tmp_path / "here", monkeypatch, capsys, body)
+    assert here["a"], "nothing reached the call"
+    slow = types_reaching_target(tmp_path / "slow", monkeypatch, capsys, body, CounterClock(step=0.004))
+    assert slow == here
 
 
 # Imports of the project's own packages find their source: below a `src` folder, and

@@ -126,8 +126,8 @@ def test_an_item_needing_the_same_scan_waits_once_and_cannot_livelock(mgr, locs,
     assert arg_key(0) in derived_of(scanner, locs["lib.py"], "f")
 
 
-def test_a_final_try_that_finds_new_scans_waits_and_retries_normally(mgr, locs, make_scanner,
-                                                                     lib_f):
+def test_a_final_try_that_finds_new_scans_records_nothing_and_retries_normally(mgr, locs, make_scanner,
+                                                                               lib_f):
     first = (si.Scope(locs["lib.py"], ""), mgr.fPrimaryScanName)
     second = (si.Scope(locs["app.py"], "other"), mgr.fPrimaryScanName)
     engine = install_engine(mgr, script={"lib.f": [lib_f]},
@@ -137,12 +137,13 @@ def test_a_final_try_that_finds_new_scans_waits_and_retries_normally(mgr, locs, 
     original = engine.ResolveToResult
     engine.ResolveToResult = lambda expr, ctx=None: (tries.append(scanner._fFinalTry),
                                                      original(expr, ctx))[1]
-    # The final try kept its result in the called-name memo: the normal try
-    # after the second wait is a memo hit and finishes.
+    # A partial answer while scans are outstanding would be taken for the whole one: the final
+    # try waits for them, and the item runs again from a normal try, which resolves again.
     assert scan_until_final(scanner) == [ss.kWaitingForScans, ss.kTimedOut, ss.kWaitingForScans,
-                                         ss.kFinishedScanning]
-    assert tries == [False, False, True]
+                                         ss.kTimedOut, ss.kFinishedScanning]
+    assert tries == [False, False, True, False, True]
     assert scanner.GetNeedsScanLocs() == {locs["app.py"]}
+    assert arg_key(0) in derived_of(scanner, locs["lib.py"], "f")
 
 
 def test_recursive_scan_is_refused(mgr, locs, make_scanner):
@@ -667,3 +668,46 @@ def test_no_specialisation_with_the_switch_off(mgr, locs, make_scanner, generic_
     # No resolve of the class (`x[0] = 1` only asks for a __setitem__ of the project).
     assert sorted(generic_list.calls) == ["x.__setitem__", "x.append"]
     assert dict(scanner.fDerivedInfoDict) == {}
+
+
+def derived_pass_records(mgr, tmp_path, files, names):
+    """The derived records, by scope name of lib.py (or app.py's module, ""),
+    after the derived pass of app.py."""
+    locs = write_project(tmp_path, files)
+    coordinator = CScanCoordinator(mgr)
+    try:
+        coordinator.AddLocations(locs.values())
+        coordinator.RunUntilIdle()
+        coordinator.AddDerivedLocations([locs["app.py"]])
+        coordinator.RunDerivedUntilIdle()
+    finally:
+        coordinator.destroy()
+    records = {}
+    for name in names:
+        scope = si.Scope(locs["app.py" if name == "" else "lib.py"], name)
+        (records[name],) = [r for r in mgr.fInfoCache.GetScopeInfoRecords(scope)
+                            if r.key.scan_name == mgr.fDerivedScanName]
+    return locs, records
+
+
+def test_the_records_of_a_call_that_reaches_several_classes_read_the_same(mgr, tmp_path):
+    # The classes come in no fixed order and each resolves its constructors in
+    # turn: every record holds all that the call read, or runs would differ.
+    _locs, records = derived_pass_records(mgr, tmp_path, {
+        "lib.py": "class A:\n    def __init__(self, x):\n        pass\n\n\n"
+                  "class B:\n    def __init__(self, x):\n        pass\n",
+        "app.py": "from lib import A, B\n\n\ndef main(v):\n    cls = A if v else B\n    cls(1)\n"},
+        ("A.__init__", "B.__init__"))
+    assert all(arg_key(1) in record.type_equivs for record in records.values())
+    assert records["A.__init__"].scopes_seen == records["B.__init__"].scopes_seen
+
+
+def test_what_a_global_statement_records_reads_its_scope_alone(mgr, tmp_path):
+    # Not what the items before it in the same slice read: how the work was
+    # sliced would show in the record.
+    locs, records = derived_pass_records(mgr, tmp_path, {
+        "lib.py": "def f(a):\n    return a\n",
+        "app.py": "import lib\n\n\ndef main():\n    global g\n    g = 1\n    lib.f(1)\n"},
+        ("", "f"))
+    assert arg_key(0) in records["f"].type_equivs
+    assert records[""].scopes_seen == {si.Scope(locs["app.py"], "main")}

@@ -73,9 +73,27 @@ nb::object CSingleScopeSecondaryScanner::DerivedInfo_(nb::handle for_scope_term,
         return nb::none();
     }
 
-    ctx.attr("AddScopeToScopesSeen")(our_scope);
+    if (fDerivedInfoDict.contains(unspec)) {
+        nb::object record = fDerivedInfoDict[unspec];
+        MergeSeen_(record, ctx);
+        return record;
+    }
+
+    nb::object disk_mtime = Equal(loc, our_loc) ? nb::cast(fPrimaryInfo->disk_mtime)
+                                                : info_cache.attr("GetLocDiskMTime")(loc);
+    nb::ref<CScopeInfoKey> key = new CScopeInfoKey(unspec, _fSharedObjects->fDerivedScanName, our_scope);
+    nb::ref<CScopeInfo> info = new CScopeInfo(key, nb::bytes("", 0), disk_mtime, fPrimaryInfo->incomplete);
+    nb::object record = nb::cast(info);
+    MergeSeen_(record, ctx);
+    fDerivedInfoDict[unspec] = record;
+    return record;
+}
+
+void CSingleScopeSecondaryScanner::MergeSeen_(nb::handle record, nb::handle ctx) {
+    ctx.attr("AddScopeToScopesSeen")(OurScope());
     nb::object scopes_seen = ctx.attr("GetScopesSeen")();
     bool incomplete = HasItems(ctx.attr("fNeedsScan"));
+    nb::object info_cache = InfoCache();
     nb::set seen_locs;
     for (nb::handle seen : scopes_seen) {
         nb::object seen_loc = seen.attr("loc");
@@ -86,25 +104,9 @@ nb::object CSingleScopeSecondaryScanner::DerivedInfo_(nb::handle for_scope_term,
         if (!(mtime > 1.0))
             incomplete = true;
     }
-    nb::object resolved_imports = ctx.attr("GetResolvedImports")();
-
-    if (fDerivedInfoDict.contains(unspec)) {
-        nb::object record = fDerivedInfoDict[unspec];
-        CScopeInfo &info = AsScopeInfo(record);
-        info.MergeScopesSeen(scopes_seen, incomplete);
-        info.MergeResolvedImports(resolved_imports);
-        return record;
-    }
-
-    nb::object disk_mtime = Equal(loc, our_loc) ? nb::cast(fPrimaryInfo->disk_mtime)
-                                                : info_cache.attr("GetLocDiskMTime")(loc);
-    nb::ref<CScopeInfoKey> key = new CScopeInfoKey(unspec, _fSharedObjects->fDerivedScanName, our_scope);
-    nb::ref<CScopeInfo> info = new CScopeInfo(key, nb::bytes("", 0), disk_mtime, fPrimaryInfo->incomplete);
-    info->MergeScopesSeen(scopes_seen, incomplete);
-    info->MergeResolvedImports(resolved_imports);
-    nb::object record = nb::cast(info);
-    fDerivedInfoDict[unspec] = record;
-    return record;
+    CScopeInfo &info = AsScopeInfo(record);
+    info.MergeScopesSeen(scopes_seen, incomplete);
+    info.MergeResolvedImports(ctx.attr("GetResolvedImports")());
 }
 
 nb::object CSingleScopeSecondaryScanner::DerivedEntryForDef_(nb::handle def_scope, nb::handle hinted,

@@ -182,6 +182,12 @@ std::pair<nb::object, nb::object> UnpackItem(nb::handle item) {
 
 nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) {
     nb::object ctx = Engine().attr("NewContext")(end_time, true);
+    // What an item records must not depend on how fast it ran: the deadline
+    // only decides where a slice pauses.  An item the deadline cut runs once
+    // more, whole, in a context without one (the engine's own limits, depth
+    // and the like, bound it), so that its answer is the one an uncut first
+    // try gives.
+    nb::object unbounded_ctx;
     int count = 0;
     bool scanned = false;
     for (;;) {
@@ -199,8 +205,11 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             _fFinalTry = false;
         }
         auto [name, ibytes] = UnpackItem(item);
+        if (_fFinalTry && !unbounded_ctx.is_valid())
+            unbounded_ctx = Engine().attr("NewContext")(nb::none(), true);
+        nb::handle item_ctx = _fFinalTry ? unbounded_ctx : ctx;
 
-        bool incomplete = ScanOneItem(name, ibytes, ctx, scanned);
+        bool incomplete = ScanOneItem(name, ibytes, item_ctx, scanned);
         // The clock is read once per resolving item and once per 51 cheap
         // ones; from here on a time-out and an incomplete item are the same.
         if (!incomplete && (scanned || count > 50)) {
@@ -209,8 +218,8 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             count = 0;
         }
 
-        nb::object needed = PrimaryScansNeeded_(ctx);
-        if (HasItems(needed) && !Truth(needed.attr("issubset")(_fCompletedNeedsScan))) {
+        if (WaitsForScans_(item_ctx)) {
+            nb::object needed = PrimaryScansNeeded_(item_ctx);
             _fCompletedNeedsScan.attr("update")(needed);
             nb::set locs;
             for (nb::handle pair : needed)
@@ -221,7 +230,7 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             return kWaitingForScans;
         }
         if (incomplete) {
-            // An item on its final try is dropped, its partial result standing.
+            // An item on its final try ran whole: only the slice is over.
             if (!_fFinalTry)
                 _fInterruptedItem = nb::make_tuple(name, ibytes);
             return kTimedOut;
@@ -238,10 +247,16 @@ bool CSingleScopeSecondaryScanner::ScanOneItem(nb::handle name, nb::handle ibyte
     std::string_view name_text = TextOf(name);
     bool scan_calls = _fSharedObjects->fScanFunctionCalls;
     bool incomplete = false;
-    if (kind == si::kGlobalKind)
-        AddInfoForGlobal_(name, ctx);
-    if (kind == si::kNonlocalKind)
-        AddInfoForNonlocal_(name, ctx);
+    if (kind == si::kGlobalKind || kind == si::kNonlocalKind) {
+        // In a context of their own: the records they add to read this scope
+        // alone, not what the items before them in the same slice read.
+        CSubContext sub(ctx);
+        if (kind == si::kGlobalKind)
+            AddInfoForGlobal_(name, sub.get());
+        else
+            AddInfoForNonlocal_(name, sub.get());
+        sub.Finish();
+    }
     if (!incomplete && kind == si::kCalledKind && scan_calls) {
         incomplete = ScanCalledName_(name, ibytes, ctx);
         scanned = true;
@@ -268,6 +283,17 @@ nb::object CSingleScopeSecondaryScanner::PrimaryScansNeeded_(nb::handle ctx) {
             needed.add(pair);
     }
     return needed;
+}
+
+bool CSingleScopeSecondaryScanner::WaitsForScans_(nb::handle ctx) {
+    nb::object needed = PrimaryScansNeeded_(ctx);
+    return HasItems(needed) && !Truth(needed.attr("issubset")(_fCompletedNeedsScan));
+}
+
+bool CSingleScopeSecondaryScanner::TakesPartial_(nb::handle ctx) {
+    // A partial answer while scans are outstanding would be recorded as if it
+    // were the whole one; the item waits for them and runs again instead.
+    return _fFinalTry && !WaitsForScans_(ctx);
 }
 
 nb::object CSingleScopeSecondaryScanner::GetNeedsScanLocs() { return _fNeedsScanLocs; }

@@ -81,6 +81,9 @@ public:
     // The derived record of the scope named by `for_scope_term` (a
     // CFullyScopedName), or None when no derived info is to be added to it.
     virtual nb::object DerivedInfo_(nb::handle for_scope_term, nb::handle ctx);
+    // Merges into a derived record what `ctx` has read so far: the scopes
+    // seen (whether each was scanned) and the imports resolved.
+    void MergeSeen_(nb::handle record, nb::handle ctx);
     virtual bool ScanForSetAttr_(nb::handle name, nb::handle set_ibytes, nb::handle parent_ctx);
     virtual void AddDerivedInfoForName_(nb::handle derived, bool inst, nb::handle name,
                                         nb::handle ibytes);
@@ -119,6 +122,11 @@ public:
     virtual void AddInfoForNonlocal_(nb::handle name, nb::handle ctx);
     // The (scope, primary scan name) pairs in ctx.fNeedsScan, as a set.
     virtual nb::object PrimaryScansNeeded_(nb::handle ctx);
+    // Whether `ctx` needs primary scans that haven't run for this scanner yet.
+    bool WaitsForScans_(nb::handle ctx);
+    // Whether a resolve that `ctx` marks incomplete is taken as it stands:
+    // on an item's final try, once every primary scan it needs has run.
+    bool TakesPartial_(nb::handle ctx);
     virtual nb::object GetNeedsScanLocs();
     virtual void SaveDerivedInfoDict_();
 
