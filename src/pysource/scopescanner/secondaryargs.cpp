@@ -122,7 +122,7 @@ nb::object CSingleScopeSecondaryScanner::ResolveInThisScope_(nb::handle expr_tex
     nb::object resolved = ResolvedOf(Engine().attr("ResolveToResult")(expr, nb::arg("ctx") = ctx));
     if (reduce_resolved)
         resolved = Engine().attr("ReduceResolved")(resolved, false, false, ctx);
-    if (CtxIncomplete(ctx) && !_fFinalTry)
+    if (CtxIncomplete(ctx) && !TakesPartial_(ctx))
         return nb::none();
     return resolved;
 }

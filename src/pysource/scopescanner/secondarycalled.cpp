@@ -139,7 +139,7 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
             ResolvedOf(Engine().attr("ResolveToResult")(expr, nb::arg("ctx") = ctx));
         if (CtxIncomplete(ctx)) {
             if (RetryableStop(ctx)) {
-                if (!_fFinalTry) {
+                if (!TakesPartial_(ctx)) {
                     sub.Finish();
                     return true;
                 }
@@ -244,7 +244,7 @@ nb::object CSingleScopeSecondaryScanner::ProcessCalledResolved_(nb::handle resol
                     nb::object expr = ExprIn(inst, nb::str(suffix));
                     nb::object methods =
                         ResolvedOf(Engine().attr("ResolveToResult")(expr, nb::arg("ctx") = ctx));
-                    if (CtxIncomplete(ctx) && !_fFinalTry)
+                    if (CtxIncomplete(ctx) && !TakesPartial_(ctx))
                         return nb::none();
                     for (nb::handle single : methods) {
                         if (!Calls(single, "IsDef") || !AddDerivedFor_(single.attr("loc")))
