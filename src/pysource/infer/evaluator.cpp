@@ -134,6 +134,14 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
             auto kept = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
             if (kept == kept_values->end())
                 return nullptr;
+            if (!library) {
+                if (!RecordsStand(kept->second)) {
+                    ++fMemo.project_values_outdated;
+                    kept_values->erase(kept);  // worked out again below
+                    return nullptr;
+                }
+                ++fMemo.project_values_found;
+            }
             DependOnAll(deps);  // as bound here as where it was found
             Replay(kept->second.effects);
             return &kept->second.values;
@@ -174,7 +182,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     std::string bindings = NoteDeps(key, watch);
     if (kept_values && watch.Whole())
         kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
-                             EngineMemo::KeptAnswer{out, effects->Taken()});
+                             EngineMemo::KeptAnswer{out, effects->Taken(), fMemo.record_generation});
     fRequestValues.emplace(RequestKey{key, hops + bindings}, Keep(out, watch));
     return out;
 }

@@ -36,6 +36,10 @@
 
 namespace nb = nanobind;
 
+namespace pysource {
+class CInfoCache;
+}
+
 namespace pysource::infer {
 
 // The single behind a Python handle, and the dotted name of its scope.
@@ -123,8 +127,11 @@ struct MroEntry {
     TypeMap map;
 };
 
-// What a piece of work told the request's context: (an import, scope) pairs.
-using Effects = std::vector<std::pair<bool, nb::object>>;
+// What a piece of work told the request's context, or read: a scope seen
+// (a record read), a module imported, or a scope read that had no record
+// (not told: it is what the work depends on all the same).
+enum class Effect : unsigned char { kSeen, kImport, kNoRecord };
+using Effects = std::vector<std::pair<Effect, nb::object>>;
 
 // The hash of a text key.  A long text (a module-level table of hundreds of
 // kilobytes is one expression) is hashed by its length and by samples of its
@@ -309,6 +316,7 @@ struct MemoTables {
     struct KeptFact {
         T values;
         Effects effects;
+        std::uint64_t record_generation = 0;  // of the info cache when worked out
     };
     using KeptAnswer = KeptFact<ValueSet>;
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
@@ -321,7 +329,8 @@ struct MemoTables {
     // to look for a value under the bindings in force.
     std::unordered_map<ReadKey, std::vector<BindingDeps>, ReadKeyHash> value_deps;
     // Values read in the project's own files also depend on derived records
-    // (what callers pass): they stand while no record at all changes.
+    // (what callers pass): they stand while the records of the scopes they
+    // read (their effects) stay as they were.
     KeptValues project_values;
     // The branch structure of scope bodies as the flow provider told it: it
     // follows the files' text, as the primary records do.  By ScopeKey (the
@@ -351,24 +360,38 @@ struct MemoTables {
     // again and again (each holds its location).
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
+    // Calls `visit(name, table)` for each table, of `tables` (a MemoTables,
+    // const or not).
+    template <class Tables, class Visit>
+    static void ForEachTable(Tables &tables, Visit visit) {
+        visit("block_paths", tables.block_paths);
+        visit("loop_headers", tables.loop_headers);
+        visit("conditions_at", tables.conditions_at);
+        visit("body_traits", tables.body_traits);
+        visit("def_statements", tables.def_statements);
+        visit("def_infos", tables.def_infos);
+        visit("class_infos", tables.class_infos);
+        visit("entries", tables.entries);
+        visit("parsed_texts", tables.parsed_texts);
+        visit("canonical_singles", tables.canonical_singles);
+        visit("module_scopes", tables.module_scopes);
+        visit("scopes", tables.scopes);
+        visit("mros", tables.mros);
+        visit("type_vars", tables.type_vars);
+        visit("library_values", tables.library_values);
+        visit("project_values", tables.project_values);
+        visit("value_deps", tables.value_deps);
+    }
     std::size_t Entries() const {
-        return block_paths.size() + loop_headers.size() + conditions_at.size() + body_traits.size() +
-               def_statements.size() +
-               def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
-               canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
-               library_values.size() + project_values.size() + value_deps.size();
+        std::size_t entries = 0;
+        ForEachTable(*this, [&](const char *, const auto &table) { entries += table.size(); });
+        return entries;
     }
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
-        return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
-               EraseSomeOf(conditions_at, budget) && EraseSomeOf(body_traits, budget) &&
-               EraseSomeOf(def_statements, budget) &&
-               EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
-               EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
-               EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
-               EraseSomeOf(scopes, budget) && EraseSomeOf(mros, budget) && EraseSomeOf(type_vars, budget) &&
-               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget) &&
-               EraseSomeOf(value_deps, budget);
+        bool emptied = true;  // every table so far
+        ForEachTable(*this, [&](const char *, auto &table) { emptied = emptied && EraseSomeOf(table, budget); });
+        return emptied;
     }
 };
 
@@ -394,6 +417,9 @@ struct EngineMemo : MemoTables {
     LargeTexts<std::shared_ptr<const ParsedEntry>> large_entries;
     LargeTexts<std::shared_ptr<const ParsedText>> large_parsed_texts;
     std::size_t parse_put_off = 0;  // the hash of the long text whose parse was put off last
+    // Kept project values found again, and found outdated (and dropped).
+    std::size_t project_values_found = 0;
+    std::size_t project_values_outdated = 0;
     std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
     std::size_t retired_entries = 0;                   // left to free in `retired`
 
@@ -406,7 +432,8 @@ struct EngineMemo : MemoTables {
         Retire(std::make_unique<MemoTables>(std::move(static_cast<MemoTables &>(*this))));
         static_cast<MemoTables &>(*this) = MemoTables();
     }
-    // Project values go alone when a derived record changes.
+    // Project values go alone when a record changes and the info cache
+    // can't tell which scopes it changed.
     void ForgetProjectValues() { RetireTable<&MemoTables::project_values>(); }
     template <auto Table>
     void RetireTable() {
@@ -424,6 +451,8 @@ struct EngineMemo : MemoTables {
         retired.clear();
         retired_entries = 0;
     }
+    // The entries of each table, and those retired and not yet freed.
+    std::vector<std::pair<std::string, std::size_t>> Counts() const;
 
 private:
     void Retire(std::unique_ptr<MemoTables> tables) {
@@ -1046,6 +1075,9 @@ private:
     std::uint64_t fSignatureVersion = ~std::uint64_t(0);
     std::string fBindingsSignature;
     bool fKeepProjectValues = false;
+    // The info cache, when it tells the generation of each scope's records
+    // (project values then go one by one, as the records they read change).
+    CInfoCache *fScopeGenerations = nullptr;
     // The scopes whose bindings each piece of work under way read (a
     // bound name, a parameter of a def, a type variable outside an explicit
     // map), innermost last: its value stands where they are the same.
@@ -1079,12 +1111,17 @@ private:
     int fCollecting = 0;
     Effects fEffects;
     // Where each collection under way started in fEffects, innermost last,
-    // and where each effect (its scope's address, with the import flag as
-    // its low bit) was last noted: one noted since the innermost start is
-    // in every collection under way already, and is not noted again.
+    // and where each effect (its scope's address, with its kind in the low
+    // bits) was last noted: one noted since the innermost start is in every
+    // collection under way already, and is not noted again.
     std::vector<std::size_t> fEffectStarts;
     std::unordered_map<std::uintptr_t, std::size_t> fEffectLast;
-    void NoteEffect(bool import, nb::handle scope);
+    void NoteEffect(Effect effect, nb::handle scope);
+    // Tells what reading the record of `scope` found (None: nothing).
+    void RecordRead(nb::handle scope, nb::handle record);
+    // Whether no scope a kept value read has had its records changed since
+    // the value was worked out.
+    bool RecordsStand(const EngineMemo::KeptAnswer &kept);
     // Tells the context again what a kept answer told it.
     void Replay(const Effects &effects);
     Effects EffectsFrom(std::size_t start) const;
