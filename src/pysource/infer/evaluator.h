@@ -360,37 +360,52 @@ struct MemoTables {
     // again and again (each holds its location).
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
-    // Calls `visit(name, table)` for each table, of `tables` (a MemoTables,
-    // const or not).
-    template <class Tables, class Visit>
-    static void ForEachTable(Tables &tables, Visit visit) {
-        visit("block_paths", tables.block_paths);
-        visit("loop_headers", tables.loop_headers);
-        visit("conditions_at", tables.conditions_at);
-        visit("body_traits", tables.body_traits);
-        visit("def_statements", tables.def_statements);
-        visit("def_infos", tables.def_infos);
-        visit("class_infos", tables.class_infos);
-        visit("entries", tables.entries);
-        visit("parsed_texts", tables.parsed_texts);
-        visit("canonical_singles", tables.canonical_singles);
-        visit("module_scopes", tables.module_scopes);
-        visit("scopes", tables.scopes);
-        visit("mros", tables.mros);
-        visit("type_vars", tables.type_vars);
-        visit("library_values", tables.library_values);
-        visit("project_values", tables.project_values);
-        visit("value_deps", tables.value_deps);
+    // Calls `visit(name, member)` with a pointer to member of each table
+    // that follows the text of records alone: their entries are bounded by
+    // the texts the records hold.
+    template <class Visit>
+    static void ForEachTextTable(Visit visit) {
+        visit("def_infos", &MemoTables::def_infos);
+        visit("class_infos", &MemoTables::class_infos);
+        visit("entries", &MemoTables::entries);
+        visit("parsed_texts", &MemoTables::parsed_texts);
+        visit("canonical_singles", &MemoTables::canonical_singles);
+    }
+    // The same for the other tables: what requests worked out.
+    template <class Visit>
+    static void ForEachAnswerTable(Visit visit) {
+        visit("block_paths", &MemoTables::block_paths);
+        visit("loop_headers", &MemoTables::loop_headers);
+        visit("conditions_at", &MemoTables::conditions_at);
+        visit("body_traits", &MemoTables::body_traits);
+        visit("def_statements", &MemoTables::def_statements);
+        visit("module_scopes", &MemoTables::module_scopes);
+        visit("scopes", &MemoTables::scopes);
+        visit("mros", &MemoTables::mros);
+        visit("type_vars", &MemoTables::type_vars);
+        visit("library_values", &MemoTables::library_values);
+        visit("project_values", &MemoTables::project_values);
+        visit("value_deps", &MemoTables::value_deps);
+    }
+    template <class Visit>
+    static void ForEachTable(Visit visit) {
+        ForEachTextTable(visit);
+        ForEachAnswerTable(visit);
     }
     std::size_t Entries() const {
         std::size_t entries = 0;
-        ForEachTable(*this, [&](const char *, const auto &table) { entries += table.size(); });
+        ForEachTable([&](const char *, auto table) { entries += (this->*table).size(); });
+        return entries;
+    }
+    std::size_t TextEntries() const {
+        std::size_t entries = 0;
+        ForEachTextTable([&](const char *, auto table) { entries += (this->*table).size(); });
         return entries;
     }
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
         bool emptied = true;  // every table so far
-        ForEachTable(*this, [&](const char *, auto &table) { emptied = emptied && EraseSomeOf(table, budget); });
+        ForEachTable([&](const char *, auto table) { emptied = emptied && EraseSomeOf(this->*table, budget); });
         return emptied;
     }
 };
@@ -399,13 +414,17 @@ struct MemoTables {
 // primary records alone (method orders, type variables of classes, values
 // read in library files).  They stand while the info cache's primary records
 // do (its primary generation) and go as a whole when any of them changes, or
-// when the memo grows past kMaxEntries (memory stays bounded).
+// when the memo grows past kMaxEntries (memory stays bounded).  The tables
+// that follow the records' text have a bound of their own, and go alone past
+// it: they would otherwise fill most of the memo and take the answers with
+// them long before the answers fill it.
 //
 // A memo that goes is retired, not freed at once: freeing a large one takes
 // tens of milliseconds, more than a request may run past its deadline.  Each
 // new request frees a little of what was retired (FreeRetiredSome).
 struct EngineMemo : MemoTables {
-    static constexpr std::size_t kMaxEntries = 60000;
+    static constexpr std::size_t kMaxEntries = 60000;  // the text tables' not counted
+    static constexpr std::size_t kMaxTextEntries = 60000;
     std::uint64_t generation = ~std::uint64_t(0);
     PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
     std::uint64_t record_generation = ~std::uint64_t(0);
@@ -432,16 +451,20 @@ struct EngineMemo : MemoTables {
         Retire(std::make_unique<MemoTables>(std::move(static_cast<MemoTables &>(*this))));
         static_cast<MemoTables &>(*this) = MemoTables();
     }
+    std::size_t AnswerEntries() const { return Entries() - TextEntries(); }
     // Project values go alone when a record changes and the info cache
     // can't tell which scopes it changed.
-    void ForgetProjectValues() { RetireTable<&MemoTables::project_values>(); }
-    template <auto Table>
-    void RetireTable() {
-        if ((this->*Table).empty())
+    void ForgetProjectValues() { RetireTable(&MemoTables::project_values); }
+    void ForgetTexts() {
+        ForEachTextTable([&](const char *, auto table) { RetireTable(table); });
+    }
+    template <class Table>
+    void RetireTable(Table MemoTables::*table) {
+        if ((this->*table).empty())
             return;
         auto tables = std::make_unique<MemoTables>();
-        (*tables).*Table = std::move(this->*Table);
-        this->*Table = {};
+        (*tables).*table = std::move(this->*table);
+        this->*table = {};
         Retire(std::move(tables));
     }
     // Frees retired entries for about `seconds`, longer while much is left,

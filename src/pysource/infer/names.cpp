@@ -209,7 +209,7 @@ void EngineMemo::FreeRetiredSome(double seconds, CInferContext *ctx) {
 
 std::vector<std::pair<std::string, std::size_t>> EngineMemo::Counts() const {
     std::vector<std::pair<std::string, std::size_t>> counts;
-    ForEachTable(*this, [&](const char *name, const auto &table) { counts.emplace_back(name, table.size()); });
+    ForEachTable([&](const char *name, auto table) { counts.emplace_back(name, (this->*table).size()); });
     counts.emplace_back("retired", retired_entries);
     counts.emplace_back("project_values_found", project_values_found);
     counts.emplace_back("project_values_outdated", project_values_outdated);
@@ -236,7 +236,9 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     }
     std::uint64_t generation = generation_of("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration);
     std::tuple<int, int, std::size_t> limits{engine.fMaxDepth, engine.fMaxArgHops, engine.fMaxValues};
-    if (generation != fMemo.generation || generation == kUnknown || fMemo.Entries() > EngineMemo::kMaxEntries ||
+    if (fMemo.TextEntries() > EngineMemo::kMaxTextEntries)
+        fMemo.ForgetTexts();
+    if (generation != fMemo.generation || generation == kUnknown || fMemo.AnswerEntries() > EngineMemo::kMaxEntries ||
         fMemo.conditions != engine.fConditionEvaluator.ptr() || fMemo.flow != engine.fFlowProvider.ptr() ||
         limits != fMemo.limits) {
         fMemo.Clear(generation);
@@ -543,7 +545,7 @@ std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
     // ones freed a little at a time).
     constexpr std::size_t kMaxParsedTexts = 1 << 15;
     if (fMemo.parsed_texts.size() >= kMaxParsedTexts)
-        fMemo.RetireTable<&MemoTables::parsed_texts>();
+        fMemo.RetireTable(&MemoTables::parsed_texts);
     auto parsed = std::make_shared<ParsedText>();
     parsed->root = pgen::ParseEmbeddedExpression(parsed->tree, parsed->tree.Keep(std::string(text)), 0, true);
     if (large)
