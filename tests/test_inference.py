@@ -323,15 +323,20 @@ def _answer_after(path, earlier, text):
         return {s.GetTypeName() for s in resolved}, set(ctx.GetScopesSeen())
 
 
-@pytest.mark.parametrize("warm, text", [
-    (["a.upper()"], "a.lower()"),
-    (["b.copy()"], "b.pop()"),
-    (["a.upper()", "b.copy()"], "a.join(b)"),
+SHARED_CALL = "def f(x):\n    return x\n\ndef h():\n    return f(1)\n\nc = h()\nd = h()\n"
+
+
+@pytest.mark.parametrize("module, warm, text", [
+    ("a = 'x'\nb = [1]\n", ["a.upper()"], "a.lower()"),
+    ("a = 'x'\nb = [1]\n", ["b.copy()"], "b.pop()"),
+    ("a = 'x'\nb = [1]\n", ["a.upper()", "b.copy()"], "a.join(b)"),
+    # d's value reuses what h's body gave for c in the same request.
+    (SHARED_CALL, ["(c, d)"], "d"),
 ])
-def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, warm, text):
-    """Method orders and type variables worked out by earlier requests tell a
-    later context the classes they read, as working them out would."""
-    (tmp_path / "m.py").write_text("a = 'x'\nb = [1]\n")
+def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, module, warm, text):
+    """Method orders, type variables and values worked out by earlier requests
+    tell a later context the scopes they read, as working them out would."""
+    (tmp_path / "m.py").write_text(module)
     assert _answer_after(tmp_path / "m.py", warm, text) == _answer_after(tmp_path / "m.py", [], text)
 
 

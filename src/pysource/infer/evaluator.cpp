@@ -180,10 +180,13 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (!memoable)
         return out;
     std::string bindings = NoteDeps(key, watch);
+    auto request_kept = Keep(out, watch);
+    if (effects)
+        request_kept.effects = effects->Taken();
     if (kept_values && watch.Whole())
         kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
-                             EngineMemo::KeptAnswer{out, effects->Taken(), fMemo.record_generation});
-    fRequestValues.emplace(RequestKey{key, hops + bindings}, Keep(out, watch));
+                             EngineMemo::KeptAnswer{out, request_kept.effects, fMemo.record_generation});
+    fRequestValues.emplace(RequestKey{key, hops + bindings}, std::move(request_kept));
     return out;
 }
 

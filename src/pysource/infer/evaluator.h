@@ -392,14 +392,14 @@ struct MemoTables {
         ForEachTextTable(visit);
         ForEachAnswerTable(visit);
     }
-    std::size_t Entries() const {
+    std::size_t Entries() const { return EntriesOf(false); }
+    std::size_t TextEntries() const { return EntriesOf(true); }
+    std::size_t EntriesOf(bool text_tables_only) const {
         std::size_t entries = 0;
-        ForEachTable([&](const char *, auto table) { entries += (this->*table).size(); });
-        return entries;
-    }
-    std::size_t TextEntries() const {
-        std::size_t entries = 0;
-        ForEachTextTable([&](const char *, auto table) { entries += (this->*table).size(); });
+        auto add = [&](const char *, auto table) { entries += (this->*table).size(); };
+        ForEachTextTable(add);
+        if (!text_tables_only)
+            ForEachAnswerTable(add);
         return entries;
     }
     // Frees up to `budget` entries; true when every table is empty.
@@ -1045,6 +1045,9 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
         BindingDeps deps;                // the scopes whose bindings decided it
+        // What working it out told the context or read (when collected):
+        // a collection under way that finds it depends on the same.
+        Effects effects;
     };
     std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
@@ -1073,6 +1076,9 @@ private:
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
         DependOnAll(hit->second.deps);  // as bound here as where it was found
+        if (fCollecting)
+            for (const auto &[effect, scope] : hit->second.effects)
+                NoteEffect(effect, scope);  // the context was told already
         return static_cast<const Value *>(&hit->second.value);
     }
     template <class Key>
@@ -1081,7 +1087,7 @@ private:
     }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
-        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.Deps()};
+        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.Deps(), {}};
         if (watch.CycledOut())
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
