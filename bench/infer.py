@@ -20,7 +20,8 @@ Figures:
              (interleaved with the resolve pass, best of --repeat each), and
              the ratio resolve / symtable (goal <= 2)
   memory     the resolve pass's growth of the resident set's peak (VmHWM, reset
-             before the pass) and of the resident set
+             before the pass) and of the resident set; the entries of each table
+             the engine keeps between requests after that pass and after the last
   jedi       a sample of the reads (fixed seed) asked of jedi's `infer` at the
              name's position and of the engine: time per resolve of each, and
              how often they agree on the type names (type arguments and module
@@ -323,6 +324,12 @@ def machine_load():
     return f"load average {one:.2f} (1 min) {five:.2f} (5 min) on {os.cpu_count()} cores"
 
 
+def print_kept_counts(label, counts):
+    """The entries of the engine's kept tables, largest first (empty ones left out)."""
+    tables = sorted(((n, c) for n, c in counts.items() if c), key=lambda item: -item[1])
+    print(f"{label}: " + ", ".join(f"{name} {count}" for name, count in tables))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--quick", action="store_true",
@@ -379,6 +386,7 @@ def main():
             if round_index == 0:
                 peak_growth = resident_kb("VmHWM") - rss_before
                 kept = resident_kb("VmRSS") - rss_before
+                kept_counts = engine.KeptCounts()
             gc.collect()
             start = time.perf_counter()
             symbols = walk_symtable(None, texts)
@@ -398,6 +406,8 @@ def main():
         print(f"  worst single resolve {worst[0] * 1e3:.1f} ms: {worst[1]}")
         print(f"memory of the first resolve pass: peak RSS growth {peak_growth / 1e3:.1f} MB, "
               f"RSS kept {kept / 1e3:.1f} MB (VmHWM reset before it)")
+        print_kept_counts("kept after the first resolve pass", kept_counts)
+        print_kept_counts("kept after the last pass", engine.KeptCounts())
         if args.dump:
             with open(args.dump, "w", encoding="utf-8") as out:
                 write_answers(mgr, reads, cold_answers, out, "cold")

@@ -9,7 +9,7 @@ import pytest
 
 from basekit.location import CLocalFileLocation
 from pysource import (canonicalize, inferenceengine, inferencectx, inferenceiterators,
-                      inferquery, inferreddetails, symbolinfo)
+                      inferquery, inferreddetails, scopeinfo, symbolinfo)
 from managerutil import installed_manager
 from scanutil import SettableClock, counter_clock, replaced_clock
 
@@ -265,6 +265,52 @@ def test_repeated_resolves_agree_until_records_change(project, tmp_path):
         assert {s.GetTypeName() for s in _resolve(mgr, loc, "", "value")[0]} == {expected}
 
 
+def _replace_derived_record(mgr, callee, caller, passed):
+    """Records that `caller`'s module passes `passed` (a builtin type name) as
+    the first argument of `callee`, in place of what its derived scan said."""
+    key = scopeinfo.CScopeInfoKey(callee, mgr.fDerivedScanName, symbolinfo.Scope(caller, ""))
+    info = scopeinfo.CScopeInfo(key, b"", 100.0, False)
+    info.type_equivs = {":a0": f":^{caller.fUrl},:<%,:l{passed}".encode()}
+    info.FinishedBuilding()
+    mgr.fInfoCache.AddScopeInfo(info)
+
+
+@pytest.mark.parametrize("edited, expected_x, kept", [
+    ("f", {"str"}, False),  # the record the kept value read
+    ("g", {"int"}, True),   # another function's: the kept value stands
+])
+def test_kept_project_values_follow_the_derived_records_they_read(tmp_path, edited, expected_x, kept):
+    """A kept value of the project goes when a derived record it read changes,
+    and only then: the answer is what a fresh engine would give."""
+    files = {"lib.py": "def f(x):\n    return x\n\ndef g(y):\n    return y\n",
+             "a.py": "from lib import f\nf(1)\n", "b.py": "from lib import g\ng(1)\n"}
+    for name, text in files.items():
+        (tmp_path / name).write_text(text)
+    locs = {name: CLocalFileLocation(str(tmp_path / name)) for name in files}
+    with installed_manager(editor=False) as mgr:
+        engine = mgr.fInferenceEngine._fNativeEngine
+        inferquery.RunDerivedScans(mgr, list(locs.values()))
+
+        def x_in_f():
+            return {s.GetTypeName() for s in _resolve(mgr, locs["lib.py"], "f", "x")[0]}
+
+        assert x_in_f() == {"int"}
+        before = engine.KeptCounts()
+        generations = (mgr.fInfoCache.fPrimaryGeneration, mgr.fInfoCache.fRecordGeneration)
+        caller = locs["a.py" if edited == "f" else "b.py"]
+        _replace_derived_record(mgr, symbolinfo.Scope(locs["lib.py"], edited), caller, "str")
+        assert mgr.fInfoCache.fPrimaryGeneration == generations[0]
+        assert mgr.fInfoCache.fRecordGeneration > generations[1]
+        assert x_in_f() == expected_x
+        after = engine.KeptCounts()
+        assert (after["project_values_found"] > before["project_values_found"]) == kept
+        assert (after["project_values_outdated"] > before["project_values_outdated"]) == (not kept)
+    with installed_manager(editor=False) as fresh:
+        inferquery.RunDerivedScans(fresh, list(locs.values()))
+        _replace_derived_record(fresh, symbolinfo.Scope(locs["lib.py"], edited), caller, "str")
+        assert {s.GetTypeName() for s in _resolve(fresh, locs["lib.py"], "f", "x")[0]} == expected_x
+
+
 def _answer_after(path, earlier, text):
     """The type names and scopes seen of `text` read in the module at `path`
     by a new manager, after the requests `earlier`."""
@@ -277,15 +323,20 @@ def _answer_after(path, earlier, text):
         return {s.GetTypeName() for s in resolved}, set(ctx.GetScopesSeen())
 
 
-@pytest.mark.parametrize("warm, text", [
-    (["a.upper()"], "a.lower()"),
-    (["b.copy()"], "b.pop()"),
-    (["a.upper()", "b.copy()"], "a.join(b)"),
+SHARED_CALL = "def f(x):\n    return x\n\ndef h():\n    return f(1)\n\nc = h()\nd = h()\n"
+
+
+@pytest.mark.parametrize("module, warm, text", [
+    ("a = 'x'\nb = [1]\n", ["a.upper()"], "a.lower()"),
+    ("a = 'x'\nb = [1]\n", ["b.copy()"], "b.pop()"),
+    ("a = 'x'\nb = [1]\n", ["a.upper()", "b.copy()"], "a.join(b)"),
+    # d's value reuses what h's body gave for c in the same request.
+    (SHARED_CALL, ["(c, d)"], "d"),
 ])
-def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, warm, text):
-    """Method orders and type variables worked out by earlier requests tell a
-    later context the classes they read, as working them out would."""
-    (tmp_path / "m.py").write_text("a = 'x'\nb = [1]\n")
+def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, module, warm, text):
+    """Method orders, type variables and values worked out by earlier requests
+    tell a later context the scopes they read, as working them out would."""
+    (tmp_path / "m.py").write_text(module)
     assert _answer_after(tmp_path / "m.py", warm, text) == _answer_after(tmp_path / "m.py", [], text)
 
 

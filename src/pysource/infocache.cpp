@@ -548,6 +548,7 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
                 if (record.view.scan_name == fPrimaryScanName)
                     ++fPrimaryGeneration;
                 ++fRecordGeneration;
+                entry.changed_at[std::string(record.view.for_name)] = fRecordGeneration;
                 kept.erase(same);
                 index_kept();  // the places after it moved
             }
@@ -559,6 +560,7 @@ bool CInfoCache::AddScopeInfoBlobs(nb::handle loc, nb::handle blobs) {
                 ++fPrimaryGeneration;
         }
         ++fRecordGeneration;
+        entry.changed_at[std::string(record.view.for_name)] = fRecordGeneration;
         if (same != kept.end()) {
             // The key's views move to the new blob with it.
             std::size_t i = found->second;
@@ -961,6 +963,7 @@ Py_ssize_t CInfoCache::ForgetLocation(nb::handle loc) {
         fReplacedScans.erase(scan);
         fScansWithNewRecords.erase(scan);
     }
+    ++fRecordGeneration;  // the location's own records go below
     std::vector<nb::object> changed;
     for (auto &[name, scope_entry] : entry.scopes)
         if (!scope_entry.records.empty())
@@ -1056,6 +1059,8 @@ nb::object CInfoCache::GetWords(nb::handle loc) {
 // Notifications
 
 void CInfoCache::NoteChanged(nb::handle scope) {
+    ScopeView view = ViewScope(scope);
+    EntryFor(view.loc).changed_at[std::string(view.name_view)] = fRecordGeneration;
     CScopeDependantCache::InvalidateScopeEverywhere(scope);
     if (fDeferDepth > 0) {
         if (PySet_Add(fPendingScopes.ptr(), scope.ptr()) < 0)
@@ -1066,6 +1071,13 @@ void CInfoCache::NoteChanged(nb::handle scope) {
         return;
     nb::object batch = nb::steal(PyFrozenSet_New(nb::make_tuple(scope).ptr()));
     emit("scopes-modified", nb::make_tuple(SelfObject(), batch));
+}
+
+std::uint64_t CInfoCache::ScopeChangedAt(nb::handle scope) {
+    ScopeView view = ViewScope(scope);
+    const auto &changed_at = EntryFor(view.loc).changed_at;
+    auto it = changed_at.find(view.name_view);
+    return it == changed_at.end() ? 0 : it->second;
 }
 
 void CInfoCache::BeginDeferScopesModified() { ++fDeferDepth; }

@@ -133,6 +133,10 @@ public:
     std::uint64_t fPrimaryGeneration = 0;
     // Counts the changes of any record, derived ones included.
     std::uint64_t fRecordGeneration = 0;
+    // The record generation at which the records of `scope` last changed (0:
+    // not since the cache began): what was worked out from them at a later
+    // generation still stands.
+    std::uint64_t ScopeChangedAt(nb::handle scope);
     // WriteToDatabase(locs) holds the given locations back until this many
     // wait, then writes them all in one transaction (a killed writer loses at
     // most that batch); WriteToDatabase(None) writes whatever waits.
@@ -185,6 +189,9 @@ private:
         // Records of a location that held nothing else, still as blobs; the
         // entry is then otherwise empty, and record_count counts them.
         std::vector<BlobRecord> blob_records;
+        // The record generation of each scope's last change, by scope name;
+        // kept when the scope's records go (removed or evicted).
+        std::unordered_map<std::string, std::uint64_t, TextHash, std::equal_to<>> changed_at;
         // Rows to delete: (scope, scan name, scanned URL, scanned scope).
         std::vector<std::tuple<std::string, std::string, std::string, std::string>> deleted;
     };
@@ -212,6 +219,8 @@ private:
     void RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPlace> *keep);
     Py_ssize_t ForgetScansOfGoneScopes(LocEntry &entry, const std::string &own_scan,
                                        const std::set<std::string, std::less<>> &keep);
+    // Stamps the change of `scope`'s records with the record generation and
+    // tells whoever listens.
     void NoteChanged(nb::handle scope);
     nb::ref<CScopeInfo> BuildMerged(const ScopeEntry &scopes);
     void Touch(LocEntry &entry) { entry.last_use = ++fUseClock; }

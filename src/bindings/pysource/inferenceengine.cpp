@@ -102,6 +102,7 @@ NB_MODULE(inferenceengine, m) {
         .def("_OrderedTypeVars", &CInferenceEngine::OrderedTypeVars_, nb::arg("class_single"),
              nb::arg("ctx").none() = nb::none())
         .def("ForgetKeptAnswers", &CInferenceEngine::ForgetKeptAnswers)
+        .def("KeptCounts", &CInferenceEngine::KeptCounts)
         .def("_SpecialFormName", &CInferenceEngine::SpecialFormName, nb::arg("expr"),
              nb::arg("ctx").none() = nb::none());
 

@@ -134,6 +134,14 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
             auto kept = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
             if (kept == kept_values->end())
                 return nullptr;
+            if (!library) {
+                if (!RecordsStand(kept->second)) {
+                    ++fMemo.project_values_outdated;
+                    kept_values->erase(kept);  // worked out again below
+                    return nullptr;
+                }
+                ++fMemo.project_values_found;
+            }
             DependOnAll(deps);  // as bound here as where it was found
             Replay(kept->second.effects);
             return &kept->second.values;
@@ -172,10 +180,13 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (!memoable)
         return out;
     std::string bindings = NoteDeps(key, watch);
+    auto request_kept = Keep(out, watch);
+    if (effects)
+        request_kept.effects = effects->Taken();
     if (kept_values && watch.Whole())
         kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
-                             EngineMemo::KeptAnswer{out, effects->Taken()});
-    fRequestValues.emplace(RequestKey{key, hops + bindings}, Keep(out, watch));
+                             EngineMemo::KeptAnswer{out, request_kept.effects, fMemo.record_generation});
+    fRequestValues.emplace(RequestKey{key, hops + bindings}, std::move(request_kept));
     return out;
 }
 

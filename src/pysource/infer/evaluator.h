@@ -36,6 +36,10 @@
 
 namespace nb = nanobind;
 
+namespace pysource {
+class CInfoCache;
+}
+
 namespace pysource::infer {
 
 // The single behind a Python handle, and the dotted name of its scope.
@@ -123,8 +127,11 @@ struct MroEntry {
     TypeMap map;
 };
 
-// What a piece of work told the request's context: (an import, scope) pairs.
-using Effects = std::vector<std::pair<bool, nb::object>>;
+// What a piece of work told the request's context, or read: a scope seen
+// (a record read), a module imported, or a scope read that had no record
+// (not told: it is what the work depends on all the same).
+enum class Effect : unsigned char { kSeen, kImport, kNoRecord };
+using Effects = std::vector<std::pair<Effect, nb::object>>;
 
 // The hash of a text key.  A long text (a module-level table of hundreds of
 // kilobytes is one expression) is hashed by its length and by samples of its
@@ -309,6 +316,7 @@ struct MemoTables {
     struct KeptFact {
         T values;
         Effects effects;
+        std::uint64_t record_generation = 0;  // of the info cache when worked out
     };
     using KeptAnswer = KeptFact<ValueSet>;
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
@@ -321,7 +329,8 @@ struct MemoTables {
     // to look for a value under the bindings in force.
     std::unordered_map<ReadKey, std::vector<BindingDeps>, ReadKeyHash> value_deps;
     // Values read in the project's own files also depend on derived records
-    // (what callers pass): they stand while no record at all changes.
+    // (what callers pass): they stand while the records of the scopes they
+    // read (their effects) stay as they were.
     KeptValues project_values;
     // The branch structure of scope bodies as the flow provider told it: it
     // follows the files' text, as the primary records do.  By ScopeKey (the
@@ -351,24 +360,53 @@ struct MemoTables {
     // again and again (each holds its location).
     std::unordered_map<ScopeKey, nb::object, ScopeKeyHash, ScopeLookupEqual> scopes;
 
-    std::size_t Entries() const {
-        return block_paths.size() + loop_headers.size() + conditions_at.size() + body_traits.size() +
-               def_statements.size() +
-               def_infos.size() + class_infos.size() + entries.size() + parsed_texts.size() +
-               canonical_singles.size() + module_scopes.size() + scopes.size() + mros.size() + type_vars.size() +
-               library_values.size() + project_values.size() + value_deps.size();
+    // Calls `visit(name, member)` with a pointer to member of each table
+    // that follows the text of records alone: their entries are bounded by
+    // the texts the records hold.
+    template <class Visit>
+    static void ForEachTextTable(Visit visit) {
+        visit("def_infos", &MemoTables::def_infos);
+        visit("class_infos", &MemoTables::class_infos);
+        visit("entries", &MemoTables::entries);
+        visit("parsed_texts", &MemoTables::parsed_texts);
+        visit("canonical_singles", &MemoTables::canonical_singles);
+    }
+    // The same for the other tables: what requests worked out.
+    template <class Visit>
+    static void ForEachAnswerTable(Visit visit) {
+        visit("block_paths", &MemoTables::block_paths);
+        visit("loop_headers", &MemoTables::loop_headers);
+        visit("conditions_at", &MemoTables::conditions_at);
+        visit("body_traits", &MemoTables::body_traits);
+        visit("def_statements", &MemoTables::def_statements);
+        visit("module_scopes", &MemoTables::module_scopes);
+        visit("scopes", &MemoTables::scopes);
+        visit("mros", &MemoTables::mros);
+        visit("type_vars", &MemoTables::type_vars);
+        visit("library_values", &MemoTables::library_values);
+        visit("project_values", &MemoTables::project_values);
+        visit("value_deps", &MemoTables::value_deps);
+    }
+    template <class Visit>
+    static void ForEachTable(Visit visit) {
+        ForEachTextTable(visit);
+        ForEachAnswerTable(visit);
+    }
+    std::size_t Entries() const { return EntriesOf(false); }
+    std::size_t TextEntries() const { return EntriesOf(true); }
+    std::size_t EntriesOf(bool text_tables_only) const {
+        std::size_t entries = 0;
+        auto add = [&](const char *, auto table) { entries += (this->*table).size(); };
+        ForEachTextTable(add);
+        if (!text_tables_only)
+            ForEachAnswerTable(add);
+        return entries;
     }
     // Frees up to `budget` entries; true when every table is empty.
     bool EraseSome(std::size_t &budget) {
-        return EraseSomeOf(block_paths, budget) && EraseSomeOf(loop_headers, budget) &&
-               EraseSomeOf(conditions_at, budget) && EraseSomeOf(body_traits, budget) &&
-               EraseSomeOf(def_statements, budget) &&
-               EraseSomeOf(def_infos, budget) && EraseSomeOf(class_infos, budget) &&
-               EraseSomeOf(entries, budget) && EraseSomeOf(parsed_texts, budget) &&
-               EraseSomeOf(canonical_singles, budget) && EraseSomeOf(module_scopes, budget) &&
-               EraseSomeOf(scopes, budget) && EraseSomeOf(mros, budget) && EraseSomeOf(type_vars, budget) &&
-               EraseSomeOf(library_values, budget) && EraseSomeOf(project_values, budget) &&
-               EraseSomeOf(value_deps, budget);
+        bool emptied = true;  // every table so far
+        ForEachTable([&](const char *, auto table) { emptied = emptied && EraseSomeOf(this->*table, budget); });
+        return emptied;
     }
 };
 
@@ -376,13 +414,17 @@ struct MemoTables {
 // primary records alone (method orders, type variables of classes, values
 // read in library files).  They stand while the info cache's primary records
 // do (its primary generation) and go as a whole when any of them changes, or
-// when the memo grows past kMaxEntries (memory stays bounded).
+// when the memo grows past kMaxEntries (memory stays bounded).  The tables
+// that follow the records' text have a bound of their own, and go alone past
+// it: they would otherwise fill most of the memo and take the answers with
+// them long before the answers fill it.
 //
 // A memo that goes is retired, not freed at once: freeing a large one takes
 // tens of milliseconds, more than a request may run past its deadline.  Each
 // new request frees a little of what was retired (FreeRetiredSome).
 struct EngineMemo : MemoTables {
-    static constexpr std::size_t kMaxEntries = 60000;
+    static constexpr std::size_t kMaxEntries = 60000;  // the text tables' not counted
+    static constexpr std::size_t kMaxTextEntries = 60000;
     std::uint64_t generation = ~std::uint64_t(0);
     PyObject *conditions = nullptr;  // the condition evaluator the facts were read under
     std::uint64_t record_generation = ~std::uint64_t(0);
@@ -394,6 +436,9 @@ struct EngineMemo : MemoTables {
     LargeTexts<std::shared_ptr<const ParsedEntry>> large_entries;
     LargeTexts<std::shared_ptr<const ParsedText>> large_parsed_texts;
     std::size_t parse_put_off = 0;  // the hash of the long text whose parse was put off last
+    // Kept project values found again, and found outdated (and dropped).
+    std::size_t project_values_found = 0;
+    std::size_t project_values_outdated = 0;
     std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
     std::size_t retired_entries = 0;                   // left to free in `retired`
 
@@ -406,15 +451,20 @@ struct EngineMemo : MemoTables {
         Retire(std::make_unique<MemoTables>(std::move(static_cast<MemoTables &>(*this))));
         static_cast<MemoTables &>(*this) = MemoTables();
     }
-    // Project values go alone when a derived record changes.
-    void ForgetProjectValues() { RetireTable<&MemoTables::project_values>(); }
-    template <auto Table>
-    void RetireTable() {
-        if ((this->*Table).empty())
+    std::size_t AnswerEntries() const { return Entries() - TextEntries(); }
+    // Project values go alone when a record changes and the info cache
+    // can't tell which scopes it changed.
+    void ForgetProjectValues() { RetireTable(&MemoTables::project_values); }
+    void ForgetTexts() {
+        ForEachTextTable([&](const char *, auto table) { RetireTable(table); });
+    }
+    template <class Table>
+    void RetireTable(Table MemoTables::*table) {
+        if ((this->*table).empty())
             return;
         auto tables = std::make_unique<MemoTables>();
-        (*tables).*Table = std::move(this->*Table);
-        this->*Table = {};
+        (*tables).*table = std::move(this->*table);
+        this->*table = {};
         Retire(std::move(tables));
     }
     // Frees retired entries for about `seconds`, longer while much is left,
@@ -424,6 +474,8 @@ struct EngineMemo : MemoTables {
         retired.clear();
         retired_entries = 0;
     }
+    // The entries of each table, and those retired and not yet freed.
+    std::vector<std::pair<std::string, std::size_t>> Counts() const;
 
 private:
     void Retire(std::unique_ptr<MemoTables> tables) {
@@ -1010,6 +1062,9 @@ private:
         bool partial = false;            // a stop shortened it
         std::optional<ActiveKey> cycle;  // it read this read's value while unfinished
         BindingDeps deps;                // the scopes whose bindings decided it
+        // What working it out told the context or read (when collected):
+        // a collection under way that finds it depends on the same.
+        Effects effects;
     };
     std::unordered_map<RequestKey, Kept<ValueSet>, ReadKeyHash, ReadKeyEqual> fRequestValues;
     // Hints are kept apart from values read at a logical index.
@@ -1038,6 +1093,9 @@ private:
         if (hit->second.partial)
             ++fCuts;  // as partial here as where it was found
         DependOnAll(hit->second.deps);  // as bound here as where it was found
+        if (fCollecting)
+            for (const auto &[effect, scope] : hit->second.effects)
+                NoteEffect(effect, scope);  // the context was told already
         return static_cast<const Value *>(&hit->second.value);
     }
     template <class Key>
@@ -1046,7 +1104,7 @@ private:
     }
     template <class T>
     Kept<T> Keep(T value, const CutWatch &watch) const {
-        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.Deps()};
+        Kept<T> kept{std::move(value), watch.Stopped(), std::nullopt, watch.Deps(), {}};
         if (watch.CycledOut())
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
@@ -1063,6 +1121,9 @@ private:
     std::uint64_t fSignatureVersion = ~std::uint64_t(0);
     std::string fBindingsSignature;
     bool fKeepProjectValues = false;
+    // The info cache, when it tells the generation of each scope's records
+    // (project values then go one by one, as the records they read change).
+    CInfoCache *fScopeGenerations = nullptr;
     // The scopes whose bindings each piece of work under way read (a
     // bound name, a parameter of a def, a type variable outside an explicit
     // map), innermost last: its value stands where they are the same.
@@ -1096,12 +1157,17 @@ private:
     int fCollecting = 0;
     Effects fEffects;
     // Where each collection under way started in fEffects, innermost last,
-    // and where each effect (its scope's address, with the import flag as
-    // its low bit) was last noted: one noted since the innermost start is
-    // in every collection under way already, and is not noted again.
+    // and where each effect (its scope's address, with its kind in the low
+    // bits) was last noted: one noted since the innermost start is in every
+    // collection under way already, and is not noted again.
     std::vector<std::size_t> fEffectStarts;
     std::unordered_map<std::uintptr_t, std::size_t> fEffectLast;
-    void NoteEffect(bool import, nb::handle scope);
+    void NoteEffect(Effect effect, nb::handle scope);
+    // Tells what reading the record of `scope` found (None: nothing).
+    void RecordRead(nb::handle scope, nb::handle record);
+    // Whether no scope a kept value read has had its records changed since
+    // the value was worked out.
+    bool RecordsStand(const EngineMemo::KeptAnswer &kept);
     // Tells the context again what a kept answer told it.
     void Replay(const Effects &effects);
     Effects EffectsFrom(std::size_t start) const;

@@ -156,6 +156,13 @@ int CInferenceEngine::Traverse(visitproc visit, void *arg) {
 
 void CInferenceEngine::ForgetKeptAnswers() { fMemo->Forget(); }
 
+nb::dict CInferenceEngine::KeptCounts() const {
+    nb::dict counts;
+    for (const auto &[name, count] : fMemo->Counts())
+        counts[name.c_str()] = count;
+    return counts;
+}
+
 void CInferenceEngine::Clear() {
     fMemo->Forget();
     fMemo->FreeRetired();

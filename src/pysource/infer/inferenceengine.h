@@ -78,6 +78,10 @@ public:
     // Drops what requests kept for later ones (they go by themselves when
     // records, the search path or the settings change).
     void ForgetKeptAnswers();
+    // How many entries each table of what requests kept holds, by name
+    // ("retired": entries dropped and not yet freed), and how often kept
+    // project values were found again or found outdated.
+    nb::dict KeptCounts() const;
 
     int Traverse(visitproc visit, void *arg);
     void Clear();

@@ -207,6 +207,15 @@ void EngineMemo::FreeRetiredSome(double seconds, CInferContext *ctx) {
         retired_entries = 0;
 }
 
+std::vector<std::pair<std::string, std::size_t>> EngineMemo::Counts() const {
+    std::vector<std::pair<std::string, std::size_t>> counts;
+    ForEachTable([&](const char *name, auto table) { counts.emplace_back(name, (this->*table).size()); });
+    counts.emplace_back("retired", retired_entries);
+    counts.emplace_back("project_values_found", project_values_found);
+    counts.emplace_back("project_values_outdated", project_values_outdated);
+    return counts;
+}
+
 CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     : fEngine(engine), fCtxObject(nb::borrow(ctx)), fCtx(AsContext(ctx)), fMemo(*engine.fMemo) {
     fInfoCache = engine.fInfoCache;
@@ -227,7 +236,9 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
     }
     std::uint64_t generation = generation_of("fPrimaryGeneration", &CInfoCache::fPrimaryGeneration);
     std::tuple<int, int, std::size_t> limits{engine.fMaxDepth, engine.fMaxArgHops, engine.fMaxValues};
-    if (generation != fMemo.generation || generation == kUnknown || fMemo.Entries() > EngineMemo::kMaxEntries ||
+    if (fMemo.TextEntries() > EngineMemo::kMaxTextEntries)
+        fMemo.ForgetTexts();
+    if (generation != fMemo.generation || generation == kUnknown || fMemo.AnswerEntries() > EngineMemo::kMaxEntries ||
         fMemo.conditions != engine.fConditionEvaluator.ptr() || fMemo.flow != engine.fFlowProvider.ptr() ||
         limits != fMemo.limits) {
         fMemo.Clear(generation);
@@ -236,10 +247,11 @@ CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
         fMemo.limits = limits;
     }
     std::uint64_t records = generation_of("fRecordGeneration", &CInfoCache::fRecordGeneration);
-    if (records != fMemo.record_generation || records == kUnknown) {
+    if (IsExactly<CInfoCache>(fInfoCache))
+        fScopeGenerations = nb::cast<CInfoCache *>(fInfoCache);
+    if ((records != fMemo.record_generation && !fScopeGenerations) || records == kUnknown)
         fMemo.ForgetProjectValues();
-        fMemo.record_generation = records;
-    }
+    fMemo.record_generation = records;
     fKeepProjectValues = records != kUnknown;
     fLocCache = engine._fLocCache;
     fFinder = engine.fModuleFinder;
@@ -284,18 +296,20 @@ bool CEvaluator::Stop() {
     return false;
 }
 
-void CEvaluator::NoteEffect(bool import, nb::handle scope) {
+void CEvaluator::NoteEffect(Effect effect, nb::handle scope) {
     if (!fCollecting)
         return;
-    // (fEffects holds each scope noted: its address names it alone.)
-    auto key = reinterpret_cast<std::uintptr_t>(scope.ptr()) | std::uintptr_t(import);
+    // (fEffects holds each scope noted: its address names it alone, and
+    // leaves the low bits free for the kind.)
+    static_assert(alignof(PyObject) >= 4);
+    auto key = reinterpret_cast<std::uintptr_t>(scope.ptr()) | std::uintptr_t(effect);
     auto [last, added] = fEffectLast.try_emplace(key, fEffects.size());
     if (!added) {
         if (last->second >= fEffectStarts.back())
             return;
         last->second = fEffects.size();
     }
-    fEffects.emplace_back(import, nb::borrow(scope));
+    fEffects.emplace_back(effect, nb::borrow(scope));
 }
 
 Effects CEvaluator::EffectsFrom(std::size_t start) const {
@@ -305,7 +319,7 @@ Effects CEvaluator::EffectsFrom(std::size_t start) const {
         return unique_effects;
     // Sorted by what they tell and then where: the first of each run is the
     // one kept.
-    std::vector<std::tuple<PyObject *, bool, std::size_t>> order;
+    std::vector<std::tuple<PyObject *, Effect, std::size_t>> order;
     order.reserve(fEffects.size() - start);
     for (std::size_t i = start; i < fEffects.size(); ++i)
         order.emplace_back(fEffects[i].second.ptr(), fEffects[i].first, i);
@@ -323,12 +337,33 @@ Effects CEvaluator::EffectsFrom(std::size_t start) const {
 }
 
 void CEvaluator::Replay(const Effects &effects) {
-    for (const auto &[import, scope] : effects)
-        import ? ImportSeen(scope) : Seen(scope);
+    for (const auto &[effect, scope] : effects)
+        switch (effect) {
+        case Effect::kSeen:
+            Seen(scope);
+            break;
+        case Effect::kImport:
+            ImportSeen(scope);
+            break;
+        case Effect::kNoRecord:
+            NoteEffect(effect, scope);
+            break;
+        }
+}
+
+bool CEvaluator::RecordsStand(const EngineMemo::KeptAnswer &kept) {
+    if (kept.record_generation == fMemo.record_generation)
+        return true;
+    if (!fScopeGenerations)
+        return false;
+    for (const auto &[effect, scope] : kept.effects)
+        if (fScopeGenerations->ScopeChangedAt(scope) > kept.record_generation)
+            return false;
+    return true;
 }
 
 void CEvaluator::ImportSeen(nb::handle module_scope) {
-    NoteEffect(true, module_scope);
+    NoteEffect(Effect::kImport, module_scope);
     if (fCtx)
         fCtx->AddResolvedImport(module_scope);
     else
@@ -336,11 +371,18 @@ void CEvaluator::ImportSeen(nb::handle module_scope) {
 }
 
 void CEvaluator::Seen(nb::handle scope) {
-    NoteEffect(false, scope);
+    NoteEffect(Effect::kSeen, scope);
     if (fCtx)
         fCtx->AddScopeToScopesSeen(scope);
     else
         fCtxObject.attr("AddScopeToScopesSeen")(scope);
+}
+
+void CEvaluator::RecordRead(nb::handle scope, nb::handle record) {
+    if (record.is_none())
+        NoteEffect(Effect::kNoRecord, scope);
+    else
+        Seen(scope);
 }
 
 nb::object CEvaluator::RecordOf(nb::handle scope) {
@@ -348,28 +390,24 @@ nb::object CEvaluator::RecordOf(nb::handle scope) {
         auto *own = nb::inst_ptr<si::CScope>(scope);
         auto hit = fScopeRecords.find(std::pair<PyObject *, std::string_view>{own->loc.ptr(), own->NameView()});
         if (hit != fScopeRecords.end()) {
-            if (fCollecting && !hit->second.second.is_none())
-                NoteEffect(false, scope);
+            NoteEffect(hit->second.second.is_none() ? Effect::kNoRecord : Effect::kSeen, scope);
             return hit->second.second;
         }
         nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
         fScopeRecords.emplace(ScopeKey{own->loc.ptr(), std::string(own->NameView())},
                               std::pair{nb::borrow(scope), record});
-        if (!record.is_none())
-            Seen(scope);
+        RecordRead(scope, record);
         return record;
     }
     if (PyObject *hit = PyDict_GetItemWithError(fRecords.ptr(), scope.ptr())) {
-        if (fCollecting && hit != Py_None)
-            NoteEffect(false, scope);
+        NoteEffect(hit == Py_None ? Effect::kNoRecord : Effect::kSeen, scope);
         return nb::borrow(hit);
     }
     if (PyErr_Occurred())
         throw nb::python_error();
     nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
     fRecords[scope] = record;
-    if (!record.is_none())
-        Seen(scope);
+    RecordRead(scope, record);
     return record;
 }
 
@@ -507,7 +545,7 @@ std::shared_ptr<const ParsedText> CEvaluator::ParseText(std::string_view text) {
     // ones freed a little at a time).
     constexpr std::size_t kMaxParsedTexts = 1 << 15;
     if (fMemo.parsed_texts.size() >= kMaxParsedTexts)
-        fMemo.RetireTable<&MemoTables::parsed_texts>();
+        fMemo.RetireTable(&MemoTables::parsed_texts);
     auto parsed = std::make_shared<ParsedText>();
     parsed->root = pgen::ParseEmbeddedExpression(parsed->tree, parsed->tree.Keep(std::string(text)), 0, true);
     if (large)
