@@ -10,6 +10,7 @@ import pathlib
 import re
 import shlex
 import string
+import sys
 import tempfile
 import textwrap
 from collections import Counter, OrderedDict, defaultdict, deque
@@ -30,6 +31,10 @@ os.environ["PATH"]  # expect: str
 os.getenv("HOME")  # expect: str | None
 __file__  # expect: str
 __name__  # expect: str
+
+# The stubs' `X | Any` (an X callers needn't check for None) is an X.
+sys.stdout  # expect: typing.TextIO
+sys.stdin.readline()  # expect: str
 
 open(__file__)  # expect: _io.TextIOWrapper
 open(__file__, "rb")  # expect: _io.BufferedReader

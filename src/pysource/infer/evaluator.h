@@ -566,6 +566,8 @@ private:
 
     // Type hints.
     ValueSet EvalType(const Tree &tree, std::int32_t node, const Frame &frame);
+    // Whether the type expression at `node` is Any itself (through aliases too).
+    bool NamesAny(const Tree &tree, std::int32_t node, const Frame &frame);
     static ValueSet UnionOf(const std::vector<ValueSet> &members);
     ValueSet EvalTypeSubscript(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet TypeOfSingle(nb::handle single, const Frame &frame);

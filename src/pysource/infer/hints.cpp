@@ -234,6 +234,19 @@ ValueSet CEvaluator::UpperBoundOf(si::CSingleResolvedInfo *param) {
     return ResolveHintText(scope, text, nullptr);
 }
 
+bool CEvaluator::NamesAny(const Tree &tree, std::int32_t node, const Frame &frame) {
+    const Node &n = tree.nodes[(std::size_t) node];
+    if (n.kind != NodeKind::kName && n.kind != NodeKind::kAttribute)
+        return false;
+    ValueSet named = Eval(tree, node, frame);
+    if (named.Empty())
+        return false;
+    for (const nb::object &single : named.Items())
+        if (SpecialFormOf(single) != "Any")
+            return false;
+    return true;
+}
+
 ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &frame) {
     ValueSet out;
     if (node < 0 || Stop())
@@ -251,8 +264,16 @@ ValueSet CEvaluator::EvalType(const Tree &tree, std::int32_t node, const Frame &
             out.Add(LiteralSingle("None", std::nullopt));
         return out;
     case NodeKind::kBinOp:
-        if (tree.toks[(std::size_t) tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end].text == "|")
-            return UnionOf({EvalType(tree, tree.Kid(n, 0), frame), EvalType(tree, tree.Kid(n, 1), frame)});
+        if (tree.toks[(std::size_t) tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end].text == "|") {
+            // `X | Any` after a type (the stubs' `TextIO | MaybeNone`) is an X
+            // that callers needn't check for None and the like: the value is
+            // what X says.  `Any | X` (getattr's `Any | None`) stays unknown:
+            // there X is only one of the things it can be.
+            std::int32_t left = tree.Kid(n, 0), right = tree.Kid(n, 1);
+            if (NamesAny(tree, right, frame) && !NamesAny(tree, left, frame))
+                return EvalType(tree, left, frame);
+            return UnionOf({EvalType(tree, left, frame), EvalType(tree, right, frame)});
+        }
         return out;
     case NodeKind::kSubscript:
         return EvalTypeSubscript(tree, n, frame);
