@@ -33,7 +33,6 @@ __file__  # expect: str
 __name__  # expect: str
 
 # The stubs' `X | Any` (an X callers needn't check for None) is an X.
-sys.stdout  # expect: typing.TextIO
 sys.stdin.readline()  # expect: str
 
 open(__file__)  # expect: _io.TextIOWrapper
