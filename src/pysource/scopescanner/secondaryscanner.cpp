@@ -182,12 +182,6 @@ std::pair<nb::object, nb::object> UnpackItem(nb::handle item) {
 
 nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) {
     nb::object ctx = Engine().attr("NewContext")(end_time, true);
-    // What an item records must not depend on how fast it ran: the deadline
-    // only decides where a slice pauses.  An item the deadline cut runs once
-    // more, whole, in a context without one (the engine's own limits, depth
-    // and the like, bound it), so that its answer is the one an uncut first
-    // try gives.
-    nb::object unbounded_ctx;
     int count = 0;
     bool scanned = false;
     for (;;) {
@@ -205,11 +199,8 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             _fFinalTry = false;
         }
         auto [name, ibytes] = UnpackItem(item);
-        if (_fFinalTry && !unbounded_ctx.is_valid())
-            unbounded_ctx = Engine().attr("NewContext")(nb::none(), true);
-        nb::handle item_ctx = _fFinalTry ? unbounded_ctx : ctx;
 
-        bool incomplete = ScanOneItem(name, ibytes, item_ctx, scanned);
+        bool incomplete = ScanOneItem(name, ibytes, ctx, scanned);
         // The clock is read once per resolving item and once per 51 cheap
         // ones; from here on a time-out and an incomplete item are the same.
         if (!incomplete && (scanned || count > 50)) {
@@ -218,8 +209,8 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             count = 0;
         }
 
-        if (WaitsForScans_(item_ctx)) {
-            nb::object needed = PrimaryScansNeeded_(item_ctx);
+        if (WaitsForScans_(ctx)) {
+            nb::object needed = PrimaryScansNeeded_(ctx);
             _fCompletedNeedsScan.attr("update")(needed);
             nb::set locs;
             for (nb::handle pair : needed)
@@ -230,7 +221,7 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             return kWaitingForScans;
         }
         if (incomplete) {
-            // An item on its final try ran whole: only the slice is over.
+            // An item on its final try is dropped, its partial result standing.
             if (!_fFinalTry)
                 _fInterruptedItem = nb::make_tuple(name, ibytes);
             return kTimedOut;
