@@ -209,8 +209,8 @@ nb::ref<CNamedConstant> CSingleScopeSecondaryScanner::RunItems(double end_time) 
             count = 0;
         }
 
-        if (WaitsForScans_(ctx)) {
-            nb::object needed = PrimaryScansNeeded_(ctx);
+        nb::object needed = PrimaryScansNeeded_(ctx);
+        if (WaitsFor_(needed)) {
             _fCompletedNeedsScan.attr("update")(needed);
             nb::set locs;
             for (nb::handle pair : needed)
@@ -277,7 +277,10 @@ nb::object CSingleScopeSecondaryScanner::PrimaryScansNeeded_(nb::handle ctx) {
 }
 
 bool CSingleScopeSecondaryScanner::WaitsForScans_(nb::handle ctx) {
-    nb::object needed = PrimaryScansNeeded_(ctx);
+    return WaitsFor_(PrimaryScansNeeded_(ctx));
+}
+
+bool CSingleScopeSecondaryScanner::WaitsFor_(nb::handle needed) {
     return HasItems(needed) && !Truth(needed.attr("issubset")(_fCompletedNeedsScan));
 }
 

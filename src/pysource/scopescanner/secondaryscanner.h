@@ -124,6 +124,8 @@ public:
     virtual nb::object PrimaryScansNeeded_(nb::handle ctx);
     // Whether `ctx` needs primary scans that haven't run for this scanner yet.
     bool WaitsForScans_(nb::handle ctx);
+    // The same for the pairs `needed` that PrimaryScansNeeded_ gave.
+    bool WaitsFor_(nb::handle needed);
     // Whether a resolve that `ctx` marks incomplete is taken as it stands:
     // on an item's final try, once every primary scan it needs has run.
     bool TakesPartial_(nb::handle ctx);
