@@ -224,6 +224,12 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("f = target if v else len\n    f(1)", "a", set()),
     ("f = target if v else int\n    f(1)", "a", set()),
     ("def other(a):\n        pass\n    f = target if v else other\n    f(1)", "a", set()),
+    # A loop over a display calls each of its items: every one gets what the call passes.
+    ("def other(a):\n        pass\n    for f in [other, target]:\n        f(1)", "a", {"int"}),
+    ("def other(a):\n        pass\n    for f in (other, target):\n        f('')", "a", {"str"}),
+    ("def other(a):\n        pass\n    fs = [other, target]\n    for f in fs or ():\n        f(1)", "a", set()),
+    ("def other(a):\n        pass\n    for f in [other, target]:\n        f = f if v else len\n        f(1)", "a",
+     set()),
     # hasattr(name, "attr") is false for no instance of a class that has it.
     ("w = {} if v else ''\n    if not hasattr(w, 'items'):\n        target(w)", "a", {"str"}),
     ("w = {} if v else ''\n    if hasattr(w, 'items'):\n        target(w)", "a", {"str", "dict"}),

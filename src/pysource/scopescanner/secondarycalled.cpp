@@ -7,7 +7,10 @@
 #include <optional>
 #include <string>
 
+#include "pysource/exprtext.h"
+#include "pysource/infer/evaluator.h"
 #include "pysource/infer/inferreddetails.h"
+#include "pysource/scopename.h"
 #include "pysource/scoperef.h"
 #include "pysource/scopescanner/secondaryscanner.h"
 #include "pysource/scopescanner/secondaryutil.h"
@@ -57,6 +60,38 @@ bool ReachesSeveralCallables(nb::handle resolved) {
         }
     }
     return def_key && classes;
+}
+
+// Whether `text` is a list, set or tuple display (`[a, b]`, `(a, b)`),
+// parentheses around it aside.
+bool IsDisplay(std::string_view text) {
+    std::optional<std::vector<std::string>> parts = si::SplitTrailers(text);
+    if (!parts || parts->size() != 1 || text.size() < 2)
+        return false;
+    if (text.front() == '[' || text.front() == '{')
+        return true;
+    std::string_view inner = si::StripSpaces(text.substr(1, text.size() - 2));
+    return text.front() == '(' && (IsDisplay(inner) || si::NonNestedFind(inner, ",") >= 0);
+}
+
+// Whether every value of a name (its record entry `compound`) is an item of
+// a display iterated over (`for f in [g, h]: f(x)`): the loop calls each
+// item with the same arguments, so the call passes them to every callable
+// it reaches.
+bool IteratesDisplayOnly(std::string_view compound) {
+    bool iterated = false;
+    for (std::string_view single : si::NonNestedSplit(compound, ";")) {
+        std::string_view bare = si::BareSingle(single);
+        si::Kind kind = si::GetInfoBytesKind(bare);
+        if (!infer::SaysValue(kind))
+            continue;
+        bool item = kind == si::kPlainEquivKind && bare.ends_with(si::kIterationSubscript) &&
+                    IsDisplay(bare.substr(0, bare.size() - si::kIterationSubscript.size()));
+        if (!item)
+            return false;
+        iterated = true;
+    }
+    return iterated;
 }
 
 }  // namespace
@@ -117,7 +152,12 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
             sub.Finish();
             return true;
         }
-        derived_list = ReachesSeveralCallables(resolved) ? nb::list() : processed[0];
+        bool each_called = false;
+        if (TextOf(called[0]).empty()) {
+            nb::object entry = fPrimaryInfo->type_equivs.attr("get")(name);
+            each_called = !entry.is_none() && IteratesDisplayOnly(TextOf(entry));
+        }
+        derived_list = ReachesSeveralCallables(resolved) && !each_called ? nb::list() : processed[0];
         typevar_method_list = processed[1];
         nb::object guard_singles = processed[2];
         guard_ibytes = HasItems(guard_singles) ? GetInfoBytesForReducedResolved_(guard_singles)
