@@ -3,6 +3,7 @@ records the calls made on it, and the records of a file read back."""
 
 import contextlib
 import math
+import os
 
 import pysource._fastaccess as fastaccess
 from basekit.location import CLocalFileLocation
@@ -36,6 +37,20 @@ class CounterClock:
         return float(self.now + readings)
 
 
+class SlowedClock:
+    """The real clock run at `rate` of its speed: slices last 1/rate times as
+    long (a build that runs many times slower, as the sanitizer's does, gets
+    the time a release build has)."""
+
+    def __init__(self, rate):
+        self.real = getattr(fastaccess, "__TimeFunc")
+        self.start = self.real()
+        self.rate = rate
+
+    def __call__(self):
+        return self.start + (self.real() - self.start) * self.rate
+
+
 class SettableClock:
     """A clock that reads `now`, which the test moves."""
 
@@ -55,6 +70,12 @@ def replaced_clock(clock):
         yield clock
     finally:
         setattr(fastaccess, "__TimeFunc", previous)
+
+
+def build_speed_clock():
+    """A clock for tests whose answers depend on what fits in a slice: the
+    real one, slowed down on a sanitizer build."""
+    return SlowedClock(0.1) if os.environ.get("PYSOURCE_SANITIZED") else None
 
 
 def counter_clock():

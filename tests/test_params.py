@@ -8,7 +8,7 @@ import textwrap
 import pytest
 
 from pysource import cli
-from scanutil import CounterClock, replaced_clock
+from scanutil import CounterClock, build_speed_clock, replaced_clock
 
 LIB = textwrap.dedent('''\
     class Foo:
@@ -331,6 +331,7 @@ def types_reaching_target(folder, monkeypatch, capsys, body, clock=None):
     (folder / "app.py").write_text(f"from lib import *\n\n\ndef run(v=None):\n    {body}\n\n"
                                    "run(1.5)\n")
     monkeypatch.chdir(folder)
+    clock = clock or build_speed_clock()
     with contextlib.nullcontext() if clock is None else replaced_clock(clock):
         assert run(capsys, "index")[0] == 0
     _found, params = params_json(capsys, "target")
