@@ -151,6 +151,24 @@ class TestSurvivesTheProcess:
         for loc in locs:
             assert cache.GetScopeInfo(Scope(loc, "f3")).GetInfoBytes("n") == b"3"
 
+    def test_trim_keeps_what_was_used_since_it_last_looked(self, tmp_path):
+        # Unwritten records hold the count above the bound: a trim must not
+        # let go of the locations the scan under way reads, only to read them
+        # back at once.
+        cache = CInfoCache(db_path=tmp_path / "index.db")
+        locs = [loc_of(tmp_path, f"m{i}.py") for i in range(4)]
+        for loc in locs:
+            for j in range(5):
+                cache.AddScopeInfo(primary_record(Scope(loc, f"f{j}"), {"n": b"1"}), True)
+        cache.fMaxRecordsInMemory = 8
+        cache.WriteToDatabase()
+        cache.GetScopeInfo(Scope(locs[0], "f0"))
+        big = loc_of(tmp_path, "big.py")
+        for j in range(10):
+            cache.AddScopeInfo(primary_record(Scope(big, f"g{j}"), {"n": b"1"}), True)
+        cache.Trim()
+        assert cache.fRecordsInMemory == 15  # big.py's and m0.py's; m1-m3.py went
+
 
 @contextlib.contextmanager
 def killed_when_writing(writer):

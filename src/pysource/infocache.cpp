@@ -1138,10 +1138,14 @@ void CInfoCache::Trim() {
     if (!fDatabase || (Py_ssize_t) fRecordsInMemory <= fMaxRecordsInMemory ||
         fRecordsInMemory < fNextEvictionAttempt)
         return;
+    // Locations used since the last trim are the working set of the scan
+    // under way: evicted, they would be read back at once, over and over
+    // while unwritten records hold the count above the bound.
     std::vector<LocEntry *> candidates;
     for (auto &[url, entry] : fEntries)
-        if (CanEvict(*entry))
+        if (entry->last_use <= fLastTrimUse && CanEvict(*entry))
             candidates.push_back(entry.get());
+    fLastTrimUse = fUseClock;
     std::sort(candidates.begin(), candidates.end(),
               [](const LocEntry *a, const LocEntry *b) { return a->last_use < b->last_use; });
     std::size_t goal = (std::size_t) (fMaxRecordsInMemory / 4 * 3);

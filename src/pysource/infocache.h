@@ -264,6 +264,7 @@ private:
     std::size_t fMergedCount = 0;
     std::size_t fNextEvictionAttempt = 0;  // Trim waits for this many records
     std::uint64_t fUseClock = 0;
+    std::uint64_t fLastTrimUse = 0;  // fUseClock when Trim last looked
     int fDeferDepth = 0;
     nb::object fPendingScopes;  // set of scopes changed while deferred
 };
