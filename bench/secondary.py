@@ -128,15 +128,18 @@ class CClockWatch:
     def __init__(self, clock):
         self.fClock = clock
         self.fReads = []         # (time, "function:line")
+        self.fOn = False         # reads are noted only inside derived Scan calls
 
     def __call__(self):
         t = self.fClock()
-        frame = sys._getframe(1)
-        self.fReads.append((t, f"{frame.f_code.co_name}:{frame.f_lineno}"))
+        if self.fOn:
+            frame = sys._getframe(1)
+            self.fReads.append((t, f"{frame.f_code.co_name}:{frame.f_lineno}"))
         return t
 
     def _NoteCollection(self, phase, info):
-        self.fReads.append((self.fClock(), f"gc-{phase} gen{info['generation']}"))
+        if self.fOn:
+            self.fReads.append((self.fClock(), f"gc-{phase} gen{info['generation']}"))
 
     def Install(self):
         setattr(_fastaccess, "__TimeFunc", self)
@@ -187,8 +190,11 @@ class CTimedScanner:
         start = now()
         if gClockWatch is not None:
             gClockWatch.fReads.clear()
+            gClockWatch.fOn = True
         state = self.fScanner.Scan(end_time)
         done = now()
+        if gClockWatch is not None:
+            gClockWatch.fOn = False
         if gClockWatch is not None and done - end_time > kTraceLateSeconds:
             sys.stderr.write(f"STEPS {(done - end_time) * ms:.1f} ms late {self.fLoc.fPath} from scope "
                              f"{scope} to {ActiveScope(self.fScanner)}: "
