@@ -61,6 +61,7 @@ ms = 1e3
 
 now = _fastaccess.GetNowTime
 gTraceScans = False
+gClockWatch = None
 gFreeze = True
 gSlowest = 10
 
@@ -119,6 +120,53 @@ def ActiveScope(scanner):
     return "-" if scope is None else str(getattr(scope, "name", scope))
 
 
+class CClockWatch:
+    """The scanners' clock, noting every read during one Scan call: the time
+    and the Python function nearest the reader (a read from C++ shows as the
+    Python caller that entered C++), with the garbage collections between."""
+
+    def __init__(self, clock):
+        self.fClock = clock
+        self.fReads = []         # (time, "function:line")
+        self.fOn = False         # reads are noted only inside derived Scan calls
+
+    def __call__(self):
+        t = self.fClock()
+        if self.fOn:
+            frame = sys._getframe(1)
+            self.fReads.append((t, f"{frame.f_code.co_name}:{frame.f_lineno}"))
+        return t
+
+    def _NoteCollection(self, phase, info):
+        if self.fOn:
+            self.fReads.append((self.fClock(), f"gc-{phase} gen{info['generation']}"))
+
+    def Install(self):
+        setattr(_fastaccess, "__TimeFunc", self)
+        gc.callbacks.append(self._NoteCollection)
+
+    def Explain(self, end_time, done):
+        """Where a late call's time past `end_time` went: the first clock read
+        at or past it (the step before it never looked at the clock), and the
+        longest stretch without a read after it (work after the deadline was
+        seen)."""
+        reads = [r for r in self.fReads if not r[1].startswith("gc-")]
+        first = next((i for i, (t, _) in enumerate(reads) if t >= end_time), None)
+        if first is None:
+            return "no read past the deadline"
+        before = reads[first - 1] if first else (float("nan"), "call start")
+        after = reads[first:] + [(done, "return")]
+        gap_at = max(range(len(after) - 1), key=lambda i: after[i + 1][0] - after[i][0], default=None)
+        text = (f"first read past it {(reads[first][0] - end_time) * ms:.1f} ms late at {reads[first][1]} "
+                f"(previous read {(end_time - before[0]) * ms:.1f} ms before the deadline at {before[1]})")
+        if gap_at is not None:
+            text += (f"; after it {len(after) - 1} reads, longest stretch "
+                     f"{(after[gap_at + 1][0] - after[gap_at][0]) * ms:.1f} ms "
+                     f"from {after[gap_at][1]} to {after[gap_at + 1][1]}")
+        collections = [r[1] for r in self.fReads if r[1].startswith("gc-stop")]
+        return text + (f"; collections {' '.join(collections)}" if collections else "")
+
+
 class CTimedScanner:
     """A whole-file derived scanner whose Scan calls are timed into a log;
     everything else goes to the scanner itself."""
@@ -140,8 +188,17 @@ class CTimedScanner:
             sys.stderr.flush()
             collections = len(self.fLog.fCollections.fPauses)
         start = now()
+        if gClockWatch is not None:
+            gClockWatch.fReads.clear()
+            gClockWatch.fOn = True
         state = self.fScanner.Scan(end_time)
         done = now()
+        if gClockWatch is not None:
+            gClockWatch.fOn = False
+        if gClockWatch is not None and done - end_time > kTraceLateSeconds:
+            sys.stderr.write(f"STEPS {(done - end_time) * ms:.1f} ms late {self.fLoc.fPath} from scope "
+                             f"{scope} to {ActiveScope(self.fScanner)}: "
+                             f"{gClockWatch.Explain(end_time, done)}\n")
         if trace and done - end_time > kTraceLateSeconds:
             sys.stderr.write(f"LATE {(done - end_time) * ms:.1f} ms (call {(done - start) * ms:.1f} ms) "
                              f"{self.fLoc.fPath} from scope {scope} to {ActiveScope(self.fScanner)}; "
@@ -155,7 +212,8 @@ class CTimedScanner:
         self.fLog.Note(self, done - end_time, state)
         if state is scopescanner.kTimedOut and self.fSpent > self.fLog.fGuardSeconds:
             self.fLog.fGuarded.append((self.fLoc.fPath, ActiveScope(self.fScanner), self.fSpent))
-            self.fScanner.AbandonScan()
+            # The coordinator destroys a derived scanner that reports itself
+            # abandoned; the scanner has no AbandonScan of its own.
             return scopescanner.kScanAbandoned
         return state
 
@@ -498,6 +556,10 @@ def main():
                         help="write each derived Scan call's file and scope to stderr (to name a crash), "
                              f"and each call more than {kTraceLateSeconds * ms:.0f} ms late with the "
                              "garbage collections inside it")
+    parser.add_argument("--late-steps", action="store_true",
+                        help=f"name, for each derived Scan call more than {kTraceLateSeconds * ms:.0f} ms "
+                             "late, where its clock reads fell: the step that ran past the deadline "
+                             "unchecked, or the work done after it was seen (slows the clock a little)")
     parser.add_argument("--cpu", action="store_true",
                         help="this thread's processor time as the scanners' clock (for a loaded machine)")
     parser.add_argument("--no-freeze", action="store_true",
@@ -506,12 +568,15 @@ def main():
     parser.add_argument("--slowest", type=int, default=10,
                         help="how many of the slowest files and scopes of each pass to name")
     args = parser.parse_args()
-    global gTraceScans, gFreeze, gSlowest
+    global gTraceScans, gFreeze, gSlowest, gClockWatch
     gTraceScans = args.trace
     gSlowest = args.slowest
     gFreeze = not args.no_freeze
     if args.cpu:
         use_thread_clock()
+    if args.late_steps:
+        gClockWatch = CClockWatch(getattr(_fastaccess, "__TimeFunc"))
+        gClockWatch.Install()
     limit = kQuickFiles if args.quick and not args.files else args.files
     repeat = 1 if args.quick else args.repeat
     print(machine_load(), flush=True)

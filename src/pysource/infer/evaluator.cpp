@@ -177,7 +177,11 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
         return out;
     Frame frame{nb::borrow(scope), use_index, nullptr, self_locals.empty() ? nullptr : &self_locals};
     out = Eval(tree, root, frame);
-    if (!memoable)
+    // A request that gave up (out of time) unwinds past the deadline: what
+    // it would keep here is cut (never kept between requests) and never read
+    // again in this request (every later read stops at once), so the
+    // bookkeeping, which sorts every effect noted below, is skipped.
+    if (!memoable || fGaveUp)
         return out;
     std::string bindings = NoteDeps(key, watch);
     auto request_kept = Keep(out, watch);

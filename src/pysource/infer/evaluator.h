@@ -1164,6 +1164,11 @@ private:
     // collection under way already, and is not noted again.
     std::vector<std::size_t> fEffectStarts;
     std::unordered_map<std::uintptr_t, std::size_t> fEffectLast;
+    // For each entry of fEffects, where the same effect was noted before it
+    // (kNoPriorEffect: nowhere), so that a collection's own effects are
+    // found without sorting.
+    static constexpr std::size_t kNoPriorEffect = ~std::size_t(0);
+    std::vector<std::size_t> fEffectPrior;
     void NoteEffect(Effect effect, nb::handle scope);
     // Tells what reading the record of `scope` found (None: nothing).
     void RecordRead(nb::handle scope, nb::handle record);
@@ -1185,6 +1190,7 @@ private:
             ev_.fEffectStarts.pop_back();
             if (--ev_.fCollecting == 0) {
                 ev_.fEffects.clear();
+                ev_.fEffectPrior.clear();
                 ev_.fEffectLast.clear();
             }
         }

@@ -304,35 +304,25 @@ void CEvaluator::NoteEffect(Effect effect, nb::handle scope) {
     static_assert(alignof(PyObject) >= 4);
     auto key = reinterpret_cast<std::uintptr_t>(scope.ptr()) | std::uintptr_t(effect);
     auto [last, added] = fEffectLast.try_emplace(key, fEffects.size());
+    std::size_t prior = kNoPriorEffect;
     if (!added) {
         if (last->second >= fEffectStarts.back())
             return;
+        prior = last->second;
         last->second = fEffects.size();
     }
     fEffects.emplace_back(effect, nb::borrow(scope));
+    fEffectPrior.push_back(prior);
 }
 
 Effects CEvaluator::EffectsFrom(std::size_t start) const {
-    // Each effect once, in the order first told.
+    // Each effect once, in the order first told: an entry is the first of
+    // its effect from `start` on when the same effect was last noted before
+    // `start` (or never).  One pass, however deep the collections nest.
     Effects unique_effects;
-    if (start >= fEffects.size())
-        return unique_effects;
-    // Sorted by what they tell and then where: the first of each run is the
-    // one kept.
-    std::vector<std::tuple<PyObject *, Effect, std::size_t>> order;
-    order.reserve(fEffects.size() - start);
     for (std::size_t i = start; i < fEffects.size(); ++i)
-        order.emplace_back(fEffects[i].second.ptr(), fEffects[i].first, i);
-    std::sort(order.begin(), order.end());
-    std::vector<std::size_t> firsts;
-    for (std::size_t k = 0; k < order.size(); ++k)
-        if (k == 0 || std::get<0>(order[k]) != std::get<0>(order[k - 1]) ||
-            std::get<1>(order[k]) != std::get<1>(order[k - 1]))
-            firsts.push_back(std::get<2>(order[k]));
-    std::sort(firsts.begin(), firsts.end());
-    unique_effects.reserve(firsts.size());
-    for (std::size_t i : firsts)
-        unique_effects.push_back(fEffects[i]);
+        if (fEffectPrior[i] == kNoPriorEffect || fEffectPrior[i] < start)
+            unique_effects.push_back(fEffects[i]);
     return unique_effects;
 }
 
