@@ -9,6 +9,13 @@ namespace pysource::symbolinfo {
 bool IsText(nb::handle obj) { return PyUnicode_Check(obj.ptr()) || PyBytes_Check(obj.ptr()); }
 
 std::string_view TextView(nb::handle obj, const char *what) {
+    // Bytes, and str of ASCII alone (whose text is its own data), are most
+    // of what is read here: straight to their data.
+    PyObject *o = obj.ptr();
+    if (PyBytes_CheckExact(o))
+        return {PyBytes_AS_STRING(o), static_cast<std::size_t>(PyBytes_GET_SIZE(o))};
+    if (PyUnicode_CheckExact(o) && PyUnicode_IS_COMPACT_ASCII(o))
+        return {static_cast<const char *>(PyUnicode_DATA(o)), static_cast<std::size_t>(PyUnicode_GET_LENGTH(o))};
     if (!IsText(obj)) {
         std::string message(what);
         message.append(" must be str or bytes, not ").append(Py_TYPE(obj.ptr())->tp_name);

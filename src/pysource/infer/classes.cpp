@@ -319,7 +319,7 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
     // for the class trees found in practice.
     std::function<void(nb::handle, const TypeMap &, int)> visit = [&](nb::handle c, const TypeMap &m, int depth) {
         si::CSingleResolvedInfo *s = Single(c);
-        std::pair<std::string, std::string> key{LocationUrl(s->loc), std::string(NameOf(s))};
+        std::pair<std::string, std::string> key{UrlOf(s->loc), std::string(NameOf(s))};
         if (seen.count(key) || depth > 30 || out.size() > 60 || Stop())
             return;
         seen.insert(key);
@@ -363,7 +363,7 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
     nb::object object = BuiltinClass("object");
     if (!object.is_none()) {
         si::CSingleResolvedInfo *o = Single(object);
-        std::pair<std::string, std::string> key{LocationUrl(o->loc), "object"};
+        std::pair<std::string, std::string> key{UrlOf(o->loc), "object"};
         if (!seen.count(key))
             out.push_back(MroEntry{object, {}});
     }
@@ -403,7 +403,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
                 assigned = true;
-                fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+                fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
@@ -445,7 +445,7 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
                           return !Single(f)->IsDef() && !Single(f)->IsClass();
                       }));
         if (plain) {
-            fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
+            fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
             ++fBindingVersion;
             found = ValueSet();
             local = FindLocal(scope, name, -2, found, redirect);
@@ -576,7 +576,8 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 si::CSingleResolvedInfo *i = Single(init);
                 const auto def_held = DefInfoOf(i->Bare());
                 const si::DefInfo &def = *def_held;
-                std::vector<Param> params = ParamsOf(def);
+                const auto params_held = KeptParamsOf(def);
+                const std::vector<Param> &params = *params_held;
                 nb::object def_scope = ScopeAt(i->loc, si::DefLineScope(NameOf(i)));
                 std::size_t first = params.empty() || params[0].star ? 0 : 1;
                 BindArgumentTypeVars(def_scope, params, first, args, kwargs, bound);
@@ -672,7 +673,8 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         // receiver for a bound method's first parameter); those of its class
         // stay what the receiver says (setdefault(k, []) of a dict[str, list[int]]).
         TypeMap of_receiver = map;
-        std::vector<Param> params = ParamsOf(def);
+        const auto params_held = KeptParamsOf(def);
+        const std::vector<Param> &params = *params_held;
         nb::object def_scope = ScopeAt(d->loc, si::DefLineScope(NameOf(d)));
         std::size_t first = 0;
         if (!d->fBoundTo.is_none() && !params.empty()) {
@@ -700,7 +702,8 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         return ReturnsOfDef(def_single, map);
     // The body answers: its parameters without a hint are what this call
     // passes them.
-    std::vector<Param> params = ParamsOf(def);
+    const auto params_held = KeptParamsOf(def);
+    const std::vector<Param> &params = *params_held;
     std::vector<std::pair<std::string, ValueSet>> arguments;
     std::set<std::string> passed;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
@@ -774,7 +777,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         nb::object def_scope = ScopeAt(d->loc, si::DefLineScope(name));
         return ResolveHintText(def_scope, *def.return_hint, &map);
     }
-    std::tuple<std::string, std::string, std::string, long long> key{LocationUrl(d->loc), std::string(name),
+    std::tuple<std::string, std::string, std::string, long long> key{UrlOf(d->loc), std::string(name),
                                                                     "return", -5};
     if (CycleAt(key))
         return out;  // a recursive def: its other returns tell
@@ -819,9 +822,10 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     std::tuple<std::string, std::string, std::string> self_key;
     bool binds_self = false;
     if (!d->fBoundTo.is_none()) {
-        std::vector<Param> params = ParamsOf(def);
+        const auto params_held = KeptParamsOf(def);
+        const std::vector<Param> &params = *params_held;
         if (!params.empty() && params[0].star == 0) {
-            self_key = {LocationUrl(d->loc), std::string(name), params[0].name};
+            self_key = {UrlOf(d->loc), std::string(name), params[0].name};
             if (!fBoundNames.count(self_key)) {
                 ValueSet self;
                 self.Add(d->fBoundTo);
@@ -845,7 +849,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         }
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
-        std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
+        std::tuple<std::string, std::string, std::string> key{UrlOf(d->loc), std::string(name), param};
         if (fBoundNames.emplace(key, values).second) {
             bound_arguments.push_back(key);
             ++fBindingVersion;
@@ -880,7 +884,7 @@ ValueSet CEvaluator::WithClosures(const ValueSet &values) {
             continue;
         }
         std::string_view name = NameOf(s);
-        const std::string url = LocationUrl(s->loc);
+        const std::string &url = UrlOf(s->loc);
         nb::list closure;
         for (const auto &[key, bound] : fBoundNames) {
             const auto &[bound_url, scope_name, bound_name] = key;
@@ -975,7 +979,8 @@ bool CEvaluator::OverloadAccepts(nb::handle def_single, const std::vector<ValueS
     si::CSingleResolvedInfo *d = Single(def_single);
     const auto def_held = DefInfoOf(d->Bare());
     const si::DefInfo &def = *def_held;
-    std::vector<Param> params = ParamsOf(def);
+    const auto params_held = KeptParamsOf(def);
+    const std::vector<Param> &params = *params_held;
     std::size_t first = (d->IsBound() || (!d->fBoundTo.is_none())) && !params.empty() ? 1 : 0;
     std::size_t positional = 0;
     bool has_star = false, has_double_star = false;
@@ -1248,7 +1253,7 @@ bool CEvaluator::ProtocolAccepts(nb::handle protocol, nb::handle cls) {
         return true;
     si::CSingleResolvedInfo *p = Single(protocol);
     si::CSingleResolvedInfo *c = Single(cls);
-    std::string key = LocationUrl(p->loc) + "|" + std::string(NameOf(p)) + "|" + LocationUrl(c->loc) + "|" +
+    std::string key = UrlOf(p->loc) + "|" + std::string(NameOf(p)) + "|" + UrlOf(c->loc) + "|" +
                       std::string(NameOf(c));
     auto hit = fProtocolFits.find(key);
     if (hit != fProtocolFits.end())
@@ -1283,12 +1288,12 @@ ValueSet CEvaluator::SelectOverloads(const ValueSet &callees, const std::vector<
     ValueSet out;
     std::map<std::string, std::vector<std::pair<long, nb::object>>> groups;
     std::vector<std::string> order;
-    auto group_key = [](si::CSingleResolvedInfo *s) {
+    auto group_key = [this](si::CSingleResolvedInfo *s) {
         std::string name(NameOf(s));
         std::size_t bar = name.rfind('|');
         if (bar != std::string::npos && name.find('.', bar) == std::string::npos)
             name.resize(bar);
-        return LocationUrl(s->loc) + "|" + name;
+        return UrlOf(s->loc) + "|" + name;
     };
     for (const nb::object &callee : callees.Items()) {
         si::CSingleResolvedInfo *s = Single(callee);
@@ -1400,7 +1405,7 @@ int CEvaluator::BodyTraits(nb::handle loc, std::string_view def_name) {
     nb::object provider = fEngine.fFlowProvider;
     if (provider.is_none())
         return 0;
-    std::pair<std::string, std::string> key{LocationUrl(loc), std::string(def_name)};
+    std::pair<std::string, std::string> key{UrlOf(loc), std::string(def_name)};
     auto it = fMemo.body_traits.find(key);
     if (it == fMemo.body_traits.end()) {
         nb::str name(def_name.data(), def_name.size());

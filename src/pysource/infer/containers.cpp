@@ -57,7 +57,8 @@ void CEvaluator::BindMethodTypeVars(nb::handle receiver, std::string_view method
     for (const nb::object &def : AcceptingDefs(methods, args, kwargs).Items()) {
         si::CSingleResolvedInfo *d = Single(def);
         const auto def_held = DefInfoOf(d->Bare());
-        std::vector<Param> params = ParamsOf(*def_held);
+        const auto params_held = KeptParamsOf(*def_held);
+        const std::vector<Param> &params = *params_held;
         if (params.empty() || params[0].star)
             continue;
         TypeMap one;

@@ -103,7 +103,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     if (Stop())
         return out;
     // The read's key, held by `free_key` (no copy of its texts).
-    RequestKey free_key{{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text), use_index},
+    RequestKey free_key{{ReadKeyOf(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text), use_index},
                         std::to_string(fArgHops)};
     const ActiveKey &key = free_key.first;
     if (CycleAt(key))
@@ -285,37 +285,74 @@ std::string CEvaluator::NoteDeps(const ReadKey &key, const CutWatch &watch) {
     return DepsSignature(deps);
 }
 
+BindingIds::BindingIds() {
+    Id("#", "", "");  // kClassMapsDep, the first
+}
+
+std::size_t BindingIds::Hash::operator()(const View &v) const {
+    const auto &[url, scope_name, name] = v;
+    std::hash<std::string_view> hash;
+    return (HashText(url) * 1000003 ^ hash(scope_name)) * 1000003 ^ hash(name);
+}
+
+BindingDep BindingIds::Id(std::string_view url, std::string_view scope_name, std::string_view name) {
+    auto it = fIds.find(View(url, scope_name, name));
+    if (it == fIds.end()) {
+        it = fIds.emplace(Binding(url, scope_name, name), static_cast<BindingDep>(fBindings.size())).first;
+        fBindings.push_back(&it->first);
+    }
+    return it->second;
+}
+
 void CEvaluator::DependOn(std::string_view url, std::string_view scope_name, std::string_view name) {
+    if (!fDepFrames.empty())
+        DependOn(fMemo.binding_ids.Id(url, scope_name, name));
+}
+
+void CEvaluator::DependOn(BindingDep dep) {
     if (fDepFrames.empty())
         return;
     BindingDeps &deps = fDepFrames.back();
-    for (const auto &[dep_url, dep_scope, dep_name] : deps)
-        if (dep_url == url && dep_scope == scope_name && dep_name == name)
-            return;
-    deps.emplace_back(url, scope_name, name);
+    if (std::find(deps.begin(), deps.end(), dep) == deps.end())
+        deps.push_back(dep);
 }
 
 void CEvaluator::DependOnScope(nb::handle scope, std::string_view name) {
     if (!fDepFrames.empty())
-        DependOn(LocationUrl(ScopeLoc(scope)), ScopeName(scope), name);
+        DependOn(UrlOf(ScopeLoc(scope)), ScopeName(scope), name);
 }
 
 void CEvaluator::DependOnAll(const BindingDeps &deps) {
-    for (const auto &[url, scope_name, name] : deps)
-        DependOn(url, scope_name, name);
+    for (BindingDep dep : deps)
+        DependOn(dep);
 }
 
 std::string CEvaluator::DepsSignature(const BindingDeps &deps) {
+    if (deps.empty())
+        return std::string();
+    if (fDepsSignaturesVersion != fBindingVersion) {
+        fDepsSignatures.clear();
+        fDepsSignaturesVersion = fBindingVersion;
+    }
+    auto kept = fDepsSignatures.find(deps);
+    if (kept == fDepsSignatures.end())
+        kept = fDepsSignatures.emplace(deps, ComputeDepsSignature(deps)).first;
+    return kept->second;
+}
+
+std::string CEvaluator::ComputeDepsSignature(const BindingDeps &deps) {
     std::string signature;
-    for (const BindingDep &dep : deps) {
-        const auto &[url, scope_name, name] = dep;
-        signature.append("|").append(url).append("|").append(scope_name).append("|").append(name).push_back(':');
+    for (BindingDep dep : deps) {
+        signature.push_back('|');
+        signature.append(std::to_string(dep)).push_back(':');
         if (dep == kClassMapsDep) {
             AppendClassMapsSignature(signature);
             continue;
         }
+        const auto &binding = fMemo.binding_ids.Of(dep);
+        const auto &[url, scope_name, name] = binding;
         if (!name.empty()) {
-            auto bound = fBoundNames.find(dep);
+            auto bound = fBoundNames.find(binding);
             if (bound != fBoundNames.end())
                 AppendValuesSignature(signature, bound->second);
             continue;
@@ -850,7 +887,7 @@ bool CEvaluator::KeywordsPassedOn(const Tree &tree, std::int32_t node, nb::handl
                     [](const EntryPiece &p) { return p.index && *p.index >= 0 && SaysValue(p.bare_kind); }))
         return false;
     DependOnScope(scope);  // the keywords are bindings of the scope
-    const std::string url = LocationUrl(ScopeLoc(scope));
+    const std::string &url = UrlOf(ScopeLoc(scope));
     const std::string scope_name(ScopeName(scope));
     const std::string prefix = KeywordsBindingName(name, "") + ".";
     for (auto it = fBoundNames.lower_bound({url, scope_name, prefix}); it != fBoundNames.end(); ++it) {

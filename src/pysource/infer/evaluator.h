@@ -101,6 +101,43 @@ private:
     // object): items whose keys differ are not compared further.
     std::vector<std::size_t> fKeys;
     static constexpr std::size_t kForeign = 0;
+    static constexpr std::size_t kFirstRoom = 4;
+};
+
+// A set of object addresses (their low bits free for a tag), emptied and
+// filled again many times: open addressing in one reused array, without an
+// allocation per member.
+class PointerSet {
+public:
+    // Empties the set, with room for `expected` members.
+    void Clear(std::size_t expected = 0);
+    // Adds `key` (not 0); true when it wasn't there.
+    bool Insert(std::uintptr_t key);
+
+private:
+    void Resize(std::size_t slots);
+    std::vector<std::uintptr_t> fSlots;  // 0: free; a power of two of them
+    std::size_t fSize = 0;
+};
+
+// The URL of each location met, and a short key that stands for that URL
+// where reads are keyed (a URL is long, and would be copied, hashed and
+// compared at every read).  By the location's address, the location held
+// so that the address names it alone; the keys go by URL, so that two
+// location objects of one file share one.  Kept while the engine lives:
+// kept values hold the keys.
+class LocationNames {
+public:
+    struct Names {
+        nb::object loc;
+        std::string url;
+        std::string key;
+    };
+    const Names &Of(nb::handle loc);
+
+private:
+    std::unordered_map<PyObject *, Names> fByLoc;
+    std::unordered_map<std::string, std::string> fKeyByUrl;
 };
 
 // The parameters of a def: name, hint text, whether it has a default, and
@@ -259,9 +296,41 @@ private:
 // the classes whose instance attributes are being read.  A value stands
 // wherever those bindings (or their absence) are as they were when it was
 // worked out.
-using BindingDep = std::tuple<std::string, std::string, std::string>;
+// Each binding is named by a number (BindingIds): sets of them are
+// compared, sorted and written into signatures at every read.
+using BindingDep = std::uint32_t;
 using BindingDeps = std::vector<BindingDep>;  // sorted, each once
-inline const BindingDep kClassMapsDep{"#", "", ""};
+inline constexpr BindingDep kClassMapsDep = 0;
+
+// The numbers of bindings, given out once for each (url, scope, name) and
+// never taken back while the engine lives: kept values and their dependency
+// sets hold them.
+class BindingIds {
+public:
+    using Binding = std::tuple<std::string, std::string, std::string>;
+    BindingIds();
+    BindingDep Id(std::string_view url, std::string_view scope_name, std::string_view name);
+    const Binding &Of(BindingDep id) const { return *fBindings[id]; }
+
+private:
+    using View = std::tuple<std::string_view, std::string_view, std::string_view>;
+    struct Hash {
+        using is_transparent = void;
+        std::size_t operator()(const View &v) const;
+        std::size_t operator()(const Binding &b) const { return (*this)(View(std::get<0>(b), std::get<1>(b), std::get<2>(b))); }
+    };
+    struct Equal {
+        using is_transparent = void;
+        template <class A, class B>
+        bool operator()(const A &a, const B &b) const {
+            return std::string_view(std::get<0>(a)) == std::string_view(std::get<0>(b)) &&
+                   std::string_view(std::get<1>(a)) == std::string_view(std::get<1>(b)) &&
+                   std::string_view(std::get<2>(a)) == std::string_view(std::get<2>(b));
+        }
+    };
+    std::unordered_map<Binding, BindingDep, Hash, Equal> fIds;
+    std::vector<const Binding *> fBindings;  // by number: the map's keys, whose nodes stay put
+};
 
 // Erases up to `budget` entries of `table`, counting them off the budget;
 // true when the table is empty.
@@ -349,6 +418,7 @@ struct MemoTables {
     TextMap<std::shared_ptr<const symbolinfo::DefInfo>> def_infos;
     TextMap<std::shared_ptr<const symbolinfo::ClassInfo>> class_infos;
     TextMap<std::shared_ptr<const ParsedEntry>> entries;
+    TextMap<std::shared_ptr<const std::vector<Param>>> params;  // by a def's declared arguments
     TextMap<std::shared_ptr<const ParsedText>> parsed_texts;
     // The canonical form of class and def singles (their normalised scope
     // name, and their text as bytes), by their text (a def's led by its kind).
@@ -368,6 +438,7 @@ struct MemoTables {
         visit("def_infos", &MemoTables::def_infos);
         visit("class_infos", &MemoTables::class_infos);
         visit("entries", &MemoTables::entries);
+        visit("params", &MemoTables::params);
         visit("parsed_texts", &MemoTables::parsed_texts);
         visit("canonical_singles", &MemoTables::canonical_singles);
     }
@@ -439,6 +510,8 @@ struct EngineMemo : MemoTables {
     // Kept project values found again, and found outdated (and dropped).
     std::size_t project_values_found = 0;
     std::size_t project_values_outdated = 0;
+    BindingIds binding_ids;
+    LocationNames location_names;
     std::vector<std::unique_ptr<MemoTables>> retired;  // oldest first
     std::size_t retired_entries = 0;                   // left to free in `retired`
 
@@ -473,6 +546,13 @@ struct EngineMemo : MemoTables {
     void FreeRetired() {
         retired.clear();
         retired_entries = 0;
+    }
+    // Forgets the numbers of bindings and the keys of locations (and lets
+    // the locations go): only once nothing kept holds them, after Forget
+    // and FreeRetired.
+    void ForgetNames() {
+        binding_ids = BindingIds();
+        location_names = LocationNames();
     }
     // The entries of each table, and those retired and not yet freed.
     std::vector<std::pair<std::string, std::size_t>> Counts() const;
@@ -860,6 +940,8 @@ private:
     // The fields of a def or class single (the unpacking's error when it is
     // not one), unpacked once per text.
     std::shared_ptr<const symbolinfo::DefInfo> DefInfoOf(std::string_view single);
+    // ParamsOf(def), worked out once per text of its declared arguments.
+    std::shared_ptr<const std::vector<Param>> KeptParamsOf(const symbolinfo::DefInfo &def);
     std::shared_ptr<const symbolinfo::ClassInfo> ClassInfoOf(std::string_view single);
     // A record entry split into its singles, once per text.
     std::shared_ptr<const ParsedEntry> EntryOf(std::string_view entry);
@@ -893,8 +975,11 @@ private:
     bool Stop();  // out of time or too deep: give up this branch
     bool IsLibraryScope(nb::handle scope);
     // A key for memos of a class single.
-    static std::string ClassKey(nb::handle cls);
+    std::string ClassKey(nb::handle cls);
     void Seen(nb::handle scope);
+    // The URL of a location, and the key that stands for it in reads.
+    const std::string &UrlOf(nb::handle loc) { return fMemo.location_names.Of(loc).url; }
+    const std::string &ReadKeyOf(nb::handle loc) { return fMemo.location_names.Of(loc).key; }
 
     CInferenceEngine &fEngine;
     nb::object fCtxObject;
@@ -1131,11 +1216,25 @@ private:
     // map), innermost last: its value stands where they are the same.
     std::vector<BindingDeps> fDepFrames;
     void DependOn(std::string_view url, std::string_view scope_name, std::string_view name = {});
+    void DependOn(BindingDep dep);
     // `name` of `scope` (all of its names when empty).
     void DependOnScope(nb::handle scope, std::string_view name = {});
     void DependOnAll(const BindingDeps &deps);
     // The bindings of `deps` now in force, as text.
     std::string DepsSignature(const BindingDeps &deps);
+    std::string ComputeDepsSignature(const BindingDeps &deps);
+    // DepsSignature's answers while fBindingVersion stays fDepsSignaturesVersion:
+    // a request asks for those of the same few sets again and again.
+    struct DepsHash {
+        std::size_t operator()(const BindingDeps &deps) const {
+            std::size_t hash = deps.size();
+            for (BindingDep dep : deps)
+                hash = hash * 1000003 ^ dep;
+            return hash;
+        }
+    };
+    std::unordered_map<BindingDeps, std::string, DepsHash> fDepsSignatures;
+    std::uint64_t fDepsSignaturesVersion = ~std::uint64_t(0);
     // Calls `look(deps, signature)` with the empty set and with each set of
     // bindings that reads of `key` have read (MemoTables::value_deps), each
     // with the signature of those bindings now, until it finds a result.
@@ -1203,6 +1302,10 @@ private:
         std::size_t from_;
     };
     void ImportSeen(nb::handle module_scope);
+    // The scopes and imports told to our own context in this request (it
+    // holds them): telling one again changes nothing, and costs a hash.
+    PointerSet fToldSeen;
+    PointerSet fToldImports;
     std::map<std::string, std::string> fModuleNames;  // url -> dotted name
     std::map<std::string, bool> fProtocolFits;        // protocol|class -> fits
     // The type arguments a value gives a protocol's variables, by protocol,
@@ -1213,7 +1316,7 @@ private:
     std::map<std::string, Kept<std::vector<MroEntry>>> fRequestMros;
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
-    std::map<std::tuple<std::string, std::string, std::string>, ValueSet> fBoundNames;
+    std::map<std::tuple<std::string, std::string, std::string>, ValueSet, std::less<>> fBoundNames;
     // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
     std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
     // CallersNotReaching by (url, scope, logical, bindings signature).

@@ -153,7 +153,7 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     if (Stop())
         return out;
     // Once per binding of what it reads, and per map given.
-    const ReadKey key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text),
+    const ReadKey key{ReadKeyOf(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text),
                       map && map == fFitMap ? kFitHintUseIndex : kHintUseIndex};
     std::string given = std::to_string(fArgHops);
     if (map) {
@@ -354,8 +354,8 @@ ValueSet CEvaluator::TypeOfSingle(nb::handle single, const Frame &frame) {
         }
         // Inside a class whose type arguments are known (reading an
         // instance's attributes), its variables stand for them.
-        DependOn(std::get<0>(kClassMapsDep), std::get<1>(kClassMapsDep));
-        std::string url = LocationUrl(ScopeLoc(frame.scope));
+        DependOn(kClassMapsDep);
+        const std::string &url = UrlOf(ScopeLoc(frame.scope));
         std::string_view scope_name = ScopeName(frame.scope);
         for (auto it = fClassMaps.rbegin(); it != fClassMaps.rend(); ++it) {
             const auto &[cls_url, cls_name, cls_map] = *it;

@@ -166,6 +166,7 @@ nb::dict CInferenceEngine::KeptCounts() const {
 void CInferenceEngine::Clear() {
     fMemo->Forget();
     fMemo->FreeRetired();
+    fMemo->ForgetNames();
     fFlowProvider = nb::none();
     _fDetailsStore = nb::none();
     _fTypingGenericSupport = nb::none();

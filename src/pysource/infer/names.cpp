@@ -155,11 +155,22 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
             return;
         }
     }
+    if (fItems.empty()) {
+        // Most sets hold a few values: room for them at once, not by doubling.
+        fItems.reserve(kFirstRoom);
+        fKeys.reserve(kFirstRoom);
+    }
     fItems.push_back(nb::borrow(single));
     fKeys.push_back(key);
 }
 
 void ValueSet::Merge(const ValueSet &other) {
+    if (fItems.empty() && other.fItems.size() <= gMaxValues) {
+        // The other's values are distinct already.
+        fItems = other.fItems;
+        fKeys = other.fKeys;
+        return;
+    }
     for (std::size_t i = 0; i < other.fItems.size(); ++i)
         AddKeyed(other.fItems[i], other.fKeys[i]);
 }
@@ -214,6 +225,49 @@ std::vector<std::pair<std::string, std::size_t>> EngineMemo::Counts() const {
     counts.emplace_back("project_values_found", project_values_found);
     counts.emplace_back("project_values_outdated", project_values_outdated);
     return counts;
+}
+
+void PointerSet::Clear(std::size_t expected) {
+    std::size_t slots = 16;
+    while (slots < 2 * expected)
+        slots *= 2;
+    fSlots.assign(slots, 0);
+    fSize = 0;
+}
+
+void PointerSet::Resize(std::size_t slots) {
+    std::vector<std::uintptr_t> old(slots, 0);
+    old.swap(fSlots);
+    fSize = 0;
+    for (std::uintptr_t key : old)
+        if (key)
+            Insert(key);
+}
+
+bool PointerSet::Insert(std::uintptr_t key) {
+    if (2 * (fSize + 1) > fSlots.size())
+        Resize(fSlots.empty() ? 16 : 2 * fSlots.size());
+    const std::size_t mask = fSlots.size() - 1;
+    // Addresses differ mostly in their middle bits: mixed, then probed in turn.
+    std::size_t at = static_cast<std::size_t>((key ^ (key >> 17)) * 0x9E3779B97F4A7C15ull >> 20) & mask;
+    for (;; at = (at + 1) & mask) {
+        if (fSlots[at] == key)
+            return false;
+        if (fSlots[at] == 0) {
+            fSlots[at] = key;
+            ++fSize;
+            return true;
+        }
+    }
+}
+
+const LocationNames::Names &LocationNames::Of(nb::handle loc) {
+    auto it = fByLoc.find(loc.ptr());
+    if (it != fByLoc.end())
+        return it->second;
+    std::string url = LocationUrl(loc);
+    auto key = fKeyByUrl.try_emplace(url, "\x01" + std::to_string(fKeyByUrl.size())).first;
+    return fByLoc.emplace(loc.ptr(), Names{nb::borrow(loc), std::move(url), key->second}).first->second;
 }
 
 CEvaluator::CEvaluator(CInferenceEngine &engine, nb::handle ctx)
@@ -354,16 +408,20 @@ bool CEvaluator::RecordsStand(const EngineMemo::KeptAnswer &kept) {
 
 void CEvaluator::ImportSeen(nb::handle module_scope) {
     NoteEffect(Effect::kImport, module_scope);
-    if (fCtx)
-        fCtx->AddResolvedImport(module_scope);
+    if (fCtx) {
+        if (fToldImports.Insert(reinterpret_cast<std::uintptr_t>(module_scope.ptr())))
+            fCtx->AddResolvedImport(module_scope);
+    }
     else
         fCtxObject.attr("MergeResolvedImports")(nb::make_tuple(module_scope));
 }
 
 void CEvaluator::Seen(nb::handle scope) {
     NoteEffect(Effect::kSeen, scope);
-    if (fCtx)
-        fCtx->AddScopeToScopesSeen(scope);
+    if (fCtx) {
+        if (fToldSeen.Insert(reinterpret_cast<std::uintptr_t>(scope.ptr())))
+            fCtx->AddScopeToScopesSeen(scope);
+    }
     else
         fCtxObject.attr("AddScopeToScopesSeen")(scope);
 }
@@ -513,6 +571,15 @@ std::shared_ptr<const Info> KeptInfo(TextMap<std::shared_ptr<const Info>> &kept,
 
 std::shared_ptr<const si::DefInfo> CEvaluator::DefInfoOf(std::string_view single) {
     return KeptInfo(fMemo.def_infos, single, si::UnpackDefInfo);
+}
+
+std::shared_ptr<const std::vector<Param>> CEvaluator::KeptParamsOf(const si::DefInfo &def) {
+    // (A def without declared arguments keys on the empty text: it has none either way.)
+    std::string_view declared = def.arg_decl ? std::string_view(*def.arg_decl) : std::string_view();
+    auto it = fMemo.params.find(declared);
+    if (it == fMemo.params.end())
+        it = fMemo.params.emplace(std::string(declared), std::make_shared<const std::vector<Param>>(ParamsOf(def))).first;
+    return it->second;
 }
 
 std::shared_ptr<const si::ClassInfo> CEvaluator::ClassInfoOf(std::string_view single) {
@@ -931,7 +998,7 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
         return true;
-    std::tuple<std::string, std::string, long long> key{LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
+    std::tuple<std::string, std::string, long long> key{UrlOf(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
     auto known = fReachable.find(key);
     if (known != fReachable.end() && known->second.first == fBindingVersion)
         return known->second.second;
@@ -968,7 +1035,8 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
 const ValueSet *CEvaluator::BoundValuesOf(nb::handle scope, std::string_view name) {
     if (fBoundNames.empty() || name.empty())
         return nullptr;
-    auto bound = fBoundNames.find({LocationUrl(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(name)});
+    auto bound = fBoundNames.find(std::tuple<std::string_view, std::string_view, std::string_view>(
+        UrlOf(ScopeLoc(scope)), ScopeName(scope), name));
     return bound == fBoundNames.end() ? nullptr : &bound->second;
 }
 
@@ -1511,7 +1579,7 @@ ValueSet CEvaluator::ValuesOfUnnumberedSingle(nb::handle scope, std::string_view
             reach = CallersNotReaching(scope, record, use_index);
         const bool sorted_out = !reach.unreached.empty() || !reach.reached_under.empty();
         const std::string itself =
-            sorted_out ? LocationUrl(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|" : std::string();
+            sorted_out ? UrlOf(ScopeLoc(scope)) + "|" + std::string(ScopeName(scope)) + "|" : std::string();
         ValueSet items;
         for (long long position = arg->index; star != 2 && position <= last; ++position) {
             std::string key = si::BuildArgInfo(position, std::nullopt);
@@ -1681,7 +1749,7 @@ ValueSet CEvaluator::ModuleAttribute(nb::handle module_single, std::string_view 
         return out;
     auto *m = nb::cast<si::CSingleResolvedInfo *>(module_single);
     nb::object loc = m->loc;
-    ActiveKey key{LocationUrl(loc), "", std::string(name), -7};
+    ActiveKey key{ReadKeyOf(loc), "", std::string(name), -7};
     if (CycleAt(key))
         return out;
     ActiveRead active(*this, key);
@@ -1754,7 +1822,7 @@ namespace pysource::infer {
 
 bool CEvaluator::IsLibraryScope(nb::handle scope) {
     nb::object loc = ScopeLoc(scope);
-    std::string url = LocationUrl(loc);
+    const std::string &url = UrlOf(loc);
     auto it = fMemo.library_urls.find(url);
     if (it == fMemo.library_urls.end())
         it = fMemo.library_urls.emplace(url, !nb::cast<bool>(fLocCache.attr("WantDerivedInfo")(loc))).first;
@@ -1772,7 +1840,7 @@ nb::object CEvaluator::ScopeAt(nb::handle loc, std::string_view name) {
 
 std::string CEvaluator::ClassKey(nb::handle cls) {
     si::CSingleResolvedInfo *c = nb::cast<si::CSingleResolvedInfo *>(cls);
-    std::string key = LocationUrl(c->loc);
+    std::string key = UrlOf(c->loc);
     key.push_back('|');
     key.append(si::TextView(c->ibytes, "ibytes"));
     return key;
@@ -1875,7 +1943,8 @@ std::vector<CEvaluator::Bindings> CEvaluator::CallerBindingsOfCaller(std::string
         std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
         if (!si::IsDefKind(si::GetInfoBytesKind(own)))
             continue;
-        const std::vector<Param> params = ParamsOf(*DefInfoOf(own));
+        const auto params_held = KeptParamsOf(*DefInfoOf(own));
+        const std::vector<Param> &params = *params_held;
         if (std::none_of(params.begin(), params.end(), [&](const Param &p) { return names.count(p.name); }))
             continue;
         const std::string itself = url + "|" + std::string(name) + "|";
@@ -1960,7 +2029,7 @@ CEvaluator::Bindings CEvaluator::BindingsOfCaller(nb::handle body, nb::handle re
                                                   const std::function<bool(const Param &)> &wanted,
                                                   const std::function<ValueSet(std::string_view)> &value_of) {
     Bindings out;
-    const std::string url = LocationUrl(ScopeLoc(body));
+    const std::string &url = UrlOf(ScopeLoc(body));
     const std::string name(ScopeName(body));
     for (const Param &param : params) {
         if (param.star != 0 || !wanted(param))
@@ -1990,8 +2059,9 @@ CEvaluator::CallerReach CEvaluator::CallersNotReaching(nb::handle scope, nb::han
     std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
     if (!si::IsDefKind(si::GetInfoBytesKind(own)))
         return out;
-    const std::vector<Param> params = ParamsOf(*DefInfoOf(own));
-    const std::string url = LocationUrl(ScopeLoc(scope));
+    const auto params_held = KeptParamsOf(*DefInfoOf(own));
+    const std::vector<Param> &params = *params_held;
+    const std::string &url = UrlOf(ScopeLoc(scope));
     const std::string name(ScopeName(scope));
     // The arguments at one call are read one by one at the same use, under
     // the same bindings: the answer is worked out once.
@@ -2111,7 +2181,7 @@ int CEvaluator::StarOfParameter(nb::handle record, long long index) {
 namespace pysource::infer {
 
 const std::string &CEvaluator::ModuleNameOfLoc(nb::handle loc) {
-    std::string url = LocationUrl(loc);
+    const std::string &url = UrlOf(loc);
     auto it = fModuleNames.find(url);
     if (it == fModuleNames.end()) {
         nb::object dotted = fFinder.attr("ModuleNameOf")(loc);

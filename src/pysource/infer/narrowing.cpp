@@ -204,7 +204,7 @@ std::vector<std::pair<std::string, const ValueSet *>> CEvaluator::BindingsAround
     std::vector<std::pair<std::string, const ValueSet *>> out;
     if (fBoundNames.empty())
         return out;
-    const std::string url = LocationUrl(ScopeLoc(scope));
+    const std::string &url = UrlOf(ScopeLoc(scope));
     std::string_view name = ScopeName(scope);
     std::map<std::string, std::size_t> depth;  // the innermost scope's binding of a name counts
     for (const auto &[key, values] : fBoundNames) {
