@@ -32,6 +32,12 @@ public:
     // with one frozenset of singles per type parameter, or None.  Part of the
     // value: list[int] and list[str] are different singles.
     nb::object fTypeArgs;
+    // For an instance that a list or dict display made, what the display
+    // holds where its items can be told apart: a list's items by position (a
+    // tuple of frozensets of singles), a dict's values by constant key (a
+    // tuple of (key single's bytes, frozenset of singles) pairs); None
+    // otherwise.  Part of the value: [1, ''] and ['', 1] differ by item.
+    nb::object fDisplayItems;
     // For a bound method, the single it is bound to (an instance, or the
     // class of a classmethod); None otherwise.  Not part of the value.
     nb::object fBoundTo;

@@ -92,7 +92,9 @@ ints  # expect: list[int]
 ints[0]  # expect: int
 words[1]  # expect: str
 mixed  # expect: list[int | str]
-mixed[0]  # expect: int | str
+mixed[0]  # expect: int
+mixed[-1]  # expect: str
+mixed[len(words) - 1]  # expect: int | str
 mapping  # expect: dict[str, int]
 mapping["a"]  # expect: int
 nested["k"]  # expect: list[float]
@@ -106,6 +108,16 @@ coords[0:2]  # expect: tuple[int, float]
 empty_list  # expect: list
 empty_dict  # expect: dict
 {1: "a"}[1]  # expect: str
+{"n": 1, "s": "a"}["s"]  # expect: str
+{"n": 1, "s": "a"}["n".strip()]  # expect: int | str
+{"n": 1, "n": "a"}["n"]  # expect: str
+{"s": "a", **mapping}["s"]  # expect: int | str
+{**mapping, "s": "a"}["s"]  # expect: str
+at = 1
+coords[at]  # expect: float
+coords[3 - 2]  # expect: float
+coords[-7 // 3]  # expect: int
+coords[7 % -3]  # expect: float
 [1.5][0]  # expect: float
 "abc"[::-1]  # expect: str
 for w in words:

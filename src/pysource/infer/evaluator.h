@@ -534,6 +534,11 @@ private:
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
     // The value of an int literal known exactly, if that is all `values` is.
     std::optional<long long> ConstantInt(const ValueSet &values);
+    // `left op right` of two known ints, as Python computes it, for the
+    // operators + - * // %; none for any other, on overflow, or on a
+    // division by zero.
+    static std::optional<long long> FoldedInt(std::optional<long long> left, std::string_view op,
+                                              std::optional<long long> right);
     // Every tuple of `left` added to every one of `right`, when all of them
     // have known positions; nothing otherwise.
     ValueSet JoinedTuples(const ValueSet &left, const ValueSet &right);
@@ -554,6 +559,12 @@ private:
     // when it is homogeneous or its arguments are unknown.
     // A named tuple's instance has the positions of its annotated fields.
     bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
+    // The item of a display instance (fDisplayItems) that a constant index
+    // picks; none when the index isn't one constant or the display doesn't
+    // tell that item apart.
+    std::optional<ValueSet> DisplayItem(nb::handle single, const ValueSet &index);
+    // The bytes of a literal single whose value is known, as a display's key.
+    std::optional<std::string> ConstantKey(const ValueSet &values);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
     // Whether `mro` holds the class `name` of `module` ("typing": any of
     // typing's modules).
