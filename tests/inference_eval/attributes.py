@@ -185,6 +185,25 @@ Outer.Inner.value  # expect: float
 Outer.Inner().Get()  # expect: Outer.Inner
 
 
+class Holder:
+    """Attributes set from the constructor's parameters, read per instance."""
+
+    def __init__(self, item, label="none"):
+        self.item = item
+        self.label = label
+
+    def Item(self):
+        return self.item
+
+
+Holder(1).item  # expect: int
+Holder("a").Item()  # expect: str
+Holder(1, label=2.5).label  # expect: float
+Holder(1).label  # expect: str
+either = Holder(1) if len(sys.argv) < 1000 else Holder("a")
+either.item  # expect: int | str
+
+
 def _main():
     b.Grow()
     d.Grow()

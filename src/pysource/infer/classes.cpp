@@ -403,6 +403,8 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
                 assigned = true;
+                // What the instance's constructor was passed sets its attributes.
+                ClosureBound constructor_bound(*this, s->fClosure);
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
@@ -625,7 +627,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
             if (!made.Empty())
                 return made;
         }
-        return InstanceOf(callee, type_args);
+        return WithConstructorBindings(InstanceOf(callee, type_args), callee, args, kwargs, fArgumentsWhole);
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);
@@ -700,7 +702,16 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         return ReturnsOfDef(def_single, map);
     // The body answers: its parameters without a hint are what this call
     // passes them.
-    std::vector<Param> params = ParamsOf(def);
+    return ReturnsOfDef(def_single, map, ArgumentBindings(def_single, args, kwargs, arguments_whole));
+}
+
+std::vector<std::pair<std::string, ValueSet>> CEvaluator::ArgumentBindings(nb::handle def_single,
+                                                                          const std::vector<ValueSet> &args,
+                                                                          const Keywords &kwargs,
+                                                                          bool arguments_whole) {
+    si::CSingleResolvedInfo *d = Single(def_single);
+    const auto def_held = DefInfoOf(d->Bare());
+    std::vector<Param> params = ParamsOf(*def_held);
     std::vector<std::pair<std::string, ValueSet>> arguments;
     std::set<std::string> passed;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
@@ -758,7 +769,32 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         if (!defaults.Empty())
             arguments.emplace_back(params[p].name, defaults);
     }
-    return ReturnsOfDef(def_single, map, arguments);
+    return arguments;
+}
+
+ValueSet CEvaluator::WithConstructorBindings(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                                             const Keywords &kwargs, bool arguments_whole) {
+    if (made.Size() != 1 || (args.empty() && kwargs.empty()))
+        return made;
+    const nb::object &instance = made.Items()[0];
+    ValueSet inits = AcceptingDefs(ClassAttribute(cls, "__init__", instance, {}, true), args, kwargs);
+    if (inits.Size() != 1)
+        return made;
+    const nb::object &init = inits.Items()[0];
+    si::CSingleResolvedInfo *i = Single(init);
+    // (A stub's or the builtins' __init__ has no body to read the arguments in.)
+    if (!i->IsDef() || i->fBoundTo.is_none() || nb::cast<bool>(fLocCache.attr("IsPyiLocation")(i->loc)))
+        return made;
+    std::vector<std::pair<std::string, ValueSet>> arguments = ArgumentBindings(init, args, kwargs, arguments_whole);
+    if (arguments.empty())
+        return made;
+    const std::string url = LocationUrl(i->loc);
+    const std::string scope_name(NameOf(i));
+    nb::list closure;
+    for (const auto &[param, values] : arguments)
+        closure.append(nb::make_tuple(url, scope_name, param, values.AsFrozenSet()));
+    Single(instance)->fClosure = nb::tuple(closure);
+    return made;
 }
 
 ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
@@ -832,17 +868,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         }
     }
     // A def that a call returned reads the names around it as that call bound them.
-    std::vector<std::tuple<std::string, std::string, std::string>> closure_keys;
-    if (!d->fClosure.is_none())
-        for (nb::handle item : d->fClosure) {
-            nb::tuple t = nb::borrow<nb::tuple>(item);
-            std::tuple<std::string, std::string, std::string> key{nb::cast<std::string>(t[0]), nb::cast<std::string>(t[1]),
-                                                                 nb::cast<std::string>(t[2])};
-            if (fBoundNames.emplace(key, ValueSet::FromIterable(t[3])).second) {
-                closure_keys.push_back(key);
-                ++fBindingVersion;
-            }
-        }
+    ClosureBound closure_bound(*this, d->fClosure);
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
@@ -859,14 +885,33 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     out = EntryValues(scope, record, returned, -2);
     out = WithClosures(out);
     --fDepth;
-    for (const auto &key : closure_keys)
-        fBoundNames.erase(key);
     if (binds_self)
         fBoundNames.erase(self_key);
     for (const auto &key : bound_arguments)
         fBoundNames.erase(key);
     ++fBindingVersion;
     return out;
+}
+
+CEvaluator::ClosureBound::ClosureBound(CEvaluator &evaluator, nb::handle closure) : fEvaluator(evaluator) {
+    if (closure.is_none())
+        return;
+    for (nb::handle item : closure) {
+        nb::tuple t = nb::borrow<nb::tuple>(item);
+        std::tuple<std::string, std::string, std::string> key{nb::cast<std::string>(t[0]), nb::cast<std::string>(t[1]),
+                                                             nb::cast<std::string>(t[2])};
+        if (fEvaluator.fBoundNames.emplace(key, ValueSet::FromIterable(t[3])).second) {
+            fKeys.push_back(std::move(key));
+            ++fEvaluator.fBindingVersion;
+        }
+    }
+}
+
+CEvaluator::ClosureBound::~ClosureBound() {
+    for (const auto &key : fKeys)
+        fEvaluator.fBoundNames.erase(key);
+    if (!fKeys.empty())
+        ++fEvaluator.fBindingVersion;
 }
 
 ValueSet CEvaluator::WithClosures(const ValueSet &values) {

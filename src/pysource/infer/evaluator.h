@@ -647,6 +647,30 @@ private:
     // `values` with each nested def of a scope whose names a call binds
     // carrying those bindings, read when it is called.
     ValueSet WithClosures(const ValueSet &values);
+    // Binds the names that a closure tuple (CSingleResolvedInfo::fClosure)
+    // holds for as long as it lives; names already bound keep their values.
+    class ClosureBound {
+    public:
+        ClosureBound(CEvaluator &evaluator, nb::handle closure);
+        ~ClosureBound();
+        ClosureBound(const ClosureBound &) = delete;
+        ClosureBound &operator=(const ClosureBound &) = delete;
+
+    private:
+        CEvaluator &fEvaluator;
+        std::vector<std::tuple<std::string, std::string, std::string>> fKeys;
+    };
+    // What a call of a def binds to its parameters that have no hint (the
+    // first of a bound method left out), defaults of those it leaves out
+    // when the call's arguments are all known.
+    std::vector<std::pair<std::string, ValueSet>> ArgumentBindings(
+        nb::handle def, const std::vector<ValueSet> &args, const std::vector<std::pair<std::string, ValueSet>> &kwargs,
+        bool arguments_whole);
+    // The instance a class call made, carrying (as fClosure) what the call
+    // passed the parameters of the class's own __init__: its attributes set
+    // from them are read under that binding.
+    ValueSet WithConstructorBindings(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                                     const std::vector<std::pair<std::string, ValueSet>> &kwargs, bool arguments_whole);
     std::string ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry);
     // An unnumbered single of a parameter's binding in its def's body.
     static bool IsParameterBinding(std::string_view single);

@@ -127,6 +127,30 @@ std::size_t SingleKey(const si::CSingleResolvedInfo &single) {
     return key == 0 ? 1 : key;
 }
 
+// A copy of a single that closes over the names both it and `other` (a
+// closure tuple, or None) bind, each bound to what either binds it to.
+nb::object WithMergedClosure(const si::CSingleResolvedInfo &single, nb::handle other) {
+    nb::ref<si::CSingleResolvedInfo> copy(
+        new si::CSingleResolvedInfo(single.ibytes, single.scope, single.loc, single.fClassRef));
+    copy->fTypeArgs = single.fTypeArgs;
+    copy->fDisplayItems = single.fDisplayItems;
+    copy->fBoundTo = single.fBoundTo;
+    nb::list merged;
+    if (!other.is_none())
+        for (nb::handle mine : single.fClosure)
+            for (nb::handle theirs : other) {
+                nb::tuple a = nb::borrow<nb::tuple>(mine), b = nb::borrow<nb::tuple>(theirs);
+                if (!a[0].equal(b[0]) || !a[1].equal(b[1]) || !a[2].equal(b[2]))
+                    continue;
+                ValueSet values = ValueSet::FromIterable(a[3]);
+                values.Merge(ValueSet::FromIterable(b[3]));
+                merged.append(nb::make_tuple(a[0], a[1], a[2], values.AsFrozenSet()));
+            }
+    if (merged.size())
+        copy->fClosure = nb::tuple(merged);
+    return nb::cast(copy);
+}
+
 }  // namespace
 
 void ValueSet::Add(nb::handle single) {
@@ -149,8 +173,14 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
         if (item.is(single))
             return;
         if (own && fKeys[i] != kForeign) {
-            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single))
+            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single)) {
+                // One value made by calls that bound different things: each
+                // name is then what any of them bound.
+                const si::CSingleResolvedInfo *had = nb::inst_ptr<si::CSingleResolvedInfo>(item);
+                if (!had->fClosure.is_none() && !had->fClosure.equal(own_single->fClosure))
+                    fItems[i] = WithMergedClosure(*had, own_single->fClosure);
                 return;
+            }
         } else if (item.equal(single)) {
             return;
         }
