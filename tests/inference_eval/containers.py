@@ -157,6 +157,25 @@ def GrownByUse():
     queue = collections.deque()
     queue.appendleft("q")
     queue  # expect: collections.deque[str]
+    shown = [1]  # a display holds its items and what is put in later
+    shown.append("a")
+    shown.count(2.5)
+    shown  # expect: list[int | str]
+    shown[0]  # expect: int
+    shown[1]  # expect: int | str
+    placed = [1, "a"]
+    placed[0] = "b"
+    placed[0]  # expect: str
+    moved = [1, "a"]
+    moved.insert(0, "b")
+    moved[1]  # expect: int | str
+    keyed = {"n": 1}
+    keyed["s"] = "a"
+    keyed["s"]  # expect: str
+    keyed["n"]  # expect: int
+    held = {1.5}
+    held.add(2)
+    held  # expect: set[float | int]
     items = []  # set again: the earlier appends don't count
     items.append("s")
     items  # expect: list[str]

@@ -1295,7 +1295,8 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
                 display_items.append(item.AsFrozenSet());
     }
     ValueSet out_instance = InstanceOf(cls, args.size() ? nb::object(nb::tuple(args)) : nb::object(nb::none()));
-    if (display_items.size() && out_instance.Size() == 1)
+    // (A tuple's positions are its type arguments.)
+    if (n.kind != NodeKind::kTuple && n.kids_count > 0 && out_instance.Size() == 1)
         Single(out_instance.Items()[0])->fDisplayItems = nb::tuple(display_items);
     return out_instance;
 }
