@@ -74,6 +74,12 @@ inline nb::object ScopeLoc(nb::handle scope) {
 // Whether a single is the None literal.
 bool IsNoneLiteral(nb::handle single);
 
+// The truth of a test written as a constant (a number, a string, True,
+// False, None, a comparison of two of them), or made of such tests by
+// `not`, `and`, `or` and parentheses, where the constants decide it
+// (`x or 1` is true); none for any other test.
+std::optional<bool> ConstantTruth(std::string_view text);
+
 // A set of singles (CSingleResolvedInfo objects), in the order found,
 // without duplicates, bounded in size.
 class ValueSet {
@@ -691,6 +697,12 @@ private:
     // finishes with).
     std::pair<std::string, std::string> GeneratorEntries(nb::handle scope, std::string_view returns);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Whether the setting at body logical `setting` surely ran before the use
+    // at `use`: every test of the blocks around it and not around the use is
+    // a constant that holds as the block needs (`if 1 == 1:`, the `elif` of
+    // an `if 0:`).
+    bool RunsSurely(nb::handle scope, const std::vector<std::vector<long long>> &paths, long long setting,
+                    long long use);
     // Whether a setting directly in a block of an if/elif/else chain around
     // the use's block completes the chain's blocks in `covered` (those that
     // set the name): then the name was surely set again.

@@ -150,6 +150,11 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
             if (latest < header || latest > last)
                 continue;
+            // A setting there that surely ran (its tests are constants that
+            // hold) hides the earlier ones, as the settings that reach say.
+            const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+            if (paths && RunsSurely(scope, *paths, latest, use_index))
+                break;
             // `if x is None: x = ...`: the earlier values only when x wasn't
             // None; those are what x is at the `if`, itself after earlier ones.
             std::string earlier = EntryPart(entry, -1, header - 1, true);
