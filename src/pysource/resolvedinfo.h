@@ -40,6 +40,12 @@ public:
     // them; None for any other value.  Part of the value: [1, ''] and
     // ['', 1] differ by item.
     nb::object fDisplayItems;
+    // For an instance of a class whose instances act on the arguments they
+    // were made with (a functools.partial, an operator.itemgetter): those
+    // arguments, as a tuple (positions: a tuple of frozensets of singles,
+    // keywords: a tuple of (name, frozenset) pairs); None otherwise.  Part
+    // of the value.
+    nb::object fMadeWith;
     // For a bound method, the single it is bound to (an instance, or the
     // class of a classmethod); None otherwise.  Not part of the value.
     nb::object fBoundTo;

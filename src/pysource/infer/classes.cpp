@@ -480,6 +480,10 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
             // A descriptor in a class body: read through its __get__ (with
             // the instance, or None from the class, and the class).
             if (si::GetInfoBytesKind(s->Bare()) == si::kInstanceKind) {
+                if (std::optional<ValueSet> read = ReadPartialMethod(f, receiver, via_instance)) {
+                    out.Merge(*read);
+                    continue;
+                }
                 ValueSet descriptor, instance, owner_cls;
                 descriptor.Add(f);
                 if (via_instance)
@@ -625,15 +629,18 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 if (OverloadAccepts(nw, args, &kwargs))
                     made.Merge(CallDef(nw, args, kwargs));
             if (!made.Empty())
-                return made;
+                return WithCallArguments(made, callee, args, kwargs);
         }
-        return WithConstructorBindings(InstanceOf(callee, type_args), callee, args, kwargs, fArgumentsWhole);
+        ValueSet made = WithCallArguments(InstanceOf(callee, type_args), callee, args, kwargs);
+        return WithConstructorBindings(made, callee, args, kwargs, fArgumentsWhole);
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);
     if (si::GetInfoBytesKind(si::TextView(c->ibytes, "ibytes")) == si::kExpressionEquivKind)
         return CallLambda(callee, args, kwargs);
     if (c->IsInstance(true)) {
+        if (std::optional<ValueSet> kept = CallKept(callee, args, kwargs, frame))
+            return *kept;
         ValueSet one;
         one.Add(callee);
         return CallDunder(one, "__call__", args, kwargs);

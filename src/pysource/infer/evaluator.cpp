@@ -937,28 +937,6 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                 continue;
             }
         }
-        if (s.kind != NodeKind::kSlice && !index_done) {
-            index = Eval(tree, slice, frame);
-            index_done = true;
-        }
-        if (s.kind != NodeKind::kSlice) {
-            // A display's item by a constant position or key (`[1, ''][0]`,
-            // `{'a': 1}[k]` with k = 'a'), and a tuple's item by a position
-            // that a name holds.
-            std::optional<ValueSet> item = DisplayItem(value, index);
-            std::optional<long long> at = ConstantInt(index);
-            std::vector<nb::object> positions;
-            if (!item && at && TuplePositions(value, positions)) {
-                long long size = (long long) positions.size();
-                long long i = *at < 0 ? *at + size : *at;
-                if (i >= 0 && i < size)
-                    item = ValueSet::FromIterable(positions[(std::size_t) i]);
-            }
-            if (item) {
-                out.Merge(*item);
-                continue;
-            }
-        }
         // An index written as a number.
         bool constant_index = false;
         if (s.kind != NodeKind::kSlice) {
@@ -978,34 +956,51 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
             index_done = true;
         }
-        // A TypedDict's key written as a string.
-        if (index.Size() == 1) {
-            std::string_view bare = Single(index.Items()[0])->Bare();
-            if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
-                si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
-                if (lit.class_name == "str" && lit.value) {
-                    ValueSet item = TypedDictItem(value, *lit.value);
-                    if (!item.Empty()) {
-                        out.Merge(item);
-                        continue;
-                    }
-                }
-            }
-        }
-        ValueSet one;
-        one.Add(value);
         if (constant_index && v->IsInstance(false)) {
             // An item by position of a value that has none, as an unpacking
             // reads its targets (`a, b = gen()`): its items by iteration.
             nb::object cls = ClassOfInstance(value);
             if (!cls.is_none() && ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty()) {
+                ValueSet one;
+                one.Add(value);
                 out.Merge(IterItems(one));
                 continue;
             }
         }
-        out.Merge(CallDunder(one, "__getitem__", {index}));
+        out.Merge(ItemOf(value, index));
     }
     return out;
+}
+
+ValueSet CEvaluator::ItemOf(nb::handle value, const ValueSet &index) {
+    // A display's item by a constant position or key (`[1, ''][0]`,
+    // `{'a': 1}[k]` with k = 'a'), and a tuple's by a constant position.
+    std::optional<ValueSet> item = DisplayItem(value, index);
+    std::optional<long long> at = ConstantInt(index);
+    std::vector<nb::object> positions;
+    if (!item && at && TuplePositions(value, positions)) {
+        long long size = (long long) positions.size();
+        long long i = *at < 0 ? *at + size : *at;
+        if (i >= 0 && i < size)
+            item = ValueSet::FromIterable(positions[(std::size_t) i]);
+    }
+    if (item)
+        return *item;
+    // A TypedDict's key written as a string.
+    if (index.Size() == 1) {
+        std::string_view bare = Single(index.Items()[0])->Bare();
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
+            si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+            if (lit.class_name == "str" && lit.value) {
+                ValueSet keyed = TypedDictItem(value, *lit.value);
+                if (!keyed.Empty())
+                    return keyed;
+            }
+        }
+    }
+    ValueSet one;
+    one.Add(value);
+    return CallDunder(one, "__getitem__", {index});
 }
 
 ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &frame) {

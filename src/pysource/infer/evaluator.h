@@ -569,6 +569,9 @@ private:
     // picks; none when the index isn't one constant or the display doesn't
     // tell that item apart.
     std::optional<ValueSet> DisplayItem(nb::handle single, const ValueSet &index);
+    // `value[index]` with the index evaluated: a display's or a tuple's item
+    // told apart, a TypedDict's key, else what __getitem__ gives.
+    ValueSet ItemOf(nb::handle value, const ValueSet &index);
     // The bytes of a literal single whose value is known, as a display's key.
     std::optional<std::string> ConstantKey(const ValueSet &values);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
@@ -847,6 +850,20 @@ private:
     // are unknown given those that the uses at `sites_of()` pass its methods
     // (`x.append(1)`, `x[k] = v`).
     ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
+
+    // Calls with arguments fixed in advance (partials.cpp).  Which kind of
+    // call-keeping class `cls` is (0 for none).
+    int KeptCallKind(nb::handle cls);
+    // The instances of a call-keeping class that a call of it made, holding
+    // the call's arguments (fMadeWith); other values as they are.
+    ValueSet WithCallArguments(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                               const Keywords &kwargs);
+    // What calling such an instance gives; none for any other value.
+    std::optional<ValueSet> CallKept(nb::handle instance, const std::vector<ValueSet> &args, const Keywords &kwargs,
+                                     const Frame &frame);
+    // A partialmethod read from a class body: the partial it gives, with the
+    // instance first when read on one; none for any other value.
+    std::optional<ValueSet> ReadPartialMethod(nb::handle found, nb::handle receiver, bool via_instance);
     // The entries of `record` that use `name` through one attribute or
     // subscript (`x.append`, `x["a"]`); a record's are found once per request.
     const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);

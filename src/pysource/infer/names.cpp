@@ -134,6 +134,7 @@ nb::object WithMergedClosure(const si::CSingleResolvedInfo &single, nb::handle o
         new si::CSingleResolvedInfo(single.ibytes, single.scope, single.loc, single.fClassRef));
     copy->fTypeArgs = single.fTypeArgs;
     copy->fDisplayItems = single.fDisplayItems;
+    copy->fMadeWith = single.fMadeWith;
     copy->fBoundTo = single.fBoundTo;
     nb::list merged;
     if (!other.is_none())

@@ -1,0 +1,150 @@
+// Objects that stand for a call with arguments fixed in advance.  A
+// functools.partial keeps the callable and the arguments it was made with,
+// and calling it calls that callable with them before the call's own; a
+// partialmethod in a class body gives such a partial when read, with the
+// instance it is read on first; an operator.itemgetter keeps the keys it
+// subscripts its argument with.
+#include "pysource/infer/evaluator.h"
+
+#include <nanobind/stl/string.h>
+
+#include "pysource/symbolinfo.h"
+
+namespace pysource::infer {
+
+namespace si = symbolinfo;
+
+namespace {
+
+// The call-keeping classes, by module and name.
+enum class KeptCall { kNone, kPartial, kPartialMethod, kItemGetter };
+
+}  // namespace
+
+int CEvaluator::KeptCallKind(nb::handle cls) {
+    si::CSingleResolvedInfo *c = Single(cls);
+    if (!c->IsClass())
+        return (int) KeptCall::kNone;
+    const std::string &module = ModuleNameOfLoc(c->loc);
+    std::string_view name = NameOf(c);
+    if (module == "functools" && name == "partial")
+        return (int) KeptCall::kPartial;
+    if (module == "functools" && name == "partialmethod")
+        return (int) KeptCall::kPartialMethod;
+    if ((module == "operator" || module == "_operator") && name == "itemgetter")
+        return (int) KeptCall::kItemGetter;
+    return (int) KeptCall::kNone;
+}
+
+ValueSet CEvaluator::WithCallArguments(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                                       const Keywords &kwargs) {
+    if (KeptCallKind(cls) == (int) KeptCall::kNone || args.empty())
+        return made;
+    nb::list positions, keywords;
+    for (const ValueSet &arg : args)
+        positions.append(arg.AsFrozenSet());
+    for (const auto &[name, values] : kwargs)
+        keywords.append(nb::make_tuple(name, values.AsFrozenSet()));
+    nb::tuple kept = nb::make_tuple(nb::tuple(positions), nb::tuple(keywords));
+    ValueSet out;
+    for (const nb::object &instance : made.Items()) {
+        si::CSingleResolvedInfo *s = Single(instance);
+        nb::object instance_cls = s->IsInstance(false) ? ClassOfInstance(instance) : nb::object();
+        if (!instance_cls.is_valid() || instance_cls.is_none() || !SameClass(Single(instance_cls), Single(cls))) {
+            out.Add(instance);
+            continue;
+        }
+        nb::ref<si::CSingleResolvedInfo> copy(new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef));
+        copy->fTypeArgs = s->fTypeArgs;
+        copy->fMadeWith = kept;
+        out.Add(nb::cast(copy));
+    }
+    return out;
+}
+
+std::optional<ValueSet> CEvaluator::CallKept(nb::handle instance, const std::vector<ValueSet> &args,
+                                             const Keywords &kwargs, const Frame &frame) {
+    si::CSingleResolvedInfo *s = Single(instance);
+    if (s->fMadeWith.is_none())
+        return std::nullopt;
+    nb::object cls = ClassOfInstance(instance);
+    if (cls.is_none())
+        return std::nullopt;
+    nb::tuple kept = nb::borrow<nb::tuple>(s->fMadeWith);
+    nb::tuple positions = nb::borrow<nb::tuple>(kept[0]);
+    const bool whole = std::exchange(fArgumentsWhole, false);
+    int kind = KeptCallKind(cls);
+    if (kind == (int) KeptCall::kPartial && positions.size() > 0) {
+        // partial(f, *fixed, **fixed_keywords)(*args, **keywords) is
+        // f(*fixed, *args, **fixed_keywords, **keywords).
+        std::vector<ValueSet> all_args;
+        for (std::size_t i = 1; i < positions.size(); ++i)
+            all_args.push_back(ValueSet::FromIterable(positions[i]));
+        all_args.insert(all_args.end(), args.begin(), args.end());
+        Keywords all_kwargs;
+        for (nb::handle pair : nb::borrow<nb::tuple>(kept[1])) {
+            std::string name = nb::cast<std::string>(pair[0]);
+            if (std::none_of(kwargs.begin(), kwargs.end(), [&](const auto &given) { return given.first == name; }))
+                all_kwargs.emplace_back(std::move(name), ValueSet::FromIterable(pair[1]));
+        }
+        all_kwargs.insert(all_kwargs.end(), kwargs.begin(), kwargs.end());
+        ValueSet out;
+        for (const nb::object &callee : ValueSet::FromIterable(positions[0]).Items())
+            out.Merge(CallWithArguments(callee, all_args, all_kwargs, frame, whole));
+        return out;
+    }
+    if (kind == (int) KeptCall::kItemGetter && args.size() == 1 && kwargs.empty()) {
+        // itemgetter(k)(obj) is obj[k]; itemgetter(k1, k2, ...)(obj) the
+        // tuple (obj[k1], obj[k2], ...).
+        auto item = [&](nb::handle key) {
+            ValueSet out;
+            for (const nb::object &value : args[0].Items())
+                out.Merge(ItemOf(value, ValueSet::FromIterable(key)));
+            return out;
+        };
+        if (positions.size() == 1)
+            return item(positions[0]);
+        nb::object tuple_cls = BuiltinClass("tuple");
+        if (tuple_cls.is_none())
+            return std::nullopt;
+        nb::list items;
+        for (nb::handle key : positions)
+            items.append(item(key).AsFrozenSet());
+        return InstanceOf(tuple_cls, nb::tuple(items));
+    }
+    return std::nullopt;
+}
+
+std::optional<ValueSet> CEvaluator::ReadPartialMethod(nb::handle found, nb::handle receiver, bool via_instance) {
+    si::CSingleResolvedInfo *s = Single(found);
+    if (s->fMadeWith.is_none() || !s->IsInstance(false))
+        return std::nullopt;
+    nb::object cls = ClassOfInstance(found);
+    if (cls.is_none() || KeptCallKind(cls) != (int) KeptCall::kPartialMethod)
+        return std::nullopt;
+    nb::object partial;
+    for (const nb::object &value : ModuleAttribute(ModuleSingle(Single(cls)->loc, "functools"), "partial").Items())
+        if (Single(value)->IsClass())
+            partial = value;
+    if (!partial.is_valid())
+        return std::nullopt;
+    // Read on an instance, the method's first argument is that instance.
+    nb::tuple kept = nb::borrow<nb::tuple>(s->fMadeWith);
+    nb::tuple positions = nb::borrow<nb::tuple>(kept[0]);
+    if (positions.size() == 0)
+        return std::nullopt;
+    std::vector<ValueSet> args{ValueSet::FromIterable(positions[0])};
+    if (via_instance) {
+        ValueSet self;
+        self.Add(receiver);
+        args.push_back(self);
+    }
+    for (std::size_t i = 1; i < positions.size(); ++i)
+        args.push_back(ValueSet::FromIterable(positions[i]));
+    Keywords kwargs;
+    for (nb::handle pair : nb::borrow<nb::tuple>(kept[1]))
+        kwargs.emplace_back(nb::cast<std::string>(pair[0]), ValueSet::FromIterable(pair[1]));
+    return WithCallArguments(InstanceOf(partial, nb::none()), partial, args, kwargs);
+}
+
+}  // namespace pysource::infer
