@@ -204,6 +204,33 @@ either = Holder(1) if len(sys.argv) < 1000 else Holder("a")
 either.item  # expect: int | str
 
 
+class Wrapped:
+    """property, staticmethod and classmethod called on a def in the body."""
+
+    def __init__(self):
+        self.size = 3
+
+    def Size(self):
+        return self.size
+
+    def Double(x):
+        return x * 2.0
+
+    def Name(cls):
+        return cls.__name__
+
+    size_read = property(Size)
+    double = staticmethod(Double)
+    name = classmethod(Name)
+
+
+Wrapped().size_read  # expect: int
+Wrapped.double(1)  # expect: float
+Wrapped().double(1)  # expect: float
+Wrapped.name()  # expect: str
+Wrapped().name()  # expect: str
+
+
 def _main():
     b.Grow()
     d.Grow()

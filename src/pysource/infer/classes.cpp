@@ -480,7 +480,7 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
             // A descriptor in a class body: read through its __get__ (with
             // the instance, or None from the class, and the class).
             if (si::GetInfoBytesKind(s->Bare()) == si::kInstanceKind) {
-                if (std::optional<ValueSet> read = ReadPartialMethod(f, receiver, via_instance)) {
+                if (std::optional<ValueSet> read = ReadKeptDescriptor(f, receiver, via_instance)) {
                     out.Merge(*read);
                     continue;
                 }

@@ -851,8 +851,8 @@ private:
     // (`x.append(1)`, `x[k] = v`).
     ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
 
-    // Calls with arguments fixed in advance (partials.cpp).  Which kind of
-    // call-keeping class `cls` is (0 for none).
+    // Instances that act on the arguments of their call (keptcalls.cpp).
+    // Which kind of call-keeping class `cls` is (0 for none).
     int KeptCallKind(nb::handle cls);
     // The instances of a call-keeping class that a call of it made, holding
     // the call's arguments (fMadeWith); other values as they are.
@@ -861,9 +861,12 @@ private:
     // What calling such an instance gives; none for any other value.
     std::optional<ValueSet> CallKept(nb::handle instance, const std::vector<ValueSet> &args, const Keywords &kwargs,
                                      const Frame &frame);
-    // A partialmethod read from a class body: the partial it gives, with the
-    // instance first when read on one; none for any other value.
-    std::optional<ValueSet> ReadPartialMethod(nb::handle found, nb::handle receiver, bool via_instance);
+    // Such an instance read from a class body as a descriptor: a
+    // partialmethod's partial (with the instance first when read on one), a
+    // property's getter's value, a staticmethod's function, a classmethod's
+    // function bound to the class; none for any other value, or where the
+    // instance itself is what is read.
+    std::optional<ValueSet> ReadKeptDescriptor(nb::handle found, nb::handle receiver, bool via_instance);
     // The entries of `record` that use `name` through one attribute or
     // subscript (`x.append`, `x["a"]`); a record's are found once per request.
     const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);

@@ -1,9 +1,11 @@
-// Objects that stand for a call with arguments fixed in advance.  A
+// Instances that act on the arguments of the call that made them.  A
 // functools.partial keeps the callable and the arguments it was made with,
 // and calling it calls that callable with them before the call's own; a
 // partialmethod in a class body gives such a partial when read, with the
 // instance it is read on first; an operator.itemgetter keeps the keys it
-// subscripts its argument with.
+// subscripts its argument with; property(f), staticmethod(f) and
+// classmethod(f) in a class body read as the decorators of those names make
+// f read.
 #include "pysource/infer/evaluator.h"
 
 #include <nanobind/stl/string.h>
@@ -17,7 +19,7 @@ namespace si = symbolinfo;
 namespace {
 
 // The call-keeping classes, by module and name.
-enum class KeptCall { kNone, kPartial, kPartialMethod, kItemGetter };
+enum class KeptCall { kNone, kPartial, kPartialMethod, kItemGetter, kProperty, kStaticMethod, kClassMethod };
 
 }  // namespace
 
@@ -33,6 +35,12 @@ int CEvaluator::KeptCallKind(nb::handle cls) {
         return (int) KeptCall::kPartialMethod;
     if ((module == "operator" || module == "_operator") && name == "itemgetter")
         return (int) KeptCall::kItemGetter;
+    if (module == "builtins" && name == "property")
+        return (int) KeptCall::kProperty;
+    if (module == "builtins" && name == "staticmethod")
+        return (int) KeptCall::kStaticMethod;
+    if (module == "builtins" && name == "classmethod")
+        return (int) KeptCall::kClassMethod;
     return (int) KeptCall::kNone;
 }
 
@@ -115,36 +123,71 @@ std::optional<ValueSet> CEvaluator::CallKept(nb::handle instance, const std::vec
     return std::nullopt;
 }
 
-std::optional<ValueSet> CEvaluator::ReadPartialMethod(nb::handle found, nb::handle receiver, bool via_instance) {
+std::optional<ValueSet> CEvaluator::ReadKeptDescriptor(nb::handle found, nb::handle receiver, bool via_instance) {
     si::CSingleResolvedInfo *s = Single(found);
     if (s->fMadeWith.is_none() || !s->IsInstance(false))
         return std::nullopt;
     nb::object cls = ClassOfInstance(found);
-    if (cls.is_none() || KeptCallKind(cls) != (int) KeptCall::kPartialMethod)
+    if (cls.is_none())
         return std::nullopt;
-    nb::object partial;
-    for (const nb::object &value : ModuleAttribute(ModuleSingle(Single(cls)->loc, "functools"), "partial").Items())
-        if (Single(value)->IsClass())
-            partial = value;
-    if (!partial.is_valid())
-        return std::nullopt;
-    // Read on an instance, the method's first argument is that instance.
     nb::tuple kept = nb::borrow<nb::tuple>(s->fMadeWith);
     nb::tuple positions = nb::borrow<nb::tuple>(kept[0]);
     if (positions.size() == 0)
         return std::nullopt;
-    std::vector<ValueSet> args{ValueSet::FromIterable(positions[0])};
-    if (via_instance) {
-        ValueSet self;
+    ValueSet wrapped = ValueSet::FromIterable(positions[0]);
+    nb::object owner = via_instance ? ClassOfInstance(receiver) : nb::borrow(receiver);
+    switch ((KeptCall) KeptCallKind(cls)) {
+    case KeptCall::kProperty: {
+        // Read on an instance: what its getter gives for that instance.
+        if (!via_instance)
+            return std::nullopt;
+        ValueSet self, out;
         self.Add(receiver);
-        args.push_back(self);
+        for (const nb::object &getter : wrapped.Items())
+            out.Merge(CallValue(getter, {self}, {}, Frame{nb::none(), -2, nullptr, nullptr}));
+        return out;
     }
-    for (std::size_t i = 1; i < positions.size(); ++i)
-        args.push_back(ValueSet::FromIterable(positions[i]));
-    Keywords kwargs;
-    for (nb::handle pair : nb::borrow<nb::tuple>(kept[1]))
-        kwargs.emplace_back(nb::cast<std::string>(pair[0]), ValueSet::FromIterable(pair[1]));
-    return WithCallArguments(InstanceOf(partial, nb::none()), partial, args, kwargs);
+    case KeptCall::kStaticMethod:
+        return wrapped;  // the function itself, bound to nothing
+    case KeptCall::kClassMethod: {
+        // The function bound to the class.
+        if (owner.is_none())
+            return std::nullopt;
+        ValueSet out;
+        for (const nb::object &f : wrapped.Items()) {
+            si::CSingleResolvedInfo *d = Single(f);
+            if (!d->IsDef())
+                continue;
+            nb::object method = DefSingle(d->loc, d->Bare(), si::kMethodKind);
+            Single(method)->fBoundTo = owner;
+            out.Add(method);
+        }
+        return out;
+    }
+    case KeptCall::kPartialMethod: {
+        nb::object partial;
+        for (const nb::object &value : ModuleAttribute(ModuleSingle(Single(cls)->loc, "functools"), "partial").Items())
+            if (Single(value)->IsClass())
+                partial = value;
+        if (!partial.is_valid())
+            return std::nullopt;
+        // Read on an instance, the method's first argument is that instance.
+        std::vector<ValueSet> args{wrapped};
+        if (via_instance) {
+            ValueSet self;
+            self.Add(receiver);
+            args.push_back(self);
+        }
+        for (std::size_t i = 1; i < positions.size(); ++i)
+            args.push_back(ValueSet::FromIterable(positions[i]));
+        Keywords kwargs;
+        for (nb::handle pair : nb::borrow<nb::tuple>(kept[1]))
+            kwargs.emplace_back(nb::cast<std::string>(pair[0]), ValueSet::FromIterable(pair[1]));
+        return WithCallArguments(InstanceOf(partial, nb::none()), partial, args, kwargs);
+    }
+    default:
+        return std::nullopt;
+    }
 }
 
 }  // namespace pysource::infer
