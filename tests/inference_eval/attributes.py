@@ -224,6 +224,22 @@ class Wrapped:
     name = classmethod(Name)
 
 
+
+
+class Rebound:
+    """A name the body sets again: the class holds the last setting."""
+
+    limit = "none"
+    limit = 10
+
+    def Twice(count):
+        return "twice" * count
+
+    Twice = staticmethod(Twice)
+
+
+Rebound.limit  # expect: int
+Rebound().Twice(2)  # expect: str
 Wrapped().size_read  # expect: int
 Wrapped.double(1)  # expect: float
 Wrapped().double(1)  # expect: float

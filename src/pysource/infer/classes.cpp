@@ -438,7 +438,24 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = ScopeAt(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        bool local = FindLocal(scope, name, -2, found, redirect);
+        // What the body left the name as, once it has run (`f = staticmethod(f)`
+        // after `def f`); a stub's settings all stand, as overloads or under
+        // their conditions.
+        long long body_end = -2;
+        if (!nb::cast<bool>(fLocCache.attr("IsPyiLocation")(k->loc)))
+            if (const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope))
+                body_end = (long long) paths->size();
+        bool local = FindLocal(scope, name, body_end, found, redirect);
+        // `@x.setter def x` keeps the property that the getter made.
+        auto accessor = [&](const nb::object &f) {
+            return Single(f)->IsDef() && (HasDecorator(*DefInfoOf(Single(f)->Bare()), "setter") ||
+                                          HasDecorator(*DefInfoOf(Single(f)->Bare()), "deleter"));
+        };
+        if (body_end >= 0 && !found.Empty() && std::all_of(found.Items().begin(), found.Items().end(), accessor)) {
+            body_end = -2;
+            found = ValueSet();
+            local = FindLocal(scope, name, body_end, found, redirect);
+        }
         // A member that isn't a def (`items: list[T]`, `name: T`) is read again
         // with the class's type variables standing for the arguments this
         // entry got.
@@ -450,7 +467,7 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
             fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
             ++fBindingVersion;
             found = ValueSet();
-            local = FindLocal(scope, name, -2, found, redirect);
+            local = FindLocal(scope, name, body_end, found, redirect);
             fClassMaps.pop_back();
             ++fBindingVersion;
         }
