@@ -736,6 +736,11 @@ std::vector<std::pair<std::string, ValueSet>> CEvaluator::ArgumentBindings(nb::h
     si::CSingleResolvedInfo *d = Single(def_single);
     const auto def_held = DefInfoOf(d->Bare());
     std::vector<Param> params = ParamsOf(*def_held);
+    // An annotation that names no type (a note in a string, `3 + 3`) leaves
+    // its parameter to what the call passes.
+    for (Param &param : params)
+        if (!param.hint.empty() && NamesNoType(param.hint))
+            param.hint.clear();
     std::vector<std::pair<std::string, ValueSet>> arguments;
     std::set<std::string> passed;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;

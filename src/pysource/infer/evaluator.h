@@ -236,6 +236,12 @@ struct ParsedText {
     std::int32_t root = -1;  // -1 when it isn't an expression
 };
 
+// Whether an annotation's text names no type: a constant other than None,
+// a string that holds no expression, an operation other than `|` (a note
+// written as an annotation).  `parse` gives the tree of a text.
+bool AnnotationNamesNoType(std::string_view text,
+                           const std::function<std::shared_ptr<const ParsedText>(std::string_view)> &parse);
+
 struct ParsedEntry {
     std::string text;  // the pieces view it
     std::vector<EntryPiece> pieces;
