@@ -496,6 +496,14 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         if (!s->IsDef()) {
             // A descriptor in a class body: read through its __get__ (with
             // the instance, or None from the class, and the class).
+            if (via_instance && IsExpressionText(f, true)) {
+                // A lambda in a class body is a function: read on an
+                // instance, a method bound to it.
+                nb::ref<si::CSingleResolvedInfo> bound(new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef));
+                bound->fBoundTo = nb::borrow(receiver);
+                out.Add(nb::cast(bound));
+                continue;
+            }
             if (si::GetInfoBytesKind(s->Bare()) == si::kInstanceKind) {
                 if (std::optional<ValueSet> read = ReadKeptDescriptor(f, receiver, via_instance)) {
                     out.Merge(*read);
@@ -776,15 +784,15 @@ std::vector<std::pair<std::string, ValueSet>> CEvaluator::ArgumentBindings(nb::h
     auto double_star = std::find_if(params.begin() + (std::ptrdiff_t) first, params.end(),
                                     [](const Param &p) { return p.star == 2 && p.hint.empty(); });
     if (arguments_whole && double_star != params.end()) {
-        ValueSet items;
+        Keywords rest;
         for (const auto &[name, values] : kwargs) {
             if (std::any_of(params.begin() + (std::ptrdiff_t) first, params.end(),
                             [&](const Param &p) { return p.star == 0 && p.name == name; }))
                 continue;
-            items.Merge(values);
+            rest.emplace_back(name, values);
             arguments.emplace_back(KeywordsBindingName(double_star->name, name), values);
         }
-        ValueSet dict = KeywordsDict(items);
+        ValueSet dict = KeywordsDictByName(rest);
         arguments.emplace_back(double_star->name, dict);
         arguments.emplace_back(KeywordsBindingName(double_star->name), dict);
     }

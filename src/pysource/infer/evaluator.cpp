@@ -497,17 +497,43 @@ ValueSet CEvaluator::CallLambda(nb::handle lambda, const std::vector<ValueSet> &
     nb::object scope = nb::cast(l->scope);
     Frame outer{scope, -2, nullptr, nullptr};
     std::int32_t params = tree.Kid(n, 0);
+    // A lambda read as a method gets what it is bound to first.
+    std::vector<ValueSet> given;
+    if (!l->fBoundTo.is_none()) {
+        given.emplace_back();
+        given.back().Add(l->fBoundTo);
+    }
+    given.insert(given.end(), args.begin(), args.end());
     std::size_t position = 0;
     if (params >= 0) {
         const Node &ps = tree.nodes[(std::size_t) params];
+        std::set<std::string> named;
+        for (std::int32_t i = 0; i < ps.kids_count; ++i)
+            named.insert(std::string(TokText(tree, tree.nodes[(std::size_t) tree.Kid(ps, i)].aux)));
         for (std::int32_t i = 0; i < ps.kids_count; ++i) {
             const Node &p = tree.nodes[(std::size_t) tree.Kid(ps, i)];
             std::string name(TokText(tree, p.aux));
             ValueSet value;
-            if (p.param_kind <= pgen::kNormal && position < args.size())
-                value = args[position++];
+            if (p.param_kind <= pgen::kNormal && position < given.size())
+                value = given[position++];
+            if (p.param_kind == pgen::kVarArgs) {
+                // *args: a tuple of the positions left.
+                nb::object tuple_cls = BuiltinClass("tuple");
+                nb::list items;
+                for (; position < given.size(); ++position)
+                    items.append(given[position].AsFrozenSet());
+                if (!tuple_cls.is_none())
+                    value = InstanceOf(tuple_cls, nb::tuple(items));
+            } else if (p.param_kind == pgen::kVarKeywords) {
+                // **kwargs: a dict of the keywords no other parameter takes.
+                Keywords rest;
+                for (const auto &[kw, kw_value] : kwargs)
+                    if (!named.count(kw))
+                        rest.emplace_back(kw, kw_value);
+                value = KeywordsDictByName(rest);
+            }
             for (const auto &[kw, kw_value] : kwargs)
-                if (kw == name)
+                if (kw == name && p.param_kind != pgen::kVarKeywords)
                     value = kw_value;
             if (value.Empty() && tree.Kid(p, 1) >= 0)
                 value = Eval(tree, tree.Kid(p, 1), outer);

@@ -74,6 +74,10 @@ inline nb::object ScopeLoc(nb::handle scope) {
 // Whether a single is the None literal.
 bool IsNoneLiteral(nb::handle single);
 
+// An expression kept as written: a lambda (`lambda` true), or one that
+// wasn't evaluated, of which a test of its value says nothing.
+bool IsExpressionText(nb::handle single, bool lambda);
+
 // The truth of a test written as a constant (a number, a string, True,
 // False, None, a comparison of two of them), or made of such tests by
 // `not`, `and`, `or` and parentheses, where the constants decide it
@@ -844,6 +848,9 @@ private:
     static std::string KeywordsBindingName(std::string_view param, std::string_view keyword = {});
     // `dict[str, V]` of the keyword values `values` (what `**kwargs` holds).
     ValueSet KeywordsDict(const ValueSet &values);
+    // The dict that `**kwargs` receives from keywords by name: its values
+    // told apart by their names as keys.
+    ValueSet KeywordsDictByName(const Keywords &by_name);
     // Containers grown by later use (containers.cpp).  Where a container
     // is used: `name` in the body of `scope` (whose record is `record`),
     // between body logicals `after` and `until` (-1: from the start, to the end).

@@ -1777,6 +1777,23 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
     return ModuleAttribute(ModuleSingle(mod, dotted), name, !star);
 }
 
+ValueSet CEvaluator::KeywordsDictByName(const Keywords &by_name) {
+    ValueSet values;
+    nb::list items;
+    for (const auto &[name, given] : by_name) {
+        values.Merge(given);
+        ValueSet literal;
+        literal.Add(LiteralSingle("str", name));
+        std::optional<std::string> key = ConstantKey(literal);
+        if (key)
+            items.append(nb::make_tuple(nb::bytes(key->data(), key->size()), given.AsFrozenSet()));
+    }
+    ValueSet dict = KeywordsDict(values);
+    if (dict.Size() == 1)
+        Single(dict.Items()[0])->fDisplayItems = nb::tuple(items);
+    return dict;
+}
+
 ValueSet CEvaluator::KeywordsDict(const ValueSet &values) {
     nb::object cls = BuiltinClass("dict");
     if (cls.is_none())

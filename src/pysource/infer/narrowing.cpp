@@ -62,18 +62,6 @@ bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view na
            IsNameNode(tree, tree.Kid(n, 1), name);
 }
 
-// An expression kept as written: a lambda (`lambda` true), or one that
-// wasn't evaluated, of which a test of its value says nothing.
-bool IsExpressionText(nb::handle single, bool lambda) {
-    std::string_view ibytes = si::TextView(Single(single)->ibytes, "ibytes");
-    if (si::GetInfoBytesKind(ibytes) != si::kExpressionEquivKind)
-        return false;
-    si::UnpackedFields f = si::UnpackFields(ibytes);
-    std::string_view text = f.fields.empty() || !f.fields[0] ? std::string_view() : si::StripSpaces(*f.fields[0]);
-    while (text.starts_with("("))
-        text = si::StripSpaces(text.substr(1));
-    return text.starts_with("lambda") == lambda;
-}
 
 // A name or dotted name, which `x is NAME` compares with an object of its own
 // (a sentinel), not with a constant.
@@ -105,6 +93,17 @@ bool IsLiteralOfClass(nb::handle single, std::string_view class_name) {
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) { return IsLiteralOfClass(single, "None"); }
+
+bool IsExpressionText(nb::handle single, bool lambda) {
+    std::string_view ibytes = si::TextView(Single(single)->ibytes, "ibytes");
+    if (si::GetInfoBytesKind(ibytes) != si::kExpressionEquivKind)
+        return false;
+    si::UnpackedFields f = si::UnpackFields(ibytes);
+    std::string_view text = f.fields.empty() || !f.fields[0] ? std::string_view() : si::StripSpaces(*f.fields[0]);
+    while (text.starts_with("("))
+        text = si::StripSpaces(text.substr(1));
+    return text.starts_with("lambda") == lambda;
+}
 
 namespace {
 
