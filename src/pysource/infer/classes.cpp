@@ -404,7 +404,9 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             if (!entry_bytes.is_none()) {
                 assigned = true;
                 // What the instance's constructor was passed sets its attributes.
-                ClosureBound constructor_bound(*this, s->fClosure);
+                std::optional<CBindingsScope> constructor_bound;
+                if (!s->fClosure.is_none())
+                    constructor_bound.emplace(*this, ClosureBindings(s->fClosure));
                 fClassMaps.emplace_back(LocationUrl(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
@@ -905,7 +907,9 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         }
     }
     // A def that a call returned reads the names around it as that call bound them.
-    ClosureBound closure_bound(*this, d->fClosure);
+    std::optional<CBindingsScope> closure_bound;
+    if (!d->fClosure.is_none())
+        closure_bound.emplace(*this, ClosureBindings(d->fClosure));
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{LocationUrl(d->loc), std::string(name), param};
@@ -930,25 +934,16 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     return out;
 }
 
-CEvaluator::ClosureBound::ClosureBound(CEvaluator &evaluator, nb::handle closure) : fEvaluator(evaluator) {
-    if (closure.is_none())
-        return;
+CEvaluator::Bindings CEvaluator::ClosureBindings(nb::handle closure) {
+    Bindings out;
     for (nb::handle item : closure) {
         nb::tuple t = nb::borrow<nb::tuple>(item);
-        std::tuple<std::string, std::string, std::string> key{nb::cast<std::string>(t[0]), nb::cast<std::string>(t[1]),
-                                                             nb::cast<std::string>(t[2])};
-        if (fEvaluator.fBoundNames.emplace(key, ValueSet::FromIterable(t[3])).second) {
-            fKeys.push_back(std::move(key));
-            ++fEvaluator.fBindingVersion;
-        }
+        out.emplace_back(std::tuple<std::string, std::string, std::string>{nb::cast<std::string>(t[0]),
+                                                                          nb::cast<std::string>(t[1]),
+                                                                          nb::cast<std::string>(t[2])},
+                         ValueSet::FromIterable(t[3]));
     }
-}
-
-CEvaluator::ClosureBound::~ClosureBound() {
-    for (const auto &key : fKeys)
-        fEvaluator.fBoundNames.erase(key);
-    if (!fKeys.empty())
-        ++fEvaluator.fBindingVersion;
+    return out;
 }
 
 ValueSet CEvaluator::WithClosures(const ValueSet &values) {

@@ -666,19 +666,6 @@ private:
     // `values` with each nested def of a scope whose names a call binds
     // carrying those bindings, read when it is called.
     ValueSet WithClosures(const ValueSet &values);
-    // Binds the names that a closure tuple (CSingleResolvedInfo::fClosure)
-    // holds for as long as it lives; names already bound keep their values.
-    class ClosureBound {
-    public:
-        ClosureBound(CEvaluator &evaluator, nb::handle closure);
-        ~ClosureBound();
-        ClosureBound(const ClosureBound &) = delete;
-        ClosureBound &operator=(const ClosureBound &) = delete;
-
-    private:
-        CEvaluator &fEvaluator;
-        std::vector<std::tuple<std::string, std::string, std::string>> fKeys;
-    };
     // What a call of a def binds to its parameters that have no hint (the
     // first of a bound method left out), defaults of those it leaves out
     // when the call's arguments are all known.
@@ -871,6 +858,9 @@ private:
     // the call's arguments (fMadeWith); other values as they are.
     ValueSet WithCallArguments(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
                                const Keywords &kwargs);
+    // The kind of call-keeping class of an instance that keeps its call's
+    // arguments, and those arguments (fMadeWith); none for any other value.
+    std::optional<std::pair<int, nb::tuple>> MadeWithOf(nb::handle value);
     // What calling such an instance gives; none for any other value.
     std::optional<ValueSet> CallKept(nb::handle instance, const std::vector<ValueSet> &args, const Keywords &kwargs,
                                      const Frame &frame);
@@ -1049,6 +1039,8 @@ private:
         CEvaluator &fEvaluator;
         std::vector<std::tuple<std::string, std::string, std::string>> fAdded;
     };
+    // The bindings a closure tuple (CSingleResolvedInfo::fClosure) holds.
+    static Bindings ClosureBindings(nb::handle closure);
     // Where a derived argument single was recorded: the calling scope as
     // "url|scope|" (what groups one caller's arguments; `itself`, the def's
     // own, for a single without one) and the plain name passed, if one.

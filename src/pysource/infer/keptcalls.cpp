@@ -44,6 +44,16 @@ int CEvaluator::KeptCallKind(nb::handle cls) {
     return (int) KeptCall::kNone;
 }
 
+std::optional<std::pair<int, nb::tuple>> CEvaluator::MadeWithOf(nb::handle value) {
+    si::CSingleResolvedInfo *s = Single(value);
+    if (s->fMadeWith.is_none() || !s->IsInstance(false))
+        return std::nullopt;
+    nb::object cls = ClassOfInstance(value);
+    if (cls.is_none())
+        return std::nullopt;
+    return std::pair<int, nb::tuple>{KeptCallKind(cls), nb::borrow<nb::tuple>(s->fMadeWith)};
+}
+
 ValueSet CEvaluator::WithCallArguments(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
                                        const Keywords &kwargs) {
     if (KeptCallKind(cls) == (int) KeptCall::kNone || args.empty())
@@ -72,16 +82,12 @@ ValueSet CEvaluator::WithCallArguments(const ValueSet &made, nb::handle cls, con
 
 std::optional<ValueSet> CEvaluator::CallKept(nb::handle instance, const std::vector<ValueSet> &args,
                                              const Keywords &kwargs, const Frame &frame) {
-    si::CSingleResolvedInfo *s = Single(instance);
-    if (s->fMadeWith.is_none())
+    std::optional<std::pair<int, nb::tuple>> made_with = MadeWithOf(instance);
+    if (!made_with)
         return std::nullopt;
-    nb::object cls = ClassOfInstance(instance);
-    if (cls.is_none())
-        return std::nullopt;
-    nb::tuple kept = nb::borrow<nb::tuple>(s->fMadeWith);
+    const auto &[kind, kept] = *made_with;
     nb::tuple positions = nb::borrow<nb::tuple>(kept[0]);
     const bool whole = std::exchange(fArgumentsWhole, false);
-    int kind = KeptCallKind(cls);
     if (kind == (int) KeptCall::kPartial && positions.size() > 0) {
         // partial(f, *fixed, **fixed_keywords)(*args, **keywords) is
         // f(*fixed, *args, **fixed_keywords, **keywords).
@@ -124,19 +130,16 @@ std::optional<ValueSet> CEvaluator::CallKept(nb::handle instance, const std::vec
 }
 
 std::optional<ValueSet> CEvaluator::ReadKeptDescriptor(nb::handle found, nb::handle receiver, bool via_instance) {
-    si::CSingleResolvedInfo *s = Single(found);
-    if (s->fMadeWith.is_none() || !s->IsInstance(false))
+    std::optional<std::pair<int, nb::tuple>> made_with = MadeWithOf(found);
+    if (!made_with)
         return std::nullopt;
-    nb::object cls = ClassOfInstance(found);
-    if (cls.is_none())
-        return std::nullopt;
-    nb::tuple kept = nb::borrow<nb::tuple>(s->fMadeWith);
+    const auto &[kind, kept] = *made_with;
     nb::tuple positions = nb::borrow<nb::tuple>(kept[0]);
     if (positions.size() == 0)
         return std::nullopt;
     ValueSet wrapped = ValueSet::FromIterable(positions[0]);
     nb::object owner = via_instance ? ClassOfInstance(receiver) : nb::borrow(receiver);
-    switch ((KeptCall) KeptCallKind(cls)) {
+    switch ((KeptCall) kind) {
     case KeptCall::kProperty: {
         // Read on an instance: what its getter gives for that instance.
         if (!via_instance)
@@ -166,7 +169,7 @@ std::optional<ValueSet> CEvaluator::ReadKeptDescriptor(nb::handle found, nb::han
     }
     case KeptCall::kPartialMethod: {
         nb::object partial;
-        for (const nb::object &value : ModuleAttribute(ModuleSingle(Single(cls)->loc, "functools"), "partial").Items())
+        for (const nb::object &value : ModuleAttribute(ModuleSingle(Single(found)->loc, "functools"), "partial").Items())
             if (Single(value)->IsClass())
                 partial = value;
         if (!partial.is_valid())
