@@ -49,7 +49,7 @@ PROJECT = {
             def get(self) -> T:
                 return self.item
 
-        def area(s: Square) -> Optional[float]:
+        def area(s: Square, unit: "a note, not a type" = "m") -> Optional[float]:
             return None
 
         def first(items: List[T]) -> T:

@@ -118,7 +118,7 @@ def _Conditions(body):
     """Three lists with one tuple per logical of a scope body.  The guards: the
     conditions known there, as (header index, condition text, holds): those
     of the `if`, `elif` and `while` headers around it, the earlier branches
-    of an `elif` or `else` (not holding), an earlier `if` of its block
+    of an `elif` or `else` (not holding; at an `elif` header too), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
     `elif` or `else`, and an earlier `assert` of its block (holding).  The
     skips: the other earlier `if` blocks (the first of a chain too), and
@@ -169,7 +169,10 @@ def _Conditions(body):
                 block_exits[block.header] = tuple(block.exits)
         parent = stack[-1]
         parent.last = logical.fType
-        guards.append(tuple(g for b in stack for g in b.inside + b.exits))
+        # An `elif` tests its condition only when the earlier ones of its chain were false.
+        tested_after = [(h, c, False) for h, c in parent.chain] \
+            if logical.fType == logicalline.kElifBeginning else []
+        guards.append(tuple(g for b in stack for g in b.inside + b.exits) + tuple(tested_after))
         skips.append(tuple(k for b in stack for k in b.skips))
         if logical.fType == logicalline.kAssert:
             asserted = _AssertedCondition(logical)

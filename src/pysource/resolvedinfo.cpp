@@ -26,7 +26,7 @@ nb::object TextOrNone(const OptText &text) { return text ? nb::object(ToStr(*tex
 CSingleResolvedInfo::CSingleResolvedInfo(nb::handle ibytes_, nb::ref<CScope> scope_,
                                          nb::object loc_, nb::object class_ref)
     : ibytes(ToBytes(TextView(ibytes_, "ibytes"))), scope(std::move(scope_)),
-      fClassRef(std::move(class_ref)), fTypeArgs(nb::none()), fBoundTo(nb::none()), fClosure(nb::none()) {
+      fClassRef(std::move(class_ref)), fTypeArgs(nb::none()), fDisplayItems(nb::none()), fMadeWith(nb::none()), fBoundTo(nb::none()), fClosure(nb::none()) {
     if (!scope)
         throw nb::type_error("a resolved single needs a scope");
     loc = loc_.is_none() ? scope->loc : std::move(loc_);
@@ -137,7 +137,8 @@ nb::object CSingleResolvedInfo::GetClassRefBytes() {
 bool CSingleResolvedInfo::Equals(const CSingleResolvedInfo &other) const {
     return loc.is(other.loc) && scope->Equals(*other.scope) &&
            TextView(ibytes, "ibytes") == TextView(other.ibytes, "ibytes") &&
-           fClassRef.equal(other.fClassRef) && fTypeArgs.equal(other.fTypeArgs);
+           fClassRef.equal(other.fClassRef) && fTypeArgs.equal(other.fTypeArgs) &&
+           fDisplayItems.equal(other.fDisplayItems) && fMadeWith.equal(other.fMadeWith);
 }
 
 Py_hash_t CSingleResolvedInfo::Hash() const {
@@ -150,6 +151,14 @@ Py_hash_t CSingleResolvedInfo::Hash() const {
         if (args_hash == -1)
             throw nb::python_error();
         hash = CombineHashes(hash, args_hash);
+    }
+    for (const nb::object *part : {&fDisplayItems, &fMadeWith}) {
+        if (part->is_none())
+            continue;
+        Py_hash_t part_hash = PyObject_Hash(part->ptr());
+        if (part_hash == -1)
+            throw nb::python_error();
+        hash = CombineHashes(hash, part_hash);
     }
     return hash;
 }

@@ -32,6 +32,20 @@ public:
     // with one frozenset of singles per type parameter, or None.  Part of the
     // value: list[int] and list[str] are different singles.
     nb::object fTypeArgs;
+    // For an instance that a list, set or dict display with items made, what
+    // the display holds where its items can be told apart: a list's items by
+    // position (a tuple of frozensets of singles), a dict's values by
+    // constant key (a tuple of (key single's bytes, frozenset of singles)
+    // pairs), none (an empty tuple) for a set or past a change that moves
+    // them; None for any other value.  Part of the value: [1, ''] and
+    // ['', 1] differ by item.
+    nb::object fDisplayItems;
+    // For an instance of a class whose instances act on the arguments they
+    // were made with (a functools.partial, an operator.itemgetter): those
+    // arguments, as a tuple (positions: a tuple of frozensets of singles,
+    // keywords: a tuple of (name, frozenset) pairs); None otherwise.  Part
+    // of the value.
+    nb::object fMadeWith;
     // For a bound method, the single it is bound to (an instance, or the
     // class of a classmethod); None otherwise.  Not part of the value.
     nb::object fBoundTo;

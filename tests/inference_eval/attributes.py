@@ -185,6 +185,68 @@ Outer.Inner.value  # expect: float
 Outer.Inner().Get()  # expect: Outer.Inner
 
 
+class Holder:
+    """Attributes set from the constructor's parameters, read per instance."""
+
+    def __init__(self, item, label="none"):
+        self.item = item
+        self.label = label
+
+    def Item(self):
+        return self.item
+
+
+Holder(1).item  # expect: int
+Holder("a").Item()  # expect: str
+Holder(1, label=2.5).label  # expect: float
+Holder(1).label  # expect: str
+either = Holder(1) if len(sys.argv) < 1000 else Holder("a")
+either.item  # expect: int | str
+
+
+class Wrapped:
+    """property, staticmethod and classmethod called on a def in the body."""
+
+    def __init__(self):
+        self.size = 3
+
+    def Size(self):
+        return self.size
+
+    def Double(x):
+        return x * 2.0
+
+    def Name(cls):
+        return cls.__name__
+
+    size_read = property(Size)
+    double = staticmethod(Double)
+    name = classmethod(Name)
+
+
+
+
+class Rebound:
+    """A name the body sets again: the class holds the last setting."""
+
+    limit = "none"
+    limit = 10
+
+    def Twice(count):
+        return "twice" * count
+
+    Twice = staticmethod(Twice)
+
+
+Rebound.limit  # expect: int
+Rebound().Twice(2)  # expect: str
+Wrapped().size_read  # expect: int
+Wrapped.double(1)  # expect: float
+Wrapped().double(1)  # expect: float
+Wrapped.name()  # expect: str
+Wrapped().name()  # expect: str
+
+
 def _main():
     b.Grow()
     d.Grow()

@@ -285,3 +285,18 @@ ForwardKeywords(value=1.5, label=b"x")[1]  # expect: bytes
 ForwardKeywords(value=1.5)[2]  # expect: int
 ForwardBoth(label=2, value="v")[1]  # expect: int
 Collect(a=1, b=2)  # expect: dict[str, int]
+Collect(a=1, b="s")["b"]  # expect: str
+
+
+spread = lambda *items, **named: (items[1], named["k"])
+spread(1, "s", k=2.5)  # expect: tuple[str, float]
+
+
+class Lambdas:
+    def __init__(self):
+        self.size = 3
+
+    size_of = lambda self: self.size
+
+
+Lambdas().size_of()  # expect: int

@@ -92,7 +92,9 @@ ints  # expect: list[int]
 ints[0]  # expect: int
 words[1]  # expect: str
 mixed  # expect: list[int | str]
-mixed[0]  # expect: int | str
+mixed[0]  # expect: int
+mixed[-1]  # expect: str
+mixed[len(words) - 1]  # expect: int | str
 mapping  # expect: dict[str, int]
 mapping["a"]  # expect: int
 nested["k"]  # expect: list[float]
@@ -106,6 +108,16 @@ coords[0:2]  # expect: tuple[int, float]
 empty_list  # expect: list
 empty_dict  # expect: dict
 {1: "a"}[1]  # expect: str
+{"n": 1, "s": "a"}["s"]  # expect: str
+{"n": 1, "s": "a"}["n".strip()]  # expect: int | str
+{"n": 1, "n": "a"}["n"]  # expect: str
+{"s": "a", **mapping}["s"]  # expect: int | str
+{**mapping, "s": "a"}["s"]  # expect: str
+at = 1
+coords[at]  # expect: float
+coords[3 - 2]  # expect: float
+coords[-7 // 3]  # expect: int
+coords[7 % -3]  # expect: float
 [1.5][0]  # expect: float
 "abc"[::-1]  # expect: str
 for w in words:
@@ -145,6 +157,25 @@ def GrownByUse():
     queue = collections.deque()
     queue.appendleft("q")
     queue  # expect: collections.deque[str]
+    shown = [1]  # a display holds its items and what is put in later
+    shown.append("a")
+    shown.count(2.5)
+    shown  # expect: list[int | str]
+    shown[0]  # expect: int
+    shown[1]  # expect: int | str
+    placed = [1, "a"]
+    placed[0] = "b"
+    placed[0]  # expect: str
+    moved = [1, "a"]
+    moved.insert(0, "b")
+    moved[1]  # expect: int | str
+    keyed = {"n": 1}
+    keyed["s"] = "a"
+    keyed["s"]  # expect: str
+    keyed["n"]  # expect: int
+    held = {1.5}
+    held.add(2)
+    held  # expect: set[float | int]
     items = []  # set again: the earlier appends don't count
     items.append("s")
     items  # expect: list[str]

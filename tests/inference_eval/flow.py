@@ -189,6 +189,11 @@ def Branches(flag: bool):
     except ValueError:
         attempt = None
     attempt  # expect: int | None
+    chosen = 1
+    if flag:
+        chosen = "s"
+    elif (seen := chosen):  # an elif tests after the earlier tests failed
+        seen  # expect: int
 
 
 def Reassigned():
@@ -266,6 +271,12 @@ def ConstantBranches():
     else:
         mode = None
     mode  # expect: int
+    level = b""
+    if 2 == 3:
+        level = ""
+    elif "a" != "b" and not None:
+        level = 1
+    level  # expect: int
 
 
 def _main():

@@ -311,6 +311,14 @@ class Later:
 Link(Later(), Later())  # expect: Later
 
 
+def Noted(count: "how many to make", label: 3 + 3):
+    """Annotations that are notes, not types: the call's arguments tell."""
+    return count, label
+
+
+Noted(2, "x")  # expect: tuple[int, str]
+
+
 def _main():
     Hints(1, "b", None, "d", [1], [Item()], {"g": Item()}, {"h": 1}, (1, "i"), (1.0, 2.0), str,
           Item(), Item(), 2, ["p"], object(), Item, {b"s"}, Item, (), [Item()])

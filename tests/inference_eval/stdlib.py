@@ -3,8 +3,10 @@ built-in types, classes of well-known modules."""
 
 import collections
 import datetime
+import functools
 import io
 import os
+import operator
 import os.path
 import pathlib
 import re
@@ -103,3 +105,22 @@ shlex.quote("a")  # expect: str
 textwrap.dedent(" a")  # expect: str
 string.ascii_letters  # expect: str
 tempfile.gettempdir()  # expect: str
+
+
+def Pair(first, second):
+    return first, second
+
+
+class Pairs:
+    def Make(self, first, second):
+        return first, second
+
+    with_zero = functools.partialmethod(Make, 0)
+
+
+functools.partial(Pair, 1)("s")  # expect: tuple[int, str]
+functools.partial(Pair, second=1.5)(b"b")  # expect: tuple[bytes, float]
+functools.partial(Pair, second=1.5)(1, second="s")  # expect: tuple[int, str]
+Pairs().with_zero(2.5)  # expect: tuple[int, float]
+operator.itemgetter(1)(["a", 2])  # expect: int
+operator.itemgetter(0, 1)(("a", 2))  # expect: tuple[str, int]

@@ -237,6 +237,8 @@ NB_MODULE(symbolinfo, m) {
         .def_ro("loc", &CSingleResolvedInfo::loc)
         .def_rw("fClassRef", &CSingleResolvedInfo::fClassRef, nb::arg("value").none())
         .def_rw("fTypeArgs", &CSingleResolvedInfo::fTypeArgs, nb::arg("value").none())
+        .def_rw("fDisplayItems", &CSingleResolvedInfo::fDisplayItems, nb::arg("value").none())
+        .def_rw("fMadeWith", &CSingleResolvedInfo::fMadeWith, nb::arg("value").none())
         .def_rw("fBoundTo", &CSingleResolvedInfo::fBoundTo, nb::arg("value").none())
         .def("IsDef", &CSingleResolvedInfo::IsDef)
         .def("IsClass", &CSingleResolvedInfo::IsClass, nb::arg("include_builtin") = true)

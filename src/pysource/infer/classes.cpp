@@ -403,6 +403,10 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
             nb::object entry_bytes = InfoBytesOf(record, name);
             if (!entry_bytes.is_none()) {
                 assigned = true;
+                // What the instance's constructor was passed sets its attributes.
+                std::optional<CBindingsScope> constructor_bound;
+                if (!s->fClosure.is_none())
+                    constructor_bound.emplace(*this, ClosureBindings(s->fClosure));
                 fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
                 ++fBindingVersion;
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
@@ -436,7 +440,24 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         nb::object scope = ScopeAt(k->loc, NameOf(k));
         ValueSet found;
         int redirect = 0;
-        bool local = FindLocal(scope, name, -2, found, redirect);
+        // What the body left the name as, once it has run (`f = staticmethod(f)`
+        // after `def f`); a stub's settings all stand, as overloads or under
+        // their conditions.
+        long long body_end = -2;
+        if (!nb::cast<bool>(fLocCache.attr("IsPyiLocation")(k->loc)))
+            if (const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope))
+                body_end = (long long) paths->size();
+        bool local = FindLocal(scope, name, body_end, found, redirect);
+        // `@x.setter def x` keeps the property that the getter made.
+        auto accessor = [&](const nb::object &f) {
+            return Single(f)->IsDef() && (HasDecorator(*DefInfoOf(Single(f)->Bare()), "setter") ||
+                                          HasDecorator(*DefInfoOf(Single(f)->Bare()), "deleter"));
+        };
+        if (body_end >= 0 && !found.Empty() && std::all_of(found.Items().begin(), found.Items().end(), accessor)) {
+            body_end = -2;
+            found = ValueSet();
+            local = FindLocal(scope, name, body_end, found, redirect);
+        }
         // A member that isn't a def (`items: list[T]`, `name: T`) is read again
         // with the class's type variables standing for the arguments this
         // entry got.
@@ -448,7 +469,7 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
             fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
             ++fBindingVersion;
             found = ValueSet();
-            local = FindLocal(scope, name, -2, found, redirect);
+            local = FindLocal(scope, name, body_end, found, redirect);
             fClassMaps.pop_back();
             ++fBindingVersion;
         }
@@ -477,7 +498,19 @@ ValueSet CEvaluator::BindFound(const ValueSet &found, nb::handle owner, nb::hand
         if (!s->IsDef()) {
             // A descriptor in a class body: read through its __get__ (with
             // the instance, or None from the class, and the class).
+            if (via_instance && IsExpressionText(f, true)) {
+                // A lambda in a class body is a function: read on an
+                // instance, a method bound to it.
+                nb::ref<si::CSingleResolvedInfo> bound(new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef));
+                bound->fBoundTo = nb::borrow(receiver);
+                out.Add(nb::cast(bound));
+                continue;
+            }
             if (si::GetInfoBytesKind(s->Bare()) == si::kInstanceKind) {
+                if (std::optional<ValueSet> read = ReadKeptDescriptor(f, receiver, via_instance)) {
+                    out.Merge(*read);
+                    continue;
+                }
                 ValueSet descriptor, instance, owner_cls;
                 descriptor.Add(f);
                 if (via_instance)
@@ -624,15 +657,18 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 if (OverloadAccepts(nw, args, &kwargs))
                     made.Merge(CallDef(nw, args, kwargs));
             if (!made.Empty())
-                return made;
+                return WithCallArguments(made, callee, args, kwargs);
         }
-        return InstanceOf(callee, type_args);
+        ValueSet made = WithCallArguments(InstanceOf(callee, type_args), callee, args, kwargs);
+        return WithConstructorBindings(made, callee, args, kwargs, fArgumentsWhole);
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);
     if (si::GetInfoBytesKind(si::TextView(c->ibytes, "ibytes")) == si::kExpressionEquivKind)
         return CallLambda(callee, args, kwargs);
     if (c->IsInstance(true)) {
+        if (std::optional<ValueSet> kept = CallKept(callee, args, kwargs, frame))
+            return *kept;
         ValueSet one;
         one.Add(callee);
         return CallDunder(one, "__call__", args, kwargs);
@@ -702,8 +738,21 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         return ReturnsOfDef(def_single, map);
     // The body answers: its parameters without a hint are what this call
     // passes them.
-    const auto params_held = KeptParamsOf(def);
-    const std::vector<Param> &params = *params_held;
+    return ReturnsOfDef(def_single, map, ArgumentBindings(def_single, args, kwargs, arguments_whole));
+}
+
+std::vector<std::pair<std::string, ValueSet>> CEvaluator::ArgumentBindings(nb::handle def_single,
+                                                                          const std::vector<ValueSet> &args,
+                                                                          const Keywords &kwargs,
+                                                                          bool arguments_whole) {
+    si::CSingleResolvedInfo *d = Single(def_single);
+    const auto def_held = DefInfoOf(d->Bare());
+    std::vector<Param> params = *KeptParamsOf(*def_held);
+    // An annotation that names no type (a note in a string, `3 + 3`) leaves
+    // its parameter to what the call passes.
+    for (Param &param : params)
+        if (!param.hint.empty() && NamesNoType(param.hint))
+            param.hint.clear();
     std::vector<std::pair<std::string, ValueSet>> arguments;
     std::set<std::string> passed;
     std::size_t first = !d->fBoundTo.is_none() && !params.empty() && params[0].star == 0 ? 1 : 0;
@@ -739,15 +788,15 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     auto double_star = std::find_if(params.begin() + (std::ptrdiff_t) first, params.end(),
                                     [](const Param &p) { return p.star == 2 && p.hint.empty(); });
     if (arguments_whole && double_star != params.end()) {
-        ValueSet items;
+        Keywords rest;
         for (const auto &[name, values] : kwargs) {
             if (std::any_of(params.begin() + (std::ptrdiff_t) first, params.end(),
                             [&](const Param &p) { return p.star == 0 && p.name == name; }))
                 continue;
-            items.Merge(values);
+            rest.emplace_back(name, values);
             arguments.emplace_back(KeywordsBindingName(double_star->name, name), values);
         }
-        ValueSet dict = KeywordsDict(items);
+        ValueSet dict = KeywordsDictByName(rest);
         arguments.emplace_back(double_star->name, dict);
         arguments.emplace_back(KeywordsBindingName(double_star->name), dict);
     }
@@ -761,7 +810,32 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
         if (!defaults.Empty())
             arguments.emplace_back(params[p].name, defaults);
     }
-    return ReturnsOfDef(def_single, map, arguments);
+    return arguments;
+}
+
+ValueSet CEvaluator::WithConstructorBindings(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                                             const Keywords &kwargs, bool arguments_whole) {
+    if (made.Size() != 1 || (args.empty() && kwargs.empty()))
+        return made;
+    const nb::object &instance = made.Items()[0];
+    ValueSet inits = AcceptingDefs(ClassAttribute(cls, "__init__", instance, {}, true), args, kwargs);
+    if (inits.Size() != 1)
+        return made;
+    const nb::object &init = inits.Items()[0];
+    si::CSingleResolvedInfo *i = Single(init);
+    // (A stub's or the builtins' __init__ has no body to read the arguments in.)
+    if (!i->IsDef() || i->fBoundTo.is_none() || nb::cast<bool>(fLocCache.attr("IsPyiLocation")(i->loc)))
+        return made;
+    std::vector<std::pair<std::string, ValueSet>> arguments = ArgumentBindings(init, args, kwargs, arguments_whole);
+    if (arguments.empty())
+        return made;
+    const std::string &url = UrlOf(i->loc);
+    const std::string scope_name(NameOf(i));
+    nb::list closure;
+    for (const auto &[param, values] : arguments)
+        closure.append(nb::make_tuple(url, scope_name, param, values.AsFrozenSet()));
+    Single(instance)->fClosure = nb::tuple(closure);
+    return made;
 }
 
 ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
@@ -836,17 +910,9 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         }
     }
     // A def that a call returned reads the names around it as that call bound them.
-    std::vector<std::tuple<std::string, std::string, std::string>> closure_keys;
+    std::optional<CBindingsScope> closure_bound;
     if (!d->fClosure.is_none())
-        for (nb::handle item : d->fClosure) {
-            nb::tuple t = nb::borrow<nb::tuple>(item);
-            std::tuple<std::string, std::string, std::string> key{nb::cast<std::string>(t[0]), nb::cast<std::string>(t[1]),
-                                                                 nb::cast<std::string>(t[2])};
-            if (fBoundNames.emplace(key, ValueSet::FromIterable(t[3])).second) {
-                closure_keys.push_back(key);
-                ++fBindingVersion;
-            }
-        }
+        closure_bound.emplace(*this, ClosureBindings(d->fClosure));
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{UrlOf(d->loc), std::string(name), param};
@@ -863,13 +929,23 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     out = EntryValues(scope, record, returned, -2);
     out = WithClosures(out);
     --fDepth;
-    for (const auto &key : closure_keys)
-        fBoundNames.erase(key);
     if (binds_self)
         fBoundNames.erase(self_key);
     for (const auto &key : bound_arguments)
         fBoundNames.erase(key);
     ++fBindingVersion;
+    return out;
+}
+
+CEvaluator::Bindings CEvaluator::ClosureBindings(nb::handle closure) {
+    Bindings out;
+    for (nb::handle item : closure) {
+        nb::tuple t = nb::borrow<nb::tuple>(item);
+        out.emplace_back(std::tuple<std::string, std::string, std::string>{nb::cast<std::string>(t[0]),
+                                                                          nb::cast<std::string>(t[1]),
+                                                                          nb::cast<std::string>(t[2])},
+                         ValueSet::FromIterable(t[3]));
+    }
     return out;
 }
 

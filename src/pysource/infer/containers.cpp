@@ -2,7 +2,9 @@
 // a `list[int]`.  The items a container gets are what the scope passes to
 // its methods where a parameter's hint names a type variable of the
 // container's class (append's `_T`, `__setitem__`'s `_KT` and `_VT` for
-// `d[k] = v`), read from the stub's signatures.
+// `d[k] = v`), read from the stub's signatures.  A container a display made
+// with items (`x = [1]`) holds those and what the methods that put items in
+// add (`x.append('')` makes it a `list[int | str]`).
 #include "pysource/infer/evaluator.h"
 
 #include <nanobind/stl/string.h>
@@ -74,7 +76,8 @@ void CEvaluator::BindMethodTypeVars(nb::handle receiver, std::string_view method
 ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of) {
     if (Stop())
         return values;
-    // The instances of generic classes some of whose type arguments are unknown.
+    // The instances of generic classes some of whose type arguments are
+    // unknown, and those a display made.
     std::vector<std::size_t> open;
     for (std::size_t i = 0; i < values.Items().size(); ++i) {
         const nb::object &v = values.Items()[i];
@@ -86,12 +89,13 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
             continue;
         std::vector<std::string> vars = OrderedTypeVars(cls);
         // (Type arguments laid out otherwise, a tuple's by position, are left as they are.)
+        bool laid_out = !s->fTypeArgs.is_none() && PyTuple_Check(s->fTypeArgs.ptr()) &&
+                        PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == (Py_ssize_t) vars.size();
         bool unknown = s->fTypeArgs.is_none();
-        if (!vars.empty() && !unknown && PyTuple_Check(s->fTypeArgs.ptr()) &&
-            PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == (Py_ssize_t) vars.size())
+        if (!vars.empty() && laid_out)
             for (nb::handle arg : s->fTypeArgs)
                 unknown = unknown || PySet_GET_SIZE(arg.ptr()) == 0;
-        if (!vars.empty() && unknown)
+        if (!vars.empty() && (unknown || (laid_out && !s->fDisplayItems.is_none())))
             open.push_back(i);
     }
     if (open.empty())
@@ -107,6 +111,22 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
         }
         ++next_open;
         TypeMap bound;
+        // A display's container: only what puts items in adds to it, and
+        // its items told apart stay so while they stay where they were.
+        si::CSingleResolvedInfo *made = Single(v);
+        const bool display = !made->fDisplayItems.is_none();
+        std::vector<std::pair<std::string, nb::object>> display_items;
+        bool keyed = false;
+        if (display)
+            for (nb::handle item : made->fDisplayItems) {
+                keyed = PyTuple_Check(item.ptr());
+                display_items.emplace_back(keyed ? si::TextView(item[0], "display key") : std::string_view(),
+                                           nb::borrow(keyed ? item[1] : item));
+            }
+        bool items_kept = true, items_changed = false;
+        // (What is put in is read against the class's own signatures: the
+        // display's items don't limit it.)
+        nb::object receiver = display ? InstanceOf(ClassOfInstance(v), nb::none()).Items()[0] : v;
         for (const UseSite &site : sites)
         for (const std::string &use : UsesOf(site.record, site.name)) {
             nb::object entry = InfoBytesOf(site.record, use);
@@ -128,6 +148,13 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
                     auto [called_suffix, called_args] = si::UnpackCalled(bare);
                     if (!called_suffix.empty())
                         continue;
+                    std::string_view method = std::string_view(trailer).substr(1);
+                    static const std::set<std::string_view> kPutsItems{"append", "extend", "insert",
+                                                                       "add",    "update", "setdefault"};
+                    if (display && !kPutsItems.count(method))
+                        continue;
+                    // (append and extend put theirs after the items there.)
+                    items_kept = items_kept && (method == "append" || method == "extend");
                     std::string call("_(");
                     call.append(called_args).append(")");
                     const auto parsed = ParseText(call);
@@ -138,7 +165,7 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
                         tree, tree.nodes[(std::size_t) parsed->root],
                         [&](std::int32_t kid) { return ResolveText(scope, tree.NodeText(kid), index); }, args,
                         kwargs);
-                    BindMethodTypeVars(v, std::string_view(trailer).substr(1), args, kwargs, bound);
+                    BindMethodTypeVars(receiver, method, args, kwargs, bound);
                 } else if (trailer.front() == '[' && SaysValue(si::GetInfoBytesKind(bare))) {
                     // `x[k] = v`: __setitem__ gets the key and the value (a slice says nothing).
                     std::string_view key = std::string_view(trailer).substr(1, trailer.size() - 2);
@@ -146,7 +173,24 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
                         continue;
                     args.push_back(ResolveText(scope, key, index));
                     args.push_back(ValuesOfSingle(scope, single, index));
-                    BindMethodTypeVars(v, "__setitem__", args, kwargs, bound);
+                    BindMethodTypeVars(receiver, "__setitem__", args, kwargs, bound);
+                    // `d['k'] = v` of a dict's constant key, `x[0] = v` of a
+                    // list's position it has: what that item holds now.
+                    std::optional<std::string> constant = keyed ? ConstantKey(args[0]) : std::nullopt;
+                    std::optional<long long> at = keyed ? std::nullopt : ConstantInt(args[0]);
+                    long long size = (long long) display_items.size();
+                    if (at && *at < 0)
+                        *at += size;
+                    if (constant) {
+                        std::erase_if(display_items, [&](const auto &item) { return item.first == *constant; });
+                        display_items.emplace_back(*constant, args[1].AsFrozenSet());
+                        items_changed = true;
+                    } else if (at && *at >= 0 && *at < size) {
+                        display_items[(std::size_t) *at].second = args[1].AsFrozenSet();
+                        items_changed = true;
+                    } else {
+                        items_kept = false;
+                    }
                 }
             }
         }
@@ -158,19 +202,29 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
         for (const std::string &var : vars) {
             auto had = known.find(var);
             auto got = bound.find(var);
-            if (had != known.end() && !had->second.Empty()) {
-                type_args.append(had->second.AsFrozenSet());
-            } else if (got != bound.end() && !got->second.Empty()) {
-                type_args.append(got->second.AsFrozenSet());
-                grown = true;
-            } else {
-                type_args.append(ValueSet().AsFrozenSet());
+            const bool has = had != known.end() && !had->second.Empty();
+            const bool gets = got != bound.end() && !got->second.Empty();
+            ValueSet arg = has ? had->second : ValueSet();
+            if (gets && (display || !has)) {
+                std::size_t before = arg.Size();
+                arg.Merge(got->second);
+                grown = grown || arg.Size() > before;
             }
+            type_args.append(arg.AsFrozenSet());
         }
-        if (grown)
-            out.Merge(InstanceOf(cls, nb::tuple(type_args)));
-        else
+        if (!grown && !items_changed && (!display || items_kept)) {
             out.Add(v);
+            continue;
+        }
+        ValueSet grown_instance = InstanceOf(cls, nb::tuple(type_args));
+        if (display && grown_instance.Size() == 1) {
+            nb::list items;
+            for (const auto &[key, values] : display_items)
+                if (items_kept)
+                    items.append(keyed ? nb::object(nb::make_tuple(nb::bytes(key.data(), key.size()), values)) : values);
+            Single(grown_instance.Items()[0])->fDisplayItems = nb::tuple(items);
+        }
+        out.Merge(grown_instance);
     }
     return out;
 }

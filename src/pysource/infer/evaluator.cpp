@@ -538,17 +538,43 @@ ValueSet CEvaluator::CallLambda(nb::handle lambda, const std::vector<ValueSet> &
     nb::object scope = nb::cast(l->scope);
     Frame outer{scope, -2, nullptr, nullptr};
     std::int32_t params = tree.Kid(n, 0);
+    // A lambda read as a method gets what it is bound to first.
+    std::vector<ValueSet> given;
+    if (!l->fBoundTo.is_none()) {
+        given.emplace_back();
+        given.back().Add(l->fBoundTo);
+    }
+    given.insert(given.end(), args.begin(), args.end());
     std::size_t position = 0;
     if (params >= 0) {
         const Node &ps = tree.nodes[(std::size_t) params];
+        std::set<std::string> named;
+        for (std::int32_t i = 0; i < ps.kids_count; ++i)
+            named.insert(std::string(TokText(tree, tree.nodes[(std::size_t) tree.Kid(ps, i)].aux)));
         for (std::int32_t i = 0; i < ps.kids_count; ++i) {
             const Node &p = tree.nodes[(std::size_t) tree.Kid(ps, i)];
             std::string name(TokText(tree, p.aux));
             ValueSet value;
-            if (p.param_kind <= pgen::kNormal && position < args.size())
-                value = args[position++];
+            if (p.param_kind <= pgen::kNormal && position < given.size())
+                value = given[position++];
+            if (p.param_kind == pgen::kVarArgs) {
+                // *args: a tuple of the positions left.
+                nb::object tuple_cls = BuiltinClass("tuple");
+                nb::list items;
+                for (; position < given.size(); ++position)
+                    items.append(given[position].AsFrozenSet());
+                if (!tuple_cls.is_none())
+                    value = InstanceOf(tuple_cls, nb::tuple(items));
+            } else if (p.param_kind == pgen::kVarKeywords) {
+                // **kwargs: a dict of the keywords no other parameter takes.
+                Keywords rest;
+                for (const auto &[kw, kw_value] : kwargs)
+                    if (!named.count(kw))
+                        rest.emplace_back(kw, kw_value);
+                value = KeywordsDictByName(rest);
+            }
             for (const auto &[kw, kw_value] : kwargs)
-                if (kw == name)
+                if (kw == name && p.param_kind != pgen::kVarKeywords)
                     value = kw_value;
             if (value.Empty() && tree.Kid(p, 1) >= 0)
                 value = Eval(tree, tree.Kid(p, 1), outer);
@@ -978,30 +1004,15 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                 continue;
             }
         }
-        // A tuple of known positions indexed by a constant.
+        // An index written as a number.
         bool constant_index = false;
         if (s.kind != NodeKind::kSlice) {
             std::string_view text = TokText(tree, s.tok_begin);
-            bool negative = false;
-            if (s.kind == NodeKind::kUnaryOp && text == "-") {
-                negative = true;
+            bool negative = s.kind == NodeKind::kUnaryOp && text == "-";
+            if (negative)
                 text = TokText(tree, s.tok_begin + 1);
-            }
             constant_index = s.tok_end - s.tok_begin == (negative ? 2 : 1) && !text.empty() &&
                              std::all_of(text.begin(), text.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
-            if (constant_index) {
-                long long i = std::stoll(std::string(text));
-                std::vector<nb::object> positions;
-                if (TuplePositions(value, positions)) {
-                    long long size = (long long) positions.size();
-                    if (negative)
-                        i = size - i;
-                    if (i >= 0 && i < size) {
-                        out.Merge(ValueSet::FromIterable(positions[(std::size_t) i]));
-                        continue;
-                    }
-                }
-            }
         }
         if (!index_done) {
             index = Eval(tree, slice, frame);
@@ -1012,34 +1023,51 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
             index_done = true;
         }
-        // A TypedDict's key written as a string.
-        if (index.Size() == 1) {
-            std::string_view bare = Single(index.Items()[0])->Bare();
-            if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
-                si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
-                if (lit.class_name == "str" && lit.value) {
-                    ValueSet item = TypedDictItem(value, *lit.value);
-                    if (!item.Empty()) {
-                        out.Merge(item);
-                        continue;
-                    }
-                }
-            }
-        }
-        ValueSet one;
-        one.Add(value);
         if (constant_index && v->IsInstance(false)) {
             // An item by position of a value that has none, as an unpacking
             // reads its targets (`a, b = gen()`): its items by iteration.
             nb::object cls = ClassOfInstance(value);
             if (!cls.is_none() && ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty()) {
+                ValueSet one;
+                one.Add(value);
                 out.Merge(IterItems(one));
                 continue;
             }
         }
-        out.Merge(CallDunder(one, "__getitem__", {index}));
+        out.Merge(ItemOf(value, index));
     }
     return out;
+}
+
+ValueSet CEvaluator::ItemOf(nb::handle value, const ValueSet &index) {
+    // A display's item by a constant position or key (`[1, ''][0]`,
+    // `{'a': 1}[k]` with k = 'a'), and a tuple's by a constant position.
+    std::optional<ValueSet> item = DisplayItem(value, index);
+    std::optional<long long> at = ConstantInt(index);
+    std::vector<nb::object> positions;
+    if (!item && at && TuplePositions(value, positions)) {
+        long long size = (long long) positions.size();
+        long long i = *at < 0 ? *at + size : *at;
+        if (i >= 0 && i < size)
+            item = ValueSet::FromIterable(positions[(std::size_t) i]);
+    }
+    if (item)
+        return *item;
+    // A TypedDict's key written as a string.
+    if (index.Size() == 1) {
+        std::string_view bare = Single(index.Items()[0])->Bare();
+        if (si::GetInfoBytesKind(bare) == si::kTypedLiteralKind) {
+            si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+            if (lit.class_name == "str" && lit.value) {
+                ValueSet keyed = TypedDictItem(value, *lit.value);
+                if (!keyed.Empty())
+                    return keyed;
+            }
+        }
+    }
+    ValueSet one;
+    one.Add(value);
+    return CallDunder(one, "__getitem__", {index});
 }
 
 ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &frame) {
@@ -1066,6 +1094,10 @@ ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &fra
         return out;
     ValueSet left = Eval(tree, left_node, frame);
     ValueSet right = Eval(tree, right_node, frame);
+    if (std::optional<long long> folded = FoldedInt(ConstantInt(left), op, ConstantInt(right))) {
+        out.Add(LiteralSingle("int", std::to_string(*folded)));
+        return out;
+    }
     if (op == "+") {
         // Tuples of known positions added: the positions of both, in order.
         ValueSet joined = JoinedTuples(left, right);
@@ -1106,6 +1138,33 @@ ValueSet CEvaluator::EvalBinOp(const Tree &tree, const Node &n, const Frame &fra
         out.Merge(result);
     }
     return out;
+}
+
+std::optional<long long> CEvaluator::FoldedInt(std::optional<long long> left, std::string_view op,
+                                               std::optional<long long> right) {
+    if (!left || !right)
+        return std::nullopt;
+    long long a = *left, b = *right, result = 0;
+    bool overflow = false;
+    if (op == "+")
+        overflow = __builtin_add_overflow(a, b, &result);
+    else if (op == "-")
+        overflow = __builtin_sub_overflow(a, b, &result);
+    else if (op == "*")
+        overflow = __builtin_mul_overflow(a, b, &result);
+    else if ((op == "//" || op == "%") && b != 0 && !(a == LLONG_MIN && b == -1)) {
+        // Python's division floors, and its remainder takes the divisor's sign.
+        long long quotient = a / b, remainder = a % b;
+        if (remainder != 0 && ((remainder < 0) != (b < 0))) {
+            quotient -= 1;
+            remainder += b;
+        }
+        result = op == "//" ? quotient : remainder;
+    } else
+        return std::nullopt;
+    if (overflow)
+        return std::nullopt;
+    return result;
 }
 
 nb::object CEvaluator::EllipsisArg() {
@@ -1228,8 +1287,11 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
     if (cls.is_none())
         return out;
     nb::list args;
+    // The items told apart: a list's by position, a dict's by constant key.
+    nb::list display_items;
     if (n.kind == NodeKind::kDict) {
         ValueSet keys, values;
+        std::vector<std::pair<std::string, ValueSet>> by_key;
         for (std::int32_t i = 0; i + 1 < n.kids_count && (std::size_t) i < 2 * kMaxDisplayItems; i += 2) {
             std::int32_t key = tree.Kid(n, i);
             if (key >= 0 && tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred) {
@@ -1238,13 +1300,25 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
                 ValueSet other_keys = IterItems(other);
                 keys.Merge(other_keys);
                 values.Merge(CallDunder(other, "__getitem__", {other_keys}));
+                by_key.clear();  // other may set any key written before it
                 continue;
             }
             if (key < 0)
                 continue;
-            keys.Merge(Eval(tree, key, frame));
-            values.Merge(Eval(tree, tree.Kid(n, i + 1), frame));
+            ValueSet key_values = Eval(tree, key, frame);
+            ValueSet value = Eval(tree, tree.Kid(n, i + 1), frame);
+            keys.Merge(key_values);
+            values.Merge(value);
+            std::optional<std::string> constant = ConstantKey(key_values);
+            if (!constant)
+                continue;
+            // A key written again replaces what it held.
+            std::erase_if(by_key, [&](const auto &item) { return item.first == *constant; });
+            by_key.emplace_back(std::move(*constant), std::move(value));
         }
+        if ((std::size_t) n.kids_count <= 2 * kMaxDisplayItems)
+            for (const auto &[key, value] : by_key)
+                display_items.append(nb::make_tuple(nb::bytes(key.data(), key.size()), value.AsFrozenSet()));
         if (!keys.Empty() || !values.Empty()) {
             args.append(keys.AsFrozenSet());
             args.append(values.AsFrozenSet());
@@ -1278,8 +1352,49 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
             if (n.kind == NodeKind::kTuple)
                 args.append(EllipsisArg());
         }
+        if (n.kind == NodeKind::kList && !starred && (std::size_t) n.kids_count <= kMaxDisplayItems)
+            for (const ValueSet &item : items)
+                display_items.append(item.AsFrozenSet());
     }
-    return InstanceOf(cls, args.size() ? nb::object(nb::tuple(args)) : nb::object(nb::none()));
+    ValueSet out_instance = InstanceOf(cls, args.size() ? nb::object(nb::tuple(args)) : nb::object(nb::none()));
+    // (A tuple's positions are its type arguments.)
+    if (n.kind != NodeKind::kTuple && n.kids_count > 0 && out_instance.Size() == 1)
+        Single(out_instance.Items()[0])->fDisplayItems = nb::tuple(display_items);
+    return out_instance;
+}
+
+std::optional<std::string> CEvaluator::ConstantKey(const ValueSet &values) {
+    if (values.Size() != 1 || !IsExactly<si::CSingleResolvedInfo>(values.Items()[0]))
+        return std::nullopt;
+    std::string_view bare = Single(values.Items()[0])->Bare();
+    if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind || !si::UnpackLiteralInfo(bare).value)
+        return std::nullopt;
+    return std::string(bare);
+}
+
+std::optional<ValueSet> CEvaluator::DisplayItem(nb::handle single, const ValueSet &index) {
+    nb::handle items = Single(single)->fDisplayItems;
+    if (items.is_none() || !PyTuple_Check(items.ptr()) || PyTuple_GET_SIZE(items.ptr()) == 0)
+        return std::nullopt;
+    Py_ssize_t size = PyTuple_GET_SIZE(items.ptr());
+    if (!PyTuple_Check(PyTuple_GET_ITEM(items.ptr(), 0))) {
+        // A list's item by position.
+        std::optional<long long> i = ConstantInt(index);
+        if (!i)
+            return std::nullopt;
+        long long at = *i < 0 ? *i + size : *i;
+        if (at < 0 || at >= size)
+            return std::nullopt;
+        return ValueSet::FromIterable(PyTuple_GET_ITEM(items.ptr(), at));
+    }
+    // A dict's value by key.
+    std::optional<std::string> key = ConstantKey(index);
+    if (!key)
+        return std::nullopt;
+    for (nb::handle pair : nb::borrow<nb::tuple>(items))
+        if (si::TextView(pair[0], "display key") == *key)
+            return ValueSet::FromIterable(pair[1]);
+    return std::nullopt;
 }
 
 // Binds the names of a comprehension's (or a for's) target.

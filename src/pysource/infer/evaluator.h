@@ -74,6 +74,16 @@ inline nb::object ScopeLoc(nb::handle scope) {
 // Whether a single is the None literal.
 bool IsNoneLiteral(nb::handle single);
 
+// An expression kept as written: a lambda (`lambda` true), or one that
+// wasn't evaluated, of which a test of its value says nothing.
+bool IsExpressionText(nb::handle single, bool lambda);
+
+// The truth of a test written as a constant (a number, a string, True,
+// False, None, a comparison of two of them), or made of such tests by
+// `not`, `and`, `or` and parentheses, where the constants decide it
+// (`x or 1` is true); none for any other test.
+std::optional<bool> ConstantTruth(std::string_view text);
+
 // A set of singles (CSingleResolvedInfo objects), in the order found,
 // without duplicates, bounded in size.
 class ValueSet {
@@ -266,6 +276,12 @@ struct ParsedText {
     pgen::Tree tree;
     std::int32_t root = -1;  // -1 when it isn't an expression
 };
+
+// Whether an annotation's text names no type: a constant other than None,
+// a string that holds no expression, an operation other than `|` (a note
+// written as an annotation).  `parse` gives the tree of a text.
+bool AnnotationNamesNoType(std::string_view text,
+                           const std::function<std::shared_ptr<const ParsedText>(std::string_view)> &parse);
 
 struct ParsedEntry {
     std::string text;  // the pieces view it
@@ -614,6 +630,11 @@ private:
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
     // The value of an int literal known exactly, if that is all `values` is.
     std::optional<long long> ConstantInt(const ValueSet &values);
+    // `left op right` of two known ints, as Python computes it, for the
+    // operators + - * // %; none for any other, on overflow, or on a
+    // division by zero.
+    static std::optional<long long> FoldedInt(std::optional<long long> left, std::string_view op,
+                                              std::optional<long long> right);
     // Every tuple of `left` added to every one of `right`, when all of them
     // have known positions; nothing otherwise.
     ValueSet JoinedTuples(const ValueSet &left, const ValueSet &right);
@@ -634,6 +655,15 @@ private:
     // when it is homogeneous or its arguments are unknown.
     // A named tuple's instance has the positions of its annotated fields.
     bool TuplePositions(nb::handle single, std::vector<nb::object> &positions);
+    // The item of a display instance (fDisplayItems) that a constant index
+    // picks; none when the index isn't one constant or the display doesn't
+    // tell that item apart.
+    std::optional<ValueSet> DisplayItem(nb::handle single, const ValueSet &index);
+    // `value[index]` with the index evaluated: a display's or a tuple's item
+    // told apart, a TypedDict's key, else what __getitem__ gives.
+    ValueSet ItemOf(nb::handle value, const ValueSet &index);
+    // The bytes of a literal single whose value is known, as a display's key.
+    std::optional<std::string> ConstantKey(const ValueSet &values);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
     // Whether `mro` holds the class `name` of `module` ("typing": any of
     // typing's modules).
@@ -716,6 +746,17 @@ private:
     // `values` with each nested def of a scope whose names a call binds
     // carrying those bindings, read when it is called.
     ValueSet WithClosures(const ValueSet &values);
+    // What a call of a def binds to its parameters that have no hint (the
+    // first of a bound method left out), defaults of those it leaves out
+    // when the call's arguments are all known.
+    std::vector<std::pair<std::string, ValueSet>> ArgumentBindings(
+        nb::handle def, const std::vector<ValueSet> &args, const std::vector<std::pair<std::string, ValueSet>> &kwargs,
+        bool arguments_whole);
+    // The instance a class call made, carrying (as fClosure) what the call
+    // passed the parameters of the class's own __init__: its attributes set
+    // from them are read under that binding.
+    ValueSet WithConstructorBindings(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                                     const std::vector<std::pair<std::string, ValueSet>> &kwargs, bool arguments_whole);
     std::string ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry);
     // An unnumbered single of a parameter's binding in its def's body.
     static bool IsParameterBinding(std::string_view single);
@@ -736,6 +777,12 @@ private:
     // finishes with).
     std::pair<std::string, std::string> GeneratorEntries(nb::handle scope, std::string_view returns);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
+    // Whether the setting at body logical `setting` surely ran before the use
+    // at `use`: every test of the blocks around it and not around the use is
+    // a constant that holds as the block needs (`if 1 == 1:`, the `elif` of
+    // an `if 0:`).
+    bool RunsSurely(nb::handle scope, const std::vector<std::vector<long long>> &paths, long long setting,
+                    long long use);
     // Whether a setting directly in a block of an if/elif/else chain around
     // the use's block completes the chain's blocks in `covered` (those that
     // set the name): then the name was surely set again.
@@ -868,6 +915,9 @@ private:
     static std::string KeywordsBindingName(std::string_view param, std::string_view keyword = {});
     // `dict[str, V]` of the keyword values `values` (what `**kwargs` holds).
     ValueSet KeywordsDict(const ValueSet &values);
+    // The dict that `**kwargs` receives from keywords by name: its values
+    // told apart by their names as keys.
+    ValueSet KeywordsDictByName(const Keywords &by_name);
     // Containers grown by later use (containers.cpp).  Where a container
     // is used: `name` in the body of `scope` (whose record is `record`),
     // between body logicals `after` and `until` (-1: from the start, to the end).
@@ -880,6 +930,26 @@ private:
     // are unknown given those that the uses at `sites_of()` pass its methods
     // (`x.append(1)`, `x[k] = v`).
     ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
+
+    // Instances that act on the arguments of their call (keptcalls.cpp).
+    // Which kind of call-keeping class `cls` is (0 for none).
+    int KeptCallKind(nb::handle cls);
+    // The instances of a call-keeping class that a call of it made, holding
+    // the call's arguments (fMadeWith); other values as they are.
+    ValueSet WithCallArguments(const ValueSet &made, nb::handle cls, const std::vector<ValueSet> &args,
+                               const Keywords &kwargs);
+    // The kind of call-keeping class of an instance that keeps its call's
+    // arguments, and those arguments (fMadeWith); none for any other value.
+    std::optional<std::pair<int, nb::tuple>> MadeWithOf(nb::handle value);
+    // What calling such an instance gives; none for any other value.
+    std::optional<ValueSet> CallKept(nb::handle instance, const std::vector<ValueSet> &args, const Keywords &kwargs,
+                                     const Frame &frame);
+    // Such an instance read from a class body as a descriptor: a
+    // partialmethod's partial (with the instance first when read on one), a
+    // property's getter's value, a staticmethod's function, a classmethod's
+    // function bound to the class; none for any other value, or where the
+    // instance itself is what is read.
+    std::optional<ValueSet> ReadKeptDescriptor(nb::handle found, nb::handle receiver, bool via_instance);
     // The entries of `record` that use `name` through one attribute or
     // subscript (`x.append`, `x["a"]`); a record's are found once per request.
     const std::vector<std::string> &UsesOf(nb::handle record, std::string_view name);
@@ -1054,6 +1124,8 @@ private:
         CEvaluator &fEvaluator;
         std::vector<std::tuple<std::string, std::string, std::string>> fAdded;
     };
+    // The bindings a closure tuple (CSingleResolvedInfo::fClosure) holds.
+    static Bindings ClosureBindings(nb::handle closure);
     // Where a derived argument single was recorded: the calling scope as
     // "url|scope|" (what groups one caller's arguments; `itself`, the def's
     // own, for a single without one) and the plain name passed, if one.

@@ -114,9 +114,10 @@ TypeMap CEvaluator::ProtocolTypeArgs(nb::handle protocol, const std::vector<std:
     return found;
 }
 
-bool CEvaluator::NamesNoType(std::string_view text) {
-    const auto parsed = ParseText(text);
-    const Tree &tree = parsed->tree;
+bool AnnotationNamesNoType(std::string_view text,
+                           const std::function<std::shared_ptr<const ParsedText>(std::string_view)> &parse) {
+    const auto parsed = parse(text);
+    const pgen::Tree &tree = parsed->tree;
     std::function<bool(std::int32_t)> no_type = [&](std::int32_t node) {
         if (node < 0)
             return true;
@@ -132,7 +133,7 @@ bool CEvaluator::NamesNoType(std::string_view text) {
             std::string_view inner;
             if (!pgen::StringAnnotationText(tree, node, inner))
                 return false;
-            return si::StripSpaces(inner).empty() || NamesNoType(inner);
+            return si::StripSpaces(inner).empty() || AnnotationNamesNoType(inner, parse);
         }
         case NodeKind::kBinOp: {
             // `A | B` is a union; other operators compute a value.
@@ -146,6 +147,10 @@ bool CEvaluator::NamesNoType(std::string_view text) {
         }
     };
     return parsed->root < 0 || no_type(parsed->root);
+}
+
+bool CEvaluator::NamesNoType(std::string_view text) {
+    return AnnotationNamesNoType(text, [this](std::string_view part) { return ParseText(part); });
 }
 
 ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, const TypeMap *map) {

@@ -1,5 +1,8 @@
 #include "pysource/infer/inferreddetails.h"
 
+#include "pysource/infer/evaluator.h"
+#include "pysource/pgeninspect/parser.h"
+
 #include "pysource/exprtext.h"
 #include "pysource/nesting.h"
 #include "pysource/packedops.h"
@@ -48,8 +51,19 @@ nb::object CCallableDetails::GetHintedArgIndexes() {
             continue;
         std::ptrdiff_t colon = si::NonNestedFind(text, ":");
         std::ptrdiff_t equals = si::NonNestedFind(text, "=");
-        if (colon >= 0 && (equals < 0 || colon < equals))
-            hinted.push_back(arg_i);
+        // (An annotation that names no type, a note, leaves the parameter
+        // to what callers pass.)
+        if (colon >= 0 && (equals < 0 || colon < equals)) {
+            std::string_view hint = text.substr((std::size_t) colon + 1,
+                                                equals < 0 ? std::string_view::npos : (std::size_t) (equals - colon - 1));
+            auto parse = [](std::string_view part) {
+                auto parsed = std::make_shared<ParsedText>();
+                parsed->root = pgen::ParseEmbeddedExpression(parsed->tree, parsed->tree.Keep(std::string(part)), 0, true);
+                return std::shared_ptr<const ParsedText>(std::move(parsed));
+            };
+            if (!AnnotationNamesNoType(hint, parse))
+                hinted.push_back(arg_i);
+        }
         ++arg_i;
     }
     fHinted = FrozenSetOf(hinted);

@@ -127,6 +127,31 @@ std::size_t SingleKey(const si::CSingleResolvedInfo &single) {
     return key == 0 ? 1 : key;
 }
 
+// A copy of a single that closes over the names both it and `other` (a
+// closure tuple, or None) bind, each bound to what either binds it to.
+nb::object WithMergedClosure(const si::CSingleResolvedInfo &single, nb::handle other) {
+    nb::ref<si::CSingleResolvedInfo> copy(
+        new si::CSingleResolvedInfo(single.ibytes, single.scope, single.loc, single.fClassRef));
+    copy->fTypeArgs = single.fTypeArgs;
+    copy->fDisplayItems = single.fDisplayItems;
+    copy->fMadeWith = single.fMadeWith;
+    copy->fBoundTo = single.fBoundTo;
+    nb::list merged;
+    if (!other.is_none())
+        for (nb::handle mine : single.fClosure)
+            for (nb::handle theirs : other) {
+                nb::tuple a = nb::borrow<nb::tuple>(mine), b = nb::borrow<nb::tuple>(theirs);
+                if (!a[0].equal(b[0]) || !a[1].equal(b[1]) || !a[2].equal(b[2]))
+                    continue;
+                ValueSet values = ValueSet::FromIterable(a[3]);
+                values.Merge(ValueSet::FromIterable(b[3]));
+                merged.append(nb::make_tuple(a[0], a[1], a[2], values.AsFrozenSet()));
+            }
+    if (merged.size())
+        copy->fClosure = nb::tuple(merged);
+    return nb::cast(copy);
+}
+
 }  // namespace
 
 void ValueSet::Add(nb::handle single) {
@@ -149,8 +174,14 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
         if (item.is(single))
             return;
         if (own && fKeys[i] != kForeign) {
-            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single))
+            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single)) {
+                // One value made by calls that bound different things: each
+                // name is then what any of them bound.
+                const si::CSingleResolvedInfo *had = nb::inst_ptr<si::CSingleResolvedInfo>(item);
+                if (!had->fClosure.is_none() && !had->fClosure.equal(own_single->fClosure))
+                    fItems[i] = WithMergedClosure(*had, own_single->fClosure);
                 return;
+            }
         } else if (item.equal(single)) {
             return;
         }
@@ -1092,7 +1123,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
                 rebound = *it >= 0;
                 break;
             }
-            if (CompletesIfChain(scope, *paths, *it, use_index, covered)) {
+            if (CompletesIfChain(scope, *paths, *it, use_index, covered) || RunsSurely(scope, *paths, *it, use_index)) {
                 rebound = true;
                 break;
             }
@@ -1279,31 +1310,110 @@ const std::vector<long long> *CEvaluator::LoopHeadersOf(nb::handle scope) {
 
 namespace {
 
-// The truth of a test written as a constant (a number, a string, True,
-// False, None, `not` of one); none for any other test.
-std::optional<bool> ConstantTruth(std::string_view text) {
+// A constant operand of a comparison: an int (True and False are 1 and 0),
+// None, or a plain string literal (its text between the quotes).
+struct ConstantOperand {
+    enum Kind { kNumber, kNone, kString } kind;
+    long long number = 0;
+    std::string_view text;
+};
+
+std::optional<ConstantOperand> ConstantOperandOf(std::string_view text) {
     text = si::StripSpaces(text);
-    bool negated = false;
-    while (text.starts_with("not ")) {
-        negated = !negated;
-        text = si::StripSpaces(text.substr(4));
-    }
-    std::optional<bool> truth;
-    if (text == "True")
-        truth = true;
-    else if (text == "False" || text == "None")
-        truth = false;
-    else if (!text.empty() && (std::isdigit((unsigned char) text[0]) || text[0] == '.') &&
-             text.find_first_not_of("0123456789._") == std::string_view::npos)
-        truth = text.find_first_not_of("0._") != std::string_view::npos;
-    else if (text.size() >= 2 && (text[0] == '"' || text[0] == '\'') && text.find(text[0], 1) == text.size() - 1)
-        truth = text.size() > 2;  // one plain string literal
-    if (!truth)
+    if (text == "True" || text == "False")
+        return ConstantOperand{ConstantOperand::kNumber, text == "True" ? 1 : 0, {}};
+    if (text == "None")
+        return ConstantOperand{ConstantOperand::kNone, 0, {}};
+    if (text.size() >= 2 && (text[0] == '"' || text[0] == '\'') && text.find(text[0], 1) == text.size() - 1 &&
+        text.find('\\') == std::string_view::npos)
+        return ConstantOperand{ConstantOperand::kString, 0, text.substr(1, text.size() - 2)};
+    bool negative = text.starts_with("-");
+    std::string_view digits = si::StripSpaces(negative ? text.substr(1) : text);
+    if (digits.empty() || digits.size() > 18 || digits.find_first_not_of("0123456789") != std::string_view::npos ||
+        (digits.size() > 1 && digits[0] == '0'))
         return std::nullopt;
-    return *truth != negated;
+    long long value = std::stoll(std::string(digits));
+    return ConstantOperand{ConstantOperand::kNumber, negative ? -value : value, {}};
+}
+
+// The truth of a comparison of two constants (`2 == True`, `'a' != 'b'`);
+// none for any other text, and for an ordering Python refuses (None < 1).
+std::optional<bool> ConstantComparison(std::string_view text) {
+    static const std::string_view kOps[] = {" == ", " != ", " <= ", " >= ", " < ", " > "};
+    for (std::string_view op : kOps) {
+        std::size_t at = text.find(op);
+        if (at == std::string_view::npos)
+            continue;
+        std::optional<ConstantOperand> left = ConstantOperandOf(text.substr(0, at));
+        std::optional<ConstantOperand> right = ConstantOperandOf(text.substr(at + op.size()));
+        if (!left || !right)
+            return std::nullopt;
+        std::string_view name = si::StripSpaces(op);
+        bool equality = name == "==" || name == "!=";
+        int order = 0;  // left against right
+        if (left->kind != right->kind) {
+            if (!equality)
+                return std::nullopt;
+            order = 1;  // unequal
+        } else if (left->kind == ConstantOperand::kNumber) {
+            order = left->number < right->number ? -1 : left->number > right->number ? 1 : 0;
+        } else if (left->kind == ConstantOperand::kString) {
+            int compared = left->text.compare(right->text);
+            order = compared < 0 ? -1 : compared > 0 ? 1 : 0;
+        } else if (!equality) {
+            return std::nullopt;
+        }
+        if (name == "==")
+            return order == 0;
+        if (name == "!=")
+            return order != 0;
+        if (name == "<=")
+            return order <= 0;
+        if (name == ">=")
+            return order >= 0;
+        return name == "<" ? order < 0 : order > 0;
+    }
+    return std::nullopt;
 }
 
 }  // namespace
+
+std::optional<bool> ConstantTruth(std::string_view text) {
+    text = si::StripSpaces(text);
+    for (std::string_view op : {" or ", " and "}) {
+        std::vector<std::string_view> parts = si::NonNestedSplit(text, op);
+        if (parts.size() < 2)
+            continue;
+        const bool is_or = op == " or ";
+        bool all_known = true;
+        for (std::string_view part : parts) {
+            std::optional<bool> truth = ConstantTruth(part);
+            if (truth && *truth == is_or)
+                return is_or;
+            all_known = all_known && truth.has_value();
+        }
+        return all_known ? std::optional<bool>(!is_or) : std::nullopt;
+    }
+    if (text.starts_with("not ")) {
+        std::optional<bool> truth = ConstantTruth(text.substr(4));
+        return truth ? std::optional<bool>(!*truth) : std::nullopt;
+    }
+    if (text.starts_with("(") && si::MatchingBracket(text, 0) == (std::ptrdiff_t) text.size() - 1)
+        return ConstantTruth(text.substr(1, text.size() - 2));
+    if (std::optional<bool> compared = ConstantComparison(text))
+        return compared;
+    if (text == "True")
+        return true;
+    if (text == "False" || text == "None")
+        return false;
+    if (!text.empty() && (std::isdigit((unsigned char) text[0]) || text[0] == '.') &&
+        text.find_first_not_of("0123456789._") == std::string_view::npos)
+        return text.find_first_not_of("0._") != std::string_view::npos;
+    if (text.size() >= 2 && (text[0] == '"' || text[0] == '\'') && text.find(text[0], 1) == text.size() - 1)
+        return text.size() > 2;  // one plain string literal
+    return std::nullopt;
+}
+
 
 bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
     const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
@@ -1401,6 +1511,33 @@ bool CEvaluator::BlockHolds(const std::vector<std::vector<long long>> &paths, lo
         return outer.empty();
     const std::vector<long long> &inner = paths[(std::size_t) use];
     return outer.size() <= inner.size() && std::equal(outer.begin(), outer.end(), inner.begin());
+}
+
+bool CEvaluator::RunsSurely(nb::handle scope, const std::vector<std::vector<long long>> &paths, long long setting,
+                            long long use) {
+    const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
+    if (!guards || setting < 0 || use < 0 || (std::size_t) setting >= paths.size() ||
+        (std::size_t) use >= paths.size() || (std::size_t) setting >= guards->size())
+        return false;
+    const std::vector<long long> &use_path = paths[(std::size_t) use];
+    auto around_use = [&](long long header) {
+        return std::find(use_path.begin(), use_path.end(), header) != use_path.end();
+    };
+    std::set<long long> tested;
+    for (const auto &[header, condition, held] : (*guards)[(std::size_t) setting]) {
+        if (around_use(header))
+            continue;
+        std::optional<bool> truth = ConstantTruth(condition);
+        if (!truth || *truth != (held != 0))
+            return false;
+        tested.insert(header);
+    }
+    // Every block around the setting alone is entered by a test that holds
+    // (a loop's, a try's or an else's body has none).
+    for (long long header : paths[(std::size_t) setting])
+        if (!around_use(header) && !tested.count(header))
+            return false;
+    return true;
 }
 
 bool CEvaluator::CompletesIfChain(nb::handle scope, const std::vector<std::vector<long long>> &paths,
@@ -1696,6 +1833,23 @@ ValueSet CEvaluator::FromImport(nb::handle scope, std::string_view module, std::
         return out;
     }
     return ModuleAttribute(ModuleSingle(mod, dotted), name, !star);
+}
+
+ValueSet CEvaluator::KeywordsDictByName(const Keywords &by_name) {
+    ValueSet values;
+    nb::list items;
+    for (const auto &[name, given] : by_name) {
+        values.Merge(given);
+        ValueSet literal;
+        literal.Add(LiteralSingle("str", name));
+        std::optional<std::string> key = ConstantKey(literal);
+        if (key)
+            items.append(nb::make_tuple(nb::bytes(key->data(), key->size()), given.AsFrozenSet()));
+    }
+    ValueSet dict = KeywordsDict(values);
+    if (dict.Size() == 1)
+        Single(dict.Items()[0])->fDisplayItems = nb::tuple(items);
+    return dict;
 }
 
 ValueSet CEvaluator::KeywordsDict(const ValueSet &values) {

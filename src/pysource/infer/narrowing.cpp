@@ -62,18 +62,6 @@ bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view na
            IsNameNode(tree, tree.Kid(n, 1), name);
 }
 
-// An expression kept as written: a lambda (`lambda` true), or one that
-// wasn't evaluated, of which a test of its value says nothing.
-bool IsExpressionText(nb::handle single, bool lambda) {
-    std::string_view ibytes = si::TextView(Single(single)->ibytes, "ibytes");
-    if (si::GetInfoBytesKind(ibytes) != si::kExpressionEquivKind)
-        return false;
-    si::UnpackedFields f = si::UnpackFields(ibytes);
-    std::string_view text = f.fields.empty() || !f.fields[0] ? std::string_view() : si::StripSpaces(*f.fields[0]);
-    while (text.starts_with("("))
-        text = si::StripSpaces(text.substr(1));
-    return text.starts_with("lambda") == lambda;
-}
 
 // A name or dotted name, which `x is NAME` compares with an object of its own
 // (a sentinel), not with a constant.
@@ -105,6 +93,17 @@ bool IsLiteralOfClass(nb::handle single, std::string_view class_name) {
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) { return IsLiteralOfClass(single, "None"); }
+
+bool IsExpressionText(nb::handle single, bool lambda) {
+    std::string_view ibytes = si::TextView(Single(single)->ibytes, "ibytes");
+    if (si::GetInfoBytesKind(ibytes) != si::kExpressionEquivKind)
+        return false;
+    si::UnpackedFields f = si::UnpackFields(ibytes);
+    std::string_view text = f.fields.empty() || !f.fields[0] ? std::string_view() : si::StripSpaces(*f.fields[0]);
+    while (text.starts_with("("))
+        text = si::StripSpaces(text.substr(1));
+    return text.starts_with("lambda") == lambda;
+}
 
 namespace {
 
@@ -150,6 +149,11 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
         for (const auto &[header, condition, last] : (*skips)[(std::size_t) use_index]) {
             if (latest < header || latest > last)
                 continue;
+            // A setting there that surely ran (its tests are constants that
+            // hold) hides the earlier ones, as the settings that reach say.
+            const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+            if (paths && RunsSurely(scope, *paths, latest, use_index))
+                break;
             // `if x is None: x = ...`: the earlier values only when x wasn't
             // None; those are what x is at the `if`, itself after earlier ones.
             std::string earlier = EntryPart(entry, -1, header - 1, true);
