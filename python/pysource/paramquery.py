@@ -82,22 +82,24 @@ def IsDefScope(info_cache, scope):
         recordtext.ScopeKind(scope.name, bytes(info.ibytes)) in kDefScopeKinds
 
 
-def FindDefScopes(mgr, locs, dotted):
-    """The def scopes of `locs` whose module-qualified dotted name ends with
-    the components of `dotted` (`groupby`, `itertoolz.groupby`, `C.meth`)."""
+def FindDefScopes(mgr, dotted):
+    """The def scopes of the index whose module-qualified dotted name ends
+    with the components of `dotted` (`groupby`, `itertoolz.groupby`,
+    `C.meth`).  The candidates come from the index's lookup by leaf name."""
     wanted = _DottedParts(dotted)
+    if not wanted:
+        return []
     finder = mgr.fInferenceEngine._fNativeEngine.fModuleFinder
     info_cache = mgr.fInfoCache
     found = []
-    for loc in locs:
+    for loc, name in info_cache.FindScopesNamed(wanted[-1]):
         module = finder.ModuleNameOf(loc) or ""
-        for name in sorted(info_cache.GetScopesForLoc(loc)):
-            parts = module.split(".") + _DottedParts(name) if module else _DottedParts(name)
-            if wanted and parts[-len(wanted):] == wanted:
-                scope = symbolinfo.Scope(loc, name)
-                if IsDefScope(info_cache, scope):
-                    found.append(scope)
-    return found
+        parts = module.split(".") + _DottedParts(name) if module else _DottedParts(name)
+        if parts[-len(wanted):] == wanted:
+            scope = symbolinfo.Scope(loc, name)
+            if IsDefScope(info_cache, scope):
+                found.append(scope)
+    return sorted(found, key=lambda scope: (scope.loc.fUrl, scope.name))
 
 
 # Call sites
