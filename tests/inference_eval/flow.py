@@ -279,6 +279,25 @@ def ConstantBranches():
     level  # expect: int
 
 
+class Cached:
+    slot = None
+
+    def fill(self):
+        if not self.slot:
+            self.slot = b""
+            self.slot  # expect: bytes
+        self.count = 0
+        self.count  # expect: int
+        for _ in range(2):
+            self.count = "n"
+            self.count  # expect: str
+        self.count  # expect: int | str
+        self.items = []
+        self.items.append(1.5)
+        self.items  # expect: list[float]
+        return self.slot
+
+
 def _main():
     ConstantBranches()
     globals()["injected"] = "s"
@@ -291,6 +310,7 @@ def _main():
     Reassigned()
     Walrus([1, 2])
     Asserted("x", [b"a"])
+    Cached().fill()
 
 
 if __name__ == "__main__":

@@ -70,6 +70,25 @@ std::string WithIterMarkers(std::string_view text) {
 
 std::string_view TokText(const pgen::Tree &tree, std::int32_t tok) { return tree.toks[(std::size_t) tok].text; }
 
+// `a.b.c` of an attribute chain on a plain name, as the records name what a
+// body sets; empty for any other expression.
+std::string DottedText(const pgen::Tree &tree, std::int32_t node) {
+    std::vector<std::string_view> parts;
+    while (node >= 0 && tree.nodes[(std::size_t) node].kind == pgen::NodeKind::kAttribute) {
+        parts.push_back(TokText(tree, tree.nodes[(std::size_t) node].aux));
+        node = tree.Kid(tree.nodes[(std::size_t) node], 0);
+    }
+    if (node < 0 || tree.nodes[(std::size_t) node].kind != pgen::NodeKind::kName)
+        return {};
+    std::string_view base = TokText(tree, tree.nodes[(std::size_t) node].aux);
+    if (base == kSelfMarker || base == kIterMarker)
+        return {};
+    std::string out(base);
+    for (auto it = parts.rbegin(); it != parts.rend(); ++it)
+        out.append(".").append(*it);
+    return out;
+}
+
 // What a generator finishes with (its third type argument), into `out`.
 void MergeFinishedWith(nb::handle gen, ValueSet &out) {
     nb::handle args = Single(gen)->fTypeArgs;
@@ -408,8 +427,13 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kString:
         return EvalString(tree, n);
     case NodeKind::kAttribute: {
-        ValueSet base = Eval(tree, tree.Kid(n, 0), frame);
         std::string_view attr = TokText(tree, n.aux);
+        ValueSet base = Eval(tree, tree.Kid(n, 0), frame);
+        // `self.x` read after the same body set it: what it set, as for a
+        // name.  (The base is read first: its scope's record is then in hand.)
+        if (std::string dotted = DottedText(tree, node); !dotted.empty() && frame.use_index >= 0 &&
+                                                         AttributeSetBefore(frame.scope, dotted, frame.use_index, out))
+            return out;
         for (const nb::object &single : base.Items())
             out.Merge(Attribute(single, attr));
         return out;

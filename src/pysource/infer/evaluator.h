@@ -705,6 +705,11 @@ private:
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
+    // The values of `dotted` (`self.x`, `a.b.c`) at `use_index` of `scope`
+    // when the scope itself sets that attribute at a logical that surely ran
+    // before the use: false (and nothing) when no such setting is known, and
+    // the attribute's values everywhere count.
+    bool AttributeSetBefore(nb::handle scope, std::string_view dotted, long long use_index, ValueSet &out);
     // The values of a record's entry (of `name`, when given: a parameter
     // that a call binds stands for what that call passes, not for what all
     // callers pass or its default).

@@ -1013,6 +1013,39 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     return true;
 }
 
+bool CEvaluator::AttributeSetBefore(nb::handle scope, std::string_view dotted, long long use_index,
+                                    ValueSet &out) {
+    if (Stop() || !scope.is_valid() || scope.is_none())
+        return false;
+    nb::object record = ScopeName(scope).empty() ? ModuleRecord(ScopeLoc(scope)) : RecordOf(scope);
+    if (record.is_none())
+        return false;
+    nb::object entry = InfoBytesOf(record, dotted);
+    if (entry.is_none())
+        return false;
+    std::string_view text = si::TextView(entry, "ibytes");
+    std::set<long long> before;  // the body's settings ahead of the use
+    for (const EntryPiece &piece : EntryOf(text)->pieces)
+        if (piece.index && *piece.index >= 0 && *piece.index < use_index && SaysValue(BareKindOf(piece)) &&
+            !BranchRuledOut(scope, *piece.index, use_index, false))
+            before.insert(*piece.index);
+    if (before.empty())
+        return false;
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+    if (!paths)
+        return false;
+    bool surely = false;
+    for (long long at : before)
+        surely = surely || BlockHolds(*paths, at, use_index) || RunsSurely(scope, *paths, at, use_index);
+    if (!surely)
+        return false;
+    ValueSet values = EntryValues(scope, record, text, use_index, dotted);
+    if (values.Empty())
+        return false;
+    out.Merge(Narrowed(scope, record, dotted, text, use_index, std::move(values)));
+    return true;
+}
+
 bool CEvaluator::NarrowableAt(nb::handle scope, long long at) {
     for (const char *method : {"Guards", "SkippedIfs"}) {
         const FlowGuardRows *conditions = ConditionsOf(scope, method);
