@@ -47,6 +47,61 @@ def _AssertedCondition(logical):
     return " ".join(tokens) or None
 
 
+def _SplitTopLevel(tokens, separator):
+    """`tokens` split at the `separator` tokens outside brackets."""
+    parts, depth = [[]], 0
+    for token in tokens:
+        depth += token in ("(", "[", "{")
+        depth -= token in (")", "]", "}")
+        if depth == 0 and token == separator:
+            parts.append([])
+        else:
+            parts[-1].append(token)
+    return parts
+
+
+def _IsDottedName(tokens):
+    return bool(tokens) and len(tokens) % 2 == 1 and all(
+        t.isidentifier() if k % 2 == 0 else t == "." for k, t in enumerate(tokens))
+
+
+def _IsLiteral(tokens):
+    body = tokens[1:] if tokens[:1] == ["-"] else tokens
+    return bool(body) and all(t[:1] in ("'", '"') or t[:2].lower() in ("b'", 'b"') or
+                              t[:1].isdigit() for t in body)
+
+
+def _CaseTest(subject, tokens):
+    """The test a `case` with the pattern `tokens` makes of the subject, a
+    name, as a condition (class patterns as isinstance, literals as `==`,
+    None, True and False as `is`, and its guard), or None; and whether the
+    case fails only when that test does (no sub-patterns, no guard)."""
+    if not subject or not subject.isidentifier():
+        return None, False
+    pattern, *guard = _SplitTopLevel(tokens, "if")
+    alternatives = _SplitTopLevel(pattern, "|")
+    last = alternatives[-1]
+    if len(last) > 2 and last[-2] == "as":
+        alternatives[-1] = last[:-2]
+    classes, values, whole = [], [], not guard
+    for alt in alternatives:
+        if len(alt) > 2 and alt[-1] == ")" and _IsDottedName(alt[:alt.index("(")]):
+            classes.append("".join(alt[:alt.index("(")]))
+            whole = whole and alt.index("(") == len(alt) - 2
+        elif alt in (["None"], ["True"], ["False"]):
+            values.append(f"{subject} is {alt[0]}")
+        elif _IsLiteral(alt) or (_IsDottedName(alt) and len(alt) > 1):
+            values.append(f"{subject} == {' '.join(alt)}")
+        else:
+            return None, False   # a capture, a sequence, a mapping: no test written here
+    if classes and values or len(values) > 1:
+        return None, False       # (a true `or` of tests says nothing)
+    test = f"isinstance ( {subject} , ( {' , '.join(classes)} , ) )" if classes else values[0]
+    if guard:
+        test = f"{test} and ( {' '.join(guard[0])} )"
+    return test, whole
+
+
 def _Yields(logical):
     return "yield" in logical.fText and any(logical.GetTokenString(i) == "yield"
                                             for i in range(logical.fTokenCount))
@@ -96,13 +151,14 @@ def _IfChains(body):
     return chains
 
 
+_kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
 _kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kContinue,
                          logicalline.kBreak})
 
 
 class _CGuardBlock:
     __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain",
-                 "chain_exits", "last")
+                 "chain_exits", "last", "breaks", "misses")
 
     def __init__(self, header, indent, kind, condition, inside):
         self.header, self.indent, self.kind, self.condition = header, indent, kind, condition
@@ -112,6 +168,8 @@ class _CGuardBlock:
         self.chain = []           # (header, condition) of the if/elif chain just closed here
         self.chain_exits = False  # whether every block of that chain always leaves
         self.last = None          # kind of the latest logical directly in the block
+        self.breaks = False       # for a loop: whether a `break` leaves it
+        self.misses = []          # for a `match`: (header, test) of its cases that fail only by their test
 
 
 def _Conditions(body):
@@ -120,7 +178,10 @@ def _Conditions(body):
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding; at an `elif` header too), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`, and an earlier `assert` of its block (holding).  The
+    `elif` or `else`, an earlier `assert` of its block (holding), and the
+    condition of an earlier `while` of its block that no `break` leaves
+    (not holding, after the loop's last logical: its `else` and what
+    follows run once the condition was found false).  The
     skips: the other earlier `if` blocks (the first of a chain too), and
     if/elif chains without an `else` (their conditions joined by `or`), as
     (header index, condition text, last logical of the block): what was set
@@ -159,6 +220,8 @@ def _Conditions(body):
                     # past it only when none of its conditions held.
                     parent.skips.append((chain[0][0], " or ".join(f"( {c} )" for _h, c in chain), i - 1))
                 parent.chain = []
+            if block.kind == logicalline.kWhileBeginning and not block.breaks and block.condition:
+                parent.exits.append((i - 1, block.condition, False))
             if block.kind == logicalline.kIfBeginning and exits:
                 if not (continues_chain and same_level):
                     parent.exits.append((block.header, block.condition, False))
@@ -174,6 +237,10 @@ def _Conditions(body):
             if logical.fType == logicalline.kElifBeginning else []
         guards.append(tuple(g for b in stack for g in b.inside + b.exits) + tuple(tested_after))
         skips.append(tuple(k for b in stack for k in b.skips))
+        if logical.fType == logicalline.kBreak:
+            loop = next((b for b in reversed(stack) if b.kind in _kLoopKinds), None)
+            if loop is not None:
+                loop.breaks = True
         if logical.fType == logicalline.kAssert:
             asserted = _AssertedCondition(logical)
             if asserted:
@@ -184,6 +251,12 @@ def _Conditions(body):
         condition = " ".join(_InnerTokens(logical)) or None
         if logical.fType in (logicalline.kIfBeginning, logicalline.kWhileBeginning):
             inside = [(i, condition, True)]
+        elif logical.fType == logicalline.kCase and parent.kind == logicalline.kMatch:
+            # A case runs when the earlier ones failed and its pattern matches.
+            test, whole = _CaseTest(parent.condition, _InnerTokens(logical))
+            inside = [(h, c, False) for h, c in parent.misses] + ([(i, test, True)] if test else [])
+            if whole:
+                parent.misses.append((i, test))
         elif logical.fType == logicalline.kElifBeginning:
             inside = [(h, c, False) for h, c in parent.chain] + [(i, condition, True)]
         elif logical.fType == logicalline.kElseBeginning:
@@ -192,9 +265,6 @@ def _Conditions(body):
             inside = []
         stack.append(_CGuardBlock(i, indent, logical.fType, condition, inside))
     return guards, skips, block_exits
-
-
-_kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
 
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first

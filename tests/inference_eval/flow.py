@@ -279,7 +279,37 @@ def ConstantBranches():
     level  # expect: int
 
 
+def Drained(queue: list[int], mode: int | str):
+    """After a `while` that no `break` leaves, its condition is false."""
+    item = queue.pop() if queue else None
+    while item is not None:
+        item = queue.pop() if queue else None
+    item  # expect: None
+    while isinstance(mode, int):
+        if mode > 3:
+            break
+        mode = str(mode)
+    mode  # expect: int | str
+
+
+def Matched(shape: int | str | None):
+    """A case's pattern tests the subject (class patterns, None, literals);
+    a later case runs when the earlier ones failed."""
+    match shape:
+        case int():
+            shape  # expect: int
+        case None:
+            shape  # expect: None
+        case "square" if len(shape) > 3:
+            shape  # expect: str
+        case _:
+            shape  # expect: str
+
+
 def _main():
+    for shape in (1, None, "square", "o"):
+        Matched(shape)
+    Drained([1, 2], 1)
     ConstantBranches()
     globals()["injected"] = "s"
     Injected()
