@@ -16,10 +16,11 @@ matches (type arguments ignored) and incomplete answers, then the misses.
 The checker states the declared or inferred type, the engine the values that
 can reach the line: cases are kept only where the two can be compared.  Left
 out, and counted by reason: cases the checker skips, cases that expect errors,
-need flags, configuration or plugins, or run in several steps; reveal lines
-not alone on their line; answers that are Any, Never, type variables, callable
-signatures, TypedDicts, intersections and other forms without a class.
-Literal types count as the literal's class (`Literal[1]?` is `int`).
+need flags, configuration or plugins, run in several steps or import the
+checker's own modules; reveal lines not alone on their line or in stubs;
+answers that are Any, Never, type variables, callable signatures, TypedDicts,
+intersections and other forms without a class.  Literal types count as the
+literal's class (`Literal[1]?` is `int`), `type[None]` as NoneType's class.
 """
 
 import argparse

@@ -279,6 +279,16 @@ def Tested(value: Union[int, str, None], kind: type, maybe: Optional[int]):
         value  # expect: str
 
 
+def Measured(pair: Union[tuple[int, str], tuple[int]], many: tuple[float, ...]):
+    """`len(x)` against a number tells tuples apart by their items."""
+    if len(pair) == 2:
+        pair  # expect: tuple[int, str]
+    if 1 >= len(pair):
+        pair  # expect: tuple[int]
+    if len(many) == 2:
+        many  # expect: tuple[float, float]
+
+
 def Flagged(flag: Union[bool, str]):
     if flag is True:
         flag  # expect: bool
@@ -302,6 +312,8 @@ Tested(1, float, None)
 Tested(None, bytes, 1)
 Felt(Color.RED)
 Flagged(True)
+Measured((1, "a"), (1.0, 2.0))
+Measured((1,), (1.0,))
 Flagged(False)
 Flagged("x")
 Felt(3)

@@ -830,6 +830,8 @@ private:
     void NarrowByComparison(const Tree &tree, std::int32_t left, std::int32_t right, const Frame &frame,
                             std::string_view name, bool holds, ValueSet &values);
     ValueSet TestedClasses(const Tree &tree, std::int32_t node, const Frame &frame);
+    void NarrowByLength(const Tree &tree, std::int32_t left, std::int32_t right, const std::string &op,
+                        const Frame &frame, std::string_view name, bool holds, ValueSet &values);
     ValueSet GuardedType(nb::handle def_single, std::string &form);
     void NarrowByTypeGuard(const Tree &tree, std::int32_t callee, const Frame &frame, bool holds, ValueSet &values);
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);

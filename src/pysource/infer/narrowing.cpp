@@ -4,6 +4,7 @@
 #include "pysource/infer/evaluator.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include <nanobind/stl/string.h>
@@ -86,6 +87,35 @@ bool IsNameOrWalrus(const pgen::Tree &tree, std::int32_t node, std::string_view 
 bool TestsName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
     return IsNameOrWalrus(tree, node, name) || IsTypeOfName(tree, node, name);
 }
+
+// The call `len(name)`.
+bool IsLenOfName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
+    const Node &n = tree.nodes[(std::size_t) node];
+    return n.kind == NodeKind::kCall && n.kids_count == 2 && IsNameNode(tree, tree.Kid(n, 0), "len") &&
+           IsNameNode(tree, tree.Kid(n, 1), name);
+}
+
+// Whether `size op bound` holds for the comparison operator `op` ("< ",
+// "== ", ...); nullopt for another operator.
+std::optional<bool> SizeCompares(std::string_view op, long long size, long long bound) {
+    if (op == "== ")
+        return size == bound;
+    if (op == "!= ")
+        return size != bound;
+    if (op == "< ")
+        return size < bound;
+    if (op == "<= ")
+        return size <= bound;
+    if (op == "> ")
+        return size > bound;
+    if (op == ">= ")
+        return size >= bound;
+    return std::nullopt;
+}
+
+// A homogeneous tuple's length past which `len(x) == n` doesn't spell out
+// its items.
+constexpr long long kMaxSpelledTupleLength = 8;
 
 // The constant True or False: its text; "" for anything else.
 std::string_view BoolConstant(const pgen::Tree &tree, std::int32_t node) {
@@ -356,6 +386,10 @@ void CEvaluator::NarrowByComparison(const Tree &tree, std::int32_t left, std::in
     if (!TestsName(tree, left, name) && TestsName(tree, right, name) && (identity || op == "== " || op == "!= ") &&
         (!identity || IsNoneNode(tree, left) || IsTypeOfName(tree, right, name)))
         std::swap(left, right);
+    if (IsLenOfName(tree, left, name) || IsLenOfName(tree, right, name)) {
+        NarrowByLength(tree, left, right, op, frame, name, holds, values);
+        return;
+    }
     bool member = op == "in " || op == "not in ";
     bool equal = op == "is " || op == "== " || op == "in ";
     if (!equal && !member && op != "is not " && op != "!= ")
@@ -430,6 +464,53 @@ void CEvaluator::NarrowByComparison(const Tree &tree, std::int32_t left, std::in
         }
         values = NarrowToObjects(values, objects, positive);
     }
+}
+
+// `len(name) < n` (either way round) of a constant n: the tuples whose
+// number of items passes; a tuple of any length `tuple[T, ...]` whose length
+// the test fixes becomes one of that many T's.  Other values stay.
+void CEvaluator::NarrowByLength(const Tree &tree, std::int32_t left, std::int32_t right, const std::string &op,
+                                const Frame &frame, std::string_view name, bool holds, ValueSet &values) {
+    bool len_left = IsLenOfName(tree, left, name);
+    static const std::map<std::string, std::string> kMirrored{{"< ", "> "},   {"> ", "< "},   {"<= ", ">= "},
+                                                             {">= ", "<= "}, {"== ", "== "}, {"!= ", "!= "}};
+    auto mirrored = kMirrored.find(op);
+    if (mirrored == kMirrored.end())
+        return;
+    std::string_view len_op = len_left ? std::string_view(op) : std::string_view(mirrored->second);
+    std::optional<long long> bound;
+    {
+        Loose loose(fStrictNarrowing);
+        bound = ConstantInt(Eval(tree, len_left ? right : left, frame));
+    }
+    if (!bound)
+        return;
+    // The one length the test leaves, if it leaves one.
+    bool exact_length = (len_op == "== ") == holds && (len_op == "== " || len_op == "!= ");
+    ValueSet kept;
+    for (const nb::object &v : values.Items()) {
+        std::vector<nb::object> positions;
+        if (TuplePositions(v, positions)) {
+            if (*SizeCompares(len_op, (long long) positions.size(), *bound) == holds)
+                kept.Add(v);
+            continue;
+        }
+        si::CSingleResolvedInfo *s = Single(v);
+        bool homogeneous = s->IsInstance(false) && NameOf(s) == "tuple" && s->loc.is(BuiltinLoc()) &&
+                           !s->fTypeArgs.is_none() && PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == 2 &&
+                           IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), 1));
+        if (!homogeneous || !exact_length || *bound < 0 || *bound > kMaxSpelledTupleLength) {
+            kept.Add(v);
+            continue;
+        }
+        nb::list items;
+        for (long long i = 0; i < *bound; ++i)
+            items.append(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), 0)));
+        auto *spelled = new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef);
+        spelled->fTypeArgs = nb::tuple(items);
+        kept.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(spelled)));
+    }
+    values = kept.Empty() && !fStrictNarrowing ? values : kept;
 }
 
 // What the return hint `TypeGuard[T]` or `TypeIs[T]` of the def `def_single`
