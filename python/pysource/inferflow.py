@@ -47,6 +47,12 @@ def _AssertedCondition(logical):
     return " ".join(tokens) or None
 
 
+# Classes whose class pattern's one positional sub-pattern matches the subject
+# itself (`case int(n):`).
+_kSelfMatchingClasses = frozenset({"bool", "bytearray", "bytes", "dict", "float", "frozenset", "int",
+                                   "list", "set", "str", "tuple"})
+
+
 def _SplitTopLevel(tokens, separator):
     """`tokens` split at the `separator` tokens outside brackets."""
     parts, depth = [[]], 0
@@ -86,8 +92,12 @@ def _CaseTest(subject, tokens):
     classes, values, whole = [], [], not guard
     for alt in alternatives:
         if len(alt) > 2 and alt[-1] == ")" and _IsDottedName(alt[:alt.index("(")]):
-            classes.append("".join(alt[:alt.index("(")]))
-            whole = whole and alt.index("(") == len(alt) - 2
+            cls = "".join(alt[:alt.index("(")])
+            inner = alt[alt.index("(") + 1:-1]
+            classes.append(cls)
+            # (`int(n)` captures the subject itself: it fails only by the test)
+            whole = whole and (not inner or (cls in _kSelfMatchingClasses and len(inner) == 1 and
+                                             inner[0].isidentifier()))
         elif alt in (["None"], ["True"], ["False"]):
             values.append(f"{subject} is {alt[0]}")
         elif _IsLiteral(alt) or (_IsDottedName(alt) and len(alt) > 1):
@@ -100,6 +110,80 @@ def _CaseTest(subject, tokens):
     if guard:
         test = f"{test} and ( {' '.join(guard[0])} )"
     return test, whole
+
+
+def _PatternCaptures(tokens, path, out):
+    """Appends to `out` (name, expression) for each name the pattern
+    `tokens` binds to a part of the value `path` it matches that an
+    expression reads: the value itself (a capture, `P as name`), an
+    attribute (`C(attr=name)`), an item by position or key (`[a, b]`,
+    `{"k": v}`).  Parts no expression reads are left out."""
+    last = tokens[-2:]
+    if len(tokens) > 2 and last[0] == "as" and last[1].isidentifier():
+        out.append((last[1], path))
+        _PatternCaptures(tokens[:-2], path, out)
+        return
+    alternatives = _SplitTopLevel(tokens, "|")
+    if len(alternatives) > 1:
+        # An or-pattern binds the same names in each alternative.
+        _PatternCaptures(alternatives[0], path, out)
+        return
+    if len(tokens) == 1:
+        if tokens[0].isidentifier() and tokens[0] not in ("_", "None", "True", "False"):
+            out.append((tokens[0], path))
+        return
+    if not tokens or tokens[-1] not in (")", "]", "}"):
+        return
+    open_i = next((k for k, t in enumerate(tokens) if t in ("(", "[", "{")), None)
+    items = [item for item in _SplitTopLevel(tokens[open_i + 1:-1], ",") if item]
+    head = tokens[:open_i]
+    if head and _IsDottedName(head):
+        positional = [item for item in items if item[1:2] != ["="]]
+        if "".join(head) in _kSelfMatchingClasses and len(positional) == 1:
+            _PatternCaptures(positional[0], path, out)
+        for item in items:
+            if item[1:2] == ["="] and item[0].isidentifier():
+                _PatternCaptures(item[2:], f"{path}.{item[0]}", out)
+        return
+    if head:
+        return
+    if tokens[0] == "{":
+        for item in items:
+            key, *value = _SplitTopLevel(item, ":")
+            if value and (_IsLiteral(key) or _IsDottedName(key)):
+                _PatternCaptures(value[0], f"{path}[{' '.join(key)}]", out)
+        return
+    if tokens[0] == "(" and len(items) == 1 and "," not in tokens:
+        _PatternCaptures(items[0], path, out)    # a pattern in parentheses
+        return
+    for position, item in enumerate(items):
+        if item[:1] == ["*"]:
+            break                                 # (what follows a star has no fixed position)
+        _PatternCaptures(item, f"{path}[{position}]", out)
+
+
+def _Captures(body):
+    """One tuple per logical of a scope body: at a `case` of a `match` whose
+    subject is a name, (index, "name := expression", 0) for each name its
+    pattern binds to a part an expression reads, to be read at `index` (the
+    case's first logical: where its test holds)."""
+    captures = [()] * len(body)
+    subjects = []   # (indent, subject) of the match statements open
+    for i, logical in enumerate(body):
+        if logical.fType == logicalline.kComment:
+            continue
+        indent = logical.fIndentLevel
+        while subjects and subjects[-1][0] >= indent:
+            subjects.pop()
+        if logical.fType == logicalline.kMatch and _LastToken(logical) == ":":
+            subjects.append((indent, " ".join(_InnerTokens(logical))))
+        elif logical.fType == logicalline.kCase and subjects and subjects[-1][1].isidentifier() and \
+                _LastToken(logical) == ":":
+            pattern = _SplitTopLevel(_InnerTokens(logical), "if")[0]
+            found = []
+            _PatternCaptures(pattern, subjects[-1][1], found)
+            captures[i] = tuple((i + 1, f"{name} := {expression}", 0) for name, expression in found)
+    return captures
 
 
 def _Yields(logical):
@@ -270,9 +354,9 @@ def _Conditions(body):
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
 # yields, block exits, if chains, whether it always raises, def statements,
-# return statements).
+# return statements, what case patterns bind).
 (_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kRaises,
- _kDefStatements, _kReturns) = range(10)
+ _kDefStatements, _kReturns, _kCaptures) = range(11)
 _kDefKinds = frozenset({logicalline.kFunctionDef, logicalline.kClassDef})
 
 
@@ -296,7 +380,8 @@ def _BodyStructure(logicals):
                  if logical.fType in _kDefKinds and logical.fLocalScopeName is not None)
     returns = tuple(i for i, logical in enumerate(logicals) if logical.fType == logicalline.kReturn)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals), defs, returns)
+            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals), defs, returns,
+            tuple(_Captures(logicals)))
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -385,6 +470,13 @@ class CBlockStructure:
         def of `f`), or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kDefStatements]
+
+    def Captures(self, loc, scope_name):
+        """What the `case` patterns at each logical of the body of
+        `scope_name` in `loc` bind (see _Captures), as a tuple indexed by body
+        logical index, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kCaptures]
 
     def ReturnStatements(self, loc, scope_name):
         """The body logical indexes of the `return` statements of the body

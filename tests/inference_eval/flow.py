@@ -306,9 +306,35 @@ def Matched(shape: int | str | None):
             shape  # expect: str
 
 
+class Box:
+    def __init__(self, size: int):
+        self.size = size
+
+
+def Captured(point: tuple[int, str], record: dict[str, float], value: int | str | Box):
+    """What a case's pattern binds: the subject, its items, its attributes."""
+    match point:
+        case (x, label):
+            x  # expect: int
+            label  # expect: str
+    match record:
+        case {"w": w}:
+            w  # expect: float
+    match value:
+        case str(text):
+            text  # expect: str
+        case Box(size=size) as box:
+            size  # expect: int
+            box  # expect: Box
+        case other:
+            other  # expect: Box | int
+
+
 def _main():
     for shape in (1, None, "square", "o"):
         Matched(shape)
+    for value in ("t", Box(1), 3):
+        Captured((1, "a"), {"w": 1.5}, value)
     Drained([1, 2], 1)
     ConstantBranches()
     globals()["injected"] = "s"
