@@ -163,10 +163,10 @@ def _PatternCaptures(tokens, path, out):
 
 
 def _Captures(body):
-    """One tuple per logical of a scope body: at a `case` of a `match` whose
-    subject is a name, (index, "name := expression", 0) for each name its
-    pattern binds to a part an expression reads, to be read at `index` (the
-    case's first logical: where its test holds)."""
+    """One tuple per logical of a scope body: at a `case` of a `match`,
+    (index, "name := expression", 0) for each name its pattern binds to a
+    part an expression reads, to be read at `index` (the case's first
+    logical: where its test holds of a subject that is a name)."""
     captures = [()] * len(body)
     subjects = []   # (indent, subject) of the match statements open
     for i, logical in enumerate(body):
@@ -176,9 +176,9 @@ def _Captures(body):
         while subjects and subjects[-1][0] >= indent:
             subjects.pop()
         if logical.fType == logicalline.kMatch and _LastToken(logical) == ":":
-            subjects.append((indent, " ".join(_InnerTokens(logical))))
-        elif logical.fType == logicalline.kCase and subjects and subjects[-1][1].isidentifier() and \
-                _LastToken(logical) == ":":
+            subject = " ".join(_InnerTokens(logical))
+            subjects.append((indent, subject if subject.isidentifier() else f"( {subject} )"))
+        elif logical.fType == logicalline.kCase and subjects and _LastToken(logical) == ":":
             pattern = _SplitTopLevel(_InnerTokens(logical), "if")[0]
             found = []
             _PatternCaptures(pattern, subjects[-1][1], found)

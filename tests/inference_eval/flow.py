@@ -320,6 +320,9 @@ def Captured(point: tuple[int, str], record: dict[str, float], value: int | str 
     match record:
         case {"w": w}:
             w  # expect: float
+    match record.get("w"):
+        case found:
+            found  # expect: float | None
     match value:
         case str(text):
             text  # expect: str
