@@ -47,29 +47,39 @@ def _Selected(args):
     return [e for e in exps if not args.features or e.feature in args.features]
 
 
-def _Score(args):
+def ScoreExpectations(expectations, seconds, quiet, folder=inferevalset.kEvalDir,
+                      feature_of=lambda exp: exp.feature):
+    """Indexes `folder`, scores `expectations` (of its files) and prints the
+    table by `feature_of(expectation)`, then unless `quiet` every miss
+    ([loose] when the classes agree without type arguments)."""
     from pysource import manager
     mgr = manager.CAnalysisMgr(db_path=None)
     try:
         start = time.perf_counter()
-        inferevalset.IndexFolder(mgr)
+        inferevalset.IndexFolder(mgr, folder)
         indexed = time.perf_counter()
-        scores = inferevalset.ScoreAll(mgr, _Selected(args), args.seconds)
+        scores = inferevalset.ScoreAll(mgr, expectations, seconds)
         done = time.perf_counter()
     finally:
         mgr.destroy()
-    print(inferevalset.FormatTable(inferevalset.Table(scores)))
+    print(inferevalset.FormatTable(inferevalset.Table(scores, feature_of)))
     print(f"\nindexed in {indexed - start:.2f}s, resolved {len(scores)} expressions "
           f"in {done - indexed:.2f}s")
-    if not args.quiet:
-        misses = [s for s in scores if not s.exact]
-        print(f"\n{len(misses)} misses:")
-        for s in misses:
-            exp = s.expectation
-            mark = "" if s.complete else " (incomplete)"
-            print(f"  {_rel(exp.path)}:{exp.line}: {exp.expr}\n"
-                  f"      expected {' | '.join(exp.expected)}\n"
-                  f"      got      {' | '.join(s.got) or '(nothing)'}{mark}")
+    if quiet:
+        return
+    misses = [s for s in scores if not s.exact]
+    print(f"\n{len(misses)} misses:")
+    for s in misses:
+        exp = s.expectation
+        mark = "" if s.complete else " (incomplete)"
+        verdict = "loose" if s.loose else "miss"
+        print(f"  {os.path.relpath(exp.path, folder)}:{exp.line}: {exp.expr}  [{verdict}]\n"
+              f"      expected {' | '.join(exp.expected)}\n"
+              f"      got      {' | '.join(s.got) or '(nothing)'}{mark}")
+
+
+def _Score(args):
+    ScoreExpectations(_Selected(args), args.seconds, args.quiet)
 
 
 def _Verify():

@@ -120,12 +120,13 @@ def ScoreAll(mgr, expectations, seconds=inferquery.kDefaultSeconds):
     return scores
 
 
-def Table(scores):
-    """[(feature, expectations, exact, loose, incomplete)] per file, then the
+def Table(scores, feature_of=lambda exp: exp.feature):
+    """[(feature, expectations, exact, loose, incomplete)] per feature
+    (`feature_of(expectation)`, the file of the set by default), then the
     total as feature "total"."""
     rows = {}
     for score in scores:
-        row = rows.setdefault(score.expectation.feature, [0, 0, 0, 0])
+        row = rows.setdefault(feature_of(score.expectation), [0, 0, 0, 0])
         row[0] += 1
         row[1] += score.exact
         row[2] += score.loose

@@ -47,6 +47,145 @@ def _AssertedCondition(logical):
     return " ".join(tokens) or None
 
 
+# Classes whose class pattern's one positional sub-pattern matches the subject
+# itself (`case int(n):`).
+_kSelfMatchingClasses = frozenset({"bool", "bytearray", "bytes", "dict", "float", "frozenset", "int",
+                                   "list", "set", "str", "tuple"})
+
+
+def _SplitTopLevel(tokens, separator):
+    """`tokens` split at the `separator` tokens outside brackets."""
+    parts, depth = [[]], 0
+    for token in tokens:
+        depth += token in ("(", "[", "{")
+        depth -= token in (")", "]", "}")
+        if depth == 0 and token == separator:
+            parts.append([])
+        else:
+            parts[-1].append(token)
+    return parts
+
+
+def _IsDottedName(tokens):
+    return bool(tokens) and len(tokens) % 2 == 1 and all(
+        t.isidentifier() if k % 2 == 0 else t == "." for k, t in enumerate(tokens))
+
+
+def _IsLiteral(tokens):
+    body = tokens[1:] if tokens[:1] == ["-"] else tokens
+    return bool(body) and all(t[:1] in ("'", '"') or t[:2].lower() in ("b'", 'b"') or
+                              t[:1].isdigit() for t in body)
+
+
+def _CaseTest(subject, tokens):
+    """The test a `case` with the pattern `tokens` makes of the subject, a
+    name, as a condition (class patterns as isinstance, literals as `==`,
+    None, True and False as `is`, and its guard), or None; and whether the
+    case fails only when that test does (no sub-patterns, no guard)."""
+    if not subject or not subject.isidentifier():
+        return None, False
+    pattern, *guard = _SplitTopLevel(tokens, "if")
+    alternatives = _SplitTopLevel(pattern, "|")
+    last = alternatives[-1]
+    if len(last) > 2 and last[-2] == "as":
+        alternatives[-1] = last[:-2]
+    classes, values, whole = [], [], not guard
+    for alt in alternatives:
+        if len(alt) > 2 and alt[-1] == ")" and _IsDottedName(alt[:alt.index("(")]):
+            cls = "".join(alt[:alt.index("(")])
+            inner = alt[alt.index("(") + 1:-1]
+            classes.append(cls)
+            # (`int(n)` captures the subject itself: it fails only by the test)
+            whole = whole and (not inner or (cls in _kSelfMatchingClasses and len(inner) == 1 and
+                                             inner[0].isidentifier()))
+        elif alt in (["None"], ["True"], ["False"]):
+            values.append(f"{subject} is {alt[0]}")
+        elif _IsLiteral(alt) or (_IsDottedName(alt) and len(alt) > 1):
+            values.append(f"{subject} == {' '.join(alt)}")
+        else:
+            return None, False   # a capture, a sequence, a mapping: no test written here
+    if classes and values or len(values) > 1:
+        return None, False       # (a true `or` of tests says nothing)
+    test = f"isinstance ( {subject} , ( {' , '.join(classes)} , ) )" if classes else values[0]
+    if guard:
+        test = f"{test} and ( {' '.join(guard[0])} )"
+    return test, whole
+
+
+def _PatternCaptures(tokens, path, out):
+    """Appends to `out` (name, expression) for each name the pattern
+    `tokens` binds to a part of the value `path` it matches that an
+    expression reads: the value itself (a capture, `P as name`), an
+    attribute (`C(attr=name)`), an item by position or key (`[a, b]`,
+    `{"k": v}`).  Parts no expression reads are left out."""
+    last = tokens[-2:]
+    if len(tokens) > 2 and last[0] == "as" and last[1].isidentifier():
+        out.append((last[1], path))
+        _PatternCaptures(tokens[:-2], path, out)
+        return
+    alternatives = _SplitTopLevel(tokens, "|")
+    if len(alternatives) > 1:
+        # An or-pattern binds the same names in each alternative.
+        _PatternCaptures(alternatives[0], path, out)
+        return
+    if len(tokens) == 1:
+        if tokens[0].isidentifier() and tokens[0] not in ("_", "None", "True", "False"):
+            out.append((tokens[0], path))
+        return
+    if not tokens or tokens[-1] not in (")", "]", "}"):
+        return
+    open_i = next((k for k, t in enumerate(tokens) if t in ("(", "[", "{")), None)
+    items = [item for item in _SplitTopLevel(tokens[open_i + 1:-1], ",") if item]
+    head = tokens[:open_i]
+    if head and _IsDottedName(head):
+        positional = [item for item in items if item[1:2] != ["="]]
+        if "".join(head) in _kSelfMatchingClasses and len(positional) == 1:
+            _PatternCaptures(positional[0], path, out)
+        for item in items:
+            if item[1:2] == ["="] and item[0].isidentifier():
+                _PatternCaptures(item[2:], f"{path}.{item[0]}", out)
+        return
+    if head:
+        return
+    if tokens[0] == "{":
+        for item in items:
+            key, *value = _SplitTopLevel(item, ":")
+            if value and (_IsLiteral(key) or _IsDottedName(key)):
+                _PatternCaptures(value[0], f"{path}[{' '.join(key)}]", out)
+        return
+    if tokens[0] == "(" and len(items) == 1 and "," not in tokens:
+        _PatternCaptures(items[0], path, out)    # a pattern in parentheses
+        return
+    for position, item in enumerate(items):
+        if item[:1] == ["*"]:
+            break                                 # (what follows a star has no fixed position)
+        _PatternCaptures(item, f"{path}[{position}]", out)
+
+
+def _Captures(body):
+    """One tuple per logical of a scope body: at a `case` of a `match`,
+    (index, "name := expression", 0) for each name its pattern binds to a
+    part an expression reads, to be read at `index` (the case's first
+    logical: where its test holds of a subject that is a name)."""
+    captures = [()] * len(body)
+    subjects = []   # (indent, subject) of the match statements open
+    for i, logical in enumerate(body):
+        if logical.fType == logicalline.kComment:
+            continue
+        indent = logical.fIndentLevel
+        while subjects and subjects[-1][0] >= indent:
+            subjects.pop()
+        if logical.fType == logicalline.kMatch and _LastToken(logical) == ":":
+            subject = " ".join(_InnerTokens(logical))
+            subjects.append((indent, subject if subject.isidentifier() else f"( {subject} )"))
+        elif logical.fType == logicalline.kCase and subjects and _LastToken(logical) == ":":
+            pattern = _SplitTopLevel(_InnerTokens(logical), "if")[0]
+            found = []
+            _PatternCaptures(pattern, subjects[-1][1], found)
+            captures[i] = tuple((i + 1, f"{name} := {expression}", 0) for name, expression in found)
+    return captures
+
+
 def _Yields(logical):
     return "yield" in logical.fText and any(logical.GetTokenString(i) == "yield"
                                             for i in range(logical.fTokenCount))
@@ -96,13 +235,14 @@ def _IfChains(body):
     return chains
 
 
+_kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
 _kExitKinds = frozenset({logicalline.kReturn, logicalline.kRaise, logicalline.kContinue,
                          logicalline.kBreak})
 
 
 class _CGuardBlock:
     __slots__ = ("header", "indent", "kind", "condition", "inside", "exits", "skips", "chain",
-                 "chain_exits", "last")
+                 "chain_exits", "last", "breaks", "misses")
 
     def __init__(self, header, indent, kind, condition, inside):
         self.header, self.indent, self.kind, self.condition = header, indent, kind, condition
@@ -112,6 +252,8 @@ class _CGuardBlock:
         self.chain = []           # (header, condition) of the if/elif chain just closed here
         self.chain_exits = False  # whether every block of that chain always leaves
         self.last = None          # kind of the latest logical directly in the block
+        self.breaks = False       # for a loop: whether a `break` leaves it
+        self.misses = []          # for a `match`: (header, test) of its cases that fail only by their test
 
 
 def _Conditions(body):
@@ -120,7 +262,10 @@ def _Conditions(body):
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding; at an `elif` header too), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`, and an earlier `assert` of its block (holding).  The
+    `elif` or `else`, an earlier `assert` of its block (holding), and the
+    condition of an earlier `while` of its block that no `break` leaves
+    (not holding, after the loop's last logical: its `else` and what
+    follows run once the condition was found false).  The
     skips: the other earlier `if` blocks (the first of a chain too), and
     if/elif chains without an `else` (their conditions joined by `or`), as
     (header index, condition text, last logical of the block): what was set
@@ -159,6 +304,8 @@ def _Conditions(body):
                     # past it only when none of its conditions held.
                     parent.skips.append((chain[0][0], " or ".join(f"( {c} )" for _h, c in chain), i - 1))
                 parent.chain = []
+            if block.kind == logicalline.kWhileBeginning and not block.breaks and block.condition:
+                parent.exits.append((i - 1, block.condition, False))
             if block.kind == logicalline.kIfBeginning and exits:
                 if not (continues_chain and same_level):
                     parent.exits.append((block.header, block.condition, False))
@@ -174,6 +321,10 @@ def _Conditions(body):
             if logical.fType == logicalline.kElifBeginning else []
         guards.append(tuple(g for b in stack for g in b.inside + b.exits) + tuple(tested_after))
         skips.append(tuple(k for b in stack for k in b.skips))
+        if logical.fType == logicalline.kBreak:
+            loop = next((b for b in reversed(stack) if b.kind in _kLoopKinds), None)
+            if loop is not None:
+                loop.breaks = True
         if logical.fType == logicalline.kAssert:
             asserted = _AssertedCondition(logical)
             if asserted:
@@ -184,6 +335,12 @@ def _Conditions(body):
         condition = " ".join(_InnerTokens(logical)) or None
         if logical.fType in (logicalline.kIfBeginning, logicalline.kWhileBeginning):
             inside = [(i, condition, True)]
+        elif logical.fType == logicalline.kCase and parent.kind == logicalline.kMatch:
+            # A case runs when the earlier ones failed and its pattern matches.
+            test, whole = _CaseTest(parent.condition, _InnerTokens(logical))
+            inside = [(h, c, False) for h, c in parent.misses] + ([(i, test, True)] if test else [])
+            if whole:
+                parent.misses.append((i, test))
         elif logical.fType == logicalline.kElifBeginning:
             inside = [(h, c, False) for h, c in parent.chain] + [(i, condition, True)]
         elif logical.fType == logicalline.kElseBeginning:
@@ -193,16 +350,13 @@ def _Conditions(body):
         stack.append(_CGuardBlock(i, indent, logical.fType, condition, inside))
     return guards, skips, block_exits
 
-
-_kLoopKinds = frozenset({logicalline.kForBeginning, logicalline.kWhileBeginning})
-
 # What the engine asks of one scope body, as a plain tuple of tuples of
 # atomic values, which the garbage collector stops walking after its first
 # pass over it: (block paths, loop headers, guards, skipped ifs, whether it
 # yields, block exits, if chains, whether it always raises, def statements,
-# return statements).
+# return statements, what case patterns bind).
 (_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kRaises,
- _kDefStatements, _kReturns) = range(10)
+ _kDefStatements, _kReturns, _kCaptures) = range(11)
 _kDefKinds = frozenset({logicalline.kFunctionDef, logicalline.kClassDef})
 
 
@@ -226,7 +380,8 @@ def _BodyStructure(logicals):
                  if logical.fType in _kDefKinds and logical.fLocalScopeName is not None)
     returns = tuple(i for i, logical in enumerate(logicals) if logical.fType == logicalline.kReturn)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
-            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals), defs, returns)
+            tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals), defs, returns,
+            tuple(_Captures(logicals)))
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -315,6 +470,13 @@ class CBlockStructure:
         def of `f`), or None when the file can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kDefStatements]
+
+    def Captures(self, loc, scope_name):
+        """What the `case` patterns at each logical of the body of
+        `scope_name` in `loc` bind (see _Captures), as a tuple indexed by body
+        logical index, or None when the file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kCaptures]
 
     def ReturnStatements(self, loc, scope_name):
         """The body logical indexes of the `return` statements of the body

@@ -298,7 +298,66 @@ class Cached:
         return self.slot
 
 
+def Drained(queue: list[int], mode: int | str):
+    """After a `while` that no `break` leaves, its condition is false."""
+    item = queue.pop() if queue else None
+    while item is not None:
+        item = queue.pop() if queue else None
+    item  # expect: None
+    while isinstance(mode, int):
+        if mode > 3:
+            break
+        mode = str(mode)
+    mode  # expect: int | str
+
+
+def Matched(shape: int | str | None):
+    """A case's pattern tests the subject (class patterns, None, literals);
+    a later case runs when the earlier ones failed."""
+    match shape:
+        case int():
+            shape  # expect: int
+        case None:
+            shape  # expect: None
+        case "square" if len(shape) > 3:
+            shape  # expect: str
+        case _:
+            shape  # expect: str
+
+
+class Box:
+    def __init__(self, size: int):
+        self.size = size
+
+
+def Captured(point: tuple[int, str], record: dict[str, float], value: int | str | Box):
+    """What a case's pattern binds: the subject, its items, its attributes."""
+    match point:
+        case (x, label):
+            x  # expect: int
+            label  # expect: str
+    match record:
+        case {"w": w}:
+            w  # expect: float
+    match record.get("w"):
+        case found:
+            found  # expect: float | None
+    match value:
+        case str(text):
+            text  # expect: str
+        case Box(size=size) as box:
+            size  # expect: int
+            box  # expect: Box
+        case other:
+            other  # expect: Box | int
+
+
 def _main():
+    for shape in (1, None, "square", "o"):
+        Matched(shape)
+    for value in ("t", Box(1), 3):
+        Captured((1, "a"), {"w": 1.5}, value)
+    Drained([1, 2], 1)
     ConstantBranches()
     globals()["injected"] = "s"
     Injected()

@@ -133,7 +133,10 @@ list(range(3))  # expect: list[int]
 
 
 class Registry(type):
-    pass
+    loaded = 0
+
+    def Known(cls) -> list[str]:
+        return [cls.__name__]
 
 
 class Plugin(metaclass=Registry):
@@ -144,6 +147,8 @@ class Plugin(metaclass=Registry):
 
 
 type(Plugin)  # expect: type[Registry]
+Plugin.loaded  # expect: int
+Plugin.Known()  # expect: list[str]
 type(int)  # expect: type[type]
 getattr(Plugin, "version")  # expect: int
 getattr(Plugin(), "Name")()  # expect: str

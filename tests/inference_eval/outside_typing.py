@@ -5,7 +5,9 @@ import dataclasses
 import enum
 from dataclasses import dataclass, field
 from typing import (Callable, ClassVar, Final, Generic, Iterable, NamedTuple, Optional, Protocol,
-                    Sequence, TypedDict, TypeVar, Union, cast, overload)
+                    Sequence, TypedDict, TypeGuard, TypeVar, Union, cast, overload)
+
+from typing_extensions import TypeIs
 
 T = TypeVar("T")
 K = TypeVar("K")
@@ -242,11 +244,79 @@ def Guarded(value: Optional[int]):
     return value + 1
 
 
+def IsText(value: object) -> TypeGuard[str]:
+    return isinstance(value, str)
+
+
+def IsNumber(value: object) -> TypeIs[int]:
+    return isinstance(value, int)
+
+
+def Tested(value: Union[int, str, None], kind: type, maybe: Optional[int]):
+    """Type guards, issubclass, unions in isinstance, a class's identity,
+    comparisons written the other way round or chained."""
+    if IsText(value):
+        value  # expect: str
+    if IsNumber(value):
+        value  # expect: int
+    else:
+        value  # expect: None | str
+    if isinstance(value, int | str):
+        value  # expect: int | str
+    if value.__class__ is int:
+        value  # expect: int
+    if None is not value == "a":
+        value  # expect: str
+    if issubclass(kind, bytes):
+        kind  # expect: type[bytes]
+    if kind is float:
+        kind(1)  # expect: float
+    if None is not maybe:
+        maybe  # expect: int
+    if (found := maybe) is not None:
+        found  # expect: int
+    if value in ("a", "b"):
+        value  # expect: str
+
+
+def Measured(pair: Union[tuple[int, str], tuple[int]], many: tuple[float, ...]):
+    """`len(x)` against a number tells tuples apart by their items."""
+    if len(pair) == 2:
+        pair  # expect: tuple[int, str]
+    if 1 >= len(pair):
+        pair  # expect: tuple[int]
+    if len(many) == 2:
+        many  # expect: tuple[float, float]
+
+
+def Flagged(flag: Union[bool, str]):
+    if flag is True:
+        flag  # expect: bool
+    else:
+        flag  # expect: bool | str
+
+
+def Felt(mood: Union[Color, int]):
+    """Members of an enumeration are equal only to themselves."""
+    if mood == Color.RED:
+        mood  # expect: Color
+
+
 Narrow("a", "m", 1.5)
 Narrow(1, None, 2.5)
 Narrow([1], "x", "o")
 Guarded(3)  # expect: int
 Guarded(None)
+Tested("a", bytes, 3)
+Tested(1, float, None)
+Tested(None, bytes, 1)
+Felt(Color.RED)
+Flagged(True)
+Measured((1, "a"), (1.0, 2.0))
+Measured((1,), (1.0,))
+Flagged(False)
+Flagged("x")
+Felt(3)
 
 LIMIT: Final = 10
 LIMIT  # expect: int

@@ -482,10 +482,13 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         }
     }
     if (!via_instance) {
-        // What every class has, from its metaclass.
-        nb::object type = BuiltinClass("type");
-        if (!type.is_none() && !SameClass(Single(type), Single(cls)))
-            return ClassAttribute(type, name, receiver, {}, true);
+        // What the class doesn't have, from its metaclass (the one its order
+        // declares, else `type`), bound to the class.
+        nb::object meta = MetaclassOf(cls);
+        if (meta.is_none())
+            meta = BuiltinClass("type");
+        if (!meta.is_none() && !SameClass(Single(meta), Single(cls)))
+            return ClassAttribute(meta, name, receiver, {}, true);
     }
     return out;
 }

@@ -832,10 +832,26 @@ private:
                   ValueSet &values);
     void NarrowBySavedTest(const Frame &frame, std::string_view flag, std::string_view name, ValueSet &values);
     bool fInSavedTest = false;  // a saved test is not followed through another
+    void NarrowByComparison(const Tree &tree, std::int32_t left, std::int32_t right, const Frame &frame,
+                            std::string_view name, bool holds, ValueSet &values);
+    ValueSet TestedClasses(const Tree &tree, std::int32_t node, const Frame &frame);
+    void NarrowByLength(const Tree &tree, std::int32_t left, std::int32_t right, const std::string &op,
+                        const Frame &frame, std::string_view name, bool holds, ValueSet &values);
+    ValueSet GuardedType(nb::handle def_single, std::string &form);
+    void NarrowByTypeGuard(const Tree &tree, std::int32_t callee, const Frame &frame, bool holds, ValueSet &values);
     ValueSet NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds);
+    ValueSet NarrowToSubclasses(const ValueSet &values, const ValueSet &classes, bool holds);
     ValueSet NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds);
+    ValueSet NarrowToClassObjects(const ValueSet &values, const ValueSet &objects, bool holds);
+    // A class that isinstance can test (not a special form of typing).
+    bool IsPlainClass(nb::handle single);
+    bool TestableClasses(const ValueSet &classes, std::vector<nb::object> &wanted);
+    // Whether the class `cls` has one of `classes` in its order.
+    bool IsSubclassOfAny(nb::handle cls, const std::vector<nb::object> &classes);
+    bool IsAnyClassObject(nb::handle value);
     int EqualityKind(nb::handle value);
     ValueSet NarrowToEqual(const ValueSet &values, const ValueSet &others);
+    nb::object IdentityComparedClass(nb::handle value);
     ValueSet WithoutExactClasses(const ValueSet &values, const ValueSet &classes);
     bool IsInstanceOfExactly(nb::handle value, const std::vector<nb::object> &classes, bool literals);
     // What `callable(value)` gives: true for functions, lambdas, classes and

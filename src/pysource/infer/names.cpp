@@ -1116,7 +1116,35 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     std::vector<std::pair<const EntryPiece *, long long>> singles;
     std::set<long long> before;  // logicals before the use that set the name
     long long best = -3;
-    auto says_value = [](const EntryPiece &piece) { return SaysValue(BareKindOf(piece)); };
+    // A name a `case` pattern binds first (its first setting there says no
+    // value) is the part of the subject the flow provider says it matched:
+    // an expression read at the case's first logical, where the case's test
+    // holds.  (Only the first setting of a name is marked: a later case that
+    // binds it again is not seen.)
+    const EntryPiece *capture_piece = nullptr;
+    const FlowGuard *capture = nullptr;
+    for (const EntryPiece &piece : parsed->pieces) {
+        std::optional<long long> first_set = name.empty() ? std::nullopt : FirstSetIndex(piece);
+        if (!first_set)
+            continue;
+        // (A value set there, or where the entry doesn't say (a def, a
+        // class, an import), tells it isn't one.)
+        bool valued = *first_set < 0 || std::any_of(parsed->pieces.begin(), parsed->pieces.end(), [&](const EntryPiece &p) {
+                          return (!p.index || *p.index == *first_set) && SaysValue(BareKindOf(p));
+                      });
+        const FlowGuardRows *captures = valued ? nullptr : ConditionsOf(scope, "Captures");
+        if (captures && (std::size_t) *first_set < captures->size())
+            for (const FlowGuard &bound : (*captures)[(std::size_t) *first_set]) {
+                std::string_view text = std::get<1>(bound);
+                if (text.starts_with(name) && text.substr(name.size()).starts_with(" := ")) {
+                    capture_piece = &piece;
+                    capture = &bound;
+                }
+            }
+        break;
+    }
+    auto capture_of = [&](const EntryPiece &piece) { return &piece == capture_piece ? capture : nullptr; };
+    auto says_value = [&](const EntryPiece &piece) { return SaysValue(BareKindOf(piece)) || capture_of(piece); };
     // A def or class statement sets its name where it stands, like an
     // assignment: a use before it doesn't see it.  (Where it stands, and
     // whether a constant test rules a setting out, matter only to a name set
@@ -1126,6 +1154,7 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
         if (!says_value(piece))
             continue;
         long long at = piece.index                                      ? *piece.index
+                       : capture_of(piece)                               ? *FirstSetIndex(piece)
                        : set_again && use_index >= 0 && !piece.malformed ? DefStatementAt(scope, piece.bare)
                                                                          : -2;
         // (A use that never runs itself reads what its dead block sets.)
@@ -1226,7 +1255,11 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
             continue;
         // What callers pass is read for the use: tests there may rule callers out.
         bool passed = at < -1 && piece->kind == si::kArgKind;
-        ValueSet values = ValuesOfPiece(scope, *piece, passed ? use_index : -2);
+        const FlowGuard *captured = capture_of(*piece);
+        ValueSet values =
+            captured ? ResolveText(scope, std::string_view(std::get<1>(*captured)).substr(name.size() + 4),
+                                   std::get<0>(*captured))
+                     : ValuesOfPiece(scope, *piece, passed ? use_index : -2);
         if (at >= 0 && !name.empty())
             values = WithItemsFromUses(values, [&]() {
                 long long until = -1;  // the next setting of the name

@@ -4,6 +4,7 @@
 #include "pysource/infer/evaluator.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include <nanobind/stl/string.h>
@@ -53,13 +54,74 @@ bool ClasslessValueIsA(si::CSingleResolvedInfo *value, si::CSingleResolvedInfo *
     return (bound ? kMethodClasses : kFunctionClasses).count(name) > 0;
 }
 
-// The call `type(name)`.
+// The class of `name`: the call `type(name)` or `name.__class__`.
 bool IsTypeOfName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
     if (node < 0)
         return false;
     const Node &n = tree.nodes[(std::size_t) node];
+    if (n.kind == NodeKind::kAttribute)
+        return TokAt(tree, n.aux) == "__class__" && IsNameNode(tree, tree.Kid(n, 0), name);
     return n.kind == NodeKind::kCall && n.kids_count == 2 && IsNameNode(tree, tree.Kid(n, 0), "type") &&
            IsNameNode(tree, tree.Kid(n, 1), name);
+}
+
+// The text of the operator between two operands of a comparison, its
+// words joined by spaces and ended by one ("is not ", "== ").
+std::string CompareOp(const pgen::Tree &tree, std::int32_t left, std::int32_t right) {
+    std::string op;
+    for (std::int32_t t = tree.nodes[(std::size_t) left].tok_end; t < tree.nodes[(std::size_t) right].tok_begin; ++t)
+        op += std::string(TokAt(tree, t)) + " ";
+    return op;
+}
+
+// The name itself, or a walrus that sets it (`(name := f()) is None`).
+bool IsNameOrWalrus(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
+    if (node < 0)
+        return false;
+    const Node &n = tree.nodes[(std::size_t) node];
+    return IsNameNode(tree, node, name) || (n.kind == NodeKind::kNamedExpr && IsNameNode(tree, tree.Kid(n, 0), name));
+}
+
+// Whether the operand `node` of a comparison is what tests `name`: the name
+// itself (or a walrus that sets it) or its class.
+bool TestsName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
+    return IsNameOrWalrus(tree, node, name) || IsTypeOfName(tree, node, name);
+}
+
+// The call `len(name)`.
+bool IsLenOfName(const pgen::Tree &tree, std::int32_t node, std::string_view name) {
+    const Node &n = tree.nodes[(std::size_t) node];
+    return n.kind == NodeKind::kCall && n.kids_count == 2 && IsNameNode(tree, tree.Kid(n, 0), "len") &&
+           IsNameNode(tree, tree.Kid(n, 1), name);
+}
+
+// Whether `size op bound` holds for the comparison operator `op` ("< ",
+// "== ", ...); nullopt for another operator.
+std::optional<bool> SizeCompares(std::string_view op, long long size, long long bound) {
+    if (op == "== ")
+        return size == bound;
+    if (op == "!= ")
+        return size != bound;
+    if (op == "< ")
+        return size < bound;
+    if (op == "<= ")
+        return size <= bound;
+    if (op == "> ")
+        return size > bound;
+    if (op == ">= ")
+        return size >= bound;
+    return std::nullopt;
+}
+
+// A homogeneous tuple's length past which `len(x) == n` doesn't spell out
+// its items.
+constexpr long long kMaxSpelledTupleLength = 8;
+
+// The constant True or False: its text; "" for anything else.
+std::string_view BoolConstant(const pgen::Tree &tree, std::int32_t node) {
+    const Node &n = tree.nodes[(std::size_t) node];
+    std::string_view text = TokAt(tree, n.tok_begin);
+    return n.kind == NodeKind::kConstant && (text == "True" || text == "False") ? text : std::string_view();
 }
 
 
@@ -232,16 +294,17 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
         return;
     const Node &n = tree.nodes[(std::size_t) node];
     switch (n.kind) {
+    case NodeKind::kNamedExpr:
     case NodeKind::kName:
         // A true value is never None (None alone: nothing is known there).
-        if (TokAt(tree, n.aux) == name) {
+        if (IsNameOrWalrus(tree, node, name)) {
             // A false value is none that is true whatever it holds.
             ValueSet kept;
             for (const nb::object &v : values.Items())
                 if (holds ? !IsNoneLiteral(v) : !IsSurelyTrue(v))
                     kept.Add(v);
             values = kept;
-        } else if (holds) {
+        } else if (holds && n.kind == NodeKind::kName) {
             NarrowBySavedTest(frame, TokAt(tree, n.aux), name, values);
         }
         return;
@@ -280,87 +343,275 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             values = kept;
             return;
         }
-        // isinstance(name, C) or isinstance(name, (C, D)).
-        if (n.kids_count != 3 || !IsNameNode(tree, tree.Kid(n, 0), "isinstance") ||
-            !IsNameNode(tree, tree.Kid(n, 1), name))
+        if (n.kids_count < 2 || !IsNameNode(tree, tree.Kid(n, 1), name))
             return;
-        std::int32_t kinds = tree.Kid(n, 2);
-        const Node &k = tree.nodes[(std::size_t) kinds];
+        // isinstance(name, C), issubclass(name, C); C may be a tuple or a
+        // union (`int | str`) of classes.
+        bool subclass = IsNameNode(tree, tree.Kid(n, 0), "issubclass");
+        if (n.kids_count != 3 || !(subclass || IsNameNode(tree, tree.Kid(n, 0), "isinstance"))) {
+            // A call of a def that returns TypeGuard[T] or TypeIs[T].
+            NarrowByTypeGuard(tree, tree.Kid(n, 0), frame, holds, values);
+            return;
+        }
         ValueSet classes;
         {
             Loose loose(fStrictNarrowing);
-            if (k.kind == NodeKind::kTuple)
-                for (std::int32_t i = 0; i < k.kids_count; ++i)
-                    classes.Merge(Eval(tree, tree.Kid(k, i), frame));
-            else
-                classes = Eval(tree, kinds, frame);
+            classes = TestedClasses(tree, tree.Kid(n, 2), frame);
         }
-        values = NarrowToClasses(values, classes, holds);
+        values = subclass ? NarrowToSubclasses(values, classes, holds) : NarrowToClasses(values, classes, holds);
         return;
     }
-    case NodeKind::kCompare: {
-        // name is None, name is not None, type(name) is C (and == / !=),
-        // type(name) in (C, D), name is SENTINEL, name == VALUE.
-        if (n.kids_count != 2)
-            return;
-        std::int32_t left = tree.Kid(n, 0), right = tree.Kid(n, 1);
-        std::string op;
-        for (std::int32_t t = tree.nodes[(std::size_t) left].tok_end; t < tree.nodes[(std::size_t) right].tok_begin; ++t)
-            op += std::string(TokAt(tree, t)) + " ";
-        bool member = op == "in " || op == "not in ";
-        bool equal = op == "is " || op == "== " || op == "in ";
-        if (!equal && !member && op != "is not " && op != "!= ")
-            return;
-        bool positive = equal == holds;
-        if (IsTypeOfName(tree, left, name)) {
-            ValueSet classes;
-            {
-                Loose loose(fStrictNarrowing);
-                classes = Eval(tree, right, frame);
-            }
-            if (member)
-                classes = IterItems(classes);
-            if (positive) {
-                // Exactly those classes: instances of their subclasses go.
-                ValueSet narrowed = NarrowToClasses(values, classes, true), exact;
-                for (const nb::object &v : narrowed.Items())
-                    if (IsInstanceOfExactly(v, classes.Items(), true))
-                        exact.Add(v);
-                values = exact.Empty() ? narrowed : exact;
-            } else {
-                values = WithoutExactClasses(values, classes);
-            }
-        } else if (member) {
-            return;
-        } else if (IsNameNode(tree, left, name) && IsNoneNode(tree, right)) {
-            ValueSet kept;
-            for (const nb::object &v : values.Items())
-                if (IsNoneLiteral(v) == positive)
-                    kept.Add(v);
-            if (positive && kept.Empty() && !fStrictNarrowing)
-                kept.Add(LiteralSingle("None", std::nullopt));
-            values = kept;
-        } else if (IsNameNode(tree, left, name) && (op == "== " || op == "!= ") && positive) {
-            ValueSet others;
-            {
-                Loose loose(fStrictNarrowing);
-                others = Eval(tree, right, frame);
-            }
-            values = NarrowToEqual(values, others);
-        } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
-                   IsReference(tree, right)) {
-            ValueSet objects;
-            {
-                Loose loose(fStrictNarrowing);
-                objects = Eval(tree, right, frame);
-            }
-            values = NarrowToObjects(values, objects, positive);
-        }
+    case NodeKind::kCompare:
+        // A chain `a < b < c` holds when each of its comparisons does; false,
+        // it says which one failed only when there is one.
+        if (n.kids_count == 2 || holds)
+            for (std::int32_t i = 0; i + 1 < n.kids_count; ++i)
+                NarrowByComparison(tree, tree.Kid(n, i), tree.Kid(n, i + 1), frame, name, holds, values);
         return;
-    }
     default:
         return;
     }
+}
+
+void CEvaluator::NarrowByComparison(const Tree &tree, std::int32_t left, std::int32_t right, const Frame &frame,
+                                    std::string_view name, bool holds, ValueSet &values) {
+    // name is None, name is not None, type(name) is C (and == / !=),
+    // type(name) in (C, D), name is SENTINEL, name == VALUE; written the
+    // other way round too (`None is not x`, `C is type(x)`, `v == x`), but
+    // for `SENTINEL is x`, which is as likely to test SENTINEL.
+    if (left < 0 || right < 0)
+        return;
+    std::string op = CompareOp(tree, left, right);
+    bool identity = op == "is " || op == "is not ";
+    if (!TestsName(tree, left, name) && TestsName(tree, right, name) && (identity || op == "== " || op == "!= ") &&
+        (!identity || IsNoneNode(tree, left) || IsTypeOfName(tree, right, name)))
+        std::swap(left, right);
+    if (IsLenOfName(tree, left, name) || IsLenOfName(tree, right, name)) {
+        NarrowByLength(tree, left, right, op, frame, name, holds, values);
+        return;
+    }
+    bool member = op == "in " || op == "not in ";
+    bool equal = op == "is " || op == "== " || op == "in ";
+    if (!equal && !member && op != "is not " && op != "!= ")
+        return;
+    bool positive = equal == holds;
+    if (IsTypeOfName(tree, left, name)) {
+        ValueSet classes;
+        {
+            Loose loose(fStrictNarrowing);
+            classes = Eval(tree, right, frame);
+        }
+        if (member)
+            classes = IterItems(classes);
+        if (positive) {
+            // Exactly those classes: instances of their subclasses go.
+            ValueSet narrowed = NarrowToClasses(values, classes, true), exact;
+            for (const nb::object &v : narrowed.Items())
+                if (IsInstanceOfExactly(v, classes.Items(), true))
+                    exact.Add(v);
+            values = exact.Empty() ? narrowed : exact;
+        } else {
+            values = WithoutExactClasses(values, classes);
+        }
+    } else if (member) {
+        // `name in (1, 2)`: equal to one of the items.
+        if (!positive || !IsNameOrWalrus(tree, left, name))
+            return;
+        ValueSet items;
+        {
+            Loose loose(fStrictNarrowing);
+            items = IterItems(Eval(tree, right, frame));
+        }
+        values = NarrowToEqual(values, items);
+    } else if (IsNameOrWalrus(tree, left, name) && !BoolConstant(tree, right).empty() &&
+               (op == "is " || op == "is not ")) {
+        // `name is True`: a bool of that value (or of no known value).
+        std::string_view constant = BoolConstant(tree, right);
+        nb::object bool_class = BuiltinClass("bool");
+        ValueSet kept;
+        for (const nb::object &v : values.Items()) {
+            bool is_bool = !bool_class.is_none() && IsInstanceOfExactly(v, {bool_class}, true);
+            std::optional<std::string> value =
+                IsLiteralOfClass(v, "bool") ? si::UnpackLiteralInfo(Single(v)->Bare()).value : std::nullopt;
+            bool surely = is_bool && value && *value == constant;
+            if (positive ? is_bool && (!value || surely) : !surely)
+                kept.Add(v);
+        }
+        if (positive && kept.Empty() && !fStrictNarrowing)
+            kept.Add(LiteralSingle("bool", std::string(constant)));
+        values = kept;
+    } else if (IsNameOrWalrus(tree, left, name) && IsNoneNode(tree, right)) {
+        ValueSet kept;
+        for (const nb::object &v : values.Items())
+            if (IsNoneLiteral(v) == positive)
+                kept.Add(v);
+        if (positive && kept.Empty() && !fStrictNarrowing)
+            kept.Add(LiteralSingle("None", std::nullopt));
+        values = kept;
+    } else if (IsNameOrWalrus(tree, left, name) && (op == "== " || op == "!= ") && positive) {
+        ValueSet others;
+        {
+            Loose loose(fStrictNarrowing);
+            others = Eval(tree, right, frame);
+        }
+        values = NarrowToEqual(values, others);
+    } else if (IsNameOrWalrus(tree, left, name) && (op == "is " || op == "is not ") &&
+               IsReference(tree, right)) {
+        ValueSet objects;
+        {
+            Loose loose(fStrictNarrowing);
+            objects = Eval(tree, right, frame);
+        }
+        values = NarrowToObjects(values, objects, positive);
+    }
+}
+
+// `len(name) < n` (either way round) of a constant n: the tuples whose
+// number of items passes; a tuple of any length `tuple[T, ...]` whose length
+// the test fixes becomes one of that many T's.  Other values stay.
+void CEvaluator::NarrowByLength(const Tree &tree, std::int32_t left, std::int32_t right, const std::string &op,
+                                const Frame &frame, std::string_view name, bool holds, ValueSet &values) {
+    bool len_left = IsLenOfName(tree, left, name);
+    static const std::map<std::string, std::string> kMirrored{{"< ", "> "},   {"> ", "< "},   {"<= ", ">= "},
+                                                             {">= ", "<= "}, {"== ", "== "}, {"!= ", "!= "}};
+    auto mirrored = kMirrored.find(op);
+    if (mirrored == kMirrored.end())
+        return;
+    std::string_view len_op = len_left ? std::string_view(op) : std::string_view(mirrored->second);
+    std::optional<long long> bound;
+    {
+        Loose loose(fStrictNarrowing);
+        bound = ConstantInt(Eval(tree, len_left ? right : left, frame));
+    }
+    if (!bound)
+        return;
+    // The one length the test leaves, if it leaves one.
+    bool exact_length = (len_op == "== ") == holds && (len_op == "== " || len_op == "!= ");
+    ValueSet kept;
+    for (const nb::object &v : values.Items()) {
+        std::vector<nb::object> positions;
+        if (TuplePositions(v, positions)) {
+            if (*SizeCompares(len_op, (long long) positions.size(), *bound) == holds)
+                kept.Add(v);
+            continue;
+        }
+        si::CSingleResolvedInfo *s = Single(v);
+        bool homogeneous = s->IsInstance(false) && NameOf(s) == "tuple" && s->loc.is(BuiltinLoc()) &&
+                           !s->fTypeArgs.is_none() && PyTuple_GET_SIZE(s->fTypeArgs.ptr()) == 2 &&
+                           IsEllipsisArg(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), 1));
+        if (!homogeneous || !exact_length || *bound < 0 || *bound > kMaxSpelledTupleLength) {
+            kept.Add(v);
+            continue;
+        }
+        nb::list items;
+        for (long long i = 0; i < *bound; ++i)
+            items.append(nb::borrow(PyTuple_GET_ITEM(s->fTypeArgs.ptr(), 0)));
+        auto *spelled = new si::CSingleResolvedInfo(s->ibytes, s->scope, s->loc, s->fClassRef);
+        spelled->fTypeArgs = nb::tuple(items);
+        kept.Add(nb::cast(nb::ref<si::CSingleResolvedInfo>(spelled)));
+    }
+    values = kept.Empty() && !fStrictNarrowing ? values : kept;
+}
+
+// What the return hint `TypeGuard[T]` or `TypeIs[T]` of the def `def_single`
+// says its first argument is when it returns true (instances of T), with
+// `form` set to the form's name; nothing for any other def.
+ValueSet CEvaluator::GuardedType(nb::handle def_single, std::string &form) {
+    ValueSet out;
+    si::CSingleResolvedInfo *d = Single(def_single);
+    if (!si::IsDefKind(si::GetInfoBytesKind(d->Bare())))
+        return out;
+    const auto def_held = DefInfoOf(d->Bare());
+    const si::DefInfo &def = *def_held;
+    if (!def.return_hint)
+        return out;
+    const auto parsed = ParseText(*def.return_hint);
+    const Tree &tree = parsed->tree;
+    std::int32_t root = parsed->root;
+    if (root < 0 || tree.nodes[(std::size_t) root].kind != NodeKind::kSubscript)
+        return out;
+    const Node &n = tree.nodes[(std::size_t) root];
+    Frame frame{ScopeAt(d->loc, si::DefLineScope(NameOf(d))), -2, nullptr, nullptr};
+    for (const nb::object &head : Eval(tree, tree.Kid(n, 0), frame).Items()) {
+        std::string found = SpecialFormOf(head);
+        if (found == "TypeGuard" || found == "TypeIs") {
+            form = found;
+            return EvalType(tree, tree.Kid(n, 1), frame);
+        }
+    }
+    return out;
+}
+
+// `guard(name)` where guard returns TypeGuard[T] (true: name is a T) or
+// TypeIs[T] (true: name is a T of what it was; false: it is no T); nothing
+// when the callee is no such def.
+void CEvaluator::NarrowByTypeGuard(const Tree &tree, std::int32_t callee, const Frame &frame, bool holds,
+                                   ValueSet &values) {
+    ValueSet callees;
+    {
+        Loose loose(fStrictNarrowing);
+        callees = Eval(tree, callee, frame);
+    }
+    ValueSet guarded;
+    std::string form;
+    for (const nb::object &c : callees.Items())
+        guarded.Merge(GuardedType(c, form));
+    if (form == "TypeGuard") {
+        if (holds && !guarded.Empty())
+            values = guarded;
+        return;
+    }
+    if (form.empty())
+        return;
+    // A generic T (`list[int]`) tells apart the values of its very class by
+    // their type arguments too: true, those of a subclass or with the same
+    // arguments; false, all but those with the same arguments.
+    bool generic = std::any_of(guarded.Items().begin(), guarded.Items().end(),
+                               [](const nb::object &g) { return !Single(g)->fTypeArgs.is_none(); });
+    if (generic) {
+        auto is_guarded = [&](const nb::object &v, bool exactly) {
+            nb::object cls = ClassOfInstance(v);
+            return !cls.is_none() && std::any_of(guarded.Items().begin(), guarded.Items().end(), [&](const nb::object &g) {
+                nb::object g_cls = ClassOfInstance(g);
+                if (g_cls.is_none())
+                    return false;
+                if (SameClass(Single(g_cls), Single(cls)))
+                    return Single(g)->fTypeArgs.equal(Single(v)->fTypeArgs);
+                return !exactly && IsSubclassOfAny(cls, {g_cls});
+            });
+        };
+        ValueSet kept;
+        for (const nb::object &v : values.Items())
+            if (is_guarded(v, !holds) == holds)
+                kept.Add(v);
+        values = kept.Empty() && holds ? guarded : kept;
+        return;
+    }
+    ValueSet classes;
+    for (const nb::object &g : guarded.Items()) {
+        nb::object cls = ClassOfInstance(g);
+        if (cls.is_none())
+            return;  // a T isinstance can't test: nothing is learnt
+        classes.Add(cls);
+    }
+    values = NarrowToClasses(values, classes, holds);
+}
+
+// The classes an isinstance or issubclass test names: a class, or a tuple or
+// a union (`A | B`) of them, nested as far as written.
+ValueSet CEvaluator::TestedClasses(const Tree &tree, std::int32_t node, const Frame &frame) {
+    ValueSet classes;
+    if (node < 0)
+        return classes;
+    const Node &k = tree.nodes[(std::size_t) node];
+    bool union_of = k.kind == NodeKind::kBinOp && k.kids_count == 2 &&
+                    TokAt(tree, tree.nodes[(std::size_t) tree.Kid(k, 0)].tok_end) == "|";
+    if (k.kind == NodeKind::kTuple || union_of) {
+        for (std::int32_t i = 0; i < k.kids_count; ++i)
+            classes.Merge(TestedClasses(tree, tree.Kid(k, i), frame));
+        return classes;
+    }
+    return Eval(tree, node, frame);
 }
 
 // `ok = isinstance(x, C)` ... `if ok:`: a true flag says its test held
@@ -510,21 +761,53 @@ int CEvaluator::EqualityKind(nb::handle value) {
 // list); all of them when one of `others` is of a class whose `==` can't be told.
 ValueSet CEvaluator::NarrowToEqual(const ValueSet &values, const ValueSet &others) {
     std::set<int> kinds;
+    std::vector<nb::object> identity_classes;  // of the others that are equal only to themselves
     for (const nb::object &o : others.Items()) {
         int kind = EqualityKind(o);
-        if (kind < 0)
+        if (kind >= 0) {
+            kinds.insert(kind);
+            continue;
+        }
+        nb::object cls = IdentityComparedClass(o);
+        if (cls.is_none())
             return values;
-        kinds.insert(kind);
+        identity_classes.push_back(cls);
     }
-    if (kinds.empty())
+    if (kinds.empty() && identity_classes.empty())
         return values;
     ValueSet out;
     for (const nb::object &v : values.Items()) {
         int kind = EqualityKind(v);
-        if (kind < 0 || kinds.count(kind))
+        if (kind >= 0) {
+            if (kinds.count(kind))
+                out.Add(v);
+            continue;
+        }
+        // A value of a class with an `__eq__` of its own may say anything;
+        // one compared by identity is equal only to itself.
+        nb::object cls = IdentityComparedClass(v);
+        if (cls.is_none() || IsSubclassOfAny(cls, identity_classes))
             out.Add(v);
     }
     return out.Empty() && !fStrictNarrowing ? values : out;
+}
+
+// The class of the instance `value` when the `__eq__` its order finds is
+// object's (an enumeration's members, plain objects): equal only to
+// itself; None for any other value.
+nb::object CEvaluator::IdentityComparedClass(nb::handle value) {
+    nb::object cls = Single(value)->IsInstance(false) ? ClassOfInstance(value) : nb::none();
+    // (An `object` may be a value of any class.)
+    if (cls.is_none() || (Single(cls)->loc.is(BuiltinLoc()) && NameOf(Single(cls)) == "object"))
+        return nb::none();
+    for (const MroEntry &e : Mro(cls, {})) {
+        si::CSingleResolvedInfo *k = Single(e.cls);
+        ValueSet found;
+        int redirect = 0;
+        if (FindLocal(ScopeAt(k->loc, NameOf(k)), "__eq__", -2, found, redirect) && !found.Empty())
+            return k->loc.is(BuiltinLoc()) && NameOf(k) == "object" ? cls : nb::none();
+    }
+    return nb::none();
 }
 
 // The values whose class is none of `classes` (`type(x) is not C`: instances
@@ -544,10 +827,16 @@ ValueSet CEvaluator::WithoutExactClasses(const ValueSet &values, const ValueSet 
 // classes (`x is _MISSING`), told apart by their classes.  Nothing is learnt
 // from objects that aren't all such instances.
 ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &objects, bool holds) {
+    if (!objects.Empty() && std::all_of(objects.Items().begin(), objects.Items().end(),
+                                        [&](const nb::object &o) { return IsPlainClass(o); }))
+        return NarrowToClassObjects(values, objects, holds);
     std::vector<nb::object> classes;
     for (const nb::object &o : objects.Items()) {
         nb::object cls = Single(o)->IsInstance(false) ? ClassOfInstance(o) : nb::object();
         if (!cls.is_valid() || cls.is_none())
+            return values;
+        // Not one of an enumeration's members: any of its others.
+        if (!holds && IsEnumClass(cls))
             return values;
         classes.push_back(cls);
     }
@@ -563,14 +852,86 @@ ValueSet CEvaluator::NarrowToObjects(const ValueSet &values, const ValueSet &obj
 // The values that are (`holds`) or aren't instances of one of `classes`; a
 // value of a base of one of them, when it must be one, becomes an instance
 // of that class.
-ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds) {
-    std::vector<nb::object> wanted;
+bool CEvaluator::IsPlainClass(nb::handle single) {
+    return Single(single)->IsClass() && SpecialFormOf(single).empty();
+}
+
+// `classes` in `wanted`, when there are some and isinstance and issubclass
+// can test them all (no special form of typing).
+bool CEvaluator::TestableClasses(const ValueSet &classes, std::vector<nb::object> &wanted) {
     for (const nb::object &c : classes.Items()) {
-        if (!Single(c)->IsClass() || !SpecialFormOf(c).empty())
-            return values;  // something isinstance can't be read from here
+        if (!IsPlainClass(c))
+            return false;
         wanted.push_back(c);
     }
-    if (wanted.empty())
+    return !wanted.empty();
+}
+
+bool CEvaluator::IsSubclassOfAny(nb::handle cls, const std::vector<nb::object> &classes) {
+    for (const MroEntry &e : Mro(cls, {}))
+        for (const nb::object &c : classes)
+            if (SameClass(Single(e.cls), Single(c)))
+                return true;
+    return false;
+}
+
+// Whether `value` is a class object of no known class: an instance of `type`.
+bool CEvaluator::IsAnyClassObject(nb::handle value) {
+    nb::object type_class = BuiltinClass("type");
+    return !type_class.is_none() && IsInstanceOfExactly(value, {type_class}, false);
+}
+
+// The class objects that are (`holds`) or aren't one of the classes
+// `objects` (`cls is C`); a class object of no known class, when it must be
+// one, is that class.
+ValueSet CEvaluator::NarrowToClassObjects(const ValueSet &values, const ValueSet &objects, bool holds) {
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        if (Single(v)->IsClass()) {
+            bool is_one = std::any_of(objects.Items().begin(), objects.Items().end(),
+                                      [&](const nb::object &o) { return SameClass(Single(o), Single(v)); });
+            if (is_one == holds)
+                out.Add(v);
+        } else if (holds && IsAnyClassObject(v)) {
+            out.Merge(objects);
+        } else if (!holds) {
+            out.Add(v);
+        }
+    }
+    return out.Empty() && holds && !fStrictNarrowing ? objects : out;
+}
+
+// The class objects that are (`holds`) or aren't subclasses of one of
+// `classes` (`issubclass(cls, C)`); a class object of no known class, or of
+// a base of one of them, when it must be one, is that class.
+ValueSet CEvaluator::NarrowToSubclasses(const ValueSet &values, const ValueSet &classes, bool holds) {
+    std::vector<nb::object> wanted;
+    if (!TestableClasses(classes, wanted))
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        if (!Single(v)->IsClass()) {
+            if (holds && IsAnyClassObject(v))
+                out.Merge(classes);
+            else if (!holds)
+                out.Add(v);
+            continue;
+        }
+        if (IsSubclassOfAny(v, wanted) == holds) {
+            out.Add(v);
+            continue;
+        }
+        if (holds)
+            for (const nb::object &w : wanted)
+                if (IsSubclassOfAny(w, {v}))
+                    out.Add(w);
+    }
+    return out.Empty() && holds && !fStrictNarrowing ? classes : out;
+}
+
+ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &classes, bool holds) {
+    std::vector<nb::object> wanted;
+    if (!TestableClasses(classes, wanted))
         return values;
     ValueSet out;
     // Of a name nothing is known of, the test still tells the class.
@@ -592,21 +953,14 @@ ValueSet CEvaluator::NarrowToClasses(const ValueSet &values, const ValueSet &cla
                 out.Add(v);
             continue;
         }
-        bool is_one = false;
-        for (const MroEntry &e : Mro(cls, {}))
-            for (const nb::object &w : wanted)
-                is_one = is_one || SameClass(Single(e.cls), Single(w));
-        if (is_one == holds) {
+        if (IsSubclassOfAny(cls, wanted) == holds) {
             out.Add(v);
             continue;
         }
         if (holds)
             for (const nb::object &w : wanted)
-                for (const MroEntry &e : Mro(w, {}))
-                    if (SameClass(Single(e.cls), Single(cls))) {
-                        out.Merge(InstanceOf(w, nb::none()));
-                        break;
-                    }
+                if (IsSubclassOfAny(w, {cls}))
+                    out.Merge(InstanceOf(w, nb::none()));
     }
     if (fStrictNarrowing)
         return out;
