@@ -220,12 +220,12 @@ public:
             return false;
         fDb.FailWithSqlite(fDoing);
     }
+    // Steps to the end, and leaves the statement ready for the next run.
     void Run() {
         while (Step()) {
         }
+        sqlite3_reset(fStmt);
     }
-    // Ready for the next run with new bindings.
-    void Again() { sqlite3_reset(fStmt); }
 
     int Type(int i) const { return sqlite3_column_type(fStmt, i); }
     std::int64_t ColumnInt(int i) const { return sqlite3_column_int64(fStmt, i); }
@@ -715,7 +715,6 @@ void CInfoDatabase::ReplaceScansDone(std::int64_t loc_id, const std::map<std::st
     Query insert(*this, "INSERT INTO scans_done (loc_id, scan_name, disk_mtime) VALUES (?, ?, ?)", doing);
     for (const auto &[scan, disk_mtime] : scans_done) {
         insert.Int(1, loc_id).Text(2, scan).Double(3, disk_mtime).Run();
-        insert.Again();
     }
 }
 
@@ -774,7 +773,6 @@ void CInfoDatabase::UpsertRecords(const std::vector<StoredRecord> &rows) {
         for (int i = 0; i < 5; ++i)
             upsert.Blob(9 + i, row.parts[(std::size_t) i]);
         upsert.Run();
-        upsert.Again();
     }
 }
 
@@ -786,7 +784,6 @@ void CInfoDatabase::DeleteRecords(const std::vector<StoredRecordKey> &keys) {
     for (const StoredRecordKey &key : keys) {
         query.Int(1, key.loc_id).Text(2, key.scope).Text(3, key.scan_name).Int(4, key.scanned_loc_id);
         query.Text(5, key.scanned_scope).Run();
-        query.Again();
     }
 }
 
@@ -797,7 +794,6 @@ void CInfoDatabase::DeleteRecordsOfScans(const std::vector<StoredScanKey> &scans
                 "deleting records of scans");
     for (const StoredScanKey &scan : scans) {
         query.Int(1, scan.scanned_loc_id).Text(2, scan.scanned_scope).Text(3, scan.scan_name).Run();
-        query.Again();
     }
 }
 
@@ -849,9 +845,7 @@ void CInfoDatabase::RecountScopes(const std::set<std::int64_t> &loc_ids,
     Query count(*this, recount.c_str(), doing);
     for (std::int64_t id : loc_ids) {
         clear.Int(1, id).Text(2, scan_name).Run();
-        clear.Again();
         count.Int(1, id).Text(2, scan_name).Run();
-        count.Again();
     }
 }
 
