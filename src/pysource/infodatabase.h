@@ -27,7 +27,8 @@
 // write waits for another writer's lock, and while closing (which folds the
 // write-ahead log back into the file): none of these touches a Python object
 // or memory that the caller holds.  Another thread that uses the database
-// meanwhile gets InfoDatabaseError.
+// meanwhile gets InfoDatabaseError.  Rows and commits keep the GIL: the rows
+// are views of the caller's records, which another thread could change.
 #pragma once
 
 #include <nanobind/nanobind.h>
