@@ -11,6 +11,8 @@ import sqlite3
 import subprocess
 import sys
 import textwrap
+import threading
+import time
 
 import pytest
 
@@ -237,6 +239,32 @@ class TestConcurrentAndInterrupted:
             assert conn.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
         stored = CInfoCache(db_path=tmp_path / "index.db")
         assert urls_of(stored.GetLocations()) == [loc_of(tmp_path, f"m{i}.py").fUrl for i in range(3)]
+
+    def test_a_write_waiting_for_a_lock_lets_other_threads_run_but_not_use_the_file(self, tmp_path):
+        db, a = one_record_db(tmp_path, {"x": b"old"})
+        cache = CInfoCache(db_path=db)
+        cache.AddScopeInfo(primary_record(Scope(a, ""), {"x": b"new"}), True)
+        holder = sqlite3.connect(db, isolation_level=None)
+        holder.execute("BEGIN IMMEDIATE")
+        written = []
+        writer = threading.Thread(target=lambda: written.append(cache.WriteToDatabase()))
+        writer.start()
+        try:
+            # Lists the file's locations until the writer waits for the lock.
+            deadline = time.monotonic() + 4
+            with pytest.raises(CInfoDatabaseError, match="in use by another thread"):
+                while time.monotonic() < deadline:
+                    cache.GetLocations()
+            for refused in (cache.WriteToDatabase, cache.CloseDatabase):
+                with pytest.raises(CInfoDatabaseError, match="in use by another thread"):
+                    refused()
+        finally:
+            holder.execute("COMMIT")
+            holder.close()
+            writer.join()
+        assert written == [1]
+        cache.CloseDatabase()
+        assert CInfoCache(db_path=db).GetScopeInfo(Scope(a, "")).GetInfoBytes("x") == b"new"
 
     def test_a_failing_write_rolls_back_and_keeps_its_work_for_the_next(self, tmp_path):
         from pysource.scopeinfo import _SetDatabaseWriteHook

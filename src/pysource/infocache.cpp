@@ -3,6 +3,7 @@
 #include <nanobind/stl/string.h>
 
 #include <algorithm>
+#include <deque>
 #include <typeinfo>
 #include <unordered_map>
 
@@ -84,35 +85,6 @@ nb::object UnionOfSets(const std::vector<nb::handle> &parts) {
                 if (PySet_Add(all.ptr(), item.ptr()) < 0)
                     throw nb::python_error();
     return AtomicFrozenSet(all);
-}
-
-// A BLOB parameter of a record row, as a bytearray: the sqlite3 module binds
-// one as it is, but first offers bytes (and anything else it doesn't know) to
-// its adapters, a failed attribute lookup with its error made and dropped,
-// which costs more than the copy.  The stored value is the same.
-nb::object BlobParam(std::string_view data) {
-    return nb::steal(PyByteArray_FromStringAndSize(data.data(), (Py_ssize_t) data.size()));
-}
-
-nb::object BlobParam(nb::handle bytes) {
-    if (bytes.is_none())
-        return nb::none();
-    if (!PyBytes_Check(bytes.ptr()))
-        return nb::borrow(bytes);  // bound as it is: the database refuses what isn't a BLOB
-    return BlobParam(std::string_view(PyBytes_AS_STRING(bytes.ptr()), (std::size_t) PyBytes_GET_SIZE(bytes.ptr())));
-}
-
-// What an optional BLOB column of a record row is given for "no value": an
-// integer, which the sqlite3 module binds as it is, where None would go to
-// its adapters like bytes does; the statement stores it as NULL.
-nb::object NoBlobParam() {
-    return nb::int_(CInfoDatabase::kNoBlob);
-}
-
-nb::object OptionalBlob(nb::handle value, nb::bytes (*encode)(nb::handle)) {
-    if (value.is_none())
-        return NoBlobParam();
-    return BlobParam(encode(value));
 }
 
 }  // namespace
@@ -224,7 +196,7 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
     if (!fDatabase || entry.db_id == 0)
         return;
     try {
-        ReadingRows([&] { LoadRecordRows(entry, fDatabase->LoadRecords(entry.db_id)); });
+        ReadingRows([&] { LoadRecordRows(entry); });
     } catch (...) {
         // Half a location would pass for all of it: drop what was read, so
         // that every later use meets the same error.
@@ -233,9 +205,10 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
     }
 }
 
-void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
+void CInfoCache::LoadRecordRows(LocEntry &entry) {
     const std::string &path = fDatabase->Origin();
-    // Records of one file name few scopes many times: one object each.
+    // Records of one file name few scopes and scans many times: one object
+    // each.
     std::map<std::pair<std::string, std::string>, nb::object, std::less<>> made;
     ScopeMaker make_scope = [&](std::string_view url, std::string_view name) {
         auto key = std::make_pair(std::string(url), std::string(name));
@@ -244,26 +217,27 @@ void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
             it = made.emplace(std::move(key), ScopeFromStore(url, name)).first;
         return it->second;
     };
-    for (nb::handle row : rows) {
-        std::string scope_name = nb::cast<std::string>(row[0]);
-        nb::object scan_name = row[1];
-        std::string scanned_url = nb::cast<std::string>(row[2]);
-        std::string scanned_name = nb::cast<std::string>(row[3]);
-        std::string scan = nb::cast<std::string>(scan_name);
-        ScanId scan_id(scanned_url, scanned_name, scan);
+    std::map<std::string, nb::object, std::less<>> scan_names;
+    fDatabase->LoadRecords(entry.db_id, [&](const StoredRecordView &row) {
+        ScanId scan_id(std::string(row.scanned_url), std::string(row.scanned_scope), std::string(row.scan_name));
         if (fReplacedScans.count(scan_id))
-            continue;  // replaced by a newer scan whose rows are not written yet
+            return;  // replaced by a newer scan whose rows are not written yet
+        const std::string &scan = std::get<2>(scan_id);
+        auto named = scan_names.find(scan);
+        if (named == scan_names.end())
+            named = scan_names.emplace(scan, nb::str(scan.data(), scan.size())).first;
+        std::string scope_name(row.scope);
         nb::object for_scope = make_scope(entry.url, scope_name);
-        nb::object scanned = make_scope(scanned_url, scanned_name);
-        nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, scan_name, scanned));
-        std::int64_t flags = nb::cast<std::int64_t>(row[6]);
-        nb::ref<CScopeInfo> info(new CScopeInfo(key, row[4], row[5], (flags & 1) != 0));
-        DecodeRecordParts(*info, row[7], row[8], row[9], row[10], row[11], path, make_scope);
+        nb::object scanned = make_scope(row.scanned_url, row.scanned_scope);
+        nb::ref<CScopeInfoKey> key(new CScopeInfoKey(for_scope, named->second, scanned));
+        nb::ref<CScopeInfo> info(new CScopeInfo(key, nb::bytes(row.ibytes.data(), row.ibytes.size()),
+                                                nb::float_(row.disk_mtime), (row.flags & 1) != 0));
+        DecodeRecordParts(*info, row.parts, path, make_scope);
 
         RecordSlot slot;
         slot.scan_name = scan;
-        slot.scanned_url = scanned_url;
-        slot.scanned_name = scanned_name;
+        slot.scanned_url = std::get<0>(scan_id);
+        slot.scanned_name = std::get<1>(scan_id);
         slot.info = info;
         slot.persist = true;
         if (scan == fPrimaryScanName && info->disk_mtime > entry.latest_record_mtime)
@@ -272,7 +246,7 @@ void CInfoCache::LoadRecordRows(LocEntry &entry, nb::handle rows) {
         fRecordsOfScan[scan_id].emplace(entry.url, scope_name);
         ++entry.record_count;
         ++fRecordsInMemory;
-    }
+    });
 }
 
 Py_ssize_t CInfoCache::LocationsInMemory() const {
@@ -1183,8 +1157,8 @@ void CInfoCache::CloseDatabase() {
         WriteLocations(&held);
     }
     MakeAllBlobRecords();  // memory is all there will be
-    std::unique_ptr<CInfoDatabase> db = std::move(fDatabase);
-    db->Close();
+    fDatabase->Close();  // refused while another thread uses it: then it stays
+    fDatabase.reset();
     // What is in memory stays and is now all there is.
     for (auto &[url, entry] : fEntries) {
         entry->meta_loaded = entry->records_loaded = true;
@@ -1205,20 +1179,42 @@ nb::object CInfoCache::DatabaseMessage() const {
     return nb::str(fDatabase->OpenMessage().c_str());
 }
 
-nb::tuple CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope_name,
-                                 const RecordSlot &slot, std::int64_t scanned_id) {
+StoredRecord CInfoCache::RowForSlot(const LocEntry &entry, const std::string &scope_name,
+                                   const RecordSlot &slot, std::int64_t scanned_id, RowBlobs &blobs) {
     const CScopeInfo &info = *slot.info;
+    StoredRecord row;
+    row.loc_id = entry.db_id;
+    row.scope = scope_name;
+    row.scan_name = slot.scan_name;
+    row.scanned_loc_id = scanned_id;
+    row.scanned_scope = slot.scanned_name;
+    row.ibytes = BytesView(info.ibytes);
+    row.disk_mtime = info.disk_mtime;
+    row.flags = info.incomplete ? 1 : 0;
+    // The row's blobs one after the other in one string.
+    std::string &scratch = blobs.scratch;
+    scratch.clear();
     auto url_of = [this](nb::handle loc) { return UrlOf(loc); };
-    auto scopes_blob = [&](nb::handle scopes) -> nb::object {
-        if (scopes.is_none())
-            return NoBlobParam();
-        return BlobParam(EncodeScopes(scopes, url_of));
-    };
-    return nb::make_tuple(entry.db_id, scope_name, slot.scan_name, scanned_id, slot.scanned_name, BlobParam(info.ibytes), info.disk_mtime, info.incomplete ? 1 : 0,
-                          BlobParam(EncodeNameMap(info.type_equivs)),
-                          OptionalBlob(info.inst_type_equivs, &EncodeNameMap),
-                          OptionalBlob(info.domains, &EncodeNameMap), scopes_blob(info.scopes_seen),
-                          scopes_blob(info.resolved_imports));
+    std::size_t ends[5] = {};
+    nb::handle parts[5] = {info.type_equivs, info.inst_type_equivs, info.domains, info.scopes_seen,
+                           info.resolved_imports};
+    for (std::size_t i = 0; i < 5; ++i) {
+        if (i == 0 || !parts[i].is_none()) {
+            if (i < 3)
+                EncodeNameMapTo(scratch, parts[i]);
+            else
+                EncodeScopesTo(scratch, parts[i], url_of);
+        }
+        ends[i] = scratch.size();
+    }
+    std::string_view kept = blobs.kept.emplace_back(scratch);
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < 5; ++i) {
+        if (i == 0 || !parts[i].is_none())
+            row.parts[i] = kept.substr(start, ends[i] - start);
+        start = ends[i];
+    }
+    return row;
 }
 
 nb::object CInfoCache::WriteToDatabase(nb::handle locs) {
@@ -1246,7 +1242,9 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
     std::unordered_set<const RecordSlot *> written_set;
     std::vector<LocEntry *> meta_written, new_ids, partial_deletes, blobs_written;
     std::vector<ScanId> scans_replaced;
-    nb::list upserts, deletes;
+    std::vector<StoredRecord> upserts;
+    std::vector<StoredRecordKey> deletes;
+    RowBlobs encoded;  // the blobs of `upserts` made for the write
     std::set<std::int64_t> recount;  // locations whose primary records change
     auto db_id_of = [&](LocEntry &entry) {
         if (entry.db_id == 0) {
@@ -1266,7 +1264,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
             return;
         db_id_of(entry);
         std::int64_t scanned_id = db_id_of(EntryForUrl(slot.scanned_url, nb::handle()));
-        upserts.append(RowForSlot(entry, scope_name, slot, scanned_id));
+        upserts.push_back(RowForSlot(entry, scope_name, slot, scanned_id, encoded));
         written.emplace_back(&entry, &slot);
         if (slot.scan_name == fPrimaryScanName)
             recount.insert(entry.db_id);
@@ -1274,27 +1272,21 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
 
     auto write_blobs = [&](LocEntry &entry) {
         std::int64_t id = db_id_of(entry);
-        auto str = [](std::string_view text) { return nb::str(text.data(), text.size()); };
-        auto blob = [](const std::optional<std::string_view> &part) -> nb::object {
-            if (!part)
-                return nb::none();
-            return BlobParam(*part);
-        };
-        auto optional_blob = [](const std::optional<std::string_view> &part) -> nb::object {
-            if (!part)
-                return NoBlobParam();
-            return BlobParam(*part);
-        };
         for (const BlobRecord &record : entry.blob_records) {
-            const RecordBlobView &row = record.view;
-            std::int64_t scanned_id =
-                row.scanned_url == entry.url ? id : db_id_of(EntryForUrl(std::string(row.scanned_url), nb::handle()));
-            upserts.append(nb::make_tuple(id, str(row.for_name), str(row.scan_name), scanned_id,
-                                          str(row.scanned_name), blob(row.ibytes), row.disk_mtime,
-                                          row.incomplete ? 1 : 0, blob(row.parts[0]),
-                                          optional_blob(row.parts[1]), optional_blob(row.parts[2]),
-                                          optional_blob(row.parts[3]), optional_blob(row.parts[4])));
-            if (row.scan_name == fPrimaryScanName)
+            const RecordBlobView &view = record.view;
+            StoredRecord &row = upserts.emplace_back();
+            row.loc_id = id;
+            row.scope = view.for_name;
+            row.scan_name = view.scan_name;
+            row.scanned_loc_id = view.scanned_url == entry.url
+                                     ? id
+                                     : db_id_of(EntryForUrl(std::string(view.scanned_url), nb::handle()));
+            row.scanned_scope = view.scanned_name;
+            row.ibytes = view.ibytes;
+            row.disk_mtime = view.disk_mtime;
+            row.flags = view.incomplete ? 1 : 0;
+            row.parts = view.parts;
+            if (view.scan_name == fPrimaryScanName)
                 recount.insert(id);
         }
         blobs_written.push_back(&entry);
@@ -1314,11 +1306,11 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
 
     fDatabase->Begin();
     try {
-        nb::list replaced_rows;
+        std::vector<StoredScanKey> replaced_rows;
         for (const ScanId &scan : fReplacedScans)
             if (wanted(std::get<0>(scan)))
                 if (std::int64_t id = stored_id_of(std::get<0>(scan))) {
-                    replaced_rows.append(nb::make_tuple(id, std::get<1>(scan), std::get<2>(scan)));
+                    replaced_rows.push_back({id, std::get<1>(scan), std::get<2>(scan)});
                     if (std::get<2>(scan) == fPrimaryScanName)  // a scope's own scan
                         recount.insert(id);
                 }
@@ -1350,18 +1342,14 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
                 fDatabase->WriteLocationMeta(
                     id, entry->disk_mtime, entry->checksum,
                     entry->words.is_none() ? nb::object(nb::none()) : nb::object(EncodeStrings(entry->words)));
-                nb::list done_rows;
-                for (auto &[scan, t] : entry->scans_done)
-                    done_rows.append(nb::make_tuple(id, scan, t));
-                fDatabase->ReplaceScansDone(id, done_rows);
+                fDatabase->ReplaceScansDone(id, entry->scans_done);
                 meta_written.push_back(entry);
             }
             if (!entry->deleted.empty() && entry->db_id != 0) {
                 for (auto &[scope, scan, scanned_url, scanned_name] : entry->deleted)
                     if (whole || wanted(scanned_url))
                         if (std::int64_t scanned_id = stored_id_of(scanned_url)) {
-                            deletes.append(
-                                nb::make_tuple(entry->db_id, scope, scan, scanned_id, scanned_name));
+                            deletes.push_back({entry->db_id, scope, scan, scanned_id, scanned_name});
                             if (scan == fPrimaryScanName)
                                 recount.insert(entry->db_id);
                         }
@@ -1378,7 +1366,7 @@ nb::object CInfoCache::WriteLocations(const std::set<std::string> *urls) {
         }
         fDatabase->DeleteRecords(deletes);
         // In key order the B-tree fills page by page instead of at random.
-        upserts.sort();
+        std::stable_sort(upserts.begin(), upserts.end(), &StoredRecord::KeyLess);
         fDatabase->UpsertRecords(upserts);
         fDatabase->RecountScopes(recount, fPrimaryScanName);
         CInfoDatabase::CallWriteHook(fDatabase->Path());

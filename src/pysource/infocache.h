@@ -19,6 +19,7 @@
 #include <nanobind/nanobind.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -205,7 +206,7 @@ private:
     const std::string &UrlOf(nb::handle loc);
     void EnsureMeta(LocEntry &entry);
     void EnsureRecords(LocEntry &entry);
-    void LoadRecordRows(LocEntry &entry, nb::handle rows);
+    void LoadRecordRows(LocEntry &entry);
     // Makes the records of `entry`'s blobs (of every entry's).
     void MakeBlobRecords(LocEntry &entry);
     nb::ref<CScopeInfo> DecodeBlob(nb::handle blob);
@@ -232,8 +233,16 @@ private:
 
     // Writes the given locations (nullptr: everything) in one transaction.
     nb::object WriteLocations(const std::set<std::string> *urls);
-    nb::tuple RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
-                         std::int64_t scanned_id);
+    // The blobs a write encodes for its rows: each row's in one string of
+    // `kept`, which stays where it is while more are added (encoded in
+    // `scratch` first, so that each is allocated once, at its size).
+    struct RowBlobs {
+        std::deque<std::string> kept;
+        std::string scratch;
+    };
+    // The row of a record, its blobs encoded into `blobs`.
+    StoredRecord RowForSlot(const LocEntry &entry, const std::string &scope_name, const RecordSlot &slot,
+                            std::int64_t scanned_id, RowBlobs &blobs);
     void MarkDirty(LocEntry &entry) { fDirtyEntries.insert(&entry); }
     // The entry of `loc` with its stored facts read.
     LocEntry &MetaOf(nb::handle loc) {

@@ -1,5 +1,4 @@
-// The SQLite file behind CInfoCache, reached through Python's built-in
-// sqlite3 module.
+// The SQLite file behind CInfoCache, reached through SQLite's C interface.
 //
 // One file holds the records of every scanned scope, the scans-done marks,
 // the line-end blind checksums and disk times of locations, and the words
@@ -18,18 +17,36 @@
 // older version, and every write raises; when the file or its directory
 // can't be written it reads the file as immutable.
 //
-// Rows travel as Python tuples, the form sqlite3 takes and gives; encoding
-// records into rows is recordcodec.h's job.
+// Records go in and come out as views of their columns, bound and read
+// without a Python object in between; the statements are prepared once for
+// the connection's life.  The rare queries give Python rows (tuples of int,
+// float, str, bytes and None).  Encoding records into blobs is
+// recordcodec.h's job.
+//
+// The GIL is let go while opening (the checks read the whole file), while a
+// write waits for another writer's lock, and while closing (which folds the
+// write-ahead log back into the file): none of these touches a Python object
+// or memory that the caller holds.  Another thread that uses the database
+// meanwhile gets InfoDatabaseError.  Rows and commits keep the GIL: the rows
+// are views of the caller's records, which another thread could change.
 #pragma once
 
 #include <nanobind/nanobind.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
 
 namespace nb = nanobind;
 
@@ -40,6 +57,50 @@ namespace pysource {
 class InfoDatabaseError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// The blobs of a record's columns type_equivs, inst_type_equivs, domains,
+// scopes_seen and resolved_imports, in that order; an absent one is NULL.
+using StoredRecordParts = std::array<std::optional<std::string_view>, 5>;
+
+// One row of the records table.  Every view points into memory that the
+// caller keeps until the call that takes the row returns.
+struct StoredRecord {
+    std::int64_t loc_id = 0;
+    std::string_view scope, scan_name;
+    std::int64_t scanned_loc_id = 0;
+    std::string_view scanned_scope;
+    std::string_view ibytes;
+    double disk_mtime = -1.0;
+    std::int64_t flags = 0;
+    StoredRecordParts parts;
+
+    // The table's order: (loc_id, scope, scan_name, scanned_loc_id,
+    // scanned_scope), the text byte by byte.
+    static bool KeyLess(const StoredRecord &a, const StoredRecord &b);
+};
+
+// A record as it is read back: the scanned scope's location comes as its URL.
+// The views last until the reader's callback returns.
+struct StoredRecordView {
+    std::string_view scope, scan_name, scanned_url, scanned_scope, ibytes;
+    double disk_mtime = -1.0;
+    std::int64_t flags = 0;
+    StoredRecordParts parts;
+};
+
+// The key of a record row.
+struct StoredRecordKey {
+    std::int64_t loc_id = 0;
+    std::string_view scope, scan_name;
+    std::int64_t scanned_loc_id = 0;
+    std::string_view scanned_scope;
+};
+
+// Every record one scan of one scope made.
+struct StoredScanKey {
+    std::int64_t scanned_loc_id = 0;
+    std::string_view scanned_scope, scan_name;
 };
 
 class CInfoDatabase {
@@ -62,8 +123,9 @@ public:
     const std::string &Origin() const { return fOrigin; }
     // Set when opening had to rebuild the file; empty otherwise.
     const std::string &OpenMessage() const { return fOpenMessage; }
+    // Throws InfoDatabaseError while another thread uses the database.
     void Close();
-    bool IsOpen() const { return fConn.is_valid() && !fConn.is_none(); }
+    bool IsOpen() const { return fDb != nullptr; }
     bool IsReadOnly() const { return fReadOnly; }
 
     // Transactions: each write is one.
@@ -77,28 +139,19 @@ public:
     // The URL of every location row, in order (a list of str).
     nb::object LoadLocationUrls();
     std::int64_t EnsureLocation(const std::string &url);
+    // `checksum`: int, float, str, bytes or None; `words`: bytes or None.
     void WriteLocationMeta(std::int64_t id, double disk_mtime, nb::handle checksum, nb::handle words);
     // (scan_name, disk_mtime) rows of a location.
     nb::object LoadScansDone(std::int64_t loc_id);
-    void ReplaceScansDone(std::int64_t loc_id, nb::handle rows);
+    void ReplaceScansDone(std::int64_t loc_id, const std::map<std::string, double> &scans_done);
 
-    // Record rows of one target location: (scope, scan_name, scanned URL,
-    // scanned_scope, ibytes, disk_mtime, flags, type_equivs, inst_type_equivs,
-    // domains, scopes_seen, resolved_imports).
-    nb::object LoadRecords(std::int64_t loc_id);
-    // Each row: a tuple in the column order of the records table (loc_id,
-    // scope, scan_name, scanned_loc_id, scanned_scope, then as above).  An
-    // optional BLOB column (inst_type_equivs to resolved_imports) given
-    // kNoBlob is stored as NULL: the sqlite3 module binds an integer as it
-    // is, but offers None to its adapters first, which costs more than the
-    // row's own write.
-    static constexpr int kNoBlob = 0;
-    void UpsertRecords(nb::handle rows);
-    // Each key: (loc_id, scope, scan_name, scanned_loc_id, scanned_scope).
-    void DeleteRecords(nb::handle keys);
-    // Every row written by the given scans, each (scanned_loc_id,
-    // scanned_scope, scan_name).
-    void DeleteRecordsOfScans(nb::handle scans);
+    // The records of one target location, each handed to `each`.
+    void LoadRecords(std::int64_t loc_id, const std::function<void(const StoredRecordView &)> &each);
+    // Writes the rows over any of the same keys.
+    void UpsertRecords(const std::vector<StoredRecord> &rows);
+    void DeleteRecords(const std::vector<StoredRecordKey> &keys);
+    // Every row written by the given scans.
+    void DeleteRecordsOfScans(const std::vector<StoredScanKey> &scans);
 
     // Deletes the location row `loc_id`, its scans-done marks, its records and
     // the records its scopes' scans made elsewhere, in one transaction.  Gives
@@ -131,12 +184,29 @@ public:
     static void CallWriteHook(const std::string &path);
 
 private:
-    nb::object Execute(const char *sql, nb::handle params = nb::handle());
-    void ExecuteMany(const char *sql, nb::handle rows);
-    nb::object Connect();
+    class Query;
+    // The statement of `sql` (a string that outlives the connection),
+    // prepared on first use.
+    sqlite3_stmt *Prepared(const char *sql, const char *doing);
+    // Runs statements without results (DDL, pragmas that set).
+    void Exec(const char *sql, const char *doing);
+    // The first column of the one row of `sql`, as an integer.
+    std::int64_t QueryInt(const char *sql, const char *doing);
+    // Every row of a query with one text parameter or one integer one (or
+    // none), as a list of tuples.
+    nb::list Rows(const char *sql, const char *doing, std::optional<std::string_view> text,
+                  std::optional<std::int64_t> number = std::nullopt);
+    // Runs `body` with the GIL let go and the database marked in use.
+    template <typename F>
+    void WithoutGil(F &&body);
+    // Throws InfoDatabaseError when the database is closed or in use by
+    // another thread.
+    void CheckUsable(const char *doing) const;
+
+    void Connect();
+    void ConnectReadOnly();
     void Open();
-    nb::object ConnectReadOnly();
-    [[noreturn]] void Damaged(const std::string &detail);
+    [[noreturn]] void Damaged(const std::string &detail) const;
     void CheckIntegrity();
     // The columns of every table, and with `scan_rows` each table's rows for
     // values of the wrong kind.
@@ -152,19 +222,21 @@ private:
     void CreateSchema();
     void DropSchema();
     void CreateLookupIndexes();
-    // Runs `body`, turning sqlite3 errors into InfoDatabaseError.
-    template <typename F>
-    auto Guarded(const char *doing, F &&body) -> decltype(body());
-    [[noreturn]] void Fail(const char *doing, const std::string &detail);
+    void FinalizeStatements() noexcept;
+    [[noreturn]] void Fail(const char *doing, const std::string &detail) const;
+    // Fails with SQLite's message for the connection's last error.
+    [[noreturn]] void FailWithSqlite(const char *doing) const;
 
     std::string fPath;
     std::string fOrigin;
     std::string fOpenMessage;
-    nb::object fSqlite3;  // the module
-    nb::object fConn;
+    sqlite3 *fDb = nullptr;
+    std::map<const char *, sqlite3_stmt *> fStatements;  // by the text's address
     bool fReadOnly = false;
     bool fInTransaction = false;
     bool fFoundSound = false;  // the open's checks passed
+    bool fInUse = false;       // a call runs with the GIL let go, on thread fUser
+    std::thread::id fUser;
 };
 
 }  // namespace pysource

@@ -16,6 +16,7 @@ namespace {
 
 class BlobWriter {
 public:
+    explicit BlobWriter(std::string &out) : fOut(out) {}
     void Double(double value) {
         char raw[sizeof(double)];
         std::memcpy(raw, &value, sizeof raw);
@@ -44,11 +45,18 @@ public:
             throw nb::python_error();
         Bytes(std::string_view(data, (size_t) size));
     }
-    nb::bytes Done() const { return nb::bytes(fOut.data(), fOut.size()); }
 
 private:
-    std::string fOut;
+    std::string &fOut;
 };
+
+// The bytes an encoder appends to a string of its own.
+template <typename F>
+nb::bytes EncodedBytes(F &&encode) {
+    std::string out;
+    encode(out);
+    return nb::bytes(out.data(), out.size());
+}
 
 // Stored UTF-8 as an interned str: the same names come back again and again.
 nb::object InternedText(std::string_view data, const std::string &origin) {
@@ -120,9 +128,13 @@ private:
 }  // namespace
 
 nb::bytes EncodeNameMap(nb::handle map) {
+    return EncodedBytes([&](std::string &out) { EncodeNameMapTo(out, map); });
+}
+
+void EncodeNameMapTo(std::string &buffer, nb::handle map) {
     if (!PyDict_Check(map.ptr()))
         throw nb::type_error("a name map must be a dict");
-    BlobWriter out;
+    BlobWriter out(buffer);
     out.Count((std::uint64_t) PyDict_GET_SIZE(map.ptr()));
     PyObject *name, *value;
     Py_ssize_t pos = 0;
@@ -132,7 +144,6 @@ nb::bytes EncodeNameMap(nb::handle map) {
         out.Text(name);
         out.Bytes(std::string_view(PyBytes_AS_STRING(value), (size_t) PyBytes_GET_SIZE(value)));
     }
-    return out.Done();
 }
 
 namespace {
@@ -159,7 +170,12 @@ nb::dict DecodeNameMap(nb::handle blob, const std::string &origin) {
 }
 
 nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::handle loc)> &url_of) {
-    BlobWriter out;
+    return EncodedBytes([&](std::string &out) { EncodeScopesTo(out, scopes, url_of); });
+}
+
+void EncodeScopesTo(std::string &buffer, nb::handle scopes,
+                    const std::function<std::string(nb::handle loc)> &url_of) {
+    BlobWriter out(buffer);
     Py_ssize_t n = PyObject_Length(scopes.ptr());
     if (n < 0)
         throw nb::python_error();
@@ -178,7 +194,6 @@ nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::ha
         out.Bytes(url);
         out.Bytes(name);
     }
-    return out.Done();
 }
 
 namespace {
@@ -205,7 +220,8 @@ nb::object DecodeScopes(nb::handle blob, const std::string &origin, const ScopeM
 }
 
 nb::bytes EncodeStrings(nb::handle strings) {
-    BlobWriter out;
+    std::string buffer;
+    BlobWriter out(buffer);
     Py_ssize_t n = PyObject_Length(strings.ptr());
     if (n < 0)
         throw nb::python_error();
@@ -215,7 +231,7 @@ nb::bytes EncodeStrings(nb::handle strings) {
             throw nb::type_error("words must be str");
         out.Text(s);
     }
-    return out.Done();
+    return nb::bytes(buffer.data(), buffer.size());
 }
 
 nb::object DecodeStrings(nb::handle blob, const std::string &origin) {
@@ -238,7 +254,8 @@ constexpr std::uint64_t kRecordBlobVersion = 1;
 
 nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(nb::handle loc)> &url_of) {
     const CScopeInfoKey &key = *info.key;
-    BlobWriter out;
+    std::string buffer;
+    BlobWriter out(buffer);
     out.Count(kRecordBlobVersion);
     out.Bytes(url_of(key.fForView.loc));
     out.Bytes(key.fForView.name_view);
@@ -259,7 +276,7 @@ nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(n
     out.OptionalBlob(optional_map(info.domains));
     out.OptionalBlob(optional_scopes(info.scopes_seen));
     out.OptionalBlob(optional_scopes(info.resolved_imports));
-    return out.Done();
+    return nb::bytes(buffer.data(), buffer.size());
 }
 
 RecordBlobView ViewRecordBlob(std::string_view blob, const std::string &origin) {
@@ -286,10 +303,10 @@ RecordBlobView ViewRecordBlob(std::string_view blob, const std::string &origin) 
     return view;
 }
 
-namespace {
-
-void FillRecordParts(CScopeInfo &info, const std::optional<std::string_view> (&parts)[5],
-                     const std::string &origin, const ScopeMaker &make_scope) {
+void DecodeRecordParts(CScopeInfo &info, const StoredRecordParts &parts, const std::string &origin,
+                       const ScopeMaker &make_scope) {
+    if (!parts[0])
+        throw InfoDatabaseError(origin + " is damaged: a record has no name map");
     info.type_equivs = ReadNameMap(BlobReader(*parts[0], origin));
     if (parts[1])
         info.inst_type_equivs = ReadNameMap(BlobReader(*parts[1], origin));
@@ -301,8 +318,6 @@ void FillRecordParts(CScopeInfo &info, const std::optional<std::string_view> (&p
         info.resolved_imports = ReadScopes(BlobReader(*parts[4], origin), make_scope);
     info.finished = true;
 }
-
-}  // namespace
 
 nb::ref<CScopeInfo> DecodeRecord(std::string_view blob, const std::string &origin,
                                  const ScopeMaker &make_scope) {
@@ -316,24 +331,10 @@ nb::ref<CScopeInfo> DecodeRecord(std::string_view blob, const std::string &origi
     nb::ref<CScopeInfo> info(new CScopeInfo(key, nb::bytes(view.ibytes.data(), view.ibytes.size()),
                                             nb::float_(view.disk_mtime), view.incomplete,
                                             view.not_found));
-    FillRecordParts(*info, view.parts, origin, make_scope);
+    DecodeRecordParts(*info, view.parts, origin, make_scope);
     return info;
 }
 
-void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
-                       nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
-                       const std::string &origin, const ScopeMaker &make_scope) {
-    nb::handle blobs[5] = {type_equivs, inst_type_equivs, domains, scopes_seen, resolved_imports};
-    std::optional<std::string_view> parts[5];
-    for (int i = 0; i < 5; ++i) {
-        if (blobs[i].is_none() && i > 0)
-            continue;
-        if (!PyBytes_Check(blobs[i].ptr()))
-            throw InfoDatabaseError(origin + " is damaged: a stored value is not a blob");
-        parts[i] = std::string_view(PyBytes_AS_STRING(blobs[i].ptr()), (size_t) PyBytes_GET_SIZE(blobs[i].ptr()));
-    }
-    FillRecordParts(info, parts, origin, make_scope);
-}
 
 nb::bytes CScopeInfoSerializer::Dumps(nb::handle info) {
     return EncodeRecord(AsScopeInfo(info), [](nb::handle loc) { return LocationUrl(loc); });

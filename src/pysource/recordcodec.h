@@ -16,20 +16,24 @@
 #include <string>
 #include <string_view>
 
+#include "pysource/infodatabase.h"
 #include "pysource/scopeinfo.h"
 
 namespace nb = nanobind;
 
 namespace pysource {
 
-// dict str -> bytes.
+// dict str -> bytes.  The To forms append the encoding to `out`.
 nb::bytes EncodeNameMap(nb::handle map);
+void EncodeNameMapTo(std::string &out, nb::handle map);
 nb::dict DecodeNameMap(nb::handle blob, const std::string &origin);
 
 using ScopeMaker = std::function<nb::object(std::string_view url, std::string_view name)>;
 
 // An iterable of scopes; `url_of` gives the URL of a scope's location.
 nb::bytes EncodeScopes(nb::handle scopes, const std::function<std::string(nb::handle loc)> &url_of);
+void EncodeScopesTo(std::string &out, nb::handle scopes,
+                    const std::function<std::string(nb::handle loc)> &url_of);
 // A frozenset of scopes, made by `make_scope(url, name)`.
 nb::object DecodeScopes(nb::handle blob, const std::string &origin, const ScopeMaker &make_scope);
 
@@ -37,11 +41,11 @@ nb::object DecodeScopes(nb::handle blob, const std::string &origin, const ScopeM
 nb::bytes EncodeStrings(nb::handle strings);
 nb::object DecodeStrings(nb::handle blob, const std::string &origin);  // a frozenset of str
 
-// Fills a record's maps and dependency sets from their blobs (None: absent)
-// and marks it finished.
-void DecodeRecordParts(CScopeInfo &info, nb::handle type_equivs, nb::handle inst_type_equivs,
-                       nb::handle domains, nb::handle scopes_seen, nb::handle resolved_imports,
-                       const std::string &origin, const ScopeMaker &make_scope);
+// Fills a record's maps and dependency sets from their blobs (type_equivs,
+// inst_type_equivs, domains, scopes_seen, resolved_imports; absent ones
+// left as they are) and marks it finished.
+void DecodeRecordParts(CScopeInfo &info, const StoredRecordParts &parts, const std::string &origin,
+                       const ScopeMaker &make_scope);
 
 // A whole record, key included, as one blob and back.
 nb::bytes EncodeRecord(const CScopeInfo &info, const std::function<std::string(nb::handle loc)> &url_of);
@@ -57,7 +61,7 @@ struct RecordBlobView {
     double disk_mtime = -1.0;
     bool incomplete = false;
     bool not_found = false;
-    std::optional<std::string_view> parts[5];
+    StoredRecordParts parts;
 };
 RecordBlobView ViewRecordBlob(std::string_view blob, const std::string &origin);
 
