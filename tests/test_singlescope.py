@@ -326,6 +326,34 @@ class TestDefinitionInfo:
         s, _ = self.def_info(loc, "C.s")
         assert s.arg_decl.replace(" ", "") == "(a:int)"
 
+    @staticmethod
+    def hints(scanner, name):
+        bare = [si.PopLeadingPrefixes(one)[1] for one in singles(names_of(scanner)[name])]
+        return [si.UnpackTypeHint(one) for one in bare if si.GetInfoBytesKind(one) == si.kTypeHintKind]
+
+    @pytest.mark.parametrize("doc, decl, returns", [
+        (":type a: (str, int)\n:rtype: list of str", "(a:tuple[str,int],b)", "list[str]"),
+        (":param str or None a: x\n:type b: :class:`~pkg.Node`", "(a:str|None,b:pkg.Node)", None),
+        ("@type a: [int, ...]\n@rtype: string", "(a:list[int],b)", "str"),
+        ("Parameters\n----------\na, b : int, optional\n    x\n\nReturns\n-------\ndict",
+         "(a:int,b:int)", "dict"),
+        ("Args:\n    a (float): x\n\nReturns:\n    bool: y", "(a:float,b)", "bool"),
+        (":type a: def l(): pass\n:type b: callable\n:rtype:", "(a,b)", None),
+    ])
+    def test_docstring_types_where_the_source_has_none(self, mgr, tmp_path, doc, decl, returns):
+        body = "\n    ".join(doc.split("\n"))
+        loc, _ = open_file(mgr, tmp_path, f'def f(a, b):\n    """{body}\n    """\n    return a\n')
+        f, scanner = self.def_info(loc, "f")
+        assert (f.arg_decl.replace(" ", ""), f.fReturnHint) == (decl, returns)
+        assert {name for name in "ab" if self.hints(scanner, name)} == {n for n in "ab" if f"{n}:" in decl}
+
+    def test_annotations_win_over_the_docstring(self, mgr, tmp_path):
+        loc, _ = open_file(mgr, tmp_path, 'def f(a: int, *b) -> int:\n'
+                                          '    """:type a: str\n    :type b: str\n    :rtype: str"""\n')
+        f, scanner = self.def_info(loc, "f")
+        assert (f.arg_decl.replace(" ", ""), f.fReturnHint) == ("(a:int,*b)", "int")
+        assert (self.hints(scanner, "a"), self.hints(scanner, "b")) == (["int"], [])
+
     def test_class_declarations(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "class A[T](Base):\n    pass\nclass B:\n    pass\n"
                                           "class D[T]:\n    pass\n@x.y\n@z()\nclass E:\n    pass\n")

@@ -120,7 +120,8 @@ def _Conditions(body):
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding; at an `elif` header too), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`, and an earlier `assert` of its block (holding).  The
+    `elif` or `else`, an earlier `assert` of its block (holding), and a
+    false guard past a return, raise, continue or break directly in its block.  The
     skips: the other earlier `if` blocks (the first of a chain too), and
     if/elif chains without an `else` (their conditions joined by `or`), as
     (header index, condition text, last logical of the block): what was set
@@ -168,7 +169,13 @@ def _Conditions(body):
                 parent.skips.append((block.header, block.condition, i - 1))
                 block_exits[block.header] = tuple(block.exits)
         parent = stack[-1]
-        parent.last = logical.fType
+        if parent.last in _kExitKinds:
+            # Past a return, raise, continue or break directly in its block:
+            # never runs (a false guard), and the block still leaves there.
+            if not any(c == "False" and holds for _h, c, holds in parent.exits):
+                parent.exits.append((i, "False", True))
+        else:
+            parent.last = logical.fType
         # An `elif` tests its condition only when the earlier ones of its chain were false.
         tested_after = [(h, c, False) for h, c in parent.chain] \
             if logical.fType == logicalline.kElifBeginning else []

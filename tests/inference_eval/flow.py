@@ -102,9 +102,11 @@ def Pieces():
     yield 2.5
 
 
-# Unpacking takes the items of any iterable, one by one.
+# Unpacking takes the items of any iterable, one by one: a generator's
+# yields in the body itself come in their order.
 low, high = Pieces()
-low  # expect: float | int
+low  # expect: int
+high  # expect: float
 x_pos, y_pos = map(int, "3 4".split())
 y_pos  # expect: int
 one, two = {b"a", b"b"}
@@ -277,6 +279,26 @@ def ConstantBranches():
     elif "a" != "b" and not None:
         level = 1
     level  # expect: int
+
+
+def Matched(value):
+    """A test that a known value can't meet rules its branch out, whichever
+    side of an `or` it takes."""
+    if isinstance(value, int) and value == 1 or value is True:
+        return "one"
+    return 0.5
+
+
+Matched(2)  # expect: float
+Matched(1.5)  # expect: float
+
+
+def Unreachable():
+    return ""
+    return b""  # past a return: never runs
+
+
+Unreachable()  # expect: str
 
 
 def _main():

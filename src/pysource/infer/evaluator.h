@@ -673,6 +673,23 @@ private:
     ValueSet TypedDictItem(nb::handle single, std::string_view key);
     ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    // The items by key of what `dict(mapping, k=v, ...)` makes, as a dict
+    // display's (fDisplayItems): the keys of a display passed, then the
+    // keywords; none when a mapping passed has no keys told apart.
+    nb::object DictCallItems(const std::vector<ValueSet> &args,
+                             const std::vector<std::pair<std::string, ValueSet>> &kwargs);
+    // The items of `single` one by one when its positions are known (a list
+    // display's, a tuple's); false otherwise.
+    bool ItemsByPosition(nb::handle single, std::vector<ValueSet> &items);
+    // A list comprehension's or generator's items one by one, when each
+    // `for` runs over positions known (`[f(x) for x in (1, '')]`) and no
+    // `if` drops any; none otherwise.  `first_iterable` is what the first
+    // `for` runs over.
+    using ItemAt = std::function<ValueSet(const ValueSet &, std::size_t, std::size_t)>;
+    std::optional<std::vector<ValueSet>> ComprehensionPositions(const Tree &tree, const pgen::Node &n,
+                                                                const Frame &frame,
+                                                                const ValueSet &first_iterable,
+                                                                const ItemAt &item_at);
 
     // Type hints.
     ValueSet EvalType(const Tree &tree, std::int32_t node, const Frame &frame);
@@ -702,6 +719,8 @@ private:
     long long ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name);
     int StarOfParameter(nb::handle record, long long index);
     static constexpr long long kMaxStarPositions = 16;
+    // The most items a display, a comprehension or a generator keeps apart.
+    static constexpr std::size_t kMaxDisplayItems = 16;
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
@@ -776,6 +795,11 @@ private:
     // its yields give, and those its `return` statements give (what it
     // finishes with).
     std::pair<std::string, std::string> GeneratorEntries(nb::handle scope, std::string_view returns);
+    // What a generator yields one by one, when every yield of `yields` (its
+    // entry of yielded values) stands in its body itself, outside any block,
+    // each once and none a `yield from`: they come in that order.  None
+    // otherwise.
+    std::optional<std::vector<ValueSet>> YieldsInOrder(nb::handle scope, nb::handle record, std::string_view yields);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
     // Whether the setting at body logical `setting` surely ran before the use
     // at `use`: every test of the blocks around it and not around the use is
@@ -910,6 +934,9 @@ private:
     // under a name no source can write (KeywordsBindingName); false when
     // `node` is no such parameter, or the body changes it before passing it.
     bool KeywordsPassedOn(const Tree &tree, std::int32_t node, nb::handle scope, Keywords &kwargs);
+    // `**{'a': 1, k: v}` of a dict display whose keys are all strings told
+    // apart: its items as keywords, added to `kwargs`; false otherwise.
+    bool KeywordsOfDisplay(const ValueSet &mapping, Keywords &kwargs);
     // The binding name of the keywords a call gives the `**` parameter
     // `param`: "**param" says they are all known, "**param.kw" holds `kw`.
     static std::string KeywordsBindingName(std::string_view param, std::string_view keyword = {});
@@ -1000,6 +1027,11 @@ private:
     bool IsEnumClass(nb::handle cls);
     bool IsEnumMember(nb::handle owner, std::string_view name, const ValueSet &found);
     ValueSet EnumMemberValues(nb::handle cls);
+    // The value of a member of enumeration `cls` that its body set to `found`.
+    ValueSet EnumValueOf(nb::handle cls, const ValueSet &found);
+    // The member of enumeration `cls` set to `found`: an instance of it that
+    // keeps (as fMadeWith) the value it was made with.
+    ValueSet EnumMember(nb::handle cls, const ValueSet &found);
     // The metaclass a class declares or inherits (None when only `type`).
     nb::object MetaclassOf(nb::handle cls);
     // A dunder method of the metaclass called on the class objects of

@@ -1443,6 +1443,31 @@ std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scop
     return out;
 }
 
+std::optional<std::vector<ValueSet>> CEvaluator::YieldsInOrder(nb::handle scope, nb::handle record,
+                                                                std::string_view yields) {
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+    if (!paths || yields.empty())
+        return std::nullopt;
+    std::vector<std::pair<long long, std::string_view>> ordered;
+    for (const EntryPiece &piece : EntryOf(yields)->pieces) {
+        // (`yield from x` is kept as the items of x, `x[*]`: how many is unknown.)
+        if (!piece.index || *piece.index < 0 || (std::size_t) *piece.index >= paths->size() ||
+            !(*paths)[(std::size_t) *piece.index].empty() || piece.single.find("[*]") != std::string_view::npos)
+            return std::nullopt;
+        ordered.emplace_back(*piece.index, piece.single);
+    }
+    std::sort(ordered.begin(), ordered.end());
+    if (ordered.size() > kMaxDisplayItems)
+        return std::nullopt;
+    std::vector<ValueSet> out;
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        if (i > 0 && ordered[i].first == ordered[i - 1].first)
+            return std::nullopt;  // two yields in one statement
+        out.push_back(EntryValues(scope, record, ordered[i].second, -2));
+    }
+    return out;
+}
+
 long long CEvaluator::DefStatementAt(nb::handle scope, std::string_view bare) {
     si::Kind kind = si::GetInfoBytesKind(bare);
     if (!si::IsDefOrClassKind(kind))

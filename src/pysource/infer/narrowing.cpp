@@ -70,6 +70,13 @@ bool IsReference(const pgen::Tree &tree, std::int32_t node) {
     return kind == NodeKind::kName || kind == NodeKind::kAttribute;
 }
 
+// `True` or `False`.
+bool IsBoolConstant(const pgen::Tree &tree, std::int32_t node) {
+    const pgen::Node &n = tree.nodes[(std::size_t) node];
+    std::string_view text = TokAt(tree, n.tok_begin);
+    return n.tok_end - n.tok_begin == 1 && (text == "True" || text == "False");
+}
+
 // Strict narrowing stays with the tested name: what else a test reads is
 // evaluated as anywhere.
 struct Loose {
@@ -88,6 +95,61 @@ namespace {
 bool IsLiteralOfClass(nb::handle single, std::string_view class_name) {
     std::string_view bare = Single(single)->Bare();
     return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == class_name;
+}
+
+// The number a literal int or bool stands for (True is 1), when its value
+// is known.
+std::optional<long long> KnownNumber(nb::handle single) {
+    std::string_view bare = Single(single)->Bare();
+    if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+        return std::nullopt;
+    si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+    if (!lit.value)
+        return std::nullopt;
+    if (lit.class_name == "bool")
+        return *lit.value == "True" ? 1 : 0;
+    std::string_view digits = *lit.value;
+    if (digits.starts_with("-"))
+        digits.remove_prefix(1);
+    if (lit.class_name != "int" || digits.empty() || digits.size() > 18 ||
+        digits.find_first_not_of("0123456789") != std::string_view::npos)
+        return std::nullopt;
+    return std::stoll(*lit.value);
+}
+
+// The values that can (`holds`) or can't equal `others`, one int or bool
+// whose value is known: literals of other known values can't, literals of
+// the same value always do.
+ValueSet NarrowToKnownNumber(const ValueSet &values, const ValueSet &others, bool holds) {
+    std::optional<long long> other = others.Size() == 1 ? KnownNumber(others.Items()[0]) : std::nullopt;
+    if (!other)
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        std::optional<long long> number = KnownNumber(v);
+        if (!number || (*number == *other) == holds)
+            out.Add(v);
+    }
+    return out;
+}
+
+// The values that can (`holds`) or can't be the object True (`truth`) or
+// False: no literal of another class is, a bool literal is as its value says.
+ValueSet NarrowToBoolObject(const ValueSet &values, bool truth, bool holds) {
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        std::string_view bare = Single(v)->Bare();
+        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind) {
+            out.Add(v);
+            continue;
+        }
+        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+        bool can_be = lit.class_name == "bool" && (!lit.value || (*lit.value == "True") == truth);
+        bool surely = lit.class_name == "bool" && lit.value && (*lit.value == "True") == truth;
+        if (holds ? can_be : !surely)
+            out.Add(v);
+    }
+    return out;
 }
 
 }  // namespace
@@ -252,9 +314,20 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kBoolOp: {
         // Each side of a true `and`, of a false `or`, holds alike.
         std::string_view op = TokAt(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end);
-        if ((op == "and") == holds)
+        if ((op == "and") == holds) {
             for (std::int32_t i = 0; i < n.kids_count; ++i)
                 NarrowBy(tree, tree.Kid(n, i), frame, name, holds, values);
+            return;
+        }
+        // Of a true `or`, a false `and`, one side at least holds alike:
+        // where no side can, the test can't come out so.
+        ValueSet any;
+        for (std::int32_t i = 0; i < n.kids_count; ++i) {
+            ValueSet side = values;
+            NarrowBy(tree, tree.Kid(n, i), frame, name, holds, side);
+            any.Merge(side);
+        }
+        values = any;
         return;
     }
     case NodeKind::kCall: {
@@ -340,13 +413,21 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
             if (positive && kept.Empty() && !fStrictNarrowing)
                 kept.Add(LiteralSingle("None", std::nullopt));
             values = kept;
-        } else if (IsNameNode(tree, left, name) && (op == "== " || op == "!= ") && positive) {
+        } else if (IsNameNode(tree, left, name) && (op == "== " || op == "!= ")) {
             ValueSet others;
             {
                 Loose loose(fStrictNarrowing);
                 others = Eval(tree, right, frame);
             }
-            values = NarrowToEqual(values, others);
+            if (positive)
+                values = NarrowToEqual(values, others);
+            ValueSet known = NarrowToKnownNumber(values, others, positive);
+            values = known.Empty() && !fStrictNarrowing ? values : known;
+        } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
+                   IsBoolConstant(tree, right)) {
+            bool truth = TokAt(tree, tree.nodes[(std::size_t) right].tok_begin) == "True";
+            ValueSet known = NarrowToBoolObject(values, truth, positive);
+            values = known.Empty() && !fStrictNarrowing ? values : known;
         } else if (IsNameNode(tree, left, name) && (op == "is " || op == "is not ") &&
                    IsReference(tree, right)) {
             ValueSet objects;

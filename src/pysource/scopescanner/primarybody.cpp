@@ -4,6 +4,7 @@
 #include <string>
 
 #include "pysource/fastaccess.h"
+#include "pysource/nesting.h"
 #include "pysource/pgeninspect.h"
 #include "pysource/scopescanner/primaryscanner.h"
 #include "pysource/scopescanner/primaryutil.h"
@@ -156,6 +157,39 @@ bool CSingleScopePrimaryScanner::ScanDefiningScopeDef_(double) {
     return false;
 }
 
+void CSingleScopePrimaryScanner::AddDocstringHints(nb::handle body0) {
+    CLogicalLine *def = ScopeDefLogical();
+    if (!def || def->fKind != LogicalKind::kFunctionDef)
+        return;
+    std::vector<std::pair<std::string, std::string>> hints = DocstringHintsOf(body0);
+    if (hints.empty())
+        return;
+    nb::set unhinted;
+    ForEachPair(ArgPairs(def->fArgTypeEquivs), [&](nb::handle raw_name, nb::handle istr) {
+        nb::object name = AsStr(raw_name);
+        si::Kind kind = KindOf(istr);
+        if (kind == si::kSetKind)
+            unhinted.add(name);
+        else if (kind == si::kTypeHintKind)
+            unhinted.discard(name);
+    });
+    // (Not a star parameter: the docstring types its items, not its tuple.)
+    for (Py_ssize_t i = 0; i + 1 < def->TokenCount(); ++i)
+        if (def->TokenText(i) == "*" || def->TokenText(i) == "**")
+            unhinted.discard(nb::str(def->TokenText(i + 1).data(), def->TokenText(i + 1).size()));
+    nb::str def_scope = si::PyDefLineScope(ScopeName());
+    for (const auto &[param, type] : hints) {
+        nb::str name(param.data(), param.size());
+        if (!unhinted.contains(name))
+            continue;
+        unhinted.discard(name);
+        std::string hint(si::kTypeHintPrefix);
+        hint += si::PayloadSafeText(type);
+        AddPerName_(fTypeEquivs_, name,
+                    si::PyPrefixWithLocationAndScope(si::ToBytes(hint), nb::none(), def_scope));
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Body logicals
 
@@ -169,6 +203,8 @@ bool CSingleScopePrimaryScanner::ScanBodyLogicals_(double end_time) {
         nb::object logical_i_bytes = nb::borrow(LogicalIndexBytes_());
         TryAnalyzeSingleLogical_(logical_obj);
         UpdateSimpleConditional_(logical_obj);
+        if (fLogicalIndex_ == 0 && logical.fKind == LogicalKind::kStringExpression)
+            AddDocstringHints(logical_obj);
         switch (logical.fKind) {
         case LogicalKind::kFunctionDef:
         case LogicalKind::kClassDef:

@@ -251,6 +251,12 @@ nb::dict CSingleScopePrimaryScanner::HintsFromFunctionDef(nb::handle logical_obj
     if (body0.is_none())
         return hint_dict;
     CLogicalLine &first = *AsLogical(body0);
+    // A docstring's types stand only where the source gives no hint.
+    for (const auto &[name, type] : DocstringHintsOf(body0)) {
+        nb::str key(name.data(), name.size());
+        if (!hint_dict.contains(key))
+            hint_dict[key] = nb::str(type.data(), type.size());
+    }
     if (first.fKind != LogicalKind::kComment || first.fTypeEquivs.is_none())
         return hint_dict;
 

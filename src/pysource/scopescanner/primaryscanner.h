@@ -144,6 +144,10 @@ private:
     nb::dict HintsFromFunctionDef(nb::handle logical, nb::handle body0,
                                   Py_ssize_t comment_arg_shift);
     void FoldNameInfo(CLogicalLine &logical, nb::handle logical_i_bytes);
+    // Hints for the parameters of this def that the source leaves unhinted,
+    // from its docstring `body0` (the first body logical), read at the def
+    // line as annotations are.
+    void AddDocstringHints(nb::handle body0);
     // The definition info of a def or class logical is its full name packed
     // with parts worked out from the logical: (def prefix or None for a
     // class, type parameters, declaration, return text, decorator names).

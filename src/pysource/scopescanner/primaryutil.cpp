@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "basekit/location.h"
+#include "pysource/docstringhints.h"
 #include "pysource/pytext.h"
 #include "pysource/scopescanner/protocol.h"
 #include "pysource/scopescanner/scopebodyfinder.h"
@@ -86,6 +87,13 @@ nb::bytes FirstSeenSingle(std::string_view prefix, nb::handle index) {
 bool IsLocalFileLocation(nb::handle loc) {
     basekit::CLocalFileLocation *local = nullptr;
     return nb::try_cast<basekit::CLocalFileLocation *>(loc, local) && local;
+}
+
+std::vector<std::pair<std::string, std::string>> DocstringHintsOf(nb::handle body0) {
+    CLogicalLine *first = OptionalLogical(body0);
+    if (!first || first->fKind != LogicalKind::kStringExpression || first->TokenCount() == 0)
+        return {};
+    return docstringhints::HintsFromDocstring(first->TokenText(0));
 }
 
 }  // namespace pysource::primaryutil

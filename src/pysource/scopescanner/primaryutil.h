@@ -5,6 +5,8 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "pysource/logicalline.h"
 #include "pysource/scope.h"
@@ -43,5 +45,9 @@ std::string SortedJoin(nb::handle set_of_bytes);
 nb::bytes FirstSeenSingle(std::string_view prefix, nb::handle index);
 
 bool IsLocalFileLocation(nb::handle loc);
+
+// The (parameter or "return", annotation text) pairs that a def's docstring
+// gives, when `body0`, the first logical of its body, is one; else none.
+std::vector<std::pair<std::string, std::string>> DocstringHintsOf(nb::handle body0);
 
 }  // namespace pysource::primaryutil
