@@ -53,6 +53,13 @@ def test_guards_and_skipped_ifs_per_logical():
     assert skips[10] == ((2, is_int, 3), (8, "z is None", 9))
     # An if/elif chain whose every block leaves: none of its conditions held.
     assert guards[15] == (left, (11, "a", False), (13, "b", False))
+    # Past a return directly in its block: a false guard, and the block still leaves.
+    dead = [_Logical(ll.kIfBeginning, 4, "if a :"), _Logical(ll.kReturn, 8, "return 1"),
+            _Logical(ll.kAssignment, 8, "b = 2"), _Logical(ll.kIfBeginning, 8, "if c :"),
+            _Logical(ll.kExpression, 12, "b"), _Logical(ll.kExpression, 4, "a")]
+    dead_guards = inferflow._Conditions(dead)[0]
+    assert [(2, "False", True) in g for g in dead_guards] == [False, False, True, True, True, False]
+    assert dead_guards[5] == ((0, "a", False),)
     # Chains that end with an else, at each of their headers.
     chains = inferflow._IfChains(BODY)
     assert (chains[4], chains[6], chains[8], chains[11]) == ((2, 4, 6), (2, 4, 6), (), ())

@@ -262,10 +262,11 @@ def _Conditions(body):
     of the `if`, `elif` and `while` headers around it, the earlier branches
     of an `elif` or `else` (not holding; at an `elif` header too), an earlier `if` of its block
     whose body always leaves (return, raise, continue, break) without an
-    `elif` or `else`, an earlier `assert` of its block (holding), and the
+    `elif` or `else`, an earlier `assert` of its block (holding), the
     condition of an earlier `while` of its block that no `break` leaves
     (not holding, after the loop's last logical: its `else` and what
-    follows run once the condition was found false).  The
+    follows run once the condition was found false), and a false guard
+    past a return, raise, continue or break directly in its block.  The
     skips: the other earlier `if` blocks (the first of a chain too), and
     if/elif chains without an `else` (their conditions joined by `or`), as
     (header index, condition text, last logical of the block): what was set
@@ -315,7 +316,13 @@ def _Conditions(body):
                 parent.skips.append((block.header, block.condition, i - 1))
                 block_exits[block.header] = tuple(block.exits)
         parent = stack[-1]
-        parent.last = logical.fType
+        if parent.last in _kExitKinds:
+            # Past a return, raise, continue or break directly in its block:
+            # never runs (a false guard), and the block still leaves there.
+            if not any(c == "False" and holds for _h, c, holds in parent.exits):
+                parent.exits.append((i, "False", True))
+        else:
+            parent.last = logical.fType
         # An `elif` tests its condition only when the earlier ones of its chain were false.
         tested_after = [(h, c, False) for h, c in parent.chain] \
             if logical.fType == logicalline.kElifBeginning else []
@@ -356,7 +363,7 @@ def _Conditions(body):
 # yields, block exits, if chains, whether it always raises, def statements,
 # return statements, what case patterns bind).
 (_kPaths, _kLoops, _kGuards, _kSkips, _kGenerator, _kBlockExits, _kIfChains, _kRaises,
- _kDefStatements, _kReturns, _kCaptures) = range(11)
+ _kDefStatements, _kReturns, _kCaptures, _kDocstring) = range(12)
 _kDefKinds = frozenset({logicalline.kFunctionDef, logicalline.kClassDef})
 
 
@@ -381,7 +388,16 @@ def _BodyStructure(logicals):
     returns = tuple(i for i, logical in enumerate(logicals) if logical.fType == logicalline.kReturn)
     return (tuple(_BlockPaths(logicals)), loops, tuple(guards), tuple(skips), generator,
             tuple(block_exits), tuple(_IfChains(logicals)), _AlwaysRaises(logicals), defs, returns,
-            tuple(_Captures(logicals)))
+            tuple(_Captures(logicals)), _Docstring(logicals))
+
+
+def _Docstring(logicals):
+    """The source text of the string literal that is the body's first
+    logical (its docstring), or None."""
+    first = logicals[0] if logicals else None
+    if first is None or first.fType != logicalline.kStringExpression or not first.fTokenCount:
+        return None
+    return first.GetTokenString(0)
 
 
 # Files whose bodies are kept at once: the engine reads the bodies of the
@@ -496,6 +512,13 @@ class CBlockStructure:
         can't be read."""
         body = self._Body(loc, scope_name)
         return None if body is None else body[_kRaises]
+
+    def Docstring(self, loc, scope_name):
+        """The source text of the docstring of the body of `scope_name` in
+        `loc` (prefix and quotes included), or None when it has none or the
+        file can't be read."""
+        body = self._Body(loc, scope_name)
+        return None if body is None else body[_kDocstring]
 
     def ReadFile(self, loc):
         """Reads the file at `loc` unless it is kept already: a caller with

@@ -32,17 +32,18 @@ public:
     // with one frozenset of singles per type parameter, or None.  Part of the
     // value: list[int] and list[str] are different singles.
     nb::object fTypeArgs;
-    // For an instance that a list, set or dict display with items made, what
+    // For an instance that a list, set or dict display with items made (or
+    // a class call made from its arguments, as `set(items)`), what
     // the display holds where its items can be told apart: a list's items by
     // position (a tuple of frozensets of singles), a dict's values by
     // constant key (a tuple of (key single's bytes, frozenset of singles)
-    // pairs), none (an empty tuple) for a set or past a change that moves
-    // them; None for any other value.  Part of the value: [1, ''] and
+    // pairs), none (an empty tuple) for a set, a class call's instance or
+    // past a change that moves them; None for any other value.  Part of the value: [1, ''] and
     // ['', 1] differ by item.
     nb::object fDisplayItems;
     // For an instance of a class whose instances act on the arguments they
-    // were made with (a functools.partial, an operator.itemgetter): those
-    // arguments, as a tuple (positions: a tuple of frozensets of singles,
+    // were made with (a functools.partial, an operator.itemgetter; an
+    // enumeration's member, made with its value): those arguments, as a tuple (positions: a tuple of frozensets of singles,
     // keywords: a tuple of (name, frozenset) pairs); None otherwise.  Part
     // of the value.
     nb::object fMadeWith;

@@ -286,6 +286,7 @@ ForwardKeywords(value=1.5)[2]  # expect: int
 ForwardBoth(label=2, value="v")[1]  # expect: int
 Collect(a=1, b=2)  # expect: dict[str, int]
 Collect(a=1, b="s")["b"]  # expect: str
+Collect(**{"a": 1, "b": "s"})["b"]  # expect: str
 
 
 spread = lambda *items, **named: (items[1], named["k"])

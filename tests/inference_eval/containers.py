@@ -176,6 +176,18 @@ def GrownByUse():
     held = {1.5}
     held.add(2)
     held  # expect: set[float | int]
+    copied = list(held)  # a new list, grown as a display is
+    copied.append("s")
+    copied  # expect: list[float | int | str]
+    named = dict({"n": 1, "s": ""}, n=2.5)  # keys told apart, as a display's
+    named["n"]  # expect: float
+    named["s"]  # expect: str
+    # A comprehension over items known one by one keeps them apart.
+    [n * 2 for n in (1, "a")][1]  # expect: str
+    [(k, v) for k in (1,) for v in ("x", 2.5)][1]  # expect: tuple[int, float]
+    start, end = (n for n in ("a", 1))
+    end  # expect: int
+    {"ab": 1, "c": ""}[r"a" "b"]  # expect: int
     items = []  # set again: the earlier appends don't count
     items.append("s")
     items  # expect: list[str]

@@ -102,9 +102,11 @@ def Pieces():
     yield 2.5
 
 
-# Unpacking takes the items of any iterable, one by one.
+# Unpacking takes the items of any iterable, one by one: a generator's
+# yields in the body itself come in their order.
 low, high = Pieces()
-low  # expect: float | int
+low  # expect: int
+high  # expect: float
 x_pos, y_pos = map(int, "3 4".split())
 y_pos  # expect: int
 one, two = {b"a", b"b"}
@@ -350,6 +352,26 @@ def Captured(point: tuple[int, str], record: dict[str, float], value: int | str 
             box  # expect: Box
         case other:
             other  # expect: Box | int
+
+
+def KnownValues(value):
+    """A test that a known value can't meet rules its branch out, whichever
+    side of an `or` it takes."""
+    if isinstance(value, int) and value == 1 or value is True:
+        return "one"
+    return 0.5
+
+
+KnownValues(2)  # expect: float
+KnownValues(1.5)  # expect: float
+
+
+def Unreachable():
+    return ""
+    return b""  # past a return: never runs
+
+
+Unreachable()  # expect: str
 
 
 def _main():

@@ -7,8 +7,8 @@ arguments bind."""
 
 from __future__ import annotations
 
-from typing import (Any, Callable, Dict, Generic, List, Literal, Optional, Protocol, Sequence,
-                    Tuple, TypeVar, Union, overload)
+from typing import (Any, Callable, Dict, Generic, List, Literal, NewType, Optional, Protocol,
+                    Sequence, Tuple, TypeVar, Union, overload)
 
 from typing_extensions import TypeVar as TypeVarWithDefault
 
@@ -317,6 +317,17 @@ def Noted(count: "how many to make", label: 3 + 3):
 
 
 Noted(2, "x")  # expect: tuple[int, str]
+
+
+UserId = NewType("UserId", int)  # a checker's subclass of int; an int at runtime
+
+
+def Owner(user: UserId):
+    return user
+
+
+UserId(5)  # expect: int
+Owner(UserId(3))  # expect: int
 
 
 def _main():

@@ -135,9 +135,15 @@ class Perm(enum.IntFlag):
     WRITE = 2
 
 
+class Level(enum.Enum):  # each member keeps its own value
+    LOW = 1
+    HIGH = "high"
+
+
 Suit.HEARTS.Label()  # expect: str
 Suit.Parse("h")  # expect: Suit
 Suit.HEARTS.value  # expect: str
+Level.LOW.value  # expect: int
 Perm.READ | Perm.WRITE  # expect: Perm
 len(Suit)  # expect: int
 Suit.SPADES in Suit  # expect: bool

@@ -387,6 +387,10 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
         if (cls.is_none())
             return out;
         if ((name == "value" || name == "_value_") && IsEnumClass(cls)) {
+            // A member known keeps its own value; any member, any of theirs.
+            nb::handle made_with = s->fMadeWith;
+            if (!made_with.is_none() && PyTuple_GET_SIZE(PyTuple_GET_ITEM(made_with.ptr(), 0)) == 1)
+                return ValueSet::FromIterable(PyTuple_GET_ITEM(PyTuple_GET_ITEM(made_with.ptr(), 0), 0));
             ValueSet values = EnumMemberValues(cls);
             if (!values.Empty())
                 return values;
@@ -477,7 +481,7 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
         // version's) leaves the bases' member in force.
         if (local && !found.Empty()) {
             if (IsEnumMember(entry.cls, name, found))
-                return InstanceOf(entry.cls, nb::none());
+                return EnumMember(entry.cls, found);
             return BindFound(found, entry.cls, receiver, entry.map, via_instance);
         }
     }
@@ -598,8 +602,11 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
     if (c->IsClass()) {
         // A class makes an instance; its type arguments come from what its
         // constructor's parameters bind.
+        // (Read first: what the constructor's hints call takes the mark.)
+        const bool arguments_whole = fArgumentsWhole;
         std::vector<std::string> vars = OrderedTypeVars(callee);
         nb::object type_args = nb::none();
+        bool args_bind_items = false;
         if (!c->fTypeArgs.is_none()) {
             type_args = c->fTypeArgs;
         } else if (!vars.empty() && (!args.empty() || !kwargs.empty())) {
@@ -631,6 +638,7 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                     }
                 break;
             }
+            args_bind_items = !self_args.is_none() || !bound.empty();
             if (!self_args.is_none()) {
                 type_args = self_args;
             } else if (!bound.empty()) {
@@ -663,7 +671,18 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
                 return WithCallArguments(made, callee, args, kwargs);
         }
         ValueSet made = WithCallArguments(InstanceOf(callee, type_args), callee, args, kwargs);
-        return WithConstructorBindings(made, callee, args, kwargs, fArgumentsWhole);
+        made = WithConstructorBindings(made, callee, args, kwargs, fArgumentsWhole);
+        // A container made from what the call passed (`set(items)`) is a new
+        // one, as a display is: what later puts items in adds to its items.
+        // (It has no items told apart.)
+        nb::object items = nb::none();
+        if (args_bind_items && arguments_whole && NameOf(c) == "dict" && c->loc.is(BuiltinLoc()))
+            items = DictCallItems(args, kwargs);
+        if (args_bind_items)
+            for (const nb::object &m : made.Items())
+                if (Single(m)->IsInstance(false) && Single(m)->fDisplayItems.is_none())
+                    Single(m)->fDisplayItems = items.is_none() ? nb::tuple() : items;
+        return made;
     }
     if (c->IsDef())
         return CallDef(callee, args, kwargs);
@@ -677,6 +696,34 @@ ValueSet CEvaluator::CallValue(nb::handle callee, const std::vector<ValueSet> &a
         return CallDunder(one, "__call__", args, kwargs);
     }
     return out;
+}
+
+nb::object CEvaluator::DictCallItems(const std::vector<ValueSet> &args,
+                                     const std::vector<std::pair<std::string, ValueSet>> &kwargs) {
+    std::vector<std::pair<std::string, nb::object>> items;
+    if (args.size() > 1)
+        return nb::none();
+    if (args.size() == 1) {
+        if (args[0].Size() != 1)
+            return nb::none();
+        nb::handle display = Single(args[0].Items()[0])->fDisplayItems;
+        if (display.is_none() || !PyTuple_Check(display.ptr()) || PyTuple_GET_SIZE(display.ptr()) == 0 ||
+            !PyTuple_Check(PyTuple_GET_ITEM(display.ptr(), 0)))
+            return nb::none();
+        for (nb::handle pair : display)
+            items.emplace_back(std::string(si::TextView(pair[0], "display key")), nb::borrow(pair[1]));
+    }
+    for (const auto &[name, values] : kwargs) {
+        std::string key(Single(LiteralSingle("str", name))->Bare());
+        std::erase_if(items, [&](const auto &item) { return item.first == key; });
+        items.emplace_back(key, values.AsFrozenSet());
+    }
+    if (items.empty() || items.size() > kMaxDisplayItems)
+        return nb::none();
+    nb::list out;
+    for (const auto &[key, values] : items)
+        out.append(nb::make_tuple(nb::bytes(key.data(), key.size()), values));
+    return nb::tuple(out);
 }
 
 void CEvaluator::BindArgumentTypeVars(nb::handle def_scope, const std::vector<Param> &params, std::size_t first,
@@ -854,6 +901,11 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         nb::object def_scope = ScopeAt(d->loc, si::DefLineScope(name));
         return ResolveHintText(def_scope, *def.return_hint, &map);
     }
+    if (std::optional<std::string> hint = DocstringHint(ScopeAt(d->loc, name), "return")) {
+        out = ResolveHintText(ScopeAt(d->loc, si::DefLineScope(name)), *hint, &map);
+        if (!out.Empty())
+            return out;
+    }
     std::tuple<std::string, std::string, std::string, long long> key{UrlOf(d->loc), std::string(name),
                                                                     "return", -5};
     if (CycleAt(key))
@@ -872,10 +924,16 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         if (generator.is_none())
             return out;
         ValueSet yielded, finished;
+        std::optional<std::vector<ValueSet>> in_order;
         if (!returns.is_none()) {
             auto [yields, returned] = GeneratorEntries(scope, si::TextView(returns, "ibytes"));
             ++fDepth;
-            yielded = EntryValues(scope, record, yields, -2);
+            in_order = YieldsInOrder(scope, record, yields);
+            if (in_order)
+                for (const ValueSet &item : *in_order)
+                    yielded.Merge(item);
+            else
+                yielded = EntryValues(scope, record, yields, -2);
             if (!returned.empty())
                 finished = EntryValues(scope, record, returned, -2);
             --fDepth;
@@ -884,8 +942,16 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
         none.Add(LiteralSingle("None", std::nullopt));
         // What it finishes with: what its return statements give, None
         // without one.
-        return InstanceOf(generator, nb::make_tuple(yielded.AsFrozenSet(), none.AsFrozenSet(),
-                                                    (finished.Empty() ? none : finished).AsFrozenSet()));
+        ValueSet made = InstanceOf(generator, nb::make_tuple(yielded.AsFrozenSet(), none.AsFrozenSet(),
+                                                             (finished.Empty() ? none : finished).AsFrozenSet()));
+        // (Unpacking it tells its items apart.)
+        if (in_order && !in_order->empty() && made.Size() == 1) {
+            nb::list items;
+            for (const ValueSet &item : *in_order)
+                items.append(item.AsFrozenSet());
+            Single(made.Items()[0])->fDisplayItems = nb::tuple(items);
+        }
+        return made;
     }
     if (returns.is_none()) {
         // Falling off the end of a function gives None; a stub's body, or

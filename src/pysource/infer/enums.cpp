@@ -1,6 +1,7 @@
 // Enumerations and metaclasses: members of a class deriving from
-// enum.Enum are instances of it, their `value` is what the body set them
-// to, and the class object iterates and subscripts through its metaclass.
+// enum.Enum are instances of it, each keeping the value the body set it to
+// (its `value`), and the class object iterates and subscripts through its
+// metaclass.
 #include "pysource/infer/evaluator.h"
 
 #include <nanobind/stl/string.h>
@@ -44,17 +45,31 @@ ValueSet CEvaluator::EnumMemberValues(nb::handle cls) {
         int redirect = 0;
         if (!FindLocal(scope, name, -2, found, redirect) || !IsEnumMember(cls, name, found))
             continue;
-        for (const nb::object &v : found.Items()) {
-            // auto() stands for the int the enumeration numbers it with, or
-            // its text in an enumeration of strs (StrEnum).
-            nb::object vc = ClassOfInstance(v);
-            if (!vc.is_none() && NameOf(Single(vc)) == "auto" && ModuleNameOfLoc(Single(vc)->loc) == "enum")
-                out.Add(LiteralSingle(MroHolds(Mro(cls, {}), "builtins", "str") ? "str" : "int", std::nullopt));
-            else
-                out.Add(v);
-        }
+        out.Merge(EnumValueOf(cls, found));
     }
     return out;
+}
+
+ValueSet CEvaluator::EnumValueOf(nb::handle cls, const ValueSet &found) {
+    ValueSet out;
+    for (const nb::object &v : found.Items()) {
+        // auto() stands for the int the enumeration numbers it with, or
+        // its text in an enumeration of strs (StrEnum).
+        nb::object vc = ClassOfInstance(v);
+        if (!vc.is_none() && NameOf(Single(vc)) == "auto" && ModuleNameOfLoc(Single(vc)->loc) == "enum")
+            out.Add(LiteralSingle(MroHolds(Mro(cls, {}), "builtins", "str") ? "str" : "int", std::nullopt));
+        else
+            out.Add(v);
+    }
+    return out;
+}
+
+ValueSet CEvaluator::EnumMember(nb::handle cls, const ValueSet &found) {
+    ValueSet member = InstanceOf(cls, nb::none());
+    ValueSet value = EnumValueOf(cls, found);
+    if (!value.Empty())
+        Single(member.Items()[0])->fMadeWith = nb::make_tuple(nb::make_tuple(value.AsFrozenSet()), nb::tuple());
+    return member;
 }
 
 nb::object CEvaluator::MetaclassOf(nb::handle cls) {

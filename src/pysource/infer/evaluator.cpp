@@ -39,7 +39,6 @@ namespace {
 // The records write the item of an iteration as the subscript "[*]", which
 // isn't Python; it is read as a subscript by this name.
 constexpr std::string_view kIterMarker = "__pysource_iter__";
-constexpr std::size_t kMaxDisplayItems = 16;
 // The name an expression that starts with "." is read on.
 constexpr std::string_view kSelfMarker = "__pysource_self__";
 
@@ -717,10 +716,25 @@ ValueSet CEvaluator::EvalString(const Tree &tree, const Node &n) {
             break;
         is_bytes = is_bytes || c == 'b' || c == 'B';
     }
-    // A short plain literal keeps its value, for Literal[...] parameters.
+    // A short plain literal keeps its value, for Literal[...] parameters
+    // and display keys: pieces written side by side join, and an `r` or `u`
+    // prefix doesn't change a value without backslashes.
     std::optional<std::string> value;
-    if (n.tok_end - first == 1 + (first - n.tok_begin) && IsPlainShortLiteral(text))
-        value = std::string(text.substr(1, text.size() - 2));
+    std::int32_t end = n.tok_end - (first - n.tok_begin);
+    if (!is_bytes) {
+        value = std::string();
+        for (std::int32_t t = first; t < end && value; ++t) {
+            std::string_view piece = TokText(tree, t);
+            std::size_t quote = piece.find_first_of("\"'");
+            bool plain_prefix = quote != std::string_view::npos &&
+                                piece.substr(0, quote).find_first_not_of("rRuU") == std::string_view::npos;
+            if (!plain_prefix || !IsPlainShortLiteral(piece.substr(quote)) ||
+                value->size() + piece.size() > 42)
+                value = std::nullopt;
+            else
+                *value += piece.substr(quote + 1, piece.size() - quote - 2);
+        }
+    }
     out.Add(LiteralSingle(is_bytes ? "bytes" : "str", value));
     return out;
 }
@@ -782,6 +796,15 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
                 out.Add(TypeParamSingle(scope_name.empty() ? module_scope : frame.scope, literal, form, bound,
                                         default_text));
             }
+            continue;
+        }
+        // NewType("N", T): a type that a checker takes for a subclass of T
+        // with nothing added; read as T, its calls and hints give T's instances.
+        if (form == "NewType" && n.kids_count >= 3 && tree.Kid(n, 2) >= 0 &&
+            tree.nodes[(std::size_t) tree.Kid(n, 2)].kind != NodeKind::kKeyword) {
+            for (const nb::object &base : Eval(tree, tree.Kid(n, 2), frame).Items())
+                if (Single(base)->IsClass())
+                    out.Add(base);
             continue;
         }
         if (c->IsClass() && !form.empty() && form != "Callable")
@@ -887,6 +910,8 @@ bool CEvaluator::CallArguments(const Tree &tree, const Node &n, const std::funct
                 kwargs.emplace_back(std::string(TokText(tree, k.aux)), value_of(tree.Kid(k, 0)));
         } else if (k.kind == NodeKind::kDoubleStarred && KeywordsPassedOn(tree, tree.Kid(k, 0), scope, kwargs)) {
             continue;
+        } else if (k.kind == NodeKind::kDoubleStarred && KeywordsOfDisplay(value_of(tree.Kid(k, 0)), kwargs)) {
+            continue;
         } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
             // `*t` of a tuple whose positions are known passes them one by
             // one: a tuple display, or a name a call binds (`*args` passed on).
@@ -918,6 +943,28 @@ std::string CEvaluator::KeywordsBindingName(std::string_view param, std::string_
     if (!keyword.empty())
         name.append(".").append(keyword);
     return name;
+}
+
+bool CEvaluator::KeywordsOfDisplay(const ValueSet &mapping, Keywords &kwargs) {
+    if (mapping.Size() != 1)
+        return false;
+    nb::handle display = Single(mapping.Items()[0])->fDisplayItems;
+    if (display.is_none() || !PyTuple_Check(display.ptr()) || PyTuple_GET_SIZE(display.ptr()) == 0)
+        return false;
+    Keywords found;
+    for (nb::handle item : nb::borrow<nb::tuple>(display)) {
+        if (!PyTuple_Check(item.ptr()))
+            return false;  // a list's items
+        std::string_view key = si::TextView(item[0], "display key");
+        if (si::GetInfoBytesKind(key) != si::kTypedLiteralKind)
+            return false;
+        si::LiteralInfo lit = si::UnpackLiteralInfo(key);
+        if (lit.class_name != "str" || !lit.value || !si::IsSingleNameToken(*lit.value))
+            return false;
+        found.emplace_back(*lit.value, ValueSet::FromIterable(item[1]));
+    }
+    kwargs.insert(kwargs.end(), found.begin(), found.end());
+    return true;
 }
 
 bool CEvaluator::KeywordsPassedOn(const Tree &tree, std::int32_t node, nb::handle scope, Keywords &kwargs) {
@@ -1050,7 +1097,14 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
         if (constant_index && v->IsInstance(false)) {
             // An item by position of a value that has none, as an unpacking
             // reads its targets (`a, b = gen()`): its items by iteration.
+            // (A generator whose items are known one by one gives the one
+            // at that position.)
             nb::object cls = ClassOfInstance(value);
+            std::optional<ValueSet> item = DisplayItem(value, index);
+            if (item) {
+                out.Merge(*item);
+                continue;
+            }
             if (!cls.is_none() && ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty()) {
                 ValueSet one;
                 one.Add(value);
@@ -1439,12 +1493,66 @@ static void BindTarget(const pgen::Tree &tree, std::int32_t target, const ValueS
     }
 }
 
+bool CEvaluator::ItemsByPosition(nb::handle single, std::vector<ValueSet> &items) {
+    nb::handle display = Single(single)->fDisplayItems;
+    if (!display.is_none() && PyTuple_Check(display.ptr()) && PyTuple_GET_SIZE(display.ptr()) > 0) {
+        if (PyTuple_Check(PyTuple_GET_ITEM(display.ptr(), 0)))
+            return false;  // a dict's (key, value) pairs
+        for (nb::handle item : nb::borrow<nb::tuple>(display))
+            items.push_back(ValueSet::FromIterable(item));
+        return true;
+    }
+    std::vector<nb::object> positions;
+    if (!TuplePositions(single, positions))
+        return false;
+    for (const nb::object &item : positions)
+        items.push_back(ValueSet::FromIterable(item));
+    return true;
+}
+
+std::optional<std::vector<ValueSet>> CEvaluator::ComprehensionPositions(const Tree &tree, const Node &n,
+                                                                        const Frame &frame,
+                                                                        const ValueSet &first_iterable,
+                                                                        const ItemAt &item_at) {
+    std::vector<ValueSet> out;
+    // Each `for` in turn, over each position of what it runs over.
+    std::function<bool(std::int32_t, Locals &)> walk = [&](std::int32_t i, Locals &locals) {
+        Frame here{frame.scope, frame.use_index, frame.map, &locals};
+        if (i == n.kids_count) {
+            out.push_back(Eval(tree, tree.Kid(n, 0), here));
+            return out.size() <= kMaxDisplayItems;
+        }
+        std::int32_t comp = tree.Kid(n, i);
+        if (comp < 0)
+            return false;
+        const Node &c = tree.nodes[(std::size_t) comp];
+        if (c.kids_count != 2)
+            return false;  // an `if` may drop any item
+        ValueSet iterable = i == 1 ? first_iterable : Eval(tree, tree.Kid(c, 1), here);
+        std::vector<ValueSet> items;
+        // (Nothing to run over may only mean that nothing more is known.)
+        if (iterable.Size() != 1 || !ItemsByPosition(iterable.Items()[0], items) || items.empty())
+            return false;
+        for (const ValueSet &item : items) {
+            Locals bound = locals;
+            BindTarget(tree, tree.Kid(c, 0), item, bound, item_at);
+            if (!walk(i + 1, bound))
+                return false;
+        }
+        return true;
+    };
+    Locals locals = frame.locals ? *frame.locals : Locals();
+    if (!walk(1, locals))
+        return std::nullopt;
+    return out;
+}
+
 ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Frame &frame) {
     ValueSet out;
     Locals locals = frame.locals ? *frame.locals : Locals();
     Frame inner{frame.scope, frame.use_index, frame.map, &locals};
     std::int32_t first_comp = n.kind == NodeKind::kDictComp ? 2 : 1;
-    auto item_at = [this](const ValueSet &values, std::size_t i, std::size_t count) {
+    ItemAt item_at = [this](const ValueSet &values, std::size_t i, std::size_t count) {
         ValueSet item;
         for (const nb::object &v : values.Items()) {
             si::CSingleResolvedInfo *s = Single(v);
@@ -1460,12 +1568,18 @@ ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Fr
         }
         return item;
     };
-    for (std::int32_t i = first_comp; i < n.kids_count; ++i) {
+    // What the first `for` runs over is read in the frame around.
+    std::int32_t first = first_comp < n.kids_count ? tree.Kid(n, first_comp) : -1;
+    ValueSet first_iterable = first < 0 ? ValueSet() : Eval(tree, tree.Kid(tree.nodes[(std::size_t) first], 1), inner);
+    std::optional<std::vector<ValueSet>> positions;
+    if (n.kind == NodeKind::kListComp || n.kind == NodeKind::kGenExp)
+        positions = ComprehensionPositions(tree, n, frame, first_iterable, item_at);
+    for (std::int32_t i = first_comp; i < n.kids_count && !positions; ++i) {
         std::int32_t comp = tree.Kid(n, i);
         if (comp < 0)
             continue;
         const Node &c = tree.nodes[(std::size_t) comp];
-        ValueSet iterable = Eval(tree, tree.Kid(c, 1), inner);
+        ValueSet iterable = i == first_comp ? first_iterable : Eval(tree, tree.Kid(c, 1), inner);
         ValueSet items = IterItems(iterable);
         BindTarget(tree, tree.Kid(c, 0), items, locals, item_at);
         // `if (z := f(v))` in a condition binds z for what follows.
@@ -1488,7 +1602,16 @@ ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Fr
             return out;
         return InstanceOf(cls, nb::make_tuple(keys.AsFrozenSet(), values.AsFrozenSet()));
     }
-    ValueSet element = Eval(tree, tree.Kid(n, 0), inner);
+    ValueSet element;
+    nb::list display_items;
+    if (positions) {
+        for (const ValueSet &item : *positions) {
+            element.Merge(item);
+            display_items.append(item.AsFrozenSet());
+        }
+    } else {
+        element = Eval(tree, tree.Kid(n, 0), inner);
+    }
     nb::object cls;
     if (n.kind == NodeKind::kGenExp) {
         cls = TypingClass("Generator");
@@ -1496,12 +1619,17 @@ ValueSet CEvaluator::EvalComprehension(const Tree &tree, const Node &n, const Fr
             return out;
         ValueSet none;
         none.Add(LiteralSingle("None", std::nullopt));
-        return InstanceOf(cls, nb::make_tuple(element.AsFrozenSet(), none.AsFrozenSet(), none.AsFrozenSet()));
+        out = InstanceOf(cls, nb::make_tuple(element.AsFrozenSet(), none.AsFrozenSet(), none.AsFrozenSet()));
+    } else {
+        cls = BuiltinClass(n.kind == NodeKind::kListComp ? "list" : "set");
+        if (cls.is_none())
+            return out;
+        out = InstanceOf(cls, element.Empty() ? nb::object(nb::none()) : nb::object(nb::make_tuple(element.AsFrozenSet())));
     }
-    cls = BuiltinClass(n.kind == NodeKind::kListComp ? "list" : "set");
-    if (cls.is_none())
-        return out;
-    return InstanceOf(cls, element.Empty() ? nb::object(nb::none()) : nb::object(nb::make_tuple(element.AsFrozenSet())));
+    // (Unpacking a generator, or indexing a list, tells its items apart.)
+    if (positions && !positions->empty() && out.Size() == 1)
+        Single(out.Items()[0])->fDisplayItems = nb::tuple(display_items);
+    return out;
 }
 
 }  // namespace pysource::infer

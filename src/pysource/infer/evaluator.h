@@ -425,6 +425,8 @@ struct MemoTables {
     using ByScope = std::unordered_map<ScopeKey, std::pair<nb::object, std::optional<T>>, ScopeKeyHash, ScopeLookupEqual>;
     ByScope<std::vector<std::vector<long long>>> block_paths;
     ByScope<std::vector<long long>> loop_headers;
+    // The (parameter or "return", annotation text) pairs a def's docstring writes.
+    ByScope<std::vector<std::pair<std::string, std::string>>> docstring_hints;
     ByScope<FlowGuardRows> conditions_at;
     // (url, def name) -> what the flow provider says of its body (kYields, kAlwaysRaises).
     std::map<std::pair<std::string, std::string>, int> body_traits;
@@ -463,6 +465,7 @@ struct MemoTables {
     static void ForEachAnswerTable(Visit visit) {
         visit("block_paths", &MemoTables::block_paths);
         visit("loop_headers", &MemoTables::loop_headers);
+        visit("docstring_hints", &MemoTables::docstring_hints);
         visit("conditions_at", &MemoTables::conditions_at);
         visit("body_traits", &MemoTables::body_traits);
         visit("def_statements", &MemoTables::def_statements);
@@ -673,6 +676,23 @@ private:
     ValueSet TypedDictItem(nb::handle single, std::string_view key);
     ValueSet EvalDisplay(const Tree &tree, const pgen::Node &n, const Frame &frame);
     ValueSet EvalComprehension(const Tree &tree, const pgen::Node &n, const Frame &frame);
+    // The items by key of what `dict(mapping, k=v, ...)` makes, as a dict
+    // display's (fDisplayItems): the keys of a display passed, then the
+    // keywords; none when a mapping passed has no keys told apart.
+    nb::object DictCallItems(const std::vector<ValueSet> &args,
+                             const std::vector<std::pair<std::string, ValueSet>> &kwargs);
+    // The items of `single` one by one when its positions are known (a list
+    // display's, a tuple's); false otherwise.
+    bool ItemsByPosition(nb::handle single, std::vector<ValueSet> &items);
+    // A list comprehension's or generator's items one by one, when each
+    // `for` runs over positions known (`[f(x) for x in (1, '')]`) and no
+    // `if` drops any; none otherwise.  `first_iterable` is what the first
+    // `for` runs over.
+    using ItemAt = std::function<ValueSet(const ValueSet &, std::size_t, std::size_t)>;
+    std::optional<std::vector<ValueSet>> ComprehensionPositions(const Tree &tree, const pgen::Node &n,
+                                                                const Frame &frame,
+                                                                const ValueSet &first_iterable,
+                                                                const ItemAt &item_at);
 
     // Type hints.
     ValueSet EvalType(const Tree &tree, std::int32_t node, const Frame &frame);
@@ -702,6 +722,8 @@ private:
     long long ClosureReadIndex(nb::handle up, std::string_view child, std::string_view name);
     int StarOfParameter(nb::handle record, long long index);
     static constexpr long long kMaxStarPositions = 16;
+    // The most items a display, a comprehension or a generator keeps apart.
+    static constexpr std::size_t kMaxDisplayItems = 16;
     bool ScopeDeclaresTypeParam(nb::handle scope, nb::handle record, std::string_view name, ValueSet &out);
     bool FindLocal(nb::handle scope, std::string_view name, long long use_index, ValueSet &out,
                    int &redirect);
@@ -769,6 +791,10 @@ private:
     // The branch headers around each body logical of a scope, from the
     // engine's flow provider; null when it can't tell.
     const std::vector<std::vector<long long>> *BlockPathsOf(nb::handle scope);
+    // The type that the docstring of the def `scope` writes for `name` (a
+    // parameter, or "return") where the source has no annotation, as
+    // annotation text read at the def line.
+    std::optional<std::string> DocstringHint(nb::handle scope, std::string_view name);
     // The `for` and `while` headers of a scope's body; null when unknown.
     const std::vector<long long> *LoopHeadersOf(nb::handle scope);
     // The body logical index of the statement of `scope` that makes the def
@@ -781,6 +807,11 @@ private:
     // its yields give, and those its `return` statements give (what it
     // finishes with).
     std::pair<std::string, std::string> GeneratorEntries(nb::handle scope, std::string_view returns);
+    // What a generator yields one by one, when every yield of `yields` (its
+    // entry of yielded values) stands in its body itself, outside any block,
+    // each once and none a `yield from`: they come in that order.  None
+    // otherwise.
+    std::optional<std::vector<ValueSet>> YieldsInOrder(nb::handle scope, nb::handle record, std::string_view yields);
     static bool BlockHolds(const std::vector<std::vector<long long>> &paths, long long setting, long long use);
     // Whether the setting at body logical `setting` surely ran before the use
     // at `use`: every test of the blocks around it and not around the use is
@@ -931,6 +962,9 @@ private:
     // under a name no source can write (KeywordsBindingName); false when
     // `node` is no such parameter, or the body changes it before passing it.
     bool KeywordsPassedOn(const Tree &tree, std::int32_t node, nb::handle scope, Keywords &kwargs);
+    // `**{'a': 1, k: v}` of a dict display whose keys are all strings told
+    // apart: its items as keywords, added to `kwargs`; false otherwise.
+    bool KeywordsOfDisplay(const ValueSet &mapping, Keywords &kwargs);
     // The binding name of the keywords a call gives the `**` parameter
     // `param`: "**param" says they are all known, "**param.kw" holds `kw`.
     static std::string KeywordsBindingName(std::string_view param, std::string_view keyword = {});
@@ -1021,6 +1055,11 @@ private:
     bool IsEnumClass(nb::handle cls);
     bool IsEnumMember(nb::handle owner, std::string_view name, const ValueSet &found);
     ValueSet EnumMemberValues(nb::handle cls);
+    // The value of a member of enumeration `cls` that its body set to `found`.
+    ValueSet EnumValueOf(nb::handle cls, const ValueSet &found);
+    // The member of enumeration `cls` set to `found`: an instance of it that
+    // keeps (as fMadeWith) the value it was made with.
+    ValueSet EnumMember(nb::handle cls, const ValueSet &found);
     // The metaclass a class declares or inherits (None when only `type`).
     nb::object MetaclassOf(nb::handle cls);
     // A dunder method of the metaclass called on the class objects of

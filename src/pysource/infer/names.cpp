@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "pysource/docstringhints.h"
 #include "pysource/exprtext.h"
 #include "pysource/fastaccess.h"
 #include "basekit/stackguard.h"
@@ -1211,6 +1212,23 @@ ValueSet CEvaluator::EntryValues(nb::handle scope, nb::handle record, std::strin
     for (const EntryPiece &piece : parsed->pieces)
         declared = declared || (declares(piece) &&
                                 (use_index < 0 || !piece.index || *piece.index < use_index));
+    // A parameter that the source leaves unhinted and the body never sets
+    // again takes the type its def's docstring writes for it, as from an
+    // annotation.  (Callers' arguments are still recorded for it.)
+    if (!declared && !name.empty() && !ScopeName(scope).empty()) {
+        bool parameter = false, set_in_body = false;
+        for (const EntryPiece &piece : parsed->pieces) {
+            parameter = parameter || BareKindOf(piece) == si::kArgKind;
+            set_in_body = set_in_body || (piece.index && SaysValue(BareKindOf(piece)));
+        }
+        if (parameter && !set_in_body)
+            if (std::optional<std::string> hint = DocstringHint(scope, name)) {
+                out.Merge(ResolveHintText(ScopeAt(ScopeLoc(scope), si::DefLineScope(ScopeName(scope))), *hint,
+                                          nullptr));
+                if (!out.Empty())
+                    return out;
+            }
+    }
     long long latest_declaration = -2;  // the latest declaration before the use
     for (const auto &[piece, at] : singles)
         if (declared && at >= 0 && at < use_index && declares(*piece))
@@ -1343,6 +1361,17 @@ bool CEvaluator::FlowFileRead(nb::handle provider, nb::handle loc, nb::handle sc
 
 const std::vector<std::vector<long long>> *CEvaluator::BlockPathsOf(nb::handle scope) {
     return FlowOf(scope, "BlockPaths", fMemo.block_paths, IndexLists);
+}
+
+std::optional<std::string> CEvaluator::DocstringHint(nb::handle scope, std::string_view name) {
+    const auto *hints = FlowOf(scope, "Docstring", fMemo.docstring_hints, [](nb::handle literal) {
+        return docstringhints::HintsFromDocstring(nb::cast<std::string>(literal));
+    });
+    if (hints)
+        for (const auto &[hinted, text] : *hints)
+            if (hinted == name)
+                return text;
+    return std::nullopt;
 }
 
 FlowGuardRows::FlowGuardRows(nb::handle rows) : fRows(nb::steal<nb::tuple>(PySequence_Tuple(rows.ptr()))) {
@@ -1505,6 +1534,31 @@ std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scop
         if (!part.empty())
             part.push_back(';');
         part.append(piece.single);
+    }
+    return out;
+}
+
+std::optional<std::vector<ValueSet>> CEvaluator::YieldsInOrder(nb::handle scope, nb::handle record,
+                                                                std::string_view yields) {
+    const std::vector<std::vector<long long>> *paths = BlockPathsOf(scope);
+    if (!paths || yields.empty())
+        return std::nullopt;
+    std::vector<std::pair<long long, std::string_view>> ordered;
+    for (const EntryPiece &piece : EntryOf(yields)->pieces) {
+        // (`yield from x` is kept as the items of x, `x[*]`: how many is unknown.)
+        if (!piece.index || *piece.index < 0 || (std::size_t) *piece.index >= paths->size() ||
+            !(*paths)[(std::size_t) *piece.index].empty() || piece.single.find("[*]") != std::string_view::npos)
+            return std::nullopt;
+        ordered.emplace_back(*piece.index, piece.single);
+    }
+    std::sort(ordered.begin(), ordered.end());
+    if (ordered.size() > kMaxDisplayItems)
+        return std::nullopt;
+    std::vector<ValueSet> out;
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        if (i > 0 && ordered[i].first == ordered[i - 1].first)
+            return std::nullopt;  // two yields in one statement
+        out.push_back(EntryValues(scope, record, ordered[i].second, -2));
     }
     return out;
 }

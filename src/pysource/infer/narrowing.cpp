@@ -152,6 +152,42 @@ bool IsLiteralOfClass(nb::handle single, std::string_view class_name) {
     return si::GetInfoBytesKind(bare) == si::kTypedLiteralKind && si::UnpackLiteralInfo(bare).class_name == class_name;
 }
 
+// The number a literal int or bool stands for (True is 1), when its value
+// is known.
+std::optional<long long> KnownNumber(nb::handle single) {
+    std::string_view bare = Single(single)->Bare();
+    if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+        return std::nullopt;
+    si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+    if (!lit.value)
+        return std::nullopt;
+    if (lit.class_name == "bool")
+        return *lit.value == "True" ? 1 : 0;
+    std::string_view digits = *lit.value;
+    if (digits.starts_with("-"))
+        digits.remove_prefix(1);
+    if (lit.class_name != "int" || digits.empty() || digits.size() > 18 ||
+        digits.find_first_not_of("0123456789") != std::string_view::npos)
+        return std::nullopt;
+    return std::stoll(*lit.value);
+}
+
+// The values that can (`holds`) or can't equal `others`, one int or bool
+// whose value is known: literals of other known values can't, literals of
+// the same value always do.
+ValueSet NarrowToKnownNumber(const ValueSet &values, const ValueSet &others, bool holds) {
+    std::optional<long long> other = others.Size() == 1 ? KnownNumber(others.Items()[0]) : std::nullopt;
+    if (!other)
+        return values;
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        std::optional<long long> number = KnownNumber(v);
+        if (!number || (*number == *other) == holds)
+            out.Add(v);
+    }
+    return out;
+}
+
 }  // namespace
 
 bool IsNoneLiteral(nb::handle single) { return IsLiteralOfClass(single, "None"); }
@@ -315,9 +351,20 @@ void CEvaluator::NarrowBy(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kBoolOp: {
         // Each side of a true `and`, of a false `or`, holds alike.
         std::string_view op = TokAt(tree, tree.nodes[(std::size_t) tree.Kid(n, 0)].tok_end);
-        if ((op == "and") == holds)
+        if ((op == "and") == holds) {
             for (std::int32_t i = 0; i < n.kids_count; ++i)
                 NarrowBy(tree, tree.Kid(n, i), frame, name, holds, values);
+            return;
+        }
+        // Of a true `or`, a false `and`, one side at least holds alike:
+        // where no side can, the test can't come out so.
+        ValueSet any;
+        for (std::int32_t i = 0; i < n.kids_count; ++i) {
+            ValueSet side = values;
+            NarrowBy(tree, tree.Kid(n, i), frame, name, holds, side);
+            any.Merge(side);
+        }
+        values = any;
         return;
     }
     case NodeKind::kCall: {
@@ -448,13 +495,16 @@ void CEvaluator::NarrowByComparison(const Tree &tree, std::int32_t left, std::in
         if (positive && kept.Empty() && !fStrictNarrowing)
             kept.Add(LiteralSingle("None", std::nullopt));
         values = kept;
-    } else if (IsNameOrWalrus(tree, left, name) && (op == "== " || op == "!= ") && positive) {
+    } else if (IsNameOrWalrus(tree, left, name) && (op == "== " || op == "!= ")) {
         ValueSet others;
         {
             Loose loose(fStrictNarrowing);
             others = Eval(tree, right, frame);
         }
-        values = NarrowToEqual(values, others);
+        if (positive)
+            values = NarrowToEqual(values, others);
+        ValueSet known = NarrowToKnownNumber(values, others, positive);
+        values = known.Empty() && !fStrictNarrowing ? values : known;
     } else if (IsNameOrWalrus(tree, left, name) && (op == "is " || op == "is not ") &&
                IsReference(tree, right)) {
         ValueSet objects;
