@@ -155,6 +155,23 @@ nb::object WithMergedClosure(const si::CSingleResolvedInfo &single, nb::handle o
 
 }  // namespace
 
+namespace {
+
+// Whether two methods are bound to the same receiver (or neither is): the
+// method of one class reached through receivers of two subclasses is two
+// values, each binding `self`/`cls` to its own.
+bool SameReceiver(const si::CSingleResolvedInfo &a, const si::CSingleResolvedInfo &b) {
+    if (a.fBoundTo.is(b.fBoundTo))
+        return true;
+    if (a.fBoundTo.is_none() || b.fBoundTo.is_none())
+        return false;
+    if (!IsExactly<si::CSingleResolvedInfo>(a.fBoundTo) || !IsExactly<si::CSingleResolvedInfo>(b.fBoundTo))
+        return a.fBoundTo.equal(b.fBoundTo);
+    return nb::inst_ptr<si::CSingleResolvedInfo>(a.fBoundTo)->Equals(*nb::inst_ptr<si::CSingleResolvedInfo>(b.fBoundTo));
+}
+
+}  // namespace
+
 void ValueSet::Add(nb::handle single) {
     if (fItems.size() >= gMaxValues)
         return;
@@ -175,7 +192,8 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
         if (item.is(single))
             return;
         if (own && fKeys[i] != kForeign) {
-            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single)) {
+            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single) &&
+                SameReceiver(*nb::inst_ptr<si::CSingleResolvedInfo>(item), *own_single)) {
                 // One value made by calls that bound different things: each
                 // name is then what any of them bound.
                 const si::CSingleResolvedInfo *had = nb::inst_ptr<si::CSingleResolvedInfo>(item);
