@@ -301,10 +301,15 @@ public:
     explicit FlowGuardRows(nb::handle rows);
     std::size_t size() const { return fRead.size(); }
     const std::vector<FlowGuard> &operator[](std::size_t at) const;
+    // Whether a guard of the logical at `at` is a constant test (see
+    // ConstantTruth) whose truth isn't the one its branch needs; worked out
+    // once per logical.
+    bool ConstantGuardFails(std::size_t at) const;
 
 private:
     nb::tuple fRows;
     mutable std::vector<std::optional<std::vector<FlowGuard>>> fRead;
+    mutable std::vector<std::optional<bool>> fConstantFails;
 };
 
 // A binding a piece of work read: (url, dotted scope name, name), or all of
@@ -405,6 +410,10 @@ struct MemoTables {
     };
     using KeptAnswer = KeptFact<ValueSet>;
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
+    // Orders of specialised classes, by the key CEvaluator::Mro reads them
+    // under within a request (class, arguments, map and the bindings read),
+    // while the records they read stand.
+    std::unordered_map<std::string, KeptFact<std::vector<MroEntry>>, TextHash, std::equal_to<>> specialised_mros;
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
     // Values read, each under the signature of the bindings it read (see
     // CEvaluator::ResolveText).
@@ -469,6 +478,7 @@ struct MemoTables {
         visit("module_scopes", &MemoTables::module_scopes);
         visit("scopes", &MemoTables::scopes);
         visit("mros", &MemoTables::mros);
+        visit("specialised_mros", &MemoTables::specialised_mros);
         visit("type_vars", &MemoTables::type_vars);
         visit("library_values", &MemoTables::library_values);
         visit("project_values", &MemoTables::project_values);
@@ -1268,6 +1278,20 @@ private:
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
     }
+    // Where reads of a scope are kept from one request to the next: values
+    // read in library files (for any argument hops: their files have no
+    // callers' records), in the project's own while the records they read
+    // stand, or nowhere.
+    struct BetweenRequests {
+        EngineMemo::KeptValues *table = nullptr;
+        bool library = false;
+    };
+    BetweenRequests BetweenRequestsOf(nb::handle scope);
+    // The value kept between requests for `key` under `signature` (that of
+    // the bindings `deps`), told to this request as where it was worked
+    // out; null when none stands.
+    const ValueSet *KeptBetweenRequests(const BetweenRequests &where, const ReadKey &key, std::string_view signature,
+                                        std::size_t read_hash, const BindingDeps &deps);
     // The names a call fixes and the type variables in force (plus `map`'s),
     // as text: values read under equal signatures are equal.
     std::string BindingSignature(const TypeMap *map);
@@ -1345,7 +1369,8 @@ private:
     void RecordRead(nb::handle scope, nb::handle record);
     // Whether no scope a kept value read has had its records changed since
     // the value was worked out.
-    bool RecordsStand(const EngineMemo::KeptAnswer &kept);
+    template <class T>
+    bool RecordsStand(const EngineMemo::KeptFact<T> &kept);
     // Tells the context again what a kept answer told it.
     void Replay(const Effects &effects);
     Effects EffectsFrom(std::size_t start) const;

@@ -426,7 +426,8 @@ void CEvaluator::Replay(const Effects &effects) {
         }
 }
 
-bool CEvaluator::RecordsStand(const EngineMemo::KeptAnswer &kept) {
+template <class T>
+bool CEvaluator::RecordsStand(const EngineMemo::KeptFact<T> &kept) {
     if (kept.record_generation == fMemo.record_generation)
         return true;
     if (!fScopeGenerations)
@@ -436,6 +437,8 @@ bool CEvaluator::RecordsStand(const EngineMemo::KeptAnswer &kept) {
             return false;
     return true;
 }
+template bool CEvaluator::RecordsStand(const EngineMemo::KeptFact<ValueSet> &);
+template bool CEvaluator::RecordsStand(const EngineMemo::KeptFact<std::vector<MroEntry>> &);
 
 void CEvaluator::ImportSeen(nb::handle module_scope) {
     NoteEffect(Effect::kImport, module_scope);
@@ -1283,6 +1286,7 @@ FlowGuardRows::FlowGuardRows(nb::handle rows) : fRows(nb::steal<nb::tuple>(PySeq
     if (!fRows.is_valid())
         throw nb::python_error();
     fRead.resize(fRows.size());
+    fConstantFails.resize(fRows.size());
 }
 
 const std::vector<FlowGuard> &FlowGuardRows::operator[](std::size_t at) const {
@@ -1298,6 +1302,21 @@ const std::vector<FlowGuard> &FlowGuardRows::operator[](std::size_t at) const {
         read = std::move(here);
     }
     return *read;
+}
+
+bool FlowGuardRows::ConstantGuardFails(std::size_t at) const {
+    std::optional<bool> &fails = fConstantFails[at];
+    if (!fails) {
+        fails = false;
+        for (const auto &[header, condition, held] : (*this)[at]) {
+            std::optional<bool> truth = ConstantTruth(condition);
+            if (truth && *truth != (held != 0)) {
+                fails = true;
+                break;
+            }
+        }
+    }
+    return *fails;
 }
 
 const FlowGuardRows *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
@@ -1417,14 +1436,7 @@ std::optional<bool> ConstantTruth(std::string_view text) {
 
 bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
     const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
-    if (!guards || at < 0 || (std::size_t) at >= guards->size())
-        return false;
-    for (const auto &[header, condition, held] : (*guards)[(std::size_t) at]) {
-        std::optional<bool> truth = ConstantTruth(condition);
-        if (truth && *truth != (held != 0))
-            return true;
-    }
-    return false;
+    return guards && at >= 0 && (std::size_t) at < guards->size() && guards->ConstantGuardFails((std::size_t) at);
 }
 
 std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scope, std::string_view returns) {
