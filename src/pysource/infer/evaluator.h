@@ -1414,8 +1414,8 @@ private:
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet, std::less<>> fBoundNames;
-    // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
-    std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
+    // LogicalReachable's answers by (url, scope, logical, bindings signature).
+    std::map<std::tuple<std::string, std::string, long long, std::string>, bool> fReachable;
     // CallersNotReaching by (url, scope, logical, bindings signature).
     std::map<std::tuple<std::string, std::string, long long, std::string>, CallerReach> fCallersNotReaching;
     // The type arguments of the classes whose instance attributes are being

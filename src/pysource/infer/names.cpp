@@ -1032,10 +1032,13 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
         return true;
-    std::tuple<std::string, std::string, long long> key{UrlOf(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
-    auto known = fReachable.find(key);
-    if (known != fReachable.end() && known->second.first == fBindingVersion)
-        return known->second.second;
+    // A call made again with the same arguments binds the same: the answer
+    // is worked out once per bindings.
+    std::tuple<std::string, std::string, long long, std::string> key{UrlOf(ScopeLoc(scope)),
+                                                                      std::string(ScopeName(scope)), at,
+                                                                      BindingSignature(nullptr)};
+    if (auto known = fReachable.find(key); known != fReachable.end())
+        return known->second;
     fInReachCheck = true;
     bool reached = true;
     for (const auto &[name, bound] : names) {
@@ -1062,7 +1065,7 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
         fStrictNarrowing = false;
     }
     fInReachCheck = false;
-    fReachable[key] = {fBindingVersion, reached};
+    fReachable.emplace(std::move(key), reached);
     return reached;
 }
 
