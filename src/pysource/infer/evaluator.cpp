@@ -367,7 +367,8 @@ std::string CEvaluator::ComputeDepsSignature(const BindingDeps &deps) {
                 AppendValuesSignature(signature, bound->second);
             continue;
         }
-        for (auto it = fBoundNames.lower_bound({url, scope_name, std::string()});
+        using View = std::tuple<std::string_view, std::string_view, std::string_view>;
+        for (auto it = fBoundNames.lower_bound(View(url, scope_name, std::string_view()));
              it != fBoundNames.end() && std::get<0>(it->first) == url && std::get<1>(it->first) == scope_name; ++it) {
             signature.append(std::get<2>(it->first));
             AppendValuesSignature(signature, it->second);

@@ -10,6 +10,7 @@
 #include <nanobind/nanobind.h>
 
 #include <algorithm>
+#include <array>
 #include <bitset>
 #include <chrono>
 #include <climits>
@@ -96,7 +97,7 @@ public:
     // On a temporary, the items themselves: a range-for over
     // `Evaluate(...).Items()` then holds them for the loop's life.
     std::vector<nb::object> Items() && {
-        fKeys.clear();
+        fMoreKeys.clear();
         return std::move(fItems);
     }
     nb::object AsFrozenSet() const;
@@ -105,13 +106,17 @@ public:
 
 private:
     void AddKeyed(nb::handle single, std::size_t key);
+    std::size_t KeyAt(std::size_t i) const { return i < kFirstRoom ? fFirstKeys[i] : fMoreKeys[i - kFirstRoom]; }
 
-    std::vector<nb::object> fItems;
-    // Per item, a cheap key of our own singles (kForeign for any other
-    // object): items whose keys differ are not compared further.
-    std::vector<std::size_t> fKeys;
     static constexpr std::size_t kForeign = 0;
     static constexpr std::size_t kFirstRoom = 4;
+    std::vector<nb::object> fItems;
+    // Per item, a cheap key of our own singles (kForeign for any other
+    // object): items whose keys differ are not compared further.  Most sets
+    // hold a few values: their keys are kept beside the set, without an
+    // allocation of their own.
+    std::array<std::size_t, kFirstRoom> fFirstKeys{};
+    std::vector<std::size_t> fMoreKeys;
 };
 
 // A set of object addresses (their low bits free for a tag), emptied and

@@ -173,8 +173,9 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
         const nb::object &item = fItems[i];
         if (item.is(single))
             return;
-        if (own && fKeys[i] != kForeign) {
-            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single)) {
+        const std::size_t item_key = KeyAt(i);
+        if (own && item_key != kForeign) {
+            if (item_key == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single)) {
                 // One value made by calls that bound different things: each
                 // name is then what any of them bound.
                 const si::CSingleResolvedInfo *had = nb::inst_ptr<si::CSingleResolvedInfo>(item);
@@ -189,21 +190,24 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
     if (fItems.empty()) {
         // Most sets hold a few values: room for them at once, not by doubling.
         fItems.reserve(kFirstRoom);
-        fKeys.reserve(kFirstRoom);
     }
+    if (fItems.size() < kFirstRoom)
+        fFirstKeys[fItems.size()] = key;
+    else
+        fMoreKeys.push_back(key);
     fItems.push_back(nb::borrow(single));
-    fKeys.push_back(key);
 }
 
 void ValueSet::Merge(const ValueSet &other) {
     if (fItems.empty() && other.fItems.size() <= gMaxValues) {
         // The other's values are distinct already.
         fItems = other.fItems;
-        fKeys = other.fKeys;
+        fFirstKeys = other.fFirstKeys;
+        fMoreKeys = other.fMoreKeys;
         return;
     }
     for (std::size_t i = 0; i < other.fItems.size(); ++i)
-        AddKeyed(other.fItems[i], other.fKeys[i]);
+        AddKeyed(other.fItems[i], other.KeyAt(i));
 }
 
 nb::object ValueSet::AsFrozenSet() const {
