@@ -324,6 +324,22 @@ def _answer_after(path, earlier, text):
 
 
 SHARED_CALL = "def f(x):\n    return x\n\ndef h():\n    return f(1)\n\nc = h()\nd = h()\n"
+GENERIC_BOX = """
+from typing import Generic, TypeVar
+T = TypeVar("T")
+
+class Item: ...
+
+class Base(Generic[T]):
+    def first(self) -> T: ...
+
+class Box(Base[T]):
+    def get(self) -> "list[T]": ...
+
+def make() -> "Box[Item]": ...
+
+box = make()
+"""
 
 
 @pytest.mark.parametrize("module, warm, text", [
@@ -332,6 +348,9 @@ SHARED_CALL = "def f(x):\n    return x\n\ndef h():\n    return f(1)\n\nc = h()\n
     ("a = 'x'\nb = [1]\n", ["a.upper()", "b.copy()"], "a.join(b)"),
     # d's value reuses what h's body gave for c in the same request.
     (SHARED_CALL, ["(c, d)"], "d"),
+    # Hinted returns, and the order of a specialised class, kept from the first.
+    (GENERIC_BOX, ["make().first()"], "box.first()"),
+    (GENERIC_BOX, ["make().get()"], "box.first()"),
 ])
 def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, module, warm, text):
     """Method orders, type variables and values worked out by earlier requests

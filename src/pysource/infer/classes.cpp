@@ -286,13 +286,30 @@ std::vector<MroEntry> CEvaluator::Mro(nb::handle cls, const TypeMap &map) {
         AppendMapSignature(key, map);
         if (PyErr_Occurred())
             throw nb::python_error();
-        if (const std::vector<MroEntry> *kept = ForEachDepSet(read, [&](const BindingDeps &, const std::string &bindings) {
-                return KeptOf(fRequestMros, key + bindings);
-            }))
+        auto look = [&](const BindingDeps &deps, const std::string &bindings) -> const std::vector<MroEntry> * {
+            std::string bound_key = key + bindings;
+            if (const std::vector<MroEntry> *kept = KeptOf(fRequestMros, bound_key))
+                return kept;
+            // Kept from an earlier request.
+            auto kept = fMemo.specialised_mros.find(bound_key);
+            if (kept == fMemo.specialised_mros.end() || !RecordsStand(kept->second))
+                return nullptr;
+            DependOnAll(deps);  // as bound here as where it was found
+            Replay(kept->second.effects);
+            return &kept->second.values;
+        };
+        if (const std::vector<MroEntry> *kept = ForEachDepSet(read, look))
             return *kept;
         CutWatch watch(*this);
+        EffectsCollector effects(*this);
         std::vector<MroEntry> mro = ComputeMro(cls, map);
-        fRequestMros.insert_or_assign(key + NoteDeps(read, watch), Keep(mro, watch));
+        std::string bound_key = key + NoteDeps(read, watch);
+        auto request_kept = Keep(mro, watch);
+        request_kept.effects = effects.Taken();
+        if (watch.Whole())
+            fMemo.specialised_mros.insert_or_assign(
+                bound_key, EngineMemo::KeptFact<std::vector<MroEntry>>{mro, request_kept.effects, fMemo.record_generation});
+        fRequestMros.insert_or_assign(std::move(bound_key), std::move(request_kept));
         return mro;
     }
     std::string memo_key = ClassKey(cls);

@@ -137,9 +137,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     // what callers pass).  Library values stand for any argument hops (their
     // files have no callers' records).
     bool memoable = self_locals_free(text);
-    bool library = memoable && IsLibraryScope(scope);
-    bool keep_project = memoable && !library && fKeepProjectValues;
-    auto *kept_values = library ? &fMemo.library_values : keep_project ? &fMemo.project_values : nullptr;
+    const BetweenRequests kept = memoable ? BetweenRequestsOf(scope) : BetweenRequests{};
     const std::string &hops = free_key.second;
     const std::size_t read_hash = ReadKeyHash{}(key);
     if (memoable) {
@@ -147,22 +145,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
             std::string signature = hops + bindings;
             if (const ValueSet *found = RequestValueOf(BoundReadView{key, signature, read_hash}))
                 return found;
-            if (!kept_values)
-                return nullptr;
-            auto kept = kept_values->find(BoundReadView{key, library ? bindings : signature, read_hash});
-            if (kept == kept_values->end())
-                return nullptr;
-            if (!library) {
-                if (!RecordsStand(kept->second)) {
-                    ++fMemo.project_values_outdated;
-                    kept_values->erase(kept);  // worked out again below
-                    return nullptr;
-                }
-                ++fMemo.project_values_found;
-            }
-            DependOnAll(deps);  // as bound here as where it was found
-            Replay(kept->second.effects);
-            return &kept->second.values;
+            return KeptBetweenRequests(kept, key, kept.library ? bindings : signature, read_hash, deps);
         };
         const ValueSet *hit = ForEachDepSet(key, look);
         if (hit)
@@ -170,7 +153,7 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     }
     CutWatch watch(*this);
     std::optional<EffectsCollector> effects;
-    if (keep_project || library)
+    if (kept.table)
         effects.emplace(*this);
     ActiveRead active(*this, key);
     struct Leave {
@@ -205,11 +188,38 @@ ValueSet CEvaluator::ResolveText(nb::handle scope, std::string_view text, long l
     auto request_kept = Keep(out, watch);
     if (effects)
         request_kept.effects = effects->Taken();
-    if (kept_values && watch.Whole())
-        kept_values->emplace(RequestKey{key, library ? bindings : hops + bindings},
-                             EngineMemo::KeptAnswer{out, request_kept.effects, fMemo.record_generation});
+    if (kept.table && watch.Whole())
+        kept.table->emplace(RequestKey{key, kept.library ? bindings : hops + bindings},
+                            EngineMemo::KeptAnswer{out, request_kept.effects, fMemo.record_generation});
     fRequestValues.emplace(RequestKey{key, hops + bindings}, std::move(request_kept));
     return out;
+}
+
+CEvaluator::BetweenRequests CEvaluator::BetweenRequestsOf(nb::handle scope) {
+    if (IsLibraryScope(scope))
+        return {&fMemo.library_values, true};
+    return {fKeepProjectValues ? &fMemo.project_values : nullptr, false};
+}
+
+const ValueSet *CEvaluator::KeptBetweenRequests(const BetweenRequests &where, const ReadKey &key,
+                                                std::string_view signature, std::size_t read_hash,
+                                                const BindingDeps &deps) {
+    if (!where.table)
+        return nullptr;
+    auto kept = where.table->find(BoundReadView{key, signature, read_hash});
+    if (kept == where.table->end())
+        return nullptr;
+    if (!where.library) {
+        if (!RecordsStand(kept->second)) {
+            ++fMemo.project_values_outdated;
+            where.table->erase(kept);  // worked out again
+            return nullptr;
+        }
+        ++fMemo.project_values_found;
+    }
+    DependOnAll(deps);  // as bound here as where it was found
+    Replay(kept->second.effects);
+    return &kept->second.values;
 }
 
 bool CEvaluator::CycleAt(const ActiveKey &key) {
@@ -375,7 +385,8 @@ std::string CEvaluator::ComputeDepsSignature(const BindingDeps &deps) {
                 AppendValuesSignature(signature, bound->second);
             continue;
         }
-        for (auto it = fBoundNames.lower_bound({url, scope_name, std::string()});
+        using View = std::tuple<std::string_view, std::string_view, std::string_view>;
+        for (auto it = fBoundNames.lower_bound(View(url, scope_name, std::string_view()));
              it != fBoundNames.end() && std::get<0>(it->first) == url && std::get<1>(it->first) == scope_name; ++it) {
             signature.append(std::get<2>(it->first));
             AppendValuesSignature(signature, it->second);

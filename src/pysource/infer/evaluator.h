@@ -10,6 +10,7 @@
 #include <nanobind/nanobind.h>
 
 #include <algorithm>
+#include <array>
 #include <bitset>
 #include <chrono>
 #include <climits>
@@ -96,7 +97,7 @@ public:
     // On a temporary, the items themselves: a range-for over
     // `Evaluate(...).Items()` then holds them for the loop's life.
     std::vector<nb::object> Items() && {
-        fKeys.clear();
+        fMoreKeys.clear();
         return std::move(fItems);
     }
     nb::object AsFrozenSet() const;
@@ -105,13 +106,17 @@ public:
 
 private:
     void AddKeyed(nb::handle single, std::size_t key);
+    std::size_t KeyAt(std::size_t i) const { return i < kFirstRoom ? fFirstKeys[i] : fMoreKeys[i - kFirstRoom]; }
 
-    std::vector<nb::object> fItems;
-    // Per item, a cheap key of our own singles (kForeign for any other
-    // object): items whose keys differ are not compared further.
-    std::vector<std::size_t> fKeys;
     static constexpr std::size_t kForeign = 0;
     static constexpr std::size_t kFirstRoom = 4;
+    std::vector<nb::object> fItems;
+    // Per item, a cheap key of our own singles (kForeign for any other
+    // object): items whose keys differ are not compared further.  Most sets
+    // hold a few values: their keys are kept beside the set, without an
+    // allocation of their own.
+    std::array<std::size_t, kFirstRoom> fFirstKeys{};
+    std::vector<std::size_t> fMoreKeys;
 };
 
 // A set of object addresses (their low bits free for a tag), emptied and
@@ -301,10 +306,15 @@ public:
     explicit FlowGuardRows(nb::handle rows);
     std::size_t size() const { return fRead.size(); }
     const std::vector<FlowGuard> &operator[](std::size_t at) const;
+    // Whether a guard of the logical at `at` is a constant test (see
+    // ConstantTruth) whose truth isn't the one its branch needs; worked out
+    // once per logical.
+    bool ConstantGuardFails(std::size_t at) const;
 
 private:
     nb::tuple fRows;
     mutable std::vector<std::optional<std::vector<FlowGuard>>> fRead;
+    mutable std::vector<std::optional<bool>> fConstantFails;
 };
 
 // A binding a piece of work read: (url, dotted scope name, name), or all of
@@ -405,6 +415,10 @@ struct MemoTables {
     };
     using KeptAnswer = KeptFact<ValueSet>;
     std::map<std::string, KeptFact<std::vector<MroEntry>>> mros;  // url|name|class single
+    // Orders of specialised classes, by the key CEvaluator::Mro reads them
+    // under within a request (class, arguments, map and the bindings read),
+    // while the records they read stand.
+    std::unordered_map<std::string, KeptFact<std::vector<MroEntry>>, TextHash, std::equal_to<>> specialised_mros;
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
     // Values read, each under the signature of the bindings it read (see
     // CEvaluator::ResolveText).
@@ -472,6 +486,7 @@ struct MemoTables {
         visit("module_scopes", &MemoTables::module_scopes);
         visit("scopes", &MemoTables::scopes);
         visit("mros", &MemoTables::mros);
+        visit("specialised_mros", &MemoTables::specialised_mros);
         visit("type_vars", &MemoTables::type_vars);
         visit("library_values", &MemoTables::library_values);
         visit("project_values", &MemoTables::project_values);
@@ -1328,6 +1343,20 @@ private:
             kept.cycle = *fActiveStack[watch.CycleLow()];
         return kept;
     }
+    // Where reads of a scope are kept from one request to the next: values
+    // read in library files (for any argument hops: their files have no
+    // callers' records), in the project's own while the records they read
+    // stand, or nowhere.
+    struct BetweenRequests {
+        EngineMemo::KeptValues *table = nullptr;
+        bool library = false;
+    };
+    BetweenRequests BetweenRequestsOf(nb::handle scope);
+    // The value kept between requests for `key` under `signature` (that of
+    // the bindings `deps`), told to this request as where it was worked
+    // out; null when none stands.
+    const ValueSet *KeptBetweenRequests(const BetweenRequests &where, const ReadKey &key, std::string_view signature,
+                                        std::size_t read_hash, const BindingDeps &deps);
     // The names a call fixes and the type variables in force (plus `map`'s),
     // as text: values read under equal signatures are equal.
     std::string BindingSignature(const TypeMap *map);
@@ -1405,7 +1434,8 @@ private:
     void RecordRead(nb::handle scope, nb::handle record);
     // Whether no scope a kept value read has had its records changed since
     // the value was worked out.
-    bool RecordsStand(const EngineMemo::KeptAnswer &kept);
+    template <class T>
+    bool RecordsStand(const EngineMemo::KeptFact<T> &kept);
     // Tells the context again what a kept answer told it.
     void Replay(const Effects &effects);
     Effects EffectsFrom(std::size_t start) const;
@@ -1449,8 +1479,8 @@ private:
     // Names whose value a call fixes while its body is read: the first
     // parameter of a bound method is what it is bound to.
     std::map<std::tuple<std::string, std::string, std::string>, ValueSet, std::less<>> fBoundNames;
-    // LogicalReachable's answers by (url, scope, logical), under one fBindingVersion.
-    std::map<std::tuple<std::string, std::string, long long>, std::pair<std::uint64_t, bool>> fReachable;
+    // LogicalReachable's answers by (url, scope, logical, bindings signature).
+    std::map<std::tuple<std::string, std::string, long long, std::string>, bool> fReachable;
     // CallersNotReaching by (url, scope, logical, bindings signature).
     std::map<std::tuple<std::string, std::string, long long, std::string>, CallerReach> fCallersNotReaching;
     // The type arguments of the classes whose instance attributes are being

@@ -160,19 +160,30 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
     // Once per binding of what it reads, and per map given.
     const ReadKey key{ReadKeyOf(ScopeLoc(scope)), std::string(ScopeName(scope)), std::string(text),
                       map && map == fFitMap ? kFitHintUseIndex : kHintUseIndex};
-    std::string given = std::to_string(fArgHops);
+    // Values read under a map carry its signature; those read in the
+    // project's own files, the argument hops too (as ResolveText's do).
+    const std::string hops = std::to_string(fArgHops);
+    std::string mapped;
     if (map) {
-        given.push_back('@');
-        AppendMapSignature(given, *map);
+        mapped.push_back('@');
+        AppendMapSignature(mapped, *map);
         if (PyErr_Occurred())
             throw nb::python_error();
     }
+    const std::string given = hops + mapped;
+    const BetweenRequests kept = BetweenRequestsOf(scope);
     const std::size_t read_hash = ReadKeyHash{}(key);
-    if (const ValueSet *hit = ForEachDepSet(key, [&](const BindingDeps &, const std::string &bindings) {
-            return RequestValueOf(BoundReadView{key, given + bindings, read_hash});
+    if (const ValueSet *hit = ForEachDepSet(key, [&](const BindingDeps &deps, const std::string &bindings) {
+            std::string signature = given + bindings;
+            if (const ValueSet *found = RequestValueOf(BoundReadView{key, signature, read_hash}))
+                return found;
+            return KeptBetweenRequests(kept, key, kept.library ? mapped + bindings : signature, read_hash, deps);
         }))
         return *hit;
     CutWatch watch(*this);
+    std::optional<EffectsCollector> effects;
+    if (kept.table)
+        effects.emplace(*this);
     const auto parsed = ParseText(text);
     const Tree &tree = parsed->tree;
     std::int32_t root = parsed->root;
@@ -194,7 +205,14 @@ ValueSet CEvaluator::ResolveHintText(nb::handle scope, std::string_view text, co
         out = EvalType(tree, root, frame);
         --fDepth;
     }
-    fRequestValues.emplace(RequestKey{key, given + NoteDeps(key, watch)}, Keep(out, watch));
+    std::string bindings = NoteDeps(key, watch);
+    auto request_kept = Keep(out, watch);
+    if (effects)
+        request_kept.effects = effects->Taken();
+    if (kept.table && watch.Whole())
+        kept.table->emplace(RequestKey{key, kept.library ? mapped + bindings : given + bindings},
+                            EngineMemo::KeptAnswer{out, request_kept.effects, fMemo.record_generation});
+    fRequestValues.emplace(RequestKey{key, given + bindings}, std::move(request_kept));
     return out;
 }
 

@@ -191,8 +191,9 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
         const nb::object &item = fItems[i];
         if (item.is(single))
             return;
-        if (own && fKeys[i] != kForeign) {
-            if (fKeys[i] == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single) &&
+        const std::size_t item_key = KeyAt(i);
+        if (own && item_key != kForeign) {
+            if (item_key == key && nb::inst_ptr<si::CSingleResolvedInfo>(item)->Equals(*own_single) &&
                 SameReceiver(*nb::inst_ptr<si::CSingleResolvedInfo>(item), *own_single)) {
                 // One value made by calls that bound different things: each
                 // name is then what any of them bound.
@@ -208,21 +209,24 @@ void ValueSet::AddKeyed(nb::handle single, std::size_t key) {
     if (fItems.empty()) {
         // Most sets hold a few values: room for them at once, not by doubling.
         fItems.reserve(kFirstRoom);
-        fKeys.reserve(kFirstRoom);
     }
+    if (fItems.size() < kFirstRoom)
+        fFirstKeys[fItems.size()] = key;
+    else
+        fMoreKeys.push_back(key);
     fItems.push_back(nb::borrow(single));
-    fKeys.push_back(key);
 }
 
 void ValueSet::Merge(const ValueSet &other) {
     if (fItems.empty() && other.fItems.size() <= gMaxValues) {
         // The other's values are distinct already.
         fItems = other.fItems;
-        fKeys = other.fKeys;
+        fFirstKeys = other.fFirstKeys;
+        fMoreKeys = other.fMoreKeys;
         return;
     }
     for (std::size_t i = 0; i < other.fItems.size(); ++i)
-        AddKeyed(other.fItems[i], other.fKeys[i]);
+        AddKeyed(other.fItems[i], other.KeyAt(i));
 }
 
 nb::object ValueSet::AsFrozenSet() const {
@@ -445,7 +449,8 @@ void CEvaluator::Replay(const Effects &effects) {
         }
 }
 
-bool CEvaluator::RecordsStand(const EngineMemo::KeptAnswer &kept) {
+template <class T>
+bool CEvaluator::RecordsStand(const EngineMemo::KeptFact<T> &kept) {
     if (kept.record_generation == fMemo.record_generation)
         return true;
     if (!fScopeGenerations)
@@ -455,6 +460,8 @@ bool CEvaluator::RecordsStand(const EngineMemo::KeptAnswer &kept) {
             return false;
     return true;
 }
+template bool CEvaluator::RecordsStand(const EngineMemo::KeptFact<ValueSet> &);
+template bool CEvaluator::RecordsStand(const EngineMemo::KeptFact<std::vector<MroEntry>> &);
 
 void CEvaluator::ImportSeen(nb::handle module_scope) {
     NoteEffect(Effect::kImport, module_scope);
@@ -1081,10 +1088,13 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
     std::vector<std::pair<std::string, const ValueSet *>> names = BindingsAround(scope);
     if (names.empty())
         return true;
-    std::tuple<std::string, std::string, long long> key{UrlOf(ScopeLoc(scope)), std::string(ScopeName(scope)), at};
-    auto known = fReachable.find(key);
-    if (known != fReachable.end() && known->second.first == fBindingVersion)
-        return known->second.second;
+    // A call made again with the same arguments binds the same: the answer
+    // is worked out once per bindings.
+    std::tuple<std::string, std::string, long long, std::string> key{UrlOf(ScopeLoc(scope)),
+                                                                      std::string(ScopeName(scope)), at,
+                                                                      BindingSignature(nullptr)};
+    if (auto known = fReachable.find(key); known != fReachable.end())
+        return known->second;
     fInReachCheck = true;
     bool reached = true;
     for (const auto &[name, bound] : names) {
@@ -1111,7 +1121,7 @@ bool CEvaluator::LogicalReachable(nb::handle scope, nb::handle record, long long
         fStrictNarrowing = false;
     }
     fInReachCheck = false;
-    fReachable[key] = {fBindingVersion, reached};
+    fReachable.emplace(std::move(key), reached);
     return reached;
 }
 
@@ -1396,6 +1406,7 @@ FlowGuardRows::FlowGuardRows(nb::handle rows) : fRows(nb::steal<nb::tuple>(PySeq
     if (!fRows.is_valid())
         throw nb::python_error();
     fRead.resize(fRows.size());
+    fConstantFails.resize(fRows.size());
 }
 
 const std::vector<FlowGuard> &FlowGuardRows::operator[](std::size_t at) const {
@@ -1411,6 +1422,21 @@ const std::vector<FlowGuard> &FlowGuardRows::operator[](std::size_t at) const {
         read = std::move(here);
     }
     return *read;
+}
+
+bool FlowGuardRows::ConstantGuardFails(std::size_t at) const {
+    std::optional<bool> &fails = fConstantFails[at];
+    if (!fails) {
+        fails = false;
+        for (const auto &[header, condition, held] : (*this)[at]) {
+            std::optional<bool> truth = ConstantTruth(condition);
+            if (truth && *truth != (held != 0)) {
+                fails = true;
+                break;
+            }
+        }
+    }
+    return *fails;
 }
 
 const FlowGuardRows *CEvaluator::ConditionsOf(nb::handle scope, const char *method) {
@@ -1530,14 +1556,7 @@ std::optional<bool> ConstantTruth(std::string_view text) {
 
 bool CEvaluator::NeverRuns(nb::handle scope, long long at) {
     const FlowGuardRows *guards = ConditionsOf(scope, "Guards");
-    if (!guards || at < 0 || (std::size_t) at >= guards->size())
-        return false;
-    for (const auto &[header, condition, held] : (*guards)[(std::size_t) at]) {
-        std::optional<bool> truth = ConstantTruth(condition);
-        if (truth && *truth != (held != 0))
-            return true;
-    }
-    return false;
+    return guards && at >= 0 && (std::size_t) at < guards->size() && guards->ConstantGuardFails((std::size_t) at);
 }
 
 std::pair<std::string, std::string> CEvaluator::GeneratorEntries(nb::handle scope, std::string_view returns) {
