@@ -55,6 +55,9 @@ PROJECT = {
         def first(items: List[T]) -> T:
             return items[0]
 
+        def wrapped(item: T) -> "Optional[List[T]]":
+            return [item]
+
         def untyped(n):
             if n:
                 return n
@@ -111,6 +114,7 @@ CASES = [
     ("pkg/shapes.py", "", "Square(1).name", {"def Shape.name"}),
     ("pkg/shapes.py", "", "area(Square(1))", {"float", "None"}),
     ("pkg/shapes.py", "", "first([1, 2])", {"int"}),
+    ("pkg/shapes.py", "", "wrapped('a')", {"list[str]", "None"}),  # a variable inside a string hint
     ("pkg/shapes.py", "", "Box('a').get()", {"str"}),
     ("pkg/shapes.py", "", "untyped(3)", {"int"}),  # 3 is true: the later return is never reached
     ("pkg/shapes.py", "flow", "y", {"str"}),
@@ -351,6 +355,8 @@ box = make()
     # Hinted returns, and the order of a specialised class, kept from the first.
     (GENERIC_BOX, ["make().first()"], "box.first()"),
     (GENERIC_BOX, ["make().get()"], "box.first()"),
+    # Whether a return hint names a type variable, kept from the first.
+    ("from typing import TypeVar\nT = TypeVar('T')\ndef pick(x: T) -> T: ...\n", ["pick(1)"], "pick('s')"),
 ])
 def test_facts_kept_from_earlier_requests_tell_the_scopes_they_read(tmp_path, module, warm, text):
     """Method orders, type variables and values worked out by earlier requests

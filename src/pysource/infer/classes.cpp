@@ -808,6 +808,20 @@ ValueSet CEvaluator::CallDef(nb::handle def_single, const std::vector<ValueSet> 
     return ReturnsOfDef(def_single, map, ArgumentBindings(def_single, args, kwargs, arguments_whole));
 }
 
+bool CEvaluator::CallNeedsArguments(nb::handle callee) {
+    si::CSingleResolvedInfo *c = Single(callee);
+    if (!c->IsDef())
+        return true;
+    const auto def_held = DefInfoOf(c->Bare());
+    const si::DefInfo &def = *def_held;
+    // Without a return hint the body answers, under what the call binds;
+    // among overloads, the arguments choose.
+    if (!def.return_hint || def.return_hint->find_first_not_of(" ") == std::string::npos ||
+        HasDecorator(def, "overload"))
+        return true;
+    return ReturnHintNamesTypeParam(callee);
+}
+
 std::vector<std::pair<std::string, ValueSet>> CEvaluator::ArgumentBindings(nb::handle def_single,
                                                                           const std::vector<ValueSet> &args,
                                                                           const Keywords &kwargs,

@@ -873,9 +873,13 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
                 continue;
             }
         }
-        arguments();
         calls.Add(callee);
     }
+    // Arguments are read only when some callee's answer can depend on them:
+    // a hinted def's return mostly says what it gives whatever it is passed.
+    const auto &callables = calls.Items();
+    if (std::any_of(callables.begin(), callables.end(), [&](const nb::object &callee) { return CallNeedsArguments(callee); }))
+        arguments();
     const Keywords *known = keywords_known ? &kwargs : nullptr;
     bool fitted = true;
     ValueSet selected = SelectOverloads(calls, args, known, &fitted);

@@ -420,6 +420,7 @@ struct MemoTables {
     // while the records they read stand.
     std::unordered_map<std::string, KeptFact<std::vector<MroEntry>>, TextHash, std::equal_to<>> specialised_mros;
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
+    std::map<std::string, KeptFact<bool>> return_type_params;  // url|def single -> its return hint names one
     // Values read, each under the signature of the bindings it read (see
     // CEvaluator::ResolveText).
     using KeptValues = std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual>;
@@ -488,6 +489,7 @@ struct MemoTables {
         visit("mros", &MemoTables::mros);
         visit("specialised_mros", &MemoTables::specialised_mros);
         visit("type_vars", &MemoTables::type_vars);
+        visit("return_type_params", &MemoTables::return_type_params);
         visit("library_values", &MemoTables::library_values);
         visit("project_values", &MemoTables::project_values);
         visit("value_deps", &MemoTables::value_deps);
@@ -726,6 +728,10 @@ private:
                              const TypeMap &known = {});
     void BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
                   TypeMap &map);
+    // Whether the return hint of a def names a type variable (its own or
+    // its class's), which what a call passes may bind; kept between requests.
+    bool ReturnHintNamesTypeParam(nb::handle def_single);
+    bool HintNamesTypeParam(const Tree &tree, std::int32_t node, const Frame &frame);
 
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
@@ -951,6 +957,10 @@ private:
                         const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     ValueSet CallDef(nb::handle def, const std::vector<ValueSet> &args,
                      const std::vector<std::pair<std::string, ValueSet>> &kwargs);
+    // Whether what calling `callee` gives can depend on the arguments: false
+    // only for a def of one overload whose return hint names no type
+    // variable (its answer is that hint whatever the call passes).
+    bool CallNeedsArguments(nb::handle callee);
     // `arguments`: what the call passed to parameters without a hint, read
     // as those names while the body's returns are.
     ValueSet ReturnsOfDef(nb::handle def, const TypeMap &map,

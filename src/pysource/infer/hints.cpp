@@ -624,3 +624,78 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
 }
 
 }  // namespace pysource::infer
+
+namespace pysource::infer {
+
+bool CEvaluator::ReturnHintNamesTypeParam(nb::handle def_single) {
+    si::CSingleResolvedInfo *d = Single(def_single);
+    std::string memo_key = UrlOf(d->loc);
+    memo_key.push_back('|');
+    memo_key.append(d->Bare());
+    auto hit = fMemo.return_type_params.find(memo_key);
+    if (hit != fMemo.return_type_params.end()) {
+        Replay(hit->second.effects);
+        return hit->second.values;
+    }
+    const auto def_held = DefInfoOf(d->Bare());
+    const si::DefInfo &def = *def_held;
+    if (!def.return_hint)
+        return false;
+    CutWatch watch(*this);
+    EffectsCollector effects(*this);
+    const auto parsed = ParseText(*def.return_hint);
+    Frame frame{ScopeAt(d->loc, si::DefLineScope(NameOf(d))), -2, nullptr, nullptr};
+    bool names = HintNamesTypeParam(parsed->tree, parsed->root, frame);
+    if (watch.Whole())
+        fMemo.return_type_params.emplace(memo_key, EngineMemo::KeptFact<bool>{names, effects.Taken()});
+    return names;
+}
+
+bool CEvaluator::HintNamesTypeParam(const Tree &tree, std::int32_t node, const Frame &frame) {
+    if (node < 0)
+        return false;
+    if (Stop())
+        return true;  // not known: taken as naming one
+    const Node &n = tree.nodes[(std::size_t) node];
+    auto names_one = [&](std::int32_t name_node, bool &literal) {
+        bool found = false;
+        for (const nb::object &v : Eval(tree, name_node, frame).Items()) {
+            si::CSingleResolvedInfo *s = Single(v);
+            found = found || IsTypeParam(s);
+            literal = literal || (s->IsClass() && SpecialFormOf(v) == "Literal");
+        }
+        return found;
+    };
+    bool literal = false;
+    switch (n.kind) {
+    case NodeKind::kString: {
+        std::string_view inner;
+        if (!pgen::StringAnnotationText(tree, node, inner))
+            return false;
+        const auto parsed = ParseText(inner);
+        return HintNamesTypeParam(parsed->tree, parsed->root, frame);
+    }
+    case NodeKind::kName:
+    case NodeKind::kAttribute:
+        return names_one(node, literal);
+    case NodeKind::kSubscript: {
+        // Literal[...] holds values, not names of types.
+        std::int32_t head = tree.Kid(n, 0);
+        const Node &h = tree.nodes[(std::size_t) head];
+        if (h.kind == NodeKind::kName || h.kind == NodeKind::kAttribute) {
+            if (names_one(head, literal))
+                return true;
+        } else if (HintNamesTypeParam(tree, head, frame)) {
+            return true;
+        }
+        return !literal && HintNamesTypeParam(tree, tree.Kid(n, 1), frame);
+    }
+    default:
+        for (std::int32_t i = 0; i < n.kids_count; ++i)
+            if (HintNamesTypeParam(tree, tree.Kid(n, i), frame))
+                return true;
+        return false;
+    }
+}
+
+}  // namespace pysource::infer
