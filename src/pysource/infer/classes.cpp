@@ -819,7 +819,15 @@ bool CEvaluator::CallNeedsArguments(nb::handle callee) {
     if (!def.return_hint || def.return_hint->find_first_not_of(" ") == std::string::npos ||
         HasDecorator(def, "overload"))
         return true;
-    return ReturnHintNamesTypeParam(callee);
+    std::optional<std::vector<std::string>> vars = ReturnHintTypeParams(callee);
+    if (!vars)
+        return true;
+    // Those the receiver binds stay what it says, whatever the arguments bind.
+    TypeMap of_receiver = TupleToMap(c->fTypeArgs);
+    return std::any_of(vars->begin(), vars->end(), [&](const std::string &var) {
+        auto bound = of_receiver.find(var);
+        return var == "Self" || bound == of_receiver.end() || bound->second.Empty();
+    });
 }
 
 std::vector<std::pair<std::string, ValueSet>> CEvaluator::ArgumentBindings(nb::handle def_single,

@@ -420,7 +420,7 @@ struct MemoTables {
     // while the records they read stand.
     std::unordered_map<std::string, KeptFact<std::vector<MroEntry>>, TextHash, std::equal_to<>> specialised_mros;
     std::map<std::string, KeptFact<std::vector<std::string>>> type_vars;
-    std::map<std::string, KeptFact<bool>> return_type_params;  // url|def single -> its return hint names one
+    std::map<std::string, KeptFact<std::vector<std::string>>> return_type_params;  // url|def single
     // Values read, each under the signature of the bindings it read (see
     // CEvaluator::ResolveText).
     using KeptValues = std::unordered_map<BoundReadKey, KeptAnswer, ReadKeyHash, ReadKeyEqual>;
@@ -728,10 +728,12 @@ private:
                              const TypeMap &known = {});
     void BindNode(const Tree &tree, std::int32_t node, const Frame &frame, const ValueSet &received,
                   TypeMap &map);
-    // Whether the return hint of a def names a type variable (its own or
-    // its class's), which what a call passes may bind; kept between requests.
-    bool ReturnHintNamesTypeParam(nb::handle def_single);
-    bool HintNamesTypeParam(const Tree &tree, std::int32_t node, const Frame &frame);
+    // The type variables (the def's own or its class's) that the return
+    // hint of a def names: what a call passes may bind them.  None when that
+    // isn't known (the request ran out of time).  Kept between requests.
+    std::optional<std::vector<std::string>> ReturnHintTypeParams(nb::handle def_single);
+    // Adds the type variables `node` names to `names`; false when cut short.
+    bool HintTypeParams(const Tree &tree, std::int32_t node, const Frame &frame, std::set<std::string> &names);
 
     // Names and records.
     ValueSet LookupName(nb::handle scope, std::string_view name, long long use_index);
@@ -959,7 +961,8 @@ private:
                      const std::vector<std::pair<std::string, ValueSet>> &kwargs);
     // Whether what calling `callee` gives can depend on the arguments: false
     // only for a def of one overload whose return hint names no type
-    // variable (its answer is that hint whatever the call passes).
+    // variable but those its receiver binds (its answer is that hint
+    // whatever the call passes).
     bool CallNeedsArguments(nb::handle callee);
     // `arguments`: what the call passed to parameters without a hint, read
     // as those names while the body's returns are.

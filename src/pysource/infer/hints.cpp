@@ -627,7 +627,7 @@ void CEvaluator::BindNode(const Tree &tree, std::int32_t node, const Frame &fram
 
 namespace pysource::infer {
 
-bool CEvaluator::ReturnHintNamesTypeParam(nb::handle def_single) {
+std::optional<std::vector<std::string>> CEvaluator::ReturnHintTypeParams(nb::handle def_single) {
     si::CSingleResolvedInfo *d = Single(def_single);
     std::string memo_key = UrlOf(d->loc);
     memo_key.push_back('|');
@@ -640,61 +640,66 @@ bool CEvaluator::ReturnHintNamesTypeParam(nb::handle def_single) {
     const auto def_held = DefInfoOf(d->Bare());
     const si::DefInfo &def = *def_held;
     if (!def.return_hint)
-        return false;
+        return std::vector<std::string>();
     CutWatch watch(*this);
     EffectsCollector effects(*this);
     const auto parsed = ParseText(*def.return_hint);
     Frame frame{ScopeAt(d->loc, si::DefLineScope(NameOf(d))), -2, nullptr, nullptr};
-    bool names = HintNamesTypeParam(parsed->tree, parsed->root, frame);
+    std::set<std::string> names;
+    if (!HintTypeParams(parsed->tree, parsed->root, frame, names))
+        return std::nullopt;
+    std::vector<std::string> vars(names.begin(), names.end());
     if (watch.Whole())
-        fMemo.return_type_params.emplace(memo_key, EngineMemo::KeptFact<bool>{names, effects.Taken()});
-    return names;
+        fMemo.return_type_params.emplace(memo_key, EngineMemo::KeptFact<std::vector<std::string>>{vars, effects.Taken()});
+    return vars;
 }
 
-bool CEvaluator::HintNamesTypeParam(const Tree &tree, std::int32_t node, const Frame &frame) {
+bool CEvaluator::HintTypeParams(const Tree &tree, std::int32_t node, const Frame &frame,
+                                std::set<std::string> &names) {
     if (node < 0)
-        return false;
+        return true;
     if (Stop())
-        return true;  // not known: taken as naming one
+        return false;
     const Node &n = tree.nodes[(std::size_t) node];
-    auto names_one = [&](std::int32_t name_node, bool &literal) {
-        bool found = false;
+    // A name's type variables; whether it names Literal.
+    auto of_name = [&](std::int32_t name_node) {
+        bool literal = false;
         for (const nb::object &v : Eval(tree, name_node, frame).Items()) {
             si::CSingleResolvedInfo *s = Single(v);
-            found = found || IsTypeParam(s);
+            if (IsTypeParam(s))
+                names.insert(TypeParamName(s));
             literal = literal || (s->IsClass() && SpecialFormOf(v) == "Literal");
         }
-        return found;
+        return literal;
     };
-    bool literal = false;
     switch (n.kind) {
     case NodeKind::kString: {
         std::string_view inner;
         if (!pgen::StringAnnotationText(tree, node, inner))
-            return false;
+            return true;
         const auto parsed = ParseText(inner);
-        return HintNamesTypeParam(parsed->tree, parsed->root, frame);
+        return HintTypeParams(parsed->tree, parsed->root, frame, names);
     }
     case NodeKind::kName:
     case NodeKind::kAttribute:
-        return names_one(node, literal);
+        of_name(node);
+        return !Stop();
     case NodeKind::kSubscript: {
         // Literal[...] holds values, not names of types.
         std::int32_t head = tree.Kid(n, 0);
         const Node &h = tree.nodes[(std::size_t) head];
-        if (h.kind == NodeKind::kName || h.kind == NodeKind::kAttribute) {
-            if (names_one(head, literal))
-                return true;
-        } else if (HintNamesTypeParam(tree, head, frame)) {
-            return true;
-        }
-        return !literal && HintNamesTypeParam(tree, tree.Kid(n, 1), frame);
+        bool literal = false;
+        if (h.kind == NodeKind::kName || h.kind == NodeKind::kAttribute)
+            literal = of_name(head);
+        else if (!HintTypeParams(tree, head, frame, names))
+            return false;
+        return literal ? !Stop() : HintTypeParams(tree, tree.Kid(n, 1), frame, names);
     }
     default:
         for (std::int32_t i = 0; i < n.kids_count; ++i)
-            if (HintNamesTypeParam(tree, tree.Kid(n, i), frame))
-                return true;
-        return false;
+            if (!HintTypeParams(tree, tree.Kid(n, i), frame, names))
+                return false;
+        return true;
     }
 }
 
