@@ -250,6 +250,7 @@ def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
 
     asked_loc = None if qualify_all else def_scope.loc
     complete = True
+    described = {}   # single -> (type texts, complete): callers pass the same names often
     for record in info_cache.GetScopeInfoRecords(def_scope):
         if record.key.scan_name != mgr.fDerivedScanName:
             continue
@@ -261,7 +262,9 @@ def ParamsOf(mgr, def_scope, seconds=kDefaultSeconds, qualify_all=False):
             if param is None:
                 continue
             for single in symbolinfo.NonNestedSplit(bytes(ibytes), b";"):
-                texts, done = _DescribeArg(mgr, single, def_scope, seconds, asked_loc)
+                if single not in described:
+                    described[single] = _DescribeArg(mgr, single, def_scope, seconds, asked_loc)
+                texts, done = described[single]
                 complete &= done
                 where = sites.Sites(caller, leaf, positions(arg[0]), _PassedTest(single))
                 for text in texts:
