@@ -454,6 +454,47 @@ class TestReadOnly:
         assert urls_of(CInfoCache(db_path=db).GetLocations()) == urls_of(
             [a, loc_of(tmp_path, "b.py")])
 
+    @pytest.fixture
+    def many_scopes(self, tmp_path):
+        """A read-only cache over a.py's module and twenty functions, f1's
+        derived record for f0 beside f0's own; gives (cache, a.py)."""
+        db, a = tmp_path / "index.db", loc_of(tmp_path, "a.py")
+        writer = CInfoCache(db_path=db)
+        for name in ["", *(f"f{i}" for i in range(20))]:
+            writer.AddScopeInfo(primary_record(Scope(a, name), {"x": b"own"}), True)
+        writer.AddScopeInfoListForSingleScan(
+            Scope(a, "f1"), DERIVED, [derived_record(Scope(a, "f0"), Scope(a, "f1"), {"arg": b"str"})], True)
+        writer.WriteToDatabase()
+        writer.CloseDatabase()
+        reader = CInfoCache()
+        reader.OpenDatabase(str(db), read_only=True)
+        reader.fKeepWritesInMemory = True
+        return reader, a
+
+    def test_a_lookup_reads_only_its_scope_and_a_whole_file_use_the_rest(self, many_scopes):
+        cache, a = many_scopes
+        f0 = Scope(a, "f0")
+        assert cache.GetScopeInfo(f0).GetInfoBytes("arg") == b"str"
+        assert cache.CountScopeInfoRecords(Scope(a, "gone")) == -1
+        assert len(cache.GetScopesForLoc(a)) == 21
+        assert cache.fRecordsInMemory == 2   # f0's two records
+        assert cache.CountIncompleteScopes(a) == 0   # reads the rest, f0's rows once
+        assert cache.fRecordsInMemory == 22 and len(cache.GetScopeInfoRecords(f0)) == 2
+
+    @pytest.mark.parametrize("change", ["rescan", "scan-ends-empty"])
+    def test_a_change_to_a_scope_read_alone_holds_when_the_rest_is_read(self, many_scopes, change):
+        cache, a = many_scopes
+        f0 = Scope(a, "f0")
+        cache.GetScopeInfo(f0)
+        if change == "rescan":
+            cache.AddScopeInfo(primary_record(f0, {"x": b"new"}), True)
+            expected = {"x": b"new", "arg": b"str"}, 22
+        else:
+            cache.FinishedWithScans(Scope(a, "f1"), DERIVED)
+            expected = {"x": b"own"}, 21
+        cache.CountIncompleteScopes(a)
+        assert (dict(cache.GetScopeInfo(f0).type_equivs), cache.fRecordsInMemory) == expected
+
     def test_a_missing_file_is_reported_and_not_made(self, tmp_path):
         db = tmp_path / "nothere.db"
         with pytest.raises(CInfoDatabaseError, match="nothere.db"):

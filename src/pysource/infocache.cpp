@@ -196,16 +196,39 @@ void CInfoCache::EnsureRecords(LocEntry &entry) {
     if (!fDatabase || entry.db_id == 0)
         return;
     try {
-        ReadingRows([&] { LoadRecordRows(entry); });
+        ReadingRows([&] { LoadRecordRows(entry, nullptr); });
     } catch (...) {
         // Half a location would pass for all of it: drop what was read, so
         // that every later use meets the same error.
         EvictRecords(entry);
         throw;
     }
+    entry.scopes_loaded.clear();
 }
 
-void CInfoCache::LoadRecordRows(LocEntry &entry) {
+CInfoCache::ScopeEntry *CInfoCache::ScopeRecords(LocEntry &entry, std::string_view scope_name) {
+    EnsureMeta(entry);
+    // Past this many scopes read alone, the location is read whole: a caller
+    // that walks a file's scopes pays one query, not one per scope.
+    constexpr std::size_t kMaxScopesReadAlone = 64;
+    bool alone = fDatabase && fDatabase->IsReadOnly() && !entry.records_loaded && entry.db_id != 0 &&
+                 entry.scopes_loaded.size() < kMaxScopesReadAlone;
+    if (!alone) {
+        EnsureRecords(entry);
+    } else if (!entry.scopes_loaded.count(scope_name)) {
+        const std::string &name = *entry.scopes_loaded.emplace(scope_name).first;
+        try {
+            ReadingRows([&] { LoadRecordRows(entry, &name); });
+        } catch (...) {
+            EvictRecords(entry);
+            throw;
+        }
+    }
+    auto it = entry.scopes.find(scope_name);
+    return it == entry.scopes.end() ? nullptr : &it->second;
+}
+
+void CInfoCache::LoadRecordRows(LocEntry &entry, const std::string *scope) {
     const std::string &path = fDatabase->Origin();
     // Records of one file name few scopes and scans many times: one object
     // each.
@@ -218,7 +241,9 @@ void CInfoCache::LoadRecordRows(LocEntry &entry) {
         return it->second;
     };
     std::map<std::string, nb::object, std::less<>> scan_names;
-    fDatabase->LoadRecords(entry.db_id, [&](const StoredRecordView &row) {
+    auto add_row = [&](const StoredRecordView &row) {
+        if (!scope && entry.scopes_loaded.count(row.scope))
+            return;  // read before, alone, and in memory as it stands now
         ScanId scan_id(std::string(row.scanned_url), std::string(row.scanned_scope), std::string(row.scan_name));
         if (fReplacedScans.count(scan_id))
             return;  // replaced by a newer scan whose rows are not written yet
@@ -246,13 +271,17 @@ void CInfoCache::LoadRecordRows(LocEntry &entry) {
         fRecordsOfScan[scan_id].emplace(entry.url, scope_name);
         ++entry.record_count;
         ++fRecordsInMemory;
-    });
+    };
+    if (scope)
+        fDatabase->LoadScopeRecords(entry.db_id, *scope, add_row);
+    else
+        fDatabase->LoadRecords(entry.db_id, add_row);
 }
 
 Py_ssize_t CInfoCache::LocationsInMemory() const {
     Py_ssize_t n = 0;
     for (auto &[url, entry] : fEntries)
-        if (entry->records_loaded && entry->record_count)
+        if ((entry->records_loaded || !entry->scopes_loaded.empty()) && entry->record_count)
             ++n;
     return n;
 }
@@ -392,8 +421,10 @@ void CInfoCache::RemoveRecordsOfScan(const ScanId &scan, const std::set<RecordPl
     for (const RecordPlace &place : places) {
         if (keep && keep->count(place))
             continue;
+        // Only records in memory are listed: of a location read whole or of
+        // the scopes read alone.
         LocEntry *entry = FindEntry(place.first);
-        if (!entry || !entry->records_loaded)
+        if (!entry)
             continue;
         auto scope_it = entry->scopes.find(place.second);
         if (scope_it == entry->scopes.end())
@@ -662,12 +693,11 @@ nb::ref<CScopeInfo> CInfoCache::BuildMerged(const ScopeEntry &scope_entry) {
 nb::object CInfoCache::GetScopeInfo(nb::handle scope) {
     ScopeView view = ViewScope(scope);
     LocEntry &entry = EntryFor(view.loc);
-    EnsureRecords(entry);
+    ScopeEntry *found = ScopeRecords(entry, view.name_view);
     Touch(entry);
-    auto it = entry.scopes.find(view.name_view);
-    if (it == entry.scopes.end())
+    if (!found)
         return nb::none();
-    ScopeEntry &scope_entry = it->second;
+    ScopeEntry &scope_entry = *found;
     if (scope_entry.merged)
         return nb::cast(scope_entry.merged.get());
     nb::ref<CScopeInfo> merged = BuildMerged(scope_entry);
@@ -682,22 +712,15 @@ nb::object CInfoCache::GetScopeInfo(nb::handle scope) {
 
 Py_ssize_t CInfoCache::CountScopeInfoRecords(nb::handle scope) {
     ScopeView view = ViewScope(scope);
-    LocEntry &entry = EntryFor(view.loc);
-    EnsureRecords(entry);
-    auto it = entry.scopes.find(view.name_view);
-    if (it == entry.scopes.end())
-        return -1;
-    return (Py_ssize_t) it->second.records.size();
+    ScopeEntry *found = ScopeRecords(EntryFor(view.loc), view.name_view);
+    return found ? (Py_ssize_t) found->records.size() : -1;
 }
 
 nb::list CInfoCache::GetScopeInfoRecords(nb::handle scope) {
     ScopeView view = ViewScope(scope);
-    LocEntry &entry = EntryFor(view.loc);
-    EnsureRecords(entry);
     nb::list out;
-    auto it = entry.scopes.find(view.name_view);
-    if (it != entry.scopes.end())
-        for (const RecordSlot &slot : it->second.records)
+    if (ScopeEntry *found = ScopeRecords(EntryFor(view.loc), view.name_view))
+        for (const RecordSlot &slot : found->records)
             out.append(nb::cast(slot.info.get()));
     return out;
 }
@@ -719,7 +742,7 @@ nb::list CInfoCache::GetScopesForLoc(nb::handle loc) {
 
 bool CInfoCache::StoredRowsStand(LocEntry &entry) {
     EnsureMeta(entry);
-    return fDatabase && !entry.records_loaded && fReplacedScans.empty();
+    return fDatabase && !entry.records_loaded && fReplacedScans.empty() && entry.deleted.empty();
 }
 
 nb::list CInfoCache::FindScopesNamed(nb::handle name) {
@@ -1072,8 +1095,9 @@ void CInfoCache::FlushScopesModified() {
 // Memory bound
 
 bool CInfoCache::CanEvict(const LocEntry &entry) const {
-    if (!entry.records_loaded || entry.record_count == 0 || entry.dirty_records ||
-        !entry.deleted.empty() || entry.meta_dirty || !entry.blob_records.empty())
+    bool in_memory = entry.records_loaded || !entry.scopes_loaded.empty();
+    if (!in_memory || entry.record_count == 0 || entry.dirty_records || !entry.deleted.empty() ||
+        entry.meta_dirty || !entry.blob_records.empty())
         return false;
     for (auto &[name, scope_entry] : entry.scopes)
         for (const RecordSlot &slot : scope_entry.records)
@@ -1098,6 +1122,7 @@ void CInfoCache::EvictRecords(LocEntry &entry) {
     }
     fRecordsInMemory -= entry.record_count;
     entry.scopes.clear();
+    entry.scopes_loaded.clear();
     entry.record_count = 0;
     entry.records_loaded = false;
 }
@@ -1162,6 +1187,7 @@ void CInfoCache::CloseDatabase() {
     // What is in memory stays and is now all there is.
     for (auto &[url, entry] : fEntries) {
         entry->meta_loaded = entry->records_loaded = true;
+        entry->scopes_loaded.clear();
         entry->deleted.clear();
     }
     fReplacedScans.clear();

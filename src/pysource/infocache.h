@@ -8,7 +8,8 @@
 // marks and the words of the file.
 //
 // With a database attached (infodatabase.h) the store is backed by an SQLite
-// file: a location's records are read on first use, written back by
+// file: a location's records are read on first use (a read-only cache's
+// lookups read only the scope they ask for), written back by
 // WriteToDatabase, and Trim may drop clean locations from memory to stay
 // under a bound.  Changed scopes are announced on the "scopes-modified"
 // signal, one batch per outermost BeginDeferScopesModified /
@@ -183,6 +184,10 @@ private:
         std::int64_t db_id = 0;             // 0: not in the database yet
         bool meta_loaded = false;
         bool records_loaded = false;
+        // While records_loaded is false: the scopes whose rows were read
+        // alone (a query's lookups), each once, whether it had rows or not.
+        // Reading the whole location then skips their rows.
+        std::unordered_set<std::string, TextHash, std::equal_to<>> scopes_loaded;
         bool meta_dirty = false;
         std::size_t dirty_records = 0;
         std::size_t record_count = 0;
@@ -206,7 +211,14 @@ private:
     const std::string &UrlOf(nb::handle loc);
     void EnsureMeta(LocEntry &entry);
     void EnsureRecords(LocEntry &entry);
-    void LoadRecordRows(LocEntry &entry);
+    // The rows of the whole location (`scope` null) or of one scope.
+    void LoadRecordRows(LocEntry &entry, const std::string *scope);
+    // The entry of `scope_name` with its records in memory, or null when it
+    // has none.  A read-only cache reads that scope's rows alone while the
+    // location is otherwise unread, since a query touches a few scopes each
+    // of many large files; everything that needs a whole location
+    // (EnsureRecords) reads the rest then.
+    ScopeEntry *ScopeRecords(LocEntry &entry, std::string_view scope_name);
     // Makes the records of `entry`'s blobs (of every entry's).
     void MakeBlobRecords(LocEntry &entry);
     nb::ref<CScopeInfo> DecodeBlob(nb::handle blob);

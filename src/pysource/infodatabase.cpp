@@ -718,14 +718,28 @@ void CInfoDatabase::ReplaceScansDone(std::int64_t loc_id, const std::map<std::st
     }
 }
 
+// The columns that EachRecordRow reads, in its order.
+#define PYSOURCE_RECORD_COLUMNS                                                    \
+    "SELECT r.scope, r.scan_name, l.url, r.scanned_scope, r.ibytes, "              \
+    "r.disk_mtime, r.flags, r.type_equivs, r.inst_type_equivs, r.domains, "        \
+    "r.scopes_seen, r.resolved_imports FROM records r "                           \
+    "JOIN locations l ON l.id = r.scanned_loc_id "
+
 void CInfoDatabase::LoadRecords(std::int64_t loc_id, const std::function<void(const StoredRecordView &)> &each) {
-    Query query(*this,
-                "SELECT r.scope, r.scan_name, l.url, r.scanned_scope, r.ibytes, "
-                "r.disk_mtime, r.flags, r.type_equivs, r.inst_type_equivs, r.domains, "
-                "r.scopes_seen, r.resolved_imports FROM records r "
-                "JOIN locations l ON l.id = r.scanned_loc_id WHERE r.loc_id = ?",
-                "reading records");
+    Query query(*this, PYSOURCE_RECORD_COLUMNS "WHERE r.loc_id = ?", "reading records");
     query.Int(1, loc_id);
+    EachRecordRow(query, each);
+}
+
+void CInfoDatabase::LoadScopeRecords(std::int64_t loc_id, std::string_view scope,
+                                     const std::function<void(const StoredRecordView &)> &each) {
+    // A prefix of the table's key: a lookup.
+    Query query(*this, PYSOURCE_RECORD_COLUMNS "WHERE r.loc_id = ? AND r.scope = ?", "reading records");
+    query.Int(1, loc_id).Text(2, scope);
+    EachRecordRow(query, each);
+}
+
+void CInfoDatabase::EachRecordRow(Query &query, const std::function<void(const StoredRecordView &)> &each) {
     // A value of another kind than its column's is a damaged file, even one
     // that a reader trusted without looking at every row.
     auto wrong_kind = [&] { Damaged("a stored row can't be read"); };

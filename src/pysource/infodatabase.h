@@ -147,6 +147,9 @@ public:
 
     // The records of one target location, each handed to `each`.
     void LoadRecords(std::int64_t loc_id, const std::function<void(const StoredRecordView &)> &each);
+    // The records of one scope of a target location (all its scans).
+    void LoadScopeRecords(std::int64_t loc_id, std::string_view scope,
+                          const std::function<void(const StoredRecordView &)> &each);
     // Writes the rows over any of the same keys.
     void UpsertRecords(const std::vector<StoredRecord> &rows);
     void DeleteRecords(const std::vector<StoredRecordKey> &keys);
@@ -188,6 +191,8 @@ private:
     // The statement of `sql` (a string that outlives the connection),
     // prepared on first use.
     sqlite3_stmt *Prepared(const char *sql, const char *doing);
+    // Hands each row of a query of record columns to `each`.
+    void EachRecordRow(Query &query, const std::function<void(const StoredRecordView &)> &each);
     // Runs statements without results (DDL, pragmas that set).
     void Exec(const char *sql, const char *doing);
     // The first column of the one row of `sql`, as an integer.
