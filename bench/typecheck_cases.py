@@ -186,7 +186,7 @@ class _CTypeParser:
                 self.Take(")")
                 items.append((None, "()"))
             elif self.Peek() == "[":
-                raise CUnscored("parameter specification")
+                raise CUnscored("ParamSpec")
             else:
                 items.append((None, self.Union()))
             if self.Peek() == ",":

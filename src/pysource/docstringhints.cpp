@@ -336,16 +336,16 @@ void ReadField(const Line &line, Hints &hints) {
     if (colon == std::string_view::npos)
         return;
     std::vector<std::string_view> words;
-    std::string_view spec = text.substr(1, colon - 1);
+    std::string_view head = text.substr(1, colon - 1);  // between the colons
     size_t i = 0;
-    while (i < spec.size()) {
-        while (i < spec.size() && IsSpace(spec[i]))
+    while (i < head.size()) {
+        while (i < head.size() && IsSpace(head[i]))
             i++;
         size_t start = i;
-        while (i < spec.size() && !IsSpace(spec[i]))
+        while (i < head.size() && !IsSpace(head[i]))
             i++;
         if (i > start)
-            words.push_back(spec.substr(start, i - start));
+            words.push_back(head.substr(start, i - start));
     }
     std::string_view value = Strip(text.substr(colon + 1));
     if (words.empty())
@@ -358,7 +358,7 @@ void ReadField(const Line &line, Hints &hints) {
     } else if (rest_field && words.size() >= 3 &&
                (field == "param" || field == "parameter" || field == "arg" ||
                 field == "argument" || field == "key" || field == "keyword")) {
-        std::string_view type = spec.substr(words[1].data() - spec.data(),
+        std::string_view type = head.substr(words[1].data() - head.data(),
                                             words.back().data() - words[1].data());
         Add(hints, words.back(), AnnotationOfDocType(type));
     }
