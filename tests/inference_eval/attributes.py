@@ -247,6 +247,25 @@ Wrapped.name()  # expect: str
 Wrapped().name()  # expect: str
 
 
+class Shape:
+    @classmethod
+    def make(cls):
+        return cls()
+
+
+class Square(Shape):
+    pass
+
+
+class Circle(Shape):
+    pass
+
+
+def Made(kind: type[Square] | type[Circle]):
+    """A classmethod reached through either class binds each in turn."""
+    kind.make()  # expect: Circle | Square
+
+
 def _main():
     b.Grow()
     d.Grow()
@@ -254,6 +273,8 @@ def _main():
     Base.Make(1)
     Derived.Make(1)
     d.Describe()
+    Made(Square)
+    Made(Circle)
 
 
 if __name__ == "__main__":
