@@ -429,10 +429,10 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                 if (!s->fClosure.is_none())
                     constructor_bound.emplace(*this, ClosureBindings(s->fClosure));
                 fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
-                ++fBindingVersion;
+                BindingChange class_mapped(*this);
                 out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
-                ++fBindingVersion;
+                class_mapped.Undone();
                 if (name == "__class__")
                     break;  // every class's instances have one: the most derived decides
             }
@@ -488,11 +488,11 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
                       }));
         if (plain) {
             fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
-            ++fBindingVersion;
+            BindingChange class_mapped(*this);
             found = ValueSet();
             local = FindLocal(scope, name, body_end, found, redirect);
             fClassMaps.pop_back();
-            ++fBindingVersion;
+            class_mapped.Undone();
         }
         // A member set only under conditions that don't hold (a newer
         // version's) leaves the bases' member in force.
@@ -1002,7 +1002,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     // The body of a bound method reads its first parameter as the object it
     // is bound to.
     std::tuple<std::string, std::string, std::string> self_key;
-    bool binds_self = false;
+    std::optional<BindingChange> self_bound;
     if (!d->fBoundTo.is_none()) {
         const auto params_held = KeptParamsOf(def);
         const std::vector<Param> &params = *params_held;
@@ -1012,8 +1012,7 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
                 ValueSet self;
                 self.Add(d->fBoundTo);
                 fBoundNames[self_key] = self;
-                ++fBindingVersion;
-                binds_self = true;
+                self_bound.emplace(*this);
             }
         }
     }
@@ -1024,11 +1023,12 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     std::vector<std::tuple<std::string, std::string, std::string>> bound_arguments;
     for (const auto &[param, values] : arguments) {
         std::tuple<std::string, std::string, std::string> key{UrlOf(d->loc), std::string(name), param};
-        if (fBoundNames.emplace(key, values).second) {
+        if (fBoundNames.emplace(key, values).second)
             bound_arguments.push_back(key);
-            ++fBindingVersion;
-        }
     }
+    std::optional<BindingChange> arguments_bound;
+    if (!bound_arguments.empty())
+        arguments_bound.emplace(*this);
     ++fDepth;
     std::string_view returned = si::TextView(returns, "ibytes");
     // A return under tests that nothing this call passes meets doesn't run.
@@ -1037,11 +1037,16 @@ ValueSet CEvaluator::ReturnsOfDef(nb::handle def_single, const TypeMap &map,
     out = EntryValues(scope, record, returned, -2);
     out = WithClosures(out);
     --fDepth;
-    if (binds_self)
-        fBoundNames.erase(self_key);
+    // Undone in the reverse order (each puts back the version before it).
     for (const auto &key : bound_arguments)
         fBoundNames.erase(key);
-    ++fBindingVersion;
+    if (arguments_bound)
+        arguments_bound->Undone();
+    closure_bound.reset();
+    if (self_bound) {
+        fBoundNames.erase(self_key);
+        self_bound->Undone();
+    }
     return out;
 }
 

@@ -45,6 +45,8 @@ constexpr std::string_view kSelfMarker = "__pysource_self__";
 // The sets of scopes whose bindings a text's reads have read that are
 // looked for: a text read in many contexts reads a few.
 constexpr std::size_t kMaxDepSets = 8;
+// Signatures of binding sets kept at once (DepsSignature), over all versions.
+constexpr std::size_t kMaxDepsSignaturesKept = 8192;
 
 // Text read on a scope's own object depends on where it is asked from.
 bool self_locals_free(std::string_view text) { return text.empty() || text.front() != '.'; }
@@ -355,16 +357,20 @@ void CEvaluator::DependOnAll(const BindingDeps &deps) {
         DependOn(dep);
 }
 
-std::string CEvaluator::DepsSignature(const BindingDeps &deps) {
+const std::string &CEvaluator::DepsSignature(const BindingDeps &deps) {
+    static const std::string kNoBindings;
     if (deps.empty())
-        return std::string();
-    if (fDepsSignaturesVersion != fBindingVersion) {
+        return kNoBindings;
+    if (fDepsSignaturesKept >= kMaxDepsSignaturesKept) {
         fDepsSignatures.clear();
-        fDepsSignaturesVersion = fBindingVersion;
+        fDepsSignaturesKept = 0;
     }
-    auto kept = fDepsSignatures.find(deps);
-    if (kept == fDepsSignatures.end())
-        kept = fDepsSignatures.emplace(deps, ComputeDepsSignature(deps)).first;
+    auto &of_version = fDepsSignatures[fBindingVersion];
+    auto kept = of_version.find(deps);
+    if (kept == of_version.end()) {
+        kept = of_version.emplace(deps, ComputeDepsSignature(deps)).first;
+        ++fDepsSignaturesKept;
+    }
     return kept->second;
 }
 

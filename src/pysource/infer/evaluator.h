@@ -1200,6 +1200,22 @@ private:
     Bindings BindingsOfCaller(nb::handle body, nb::handle record, const std::vector<Param> &params,
                               const CallerArguments &arguments, const std::function<bool(const Param &)> &wanted,
                               const std::function<ValueSet(std::string_view)> &value_of);
+    // One change of the bindings, from its start to its undoing.
+    class BindingChange {
+    public:
+        explicit BindingChange(CEvaluator &ev)
+            : ev_(ev), before_(ev.fBindingVersion), after_(ev.fBindingVersion = ++ev.fLastBindingVersion) {}
+        // Puts back the version before the change, when every change made
+        // since has been undone too (else the bindings are new ones).
+        void Undone() {
+            ev_.fBindingVersion = ev_.fBindingVersion == after_ ? before_ : ++ev_.fLastBindingVersion;
+        }
+
+    private:
+        CEvaluator &ev_;
+        std::uint64_t before_;
+        std::uint64_t after_;
+    };
     // Binds what isn't bound yet; the destructor unbinds it.
     class CBindingsScope {
     public:
@@ -1211,6 +1227,7 @@ private:
     private:
         CEvaluator &fEvaluator;
         std::vector<std::tuple<std::string, std::string, std::string>> fAdded;
+        std::optional<BindingChange> fChange;
     };
     // The bindings a closure tuple (CSingleResolvedInfo::fClosure) holds.
     static Bindings ClosureBindings(nb::handle closure);
@@ -1374,11 +1391,16 @@ private:
     // as text: values read under equal signatures are equal.
     std::string BindingSignature(const TypeMap *map);
     // The part of it fBoundNames and fClassMaps make, kept while
-    // fBindingVersion (moved on at each of their changes) stays.
+    // fBindingVersion stays.
     std::string BindingsSignature();
     static void AppendMapSignature(std::string &signature, const TypeMap &vars);
     void AppendClassMapsSignature(std::string &signature) const;
+    // fBindingVersion names the bindings in force (fBoundNames, fClassMaps):
+    // each change moves it to a number not used before, and undoing the
+    // change puts back the one before it, so that what is kept per version
+    // stands again once a call's bindings are gone.
     std::uint64_t fBindingVersion = 0;
+    std::uint64_t fLastBindingVersion = 0;
     std::uint64_t fSignatureVersion = ~std::uint64_t(0);
     std::string fBindingsSignature;
     bool fKeepProjectValues = false;
@@ -1394,11 +1416,12 @@ private:
     // `name` of `scope` (all of its names when empty).
     void DependOnScope(nb::handle scope, std::string_view name = {});
     void DependOnAll(const BindingDeps &deps);
-    // The bindings of `deps` now in force, as text.
-    std::string DepsSignature(const BindingDeps &deps);
+    // The bindings of `deps` now in force, as text (good until the next call).
+    const std::string &DepsSignature(const BindingDeps &deps);
     std::string ComputeDepsSignature(const BindingDeps &deps);
-    // DepsSignature's answers while fBindingVersion stays fDepsSignaturesVersion:
-    // a request asks for those of the same few sets again and again.
+    // DepsSignature's answers by binding version: a request asks for those
+    // of the same few sets again and again, in the same few versions (a
+    // call's body reads on after each call within it).
     struct DepsHash {
         std::size_t operator()(const BindingDeps &deps) const {
             std::size_t hash = deps.size();
@@ -1407,8 +1430,8 @@ private:
             return hash;
         }
     };
-    std::unordered_map<BindingDeps, std::string, DepsHash> fDepsSignatures;
-    std::uint64_t fDepsSignaturesVersion = ~std::uint64_t(0);
+    std::unordered_map<std::uint64_t, std::unordered_map<BindingDeps, std::string, DepsHash>> fDepsSignatures;
+    std::size_t fDepsSignaturesKept = 0;
     // Calls `look(deps, signature)` with the empty set and with each set of
     // bindings that reads of `key` have read (MemoTables::value_deps), each
     // with the signature of those bindings now, until it finds a result.

@@ -2211,13 +2211,15 @@ CEvaluator::CBindingsScope::CBindingsScope(CEvaluator &evaluator, const Bindings
     for (const auto &[key, values] : bindings)
         if (fEvaluator.fBoundNames.emplace(key, values).second)
             fAdded.push_back(key);
-    ++fEvaluator.fBindingVersion;
+    if (!fAdded.empty())
+        fChange.emplace(fEvaluator);
 }
 
 CEvaluator::CBindingsScope::~CBindingsScope() {
     for (const auto &key : fAdded)
         fEvaluator.fBoundNames.erase(key);
-    ++fEvaluator.fBindingVersion;
+    if (fChange)
+        fChange->Undone();
 }
 
 ValueSet CEvaluator::DefaultOfParameter(nb::handle body, nb::handle record, std::string_view name) {
