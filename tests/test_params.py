@@ -368,3 +368,17 @@ def test_callers_reach_the_project_source(tmp_path, monkeypatch, capsys, files):
     (where,) = [path for path, text in files.items() if path.endswith(".py") and "def target" in text]
     found, params = params_json(capsys, f"{where}:target")
     assert set(types_of(params["a"])) == {"int"}
+
+
+@pytest.mark.parametrize("lines_by_file, expected", [
+    ({"a.py": [3, 9], "b.py": [None]}, "a.py:3, 9; b.py"),
+    ({f"m{i}.py": [i] for i in range(6)}, "m0.py:0; m1.py:1; m2.py:2; m3.py:3 (+2 more in 2 files)"),
+    ({"a.py": [1], "b.py": [2], "c.py": [3], "d.py": [4], "e.py": [5, 6]},
+     "a.py:1; b.py:2; c.py:3; d.py:4 (+2 more in 1 file)"),
+])
+def test_call_sites_are_listed_per_file_and_counted_past_a_few(lines_by_file, expected):
+    from pysource import recordtext
+    sites = [{"file": path, "line": line} for path, lines in lines_by_file.items() for line in lines]
+    data = {"bound_first": False, "params": [
+        {"declared": "x", "hinted": False, "types": [{"type": "int", "sites": sites}]}]}
+    assert recordtext.FormatParamLines(data) == ["  x", f"    int  <- {expected}"]

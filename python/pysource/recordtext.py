@@ -378,8 +378,28 @@ def FormatParamLines(def_params, show_path=lambda path: path):
         else:
             out.append("    (no caller's argument recorded)")
         for entry in param["types"]:
-            places = ", ".join(show_path(site["file"]) +
-                               (f":{site['line']}" if site["line"] is not None else "")
-                               for site in entry["sites"])
-            out.append(f"    {entry['type']}  <- {places}")
+            out.append(f"    {entry['type']}  <- {_CallSitesText(entry['sites'], show_path)}")
     return out
+
+
+# Files of call sites named per type before the rest are counted (the data
+# form lists them all).
+kMaxCallSiteFiles = 4
+
+
+def _CallSitesText(sites, show_path):
+    """'a.py:3, 9; b.py:12 (+5 more in 3 files)': each file once, its lines after it."""
+    lines_by_file = {}
+    for site in sites:
+        lines = lines_by_file.setdefault(site["file"], [])
+        if site["line"] is not None:
+            lines.append(str(site["line"]))
+    shown = list(lines_by_file.items())[:kMaxCallSiteFiles]
+    text = "; ".join(show_path(path) + (":" + ", ".join(lines) if lines else "")
+                     for path, lines in shown)
+    hidden = len(sites) - sum(max(len(lines), 1) for _, lines in shown)
+    if hidden > 0:
+        more_files = len(lines_by_file) - len(shown)
+        text += f" (+{hidden} more" + (f" in {more_files} files" if more_files > 1 else
+                                        " in 1 file" if more_files else "") + ")"
+    return text
