@@ -315,6 +315,21 @@ def test_kept_project_values_follow_the_derived_records_they_read(tmp_path, edit
         assert {s.GetTypeName() for s in _resolve(fresh, locs["lib.py"], "f", "x")[0]} == expected_x
 
 
+@pytest.mark.parametrize("scope_name, text, expected", [
+    ("", "total", {"int"}),          # set only by a function that declares it global
+    ("reader", "total", {"int"}),    # read in another function, without a declaration
+    ("", "table", {"dict", "None"}),  # set at module level too
+])
+def test_a_name_set_through_global_in_a_function(tmp_path, scope_name, text, expected):
+    path = tmp_path / "m.py"
+    path.write_text("table = None\n\ndef setter():\n    global total, table\n    total = 3\n"
+                    "    table = {}\n\ndef reader():\n    return total\n")
+    with installed_manager(editor=False) as mgr:
+        loc = CLocalFileLocation(str(path))
+        inferquery.RunDerivedScans(mgr, [loc])
+        assert {s.GetTypeName() for s in _resolve(mgr, loc, scope_name, text)[0]} == expected
+
+
 def _answer_after(path, earlier, text):
     """The type names and scopes seen of `text` read in the module at `path`
     by a new manager, after the requests `earlier`."""

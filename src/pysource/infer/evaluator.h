@@ -292,6 +292,9 @@ struct ParsedEntry {
     std::string text;  // the pieces view it
     std::vector<EntryPiece> pieces;
     std::bitset<256> kinds;  // the pieces' `kind`s
+    // A nested scope that declares the name global (nonlocal) sets it: a
+    // derived `in SCOPE: first set` piece.
+    bool set_in_nested_scope = false;
 };
 
 // A condition known at a body logical: (header index, condition text, a

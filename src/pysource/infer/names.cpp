@@ -706,6 +706,7 @@ std::shared_ptr<const ParsedEntry> CEvaluator::EntryOf(std::string_view entry) {
             piece.malformed = true;
         }
         parsed->kinds.set((unsigned char) piece.kind);
+        parsed->set_in_nested_scope |= piece.kind == si::kSpecificScopeKind && FirstSetIndex(piece).has_value();
         parsed->pieces.push_back(piece);
     }
     if (large)
@@ -999,15 +1000,17 @@ bool CEvaluator::FindLocal(nb::handle scope, std::string_view name, long long us
     if (ScopeDeclaresTypeParam(scope, record, name, out))
         return true;
     nb::object entry = InfoBytesOf(record, name);
-    EntryKinds kinds = entry.is_none() ? EntryKinds() : EntryOf(si::TextView(entry, "ibytes"))->kinds;
+    std::shared_ptr<const ParsedEntry> parsed = entry.is_none() ? nullptr : EntryOf(si::TextView(entry, "ibytes"));
+    EntryKinds kinds = parsed ? parsed->kinds : EntryKinds();
+    bool binds = parsed && (BindsName(kinds) || parsed->set_in_nested_scope);
     if (const ValueSet *bound = BoundValuesOf(scope, name)) {
         DependOnScope(scope, name);
-        if (entry.is_none() || !BindsName(kinds)) {
+        if (!binds) {
             out.Merge(*bound);
             return true;
         }
     }
-    if (entry.is_none() || !BindsName(kinds)) {
+    if (!binds) {
         // A module's star imports bring names it doesn't set itself.
         if (ScopeName(scope).empty() && name != "*") {
             nb::object stars = InfoBytesOf(record, "*");
