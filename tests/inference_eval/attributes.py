@@ -266,6 +266,21 @@ def Made(kind: type[Square] | type[Circle]):
     kind.make()  # expect: Circle | Square
 
 
+class Delegate:
+    """Any other attribute is the wrapped object's, through getattr."""
+
+    def __init__(self, wrapped):
+        self.wrapped = wrapped
+
+    def __getattr__(self, name):
+        return getattr(self.wrapped, name)
+
+
+def Delegated():
+    Delegate(Rebound()).Twice(2)  # expect: str
+    Delegate(Rebound()).limit  # expect: int
+
+
 def _main():
     b.Grow()
     d.Grow()
@@ -275,6 +290,7 @@ def _main():
     d.Describe()
     Made(Square)
     Made(Circle)
+    Delegated()
 
 
 if __name__ == "__main__":

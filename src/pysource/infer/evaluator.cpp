@@ -687,6 +687,26 @@ ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &oper
     return out;
 }
 
+std::vector<std::string> CEvaluator::AttributeNamesOf(const Tree &tree, std::int32_t arg, const Frame &frame) {
+    std::vector<std::string> names;
+    std::string_view written;
+    if (tree.nodes[(std::size_t) arg].kind == NodeKind::kString) {
+        if (pgen::StringAnnotationText(tree, arg, written) && !written.empty())
+            names.emplace_back(written);
+        return names;
+    }
+    for (const nb::object &v : Eval(tree, arg, frame).Items()) {
+        std::string_view bare = Single(v)->Bare();
+        if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind)
+            return {};
+        si::LiteralInfo lit = si::UnpackLiteralInfo(bare);
+        if (lit.class_name != "str" || !lit.value || !si::IsSingleNameToken(*lit.value))
+            return {};
+        names.push_back(*lit.value);
+    }
+    return names;
+}
+
 std::optional<long long> CEvaluator::ConstantInt(const ValueSet &values) {
     if (values.Size() != 1)
         return std::nullopt;
@@ -858,13 +878,15 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
         if (c->IsDef() && form.empty()) {
             std::string_view def_name = si::TextView(c->scope->name, "name");
             // getattr(x, "name"[, default]): the attribute x.name (or the default).
-            std::string_view attribute;
-            if (def_name == "getattr" && c->loc.is(BuiltinLoc()) && (n.kids_count == 3 || n.kids_count == 4) &&
-                tree.nodes[(std::size_t) tree.Kid(n, 2)].kind == NodeKind::kString &&
-                pgen::StringAnnotationText(tree, tree.Kid(n, 2), attribute) && !attribute.empty()) {
+            std::vector<std::string> attributes;
+            if (def_name == "getattr" && c->loc.is(BuiltinLoc()) && (n.kids_count == 3 || n.kids_count == 4))
+                attributes = AttributeNamesOf(tree, tree.Kid(n, 2), frame);
+            if (!attributes.empty()) {
                 ValueSet found;
-                for (const nb::object &v : Eval(tree, first_arg, frame).Items())
-                    found.Merge(Attribute(v, attribute));
+                ValueSet objects = Eval(tree, first_arg, frame);
+                for (const std::string &attribute : attributes)
+                    for (const nb::object &v : objects.Items())
+                        found.Merge(Attribute(v, attribute));
                 if (!found.Empty()) {
                     out.Merge(found);
                     if (n.kids_count == 4)

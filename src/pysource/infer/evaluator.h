@@ -653,6 +653,10 @@ private:
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
     // The value of an int literal known exactly, if that is all `values` is.
     std::optional<long long> ConstantInt(const ValueSet &values);
+    // The attribute names a `getattr` argument stands for: a string written
+    // there, or str values known in full (a parameter bound to one); none when
+    // any value is not such a name.
+    std::vector<std::string> AttributeNamesOf(const Tree &tree, std::int32_t arg, const Frame &frame);
     // `left op right` of two known ints, as Python computes it, for the
     // operators + - * // %; none for any other, on overflow, or on a
     // division by zero.
