@@ -3,7 +3,7 @@ nonlocal, decorators (functools among them), exceptions and async."""
 
 import asyncio
 import functools
-from typing import Callable
+from typing import Awaitable, Callable, Coroutine
 
 
 def Add(a, b=2):
@@ -195,7 +195,30 @@ class AsyncResource:
         return b""
 
 
+class Countdown:
+    """An async iterator whose __anext__ is a plain def returning an awaitable."""
+
+    def __init__(self):
+        self.left = 2
+
+    def __aiter__(self):
+        return self
+
+    def __anext__(self) -> Awaitable[int]:
+        self.left -= 1
+        if self.left < 0:
+            raise StopAsyncIteration
+        return Fetch(self.left)
+
+
+async def Pending(job: Coroutine[None, None, str]):
+    return await job
+
+
 async def Main():
+    async for left in Countdown():
+        left  # expect: int
+    await Pending(FetchText())  # expect: str
     value = await Fetch(1)
     value  # expect: int
     text = await FetchText()

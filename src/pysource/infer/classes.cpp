@@ -1155,7 +1155,7 @@ ValueSet CEvaluator::IterItems(const ValueSet &values) {
             iterators = CallDunder(one, "__aiter__", {});
         ValueSet items = CallDunder(iterators, "__next__", {});
         if (items.Empty())
-            items = CallDunder(iterators, "__anext__", {});
+            items = Awaited(CallDunder(iterators, "__anext__", {}));
         out.Merge(items);
     }
     return out;

@@ -500,17 +500,7 @@ ValueSet CEvaluator::Eval(const Tree &tree, std::int32_t node, const Frame &fram
     case NodeKind::kNamedExpr:
         return Eval(tree, tree.Kid(n, 1), frame);
     case NodeKind::kAwait:
-        // Awaiting a future or a task gives its result, what its __await__
-        // generator returns; a call of an async def already reads as that.
-        for (const nb::object &v : Eval(tree, tree.Kid(n, 0), frame).Items()) {
-            ValueSet one, awaited;
-            one.Add(v);
-            if (Single(v)->IsInstance(true))
-                for (const nb::object &gen : CallDunder(one, "__await__", {}).Items())
-                    MergeFinishedWith(gen, awaited);
-            out.Merge(awaited.Empty() ? one : awaited);
-        }
-        return out;
+        return Awaited(Eval(tree, tree.Kid(n, 0), frame));
     case NodeKind::kYieldFrom:
         // `yield from g` gives what the generator g finishes with.
         for (const nb::object &v : Eval(tree, tree.Kid(n, 0), frame).Items()) {
@@ -683,6 +673,19 @@ ValueSet CEvaluator::EvalSignedLiteral(std::string_view op, const ValueSet &oper
                 value = value->front() == '-' ? value->substr(1) : "-" + *value;
         }
         out.Add(LiteralSingle("int", value));
+    }
+    return out;
+}
+
+ValueSet CEvaluator::Awaited(const ValueSet &values) {
+    ValueSet out;
+    for (const nb::object &v : values.Items()) {
+        ValueSet one, awaited;
+        one.Add(v);
+        if (Single(v)->IsInstance(true))
+            for (const nb::object &gen : CallDunder(one, "__await__", {}).Items())
+                MergeFinishedWith(gen, awaited);
+        out.Merge(awaited.Empty() ? one : awaited);
     }
     return out;
 }

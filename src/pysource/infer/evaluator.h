@@ -653,6 +653,10 @@ private:
     ValueSet EvalConstant(const Tree &tree, const pgen::Node &n);
     // The value of an int literal known exactly, if that is all `values` is.
     std::optional<long long> ConstantInt(const ValueSet &values);
+    // What awaiting each value gives: a future's or task's result, what its
+    // __await__ generator returns; a call of an async def already reads as
+    // that, and stays.
+    ValueSet Awaited(const ValueSet &values);
     // The attribute names a `getattr` argument stands for: a string written
     // there, or str values known in full (a parameter bound to one); none when
     // any value is not such a name.

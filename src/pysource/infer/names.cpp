@@ -828,10 +828,15 @@ ValueSet CEvaluator::LookupName(nb::handle scope, std::string_view name, long lo
     ValueSet out;
     if (Stop())
         return out;
+    std::string_view scope_name = ScopeName(scope);
+    // typing's own module body reads its special forms as the forms too
+    // (`class Coroutine(Awaitable[R], Protocol[Y, S, R])`).
+    if (scope_name.empty() && !CanonicalSpecialForm(name).empty() &&
+        IsTypingModuleName(ModuleNameOfLoc(ScopeLoc(scope))))
+        return LookupInScopeChain(scope, name);
     int redirect = 0;  // 1: global, 2: nonlocal
     if (FindLocal(scope, name, use_index, out, redirect) && redirect == 0)
         return out;
-    std::string_view scope_name = ScopeName(scope);
     nb::object loc = ScopeLoc(scope);
     if (redirect == 2 && use_index >= 0 && !out.Empty()) {
         // A nonlocal name set here before the use: that setting is its value.
