@@ -116,8 +116,9 @@ def _PatternCaptures(tokens, path, out):
     """Appends to `out` (name, expression) for each name the pattern
     `tokens` binds to a part of the value `path` it matches that an
     expression reads: the value itself (a capture, `P as name`), an
-    attribute (`C(attr=name)`), an item by position or key (`[a, b]`,
-    `{"k": v}`).  Parts no expression reads are left out."""
+    attribute (`C(attr=name)`, or `C(name)` through `C.__match_args__`), an
+    item by position or key (`[a, b]`, `{"k": v}`).  Parts no expression
+    reads are left out."""
     last = tokens[-2:]
     if len(tokens) > 2 and last[0] == "as" and last[1].isidentifier():
         out.append((last[1], path))
@@ -139,8 +140,14 @@ def _PatternCaptures(tokens, path, out):
     head = tokens[:open_i]
     if head and _IsDottedName(head):
         positional = [item for item in items if item[1:2] != ["="]]
-        if "".join(head) in _kSelfMatchingClasses and len(positional) == 1:
+        cls = "".join(head)
+        if cls in _kSelfMatchingClasses and len(positional) == 1:
             _PatternCaptures(positional[0], path, out)
+        else:
+            # The k-th positional pattern matches the attribute that the
+            # class's __match_args__ names at k.
+            for k, item in enumerate(positional):
+                _PatternCaptures(item, f"getattr ( {path} , {cls} . __match_args__ [ {k} ] )", out)
         for item in items:
             if item[1:2] == ["="] and item[0].isidentifier():
                 _PatternCaptures(item[2:], f"{path}.{item[0]}", out)

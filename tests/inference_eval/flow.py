@@ -2,9 +2,10 @@
 assignment, tuple unpacking, with-as, for targets over hinted iterables,
 the walrus operator and what an `assert` tells."""
 
+import dataclasses
 import io
 import types
-from typing import Iterable, Iterator
+from typing import ClassVar, Iterable, Iterator, NamedTuple
 
 value = 1
 value  # expect: int
@@ -354,6 +355,38 @@ def Captured(point: tuple[int, str], record: dict[str, float], value: int | str 
             other  # expect: Box | int
 
 
+@dataclasses.dataclass
+class Span:
+    start: int
+    label: str
+    unit: ClassVar[float] = 1.0
+
+
+class Pair(NamedTuple):
+    left: bytes
+    right: float
+
+
+class Sized:
+    __match_args__ = ("size",)
+
+    def __init__(self, size: complex):
+        self.size = size
+
+
+def ByPosition(value: Span | Pair | Sized):
+    """A class pattern's positional parts match the attributes its
+    __match_args__ names: a dataclass's and a NamedTuple's are their fields."""
+    match value:
+        case Span(first, name):
+            first  # expect: int
+            name  # expect: str
+        case Pair(_, right):
+            right  # expect: float
+        case Sized(size):
+            size  # expect: complex
+
+
 def KnownValues(value):
     """A test that a known value can't meet rules its branch out, whichever
     side of an `or` it takes."""
@@ -379,6 +412,8 @@ def _main():
         Matched(shape)
     for value in ("t", Box(1), 3):
         Captured((1, "a"), {"w": 1.5}, value)
+    for value in (Span(1, "s"), Pair(b"", 1.5), Sized(1j)):
+        ByPosition(value)
     Drained([1, 2], 1)
     ConstantBranches()
     globals()["injected"] = "s"

@@ -456,6 +456,16 @@ ValueSet CEvaluator::ClassAttribute(nb::handle cls, std::string_view name, nb::h
     ValueSet out;
     if (Stop())
         return out;
+    if (name == "__match_args__") {
+        // A NamedTuple or a dataclass makes it of its fields, unless its
+        // body sets its own.
+        int redirect = 0;
+        ValueSet own;
+        if (!FindLocal(ScopeAt(Single(cls)->loc, NameOf(Single(cls))), name, -2, own, redirect))
+            out = GeneratedMatchArgs(cls);
+        if (!out.Empty())
+            return out;
+    }
     for (const MroEntry &entry : Mro(cls, map)) {
         si::CSingleResolvedInfo *k = Single(entry.cls);
         nb::object scope = ScopeAt(k->loc, NameOf(k));

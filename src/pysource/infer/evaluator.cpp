@@ -1339,10 +1339,39 @@ bool CEvaluator::MroHolds(const std::vector<MroEntry> &mro, std::string_view mod
 }
 
 bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions) {
-    std::vector<MroEntry> mro = Mro(cls, {});
-    if (!MroHolds(mro, "typing", "NamedTuple"))
+    if (!MroHolds(Mro(cls, {}), "typing", "NamedTuple"))
         return false;
+    std::vector<std::pair<std::string, nb::object>> fields;
+    AnnotatedFields(cls, fields);
+    for (auto &[name, values] : fields)
+        positions.push_back(std::move(values));
+    return !positions.empty();
+}
+
+namespace {
+
+// Whether a class decorator is `dataclass`, called or not, by any dotted path.
+bool IsDataclassDecorator(std::string_view text) {
+    text = si::StripSpaces(text.substr(0, text.find('(')));
+    std::size_t dot = text.rfind('.');
+    return (dot == std::string_view::npos ? text : text.substr(dot + 1)) == "dataclass";
+}
+
+bool IsClassVarHint(std::string_view single) {
+    std::string_view bare = si::BareSingle(single);
+    if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
+        return false;
+    std::string_view text = si::StripSpaces(bare.substr(si::kPrefixLen));
+    return text.starts_with("ClassVar") || text.find(".ClassVar") != std::string_view::npos;
+}
+
+}  // namespace
+
+bool CEvaluator::AnnotatedFields(nb::handle cls, std::vector<std::pair<std::string, nb::object>> &fields) {
+    std::vector<MroEntry> mro = Mro(cls, {});
+    bool named_tuple = MroHolds(mro, "typing", "NamedTuple");
     // The fields are the names the class bodies annotate, base classes first.
+    bool generates = named_tuple;
     for (auto it = mro.rbegin(); it != mro.rend(); ++it) {
         si::CSingleResolvedInfo *k = Single(it->cls);
         if (IsTypingModuleName(ModuleNameOfLoc(k->loc)) || k->loc.is(BuiltinLoc()))
@@ -1351,15 +1380,48 @@ bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &posit
         nb::object record = RecordOf(scope);
         if (record.is_none())
             continue;
+        if (!named_tuple) {
+            std::string_view own = si::BareSingle(si::TextView(record.attr("ibytes"), "ibytes"));
+            if (si::GetInfoBytesKind(own) != si::kClassKind)
+                continue;
+            const auto info = ClassInfoOf(own);
+            if (std::none_of(info->decorators.begin(), info->decorators.end(), IsDataclassDecorator))
+                continue;  // (a base that isn't a dataclass adds no fields)
+            generates = true;
+        }
         for (auto [key, ibytes] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
-            bool annotated = false;
-            for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";"))
+            bool annotated = false, class_var = false;
+            for (std::string_view single : si::NonNestedSplit(si::TextView(ibytes, "ibytes"), ";")) {
                 annotated = annotated || si::GetInfoBytesKind(si::BareSingle(single)) == si::kTypeHintKind;
-            if (annotated)
-                positions.push_back(EntryValues(scope, record, si::TextView(ibytes, "ibytes"), -2).AsFrozenSet());
+                class_var = class_var || IsClassVarHint(single);
+            }
+            if (!annotated || class_var)
+                continue;
+            std::string name = nb::cast<std::string>(key);
+            nb::object values = EntryValues(scope, record, si::TextView(ibytes, "ibytes"), -2).AsFrozenSet();
+            auto known = std::find_if(fields.begin(), fields.end(), [&](const auto &f) { return f.first == name; });
+            if (known == fields.end())
+                fields.emplace_back(std::move(name), std::move(values));
+            else
+                known->second = std::move(values);  // redeclared: keeps its place
         }
     }
-    return !positions.empty();
+    return generates;
+}
+
+ValueSet CEvaluator::GeneratedMatchArgs(nb::handle cls) {
+    ValueSet out;
+    std::vector<std::pair<std::string, nb::object>> fields;
+    nb::object tuple_cls = BuiltinClass("tuple");
+    if (tuple_cls.is_none() || !AnnotatedFields(cls, fields))
+        return out;
+    nb::list names;
+    for (const auto &[name, _values] : fields) {
+        ValueSet literal;
+        literal.Add(LiteralSingle("str", name));
+        names.append(literal.AsFrozenSet());
+    }
+    return InstanceOf(tuple_cls, nb::tuple(names));
 }
 
 ValueSet CEvaluator::TypedDictItem(nb::handle single, std::string_view key) {

@@ -696,6 +696,13 @@ private:
     // The bytes of a literal single whose value is known, as a display's key.
     std::optional<std::string> ConstantKey(const ValueSet &values);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
+    // The fields a class makes of the names its bodies annotate (a
+    // NamedTuple's, a dataclass's; not ClassVars), bases first, each with
+    // what its annotation says; false for other classes.
+    bool AnnotatedFields(nb::handle cls, std::vector<std::pair<std::string, nb::object>> &fields);
+    // `__match_args__` of a class that generates it (a NamedTuple, a
+    // dataclass): a tuple of its field names; nothing for other classes.
+    ValueSet GeneratedMatchArgs(nb::handle cls);
     // Whether `mro` holds the class `name` of `module` ("typing": any of
     // typing's modules).
     bool MroHolds(const std::vector<MroEntry> &mro, std::string_view module, std::string_view name);
