@@ -10,6 +10,7 @@ import json
 import logging
 import os
 import os.path
+import typing
 import pathlib
 import random
 import re
@@ -181,3 +182,22 @@ heapq.heappop([3, 1])  # expect: int
 heapq.nlargest(1, [1.5])  # expect: list[float]
 Decimal("1.5") + 1  # expect: decimal.Decimal
 Fraction(1, 2) * 2  # expect: fractions.Fraction
+
+# Named tuples made by a call: fields by name and position, methods of
+# typing's NamedTuple that give the same class, a class deriving from one.
+Pair = collections.namedtuple("Pair", "left right")
+Typed = typing.NamedTuple("Typed", [("code", int), ("label", str)])
+
+
+class Span(collections.namedtuple("Span", ["start", "end"])):
+    def Width(self):
+        return 2.5
+
+
+Pair(1, 2)  # expect: Pair
+Pair(1, 2)._replace(left=3)  # expect: Pair
+Typed(1, "a").label  # expect: str
+Typed(1, "a")[0]  # expect: int
+Typed._make([1, "a"])  # expect: Typed
+Span(1, 2).Width()  # expect: float
+Span(1, 2)._replace(end=3)  # expect: Span

@@ -344,6 +344,14 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
         std::string_view bare = s->Bare();
         if (si::GetInfoBytesKind(bare) != si::kClassKind)
             return;
+        if (IsMadeClassScopeName(NameOf(s))) {
+            // A namedtuple a call made: its base is typing's NamedTuple
+            // whatever the module around the call imports.
+            nb::object base = TypingClass("NamedTuple");
+            if (!base.is_none())
+                visit(base, {}, depth + 1);
+            return;
+        }
         const auto info_held = ClassInfoOf(bare);
         const si::ClassInfo &info = *info_held;
         nb::object parent = ScopeAt(s->loc, si::ParentScopeName(NameOf(s)));

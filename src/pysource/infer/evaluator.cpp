@@ -802,6 +802,10 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
     ValueSet calls;
     for (const nb::object &callee : callees.Items()) {
         si::CSingleResolvedInfo *c = Single(callee);
+        if (ValueSet made = NamedTupleClass(tree, n, frame, callee); !made.Empty()) {
+            out.Merge(made);
+            continue;
+        }
         std::string form = c->IsClass() ? SpecialFormOf(callee) : std::string();
         // TypeVar("T"): a type variable named by its first argument.
         if ((form == "TypeVar" || form == "ParamSpec" || form == "TypeVarTuple") && first_arg >= 0 &&

@@ -498,7 +498,9 @@ nb::object CEvaluator::RecordOf(nb::handle scope) {
             NoteEffect(hit->second.second.is_none() ? Effect::kNoRecord : Effect::kSeen, scope);
             return hit->second.second;
         }
-        nb::object record = fInfoCache.attr("GetScopeInfo")(scope);
+        nb::object record = MadeClassRecord(own->loc, own->NameView());
+        if (!record.is_valid())
+            record = fInfoCache.attr("GetScopeInfo")(scope);
         fScopeRecords.emplace(ScopeKey{own->loc.ptr(), std::string(own->NameView())},
                               std::pair{nb::borrow(scope), record});
         RecordRead(scope, record);
