@@ -3,6 +3,7 @@
 import collections
 import copy
 import datetime
+import enum
 import hashlib
 import heapq
 import itertools
@@ -201,3 +202,12 @@ Typed(1, "a")[0]  # expect: int
 Typed._make([1, "a"])  # expect: Typed
 Span(1, 2).Width()  # expect: float
 Span(1, 2)._replace(end=3)  # expect: Span
+
+# Enumerations made by a call: members by name, their values.
+Shade = enum.Enum("Shade", "LIGHT DARK")
+Mode = enum.Flag("Mode", ["READ", "WRITE"])
+Level = enum.IntEnum("Level", [("LOW", 1), ("HIGH", 2)])
+Shade.DARK  # expect: Shade
+Shade.DARK.value  # expect: int
+Mode.WRITE  # expect: Mode
+Level["LOW"]  # expect: Level

@@ -345,9 +345,9 @@ std::vector<MroEntry> CEvaluator::ComputeMro(nb::handle cls, const TypeMap &map)
         if (si::GetInfoBytesKind(bare) != si::kClassKind)
             return;
         if (IsMadeClassScopeName(NameOf(s))) {
-            // A namedtuple a call made: its base is typing's NamedTuple
+            // A class a call made: its base is the one the call named,
             // whatever the module around the call imports.
-            nb::object base = TypingClass("NamedTuple");
+            nb::object base = MadeClassBase(s->loc, NameOf(s));
             if (!base.is_none())
                 visit(base, {}, depth + 1);
             return;

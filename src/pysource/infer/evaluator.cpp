@@ -802,7 +802,7 @@ ValueSet CEvaluator::EvalCall(const Tree &tree, const Node &n, const Frame &fram
     ValueSet calls;
     for (const nb::object &callee : callees.Items()) {
         si::CSingleResolvedInfo *c = Single(callee);
-        if (ValueSet made = NamedTupleClass(tree, n, frame, callee); !made.Empty()) {
+        if (ValueSet made = MadeClass(tree, n, frame, callee); !made.Empty()) {
             out.Merge(made);
             continue;
         }

@@ -167,7 +167,7 @@ struct Param {
 std::vector<Param> ParamsOf(const symbolinfo::DefInfo &def);
 // Whether a def carries the decorator `name` (by its last dotted part).
 bool HasDecorator(const symbolinfo::DefInfo &def, std::string_view name);
-// Whether a scope name names a class that a call made (NamedTupleClass).
+// Whether a scope name names a class that a call made (MadeClass).
 bool IsMadeClassScopeName(std::string_view name);
 
 // Type variable name -> what it stands for (instances, or classes for
@@ -461,10 +461,10 @@ struct MemoTables {
     // The canonical form of class and def singles (their normalised scope
     // name, and their text as bytes), by their text (a def's led by its kind).
     TextMap<std::pair<std::string, nb::object>> canonical_singles;
-    // The records of the classes that calls make (namedtuples), by
-    // "url|scope name": each is a function of its name alone, and a class
-    // single may stand for it in any later request.
-    std::unordered_map<std::string, nb::object> made_classes;
+    // The records of the classes that calls make (namedtuples, enumerations),
+    // each with its base class, by "url|scope name": each is a function of
+    // its name alone, and a class single may stand for it in any later request.
+    std::unordered_map<std::string, std::pair<nb::object, nb::object>> made_classes;
     // The module scope of each location met, by the location (held, so
     // that its address names it alone).
     std::unordered_map<PyObject *, std::pair<nb::object, nb::object>> module_scopes;
@@ -702,13 +702,15 @@ private:
     // The bytes of a literal single whose value is known, as a display's key.
     std::optional<std::string> ConstantKey(const ValueSet &values);
     bool NamedTupleFields(nb::handle cls, std::vector<nb::object> &positions);
-    // The class a namedtuple call makes (`collections.namedtuple("P", "x y")`,
-    // `typing.NamedTuple("P", [("x", int)])`), its record kept in the memo;
-    // nothing for other calls.
-    ValueSet NamedTupleClass(const Tree &tree, const pgen::Node &n, const Frame &frame, nb::handle callee);
+    // The class a call makes (`collections.namedtuple("P", "x y")`,
+    // `typing.NamedTuple("P", [("x", int)])`, `Enum("Color", "RED GREEN")`),
+    // its record kept in the memo; nothing for other calls.
+    ValueSet MadeClass(const Tree &tree, const pgen::Node &n, const Frame &frame, nb::handle callee);
     // The record of a class a call made, None when the memo no longer holds
     // it; an invalid object for the scopes of the source.
     nb::object MadeClassRecord(nb::handle loc, std::string_view scope_name);
+    // The base class of a class a call made (None when not held).
+    nb::object MadeClassBase(nb::handle loc, std::string_view scope_name);
     // The fields a class makes of the names its bodies annotate (a
     // NamedTuple's, a dataclass's; not ClassVars), bases first, each with
     // what its annotation says; false for other classes.
