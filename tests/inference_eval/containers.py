@@ -187,6 +187,8 @@ def GrownByUse():
     [(k, v) for k in (1,) for v in ("x", 2.5)][1]  # expect: tuple[int, float]
     start, end = (n for n in ("a", 1))
     end  # expect: int
+    first_key, _second_key = {"k": 1, "j": 2.5}  # unpacking a dict gives its keys
+    first_key  # expect: str
     {"ab": 1, "c": ""}[r"a" "b"]  # expect: int
     items = []  # set again: the earlier appends don't count
     items.append("s")

@@ -1155,7 +1155,14 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
                 out.Merge(*item);
                 continue;
             }
-            if (!cls.is_none() && ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty()) {
+            // A dict display that has no such key: an unpacking of its keys
+            // (`a, b = {"k": 1, "j": 2}`), as a subscript would raise.
+            nb::handle display = v->fDisplayItems;
+            bool dict_display = !display.is_none() && PyTuple_Check(display.ptr()) &&
+                                PyTuple_GET_SIZE(display.ptr()) > 0 &&
+                                PyTuple_Check(PyTuple_GET_ITEM(display.ptr(), 0));
+            if (dict_display || (!cls.is_none() &&
+                                 ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty())) {
                 ValueSet one;
                 one.Add(value);
                 out.Merge(IterItems(one));
