@@ -74,6 +74,15 @@ bool CtxIncomplete(nb::handle ctx);
 // All items but the last of `parts` joined with `sep`.
 nb::str JoinAllButLast(nb::handle parts, std::string_view sep);
 
+// Whether a record entry (`compound`) is a parameter's that the body never
+// sets again: its values are what callers pass and its default.
+bool HoldsParameterOnly(std::string_view compound);
+
+// Whether a scope's record calls one of its parameters (`def apply(f, x):
+// f(x)`): what the call reaches is what callers pass, which their own
+// derived scans record.
+bool CallsAParameter(nb::handle record);
+
 // Whether the debug statistics are on.
 bool DbgStatsOn();
 
