@@ -4,6 +4,7 @@
 // specialised, and a call of a user-defined TypeGuard / TypeIs narrows its
 // first argument in the calling scope.  A subscript assignment `o[k] = v`
 // is the call `o.__setitem__(k, v)`.
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -72,16 +73,9 @@ bool ReachesSeveralCallables(nb::handle resolved) {
 // Whether a record entry (`compound`) holds a value, and what it holds are
 // defs only.
 bool HoldsDefsOnly(std::string_view compound) {
-    bool any = false;
-    for (std::string_view single : si::NonNestedSplit(compound, ";")) {
-        si::Kind kind = si::GetInfoBytesKind(si::BareSingle(single));
-        if (!infer::SaysValue(kind))
-            continue;
-        if (!si::IsDefKind(kind))
-            return false;
-        any = true;
-    }
-    return any;
+    std::vector<std::pair<std::string_view, si::Kind>> values = ValueSingles(compound);
+    return !values.empty() &&
+           std::all_of(values.begin(), values.end(), [](const auto &value) { return si::IsDefKind(value.second); });
 }
 
 // Whether a record binds `name`: it holds a value for it (a parameter, a
@@ -90,12 +84,7 @@ bool BindsName(nb::handle record, nb::handle name) {
     if (record.is_none())
         return false;
     nb::object entry = record.attr("type_equivs").attr("get")(name);
-    if (entry.is_none())
-        return false;
-    for (std::string_view single : si::NonNestedSplit(TextOf(entry), ";"))
-        if (infer::SaysValue(si::GetInfoBytesKind(si::BareSingle(single))))
-            return true;
-    return false;
+    return !entry.is_none() && !ValueSingles(TextOf(entry)).empty();
 }
 
 // A bare name called in the module that binds it, where the module's own

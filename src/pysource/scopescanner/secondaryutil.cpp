@@ -116,12 +116,19 @@ nb::str JoinAllButLast(nb::handle parts, std::string_view sep) {
 
 bool DbgStatsOn() { return !_gDbgScanStats.is_none(); }
 
-bool HoldsParameterOnly(std::string_view compound) {
-    bool parameter = false;
+std::vector<std::pair<std::string_view, symbolinfo::Kind>> ValueSingles(std::string_view compound) {
+    std::vector<std::pair<std::string_view, symbolinfo::Kind>> out;
     for (std::string_view single : symbolinfo::NonNestedSplit(compound, ";")) {
         symbolinfo::Kind kind = symbolinfo::GetInfoBytesKind(symbolinfo::BareSingle(single));
-        if (!infer::SaysValue(kind))
-            continue;
+        if (infer::SaysValue(kind))
+            out.emplace_back(single, kind);
+    }
+    return out;
+}
+
+bool HoldsParameterOnly(std::string_view compound) {
+    bool parameter = false;
+    for (const auto &[single, kind] : ValueSingles(compound)) {
         if (kind == symbolinfo::kArgKind) {
             parameter = true;
             continue;
