@@ -230,6 +230,15 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("def other(a):\n        pass\n    fs = [other, target]\n    for f in fs or ():\n        f(1)", "a", set()),
     ("def other(a):\n        pass\n    for f in [other, target]:\n        f = f if v else len\n        f(1)", "a",
      set()),
+    ("def other(a):\n        pass\n    for f in [" + "other, " * 16 + "target]:\n        f(1)", "a", {"int"}),
+    # Names set together by the same statements: a test that rules out what one got at a
+    # statement rules out what the other got there.
+    ("w, ok = None, None\n    if v:\n        w, ok = 1, True\n    if ok:\n        target(w)", "a", {"int"}),
+    ("w = None\n    ok = None\n    if v:\n        w, ok = 1, True\n    if ok:\n        target(w)", "a",
+     {"None", "int"}),
+    # A def that calls its parameter is read once the file's callers have said what they pass.
+    ("def apply(f, x):\n        return f(x)\n    def caller():\n        apply(target, b'')\n    caller()", "a",
+     {"bytes"}),
     # hasattr(name, "attr") is false for no instance of a class that has it.
     ("w = {} if v else ''\n    if not hasattr(w, 'items'):\n        target(w)", "a", {"str"}),
     ("w = {} if v else ''\n    if hasattr(w, 'items'):\n        target(w)", "a", {"str", "dict"}),
@@ -336,6 +345,25 @@ def types_reaching_target(folder, monkeypatch, capsys, body, clock=None):
         assert run(capsys, "index")[0] == 0
     _found, params = params_json(capsys, "target")
     return {name: types_of(param) for name, param in params.items()}
+
+
+# A module's own def is what a bare call of its name in the module reaches: a set of the
+# module's attribute from another file (a test's monkeypatch) doesn't make the calls reach
+# several callables; the module's own settings of the name still do.  The patching file is
+# scanned first.
+@pytest.mark.parametrize("lib, expected", [
+    ("def f(x):\n    return x\n\n\ndef g():\n    return f(1)\n", {"int"}),
+    ("def f(x):\n    return x\n\n\ndef g():\n    return f(1)\n\n\nif len:\n    f = len\n", set()),
+])
+def test_a_patch_from_another_file_leaves_the_module_s_own_calls(tmp_path, monkeypatch, capsys, lib,
+                                                                  expected):
+    (tmp_path / "zm.py").write_text(lib)
+    (tmp_path / "a.py").write_text("import zm\n\n\ndef other(z):\n    return z\n\n\n"
+                                   "def patch():\n    zm.f = other\n")
+    monkeypatch.chdir(tmp_path)
+    assert run(capsys, "index")[0] == 0
+    _found, params = params_json(capsys, "zm.py:f")
+    assert set(types_of(params["x"])) == expected
 
 
 # A final try that finds scans to wait for takes no partial answer: on a machine so slow

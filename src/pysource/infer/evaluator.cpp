@@ -1489,7 +1489,10 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
     if (n.kind == NodeKind::kDict) {
         ValueSet keys, values;
         std::vector<std::pair<std::string, ValueSet>> by_key;
-        for (std::int32_t i = 0; i + 1 < n.kids_count && (std::size_t) i < 2 * kMaxDisplayItems; i += 2) {
+        // Every item counts for the key and value types; items are told apart
+        // by key only in a display of a few.
+        bool by_keys = (std::size_t) n.kids_count <= 2 * kMaxDisplayItems;
+        for (std::int32_t i = 0; i + 1 < n.kids_count; i += 2) {
             std::int32_t key = tree.Kid(n, i);
             if (key >= 0 && tree.nodes[(std::size_t) key].kind == NodeKind::kDoubleStarred) {
                 // {**other}: the keys other iterates, what they index.
@@ -1506,6 +1509,8 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
             ValueSet value = Eval(tree, tree.Kid(n, i + 1), frame);
             keys.Merge(key_values);
             values.Merge(value);
+            if (!by_keys)
+                continue;
             std::optional<std::string> constant = ConstantKey(key_values);
             if (!constant)
                 continue;
@@ -1513,7 +1518,7 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
             std::erase_if(by_key, [&](const auto &item) { return item.first == *constant; });
             by_key.emplace_back(std::move(*constant), std::move(value));
         }
-        if ((std::size_t) n.kids_count <= 2 * kMaxDisplayItems)
+        if (by_keys)
             for (const auto &[key, value] : by_key)
                 display_items.append(nb::make_tuple(nb::bytes(key.data(), key.size()), value.AsFrozenSet()));
         if (!keys.Empty() || !values.Empty()) {
@@ -1521,9 +1526,11 @@ ValueSet CEvaluator::EvalDisplay(const Tree &tree, const Node &n, const Frame &f
             args.append(values.AsFrozenSet());
         }
     } else {
+        // Every item counts for the item type; items are told apart by
+        // position only in a display of a few.
         std::vector<ValueSet> items;
         bool starred = false;
-        for (std::int32_t i = 0; i < n.kids_count && (std::size_t) i < kMaxDisplayItems; ++i) {
+        for (std::int32_t i = 0; i < n.kids_count; ++i) {
             std::int32_t kid = tree.Kid(n, i);
             if (kid < 0)
                 continue;

@@ -912,6 +912,14 @@ private:
     // name again reaches past it narrowed by its condition being false.
     ValueSet Narrowed(nb::handle scope, nb::handle record, std::string_view name, std::string_view entry,
                       long long use_index, ValueSet values);
+    // Names set together (`a, b = None, None`): where the logicals that set
+    // `name` are those that set another name the test `root` reads, and no
+    // others, the value each holds at a use came from one of those logicals;
+    // a logical whose setting of the other name can't pass the test (`holds`)
+    // gives `values` nothing.
+    void NarrowByPartners(const Tree &tree, std::int32_t root, const Frame &frame, nb::handle record,
+                          std::string_view name, std::string_view entry, long long use_index, bool holds,
+                          ValueSet &values);
     // Whether Narrowed may narrow a name at body logical `at` of `scope`:
     // tests are known there (its guards, earlier `if` blocks).
     bool NarrowableAt(nb::handle scope, long long at);

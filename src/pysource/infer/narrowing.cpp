@@ -284,9 +284,82 @@ ValueSet CEvaluator::Narrowed(nb::handle scope, nb::handle record, std::string_v
             continue;
         parse(condition, header, [&](const Tree &tree, std::int32_t root, const Frame &frame) {
             NarrowBy(tree, root, frame, name, holds != 0, values);
+            NarrowByPartners(tree, root, frame, record, name, entry, use_index, holds != 0, values);
         });
     }
     return values;
+}
+
+namespace {
+
+// The logicals at which an entry sets its name, or nothing when a value of
+// it comes from no one logical (a parameter, a setting of unknown place).
+std::optional<std::set<long long>> SettingLogicals(const ParsedEntry &parsed) {
+    std::set<long long> out;
+    for (const EntryPiece &piece : parsed.pieces) {
+        if (piece.malformed || !SaysValue(piece.bare_kind))
+            continue;
+        if (!piece.index || *piece.index < 0)
+            return std::nullopt;
+        out.insert(*piece.index);
+    }
+    return out;
+}
+
+}  // namespace
+
+void CEvaluator::NarrowByPartners(const Tree &tree, std::int32_t root, const Frame &frame, nb::handle record,
+                                  std::string_view name, std::string_view entry, long long use_index, bool holds,
+                                  ValueSet &values) {
+    if (values.Empty() || record.is_none())
+        return;
+    std::optional<std::set<long long>> own = SettingLogicals(*EntryOf(entry));
+    if (!own || own->size() < 2)
+        return;
+    std::set<std::string_view> tried;
+    for (const Node &n : tree.nodes) {
+        if (n.kind != NodeKind::kName)
+            continue;
+        std::string_view partner = TokAt(tree, n.aux);
+        if (partner == name || !tried.insert(partner).second)
+            continue;
+        nb::object partner_entry = InfoBytesOf(record, partner);
+        if (partner_entry.is_none())
+            continue;
+        std::string_view partner_text = si::TextView(partner_entry, "ibytes");
+        if (SettingLogicals(*EntryOf(partner_text)) != own)
+            continue;
+        std::string kept;
+        bool dropped = false;
+        for (long long at : *own) {
+            ValueSet set_there = EntryValues(frame.scope, record, EntryPart(partner_text, at, at, false), use_index,
+                                             partner);
+            if (!set_there.Empty()) {
+                NarrowBy(tree, root, frame, partner, holds, set_there);
+                if (set_there.Empty()) {
+                    dropped = true;
+                    continue;
+                }
+            }
+            if (!kept.empty())
+                kept.push_back(';');
+            kept.append(EntryPart(entry, at, at, false));
+        }
+        if (!dropped)
+            continue;
+        nb::object reachable = EntryValues(frame.scope, record, kept, use_index, name).AsFrozenSet();
+        ValueSet narrowed;
+        for (const nb::object &v : values.Items()) {
+            int found = PySet_Contains(reachable.ptr(), v.ptr());
+            if (found < 0)
+                PyErr_Clear();  // can't be told: kept
+            if (found != 0)
+                narrowed.Add(v);
+        }
+        values = narrowed;
+        if (values.Empty())
+            return;
+    }
 }
 
 std::string CEvaluator::ReachableEntry(nb::handle scope, nb::handle record, std::string_view entry) {

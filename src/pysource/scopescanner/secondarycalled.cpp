@@ -4,6 +4,7 @@
 // specialised, and a call of a user-defined TypeGuard / TypeIs narrows its
 // first argument in the calling scope.  A subscript assignment `o[k] = v`
 // is the call `o.__setitem__(k, v)`.
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -36,22 +37,29 @@ bool RetryableStop(nb::handle ctx) {
 // that receivers of several classes define), or a def and a class.  Each call
 // reaches one of them, so what it passes says nothing sure of any one.
 // Classes alone (`cls(...)`) construct alike.
+// A def's scope name without the numbers that tell the defs of one name made
+// again (`f|1`) apart: those are one def.
+std::string UnnumberedDefName(nb::handle single) {
+    nb::object name_obj = single.attr("GetDefinedScope")().attr("name");
+    std::string_view name = TextOf(name_obj);  // a view into name_obj
+    std::string out;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        if (name[i] == '|')
+            while (i + 1 < name.size() && name[i + 1] >= '0' && name[i + 1] <= '9')
+                ++i;
+        else
+            out.push_back(name[i]);
+    }
+    return out;
+}
+
 bool ReachesSeveralCallables(nb::handle resolved) {
     std::optional<std::string> def_key;
     bool classes = false;
     for (nb::handle single : resolved) {
         if (Calls(single, "IsDef")) {
-            // A def by its place; the defs of one name made again (`|1`) are one.
-            std::string key = LocationUrl(single.attr("loc")) + ":";
-            nb::object name_obj = single.attr("GetDefinedScope")().attr("name");
-            std::string_view name = TextOf(name_obj);  // a view into name_obj
-            for (std::size_t i = 0; i < name.size(); ++i) {
-                if (name[i] == '|')
-                    while (i + 1 < name.size() && name[i + 1] >= '0' && name[i + 1] <= '9')
-                        ++i;
-                else
-                    key.push_back(name[i]);
-            }
+            // A def by its place.
+            std::string key = LocationUrl(single.attr("loc")) + ":" + UnnumberedDefName(single);
             if (def_key && *def_key != key)
                 return true;
             def_key = std::move(key);
@@ -60,6 +68,72 @@ bool ReachesSeveralCallables(nb::handle resolved) {
         }
     }
     return def_key && classes;
+}
+
+// Whether a record entry (`compound`) holds a value, and what it holds are
+// defs only.
+bool HoldsDefsOnly(std::string_view compound) {
+    std::vector<std::pair<std::string_view, si::Kind>> values = ValueSingles(compound);
+    return !values.empty() &&
+           std::all_of(values.begin(), values.end(), [](const auto &value) { return si::IsDefKind(value.second); });
+}
+
+// Whether a record binds `name`: it holds a value for it (a parameter, a
+// setting, an import), not only reads or a `global` declaration.
+bool BindsName(nb::handle record, nb::handle name) {
+    if (record.is_none())
+        return false;
+    nb::object entry = record.attr("type_equivs").attr("get")(name);
+    return !entry.is_none() && !ValueSingles(TextOf(entry)).empty();
+}
+
+// A bare name called in the module that binds it, where the module's own
+// text binds it by `def` statements of one function only (its own scopes'
+// `global` settings count as its text): the call reaches that def.  Other
+// callables the name resolves to come from attribute sets in other files
+// (`m.f = other`, a monkeypatch), which run at a time the call can't know
+// and, for a test's patch, are undone.  Counting them would drop every call
+// of `f` in its own module.  Gives `resolved` without those callables, or
+// `resolved` itself when the rule doesn't apply.
+nb::object WithoutPatchesFromOtherFiles(nb::handle info_cache, nb::handle our_scope,
+                                        nb::handle name, nb::handle resolved) {
+    if (!si::IsSingleNameToken(TextOf(name)))
+        return nb::borrow(resolved);
+    // The name must not be bound in the scopes between the call and its module.
+    nb::object scope = nb::borrow(our_scope);
+    while (!ScopeOf(scope).IsTopLevelModule()) {
+        if (BindsName(info_cache.attr("GetScopeInfo")(scope), name))
+            return nb::borrow(resolved);
+        scope = ScopeOf(scope).Parent();
+        if (scope.is_none())
+            return nb::borrow(resolved);
+    }
+    std::string our_url = LocationUrl(LocOf(scope));
+    bool own_defs = false;
+    for (nb::handle record : info_cache.attr("GetScopeInfoRecords")(scope)) {
+        if (LocationUrl(LocOf(record.attr("key").attr("scanned_scope"))) != our_url)
+            continue;  // a record another file's scan made
+        nb::object entry = record.attr("type_equivs").attr("get")(name);
+        if (entry.is_none())
+            continue;
+        if (!HoldsDefsOnly(TextOf(entry)))
+            return nb::borrow(resolved);
+        own_defs = true;
+    }
+    if (!own_defs)
+        return nb::borrow(resolved);
+    nb::set kept;
+    bool reaches_own = false;
+    for (nb::handle single : resolved) {
+        bool callable = Calls(single, "IsDef") || Calls(single, "IsClass");
+        bool own = Calls(single, "IsDef") && LocationUrl(single.attr("loc")) == our_url &&
+                   UnnumberedDefName(single) == TextOf(name);
+        if (callable && !own)
+            continue;
+        reaches_own = reaches_own || own;
+        kept.add(single);
+    }
+    return reaches_own ? nb::frozenset(kept) : nb::borrow(resolved);
 }
 
 // Whether `text` is a list, set or tuple display (`[a, b]`, `(a, b)`),
@@ -147,6 +221,8 @@ bool CSingleScopeSecondaryScanner::ScanCalledName_(nb::handle name_in, nb::handl
                 ctx.attr("ClearIncomplete")();
             }
         }
+        if (TextOf(called[0]).empty() && ReachesSeveralCallables(resolved))
+            resolved = WithoutPatchesFromOtherFiles(InfoCache(), OurScope(), name, resolved);
         nb::object processed = ProcessCalledResolved_(resolved, specialize_generics, ctx);
         if (processed.is_none()) {
             sub.Finish();

@@ -1,8 +1,11 @@
 #include "pysource/scopescanner/secondaryutil.h"
 
+#include <optional>
 #include <string>
 
+#include "pysource/infer/evaluator.h"
 #include "pysource/scopescanner/protocol.h"
+#include "pysource/symbolinfo.h"
 
 namespace pysource::secondaryutil {
 
@@ -112,5 +115,44 @@ nb::str JoinAllButLast(nb::handle parts, std::string_view sep) {
 }
 
 bool DbgStatsOn() { return !_gDbgScanStats.is_none(); }
+
+std::vector<std::pair<std::string_view, symbolinfo::Kind>> ValueSingles(std::string_view compound) {
+    std::vector<std::pair<std::string_view, symbolinfo::Kind>> out;
+    for (std::string_view single : symbolinfo::NonNestedSplit(compound, ";")) {
+        symbolinfo::Kind kind = symbolinfo::GetInfoBytesKind(symbolinfo::BareSingle(single));
+        if (infer::SaysValue(kind))
+            out.emplace_back(single, kind);
+    }
+    return out;
+}
+
+bool HoldsParameterOnly(std::string_view compound) {
+    bool parameter = false;
+    for (const auto &[single, kind] : ValueSingles(compound)) {
+        if (kind == symbolinfo::kArgKind) {
+            parameter = true;
+            continue;
+        }
+        std::optional<long long> at = symbolinfo::SplitLogicalIndexSuffix(single).logical_index;
+        if (at && *at >= 0)
+            return false;  // set in the body
+    }
+    return parameter;
+}
+
+bool CallsAParameter(nb::handle record) {
+    if (record.is_none())
+        return false;
+    for (auto [name, entry] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
+        (void) name;
+        std::string_view text = TextOf(entry);
+        bool called = false;
+        for (std::string_view single : symbolinfo::NonNestedSplit(text, ";"))
+            called = called || symbolinfo::GetInfoBytesKind(symbolinfo::BareSingle(single)) == symbolinfo::kCalledKind;
+        if (called && HoldsParameterOnly(text))
+            return true;
+    }
+    return false;
+}
 
 }  // namespace pysource::secondaryutil

@@ -4,7 +4,10 @@
 #include <nanobind/nanobind.h>
 
 #include <string_view>
+#include <utility>
+#include <vector>
 
+#include "pysource/infokinds.h"
 #include "pysource/scope.h"
 #include "pysource/scopescanner/primaryutil.h"
 
@@ -73,6 +76,19 @@ bool CtxIncomplete(nb::handle ctx);
 
 // All items but the last of `parts` joined with `sep`.
 nb::str JoinAllButLast(nb::handle parts, std::string_view sep);
+
+// The singles of a record entry (`compound`) that say a value (not a read,
+// a call or a `global` declaration), each with its kind, wrappers aside.
+std::vector<std::pair<std::string_view, symbolinfo::Kind>> ValueSingles(std::string_view compound);
+
+// Whether a record entry (`compound`) is a parameter's that the body never
+// sets again: its values are what callers pass and its default.
+bool HoldsParameterOnly(std::string_view compound);
+
+// Whether a scope's record calls one of its parameters (`def apply(f, x):
+// f(x)`): what the call reaches is what callers pass, which their own
+// derived scans record.
+bool CallsAParameter(nb::handle record);
 
 // Whether the debug statistics are on.
 bool DbgStatsOn();
