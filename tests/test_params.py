@@ -236,9 +236,6 @@ def test_show_of_a_function_lists_what_callers_pass(project, capsys):
     ("w, ok = None, None\n    if v:\n        w, ok = 1, True\n    if ok:\n        target(w)", "a", {"int"}),
     ("w = None\n    ok = None\n    if v:\n        w, ok = 1, True\n    if ok:\n        target(w)", "a",
      {"None", "int"}),
-    # A def that calls its parameter is read once the file's callers have said what they pass.
-    ("def apply(f, x):\n        return f(x)\n    def caller():\n        apply(target, b'')\n    caller()", "a",
-     {"bytes"}),
     # hasattr(name, "attr") is false for no instance of a class that has it.
     ("w = {} if v else ''\n    if not hasattr(w, 'items'):\n        target(w)", "a", {"str"}),
     ("w = {} if v else ''\n    if hasattr(w, 'items'):\n        target(w)", "a", {"str", "dict"}),

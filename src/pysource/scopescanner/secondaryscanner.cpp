@@ -417,18 +417,8 @@ nb::ref<CNamedConstant> CWholeFileSecondaryScanner::ScanQueue(double end_time) {
         if (!IsFinalState(state.get()))
             return state;
     }
-    while (fToScan.size() > 0 || fPutOffQueue.size() > 0) {
-        if (fToScan.size() == 0) {
-            fToScan = fPutOffQueue;
-            fPutOffQueue = nb::list();
-        }
+    while (fToScan.size() > 0) {
         nb::object scope_name = fToScan.attr("pop")(0);
-        if (!Contains(fPutOff, scope_name) && CallsAParameter(_fSharedObjects->fInfoCache.attr("GetScopeInfo")(
-                                                  nb::cast(ScopeOf(fScope).ReplaceName(scope_name))))) {
-            fPutOff.add(scope_name);
-            fPutOffQueue.append(scope_name);  // still in fToScanSet: queued
-            continue;
-        }
         fToScanSet.discard(scope_name);
         nb::ref<CNamedConstant> state = ScanOneScope_(scope_name, end_time);
         if (!IsFinalState(state.get()))
@@ -539,8 +529,7 @@ nb::object CWholeFileSecondaryScanner::FilterNeedsScan(nb::handle needs_scan) {
 }
 
 int CWholeFileSecondaryScanner::TraverseFields(visitproc visit, void *arg) {
-    for (nb::handle field : {nb::handle(fToScan), nb::handle(fToScanSet), nb::handle(fPutOffQueue),
-                             nb::handle(fPutOff),
+    for (nb::handle field : {nb::handle(fToScan), nb::handle(fToScanSet),
                              nb::handle(fScanCompletedCount), nb::handle(fDiskMTime)})
         Py_VISIT(field.ptr());
     return VisitShared(_fSharedObjects, visit, arg);

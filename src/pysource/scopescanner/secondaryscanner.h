@@ -195,10 +195,6 @@ public:
     nb::ref<CSingleScopeSecondaryScanner> _fActiveScopeScanner;  // null for none
     nb::list fToScan;
     nb::set fToScanSet;
-    // Scopes that call a parameter wait until the rest of the file is
-    // scanned (once): the file's callers record first what they pass.
-    nb::list fPutOffQueue;
-    nb::set fPutOff;
     nb::dict fScanCompletedCount;
     nb::ref<CSharedObjectsForSecondaryScanners_> _fSharedObjects;
     nb::object fDiskMTime;  // None until the first primary record is read

@@ -126,33 +126,4 @@ std::vector<std::pair<std::string_view, symbolinfo::Kind>> ValueSingles(std::str
     return out;
 }
 
-bool HoldsParameterOnly(std::string_view compound) {
-    bool parameter = false;
-    for (const auto &[single, kind] : ValueSingles(compound)) {
-        if (kind == symbolinfo::kArgKind) {
-            parameter = true;
-            continue;
-        }
-        std::optional<long long> at = symbolinfo::SplitLogicalIndexSuffix(single).logical_index;
-        if (at && *at >= 0)
-            return false;  // set in the body
-    }
-    return parameter;
-}
-
-bool CallsAParameter(nb::handle record) {
-    if (record.is_none())
-        return false;
-    for (auto [name, entry] : nb::borrow<nb::dict>(record.attr("type_equivs"))) {
-        (void) name;
-        std::string_view text = TextOf(entry);
-        bool called = false;
-        for (std::string_view single : symbolinfo::NonNestedSplit(text, ";"))
-            called = called || symbolinfo::GetInfoBytesKind(symbolinfo::BareSingle(single)) == symbolinfo::kCalledKind;
-        if (called && HoldsParameterOnly(text))
-            return true;
-    }
-    return false;
-}
-
 }  // namespace pysource::secondaryutil

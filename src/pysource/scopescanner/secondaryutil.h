@@ -81,15 +81,6 @@ nb::str JoinAllButLast(nb::handle parts, std::string_view sep);
 // a call or a `global` declaration), each with its kind, wrappers aside.
 std::vector<std::pair<std::string_view, symbolinfo::Kind>> ValueSingles(std::string_view compound);
 
-// Whether a record entry (`compound`) is a parameter's that the body never
-// sets again: its values are what callers pass and its default.
-bool HoldsParameterOnly(std::string_view compound);
-
-// Whether a scope's record calls one of its parameters (`def apply(f, x):
-// f(x)`): what the call reaches is what callers pass, which their own
-// derived scans record.
-bool CallsAParameter(nb::handle record);
-
 // Whether the debug statistics are on.
 bool DbgStatsOn();
 
