@@ -76,15 +76,6 @@ class TestKinds:
         assert kinds == [ll.kTry, ll.kExcept, ll.kElseBeginning, ll.kFinally, ll.kIfBeginning,
                          ll.kElifBeginning, ll.kMatch, ll.kCase, ll.kCase]
 
-    def test_kind_constants_differ(self):
-        names = [n for n in dir(ll) if n.startswith("k") and isinstance(getattr(ll, n), str)
-                 and not n.startswith("kErrorToken")]
-        values = [getattr(ll, n) for n in names]
-        assert len(set(values)) == len(values) >= 37
-        assert ll.kStartKeywords["if"] == ll.kIfBeginning
-        assert ll.kTokenBytesById[50] == b"@" and ll.kTokenBytesById[26] == b"{"
-        assert ll.kErrorTokenPrefixBytes == ll.kErrorTokenPrefix.encode()
-
 
 class TestJoining:
     def test_brackets_and_continuations_join_lines(self):
