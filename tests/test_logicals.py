@@ -195,13 +195,6 @@ async def f():
     y = 2
 """
 
-    def test_indexes_and_normalised_names(self):
-        defs = [(l.fScopeName, l.fLocalScopeName) for l in logicals(self.SRC)
-                if l.fType in (ll.kClassDef, ll.kFunctionDef)]
-        assert defs == [("", "C|0"), ("C", "f|0"), ("C", "f|1"), ("C.f|1", "g|0"),
-                        ("C", "D|0"), ("C.D", "f|0"), ("", "f|0"), ("", "f|1"), ("", "C|1"),
-                        ("", "f|2")]
-
     def test_body_statements_and_comments(self):
         scope_of = {tuple(l.fToks[:2]): l.fScopeName for l in logicals(self.SRC)}
         assert scope_of[("x", "=")] == "C.f|1"
