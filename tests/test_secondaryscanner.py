@@ -8,19 +8,13 @@ import pytest
 
 from basekit.location import CLocalFileLocation
 from pysource import _fastaccess, prefs, scopeinfo, scopescanner as ss, symbolinfo as si
-from managerutil import installed_manager
+from managerutil import installed_manager, scan_mgr as mgr  # noqa: F401 (a fixture)
 from pysource.coordinator import CScanCoordinator, _CFileJob
 from scanutil import counter_clock, primary_scan
 from secondaryutil import (FakeDetails, FakeDetailsStore, add_record, called, def_single,
                            bare_name, install_engine, kForever, scan_until_final, write_project)
 
 kPast = 0.0
-
-
-@pytest.fixture
-def mgr():
-    with installed_manager(editor=False) as mgr:
-        yield mgr
 
 
 @pytest.fixture
