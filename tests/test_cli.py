@@ -545,13 +545,23 @@ class TestUnsoundDatabases:
 
     def test_a_reader_checks_the_whole_file_only_after_it_changed(self, indexed_db, capsys):
         """A reader trusts the file as a writer of ours left it (same size,
-        change time and inode); any other change makes it check every page
-        and row again."""
+        change time and inode) with no write-ahead log beside it; any other
+        change, or a log a writer at work or stopped left, makes it check
+        every page and row again."""
         before = indexed_db.stat()
         damage("UPDATE records SET type_equivs = 'text'")(indexed_db)
         assert indexed_db.stat().st_size == before.st_size
         os.utime(indexed_db, ns=(before.st_atime_ns, before.st_mtime_ns))
         assert run(capsys, "stats")[0] == 0         # left as verified: not read whole
+        writer = sqlite3.connect(indexed_db)        # its commit stays in the log while it is open
+        writer.execute("UPDATE records SET type_equivs = 'still text'")
+        writer.commit()
+        try:
+            assert indexed_db.stat().st_mtime_ns == before.st_mtime_ns
+            code, _, err = run(capsys, "stats")
+        finally:
+            writer.close()
+        assert code == cli.kExitDatabase and "wrong kind" in err
         os.utime(indexed_db)
         code, _, err = run(capsys, "stats")
         assert code == cli.kExitDatabase and "wrong kind" in err
