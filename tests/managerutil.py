@@ -41,6 +41,13 @@ def mgr():
 
 
 @pytest.fixture
+def scan_mgr():
+    """The installed manager of a scanning process: no editor buffers."""
+    with installed_manager(editor=False) as mgr:
+        yield mgr
+
+
+@pytest.fixture
 def loc(tmp_path):
     """A local file location that no file stands at yet."""
     return CLocalFileLocation(str(tmp_path / "mod.py"))

@@ -18,7 +18,7 @@ from basekit.location import CLocalFileLocation
 from pysource import cli, coordinator, filellinecache, scopescanner as ss, symbolinfo as si
 from pysource.coordinator import CScanCoordinator
 
-from managerutil import installed_manager
+from managerutil import installed_manager, scan_mgr as mgr  # noqa: F401 (a fixture)
 from scanutil import counter_clock, primary_scan, record_of
 
 # With the counting clock, a slice lasts this many readings: every scan of a
@@ -56,12 +56,6 @@ CHANGED = textwrap.dedent('''\
         def get(self):
             self.value = 2
     ''')
-
-
-@pytest.fixture
-def mgr():
-    with installed_manager(editor=False) as mgr:
-        yield mgr
 
 
 def write(path, data):

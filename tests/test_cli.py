@@ -179,31 +179,24 @@ class TestIndex:
         scan = parallelscan.CReplayScanner.Scan
         monkeypatch.setattr(parallelscan.CReplayScanner, "Scan",
                             lambda self, end: replayed.append(self.fScope.loc) or scan(self, end))
-        outs = []
-        for jobs, db in (("1", "one.db"), ("2", "two.db")):
-            code, out, err = run(capsys, "index", "-j", jobs, "--db", db)
-            assert code == 0 and err == ""
-            outs.append(out.split(", in ")[0])
-        assert len(replayed) == 23 and outs[0] == outs[1]
-        assert (project / "one.db").read_bytes() == (project / "two.db").read_bytes()
 
-    def test_workers_leave_up_to_date_files_alone(self, project, capsys):
+        def index_both(summary_start):
+            outs = []
+            for jobs, db in (("1", "one.db"), ("2", "two.db")):
+                code, out, err = run(capsys, "index", "-j", jobs, "--db", db)
+                assert code == 0 and err == "" and out.startswith(summary_start)
+                outs.append(out.split(", in ")[0])
+            assert outs[0] == outs[1]
+            assert (project / "one.db").read_bytes() == (project / "two.db").read_bytes()
+
+        index_both("Indexed 23 files: ")
+        assert len(replayed) == 23
         # The workers start on every file before the writer knows which are
         # up to date; what it doesn't want of theirs is dropped.
-        for i in range(20):
-            (project / "pkg" / f"mod{i}.py").write_text(SHAPES.replace("Shape", f"Shape{i}"))
-        for jobs, db in (("1", "one.db"), ("2", "two.db")):
-            assert run(capsys, "index", "-j", jobs, "--db", db)[0] == 0
         changed = project / "pkg" / "mod13.py"
         changed.write_text(SHAPES.replace("Shape", "Changed"))
         os.utime(changed, (1e9, 1e9))
-        outs = []
-        for jobs, db in (("1", "one.db"), ("2", "two.db")):
-            code, out, _ = run(capsys, "index", "-j", jobs, "--db", db)
-            assert code == 0 and out.startswith("Indexed 1 files: ")
-            outs.append(out.split(", in ")[0])
-        assert outs[0] == outs[1]
-        assert (project / "one.db").read_bytes() == (project / "two.db").read_bytes()
+        index_both("Indexed 1 files: ")
 
     def test_a_worker_that_dies_fails_only_the_file_it_was_scanning(self, project, capsys,
                                                                       monkeypatch):
@@ -552,13 +545,23 @@ class TestUnsoundDatabases:
 
     def test_a_reader_checks_the_whole_file_only_after_it_changed(self, indexed_db, capsys):
         """A reader trusts the file as a writer of ours left it (same size,
-        change time and inode); any other change makes it check every page
-        and row again."""
+        change time and inode) with no write-ahead log beside it; any other
+        change, or a log a writer at work or stopped left, makes it check
+        every page and row again."""
         before = indexed_db.stat()
         damage("UPDATE records SET type_equivs = 'text'")(indexed_db)
         assert indexed_db.stat().st_size == before.st_size
         os.utime(indexed_db, ns=(before.st_atime_ns, before.st_mtime_ns))
         assert run(capsys, "stats")[0] == 0         # left as verified: not read whole
+        writer = sqlite3.connect(indexed_db)        # its commit stays in the log while it is open
+        writer.execute("UPDATE records SET type_equivs = 'still text'")
+        writer.commit()
+        try:
+            assert indexed_db.stat().st_mtime_ns == before.st_mtime_ns
+            code, _, err = run(capsys, "stats")
+        finally:
+            writer.close()
+        assert code == cli.kExitDatabase and "wrong kind" in err
         os.utime(indexed_db)
         code, _, err = run(capsys, "stats")
         assert code == cli.kExitDatabase and "wrong kind" in err

@@ -300,16 +300,6 @@ class TestUnusableFiles:
         assert rebuilt.CountScopeInfoRecords(Scope(a, "")) < 0
         assert CInfoCache(db_path=db).fDatabaseMessage is None  # the current version now
 
-    def test_a_newer_schema_is_refused_naming_the_version_and_kept(self, tmp_path):
-        db, a = one_record_db(tmp_path)
-        with sqlite3.connect(db) as conn:
-            conn.execute(f"PRAGMA user_version={kSchemaVersion + 1}")
-        before = db.read_bytes()
-        for read_only in (False, True):
-            with pytest.raises(CInfoDatabaseError, match=f"reads schema version {kSchemaVersion + 1}"):
-                CInfoCache(db_path=None).OpenDatabase(str(db), read_only=read_only)
-        assert db.read_bytes() == before
-
     def test_a_database_of_another_program_is_reported_and_kept(self, tmp_path):
         db = tmp_path / "other.db"
         with sqlite3.connect(db) as conn:

@@ -76,15 +76,6 @@ class TestKinds:
         assert kinds == [ll.kTry, ll.kExcept, ll.kElseBeginning, ll.kFinally, ll.kIfBeginning,
                          ll.kElifBeginning, ll.kMatch, ll.kCase, ll.kCase]
 
-    def test_kind_constants_differ(self):
-        names = [n for n in dir(ll) if n.startswith("k") and isinstance(getattr(ll, n), str)
-                 and not n.startswith("kErrorToken")]
-        values = [getattr(ll, n) for n in names]
-        assert len(set(values)) == len(values) >= 37
-        assert ll.kStartKeywords["if"] == ll.kIfBeginning
-        assert ll.kTokenBytesById[50] == b"@" and ll.kTokenBytesById[26] == b"{"
-        assert ll.kErrorTokenPrefixBytes == ll.kErrorTokenPrefix.encode()
-
 
 class TestJoining:
     def test_brackets_and_continuations_join_lines(self):
@@ -203,13 +194,6 @@ if True:
 async def f():
     y = 2
 """
-
-    def test_indexes_and_normalised_names(self):
-        defs = [(l.fScopeName, l.fLocalScopeName) for l in logicals(self.SRC)
-                if l.fType in (ll.kClassDef, ll.kFunctionDef)]
-        assert defs == [("", "C|0"), ("C", "f|0"), ("C", "f|1"), ("C.f|1", "g|0"),
-                        ("C", "D|0"), ("C.D", "f|0"), ("", "f|0"), ("", "f|1"), ("", "C|1"),
-                        ("", "f|2")]
 
     def test_body_statements_and_comments(self):
         scope_of = {tuple(l.fToks[:2]): l.fScopeName for l in logicals(self.SRC)}

@@ -27,13 +27,6 @@ def make_scope(name="pkg.mod.f"):
 STATE_FORMAT = "Scan state changed to %s for %r scope: %r scan: %r"
 
 
-class TestStates:
-    def test_states_compare_by_identity_not_by_name(self):
-        twin = ss.CNamedConstant("finished")
-        assert repr(twin) == "finished"
-        assert twin != ss.kFinishedScanning
-
-
 class TestScannerBase:
     def test_constructor_fields_and_first_log_line(self):
         log = RawLogger()
@@ -161,17 +154,6 @@ class TestStatistics:
     def stats_off_afterwards(self):
         yield
         ss._DbgSetScanStats(None)
-
-    def test_off_by_default_and_turned_off_by_none(self):
-        assert ss._gDbgScanStats is None
-        stats = {}
-        ss._DbgSetScanStats(stats)
-        assert ss._gDbgScanStats is stats
-        assert ss._gDbgSeenCalled == set() and ss._gDbgSeenArgs == set()
-        assert ss._gDbgSeenCalled is not ss._gDbgSeenArgs
-        ss._DbgSetScanStats(None)
-        assert ss._gDbgScanStats is None
-        assert ss._gDbgSeenCalled is None and ss._gDbgSeenArgs is None
 
     def test_duplicate_keys_are_counted(self):
         stats = {}

@@ -8,19 +8,13 @@ import pytest
 
 from basekit.location import CLocalFileLocation
 from pysource import _fastaccess, prefs, scopeinfo, scopescanner as ss, symbolinfo as si
-from managerutil import installed_manager
+from managerutil import installed_manager, scan_mgr as mgr  # noqa: F401 (a fixture)
 from pysource.coordinator import CScanCoordinator, _CFileJob
 from scanutil import counter_clock, primary_scan
 from secondaryutil import (FakeDetails, FakeDetailsStore, add_record, called, def_single,
                            bare_name, install_engine, kForever, scan_until_final, write_project)
 
 kPast = 0.0
-
-
-@pytest.fixture
-def mgr():
-    with installed_manager(editor=False) as mgr:
-        yield mgr
 
 
 @pytest.fixture
@@ -40,6 +34,17 @@ def make_scanner(mgr):
     yield make
     for scanner in made:
         scanner.destroy()
+
+
+@pytest.fixture
+def blank(mgr, locs, make_scanner):
+    """A scanner of app.py's module with an empty record."""
+    return make_scanner(add_record(mgr, locs["app.py"], "", {}))
+
+
+@pytest.fixture
+def ctx(mgr):
+    return mgr.fInferenceEngine._fNativeEngine.NewContext(kForever, True)
 
 
 @pytest.fixture
@@ -64,14 +69,13 @@ def arg_key(i):
 # The item loop
 
 
-def test_empty_scope_finishes_without_reading_the_clock(mgr, locs, make_scanner):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
+def test_empty_scope_finishes_without_reading_the_clock(mgr, locs, blank):
     with counter_clock() as clock:
-        assert scanner.Scan(5.0) is ss.kFinishedScanning
+        assert blank.Scan(5.0) is ss.kFinishedScanning
         assert clock.now == 0
         # Scan after finishing runs the empty loop and saves again.
-        assert scanner.Scan(5.0) is ss.kFinishedScanning
-    assert scanner.fScanState is ss.kFinishedScanning
+        assert blank.Scan(5.0) is ss.kFinishedScanning
+    assert blank.fScanState is ss.kFinishedScanning
 
 
 def test_items_run_from_the_end_and_a_past_deadline_gives_one_final_try(mgr, locs, make_scanner,
@@ -164,9 +168,8 @@ def test_recursive_scan_is_refused(mgr, locs, make_scanner):
      [("a", b"x"), ("n", b"1"), ("n", b"2"), ("z", b"y")]),
     ([("n", b"f(a;b);c")], [("n", b"f(a;b)"), ("n", b"c")]),
 ])
-def test_expand_info_pair_list(mgr, locs, make_scanner, items, expanded):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
-    scanner.ExpandInfoPairList(items)
+def test_expand_info_pair_list(mgr, locs, blank, items, expanded):
+    blank.ExpandInfoPairList(items)
     assert items == expanded
 
 
@@ -205,10 +208,8 @@ def test_derived_record_bound(mgr, locs, make_scanner, count, made, lines):
     (True, frozenset({0}), (1, None)),
     (True, frozenset({1, 3}), (1, frozenset({0, 2}))),
 ])
-def test_derived_entry_for_def(mgr, locs, make_scanner, lib_f, bound, hinted, tail):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
-    ctx = mgr.fInferenceEngine._fNativeEngine.NewContext(kForever, True)
-    entry = scanner._DerivedEntryForDef(si.Scope(locs["lib.py"], "f"), hinted, bound, ctx)
+def test_derived_entry_for_def(mgr, locs, blank, ctx, lib_f, bound, hinted, tail):
+    entry = blank._DerivedEntryForDef(si.Scope(locs["lib.py"], "f"), hinted, bound, ctx)
     assert entry[0].key.for_scope == si.Scope(locs["lib.py"], "f")
     assert entry[1:] == tail
 
@@ -243,10 +244,8 @@ def test_global_and_nonlocal_items(mgr, tmp_path, make_scanner):
     ('"x"', b"str"), ('u"x"', b"str"), ("[]", b"list"), ("()", b"tuple"), ("{}", b"dict"),
     ("{1: 2}", b"dict"), ("{1}", b"set"), ("k=1", None),
 ])
-def test_argument_literal_classification(mgr, locs, make_scanner, arg, expected):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
-    ctx = mgr.fInferenceEngine._fNativeEngine.NewContext(kForever, True)
-    got = scanner._GetArgInfoBytesList(called(arg), ctx)
+def test_argument_literal_classification(mgr, locs, blank, ctx, arg, expected):
+    got = blank._GetArgInfoBytesList(called(arg), ctx)
     assert got == [None if expected is None else si.BuildLiteralInfo(expected, None)]
 
 
@@ -278,21 +277,18 @@ def test_name_arguments_lazy_or_resolved(mgr, locs, make_scanner, lib_f):
     assert got == si.PrefixWithLocationAndScope(lib_f.ibytes, locs["lib.py"], "")
 
 
-def test_reduced_resolved_is_sorted_whatever_the_order(mgr, locs, make_scanner):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
+def test_reduced_resolved_is_sorted_whatever_the_order(mgr, locs, blank):
     singles = [si.CSingleResolvedInfo(si.BuildLiteralInfo(name, None), si.Scope(locs["app.py"], ""))
                for name in (b"str", b"int")]
-    both = scanner._GetInfoBytesForReducedResolved(frozenset(singles))
+    both = blank._GetInfoBytesForReducedResolved(frozenset(singles))
     assert both == b";".join(sorted(s.ibytes for s in singles))
-    assert scanner._GetInfoBytesForReducedResolved(frozenset(reversed(singles))) == both
+    assert blank._GetInfoBytesForReducedResolved(frozenset(reversed(singles))) == both
 
 
-def test_used_args_shift_past_self_and_skip_hinted(mgr, locs, make_scanner, lib_f):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
-    ctx = mgr.fInferenceEngine._fNativeEngine.NewContext(kForever, True)
-    entry = scanner._DerivedEntryForDef(si.Scope(locs["lib.py"], "f"), frozenset({2}), True, ctx)
-    scanner._AddInfoForUsedArgs([entry], [b"a", b"b", None], ctx)
-    assert set(derived_of(scanner, locs["lib.py"], "f")) == {arg_key(1)}
+def test_used_args_shift_past_self_and_skip_hinted(mgr, locs, blank, ctx, lib_f):
+    entry = blank._DerivedEntryForDef(si.Scope(locs["lib.py"], "f"), frozenset({2}), True, ctx)
+    blank._AddInfoForUsedArgs([entry], [b"a", b"b", None], ctx)
+    assert set(derived_of(blank, locs["lib.py"], "f")) == {arg_key(1)}
     assert ss._FullyHintedArgIndexes([entry, entry]) == frozenset({1})
     assert ss._FullyHintedArgIndexes([entry, (entry[0], 0, None)]) is None
 
@@ -323,9 +319,8 @@ def test_called_name_memo_and_a_python_override(mgr, locs, make_scanner, lib_f):
 @pytest.mark.parametrize("text, plain", [
     ("a", True), ("a.b", True), ("a[0]", False), ("g()", False), ("x=1", False), ("", False),
 ])
-def test_plain_dotted_names(mgr, locs, make_scanner, text, plain):
-    scanner = make_scanner(add_record(mgr, locs["app.py"], "", {}))
-    assert scanner._IsPlainDottedName(text) is plain
+def test_plain_dotted_names(mgr, locs, blank, text, plain):
+    assert blank._IsPlainDottedName(text) is plain
 
 
 def test_attribute_set_on_class_instance_and_module(mgr, locs, make_scanner):

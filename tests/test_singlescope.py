@@ -11,10 +11,15 @@ from managerutil import fresh_remote, installed_manager
 from scanutil import counter_clock, local_file, record_of, scan_to_end, kForever
 
 
+_made = []
+
+
 @pytest.fixture
 def mgr():
     with installed_manager(editor=True) as mgr:
         yield mgr
+        while _made:
+            _made.pop().destroy()
 
 
 def open_file(mgr, tmp_path, text, name="mod.py"):
@@ -23,8 +28,14 @@ def open_file(mgr, tmp_path, text, name="mod.py"):
     return loc, ana
 
 
+def new(loc, name, **kwargs):
+    """A scanner of scope `name` of `loc`, destroyed with the test's manager."""
+    _made.append(ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, name), **kwargs))
+    return _made[-1]
+
+
 def scan(loc, name, **kwargs):
-    scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, name), **kwargs)
+    scanner = new(loc, name, **kwargs)
     state, _ = scan_to_end(scanner)
     assert state is ss.kFinishedScanning
     return scanner
@@ -50,7 +61,6 @@ class TestStandalone:
         assert info["__builtins__"] == si.BuildLiteralInfo(b"dict", None) + b";" + si.kSetPrefix + b"-1"
         assert info["__file__"] == si.BuildLiteralInfo(b"str", None) + b";" + si.kSetPrefix + b"-1"
         assert scanner.fEntireScopeScanned
-        scanner.destroy()
 
     def test_no_analysis_gives_a_not_found_record(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "def f():\n    pass\n")
@@ -59,25 +69,22 @@ class TestStandalone:
         assert scanner.fInfo.ibytes == b"" and dict(scanner.fInfo.type_equivs) == {}
         assert scanner.fInfo.not_found
         assert scanner.SaveToInfoCache() == scopeinfo.kAddDiscarded
-        scanner.destroy()
 
     def test_missing_file_has_no_analysis(self, mgr, tmp_path):
         loc = CLocalFileLocation(str(tmp_path / "absent.py"))
         scanner = scan(loc, "f")
         assert scanner.fFileDoesntExist and scanner._fNotFound
         assert scanner._CSingleScopePrimaryScanner__fAnalysis is None
-        scanner.destroy()
 
     def test_unknown_scope_is_not_found(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "def f():\n    pass\n")
         scanner = scan(loc, "g")
         assert scanner._fNotFound and scanner.fScopeDef is None
         assert scanner.fDecoratorLogicals is None
-        scanner.destroy()
 
     def test_waits_for_remote_content(self, mgr):
         loc = fresh_remote("single")
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
+        scanner = new(loc, "f")
         assert scanner.Scan(kForever) is ss.kWaitingForData
         assert scanner.Scan(kForever) is ss.kWaitingForData
         loc.SetContent("def f(a):\n    return a\n", 9.0)
@@ -86,7 +93,6 @@ class TestStandalone:
         assert scan_to_end(scanner)[0] is ss.kFinishedScanning
         assert scanner.fInfo.ibytes.startswith(si.kFunctionPrefix)
         assert scanner.fInfo.disk_mtime == 9.0
-        scanner.destroy()
 
     def test_every_clock_reading_makes_progress(self, mgr, tmp_path):
         text = "def f(a, b):\n    x = a\n    y = b\n    z = x + y\n    return z\n"
@@ -106,14 +112,12 @@ class TestStandalone:
     def test_save_before_the_end_is_discarded(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "x = 1\n")
         incomplete = {"x"}
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""),
-                                                incomplete_scope_set=incomplete)
+        scanner = new(loc, "", incomplete_scope_set=incomplete)
         assert scanner.SaveToInfoCache(True) == scopeinfo.kAddDiscarded
         assert incomplete == {"x"}
         scan_to_end(scanner)
         assert scanner.SaveToInfoCache(True) != scopeinfo.kAddDiscarded
         assert mgr.fInfoCache.GetScopeInfo(si.NormalizedScope(loc, "")) is not None
-        scanner.destroy()
 
 
 class TestDefiningLogical:
@@ -195,7 +199,7 @@ class TestBody:
 
     def test_subscript_under_its_base_directly(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "x = 1\n")
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""))
+        scanner = new(loc, "")
         add = scanner._CSingleScopePrimaryScanner__AddPerName
         names = {}
         add(names, "a[b[0]]", b"v")
@@ -207,7 +211,6 @@ class TestBody:
                          "e[1]": {b"v"}, "e[]": {b"v"}}
         with pytest.raises(AssertionError, match="name is None for"):
             add(names, None, b"v")
-        scanner.destroy()
 
     def test_two_defs_of_one_name(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "def f():\n    pass\ndef f(a):\n    pass\n")
@@ -231,7 +234,6 @@ class TestBody:
         assert not body[0].fParsed
         assert scanner._CSingleScopePrimaryScanner__fNotParsedCount == 0
         assert scanner.fEntireScopeScanned and not scanner.fInfo.incomplete
-        scanner.destroy()
 
     def test_unparsable_logical_makes_the_record_incomplete(self, mgr, tmp_path):
         loc, ana = open_file(mgr, tmp_path, "def f():\n    x = = 1\n")
@@ -241,7 +243,6 @@ class TestBody:
         assert ana.GetParseErrors()
         scanner.SaveToInfoCache()
         assert incomplete == {"f"}
-        scanner.destroy()
 
 
 class FakeAnalyzer:
@@ -269,10 +270,9 @@ class TestWithFakeAnalyzer:
     def test_argument_pairs_must_be_a_tuple(self, mgr, tmp_path):
         mgr.fLogicalAnalyzer = FakeAnalyzer({"def": ([], [(b"a", si.kSetPrefix)], True)})
         loc, _ = open_file(mgr, tmp_path, "def f(a):\n    pass\n")
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
+        scanner = new(loc, "f")
         with pytest.raises(TypeError, match="tuple of pairs"):
             scan_to_end(scanner)
-        scanner.destroy()
 
     def test_first_in_def_and_kinds_folded(self, mgr, tmp_path):
         hint = si.kTypeHintPrefix + b"int"
@@ -339,11 +339,10 @@ class TestDefinitionInfo:
         loc, ana = open_file(mgr, tmp_path,
                              "@a.b\n@c(1)\n@_\n@_cache\n@__x._SpecialForm\ndef f():\n    pass\n")
         assert ana.UpdateFromCache()
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, "f"))
+        scanner = new(loc, "f")
         logicals = ana.fLogicalCache._fLogicalList
         assert [scanner._FindDecoratorDottedName(l) for l in logicals[:5]] == [
             "a.b", None, "_", "_cache", "__x._SpecialForm"]
-        scanner.destroy()
         assert si.UnpackDefInfoStr(scan(loc, "f").fInfo.ibytes).decorators == [
             "__x._SpecialForm", "_cache", "_", "a.b"]
 
@@ -352,9 +351,8 @@ class TestFinalize:
     @pytest.fixture
     def finalize(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "x = 1\n")
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""))
+        scanner = new(loc, "")
         yield scanner._CSingleScopePrimaryScanner__FinalizeNameDict
-        scanner.destroy()
 
     def test_single_string_without_first_seen_is_kept(self, finalize):
         value = b":x" + b"payload"
@@ -384,7 +382,6 @@ class TestFinalize:
 
     def test_maps_that_are_not_dicts_are_type_errors(self, mgr, tmp_path):
         loc, _ = open_file(mgr, tmp_path, "x = 1\n")
-        scanner = ss.CSingleScopePrimaryScanner(si.NormalizedScope(loc, ""))
+        scanner = new(loc, "")
         with pytest.raises(TypeError, match="dict"):
             scanner._AddToFirstDict("x", "x")
-        scanner.destroy()

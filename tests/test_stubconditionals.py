@@ -6,7 +6,7 @@ import pytest
 from basekit.location import CLocalFileLocation
 from pysource import scopescanner as ss, symbolinfo as si
 
-from managerutil import installed_manager
+from managerutil import installed_manager, scan_mgr as mgr  # noqa: F401 (a fixture)
 from scanutil import local_file, scan_to_end
 
 STUB = '''\
@@ -34,12 +34,6 @@ if sys.version_info >= (3, 11); x:
     semi: int
 after: int
 '''
-
-
-@pytest.fixture
-def mgr():
-    with installed_manager(editor=False) as mgr:
-        yield mgr
 
 
 def module_names(mgr, tmp_path, text, name):
