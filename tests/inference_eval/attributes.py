@@ -281,22 +281,6 @@ def Delegated():
     Delegate(Rebound()).limit  # expect: int
 
 
-class Registry:
-    """An empty container an instance gets fills with what its methods put in."""
-
-    def __init__(self):
-        self.names = []
-        self.by_key = {}
-
-    def Register(self, name: str, size: int):
-        self.names.append(name)
-        self.by_key[name] = size
-
-
-Registry().names  # expect: list[str]
-Registry().by_key  # expect: dict[str, int]
-
-
 def _main():
     b.Grow()
     d.Grow()

@@ -438,10 +438,7 @@ ValueSet CEvaluator::Attribute(nb::handle single, std::string_view name) {
                     constructor_bound.emplace(*this, ClosureBindings(s->fClosure));
                 fClassMaps.emplace_back(UrlOf(k->loc), std::string(NameOf(k)), entry.map);
                 BindingChange class_mapped(*this);
-                // An empty container set here gets its items from what the
-                // methods put in (`self.items = []`, `self.items.append(x)`).
-                out.Merge(WithItemsFromUses(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2),
-                                            [&]() { return InstanceAttributeUseSites(entry.cls, name); }));
+                out.Merge(EntryValues(inst_scope, record, si::TextView(entry_bytes, "ibytes"), -2));
                 fClassMaps.pop_back();
                 class_mapped.Undone();
                 if (name == "__class__")

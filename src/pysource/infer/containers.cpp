@@ -229,32 +229,4 @@ ValueSet CEvaluator::WithItemsFromUses(const ValueSet &values, const std::functi
     return out;
 }
 
-std::vector<CEvaluator::UseSite> CEvaluator::InstanceAttributeUseSites(nb::handle cls, std::string_view name) {
-    std::vector<UseSite> sites;
-    si::CSingleResolvedInfo *k = Single(cls);
-    nb::object class_record = RecordOf(ScopeAt(k->loc, NameOf(k)));
-    if (class_record.is_none())
-        return sites;
-    for (auto [key, entry] : nb::borrow<nb::dict>(class_record.attr("type_equivs"))) {
-        for (std::string_view single : si::NonNestedSplit(si::TextView(entry, "ibytes"), ";")) {
-            std::string_view bare = si::BareSingle(single);
-            if (!si::IsDefKind(si::GetInfoBytesKind(bare)) || Stop())
-                continue;
-            const auto def = DefInfoOf(bare);
-            if (HasDecorator(*def, "staticmethod") || HasDecorator(*def, "classmethod"))
-                continue;
-            const auto params = KeptParamsOf(*def);
-            if (params->empty() || (*params)[0].star)
-                continue;
-            std::string method = si::JoinTwoScopeNames(NameOf(k), nb::cast<std::string>(key));
-            nb::object scope = ScopeAt(k->loc, method);
-            nb::object record = RecordOf(scope);
-            if (!record.is_none())
-                sites.push_back({scope, record, (*params)[0].name + "." + std::string(name), -1, -1});
-            break;  // one def of the name
-        }
-    }
-    return sites;
-}
-
 }  // namespace pysource::infer

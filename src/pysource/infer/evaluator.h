@@ -1054,9 +1054,6 @@ private:
     // are unknown given those that the uses at `sites_of()` pass its methods
     // (`x.append(1)`, `x[k] = v`).
     ValueSet WithItemsFromUses(const ValueSet &values, const std::function<std::vector<UseSite>()> &sites_of);
-    // Where the methods of class `cls` use the instance attribute `name`
-    // (`self.items.append(x)` in any method, through its first parameter).
-    std::vector<UseSite> InstanceAttributeUseSites(nb::handle cls, std::string_view name);
 
     // Instances that act on the arguments of their call (keptcalls.cpp).
     // Which kind of call-keeping class `cls` is (0 for none).
