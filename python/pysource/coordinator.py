@@ -370,10 +370,13 @@ class CScanCoordinator:
     def _NoteFileToFinder(self, loc):
         """A file queued from outside may be new: imports that found nothing
         are looked up again."""
-        finder = getattr(self.fAnalysisMgr.fInferenceEngine._fNativeEngine, "fModuleFinder", None)
+        finder = getattr(self._Engine(), "fModuleFinder", None)
         note = getattr(finder, "NoteFile", None)
         if note is not None:
             note(loc)
+
+    def _Engine(self):
+        return self.fAnalysisMgr.fInferenceEngine._fNativeEngine
 
     def _Enqueue(self, job):
         self._fJobs[job.loc] = job
@@ -554,8 +557,18 @@ class CScanCoordinator:
         self._DropDerivedScanner(job)
         del self._fDerived[job.loc]
         self._fDerivedDone += 1
+        self._ForgetKeptAnswers()
         if not self._fDerived:
             self._ReportDerivedProgress(None)
+
+    def _ForgetKeptAnswers(self):
+        """What the engine kept from the requests of a finished derived scan
+        goes: the next file's requests read mostly other scopes, and kept
+        answers held from file to file grow with the project up to the
+        engine's bound on entries (tens of megabytes) before any goes."""
+        forget = getattr(self._Engine(), "ForgetKeptAnswers", None)
+        if forget is not None:
+            forget()
 
     def _DropDerivedScanner(self, job):
         if job.scanner is not None:

@@ -417,8 +417,10 @@ kStubFilesKept = 32
 kPendingReadsKept = 4
 # Files whose worked-out structures outlast their logicals: plain tuples,
 # which the collector stops walking, and asked for again by every engine
-# that starts without its kept answers.
-kStructuresKept = 1024
+# that starts without its kept answers (a derived pass starts each file so).
+# A file's structures take tens of kilobytes: the files a scan reaches again
+# soon, not every file of a large project, or memory grows with the project.
+kStructuresKept = 256
 
 
 _kNotKept = object()

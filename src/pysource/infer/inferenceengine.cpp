@@ -1,5 +1,7 @@
 #include "pysource/infer/inferenceengine.h"
 
+#include <nanobind/stl/string.h>
+
 #include <cmath>
 
 #include "pysource/infer/canonicalize.h"
