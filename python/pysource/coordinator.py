@@ -469,7 +469,12 @@ class CScanCoordinator:
         changed = set(changed_locs)
         info_cache = self.fAnalysisMgr.fInfoCache
         affected = set()
-        for loc in info_cache.GetLocations():
+        locs = info_cache.GetLocations()
+        # Records of derived scans not done (none yet, or a run stopped
+        # midway) need no look: those scans run anyway.
+        if not any(self.fDerivedScanName in info_cache.GetScansDone(loc) for loc in locs):
+            locs = ()
+        for loc in locs:
             for name in info_cache.GetScopesForLoc(loc):
                 for record in info_cache.GetScopeInfoRecords(symbolinfo.Scope(loc, name)):
                     if record.key.scan_name != self.fDerivedScanName:
@@ -477,6 +482,8 @@ class CScanCoordinator:
                     seen = record.scopes_seen or ()
                     if any(scope.loc in changed for scope in seen):
                         affected.add(record.key.scanned_scope.loc)
+            # The records read back go again: the walk reads the whole index.
+            info_cache.Trim()
         for loc, job in self._fDerived.items():
             if job.scanner is not None and job.scanner.DependsOnLocs(changed, loc):
                 affected.add(loc)
