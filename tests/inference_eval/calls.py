@@ -259,6 +259,9 @@ Forward("a", 1)[0]  # expect: str
 Forward("a", 1)[1]  # expect: int
 ForwardAfter(1.5, b"x")[1]  # expect: bytes
 Pair(*(1, "b"))[1]  # expect: str
+PAIR_ARGS = (2.5, b"y")
+Pair(*PAIR_ARGS)[1]  # expect: bytes
+Pair(*[1, "c"])[1]  # expect: str
 
 
 # `**kwargs` passed on gives the callee the keywords the call passed, by name;

@@ -963,18 +963,21 @@ bool CEvaluator::CallArguments(const Tree &tree, const Node &n, const std::funct
         } else if (k.kind == NodeKind::kDoubleStarred && KeywordsOfDisplay(value_of(tree.Kid(k, 0)), kwargs)) {
             continue;
         } else if (k.kind == NodeKind::kStarred || k.kind == NodeKind::kDoubleStarred) {
-            // `*t` of a tuple whose positions are known passes them one by
-            // one: a tuple display, or a name a call binds (`*args` passed on).
-            // (Other names aren't read: what all callers pass is rarely one tuple.)
-            std::vector<nb::object> positions;
+            // `*t` passes one by one the items of one tuple whose positions
+            // are known (a display, a name set to one, `*args` passed on), or
+            // of a list display written there; a list a name holds may have
+            // grown since its display.
+            std::vector<ValueSet> items;
             std::int32_t inner = k.kind == NodeKind::kStarred ? tree.Kid(k, 0) : -1;
             const Node *in = inner >= 0 ? &tree.nodes[(std::size_t) inner] : nullptr;
-            if (in && (in->kind == NodeKind::kTuple ||
-                       (scope && in->kind == NodeKind::kName && BoundValuesOf(scope, TokText(tree, in->aux))))) {
+            if (in && (in->kind == NodeKind::kTuple || in->kind == NodeKind::kList || in->kind == NodeKind::kName)) {
                 ValueSet star = value_of(inner);
-                if (star.Size() == 1 && TuplePositions(star.Items()[0], positions)) {
+                std::vector<nb::object> positions;
+                if (star.Size() == 1 && (in->kind == NodeKind::kList ? ItemsByPosition(star.Items()[0], items)
+                                                                       : TuplePositions(star.Items()[0], positions))) {
                     for (const nb::object &position : positions)
-                        args.push_back(ValueSet::FromIterable(position));
+                        items.push_back(ValueSet::FromIterable(position));
+                    args.insert(args.end(), items.begin(), items.end());
                     continue;
                 }
             }
