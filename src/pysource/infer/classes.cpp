@@ -67,9 +67,9 @@ bool IsPlainDecorator(std::string_view text) {
 
 }  // namespace
 
-bool HasDecorator(const si::DefInfo &def, std::string_view name) {
-    for (const std::string &d : def.decorators) {
-        std::string_view text = d;
+bool NamesDecorator(const std::vector<std::string> &decorators, std::string_view name) {
+    for (const std::string &d : decorators) {
+        std::string_view text = si::StripSpaces(std::string_view(d).substr(0, d.find('(')));
         std::size_t dot = text.rfind('.');
         std::string_view leaf = dot == std::string_view::npos ? text : text.substr(dot + 1);
         if (leaf == name)
@@ -741,11 +741,9 @@ nb::object CEvaluator::DictCallItems(const std::vector<ValueSet> &args,
     if (args.size() == 1) {
         if (args[0].Size() != 1)
             return nb::none();
-        nb::handle display = Single(args[0].Items()[0])->fDisplayItems;
-        if (display.is_none() || !PyTuple_Check(display.ptr()) || PyTuple_GET_SIZE(display.ptr()) == 0 ||
-            !PyTuple_Check(PyTuple_GET_ITEM(display.ptr(), 0)))
+        if (!HoldsDictDisplay(args[0].Items()[0]))
             return nb::none();
-        for (nb::handle pair : display)
+        for (nb::handle pair : Single(args[0].Items()[0])->fDisplayItems)
             items.emplace_back(std::string(si::TextView(pair[0], "display key")), nb::borrow(pair[1]));
     }
     for (const auto &[name, values] : kwargs) {

@@ -1160,11 +1160,7 @@ ValueSet CEvaluator::EvalSubscript(const Tree &tree, const Node &n, const Frame 
             }
             // A dict display that has no such key: an unpacking of its keys
             // (`a, b = {"k": 1, "j": 2}`), as a subscript would raise.
-            nb::handle display = v->fDisplayItems;
-            bool dict_display = !display.is_none() && PyTuple_Check(display.ptr()) &&
-                                PyTuple_GET_SIZE(display.ptr()) > 0 &&
-                                PyTuple_Check(PyTuple_GET_ITEM(display.ptr(), 0));
-            if (dict_display || (!cls.is_none() &&
+            if (HoldsDictDisplay(value) || (!cls.is_none() &&
                                  ClassAttribute(cls, "__getitem__", value, MapOfInstance(value), true).Empty())) {
                 ValueSet one;
                 one.Add(value);
@@ -1364,13 +1360,6 @@ bool CEvaluator::NamedTupleFields(nb::handle cls, std::vector<nb::object> &posit
 
 namespace {
 
-// Whether a class decorator is `dataclass`, called or not, by any dotted path.
-bool IsDataclassDecorator(std::string_view text) {
-    text = si::StripSpaces(text.substr(0, text.find('(')));
-    std::size_t dot = text.rfind('.');
-    return (dot == std::string_view::npos ? text : text.substr(dot + 1)) == "dataclass";
-}
-
 bool IsClassVarHint(std::string_view single) {
     std::string_view bare = si::BareSingle(single);
     if (si::GetInfoBytesKind(bare) != si::kTypeHintKind)
@@ -1399,7 +1388,7 @@ bool CEvaluator::AnnotatedFields(nb::handle cls, std::vector<std::pair<std::stri
             if (si::GetInfoBytesKind(own) != si::kClassKind)
                 continue;
             const auto info = ClassInfoOf(own);
-            if (std::none_of(info->decorators.begin(), info->decorators.end(), IsDataclassDecorator))
+            if (!NamesDecorator(info->decorators, "dataclass"))
                 continue;  // (a base that isn't a dataclass adds no fields)
             generates = true;
         }
@@ -1577,6 +1566,12 @@ std::optional<std::string> CEvaluator::ConstantKey(const ValueSet &values) {
     if (si::GetInfoBytesKind(bare) != si::kTypedLiteralKind || !si::UnpackLiteralInfo(bare).value)
         return std::nullopt;
     return std::string(bare);
+}
+
+bool HoldsDictDisplay(nb::handle single) {
+    nb::handle display = Single(single)->fDisplayItems;
+    return !display.is_none() && PyTuple_Check(display.ptr()) && PyTuple_GET_SIZE(display.ptr()) > 0 &&
+           PyTuple_Check(PyTuple_GET_ITEM(display.ptr(), 0));
 }
 
 std::optional<ValueSet> CEvaluator::DisplayItem(nb::handle single, const ValueSet &index) {

@@ -165,8 +165,14 @@ struct Param {
     bool keyword_only = false;
 };
 std::vector<Param> ParamsOf(const symbolinfo::DefInfo &def);
-// Whether a def carries the decorator `name` (by its last dotted part).
-bool HasDecorator(const symbolinfo::DefInfo &def, std::string_view name);
+// Whether decorators name `name` (by the last dotted part, called or not).
+bool NamesDecorator(const std::vector<std::string> &decorators, std::string_view name);
+// Whether a def carries the decorator `name` (NamesDecorator).
+inline bool HasDecorator(const symbolinfo::DefInfo &def, std::string_view name) {
+    return NamesDecorator(def.decorators, name);
+}
+// Whether a value's display items are a dict display's (key, value) pairs.
+bool HoldsDictDisplay(nb::handle single);
 // Whether a scope name names a class that a call made (MadeClass).
 bool IsMadeClassScopeName(std::string_view name);
 
@@ -711,6 +717,9 @@ private:
     nb::object MadeClassRecord(nb::handle loc, std::string_view scope_name);
     // The base class of a class a call made (None when not held).
     nb::object MadeClassBase(nb::handle loc, std::string_view scope_name);
+    // The memo's (record, base) of a made class, by "url|scope name".
+    const std::pair<nb::object, nb::object> *MadeClassOf(nb::handle loc, std::string_view scope_name);
+    std::string MadeClassKey(nb::handle loc, std::string_view scope_name);
     // The fields a class makes of the names its bodies annotate (a
     // NamedTuple's, a dataclass's; not ClassVars), bases first, each with
     // what its annotation says; false for other classes.

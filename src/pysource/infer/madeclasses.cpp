@@ -109,13 +109,10 @@ std::optional<std::vector<std::pair<std::string, std::string>>> NamesWritten(con
     return names;
 }
 
-// A number for the body's text, the same in every run: different bodies
-// make different classes even where a call's text is edited in place.
+// A number for the body's text: different bodies make different classes
+// even where a call's text is edited in place.
 long BodyNumber(std::string_view body) {
-    std::uint64_t hash = 1469598103934665603ull;
-    for (unsigned char ch : body)
-        hash = (hash ^ ch) * 1099511628211ull;
-    return kMadeClassIndex + (long) (hash % (std::uint64_t) kMadeClassIndexSpan);
+    return kMadeClassIndex + (long) (HashText(body) % (std::size_t) kMadeClassIndexSpan);
 }
 
 std::string Lowered(std::string text) {
@@ -179,7 +176,7 @@ ValueSet CEvaluator::MadeClass(const Tree &tree, const pgen::Node &n, const Fram
     std::string scope_name = si::JoinTwoScopeNames(where, si::AppendScopeIndex(*class_name, BodyNumber(text)));
     nb::object loc = ScopeLoc(frame.scope);
     std::string own = si::PackClassInfo(scope_name, si::OptView(), si::OptView("(" + std::string(NameOf(Single(base))) + ")"), {});
-    std::string key = UrlOf(loc) + "|" + scope_name;
+    std::string key = MadeClassKey(loc, scope_name);
     if (!fMemo.made_classes.count(key)) {
         nb::object scope = MakeScope(loc, scope_name);
         auto record_key = nb::ref<CScopeInfoKey>(new CScopeInfoKey(scope, nb::str(fPrimaryScanName.c_str()), scope));
@@ -192,16 +189,27 @@ ValueSet CEvaluator::MadeClass(const Tree &tree, const pgen::Node &n, const Fram
     return out;
 }
 
+std::string CEvaluator::MadeClassKey(nb::handle loc, std::string_view scope_name) {
+    std::string key = UrlOf(loc);
+    key.append("|").append(scope_name);
+    return key;
+}
+
+const std::pair<nb::object, nb::object> *CEvaluator::MadeClassOf(nb::handle loc, std::string_view scope_name) {
+    auto made = fMemo.made_classes.find(MadeClassKey(loc, scope_name));
+    return made == fMemo.made_classes.end() ? nullptr : &made->second;
+}
+
 nb::object CEvaluator::MadeClassRecord(nb::handle loc, std::string_view scope_name) {
     if (!IsMadeClassScopeName(scope_name))
         return nb::object();
-    auto made = fMemo.made_classes.find(UrlOf(loc) + "|" + std::string(scope_name));
-    return made == fMemo.made_classes.end() ? nb::none() : made->second.first;
+    const auto *made = MadeClassOf(loc, scope_name);
+    return made ? made->first : nb::none();
 }
 
 nb::object CEvaluator::MadeClassBase(nb::handle loc, std::string_view scope_name) {
-    auto made = fMemo.made_classes.find(UrlOf(loc) + "|" + std::string(scope_name));
-    return made == fMemo.made_classes.end() ? nb::none() : made->second.second;
+    const auto *made = MadeClassOf(loc, scope_name);
+    return made ? made->second : nb::none();
 }
 
 }  // namespace pysource::infer
